@@ -1,0 +1,11 @@
+# Compiler and linker flags of every target: the warnings of the gate, hardening, sanitizers.
+add_compile_options(-Wall -Wextra -Wshadow -Wconversion -Werror)
+add_compile_options(-fstack-protector-strong $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+add_link_options(-Wl,-z,relro -Wl,-z,now)
+
+if(KEYVIEW_SANITIZE)
+    add_compile_options(-fsanitize=${KEYVIEW_SANITIZE} -fno-omit-frame-pointer)
+    add_compile_options($<$<NOT:$<STREQUAL:${KEYVIEW_SANITIZE},thread>>:-fno-sanitize-recover=all>)
+    add_link_options(-fsanitize=${KEYVIEW_SANITIZE})
+    add_compile_definitions(KEYVIEW_SANITIZED)
+endif()

@@ -1,0 +1,110 @@
+// Loads the whole configuration of a database into one record, under one shared lock. Only the
+// database's key and its own name are mandatory here; what else is missing costs a report and
+// leaves a field empty.
+#include "keyview/database/record.h"
+
+#include "keyview/database/db_fetch.h"
+#include "platform/trcd.h"
+
+static int32_t make_record(db_fetch *fetch) {
+    auto *cfg = static_cast<prsr_cfg *>(fetch->alloc(sizeof(prsr_cfg)));
+    if (cfg == nullptr) return PRSR_ERR_MEMORY;
+    fetch->record.cfg = cfg;
+    cfg->constant_one = 1;
+    tmem_fill_tag(cfg, PRSR_CFG_TAG);
+    trcdprintf(fetch->ctx->trc, TRCD_PROGRESS,
+               "prsr_fetch_db_config:initialized memory for prsr_cfg");
+    return PRSR_SUCCESS;
+}
+
+static int32_t build_database_key(db_fetch *fetch, const char *dbname) {
+    prsr_ctx *ctx = fetch->ctx;
+    if (!prsr_alloc_name(ctx, FETCH_DB, dbname, &fetch->dbname)) return PRSR_ERR_MEMORY;
+    prsr_fold_name(dbname, &fetch->dbname);
+    trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config:length is %d",
+               static_cast<int>(DB_ROOT.size() + fetch->dbname.length + 2));
+    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_DB, 0, {DB_ROOT, fetch->dbname.element()},
+                        &fetch->db_key)) {
+        return PRSR_ERR_MEMORY;
+    }
+    trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: DB key is %s", fetch->db_key.text);
+    return PRSR_SUCCESS;
+}
+
+static int32_t open_database(db_fetch *fetch) {
+    const char *path = fetch->db_key.text;
+    const int32_t kv = fetch->key.open(path);
+    if (kv == KVTC_SUCCESS) return PRSR_SUCCESS;
+    if (kv == KVTC_ERR_KEY_NOT_FOUND) {
+        trcdprintf(fetch->ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: %s Key does not exist",
+                   path);
+        return PRSR_ERR_NO_DATABASE;
+    }
+    fetch->reader().report("kvtc_open_key", path, kv);
+    return PRSR_ERR_REGISTRY;
+}
+
+// Reads the database's own value straight into sp_name.
+static int32_t load_sp_name(db_fetch *fetch) {
+    const size_t length = fetch->dbname.length;
+    prsr_cfg *cfg = fetch->record.cfg;
+    cfg->sp_name = static_cast<char *>(fetch->alloc(length + 1));
+    if (cfg->sp_name == nullptr) return PRSR_ERR_MEMORY;
+    if (prsr_read_name_reported(fetch->reader(), fetch->db_key.text, fetch->key, cfg->sp_name,
+                                length) != KVTC_SUCCESS) {
+        return PRSR_ERR_REGISTRY;
+    }
+    trcdprintf(fetch->ctx->trc, TRCD_PROGRESS,
+               "prsr_fetch_db_config: Database service provider(sp) name is %s", cfg->sp_name);
+    fetch->key.close();
+    trcdprintf(fetch->ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: opened the DB key %s\n",
+               fetch->db_key.text);
+    return PRSR_SUCCESS;
+}
+
+static int32_t alloc_buffers(db_fetch *fetch) {
+    if (!prsr_alloc_path(fetch->ctx->trc, FETCH_DB, PATH_CAPACITY, &fetch->field_key))
+        return PRSR_ERR_MEMORY;
+    fetch->value_buffer.text = static_cast<char *>(fetch->alloc(VALUE_CAPACITY));
+    if (fetch->value_buffer.text == nullptr) return PRSR_ERR_MEMORY;
+    fetch->value.buffer = fetch->value_buffer.text;
+    // All keys below start with the database's, and only what follows it changes.
+    const std::string_view db_key = fetch->db_key.text;
+    return prsr_extend_path(&fetch->field_key, 0, {db_key}) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
+}
+
+bool prsr_build_db_field(db_fetch *fetch, prsr_elements elements) {
+    const size_t kept = DB_ROOT.size() + 1 + fetch->dbname.length;
+    return prsr_extend_path(&fetch->field_key, kept, elements);
+}
+
+// What is read under the lock, in the order that the trace shows.
+static int32_t load_database(db_fetch *fetch) {
+    static constexpr int32_t (*STEPS[])(db_fetch *) = {
+        open_database,        load_sp_name,           alloc_buffers,
+        prsr_load_db_strings, prsr_load_db_instances, prsr_load_db_services,
+        prsr_load_db_domain,  prsr_load_db_enabled,   prsr_load_db_env,
+    };
+    for (const auto step : STEPS) {
+        const int32_t rc = step(fetch);
+        if (rc != PRSR_SUCCESS) return rc;
+    }
+    return PRSR_SUCCESS;
+}
+
+int32_t prsr_fetch_db_config(void *status, prsr_ctx *ctx, const char *dbname,
+                             prsr_cfg **cfg) noexcept {
+    *cfg = nullptr;
+    if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
+
+    db_fetch fetch(status, ctx);
+    int32_t rc = make_record(&fetch);
+    if (rc != PRSR_SUCCESS) return rc;
+    rc = build_database_key(&fetch, dbname);
+    if (rc != PRSR_SUCCESS) return rc;
+    rc = prsr_lock_keyview(status, ctx, fetch.dbname.text(), LOCK_SHARED, &fetch.lock.token);
+    if (rc != PRSR_SUCCESS) return rc;
+    rc = load_database(&fetch);
+    if (rc == PRSR_SUCCESS) *cfg = fetch.record.take();
+    return rc;
+}

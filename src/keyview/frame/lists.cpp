@@ -1,0 +1,133 @@
+// The readers of subkeys and of their own values.
+#include "keyview/frame/lists.h"
+
+#include <string.h>
+
+#include "keyview/frame/memory.h"
+#include "keyview/frame/paths.h"
+#include "keyview/frame/registry.h"
+#include "platform/trcd.h"
+
+constexpr char SUBKEYS[] = "prsr_get_subkeys";
+constexpr char PRESERVED[] = "prsr_get_case_preserved_values";  // so the trace calls it
+
+// ---- Subkeys ------------------------------------------------------------------------------------
+
+namespace {
+// An enumeration in progress: the open key, the buffer for names, and the list that grows.
+struct subkey_walk {
+    subkey_walk(void *mem, void *trace, void *reg, const char *path)
+        : trc(trace), inkey_name(path), key(reg), name(mem), names(mem) {}
+
+    void *trc;
+    const char *inkey_name;
+    prsr_key key;
+    prsr_block name;  // NAME_CAPACITY bytes
+    prsr_string_list names;
+};
+}  // namespace
+
+static int32_t report_enumeration(const subkey_walk &walk, int32_t kv) {
+    prsr_report_registry_failure(walk.trc, walk.key.reg, SUBKEYS, "kvtc_enum_subkey",
+                                 walk.inkey_name, kv);
+    return PRSR_ERR_REGISTRY;
+}
+
+static int32_t keep_subkey(subkey_walk *walk, uint32_t length) {
+    char *copy = prsr_copy_text(walk->names.mem, walk->trc, SUBKEYS, walk->name.text, length);
+    if (copy == nullptr) return PRSR_ERR_MEMORY;
+    walk->names.items[walk->names.count++] = copy;
+    return PRSR_SUCCESS;
+}
+
+// Allocates the slots that the first enumeration promised.
+static int32_t alloc_slots(subkey_walk *walk, uint32_t promised) {
+    walk->names.items = static_cast<char **>(
+        prsr_alloc(walk->names.mem, walk->trc, SUBKEYS, promised * sizeof(char *)));
+    return walk->names.items != nullptr ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
+}
+
+static int32_t keep_further_subkeys(subkey_walk *walk, uint32_t promised) {
+    while (walk->names.count < promised) {
+        uint32_t length = 0;
+        int32_t unread = 0;
+        const int32_t kv =
+            prsr_next_subkey(walk->key, walk->name.text, NAME_CAPACITY, &length, &unread);
+        if (kv != KVTC_SUCCESS) return report_enumeration(*walk, kv);
+        const int32_t rc = keep_subkey(walk, length);
+        if (rc != PRSR_SUCCESS) return rc;
+        trcdprintf(walk->trc, TRCD_PROGRESS, " prsr_get_subkeys: out key name is %s",
+                   walk->names.items[walk->names.count - 1]);
+    }
+    return PRSR_SUCCESS;
+}
+
+static int32_t keep_all_subkeys(subkey_walk *walk) {
+    walk->name.text =
+        static_cast<char *>(prsr_alloc(walk->name.mem, walk->trc, SUBKEYS, NAME_CAPACITY));
+    if (walk->name.text == nullptr) return PRSR_ERR_MEMORY;
+
+    uint32_t length = 0;
+    int32_t last = 0;
+    const int32_t kv = prsr_next_subkey(walk->key, walk->name.text, NAME_CAPACITY, &length, &last);
+    const bool ended = kv == KVTC_SUCCESS || kv == KVTC_ERR_NO_MORE_KEYS;
+    if (ended && last < 0) return PRSR_SUCCESS;  // no subkeys, whichever way the registry says it
+    if (kv != KVTC_SUCCESS) return report_enumeration(*walk, kv);
+
+    const uint32_t promised = static_cast<uint32_t>(last) + 1;
+    int32_t rc = alloc_slots(walk, promised);
+    if (rc != PRSR_SUCCESS) return rc;
+    rc = keep_subkey(walk, length);
+    if (rc != PRSR_SUCCESS) return rc;
+    return keep_further_subkeys(walk, promised);
+}
+
+int32_t prsr_get_subkeys(void *mem, void *trc, void *reg, const char *inkey_name, char ***list,
+                         uint32_t *count) {
+    *count = 0;
+    subkey_walk walk(mem, trc, reg, inkey_name);
+    if (walk.key.open(inkey_name) != KVTC_SUCCESS) {
+        trcdprintf(trc, TRCD_PROGRESS, "prsr_get_subkeys:NO SUBKEYS");
+        return PRSR_SUCCESS;
+    }
+    *list = nullptr;
+    const int32_t rc = keep_all_subkeys(&walk);
+    if (rc != PRSR_SUCCESS) return rc;
+    *list = std::exchange(walk.names.items, nullptr);
+    *count = walk.names.count;
+    return PRSR_SUCCESS;
+}
+
+// ---- Own values of subkeys ----------------------------------------------------------------------
+
+static int32_t read_own_value(void *mem, const prsr_reader &reader, const char *path,
+                              size_t name_length, char **value) {
+    prsr_key key(reader.reg);
+    if (prsr_open_reported(reader, path, &key) != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
+    prsr_block own(mem);
+    own.text = static_cast<char *>(prsr_alloc(mem, reader.trc, PRESERVED, name_length + 1));
+    if (own.text == nullptr) return PRSR_ERR_MEMORY;
+    if (prsr_read_name_reported(reader, path, key, own.text, name_length) != KVTC_SUCCESS) {
+        return PRSR_ERR_REGISTRY;
+    }
+    *value = own.take();
+    return PRSR_SUCCESS;
+}
+
+int32_t prsr_get_case_preserved_names(void *mem, void *trc, void *reg, const char *inkey_name,
+                                      char *const *names, uint32_t count, char **values) {
+    const prsr_reader reader(trc, reg, PRESERVED);
+    for (uint32_t i = 0; i < count; ++i) {
+        const std::string_view name = names[i];
+        prsr_block path(mem);
+        if (!prsr_join_path(mem, trc, PRESERVED, 0, {inkey_name, name}, &path)) {
+            return PRSR_ERR_MEMORY;
+        }
+        const int32_t rc = read_own_value(mem, reader, path.text, name.size(), &values[i]);
+        if (rc != PRSR_SUCCESS) return rc;
+        path.release();
+        trcdprintf(trc, TRCD_PROGRESS, "prsr_get_case_preserved_values: CASE PRESERVED NAME = %s",
+                   values[i]);
+    }
+    return PRSR_SUCCESS;
+}

@@ -1,0 +1,42 @@
+// Takes and releases the named locks.
+#include "keyview/frame/locks.h"
+
+#include <string.h>
+
+#include "keyview/frame/memory.h"
+#include "keyview/frame/paths.h"
+#include "platform/lksv.h"
+
+constexpr std::string_view LOCK_HEAD = "LKRT";
+
+static int32_t ask_lock_service(void *status, prsr_ctx *ctx, int32_t mode, const char *name) {
+    return mode == LOCK_EXCLUSIVE ? lksvlsmutexlock(status, ctx->lk, name)
+                                  : lksvlsshrlock(status, ctx->lk, name);
+}
+
+// Builds "LKRT.<root>" or "LKRT.<root>.<name>"; the block is as large as if there were a name.
+static bool build_lock_name(prsr_ctx *ctx, const char *function, std::string_view root,
+                            const char *name, prsr_block *path) {
+    if (name == nullptr) {
+        return prsr_join_path(ctx->mem, ctx->trc, function, 1, {LOCK_HEAD, root}, path);
+    }
+    return prsr_join_path(ctx->mem, ctx->trc, function, 0, {LOCK_HEAD, root, name}, path);
+}
+
+int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname, int32_t mode,
+                          char **token) {
+    *token = nullptr;
+    prsr_block name(ctx->mem);
+    if (!build_lock_name(ctx, __func__, DB_ROOT, dbname, &name)) return PRSR_ERR_MEMORY;
+    if (ask_lock_service(status, ctx, mode, name.text) != 0) return PRSR_ERR_LOCK;
+    *token = name.take();
+    return PRSR_SUCCESS;
+}
+
+void prsr_unlock_keyview(prsr_ctx *ctx, char *token) {
+    if (token == nullptr) return;
+    // The service may look at the whole block, so none of it is left to chance.
+    uint64_t status[224 / sizeof(uint64_t)] = {};
+    (void)lksvlsunlock(status, ctx->lk, token);  // there is nothing else to try
+    tmem_freem(ctx->mem, token);
+}

@@ -1,0 +1,38 @@
+// Cluster-wide named locks over parts of the key tree. A token is the lock's name in a block of the
+// context's memory: the proof that the lock is held, and what it is released by. An operation holds
+// one lock at most.
+#ifndef KEYVIEW_FRAME_LOCKS_H
+#define KEYVIEW_FRAME_LOCKS_H
+
+#include <stdint.h>
+
+#include "keyview/frame/context.h"
+
+constexpr int32_t LOCK_EXCLUSIVE = 0;
+constexpr int32_t LOCK_SHARED = 1;  // as any other value
+
+// Takes the lock of a database, or with a null dbname that of all databases.
+//
+// dbname  folded
+// token   out; null after a failure
+//
+// Returns PRSR_ERR_MEMORY; PRSR_ERR_LOCK if the lock service refuses, about which nothing is
+// logged.
+[[nodiscard]] int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname,
+                                        int32_t mode, char **token);
+
+// Releases a lock and frees its token. A null token does nothing.
+void prsr_unlock_keyview(prsr_ctx *ctx, char *token);
+
+// A lock of prsr_lock_keyview, released at the end of the scope. Not held at first.
+struct prsr_held_lock {
+    explicit prsr_held_lock(prsr_ctx *owner) : ctx(owner) {}
+    ~prsr_held_lock() { prsr_unlock_keyview(ctx, token); }
+    prsr_held_lock(const prsr_held_lock &) = delete;
+    prsr_held_lock &operator=(const prsr_held_lock &) = delete;
+
+    prsr_ctx *ctx;
+    char *token = nullptr;
+};
+
+#endif

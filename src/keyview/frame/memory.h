@@ -1,0 +1,65 @@
+// Memory of the context: the one allocation that reports its failure, copies of counted text, and
+// the guards that give blocks back. tmem_allocm gives zeroed blocks, and much rests on that: one
+// byte is an empty string, a copy of n bytes in n + 1 ends in zero, an array starts with null
+// slots.
+#ifndef KEYVIEW_FRAME_MEMORY_H
+#define KEYVIEW_FRAME_MEMORY_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <utility>
+
+#include "platform/tmem.h"
+
+// Writes the line that every failed allocation leads to.
+void prsr_report_allocation(void *trc, const char *function, size_t size);
+
+// A zeroed block, or null after a line in the trace in the name of function.
+[[nodiscard]] void *prsr_alloc(void *mem, void *trc, const char *function, size_t size);
+
+// n bytes of source and a zero byte, or null: without memory, and for a null mem. Logs nothing.
+[[nodiscard]] char *prsr_strndup(void *mem, const char *source, size_t n);
+
+// The same through prsr_alloc: a failure is reported.
+[[nodiscard]] char *prsr_copy_text(void *mem, void *trc, const char *function, const char *source,
+                                   size_t n);
+
+// One block, given back at the end of the scope. Empty until something fills text.
+struct prsr_block {
+    explicit prsr_block(void *owner) : mem(owner) {}
+    ~prsr_block() { release(); }
+    prsr_block(const prsr_block &) = delete;
+    prsr_block &operator=(const prsr_block &) = delete;
+
+    void release() {
+        if (text != nullptr) tmem_freem(mem, take());
+    }
+    [[nodiscard]] char *take() { return std::exchange(text, nullptr); }
+
+    void *mem;
+    char *text = nullptr;
+};
+
+// Gives a block back if there is one.
+void prsr_free_block(void *mem, void *block);
+
+// Gives back the strings of an array, null slots allowed. strings may be null.
+void prsr_free_slots(void *mem, char *const *strings, uint32_t count);
+
+// The same, and then the array itself.
+void prsr_free_strings(void *mem, char **strings, uint32_t count);
+
+// A list of strings, given back at the end of the scope.
+struct prsr_string_list {
+    explicit prsr_string_list(void *owner) : mem(owner) {}
+    ~prsr_string_list() { prsr_free_strings(mem, items, count); }
+    prsr_string_list(const prsr_string_list &) = delete;
+    prsr_string_list &operator=(const prsr_string_list &) = delete;
+
+    void *mem;
+    char **items = nullptr;
+    uint32_t count = 0;
+};
+
+#endif

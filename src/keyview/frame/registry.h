@@ -1,0 +1,110 @@
+// All registry access of the library stands on these pieces: the report of a failed call, the guard
+// of an open key, and the two ways to read a value: into a buffer that is reused, or into a block
+// that grows once.
+#ifndef KEYVIEW_FRAME_REGISTRY_H
+#define KEYVIEW_FRAME_REGISTRY_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "keyview/frame/context.h"
+#include "platform/kvtc.h"
+
+constexpr uint32_t VALUE_CAPACITY = 1024;  // of a value buffer, the zero byte included
+constexpr uint32_t NAME_CAPACITY = 2048;   // of a subkey name buffer, the zero byte included
+
+// Writes the three lines that every failed registry call leads to. kv is the call's result; the
+// registry is asked for its own code and text. Changes nothing.
+void prsr_report_registry_failure(void *trc, void *reg, const char *function, const char *operation,
+                                  const char *key_path, int32_t kv);
+
+// An open key, closed at the end of the scope. Closed at first.
+struct prsr_key {
+    explicit prsr_key(void *client) : reg(client) {}
+    ~prsr_key() { close(); }
+    prsr_key(const prsr_key &) = delete;
+    prsr_key &operator=(const prsr_key &) = delete;
+
+    [[nodiscard]] int32_t open(const char *path) {
+        const int32_t kv = kvtc_open_key(reg, &handle, path);
+        is_open = kv == KVTC_SUCCESS;
+        return kv;
+    }
+    void close() {
+        if (!is_open) return;
+        is_open = false;
+        (void)kvtc_close_key(reg, handle);  // no failure to close has ever meant anything
+    }
+
+    void *reg;
+    void *handle = nullptr;
+    bool is_open = false;
+};
+
+// A value in a buffer that is used again and again. size is what the registry reported last, which
+// nothing vouches for.
+struct prsr_value {
+    // The bytes to go by: never more than the registry was offered.
+    [[nodiscard]] uint32_t length() const { return size < VALUE_CAPACITY ? size : VALUE_CAPACITY; }
+
+    // The value as a string. One that fills a block of VALUE_CAPACITY without a zero byte loses its
+    // last character: it is no word that anyone compares with.
+    [[nodiscard]] const char *text() const {
+        buffer[length() < room ? length() : room - 1] = '\0';
+        return buffer;
+    }
+
+    char *buffer = nullptr;
+    uint32_t room = VALUE_CAPACITY;  // bytes of buffer; VALUE_CAPACITY of them are offered
+    uint32_t size = 0;
+};
+
+// Reads an open key's value. Reports nothing.
+[[nodiscard]] int32_t prsr_read_value(const prsr_key &key, prsr_value *value);
+
+// Delivers the next subkey name into name of capacity bytes, terminated whatever the registry did.
+// length is its reported length, cut to what the buffer holds. Reports nothing.
+[[nodiscard]] int32_t prsr_next_subkey(const prsr_key &key, char *name, uint32_t capacity,
+                                       uint32_t *length, int32_t *last);
+
+// In whose name, and with which handles, a part of the library reads.
+struct prsr_reader {
+    prsr_reader(void *trace, void *client, const char *name)
+        : trc(trace), reg(client), function(name) {}
+    prsr_reader(const prsr_ctx *ctx, const char *name) : prsr_reader(ctx->trc, ctx->reg, name) {}
+
+    void report(const char *operation, const char *path, int32_t kv) const {
+        prsr_report_registry_failure(trc, reg, function, operation, path, kv);
+    }
+
+    void *trc;
+    void *reg;
+    const char *function;
+};
+
+// Opens a key; a failure is reported.
+[[nodiscard]] int32_t prsr_open_reported(const prsr_reader &reader, const char *path,
+                                         prsr_key *key);
+
+// Reads the value of the open key of path; a failure is reported. The key stays open.
+[[nodiscard]] int32_t prsr_read_reported(const prsr_reader &reader, const char *path,
+                                         const prsr_key &key, prsr_value *value);
+
+// Reads the open key's own value, a name in its registered case, into length + 1 bytes; a failure
+// is reported. The key stays open. An own value is no longer than its element: one that fills the
+// block without a zero byte is cut to it.
+[[nodiscard]] int32_t prsr_read_name_reported(const prsr_reader &reader, const char *path,
+                                              const prsr_key &key, char *name, size_t length);
+
+// Reads one value of any length into a block of its own.
+//
+// value  out, a string. It is the caller's on failure as well, unless it is null: a key that cannot
+// be
+//        opened or read leaves an empty string behind, a lack of memory null.
+//
+// A failure is reported in the name of this function; a missing key is no special case. Takes no
+// lock. Returns PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY.
+[[nodiscard]] int32_t prsr_open_get_value(prsr_ctx *ctx, void *reg, const char *key_name,
+                                          char **value);
+
+#endif

@@ -1,0 +1,226 @@
+// keyview: a typed view of the database configuration of a cluster. The one header a caller
+// includes; usable from C99 and C++17.
+//
+// What holds everywhere, unless an operation says otherwise:
+//
+// status   The caller's status block. The library never reads, writes or tests it; it only hands it
+//          to the lock service. An operation that takes no lock ignores it.
+// ctx      From prsr_init or prsr_init_ext. Null, or a record that is no live context, gives
+//          PRSR_ERR_CONTEXT before anything else is looked at, and nothing is logged. Nothing
+//          orders two calls on one context: a thread has its own, or the caller takes turns.
+// names    Zero-terminated, never null, in any case, never changed. A "." in a service name is part
+// of
+//          the name; in any other name it leads one level deeper into the tree. A name whose path
+//          would exceed 2,047 bytes gives PRSR_ERR_ARGUMENT where the operation works with paths of
+//          fixed size.
+// results  Records, lists and strings are snapshots from the context's memory. They belong to the
+//          caller until the matching release operation, called with the same context before
+//          prsr_terminate. An out-argument is never null.
+// enabled  In: 0 disables, anything else enables. Out: 1 or 0, written on PRSR_SUCCESS only.
+// failures A failed registry call writes three lines to the trace at level 0, a failed allocation
+//          one. No operation retries.
+//
+// The configuration is read afresh by each call: the library keeps nothing but the context.
+#ifndef KEYVIEW_PRSR_H
+#define KEYVIEW_PRSR_H
+
+#include <stdint.h>
+
+#define PRSR_API __attribute__((visibility("default")))
+#ifdef __cplusplus
+#define PRSR_NOEXCEPT noexcept
+extern "C" {
+#else
+#define PRSR_NOEXCEPT
+#endif
+
+// What an operation returns.
+enum {
+    PRSR_SUCCESS = 0,
+    PRSR_ERR_ARGUMENT = 1,      // an argument cannot be used
+    PRSR_ERR_MEMORY = 2,        // no memory
+    PRSR_ERR_REGISTRY = 3,      // the registry client failed
+    PRSR_ERR_CONTEXT = 4,       // ctx is no live context
+    PRSR_ERR_LOCK = 5,          // the lock service refused
+    PRSR_ERR_THREADS = 6,       // no thread support
+    PRSR_ERR_NO_DATABASE = 7,   // the key asked for by name does not exist
+    PRSR_ERR_NO_STG = 8,        // the storage manager entry does not exist
+    PRSR_ERR_ROLE = 9,          // no such role
+    PRSR_ERR_NO_NODEAPPS = 10,  // the node has no entry
+};
+
+// Failover policies of a service.
+enum {
+    PRSR_RCN_NONE = 1,
+    PRSR_RCN_BASIC = 2,
+    PRSR_RCN_PRECONNECT = 3,
+};
+
+// A context; opaque.
+typedef struct prsr_ctx prsr_ctx;
+
+// One instance of a database.
+typedef struct prsr_inst_cfg {
+    char *node;         // the node that runs it; null if it is not known
+    char *name;         // in its registered case; never null
+    char **env;         // environment strings; null if there are none
+    uint32_t env_n;     // slots of env; a slot may be null
+    int32_t enabled;    // 0 if the flag says FALSE or cannot be read, else 1
+    uint64_t reserved;  // 0
+} prsr_inst_cfg;
+
+// One service of a database with the instances that may run it. A service that names no instance
+// has its name only: everything else is null or 0.
+typedef struct prsr_srv_cfg {
+    char *name;                  // in its registered case; never null
+    char **available;            // instances that take over, by their registered names
+    int32_t *available_enabled;  // 1 or 0 for the instance in the same position
+    uint32_t available_count;    // entries of available and available_enabled
+    char **preferred;            // instances that run the service by preference
+    int32_t *preferred_enabled;  // 1 or 0 for the instance in the same position
+    uint32_t preferred_count;    // entries of preferred and preferred_enabled
+    int32_t rcn_policy;  // PRSR_RCN_*; 0 if the policy cannot be read, a missing one included
+    char **env;          // environment strings; null if there are none
+    uint32_t env_n;      // slots of env; a slot may be null
+    int32_t enabled;     // 0 if the flag says FALSE or cannot be read, else 1
+    uint64_t reserved;   // 0
+} prsr_srv_cfg;
+
+// One database. Strings but sp_name are null if the key is missing or does not open, and "" if its
+// value cannot be read (alias_ip: null then too); a value of more than 1,024 bytes cannot be read.
+typedef struct prsr_cfg {
+    char tag[16];               // "PRSRCFGB"
+    char *sp_name;              // the name in its registered case; never null
+    char *alias_ip;             // address of the cluster alias
+    char *home;                 // software home
+    char *spfile;               // parameter file
+    char *db_name;              // the database's own name
+    char *role;                 // the role word as stored
+    char *start_options;        // options for a start
+    prsr_inst_cfg **instances;  // null if there are none
+    uint32_t instance_count;    // slots of instances
+    prsr_srv_cfg **services;    // null if there are none
+    uint32_t service_count;     // slots of services
+    char *domain;               // domain; null as well if memory ran out for it
+    int32_t enabled;            // 0 if the flag says FALSE or cannot be read, else 1
+    char **env;                 // environment strings; null if there are none or memory ran out
+    uint32_t env_n;             // slots of env; a slot may be null
+    int32_t constant_one;       // 1
+    char *policy;               // management policy; "AUTOMATIC" if none is stored
+} prsr_cfg;
+
+// ---- Context ------------------------------------------------------------------------------------
+
+// Makes a context over a lock service of its own: prsr_init_ext with lk null.
+PRSR_API int32_t prsr_init(void *status, prsr_ctx **ctx_out) PRSR_NOEXCEPT;
+
+// Makes a context.
+//
+// ctx_out  out, the context; null after a failure
+// lk       a lock service handle of the caller's, which stays the caller's, or null: then the
+// context
+//          makes one and ends it. With a handle given, status is not used.
+//
+// A trace that cannot be registered is no failure: the context works without one.
+// Returns PRSR_ERR_MEMORY; PRSR_ERR_REGISTRY if the registry client does not start;
+// PRSR_ERR_THREADS; PRSR_ERR_LOCK if the lock service does not start.
+PRSR_API int32_t prsr_init_ext(void *status, prsr_ctx **ctx_out, void *lk) PRSR_NOEXCEPT;
+
+// Ends a context. Records that came from it must have been released before.
+PRSR_API int32_t prsr_terminate(void *status, prsr_ctx *ctx) PRSR_NOEXCEPT;
+
+// ---- Flags of databases and instances -----------------------------------------------------------
+
+// Enables or disables a database.
+//
+// Takes the database's lock, exclusive.
+// Returns the lock's code, PRSR_ERR_LOCK or PRSR_ERR_MEMORY, if the lock is refused;
+// PRSR_ERR_REGISTRY if the flag cannot be written, a missing key included; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_set_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                     int32_t enabled) PRSR_NOEXCEPT;
+
+// Tells whether a database is enabled: 1 if the stored word is TRUE in any case, else 0.
+//
+// Takes no lock.
+// Returns PRSR_ERR_NO_DATABASE if the flag, or the database, is missing; PRSR_ERR_REGISTRY if it
+// cannot be read; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                     int32_t *enabled) PRSR_NOEXCEPT;
+
+// Enables or disables an instance. Locks and codes as for prsr_set_db_enabled: the lock is that of
+// the database.
+PRSR_API int32_t prsr_set_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                           const char *instname, int32_t enabled) PRSR_NOEXCEPT;
+
+// Tells whether an instance is enabled. Locks and codes as for prsr_get_db_enabled.
+PRSR_API int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                           const char *instname, int32_t *enabled) PRSR_NOEXCEPT;
+
+// ---- Databases ----------------------------------------------------------------------------------
+
+// Lists the databases by their registered names, in the order of the registry.
+//
+// db_list   out, *db_count strings; never null on PRSR_SUCCESS, with no databases neither
+// db_count  out
+//
+// Both stay untouched if the context is bad or the lock is refused. If a name cannot be read, both
+// are set and hold the names before it, then null slots: release them as after a success.
+// Takes the lock of all databases, shared.
+// Returns the lock's code; PRSR_ERR_ARGUMENT if the list cannot be allocated: there is nothing to
+// release then; PRSR_ERR_REGISTRY or PRSR_ERR_MEMORY if a name cannot be read. A registry that
+// cannot be enumerated lists no databases; the trace tells why.
+PRSR_API int32_t prsr_list_db(void *status, prsr_ctx *ctx, char ***db_list,
+                              uint32_t *db_count) PRSR_NOEXCEPT;
+
+// Gives a list back, null slots allowed. db_list may be null if db_count is 0.
+PRSR_API int32_t prsr_release_db_list(void *status, prsr_ctx *ctx, char **db_list,
+                                      uint32_t db_count) PRSR_NOEXCEPT;
+
+// Loads the whole configuration of a database.
+//
+// cfg  out, the record; null after a failure
+//
+// Only the database and its own name are mandatory, and the names of its instances and services.
+// All else may be missing, at the cost of lines in the trace; the record's fields tell. Takes the
+// database's lock, shared, for the whole load. Returns the lock's code; PRSR_ERR_NO_DATABASE if
+// there is none of this name; PRSR_ERR_REGISTRY if a mandatory name cannot be read, an instance or
+// service went away meanwhile, or a service instance's type cannot be read; PRSR_ERR_ARGUMENT if a
+// path does not fit; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_fetch_db_config(void *status, prsr_ctx *ctx, const char *dbname,
+                                      prsr_cfg **cfg) PRSR_NOEXCEPT;
+
+// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+PRSR_API int32_t prsr_release_db_config(void *status, prsr_ctx *ctx, prsr_cfg *cfg) PRSR_NOEXCEPT;
+
+// ---- Policy and domain --------------------------------------------------------------------------
+
+// Reads the failover policy of a service.
+//
+// policy  out, PRSR_RCN_*; PRSR_RCN_NONE as well if nothing can be read: a missing service, a
+// missing
+//         database and a failing registry are told apart by the trace only
+//
+// Takes no lock.
+// Returns PRSR_ERR_MEMORY; policy is then untouched.
+PRSR_API int32_t prsr_get_service_rcn_policy(void *status, prsr_ctx *ctx, const char *dbname,
+                                             const char *srvname, int32_t *policy) PRSR_NOEXCEPT;
+
+// Reads the domain of a database.
+//
+// dbname  may be null, which gives PRSR_ERR_CONTEXT
+// domain  out, a string for prsr_free_domain; null if the read failed, untouched if memory ran out
+//         before the read or the context is bad
+//
+// Takes no lock.
+// Returns PRSR_ERR_REGISTRY if the domain cannot be read, a missing key or database included;
+// PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_domain(void *status, prsr_ctx *ctx, const char *dbname,
+                                 char **domain) PRSR_NOEXCEPT;
+
+// Gives a domain back. Null for either argument gives PRSR_ERR_CONTEXT.
+PRSR_API int32_t prsr_free_domain(prsr_ctx *ctx, char *domain) PRSR_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+#endif
