@@ -1,0 +1,77 @@
+// What the tests of the library share: a context over a fake host, one tree, and the table of
+// operations that the sweeps run through. A further operation is a further row, with its faults in
+// faults.txt and its calls in transcripts.txt.
+#ifndef KEYVIEW_TESTS_OPERATIONS_H
+#define KEYVIEW_TESTS_OPERATIONS_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "fake_host.h"
+#include "keyview/if/prsr.h"
+
+// cluster.txt: two databases; the first has every key there is, two instances and two services.
+extern const std::string CLUSTER;
+
+inline const std::string ONE_DATABASE = "DATABASE.DATABASES\n sales=Sales\n";
+
+// A fake host with a live context, which ends with it. The events begin after its start.
+struct test_host : fake_host {
+    explicit test_host(const std::string &tree, bool with_trace = true);
+    ~test_host();
+
+    void store(const char *key, const std::string &bytes);  // key as for expanded
+
+    prsr_ctx *ctx = nullptr;
+};
+
+// Who calls, and with what.
+struct caller {
+    caller(test_host &on) : host(on), ctx(on.ctx) {}  // NOLINT: a host is a caller by default
+
+    test_host &host;
+    prsr_ctx *ctx;
+    const char *db = "SALES";
+    const char *inst = "Sales1";
+    const char *srv = "Web.SHOP";
+};
+
+// The code of a call and all it handed out, as text; a record's fields are named by their keys.
+// "untouched" and "77" are what the caller had.
+using fields = std::map<std::string, std::string>;
+
+struct outcome {
+    int32_t rc;
+    fields out;
+};
+
+struct operation {
+    const char *name;
+    outcome (*run)(const caller &by);  // gives back what it got
+    fields untouched;                  // what is handed out by a bad context
+};
+
+extern const std::vector<operation> OPERATIONS;
+
+// The operation of that name, run.
+outcome run(const std::string &name, const caller &by);
+
+// The record of the database, which has to be there.
+fields fetched(const caller &by);
+
+// The keys of CLUSTER written out: $ROOT; $D for the database sales; $I1, $I2 for its instances; $S
+// for its service web*shop, $L for that key below $D; $T1 to $T3 for the instances of the service.
+// $EMPTY is the effect of a service without instances.
+std::string expanded(std::string text);
+
+// A file beside the tests, expanded: headings with the indented lines below each, in order.
+std::vector<std::pair<std::string, std::vector<std::string>>> sections(const char *file);
+
+// The lines that report a failed registry call ("open", "get", "set" or "enum").
+std::vector<std::string> report(const std::string &function, const std::string &call,
+                                const std::string &path, int32_t code);
+
+std::string joined(const std::vector<std::string> &parts);
+
+#endif
