@@ -1,0 +1,47 @@
+// The directory of an embedded registry: found or made, and refused if it is not a safe place.
+//
+//     data.mdb, lock.mdb    LMDB's
+//     locks                 the byte ranges of the named locks
+//
+// The directory is made with mode 0700 and files with 0600, whatever the umask. An administrator
+// who gives the directory to a group (chmod g+rwxs) gets files that the group may use.
+#ifndef KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
+#define KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+
+#include "host/registry/backend.h"
+#include "host/support/fd.h"
+
+namespace keyview::host {
+
+// Device and inode.
+using file_id = std::pair<dev_t, ino_t>;
+
+class registry_directory {
+  public:
+    // Throws failure::not_found, ::denied or ::usage with a text that tells what to do.
+    registry_directory(const std::string &path, open_mode mode);
+
+    const std::string &path() const { return path_; }  // absolute
+    int fd() const { return fd_.get(); }               // good in a forked child, too
+    file_id data_id() const { return data_id_; }
+
+    static constexpr const char *LOCK_FILE = "locks";
+
+  private:
+    std::string path_;
+    unique_fd fd_;
+    file_id data_id_;
+};
+
+// The name of a file system that is shared with other machines; null for others. type is that of
+// statfs.
+const char *network_file_system(int64_t type) noexcept;
+
+}  // namespace keyview::host
+
+#endif

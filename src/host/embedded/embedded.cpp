@@ -1,0 +1,50 @@
+// Opening an embedded registry: one store and one lock service for all its users in the process.
+#include "host/embedded/embedded.h"
+
+#include <map>
+#include <memory>
+
+#include "host/embedded/directory.h"
+#include "host/embedded/file_locks.h"
+#include "host/embedded/lmdb_store.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+using shared_stores = std::map<file_id, std::weak_ptr<lmdb_store>>;
+
+// Guarded by fork_mutex().
+static shared_stores &known_stores() {
+    static auto &all = *new shared_stores;
+    return all;
+}
+
+static std::shared_ptr<lmdb_store> known_store(file_id id) {
+    std::lock_guard guard(fork_mutex());
+    auto found = known_stores().find(id);
+    return found == known_stores().end() ? nullptr : found->second.lock();
+}
+
+// Another thread may have been faster: then its store is the one.
+static std::shared_ptr<lmdb_store> make_known(file_id id,
+                                              const std::shared_ptr<lmdb_store> &fresh) {
+    std::lock_guard guard(fork_mutex());
+    shared_stores &all = known_stores();
+    for (auto at = all.begin(); at != all.end();)
+        at = at->second.expired() ? all.erase(at) : std::next(at);
+    std::shared_ptr<lmdb_store> known = all[id].lock();
+    if (known == nullptr) all[id] = known = fresh;
+    return known;
+}
+
+backend open_embedded(const std::string &directory, open_mode mode) {
+    auto place = std::make_shared<const registry_directory>(directory, mode);
+    std::shared_ptr<lmdb_store> keys = known_store(place->data_id());
+    if (keys == nullptr) {
+        auto fresh = std::make_shared<lmdb_store>(place, std::make_shared<file_locks>(place));
+        keys = make_known(place->data_id(), fresh);
+    }
+    return {keys, keys->locks()};
+}
+
+}  // namespace keyview::host

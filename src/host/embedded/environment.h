@@ -1,0 +1,105 @@
+// One LMDB environment, and transactions that give back what they took.
+//
+// A file may be open only once in a process, and an environment must not be used in the child of a
+// fork. So environments are counted and shared within one process (environment_use), and the child
+// opens its own.
+#ifndef KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
+#define KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
+
+#include <lmdb.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "host/embedded/directory.h"
+
+namespace keyview::host {
+
+// A read transaction with its cursor. It keeps its slot among LMDB's readers between two uses.
+struct lmdb_reader {
+    MDB_txn *txn = nullptr;
+    MDB_cursor *cursor = nullptr;
+};
+
+class environment {
+  public:
+    class reading;
+
+    explicit environment(const std::string &path);
+    environment(const environment &) = delete;
+    environment &operator=(const environment &) = delete;
+    ~environment();
+
+    // Runs work in a write transaction, which is committed if work returns true. If the map had to
+    // grow, work runs again, in a new transaction. The caller orders the writers of all processes.
+    void write(const std::function<bool(MDB_txn *)> &work);
+
+    // Throws unless rc is 0.
+    void check(int rc, const char *what) const;
+
+    static constexpr MDB_dbi KEYS = 1;  // the unnamed database
+
+  private:
+    void close() noexcept;
+    std::shared_lock<std::shared_mutex> keep_map_in_place();
+    void resize_map(size_t factor);
+    lmdb_reader begin_read();
+    void start_reader(lmdb_reader *reader);
+    void end_read(lmdb_reader reader) noexcept;
+    void write_once(const std::function<bool(MDB_txn *)> &work);
+
+    std::string path_;
+    uint64_t generation_;
+    MDB_env *env_ = nullptr;
+
+    // The map moves only while no transaction is under way, and new ones let it go first.
+    std::shared_mutex map_;
+    std::mutex resizing_;
+    std::atomic<bool> resize_waits_{false};
+
+    std::mutex idle_mutex_;
+    std::vector<lmdb_reader> idle_;
+};
+
+// A read transaction: what is seen through it shows one moment, and ends with it.
+class environment::reading {
+  public:
+    explicit reading(environment *env);
+    reading(const reading &) = delete;
+    reading &operator=(const reading &) = delete;
+    ~reading() { env_->end_read(reader_); }
+
+    MDB_txn *txn() const { return reader_.txn; }
+    MDB_cursor *cursor() const { return reader_.cursor; }
+
+  private:
+    environment *env_;
+    std::shared_lock<std::shared_mutex> in_place_;
+    lmdb_reader reader_;
+};
+
+// One user of the environment of a registry in this process; the last one closes it.
+class environment_use {
+  public:
+    explicit environment_use(const registry_directory &directory);
+    environment_use(const environment_use &) = delete;
+    environment_use &operator=(const environment_use &) = delete;
+    ~environment_use();
+
+    environment *get() const { return env_; }
+
+  private:
+    file_id id_;
+    uint64_t generation_;
+    environment *env_;
+};
+
+}  // namespace keyview::host
+
+#endif

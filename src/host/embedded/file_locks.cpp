@@ -1,0 +1,144 @@
+// Named locks on byte ranges of one file.
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "host/embedded/file_locks.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/support/deadline.h"
+#include "host/support/error.h"
+
+namespace keyview::host {
+
+static constexpr off_t GATE = off_t{1} << 62;
+
+// ---- Descriptors --------------------------------------------------------------------------------
+
+lock_descriptors::~lock_descriptors() {
+    for (int fd : idle_)
+        close_parent_only(fd);
+}
+
+int lock_descriptors::take(const registry_directory &directory) {
+    {
+        std::lock_guard guard(mutex_);
+        if (!idle_.empty()) {
+            int fd = idle_.back();
+            idle_.pop_back();
+            return fd;
+        }
+    }
+    int fd = open_parent_only(directory.fd(), registry_directory::LOCK_FILE, O_RDWR);
+    if (fd >= 0) return fd;
+    failure kind = errno == EACCES ? failure::denied : failure::lock;
+    throw host_error(kind, "the lock file of the registry in '" + directory.path() +
+                               "' cannot be opened: " + strerror(errno));
+}
+
+void lock_descriptors::give_back(int fd) noexcept {
+    {
+        std::lock_guard guard(mutex_);
+        if (idle_.size() < MAX_IDLE) {
+            idle_.push_back(fd);
+            return;
+        }
+    }
+    close_parent_only(fd);
+}
+
+// ---- Byte ranges --------------------------------------------------------------------------------
+
+static struct flock byte_at(off_t at, int type) {
+    struct flock range = {};
+    range.l_type = static_cast<short>(type);
+    range.l_whence = SEEK_SET;
+    range.l_start = at;
+    range.l_len = 1;
+    return range;
+}
+
+// A call that does not wait. False if another holds the range in a conflicting mode.
+static bool try_byte(int fd, off_t at, int type) {
+    struct flock range = byte_at(at, type);
+    while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
+        if (errno == EAGAIN || errno == EACCES) return false;
+        if (errno == EINTR) continue;
+        throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
+    }
+    return true;
+}
+
+static bool gate_is_open(int fd, off_t at) {
+    struct flock range = byte_at(at + GATE, F_RDLCK);
+    if (fcntl(fd, F_OFD_GETLK, &range) != 0) {
+        throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
+    }
+    return range.l_type == F_UNLCK;
+}
+
+static off_t place_of_name(const std::string &name) {
+    return static_cast<off_t>(XXH3_64bits(name.data(), name.size()) >> 2);
+}
+
+// ---- Locks --------------------------------------------------------------------------------------
+
+// A lock, or on the way to one: the gate and the byte that its descriptor got so far.
+class file_lock : public held_lock {
+  public:
+    explicit file_lock(std::shared_ptr<file_locks> service)
+        : service_(std::move(service)),
+          generation_(fork_generation()),
+          fd_(service_->descriptors_.get().take(*service_->directory_)) {}
+
+    // In a forked child the descriptor is closed, and its number may be another file's.
+    ~file_lock() override {
+        if (!still_held()) return;
+        struct flock all = {};
+        all.l_type = F_UNLCK;
+        all.l_whence = SEEK_SET;
+        if (fcntl(fd_, F_OFD_SETLK, &all) == 0) {
+            service_->descriptors_.get().give_back(fd_);
+        } else {
+            close_parent_only(fd_);
+        }
+    }
+
+    bool still_held() const override { return generation_ == fork_generation(); }
+
+    bool try_shared(off_t at) { return gate_is_open(fd_, at) && try_byte(fd_, at, F_RDLCK); }
+
+    bool try_exclusive(off_t at) {
+        has_gate_ = has_gate_ || try_byte(fd_, at + GATE, F_WRLCK);
+        return has_gate_ && try_byte(fd_, at, F_WRLCK);
+    }
+
+  private:
+    std::shared_ptr<file_locks> service_;
+    uint64_t generation_;
+    int fd_;
+    bool has_gate_ = false;
+};
+
+static host_error not_granted(const std::string &name, lock_mode mode, uint32_t wait_ms) {
+    std::string what = mode == lock_mode::shared ? "shared lock " : "exclusive lock ";
+    if (name == file_locks::WRITERS) what = "right to write";
+    return host_error(failure::lock, "the " + what + name + " was not granted within " +
+                                         std::to_string(wait_ms) + " ms: another one holds it");
+}
+
+std::unique_ptr<held_lock> file_locks::acquire(const std::string &name, lock_mode mode,
+                                               uint32_t wait_ms) {
+    auto lock = std::make_unique<file_lock>(shared_from_this());
+    off_t at = place_of_name(name);
+    deadline wait(wait_ms);
+    while (!(mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at))) {
+        if (!wait.pause()) throw not_granted(name, mode, wait_ms);
+    }
+    return lock;
+}
+
+}  // namespace keyview::host

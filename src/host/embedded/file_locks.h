@@ -1,0 +1,62 @@
+// Named locks of one machine: byte ranges of the registry's lock file.
+//
+// A name is the byte at a 62-bit hash of it. Behind it, at that offset + 2^62, stands its gate: an
+// exclusive holder keeps the gate from before its wait until its release, and a shared one only
+// passes if nobody keeps it, so that a writer is not held up for ever by readers that come and go.
+//
+// The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
+// threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked
+// child closes the descriptors, which would keep the parent's locks alive.
+#ifndef KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
+#define KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/embedded/directory.h"
+#include "host/registry/backend.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+// Descriptors of the lock file that hold no lock at present.
+class lock_descriptors {
+  public:
+    lock_descriptors() { idle_.reserve(MAX_IDLE); }
+    lock_descriptors(const lock_descriptors &) = delete;
+    lock_descriptors &operator=(const lock_descriptors &) = delete;
+    ~lock_descriptors();
+
+    int take(const registry_directory &directory);
+    void give_back(int fd) noexcept;
+
+  private:
+    static constexpr size_t MAX_IDLE = 16;
+
+    std::mutex mutex_;
+    std::vector<int> idle_;
+};
+
+class file_locks : public lock_service, public std::enable_shared_from_this<file_locks> {
+  public:
+    explicit file_locks(std::shared_ptr<const registry_directory> directory)
+        : directory_(std::move(directory)) {}
+
+    std::unique_ptr<held_lock> acquire(const std::string &name, lock_mode mode,
+                                       uint32_t wait_ms) override;
+
+    // The lock that orders the writers of the store; no caller's lock has this name.
+    static constexpr const char *WRITERS = "";
+
+  private:
+    friend class file_lock;
+
+    std::shared_ptr<const registry_directory> directory_;
+    per_process<lock_descriptors> descriptors_;
+};
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,53 @@
+// The store of one machine: keys in LMDB, laid out as row.h tells.
+#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
+#define KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/embedded/environment.h"
+#include "host/embedded/file_locks.h"
+#include "host/embedded/row.h"
+#include "host/registry/store.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+class lmdb_store : public store {
+  public:
+    // Opens the environment.
+    lmdb_store(std::shared_ptr<const registry_directory> directory,
+               std::shared_ptr<file_locks> locks);
+
+    bool read(std::string_view path, std::string *value) override;
+    bool read_children(std::string_view path, const std::function<void(uint32_t)> &count,
+                       const row_sink &sink) override;
+    bool read_subtree(std::string_view path, const row_sink &sink) override;
+    bool set(std::string_view path, std::string_view value, const held_lock *fence) override;
+    change_counts apply(const std::vector<change> &changes) override;
+
+    const std::shared_ptr<file_locks> &locks() const { return locks_; }
+
+  private:
+    struct opened {
+        std::mutex mutex;
+        std::optional<environment_use> use;
+        std::atomic<environment *> env{nullptr};
+    };
+
+    environment *env();
+    std::unique_ptr<held_lock> right_to_write();
+
+    std::shared_ptr<const registry_directory> directory_;
+    std::shared_ptr<file_locks> locks_;
+    per_process<opened> opened_;
+};
+
+}  // namespace keyview::host
+
+#endif

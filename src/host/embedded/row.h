@@ -1,0 +1,71 @@
+// How a key of the tree lies in LMDB: its place in the order, and its row.
+//
+// Place. The elements of the path with 0x01 between them and 0x00 before the last one, compared by
+// memcmp: a.b.c is "a 01 b 00 c". So the children of a key are one range, and so is all that is
+// below it, its own list first. No element holds a byte below 0x20.
+//
+// A place has as many bytes as its path. LMDB takes 511. A longer place is cut: its first 494
+// bytes, 0x02, and the 128-bit XXH3 of the whole place; the row then holds the path, which is
+// compared whenever the row is read. Such rows lie
+//   - within the range of an upper key whose range prefix has at most 494 bytes, for they keep that
+//     prefix, though not in order among each other;
+//   - for a longer prefix, in one range behind the common 494 bytes and 0x02, together with other
+//     keys: the path in the row tells which belong.
+// place_ranges() gives the ranges to read; who reads them filters and sorts what is cut.
+//
+// Row, in the machine's byte order as all of an LMDB file:
+//
+//     8 bytes  XXH3 of all that follows, seeded with the XXH3 of the LMDB key
+//     1        format, 1
+//     1        0
+//     2        length of the path, 0 unless the place is cut
+//     4        number of children
+//              the path, then the value to the end
+#ifndef KEYVIEW_HOST_EMBEDDED_ROW_H
+#define KEYVIEW_HOST_EMBEDDED_ROW_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace keyview::host {
+
+// The LMDB key of a path that a key can have.
+std::string place_of(std::string_view path);
+
+// Whether an LMDB key is a cut place.
+bool place_is_cut(std::string_view place) noexcept;
+
+// The path of a place that is not cut.
+void append_path(std::string *out, std::string_view place);
+
+// Whether a comes before b in the order of whole places.
+bool path_before(std::string_view a, std::string_view b);
+
+struct place_range {
+    std::string from;  // first place
+    std::string to;    // behind the last
+};
+
+enum class reach { children, all_below };
+
+// The ranges that hold all rows of a key's children, or of all keys below it.
+std::vector<place_range> place_ranges(std::string_view path, reach which);
+
+struct row {
+    std::string_view path;  // "" unless the place is cut
+    uint32_t children;
+    std::string_view value;
+};
+
+// Takes a row apart; false if its bytes are not those that were written at this place.
+[[nodiscard]] bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept;
+
+// The bytes of a row. path is that of the key, cut or not.
+std::string write_row(std::string_view place, std::string_view path, uint32_t children,
+                      std::string_view value);
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,59 @@
+// The host kit as a program sees it: which registry, which trace, how long to wait for a lock.
+// Usable from C99 and C++17. Linking libkeyview-host supplies every outside operation that
+// libkeyview12 asks for.
+//
+// A program that calls nothing here is governed by its environment:
+//
+//     KEYVIEW_REGISTRY     the registry's URL; there is no default
+//                              lmdb:<directory>    on this machine
+//     KEYVIEW_LOCK_WAIT    seconds to wait for a lock, 0 to 86400; 60 by default
+//     KEYVIEW_TRACE        where trace lines go:
+//                              none                nowhere; the default
+//                              stderr
+//                              file:<path>         appended; made with mode 0600
+//                              syslog
+//                              journal             the local journal; journal:<path> for a socket
+//                                                  elsewhere
+//     KEYVIEW_TRACE_LEVEL  lines up to this level are written: 0 failures (the default), 2 also
+//                          registrations, 4 also progress
+//
+// The environment is ignored by programs that run with raised rights. What a program chooses here
+// goes before its environment, for all threads, from the next call on that needs it; contexts that
+// exist keep their registry.
+//
+// A string is zero-terminated and stays the caller's. Functions that return a code return 0 for
+// success; else all stays as it was and keyview_host_last_error tells why.
+#ifndef KEYVIEW_HOST_H
+#define KEYVIEW_HOST_H
+
+#include <stdint.h>
+
+#define KEYVIEW_HOST_FUNCTION __attribute__((visibility("default")))
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Chooses the registry. Null or "" goes back to the environment. A URL of no known kind is refused;
+// whether there is such a registry shows when a context is made.
+KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_registry(const char *url);
+
+// Chooses how long a lock is waited for, in milliseconds: 0 tries once. At most a day; a negative
+// wait goes back to the environment.
+KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_lock_wait(int64_t wait_ms);
+
+// Chooses where trace lines go, in the words of KEYVIEW_TRACE; null means none. Choosing the file
+// in use again opens it anew, as after a rotation. A sink that cannot be used is refused.
+KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_trace(const char *sink);
+
+// Chooses the highest level that is written.
+KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_trace_level(int32_t level);
+
+// The text of the latest failure of an outside operation or of a function of this header on this
+// thread: what failed, where and why. "" if none failed yet; a success leaves it as it is. The
+// text changes with the thread's next failure and ends with the thread.
+KEYVIEW_HOST_FUNCTION const char *keyview_host_last_error(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,67 @@
+// A registry as the rest of the host kit sees it: its keys and its named locks, chosen by a URL.
+//
+//     lmdb:<directory>    this machine
+//
+// A further kind of registry is a further branch in backend.cpp and nothing else.
+#ifndef KEYVIEW_HOST_REGISTRY_BACKEND_H
+#define KEYVIEW_HOST_REGISTRY_BACKEND_H
+
+#include <memory>
+#include <string>
+
+#include "host/registry/store.h"
+#include "host/support/export.h"
+
+namespace keyview::host {
+
+enum class lock_mode { shared, exclusive };
+
+// A lock that is held. The destructor releases it; so does the death of the process.
+class KEYVIEW_HOST_API held_lock {
+  public:
+    held_lock() = default;
+    held_lock(const held_lock &) = delete;
+    held_lock &operator=(const held_lock &) = delete;
+    virtual ~held_lock() = default;
+
+    // Whether the lock is held, as far as this process can tell without asking.
+    virtual bool still_held() const = 0;
+};
+
+class KEYVIEW_HOST_API lock_service {
+  public:
+    lock_service() = default;
+    lock_service(const lock_service &) = delete;
+    lock_service &operator=(const lock_service &) = delete;
+    virtual ~lock_service() = default;
+
+    // Takes the named lock, in the name of this process: threads exclude each other too. Throws
+    // host_error(failure::lock) if it is not granted within wait_ms; 0 tries once.
+    virtual std::unique_ptr<held_lock> acquire(const std::string &name, lock_mode mode,
+                                               uint32_t wait_ms) = 0;
+};
+
+struct backend {
+    std::shared_ptr<store> keys;
+    std::shared_ptr<lock_service> locks;
+};
+
+enum class open_mode { existing, create };
+
+// Opens the registry of a URL; with open_mode::existing, one that is not there is
+// failure::not_found. Backends of one registry are shared within the process.
+KEYVIEW_HOST_API backend open_backend(const std::string &url, open_mode mode);
+
+// Throws failure::usage if the URL is of no known kind.
+void check_registry_url(const std::string &url);
+
+// The URL in force: the program's choice (keyview_host_set_registry), else KEYVIEW_REGISTRY. Throws
+// failure::usage if neither is set.
+KEYVIEW_HOST_API std::string registry_url();
+
+// How long a lock is waited for: the program's choice, else KEYVIEW_LOCK_WAIT (seconds), else 60 s.
+KEYVIEW_HOST_API uint32_t lock_wait_ms();
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,60 @@
+// Handles that can be checked: a token names a slot and the use of the slot, so a handle that was
+// closed, belongs to another table or is no handle at all is told from a live one without touching
+// what it points to.
+#ifndef KEYVIEW_HOST_REGISTRY_HANDLES_H
+#define KEYVIEW_HOST_REGISTRY_HANDLES_H
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+// The live handles of one kind in the process. T has a member token.
+template <typename T>
+class handle_table {
+  public:
+    // Null if there are too many.
+    void *add(std::unique_ptr<T> object) {
+        std::lock_guard guard(fork_mutex());
+        for (uint32_t tried = 0; tried < SLOTS; ++tried) {
+            uint32_t slot = ++latest_ % SLOTS;
+            if (slots_[slot].load(std::memory_order_relaxed) != nullptr) continue;
+            object->token = uint64_t{++uses_} << SLOT_BITS | slot;
+            void *handle = reinterpret_cast<void *>(object->token);
+            slots_[slot].store(object.release(), std::memory_order_release);
+            return handle;
+        }
+        return nullptr;
+    }
+
+    // Null for what is no live handle.
+    T *find(const void *handle) const {
+        auto token = reinterpret_cast<uint64_t>(handle);
+        T *object = slots_[token % SLOTS].load(std::memory_order_acquire);
+        return object != nullptr && object->token == token ? object : nullptr;
+    }
+
+    std::unique_ptr<T> remove(const void *handle) {
+        std::lock_guard guard(fork_mutex());
+        T *object = find(handle);
+        if (object != nullptr) slots_[object->token % SLOTS].store(nullptr);
+        return std::unique_ptr<T>(object);
+    }
+
+  private:
+    static constexpr uint32_t SLOT_BITS = 14;
+    static constexpr uint32_t SLOTS = 1U << SLOT_BITS;
+
+    uint64_t uses_ = 0;
+    uint32_t latest_ = 0;
+    std::array<std::atomic<T *>, SLOTS> slots_ = {};
+};
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,36 @@
+// Rules for key paths, and what part of the tree the name of a lock covers.
+#ifndef KEYVIEW_HOST_REGISTRY_PATH_H
+#define KEYVIEW_HOST_REGISTRY_PATH_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace keyview::host {
+
+constexpr size_t MAX_PATH_LENGTH = 2047;
+constexpr size_t MAX_VALUE_SIZE = size_t{1} << 20;
+
+// Why no key can have this path; null if one can. An element has one byte or more and no control
+// character.
+const char *path_fault(std::string_view path) noexcept;
+
+// Whether path is top or a key below it.
+bool path_within(std::string_view path, std::string_view top) noexcept;
+
+// The path of the parent; "" for an element alone.
+std::string_view parent_path(std::string_view path) noexcept;
+
+// The part of the tree that a lock protects, for the snapshot of its holder.
+struct lock_cover {
+    std::string path;            // "" if the name covers nothing
+    bool children_only = false;  // the snapshot holds the path and its children, nothing deeper
+};
+
+// The cover of a lock is its name without the head "LKRT." or "LKRT.STG.". The lock of all
+// databases protects only their list.
+lock_cover cover_of(std::string_view lock_name);
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,72 @@
+// The fork handlers of the kit.
+#include "host/support/fork.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+namespace keyview::host {
+
+static std::atomic<uint64_t> generation{1};
+
+// Guarded by fork_mutex(). Neither is ever destroyed: threads may outlive the end of main.
+static std::vector<int> &parent_only() {
+    static auto &fds = *new std::vector<int>;
+    return fds;
+}
+
+std::mutex &fork_mutex() noexcept {
+    static auto &mutex = *new std::mutex;
+    return mutex;
+}
+
+uint64_t fork_generation() noexcept {
+    return generation.load(std::memory_order_relaxed);
+}
+
+static void before_fork() {
+    fork_mutex().lock();
+}
+
+static void after_fork_in_parent() {
+    fork_mutex().unlock();
+}
+
+static void after_fork_in_child() {
+    generation.fetch_add(1, std::memory_order_relaxed);
+    for (int fd : parent_only())
+        close(fd);
+    parent_only().clear();
+    fork_mutex().unlock();
+}
+
+// With the library's loading. A failure, for want of memory, would leave forked children unguarded.
+static const bool handlers_set = [] {
+    (void)parent_only();
+    return pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+}();
+
+int open_parent_only(int directory, const char *name, int flags) {
+    if (!handlers_set) {
+        errno = ENOMEM;
+        return -1;
+    }
+    std::lock_guard guard(fork_mutex());
+    parent_only().reserve(parent_only().size() + 1);
+    int fd = openat(directory, name, flags | O_CLOEXEC | O_NOFOLLOW);
+    if (fd >= 0) parent_only().push_back(fd);
+    return fd;
+}
+
+void close_parent_only(int fd) noexcept {
+    std::lock_guard guard(fork_mutex());
+    auto &fds = parent_only();
+    fds.erase(std::remove(fds.begin(), fds.end(), fd), fds.end());
+    close(fd);
+}
+
+}  // namespace keyview::host

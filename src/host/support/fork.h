@@ -1,0 +1,63 @@
+// What a fork means to the kit. The child of a program goes on with the memory of its parent, but
+// must neither use the parent's registry files nor keep the parent's locks alive. So a descriptor
+// that carries a lock is closed in the child, and what belongs to one process is made anew there.
+#ifndef KEYVIEW_HOST_SUPPORT_FORK_H
+#define KEYVIEW_HOST_SUPPORT_FORK_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace keyview::host {
+
+// Changes in the child of a fork. What was made under another generation belongs to an ancestor.
+uint64_t fork_generation() noexcept;
+
+// Held across every fork, so that what it guards is whole in the child. For short work only, and
+// never while another mutex of the kit is taken inside.
+std::mutex &fork_mutex() noexcept;
+
+// A descriptor that a forked child closes at once; also closed by an exec.
+int open_parent_only(int directory, const char *name, int flags);
+void close_parent_only(int fd) noexcept;
+
+// One T for each process that a fork makes, built at its first use there. The T of an ancestor is
+// left as it is, never destroyed: another thread of the ancestor may have been inside.
+template <typename T>
+class per_process {
+  public:
+    per_process() = default;
+    per_process(const per_process &) = delete;
+    per_process &operator=(const per_process &) = delete;
+
+    ~per_process() {
+        node *last = current_.load();
+        if (last != nullptr && last->generation == fork_generation()) delete last;
+    }
+
+    T &get() {
+        node *found = current_.load(std::memory_order_acquire);
+        if (found != nullptr && found->generation == fork_generation()) return found->value;
+        return renew(found);
+    }
+
+  private:
+    struct node {
+        uint64_t generation;
+        node *ancestor;  // kept reachable for leak checkers
+        T value;
+    };
+
+    T &renew(node *found) {
+        auto fresh = std::unique_ptr<node>(new node{fork_generation(), found, {}});
+        if (current_.compare_exchange_strong(found, fresh.get())) return fresh.release()->value;
+        return found->value;  // another thread was faster
+    }
+
+    std::atomic<node *> current_{nullptr};
+};
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,54 @@
+// The latest failure of each thread, as a code and a text for a person, and the border at which
+// exceptions become such failures.
+#ifndef KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
+#define KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
+
+#include <cstdint>
+#include <exception>
+#include <initializer_list>
+#include <new>
+#include <string_view>
+
+#include "host/support/error.h"
+
+namespace keyview::host {
+
+// What the operations of the kit return for a failure that their contract has no code for.
+enum : int32_t {
+    FAILED = 1,         // the registry or the lock service failed
+    BAD_ARGUMENT = 2,   // an argument cannot be used: a handle, a null pointer, a setting
+    NAME_TOO_LONG = 3,  // a name does not fit into the caller's buffer
+    LOCK_FAILED = 5,    // a lock was not granted, or lost, or is not held
+    NO_MEMORY = 6,
+};
+
+// A text is kept up to the size that callers have room for.
+struct last_failure {
+    int32_t code;
+    char text[1024];
+};
+
+last_failure &thread_failure() noexcept;
+
+// Keeps the text, composed of its pieces, as the thread's latest failure; returns the code.
+int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept;
+
+int32_t code_of(failure kind) noexcept;
+
+// Runs the body of a C operation; an exception becomes the thread's latest failure.
+template <typename work>
+[[nodiscard]] int32_t at_border(work &&body) {
+    try {
+        return body();
+    } catch (const host_error &error) {
+        return fail(code_of(error.kind), {error.what()});
+    } catch (const std::bad_alloc &) {
+        return fail(NO_MEMORY, {"out of memory"});
+    } catch (const std::exception &error) {
+        return fail(FAILED, {error.what()});
+    }
+}
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,79 @@
+// String folding. Only letters of ASCII have a case, whatever the locale.
+#include <cstring>
+
+#include "host/support/export.h"
+#include "platform/txt.h"
+
+static char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+}
+
+static char upper(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
+}
+
+// How often from occurs, counted from the left without overlaps.
+static uint64_t occurrences(const char *text, uint64_t length, const char *from,
+                            uint64_t from_length) {
+    uint64_t count = 0;
+    for (uint64_t at = 0; at + from_length <= length;) {
+        bool here = memcmp(text + at, from, from_length) == 0;
+        count += here;
+        at += here ? from_length : 1;
+    }
+    return count;
+}
+
+extern "C" {
+
+KEYVIEW_HOST_API void txtmlo(char *target, const char *source, uint64_t n) {
+    for (uint64_t i = 0; i < n; ++i)
+        target[i] = lower(source[i]);
+}
+
+KEYVIEW_HOST_API void txtmup(char *target, const char *source, uint64_t n) {
+    for (uint64_t i = 0; i < n; ++i)
+        target[i] = upper(source[i]);
+}
+
+KEYVIEW_HOST_API void txtlo(char *target, const char *source) {
+    txtmlo(target, source, strlen(source) + 1);
+}
+
+KEYVIEW_HOST_API int32_t txtclo(const char *a, const char *b) {
+    while (*a != '\0' && lower(*a) == lower(*b)) {
+        ++a;
+        ++b;
+    }
+    return static_cast<unsigned char>(lower(*a)) - static_cast<unsigned char>(lower(*b));
+}
+
+// Non-zero, with the text as it was, if the result would not fit. The text is first moved to where
+// the result will end and then written from the front: what is still to be read is never overtaken.
+KEYVIEW_HOST_API int32_t txtrep(char *text, uint64_t length, uint64_t capacity, const char *from,
+                                uint64_t from_length, const char *to, uint64_t to_length,
+                                uint64_t *new_length) {
+    if (from_length == 0) return 1;
+    uint64_t count = occurrences(text, length, from, from_length);
+    uint64_t result = length - count * from_length + count * to_length;
+    if (result >= capacity) return 1;
+
+    uint64_t read = result > length ? result - length : 0;
+    uint64_t end = read + length;
+    memmove(text + read, text, length);
+    char *write = text;
+    while (read < end) {
+        if (end - read >= from_length && memcmp(text + read, from, from_length) == 0) {
+            read += from_length;
+            memcpy(write, to, to_length);
+            write += to_length;
+        } else {
+            *write++ = text[read++];
+        }
+    }
+    *write = '\0';
+    if (new_length != nullptr) *new_length = result;
+    return 0;
+}
+
+}  // extern "C"

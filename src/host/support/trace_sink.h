@@ -1,0 +1,29 @@
+// Where trace lines go, and which. Set by KEYVIEW_TRACE and KEYVIEW_TRACE_LEVEL, or by the program
+// (keyview_host.h).
+#ifndef KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
+#define KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
+
+#include <atomic>
+#include <cstdint>
+#include <string_view>
+
+namespace keyview::host {
+
+// Lines above this level are dropped. While nothing is set yet it lets all pass.
+extern std::atomic<int64_t> trace_threshold;
+
+// Brings the settings of the environment into force, once. Throws failure::usage if they cannot be
+// used: nothing is traced then.
+void load_trace_settings();
+
+// Writes one line, whatever its level. Never throws; errno stays as it was.
+void write_trace_line(std::string_view component, int32_t level, std::string_view text) noexcept;
+
+// The program's choices. sink is as in KEYVIEW_TRACE; setting the file in use again opens it anew.
+// Throws failure::usage, and all stays as it was, if the sink cannot be used.
+void set_trace_sink(std::string_view sink);
+void set_trace_level(int32_t level);
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,161 @@
+// A registry of its own for each test, with helpers to fill it and to read it through the client.
+#ifndef KEYVIEW_TESTS_HOST_REGISTRY_H
+#define KEYVIEW_TESTS_HOST_REGISTRY_H
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host/if/keyview_host.h"
+#include "host/registry/backend.h"
+#include "host/support/error.h"
+#include "platform/kvtc.h"
+#include "platform/lksv.h"
+
+namespace keyview::test {
+
+using namespace keyview::host;
+
+class scratch_directory {
+  public:
+    scratch_directory() {
+        std::string name = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
+        path = name;
+    }
+    ~scratch_directory() { std::filesystem::remove_all(path); }
+
+    std::string path;
+};
+
+inline change put(const std::string &path, const std::string &value = "") {
+    return {change::kind::put, path, value};
+}
+
+inline change removal(const std::string &path) {
+    return {change::kind::remove, path, ""};
+}
+
+// What a call threw; fails the test if it threw nothing.
+template <typename call>
+failure failure_of(call &&run, std::string *text = nullptr) {
+    try {
+        run();
+    } catch (const host_error &error) {
+        if (text != nullptr) *text = error.what();
+        return error.kind;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return failure::internal;
+}
+
+// An empty registry, chosen for the process.
+class RegistryTest : public testing::Test {
+  protected:
+    RegistryTest() : url("lmdb:" + scratch.path + "/registry") {
+        open();
+        EXPECT_EQ(keyview_host_set_registry(url.c_str()), 0);
+    }
+    ~RegistryTest() override {
+        keyview_host_set_registry(nullptr);
+        keyview_host_set_lock_wait(-1);
+    }
+
+    void open() { registry = open_backend(url, open_mode::create); }
+    void close() { registry = {}; }
+    change_counts apply(const std::vector<change> &changes) {
+        return registry.keys->apply(changes);
+    }
+    std::string stored(const std::string &path) {
+        std::string value;
+        return registry.keys->read(path, &value) ? value : "(none)";
+    }
+
+    scratch_directory scratch;
+    std::string url;
+    backend registry;
+};
+
+// A registry handle of the client, used as a caller does.
+struct client {
+    client() { EXPECT_EQ(kvtc_init_ext(&reg, 3, nullptr, nullptr, 0), 0) << error(); }
+    ~client() { kvtc_terminate(reg); }
+
+    static std::string error() {
+        char text[1024] = "";
+        uint32_t size = sizeof(text);
+        int32_t code = 0;
+        (void)kvtc_get_last_error(nullptr, &code, text, &size);
+        return text;
+    }
+
+    std::string value_of(void *key) const {
+        char value[4096];
+        uint32_t size = sizeof(value);
+        uint32_t type = 0;
+        if (kvtc_get_value(reg, key, &type, value, &size) != 0) return "(error)";
+        return std::string(value, size);
+    }
+
+    // The value, or "(code)" if the key does not open.
+    std::string read(const std::string &path) const {
+        void *key = nullptr;
+        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
+        if (rc != 0) return "(" + std::to_string(rc) + ")";
+        std::string value = value_of(key);
+        EXPECT_EQ(kvtc_close_key(reg, key), 0);
+        return value;
+    }
+
+    int32_t set(const std::string &path, const std::string &value) const {
+        void *key = nullptr;
+        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
+        if (rc != 0) return rc;
+        rc = kvtc_set_value(reg, key, KVTC_TYPE_STRING, value.data(),
+                            static_cast<uint32_t>(value.size()));
+        EXPECT_EQ(kvtc_close_key(reg, key), 0);
+        return rc;
+    }
+
+    // The names of all subkeys, each behind its countdown: "1:a 0:b "; then the code that ended it.
+    std::string list(const std::string &path) const {
+        void *key = nullptr;
+        std::string all;
+        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
+        if (rc != 0) return "(" + std::to_string(rc) + ")";
+        for (;;) {
+            char name[2048];
+            uint32_t size = sizeof(name);
+            int32_t last = 0;
+            rc = kvtc_enum_subkey(reg, key, name, &size, &last);
+            all += rc == 0 ? std::to_string(last) + ":" + name + " "
+                           : "(" + std::to_string(rc) + "/" + std::to_string(last) + ")";
+            if (rc == 0) continue;
+            EXPECT_EQ(kvtc_close_key(reg, key), 0);
+            return all;
+        }
+    }
+
+    void *reg = nullptr;
+};
+
+// A lock service handle.
+struct locker {
+    locker() {
+        const uint16_t version[] = {2, 1};
+        EXPECT_EQ(lksvsinit(nullptr, &lk, version, nullptr, 272), 0);
+    }
+    ~locker() { lksvsterm(nullptr, lk); }
+
+    int32_t shared(const char *name) const { return lksvlsshrlock(nullptr, lk, name); }
+    int32_t exclusive(const char *name) const { return lksvlsmutexlock(nullptr, lk, name); }
+    int32_t unlock(const char *name) const { return lksvlsunlock(nullptr, lk, name); }
+
+    void *lk = nullptr;
+};
+
+}  // namespace keyview::test
+
+#endif
