@@ -1,0 +1,105 @@
+// The one place where failures become exit codes and advice.
+#include "ctl/exit_codes.h"
+
+#include <cerrno>
+#include <iterator>
+
+#include "keyview/if/prsr.h"
+
+namespace keyview::ctl {
+
+// By code, from EXIT_DONE on.
+static constexpr struct {
+    const char *word, *meaning;
+} EXITS[] = {
+    {"done", "done, or the answer is yes"},
+    {"no", "the answer is no"},
+    {"usage", "the command line cannot be used"},
+    {"not_found", "what was named does not exist"},
+    {"registry", "the registry cannot be reached or failed"},
+    {"lock", "a lock was refused, lost or not granted in time"},
+    {"changed", "the tree changed meanwhile"},
+    {"denied", "not permitted"},
+    {"content", "the content of the registry, or a document, is invalid"},
+    {"internal", "no memory, the output failed, or a mistake in keyview"},
+};
+
+const char *exit_word(exit_code code) {
+    return EXITS[code].word;
+}
+
+std::string exit_code_help() {
+    std::string out = "Exit codes:\n";
+    for (size_t code = 0; code < std::size(EXITS); ++code) {
+        out += "  " + std::to_string(code) + "  " + EXITS[code].meaning + "\n";
+    }
+    return out + "  130, 143 in a shell: ended by an interrupt, by a termination\n";
+}
+
+static constexpr const char *TRY_REGISTRY =
+    "check that the registry exists, runs and may be used by this user";
+static constexpr const char *TRY_LATER = "try again when its holder is done";
+static constexpr const char *TRY_MEMORY = "try again with more memory";
+static constexpr const char *REPORT_BUG = "report this: it is a mistake in keyview";
+
+// By code, from PRSR_SUCCESS on.
+static constexpr library_failure LIBRARY_FAILURES[] = {
+    {"", "", EXIT_DONE, false},
+    {"a name is too long", "use the name as it is registered", EXIT_USAGE, false},
+    {"out of memory", TRY_MEMORY, EXIT_INTERNAL, false},
+    {"the registry failed", TRY_REGISTRY, EXIT_REGISTRY, true},
+    {"the library refused its own context", REPORT_BUG, EXIT_INTERNAL, false},
+    {"the lock was not granted", TRY_LATER, EXIT_LOCK, true},
+    {"there is no thread support", REPORT_BUG, EXIT_INTERNAL, true},
+    {"there is none of this name", TRY_LIST, EXIT_NOT_FOUND, false},
+    {"there is no such storage manager entry", "check its scope and name", EXIT_NOT_FOUND, false},
+    {"the stored word is no role", "set the role again", EXIT_CONTENT, false},
+    {"the node has no entry", "check the name of the node", EXIT_NOT_FOUND, false},
+};
+static_assert(std::size(LIBRARY_FAILURES) == PRSR_ERR_NO_NODEAPPS + 1, "a row for each code");
+
+static constexpr library_failure UNKNOWN_CODE = {"an unknown code", REPORT_BUG, EXIT_INTERNAL,
+                                                 false};
+
+const library_failure &library_failure_of(int32_t rc) {
+    if (rc < 0 || rc > PRSR_ERR_NO_NODEAPPS) return UNKNOWN_CODE;
+    return LIBRARY_FAILURES[rc];
+}
+
+// By status, from admin::status::done on.
+static constexpr admin_failure ADMIN_FAILURES[] = {
+    {EXIT_DONE, ""},
+    {EXIT_USAGE,
+     "choose a registry with --registry or KEYVIEW_REGISTRY, such as lmdb:/var/lib/keyview"},
+    {EXIT_NOT_FOUND, "check the name"},
+    {EXIT_REGISTRY, TRY_REGISTRY},
+    {EXIT_LOCK, TRY_LATER},
+    {EXIT_CHANGED, "look at the tree again and repeat the command"},
+    {EXIT_DENIED, "run it as a user who may change the registry"},
+    {EXIT_CONTENT, "correct each place that is named"},
+    {EXIT_INTERNAL, TRY_MEMORY},
+};
+
+const admin_failure &admin_failure_of(admin::status code) {
+    return ADMIN_FAILURES[static_cast<size_t>(code)];
+}
+
+exit_code exit_of_errno(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return EXIT_NOT_FOUND;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            return EXIT_DENIED;
+        case EISDIR:
+        case ENAMETOOLONG:
+        case ELOOP:
+            return EXIT_USAGE;
+        default:
+            return EXIT_INTERNAL;
+    }
+}
+
+}  // namespace keyview::ctl

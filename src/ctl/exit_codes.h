@@ -1,0 +1,57 @@
+// The exit codes of keyviewctl, the same for every command, and what leads to each of them.
+#ifndef KEYVIEW_CTL_EXIT_CODES_H
+#define KEYVIEW_CTL_EXIT_CODES_H
+
+#include <cstdint>
+#include <string>
+
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+// exit_codes.cpp has their meanings.
+enum exit_code {
+    EXIT_DONE = 0,
+    EXIT_NO = 1,
+    EXIT_USAGE = 2,
+    EXIT_NOT_FOUND = 3,
+    EXIT_REGISTRY = 4,
+    EXIT_LOCK = 5,
+    EXIT_CHANGED = 6,
+    EXIT_DENIED = 7,
+    EXIT_CONTENT = 8,
+    EXIT_INTERNAL = 9,
+    // A signal ends the program as it ends any other; a shell shows 130 for an interrupt, 143 for a
+    // termination.
+};
+
+constexpr const char *TRY_LIST = "\"keyviewctl list\" shows the databases that are there";
+
+// A word for programs, such as "not_found".
+const char *exit_word(exit_code code);
+
+// The codes and their meanings, a line each, for the help.
+std::string exit_code_help();
+
+// What a PRSR_* code means: for the exit, and in words where the host kit has none.
+struct library_failure {
+    const char *why;
+    const char *todo;
+    exit_code code;
+    bool host_knows;  // the host kit's latest failure is the cause
+};
+const library_failure &library_failure_of(int32_t rc);
+
+// The same for the administration; its result has the words.
+struct admin_failure {
+    exit_code code;
+    const char *todo;
+};
+const admin_failure &admin_failure_of(admin::status code);
+
+// For a failed system call on a file that was named on the command line.
+exit_code exit_of_errno(int error);
+
+}  // namespace keyview::ctl
+
+#endif

@@ -1,0 +1,141 @@
+// See file_io.h.
+#include "ctl/file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "ctl/output.h"
+
+namespace keyview::ctl {
+
+std::string file_label(const std::string &name) {
+    return name == "-" ? "standard input" : name;
+}
+
+[[noreturn]] static void fail(const char *what, const std::string &name, int error) {
+    throw tool_error{exit_of_errno(error), what, file_label(name), strerror(error),
+                     "check the name, the permissions and the free space"};
+}
+
+namespace {
+
+// A descriptor, closed at the end of the scope.
+struct open_file {
+    ~open_file() {
+        if (fd > STDERR_FILENO) close(fd);
+    }
+    int fd = -1;
+};
+
+// A file that is removed at the end of the scope, unless it was kept.
+struct temporary_file {
+    ~temporary_file() {
+        if (!name.empty()) unlink(name.c_str());
+    }
+    std::string name;
+};
+
+// Holds back the signals that end the program, so that no temporary file is left behind.
+struct signals_held {
+    signals_held() {
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (int number : {SIGHUP, SIGINT, SIGTERM})
+            sigaddset(&ending, number);
+        sigprocmask(SIG_BLOCK, &ending, &before);
+    }
+    ~signals_held() { sigprocmask(SIG_SETMASK, &before, nullptr); }
+    sigset_t before;
+};
+
+}  // namespace
+
+static const char *const CANNOT_READ = "the file cannot be read";
+static const char *const CANNOT_WRITE = "the file cannot be written; its content is as before";
+
+std::string read_file(const std::string &name) {
+    open_file file;
+    file.fd = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file.fd < 0) fail(CANNOT_READ, name, errno);
+    std::string content;
+    char block[64 * 1024];
+    for (;;) {
+        ssize_t got = read(file.fd, block, sizeof block);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail(CANNOT_READ, name, errno);
+        if (got == 0) return content;
+        content.append(block, static_cast<size_t>(got));
+    }
+}
+
+static void write_to(int fd, const std::string &name, std::string_view content) {
+    while (!content.empty()) {
+        ssize_t done = write(fd, content.data(), content.size());
+        if (done < 0 && errno == EINTR) continue;
+        if (done < 0) fail(CANNOT_WRITE, name, errno);
+        content.remove_prefix(static_cast<size_t>(done));
+    }
+}
+
+static void write_into(const std::string &name, std::string_view content) {
+    open_file file;
+    file.fd = open(name.c_str(), O_WRONLY | O_CLOEXEC);
+    if (file.fd < 0) fail(CANNOT_WRITE, name, errno);
+    write_to(file.fd, name, content);
+}
+
+// The file behind a name that may be a symbolic link.
+static std::string target_of(const std::string &name) {
+    char *real = realpath(name.c_str(), nullptr);
+    if (real == nullptr) return name;
+    std::string target = real;
+    free(real);
+    return target;
+}
+
+// Makes the rename last; where a folder cannot be synced, it is done without.
+static void sync_folder(const std::string &name) {
+    size_t slash = name.rfind('/');
+    std::string folder = slash == name.npos ? "." : name.substr(0, slash + 1);
+    open_file file;
+    file.fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (file.fd >= 0) (void)fsync(file.fd);
+}
+
+static mode_t mode_of_new_file() {
+    mode_t mask = umask(0);
+    umask(mask);
+    return 0666 & ~mask;
+}
+
+void replace_file(const std::string &name, std::string_view content) {
+    struct stat old;
+    bool exists = stat(name.c_str(), &old) == 0;
+    if (exists && S_ISDIR(old.st_mode)) fail(CANNOT_WRITE, name, EISDIR);
+    if (exists && !S_ISREG(old.st_mode)) return write_into(name, content);
+
+    signals_held held;
+    temporary_file beside;
+    open_file file;
+    std::string target = target_of(name);
+    std::string temporary = target + ".XXXXXX";
+    file.fd = mkostemp(temporary.data(), O_CLOEXEC);
+    if (file.fd < 0) fail(CANNOT_WRITE, name, errno);
+    beside.name = temporary;
+    mode_t mode = exists ? old.st_mode & 07777 : mode_of_new_file();
+    if (fchmod(file.fd, mode) != 0) fail(CANNOT_WRITE, name, errno);
+    write_to(file.fd, name, content);
+    if (fsync(file.fd) != 0) fail(CANNOT_WRITE, name, errno);
+    if (rename(temporary.c_str(), target.c_str()) != 0) fail(CANNOT_WRITE, name, errno);
+    beside.name.clear();
+    sync_folder(target);
+}
+
+}  // namespace keyview::ctl

@@ -1,0 +1,23 @@
+// Whole files in and out. A failure is a tool_error that names the file.
+#ifndef KEYVIEW_CTL_FILE_IO_H
+#define KEYVIEW_CTL_FILE_IO_H
+
+#include <string>
+#include <string_view>
+
+namespace keyview::ctl {
+
+// The name as a message tells it.
+std::string file_label(const std::string &name);
+
+// All of a file; "-" is standard input.
+std::string read_file(const std::string &name);
+
+// Replaces a file: beside it, synced, renamed, so that under its name there is always all of the
+// old content or all of the new. A symbolic link stays one. What is no regular file, such as a pipe
+// or a device, is written into.
+void replace_file(const std::string &name, std::string_view content);
+
+}  // namespace keyview::ctl
+
+#endif

@@ -1,0 +1,137 @@
+// keyviewctl: the administrator's tool. Options, the groups of commands, and the way out.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <sstream>
+
+#include "ctl/command.h"
+#include "ctl/exit_codes.h"
+#include "ctl/output.h"
+#include "host/if/keyview_host.h"
+
+namespace keyview::ctl {
+
+static constexpr command_group GROUPS[] = {
+    add_look_commands,
+    add_tree_commands,
+};
+
+CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
+                      const std::function<void()> &run) {
+    CLI::App *command = app->add_subcommand(name, description);
+    command->fallthrough();
+    command->callback([shared, run] { shared->run = run; });
+    return command;
+}
+
+// If a standard descriptor is closed, the next file opened takes its number, and output would go
+// into the registry. These fail instead on every use.
+static void occupy_standard_descriptors() {
+    constexpr int FLAGS[] = {O_WRONLY, O_RDONLY, O_RDONLY};
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) (void)open("/dev/null", FLAGS[fd]);
+    }
+}
+
+// An apply holds a lock, and so an open file, for each database, entry and node of its document.
+static void raise_file_limit() {
+    rlimit files = {};
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+    files.rlim_cur = files.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &files);  // the old limit does for all but large documents
+}
+
+// The format is needed for an error in the command line itself, before that is understood.
+static output_format format_asked_for(int argc, char **argv) {
+    for (int n = 1; n < argc; ++n) {
+        std::string word = argv[n];
+        std::string next = n + 1 < argc ? argv[n + 1] : "";
+        bool split = (word == "-o" || word == "--output") && next == "json";
+        if (split || word == "-ojson" || word == "--output=json") return output_format::json;
+    }
+    return output_format::table;
+}
+
+static void add_options(CLI::App *app, tool *shared) {
+    app->set_version_flag("--version", "keyviewctl " KEYVIEW_VERSION);
+    app->set_help_flag("-h,--help", "Print this and exit");
+    app->footer(exit_code_help());
+    app->require_subcommand(0, 1);  // none at all is told below, in better words
+    app->add_option("--registry", shared->registry,
+                    "URL of the registry, such as lmdb:/var/lib/keyview")
+        ->envname("KEYVIEW_REGISTRY");
+    app->add_option_function<std::string>(
+           "-o,--output",
+           [shared](const std::string &word) {
+               shared->format = word == "json" ? output_format::json : output_format::table;
+           },
+           "table, for people, or json")
+        ->check(CLI::IsMember({"table", "json"}));
+}
+
+static constexpr const char *TRY_HELP =
+    "\"keyviewctl --help\" shows the commands, and --help behind one its options";
+
+// Help and version are results like any other.
+static int end_parse(const CLI::App &app, const CLI::ParseError &error, output_format format) {
+    if (error.get_exit_code() == 0) {
+        std::ostringstream text;
+        app.exit(error, text, text);
+        write_result(text.str());
+        return EXIT_DONE;
+    }
+    report_error(format,
+                 {EXIT_USAGE, "the command line cannot be used", "", error.what(), TRY_HELP});
+    return EXIT_USAGE;
+}
+
+static void choose_registry(const tool &shared) {
+    const char *todo =
+        "use --registry or KEYVIEW_REGISTRY with a URL such as lmdb:/var/lib/keyview";
+    if (shared.registry.empty()) {
+        throw tool_error{EXIT_USAGE, "no registry is chosen", "", "", todo};
+    }
+    if (keyview_host_set_registry(shared.registry.c_str()) != 0) {
+        throw tool_error{EXIT_USAGE, "the registry cannot be used", shared.registry,
+                         keyview_host_last_error(), todo};
+    }
+}
+
+static int run(int argc, char **argv, output_format *format) {
+    tool shared;
+    CLI::App app("Looks after the key tree of a database cluster", "keyviewctl");
+    add_options(&app, &shared);
+    for (command_group add : GROUPS)
+        add(&app, &shared);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return end_parse(app, error, *format);
+    }
+    *format = shared.format;
+    if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
+    choose_registry(shared);
+    shared.run();
+    return EXIT_DONE;
+}
+
+}  // namespace keyview::ctl
+
+int main(int argc, char **argv) {
+    using namespace keyview::ctl;
+    occupy_standard_descriptors();
+    raise_file_limit();
+    (void)signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
+    output_format format = format_asked_for(argc, argv);
+    try {
+        return run(argc, argv, &format);
+    } catch (const tool_error &error) {
+        report_error(format, error);
+        return error.code;
+    } catch (const std::exception &error) {
+        report_error(format, {EXIT_INTERNAL, "the command failed", "", error.what(), ""});
+        return EXIT_INTERNAL;
+    }
+}

@@ -1,0 +1,41 @@
+// All that keyviewctl writes. The result goes to stdout and nothing else does; whether it arrived
+// is checked. Errors go to stderr. No byte of a name or value reaches a person unescaped.
+#ifndef KEYVIEW_CTL_OUTPUT_H
+#define KEYVIEW_CTL_OUTPUT_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ctl/exit_codes.h"
+#include "ctl/view.h"
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+// Ends a command: thrown by it, reported by main.
+struct tool_error {
+    exit_code code;
+    std::string what;   // what was to be done, or is wrong
+    std::string where;  // the registry, the file; may be empty
+    std::string why;
+    std::string todo;
+    std::vector<admin::problem> problems = {};
+    uint64_t more_problems = 0;
+};
+
+// Writes to stdout; throws if not all of it arrives.
+void write_result(std::string_view bytes);
+
+// Shows a result: for people its value alone, for programs an object with kind and version and,
+// under value_name, the value.
+void show_result(output_format format, const char *kind, const char *value_name, const view &value);
+
+// Throws the tool_error of a result other than done.
+void check_result(const admin::result &result, const std::string &what, const std::string &where);
+
+void report_error(output_format format, const tool_error &error);
+
+}  // namespace keyview::ctl
+
+#endif

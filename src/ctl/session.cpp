@@ -1,0 +1,26 @@
+// See session.h.
+#include "ctl/session.h"
+
+#include "ctl/output.h"
+#include "host/if/keyview_host.h"
+
+namespace keyview::ctl {
+
+session::session(const tool &shared) : status(status_block_), registry_(shared.registry) {
+    check(prsr_init(status, &ctx), "the registry cannot be opened");
+}
+
+session::~session() {
+    // The lock service goes with the process if it refuses to end here.
+    if (ctx != nullptr) (void)prsr_terminate(status, ctx);
+}
+
+void session::check(int32_t rc, const std::string &what) const {
+    if (rc == PRSR_SUCCESS) return;
+    const library_failure &failure = library_failure_of(rc);
+    std::string why = failure.host_knows ? keyview_host_last_error() : "";
+    if (why.empty()) why = failure.why;
+    throw tool_error{failure.code, what, registry_, why, failure.todo};
+}
+
+}  // namespace keyview::ctl

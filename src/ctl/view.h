@@ -1,0 +1,47 @@
+// A result as a command hands it to the output: fields by name, lists, texts, numbers. Built once,
+// shown as a tree for people or as JSON for programs.
+#ifndef KEYVIEW_CTL_VIEW_H
+#define KEYVIEW_CTL_VIEW_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace keyview::ctl {
+
+enum class output_format { table, json };
+
+// A number that has a word for people.
+struct coded {
+    int64_t code;
+    std::string word;
+};
+
+struct view;
+using view_list = std::vector<view>;
+using view_fields = std::vector<std::pair<std::string, view>>;
+
+// The text is raw bytes, as the registry has them. std::monostate is null.
+struct view {
+    std::variant<std::monostate, std::string, coded, view_list, view_fields> value;
+};
+
+// A string of the library's; null stays null.
+inline view text_view(const char *text) {
+    if (text == nullptr) return {};
+    return {std::string(text)};
+}
+
+inline view number_view(int64_t number) {
+    return {coded{number, std::to_string(number)}};
+}
+
+inline view flag_view(int64_t flag) {
+    return {coded{flag, flag == 0 ? "no" : "yes"}};
+}
+
+}  // namespace keyview::ctl
+
+#endif

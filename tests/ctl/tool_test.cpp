@@ -1,0 +1,366 @@
+// keyviewctl from end to end: the built program on a registry in a temporary folder.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "host/registry/backend.h"
+#include "process.h"
+
+using namespace std::string_literals;
+using nlohmann::json;
+namespace host = keyview::host;
+
+static const std::string EXAMPLE = read_whole(EXAMPLE_DOCUMENT);
+
+static std::string document_with(const std::string &members) {
+    return R"({"format": "keyview-cluster", "version": 1, )" + members + "}";
+}
+
+class Tool : public testing::Test {
+  protected:
+    void SetUp() override {
+        folder_ = testing::TempDir() + "keyview.XXXXXX";
+        ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+        url_ = "lmdb:" + folder_ + "/registry";
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    outcome run(std::vector<std::string> arguments, const surroundings &around = {}) const {
+        arguments.insert(arguments.end(), {"--registry", url_});
+        return run_tool(arguments, around);
+    }
+
+    outcome apply(const std::string &document) const { return run({"apply", "-"}, {document}); }
+
+    void apply_example() const {
+        outcome ended = apply(EXAMPLE);
+        ASSERT_EQ(ended.code, 0) << ended.err;
+    }
+
+    std::string exported() const {
+        outcome ended = run({"export"});
+        EXPECT_EQ(ended.code, 0) << ended.err;
+        return ended.out;
+    }
+
+    // What no document can say goes in here.
+    void put(const std::string &path, const std::string &value) const {
+        host::open_backend(url_, host::open_mode::existing)
+            .keys->apply({{host::change::kind::put, path, value}});
+    }
+
+    std::string folder_;
+    std::string url_;
+};
+
+TEST_F(Tool, WhatIsAppliedComesBackByteForByte) {
+    outcome first = run({"apply", EXAMPLE_DOCUMENT});
+    EXPECT_EQ(first.code, 0) << first.err;
+    EXPECT_NE(first.out.find(" keys created, 0 changed\n"), std::string::npos) << first.out;
+    EXPECT_EQ(apply(EXAMPLE).out, "nothing to change: the registry holds the document already\n");
+    EXPECT_EQ(exported(), EXAMPLE);
+
+    std::string file = folder_ + "/saved.json";
+    EXPECT_EQ(run({"export", file}).code, 0);
+    EXPECT_EQ(read_whole(file), EXAMPLE);
+    url_ = "lmdb:" + folder_ + "/second";
+    EXPECT_EQ(json::parse(run({"apply", file, "-o", "json"}).out)["keys"]["replaced"], 0);
+    EXPECT_EQ(exported(), EXAMPLE);
+}
+
+TEST_F(Tool, ApplyLeavesAloneWhatADocumentDoesNotMention) {
+    apply_example();
+    outcome second = apply(document_with(
+        R"("databases": [{"name": "SALES", "spfile": "new", "services": [{"name": "reporting",
+           "preferred": [{"name": "Sales3"}]}, {"name": "late", "preferred": [{"name": "sales4"}]}]}])"));
+    EXPECT_EQ(second.code, 0) << second.err;
+    json expected = json::parse(EXAMPLE);
+    json &sales = expected["databases"][1];
+    sales["name"] = "SALES";
+    sales["spfile"] = "new";
+    json moved = sales["services"][2];
+    ASSERT_EQ(moved["name"], "reporting");
+    moved["preferred"].insert(moved["preferred"].begin(), moved["available"][0]);
+    moved["available"] = json::array();
+    sales["services"][2] = {
+        {"name", "late"}, {"preferred", {{{"name", "sales4"}}}}, {"available", json::array()}};
+    sales["services"].push_back(moved);
+    std::sort(sales["services"].begin(), sales["services"].end(),
+              [](const json &a, const json &b) { return a["name"] < b["name"]; });
+    EXPECT_EQ(json::parse(exported()), expected);
+}
+
+TEST_F(Tool, ARefusedDocumentWritesNothing) {
+    const struct {
+        std::string document, place, words;
+    } CASES[] = {
+        {document_with(R"("databases": [{"name": "a"}, {"name": "b", "spfile": 1}])"),
+         "/databases/1/spfile", "must be a string"},
+        {document_with(R"("databases": [{"name": "sales", "spfile": "x", "services": [
+             {"name": "s", "available": [{"name": "Sales9"}]}]}])"),
+         "/databases/0/services/0/available/0/name", "neither the document nor the registry"},
+        {document_with(R"("databases": [{"name": "sales", "spfile": "x", "services": [
+             {"name": "Checkout*Shop.example.com"}]}])"),
+         "/databases/0/services/0/name", "another service: checkout.shop.example.com"},
+    };
+    for (const auto &row : CASES) {
+        outcome fresh = apply(row.document);
+        EXPECT_TRUE(fresh.code == 0 || !std::filesystem::exists(folder_ + "/registry"));
+    }
+    std::filesystem::remove_all(folder_ + "/registry");
+    apply_example();
+    for (const auto &row : CASES) {
+        outcome ended = apply(row.document);
+        EXPECT_EQ(ended.code, 8);
+        EXPECT_NE(ended.err.find(row.place + ": "), std::string::npos) << ended.err;
+        EXPECT_NE(ended.err.find(row.words), std::string::npos) << ended.err;
+    }
+    EXPECT_EQ(exported(), EXAMPLE);
+}
+
+TEST_F(Tool, ListGivesTheRegisteredNames) {
+    EXPECT_EQ(apply(document_with(R"("databases": [])")).code, 0);
+    EXPECT_EQ(run({"list"}).out, "");
+    EXPECT_EQ(json::parse(run({"list", "-o", "json"}).out)["db_list"], json::array());
+    apply_example();
+    EXPECT_EQ(run({"list"}).out, "ledger\nSales\nSalesStandby\nsandbox\n");
+    EXPECT_EQ(json::parse(run({"list", "-o", "json"}).out),
+              (json{{"kind", "db_list"},
+                    {"version", 1},
+                    {"db_list", {"ledger", "Sales", "SalesStandby", "sandbox"}}}));
+}
+
+// What the record says of a field of the document: absent is null, a flag a number.
+static json recorded(const json &holder, const char *field) {
+    json value = holder.value(field, json());
+    if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
+    return value == json::array() ? json() : value;
+}
+
+static void expect_fields(const json &record, const json &document,
+                          std::initializer_list<const char *> fields) {
+    for (const char *field : fields) {
+        ASSERT_TRUE(record.contains(field)) << field << "\n" << record;
+        EXPECT_EQ(record[field], recorded(document, field)) << field << "\n" << document;
+    }
+    EXPECT_EQ(record["env_n"], document.value("env", json::array()).size());
+}
+
+static void expect_service(const json &record, const json &document) {
+    const std::map<std::string, int> POLICIES = {{"NONE", 1}, {"BASIC", 2}, {"PRECONNECT", 3}};
+    expect_fields(record, document, {"name", "enabled", "env"});
+    EXPECT_EQ(record["rcn_policy"], POLICIES.at(document["rcn_policy"]));
+    for (const char *list : {"preferred", "available"}) {
+        const json &names = record[list], &flags = record[std::string(list) + "_enabled"];
+        ASSERT_EQ(record[std::string(list) + "_count"], document[list].size());
+        for (size_t n = 0; n < document[list].size(); ++n) {
+            EXPECT_EQ(names[n], document[list][n]["name"]);
+            EXPECT_EQ(flags[n], recorded(document[list][n], "enabled"));
+        }
+    }
+}
+
+TEST_F(Tool, ShowGivesEachFieldThatWasApplied) {
+    apply_example();
+    const json document = json::parse(EXAMPLE);
+    for (const json &database : document["databases"]) {
+        std::string name = database["name"];
+        outcome ended = run({"show", "-o", "json", name});
+        ASSERT_EQ(ended.code, 0) << ended.err;
+        json shown = json::parse(ended.out);
+        EXPECT_EQ(shown["kind"], "prsr_cfg");
+        EXPECT_EQ(shown["version"], 1);
+        const json &record = shown["record"];
+        EXPECT_EQ(record["sp_name"], name);
+        expect_fields(record, database,
+                      {"alias_ip", "home", "spfile", "db_name", "role", "start_options", "domain",
+                       "policy", "enabled", "env"});
+        ASSERT_EQ(record["instance_count"], database["instances"].size());
+        for (size_t n = 0; n < database["instances"].size(); ++n) {
+            expect_fields(record["instances"][n], database["instances"][n],
+                          {"name", "node", "enabled", "env"});
+        }
+        ASSERT_EQ(record["service_count"], database["services"].size());
+        for (size_t n = 0; n < database["services"].size(); ++n) {
+            expect_service(record["services"][n], database["services"][n]);
+        }
+    }
+}
+
+TEST_F(Tool, ShowForPeopleTellsTheWholeRecord) {
+    EXPECT_EQ(
+        apply(document_with(R"("databases": [{"name": "Sales", "spfile": "", "role": "PRIMARY",
+        "enabled": true, "env": ["A=1", "B=2"], "instances": [{"name": "S1", "node": "n1",
+        "enabled": false}], "services": [{"name": "Day.Web", "rcn_policy": "BASIC", "enabled": true,
+        "preferred": [{"name": "S1", "enabled": true}]}]}])"))
+            .code,
+        0);
+    EXPECT_EQ(run({"show", "sales"}).out,
+              "sp_name        Sales\n"
+              "alias_ip       -\n"
+              "home           -\n"
+              "spfile         \"\"\n"
+              "db_name        -\n"
+              "role           PRIMARY\n"
+              "start_options  -\n"
+              "domain         -\n"
+              "policy         AUTOMATIC\n"
+              "enabled        yes\n"
+              "env            A=1\n"
+              "               B=2\n"
+              "instances\n"
+              "  - name     S1\n"
+              "    node     n1\n"
+              "    env      -\n"
+              "    enabled  no\n"
+              "services\n"
+              "  - name        Day.Web\n"
+              "    preferred   S1, enabled\n"
+              "    available   -\n"
+              "    rcn_policy  BASIC\n"
+              "    env         -\n"
+              "    enabled     yes\n");
+}
+
+TEST_F(Tool, HostileBytesReachNobodyRaw) {
+    ASSERT_EQ(
+        apply(document_with(
+                  R"("databases": [{"name": "ev\u202eil\u009b\u2028", "spfile": "a\u001b[2J\nb\\",
+        "env": ["x", "y"], "instances": [{"name": "i\u061c"}]}])"))
+            .code,
+        0);
+    const std::string D = "DATABASE.DATABASES.ev\u202eil\u009b\u2028";
+    put(D + ".DOMAIN", "d\xff\x1b\0"s);
+    put(D + ".ENVIRONMENT", "ok\0\xc3\x28\0\0"s);
+    put(D + ".\u202e", "\xff");
+
+    outcome list = run({"list"}), show = run({"show", "EV\u202eil\u009b\u2028"}),
+            save = run({"export"}), wrong = run({"show", "no\u202e\x1b\xff"});
+    EXPECT_EQ(save.code, 8);
+    for (const outcome *ended : {&list, &show, &save, &wrong}) {
+        for (const std::string *text : {&ended->out, &ended->err}) {
+            bool plain = std::all_of(text->begin(), text->end(), [](char byte) {
+                return byte == '\n' || (byte >= 0x20 && byte < 0x7f);
+            });
+            EXPECT_TRUE(plain) << *text;
+        }
+    }
+    EXPECT_EQ(list.out, "ev\\u202eil\\u009b\\u2028\n");
+    EXPECT_NE(show.out.find("spfile         a\\x1b[2J\\x0ab\\\\\n"), std::string::npos) << show.out;
+    EXPECT_NE(show.out.find("domain         d\\xff\\x1b\n"), std::string::npos) << show.out;
+
+    json record = json::parse(run({"show", "-o", "json", "ev\u202eil\u009b\u2028"}).out)["record"];
+    EXPECT_EQ(record["sp_name"], "ev\u202eil\u009b\u2028");
+    EXPECT_EQ(record["domain"], nullptr);
+    EXPECT_EQ(record["domain_base64"], "ZP8b");
+    EXPECT_EQ(record["env"], (json{"ok", nullptr}));
+    EXPECT_EQ(record["env_base64"], (json{nullptr, "wyg="}));
+    json error = json::parse(run({"export", "-o", "json"}).err);
+    EXPECT_EQ(error["problems"].size(), 3u) << error;
+}
+
+TEST_F(Tool, FailuresHaveOneCodeAndTellWhatWhereWhy) {
+    apply_example();
+    std::string absent = "lmdb:" + folder_ + "/absent";
+    const struct {
+        std::vector<std::string> arguments;
+        int code;
+        std::string words;
+        surroundings around = {};
+    } CASES[] = {
+        {{}, 2, "no command"},
+        {{"frobnicate"}, 2, "frobnicate"},
+        {{"show"}, 2, "DB"},
+        {{"list", "more"}, 2, "more"},
+        {{"list", "-o", "xml"}, 2, "xml"},
+        {{"show", "nobody"}, 3, "nobody"},
+        {{"show", std::string(2048, 'x')}, 2, "too long"},
+        {{"apply", "/nowhere/file"}, 3, "/nowhere/file"},
+        {{"apply", folder_}, 2, folder_},
+        {{"apply", "-"}, 8, "line 1, column 1"},
+        {{"export", "/nowhere/file"}, 3, "/nowhere/file"},
+        {{"export", folder_}, 2, folder_},
+        {{"list", "--registry", "sql:here"}, 2, "sql:here"},
+        {{"list", "--registry", ""}, 2, "registry"},
+        {{"list", "--registry", absent}, 4, absent},
+        {{"show", "x", "--registry", absent}, 4, absent},
+        {{"export", "--registry", absent}, 4, absent},
+        {{"list"}, 9, "No space left", {"", "/dev/full"}},
+        {{"export"}, 9, "No space left", {"", "/dev/full"}},
+        {{"--help"}, 9, "No space left", {"", "/dev/full"}},
+    };
+    for (const auto &row : CASES) {
+        std::vector<std::string> arguments = row.arguments;
+        bool chosen = std::count(arguments.begin(), arguments.end(), "--registry") > 0;
+        if (!chosen) arguments.insert(arguments.end(), {"--registry", url_});
+        std::string label = testing::PrintToString(row.arguments).substr(0, 200);
+        outcome ended = run_tool(arguments, row.around);
+        EXPECT_EQ(ended.code, row.code) << label << ended.err;
+        EXPECT_EQ(ended.out, "") << label;
+        EXPECT_EQ(ended.err.rfind("keyviewctl: ", 0), 0u) << label << ended.err;
+        EXPECT_NE(ended.err.find("\n  do:    "), std::string::npos) << label << ended.err;
+        EXPECT_NE(ended.err.find(row.words), std::string::npos) << label << ended.err;
+
+        if (row.words == "xml") continue;
+        arguments.insert(arguments.end(), {"-o", "json"});
+        json error = json::parse(run_tool(arguments, row.around).err, nullptr, false);
+        ASSERT_TRUE(error.is_object()) << label;
+        EXPECT_EQ(error["exit_code"], row.code) << label << error;
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder_ + "/absent"));
+    outcome help = run({"--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("apply"), std::string::npos);
+    EXPECT_EQ(run({"--version"}).out.rfind("keyviewctl ", 0), 0u);
+}
+
+TEST_F(Tool, ALockThatAnotherHoldsIsWaitedForNoLongerThanChosen) {
+    apply_example();
+    host::backend registry = host::open_backend(url_, host::open_mode::existing);
+    const surroundings IMPATIENT = {EXAMPLE, "", {{"KEYVIEW_LOCK_WAIT", "0"}}};
+    for (const char *name : {"LKRT.DATABASE.DATABASES.sales", "LKRT.STG.DATABASE.STG.node8.stg8",
+                             "LKRT.DATABASE.NODEAPPS.node3"}) {
+        auto held = registry.locks->acquire(name, host::lock_mode::shared, 0);
+        outcome ended = run({"apply", "-"}, IMPATIENT);
+        EXPECT_EQ(ended.code, 5) << name << ended.err;
+        EXPECT_NE(ended.err.find(name), std::string::npos) << ended.err;
+    }
+    EXPECT_EQ(run({"apply", "-"}, IMPATIENT).code, 0);
+}
+
+TEST_F(Tool, ARegistryThatCannotBeEnumeratedIsNoEmptyOne) {
+    apply_example();
+    std::string file = folder_ + "/registry/data.mdb", content = read_whole(file);
+    for (size_t at = 0; (at = content.find("Sales\0"s, at)) != std::string::npos;)
+        content[at] = 'o';
+    std::ofstream(file, std::ios::binary) << content;
+    for (const char *command : {"list", "export"}) {
+        outcome ended = run({command});
+        EXPECT_TRUE(ended.code == 4 || ended.code == 8) << command << ended.code;
+        EXPECT_EQ(ended.out, "") << command;
+        EXPECT_NE(ended.err.find("DATABASE.DATABASES.sales"), std::string::npos) << ended.err;
+    }
+}
+
+TEST_F(Tool, ExportReplacesAFileOrLeavesIt) {
+    namespace fs = std::filesystem;
+    apply_example();
+    std::string file = folder_ + "/saved.json", link = folder_ + "/link";
+    std::ofstream(file) << "old";
+    fs::permissions(file, fs::perms(0640));
+    fs::create_symlink("saved.json", link);
+    EXPECT_EQ(run({"export", link}).code, 0);
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640));
+    EXPECT_EQ(read_whole(file), EXAMPLE);
+
+    put("DATABASE.DATABASES.sales.FUTURE", "x");
+    outcome refused = run({"export", file});
+    EXPECT_EQ(refused.code, 8);
+    EXPECT_NE(refused.err.find("DATABASE.DATABASES.sales.FUTURE: "), std::string::npos);
+    EXPECT_EQ(read_whole(file), EXAMPLE);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder_), {}), 3);  // no file is left beside
+}
