@@ -1,0 +1,53 @@
+# The project's commands. Each works from nothing on Debian 12, as root or with sudo: what it needs of
+# packaging/debian-packages is installed first.
+#
+#   make demo      builds, fills a registry from examples/ and shows a whole database configuration
+#   make test      builds and runs the whole test suite
+#   make check     the gate: gate-static, test and gate-tests
+#   make bench     the benchmarks
+#   make install   DESTDIR= PREFIX=/usr/local
+#   make format    formats the sources
+
+PREFIX ?= /usr/local
+DESTDIR ?=
+BUILD := build
+
+.PHONY: all demo test check gate-static gate-tests bench install format clean
+
+all:
+	@packaging/install-packages build
+	@cmake --preset release >/dev/null
+	@cmake --build $(BUILD)/release
+
+demo: all
+	@examples/demo $(BUILD)/release
+
+test:
+	@packaging/install-packages build test
+	@cmake --preset release -DKEYVIEW_TESTS=ON >/dev/null
+	@cmake --build $(BUILD)/release
+	@ctest --test-dir $(BUILD)/release --output-on-failure -j2
+
+check: gate-static test gate-tests
+
+gate-static:
+	@packaging/install-packages build test check
+	@packaging/gate static
+
+gate-tests:
+	@packaging/install-packages build test check
+	@packaging/gate tests
+
+bench:
+	@packaging/install-packages build
+	@echo "bench: nothing is measured yet"
+
+install: all
+	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
+
+format:
+	@packaging/install-packages check
+	@git ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD)
