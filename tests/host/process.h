@@ -2,50 +2,49 @@
 #ifndef KEYVIEW_TESTS_HOST_PROCESS_H
 #define KEYVIEW_TESTS_HOST_PROCESS_H
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <exception>
-#include <functional>
+#include <thread>
+#include <vector>
 
 namespace keyview::test {
 
 constexpr int DEADLINE_MS = 30000;
 
-// Two ends of a meeting: each side tells and waits.
+// One end of a meeting: each side tells and waits.
 struct meeting {
-    int in = -1;
-    int out = -1;
-
-    bool tell() const { return write(out, "x", 1) == 1; }
+    bool tell() const { return write(fd, "x", 1) == 1; }
     bool wait() const {
-        pollfd ready = {in, POLLIN, 0};
+        pollfd ready = {fd, POLLIN, 0};
         char byte = 0;
-        return poll(&ready, 1, DEADLINE_MS) == 1 && read(in, &byte, 1) == 1;
+        return poll(&ready, 1, DEADLINE_MS) == 1 && read(fd, &byte, 1) == 1;
     }
+
+    int fd;
 };
 
 class child_process {
   public:
-    // body gives the exit status; what it throws gives 99.
-    explicit child_process(const std::function<int(const meeting &)> &body) {
-        int down[2];
-        int up[2];
-        if (pipe(down) != 0 || pipe(up) != 0) throw std::runtime_error("pipe");
+    // The body gives the exit status; what it throws gives 99.
+    template <typename work>
+    explicit child_process(work &&body) {
+        int ends[2] = {-1, -1};
+        (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
         pid = fork();
-        if (pid == 0) _exit(run(body, {down[0], up[1]}));
-        close(down[0]);
-        close(up[1]);
-        here = {up[0], down[1]};
+        if (pid == 0) _exit(run(body, {ends[1]}));
+        close(ends[1]);
+        here = {ends[0]};
     }
 
     ~child_process() {
         kill_it();
-        close(here.in);
-        close(here.out);
+        close(here.fd);
     }
 
     void kill_it() {
@@ -55,31 +54,39 @@ class child_process {
 
     // The exit status; -1 if a signal ended it or it does not end.
     int status() {
-        int result = -1;
-        for (int waited = 0; pid > 0; ++waited) {
-            if (waitpid(pid, &result, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-            }
-            if (waited > DEADLINE_MS) return -1;
-            usleep(1000);
+        int result = 0;
+        for (int waited = 0; pid > 0 && waited < DEADLINE_MS; ++waited, usleep(1000)) {
+            if (waitpid(pid, &result, WNOHANG) != pid) continue;
+            pid = -1;
+            return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
         }
         return -1;
     }
 
     pid_t pid;
-    meeting here;
+    meeting here{};
 
   private:
-    static int run(const std::function<int(const meeting &)> &body, const meeting &there) {
+    template <typename work>
+    static int run(work &&body, const meeting &there) {
         try {
             return body(there);
         } catch (const std::exception &error) {
-            fprintf(stderr, "child: %s\n", error.what());
+            (void)fprintf(stderr, "child: %s\n", error.what());
             return 99;
         }
     }
 };
+
+// Runs the body in n threads at once, each with its number, until all have ended.
+template <typename work>
+void in_threads(int n, work &&body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back([&body, i] { body(i); });
+    for (std::thread &one : threads)
+        one.join();
+}
 
 }  // namespace keyview::test
 

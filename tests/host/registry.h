@@ -18,16 +18,11 @@ namespace keyview::test {
 
 using namespace keyview::host;
 
-class scratch_directory {
-  public:
-    scratch_directory() {
-        std::string name = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-        path = name;
-    }
+struct scratch_directory {
+    scratch_directory() { EXPECT_NE(mkdtemp(path.data()), nullptr); }
     ~scratch_directory() { std::filesystem::remove_all(path); }
 
-    std::string path;
+    std::string path = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
 };
 
 inline change put(const std::string &path, const std::string &value = "") {
@@ -54,13 +49,13 @@ failure failure_of(call &&run, std::string *text = nullptr) {
 // An empty registry, chosen for the process.
 class RegistryTest : public testing::Test {
   protected:
-    RegistryTest() : url("lmdb:" + scratch.path + "/registry") {
+    RegistryTest() {
         open();
         EXPECT_EQ(keyview_host_set_registry(url.c_str()), 0);
     }
     ~RegistryTest() override {
-        keyview_host_set_registry(nullptr);
-        keyview_host_set_lock_wait(-1);
+        (void)keyview_host_set_registry(nullptr);
+        (void)keyview_host_set_lock_wait(-1);
     }
 
     void open() { registry = open_backend(url, open_mode::create); }
@@ -74,68 +69,60 @@ class RegistryTest : public testing::Test {
     }
 
     scratch_directory scratch;
-    std::string url;
+    std::string directory = scratch.path + "/registry";
+    std::string url = "lmdb:" + directory;
     backend registry;
 };
 
-// A registry handle of the client, used as a caller does.
+// A registry handle of the client, used as a caller does. A code comes back as "(code)".
 struct client {
-    client() { EXPECT_EQ(kvtc_init_ext(&reg, 3, nullptr, nullptr, 0), 0) << error(); }
+    client() { EXPECT_EQ(kvtc_init_ext(&reg, 3, nullptr, nullptr, 0), 0); }
     ~client() { kvtc_terminate(reg); }
 
-    static std::string error() {
-        char text[1024] = "";
-        uint32_t size = sizeof(text);
-        int32_t code = 0;
-        (void)kvtc_get_last_error(nullptr, &code, text, &size);
-        return text;
+    int32_t open(const std::string &path, void **key) const {
+        return kvtc_open_key(reg, key, path.c_str());
     }
+    static std::string in_words(int32_t rc) { return "(" + std::to_string(rc) + ")"; }
 
     std::string value_of(void *key) const {
         char value[4096];
         uint32_t size = sizeof(value);
         uint32_t type = 0;
-        if (kvtc_get_value(reg, key, &type, value, &size) != 0) return "(error)";
-        return std::string(value, size);
+        int32_t rc = kvtc_get_value(reg, key, &type, value, &size);
+        return rc == 0 ? std::string(value, size) : in_words(rc);
     }
-
-    // The value, or "(code)" if the key does not open.
     std::string read(const std::string &path) const {
         void *key = nullptr;
-        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
-        if (rc != 0) return "(" + std::to_string(rc) + ")";
+        int32_t rc = open(path, &key);
+        if (rc != 0) return in_words(rc);
         std::string value = value_of(key);
         EXPECT_EQ(kvtc_close_key(reg, key), 0);
         return value;
     }
-
     int32_t set(const std::string &path, const std::string &value) const {
         void *key = nullptr;
-        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
-        if (rc != 0) return rc;
-        rc = kvtc_set_value(reg, key, KVTC_TYPE_STRING, value.data(),
-                            static_cast<uint32_t>(value.size()));
-        EXPECT_EQ(kvtc_close_key(reg, key), 0);
+        int32_t rc = open(path, &key);
+        auto size = static_cast<uint32_t>(value.size());
+        if (rc == 0) rc = kvtc_set_value(reg, key, KVTC_TYPE_STRING, value.data(), size);
+        (void)kvtc_close_key(reg, key);
         return rc;
     }
 
-    // The names of all subkeys, each behind its countdown: "1:a 0:b "; then the code that ended it.
+    // The names of all subkeys, each behind its countdown, then the code that ended them with the
+    // last countdown: "1:a 0:b (16)0".
     std::string list(const std::string &path) const {
         void *key = nullptr;
         std::string all;
-        int32_t rc = kvtc_open_key(reg, &key, path.c_str());
-        if (rc != 0) return "(" + std::to_string(rc) + ")";
-        for (;;) {
+        int32_t rc = open(path, &key);
+        for (int32_t last = 0; rc == 0;) {
             char name[2048];
             uint32_t size = sizeof(name);
-            int32_t last = 0;
             rc = kvtc_enum_subkey(reg, key, name, &size, &last);
             all += rc == 0 ? std::to_string(last) + ":" + name + " "
-                           : "(" + std::to_string(rc) + "/" + std::to_string(last) + ")";
-            if (rc == 0) continue;
-            EXPECT_EQ(kvtc_close_key(reg, key), 0);
-            return all;
+                           : in_words(rc) + std::to_string(last);
         }
+        (void)kvtc_close_key(reg, key);
+        return all;
     }
 
     void *reg = nullptr;
@@ -149,8 +136,12 @@ struct locker {
     }
     ~locker() { lksvsterm(nullptr, lk); }
 
-    int32_t shared(const char *name) const { return lksvlsshrlock(nullptr, lk, name); }
-    int32_t exclusive(const char *name) const { return lksvlsmutexlock(nullptr, lk, name); }
+    int32_t take(lock_mode mode, const char *name) const {
+        return mode == lock_mode::shared ? lksvlsshrlock(nullptr, lk, name)
+                                         : lksvlsmutexlock(nullptr, lk, name);
+    }
+    int32_t shared(const char *name) const { return take(lock_mode::shared, name); }
+    int32_t exclusive(const char *name) const { return take(lock_mode::exclusive, name); }
     int32_t unlock(const char *name) const { return lksvlsunlock(nullptr, lk, name); }
 
     void *lk = nullptr;

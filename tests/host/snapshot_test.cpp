@@ -9,44 +9,45 @@
 
 namespace keyview::test {
 
+static const std::string ROOT = "DATABASE.DATABASES";
+static const std::string SALES = "DATABASE.DATABASES.sales";
+static const std::string KEY = "DATABASE.DATABASES.sales.A";
+static constexpr const char *ALL_LOCK = "LKRT.DATABASE.DATABASES";
 static constexpr const char *SALES_LOCK = "LKRT.DATABASE.DATABASES.sales";
 
 class Snapshot : public RegistryTest {
   protected:
-    static constexpr const char *PATHS[] = {
-        "DATABASE",
-        "DATABASE.DATABASES",
-        "DATABASE.DATABASES.sales",
-        "DATABASE.DATABASES.sales.A",
-        "DATABASE.DATABASES.sales.L.x",
-        "DATABASE.DATABASES.sales2.A",
-        "DATABASE.NODEAPPS.n1.VIP",
-        "DATABASE.STG.s.asm.A",
-    };
-
     Snapshot() { write_all("old"); }
 
     void write_all(const std::string &value) {
         std::vector<change> changes;
-        for (const char *path : PATHS)
+        for (const std::string &path : paths)
             changes.push_back(put(path, value));
         apply(changes);
     }
 
+    const std::vector<std::string> paths = {"DATABASE",
+                                            ROOT,
+                                            SALES,
+                                            KEY,
+                                            "DATABASE.DATABASES.sales.L.x",
+                                            "DATABASE.DATABASES.sales2.A",
+                                            "DATABASE.NODEAPPS.n1.VIP",
+                                            "DATABASE.STG.s.asm.A"};
     client keys;
     locker locks;
 };
 
-// Takes the lock and reads its first key; then another process changes everything.
+// Takes the lock and reads its keys; then another process changes everything.
 TEST_F(Snapshot, CoversWhatTheNameOfItsLockSays) {
     struct {
         const char *lock;
         std::vector<std::string> covered;
     } const ROWS[] = {
-        {SALES_LOCK, {PATHS[2], PATHS[3], PATHS[4]}},
-        {"LKRT.DATABASE.DATABASES", {PATHS[1], PATHS[2]}},
-        {"LKRT.DATABASE.NODEAPPS.n1", {PATHS[6]}},
-        {"LKRT.STG.DATABASE.STG.s.asm", {PATHS[7]}},
+        {SALES_LOCK, {SALES, KEY, paths[4]}},
+        {ALL_LOCK, {ROOT, SALES}},
+        {"LKRT.DATABASE.NODEAPPS.n1", {paths[6]}},
+        {"LKRT.STG.DATABASE.STG.s.asm", {paths[7]}},
         {"LKRT.DATABASE.DATABASES.sale", {}},
         {"LKRT.DATABASE.DATABASES.sales.", {}},
         {"LKRT.", {}},
@@ -59,114 +60,112 @@ TEST_F(Snapshot, CoversWhatTheNameOfItsLockSays) {
         for (const std::string &path : row.covered)
             EXPECT_EQ(keys.read(path), "old");
         child_process([&](const meeting &) { return write_all("new"), 0; }).status();
-        for (const std::string path : PATHS) {
+        for (const std::string &path : paths) {
             bool covered = std::count(row.covered.begin(), row.covered.end(), path) > 0;
             EXPECT_EQ(keys.read(path), covered ? "old" : "new") << path;
         }
         ASSERT_EQ(locks.unlock(row.lock), 0);
-        for (const char *path : PATHS)
+        for (const std::string &path : paths)
             EXPECT_EQ(keys.read(path), "new") << path;
     }
 }
 
 TEST_F(Snapshot, ListsStayAsTheyWere) {
     ASSERT_EQ(locks.shared(SALES_LOCK), 0);
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales"), "1:A 0:L (16/0)");
-    apply({removal("DATABASE.DATABASES.sales.L"), put("DATABASE.DATABASES.sales.N")});
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales"), "1:A 0:L (16/0)");
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales.L"), "0:x (16/0)");
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales.A"), "(16/-1)");
-    EXPECT_EQ(keys.read("DATABASE.DATABASES.sales.N"), "(4)");
+    EXPECT_EQ(keys.list(SALES), "1:A 0:L (16)0");
+    apply({removal(SALES + ".L"), put(SALES + ".N")});
+    EXPECT_EQ(keys.list(SALES), "1:A 0:L (16)0");
+    EXPECT_EQ(keys.list(SALES + ".L"), "0:x (16)0");
+    EXPECT_EQ(keys.list(KEY), "(16)-1");
+    EXPECT_EQ(keys.read(SALES + ".N"), "(4)");
     ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales"), "1:A 0:N (16/0)");
+    EXPECT_EQ(keys.list(SALES), "1:A 0:N (16)0");
 }
 
 // The lock of all databases brings their list; what is inside a database is read as it is.
 TEST_F(Snapshot, OfAllDatabasesGoesOneLevelDeep) {
-    const char *all = "LKRT.DATABASE.DATABASES";
-    ASSERT_EQ(locks.shared(all), 0);
-    EXPECT_EQ(keys.list("DATABASE.DATABASES"), "1:sales 0:sales2 (16/0)");
-    apply({put("DATABASE.DATABASES.crm"), put("DATABASE.DATABASES.sales.N")});
-    EXPECT_EQ(keys.list("DATABASE.DATABASES"), "1:sales 0:sales2 (16/0)");
-    EXPECT_EQ(keys.read("DATABASE.DATABASES.crm"), "(4)");
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales"), "2:A 1:L 0:N (16/0)");
+    ASSERT_EQ(locks.shared(ALL_LOCK), 0);
+    EXPECT_EQ(keys.list(ROOT), "1:sales 0:sales2 (16)0");
+    apply({put(ROOT + ".crm"), put(SALES + ".N")});
+    EXPECT_EQ(keys.list(ROOT), "1:sales 0:sales2 (16)0");
+    EXPECT_EQ(keys.read(ROOT + ".crm"), "(4)");
+    EXPECT_EQ(keys.list(SALES), "2:A 1:L 0:N (16)0");
     ASSERT_EQ(locks.shared(SALES_LOCK), 0) << "the closest lock counts";
-    EXPECT_EQ(keys.read("DATABASE.DATABASES.sales.A"), "old");
-    apply({put("DATABASE.DATABASES.sales.A", "new")});
-    EXPECT_EQ(keys.read("DATABASE.DATABASES.sales.A"), "old");
+    EXPECT_EQ(keys.read(KEY), "old");
+    apply({put(KEY, "new")});
+    EXPECT_EQ(keys.read(KEY), "old");
 }
 
 TEST_F(Snapshot, ShowsWhatItsHolderSets) {
     void *before = nullptr;
-    ASSERT_EQ(kvtc_open_key(keys.reg, &before, PATHS[3]), 0);
-    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
     void *within = nullptr;
-    ASSERT_EQ(kvtc_open_key(keys.reg, &within, PATHS[3]), 0);
-    EXPECT_EQ(keys.set(PATHS[3], "mine"), 0);
-    EXPECT_EQ(stored(PATHS[3]), "mine") << "at once";
-    EXPECT_EQ(keys.read(PATHS[3]), "mine");
+    ASSERT_EQ(keys.open(KEY, &before), 0);
+    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+    ASSERT_EQ(keys.open(KEY, &within), 0);
+    EXPECT_EQ(keys.set(KEY, "mine"), 0);
+    EXPECT_EQ(stored(KEY), "mine") << "at once";
+    EXPECT_EQ(keys.read(KEY), "mine");
     EXPECT_EQ(keys.value_of(within), "mine");
     EXPECT_EQ(keys.value_of(before), "old") << "opened before the lock";
     EXPECT_EQ(kvtc_set_value(keys.reg, before, KVTC_TYPE_STRING, "again", 5), 0);
-    EXPECT_EQ(keys.read(PATHS[3]), "again");
+    EXPECT_EQ(keys.read(KEY), "again");
 
-    apply({removal(PATHS[4])});
-    EXPECT_EQ(keys.read(PATHS[4]), "old");
-    EXPECT_NE(keys.set(PATHS[4], "mine"), 0) << "gone from the registry";
-    EXPECT_EQ(keys.read(PATHS[4]), "old") << "a failed set changes no snapshot";
+    apply({removal(paths[4])});
+    EXPECT_NE(keys.set(paths[4], "mine"), 0) << "gone from the registry";
+    EXPECT_EQ(keys.read(paths[4]), "old") << "a failed set changes no snapshot";
     ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
     EXPECT_EQ(keys.value_of(within), "again") << "a key outlives the lock it was opened under";
-    EXPECT_EQ(kvtc_close_key(keys.reg, within), 0);
+    EXPECT_EQ(kvtc_set_value(keys.reg, within, KVTC_TYPE_STRING, "last", 4), 0);
+    EXPECT_EQ(keys.value_of(within), "last");
 }
 
 TEST_F(Snapshot, BelongsToOneThreadAndOneRegistry) {
     scratch_directory elsewhere;
-    std::string other_url = "lmdb:" + elsewhere.path;
-    backend other = open_backend(other_url, open_mode::create);
-    other.keys->apply({put(PATHS[3], "other")});
+    std::string other = "lmdb:" + elsewhere.path;
+    open_backend(other, open_mode::create).keys->apply({put(KEY, "other")});
     ASSERT_EQ(locks.shared(SALES_LOCK), 0);
-    EXPECT_EQ(keys.read(PATHS[3]), "old");
-    apply({put(PATHS[3], "new")});
-    std::thread([&] { EXPECT_EQ(client().read(PATHS[3]), "new"); }).join();
-    EXPECT_EQ(client().read(PATHS[3]), "old") << "another handle of this thread";
-    ASSERT_EQ(keyview_host_set_registry(other_url.c_str()), 0);
-    EXPECT_EQ(client().read(PATHS[3]), "other");
+    EXPECT_EQ(keys.read(KEY), "old");
+    apply({put(KEY, "new")});
+    std::thread([&] { EXPECT_EQ(client().read(KEY), "new"); }).join();
+    EXPECT_EQ(client().read(KEY), "old") << "another handle of this thread";
+    ASSERT_EQ(keyview_host_set_registry(other.c_str()), 0);
+    EXPECT_EQ(client().read(KEY), "other");
 }
 
 TEST_F(Snapshot, IsNotThatOfAForkedChild) {
     ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
-    EXPECT_EQ(keys.read(PATHS[3]), "old");
-    apply({put(PATHS[3], "new")});
+    EXPECT_EQ(keys.read(KEY), "old");
+    apply({put(KEY, "new")});
     child_process child([&](const meeting &) {
-        keyview_host_set_lock_wait(0);
-        if (keys.read(PATHS[3]) != "new") return 1;
+        (void)keyview_host_set_lock_wait(0);
+        if (keys.read(KEY) != "new") return 1;
         return locks.shared(SALES_LOCK) == 0 ? 2 : 0;  // the parent's
     });
     EXPECT_EQ(child.status(), 0);
-    EXPECT_EQ(keys.read(PATHS[3]), "old");
+    EXPECT_EQ(keys.read(KEY), "old");
     EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
 }
 
-// Every key of a large part, in the library's order and in none.
+// Every key of a large part, in the order of its lists and in others.
 TEST_F(Snapshot, FindsEveryKeyInAnyOrder) {
-    std::vector<std::string> paths;
-    for (int i = 0; i < 30; ++i) {
-        for (const char *tail : {"", ".NODE", ".ENABLED", ".L.a", ".L.b", ".L.ab"})
-            paths.push_back("DATABASE.DATABASES.sales.I.i" + std::to_string(i) + tail);
-    }
+    std::vector<std::string> many;
     std::vector<change> changes;
-    for (const std::string &path : paths)
-        changes.push_back(put(path, path));
+    for (int i = 0; i < 30; ++i) {
+        for (const char *tail : {"", ".NODE", ".ENABLED", ".L.a", ".L.b", ".L.ab"}) {
+            many.push_back(SALES + ".I.i" + std::to_string(i) + tail);
+            changes.push_back(put(many.back(), many.back()));
+        }
+    }
     apply(changes);
     ASSERT_EQ(locks.shared(SALES_LOCK), 0);
     for (size_t step : {1U, 7U, 31U}) {
-        for (size_t i = 0; i < paths.size() * step; i += step) {
-            const std::string &path = paths[i % paths.size()];
+        for (size_t i = 0; i < many.size() * step; i += step) {
+            const std::string &path = many[i % many.size()];
             ASSERT_EQ(keys.read(path), path);
             ASSERT_EQ(keys.read(path + "x"), "(4)");
         }
     }
-    EXPECT_EQ(keys.list("DATABASE.DATABASES.sales.I.i7.L"), "2:a 1:ab 0:b (16/0)");
+    EXPECT_EQ(keys.list(SALES + ".I.i7.L"), "2:a 1:ab 0:b (16)0");
 }
 
 }  // namespace keyview::test

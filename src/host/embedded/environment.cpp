@@ -83,7 +83,7 @@ void environment::check(int rc, const char *what) const {
                                       "): " + mdb_strerror(rc) + advice(rc));
 }
 
-environment::environment(const std::string &path) : path_(path), generation_(fork_generation()) {
+environment::environment(const std::string &path) : path_(path) {
     check(mdb_env_create(&env_), "mdb_env_create");
     try {
         check(mdb_env_set_maxreaders(env_, MAX_READERS), "mdb_env_set_maxreaders");
@@ -103,9 +103,8 @@ environment::environment(const std::string &path) : path_(path), generation_(for
     }
 }
 
-// The environment of an ancestor is left alone: to close it would free the ancestor's readers.
 environment::~environment() {
-    if (generation_ == fork_generation()) close();
+    close();
 }
 
 void environment::close() noexcept {
@@ -236,7 +235,8 @@ static std::map<file_id, shared_environment> &shared_environments() {
 
 environment_use::environment_use(const registry_directory &directory)
     : id_(directory.data_id()), generation_(fork_generation()) {
-    // Of ancestors: never closed, and kept reachable for leak checkers.
+    // Of ancestors: never closed, which would free the readers of the ancestor, and kept reachable
+    // for leak checkers.
     static auto &ancestors = *new std::vector<environment *>;
 
     std::lock_guard guard(fork_mutex());

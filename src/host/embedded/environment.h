@@ -34,7 +34,7 @@ class environment {
     explicit environment(const std::string &path);
     environment(const environment &) = delete;
     environment &operator=(const environment &) = delete;
-    ~environment();
+    ~environment();  // only in the process that opened it
 
     // Runs work in a write transaction, which is committed if work returns true. If the map had to
     // grow, work runs again, in a new transaction. The caller orders the writers of all processes.
@@ -55,7 +55,6 @@ class environment {
     void write_once(const std::function<bool(MDB_txn *)> &work);
 
     std::string path_;
-    uint64_t generation_;
     MDB_env *env_ = nullptr;
 
     // The map moves only while no transaction is under way, and new ones let it go first.

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "host/support/deadline.h"
 #include "host/support/error.h"
@@ -72,22 +73,35 @@ static bool try_byte(int fd, off_t at, int type) {
     return true;
 }
 
-static bool gate_is_open(int fd, off_t at) {
-    struct flock range = byte_at(at + GATE, F_RDLCK);
+// Whether nobody else holds the range exclusively.
+static bool is_open(int fd, off_t at) {
+    struct flock range = byte_at(at, F_RDLCK);
     if (fcntl(fd, F_OFD_GETLK, &range) != 0) {
         throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
     }
     return range.l_type == F_UNLCK;
 }
 
-static off_t place_of_name(const std::string &name) {
-    return static_cast<off_t>(XXH3_64bits(name.data(), name.size()) >> 2);
+namespace {
+
+struct lock_place {
+    off_t byte;
+    off_t gate;
+    off_t turn;
+};
+
+}  // namespace
+
+static lock_place place_of_name(const std::string &name) {
+    auto byte = static_cast<off_t>(XXH3_64bits(name.data(), name.size()) >> 2);
+    auto further = static_cast<off_t>(XXH3_64bits_withSeed(name.data(), name.size(), 1) >> 2);
+    return {byte, byte + GATE, further + GATE};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
 
-// A lock, or on the way to one: the gate and the byte that its descriptor got so far.
-class file_lock : public held_lock {
+// A lock, or on the way to one: its descriptor holds what it got so far.
+class file_lock final : public held_lock {
   public:
     explicit file_lock(std::shared_ptr<file_locks> service)
         : service_(std::move(service)),
@@ -109,17 +123,34 @@ class file_lock : public held_lock {
 
     bool still_held() const override { return generation_ == fork_generation(); }
 
-    bool try_shared(off_t at) { return gate_is_open(fd_, at) && try_byte(fd_, at, F_RDLCK); }
+    bool try_shared(const lock_place &place) {
+        return is_open(fd_, place.gate) && try_byte(fd_, place.byte, F_RDLCK);
+    }
 
-    bool try_exclusive(off_t at) {
-        has_gate_ = has_gate_ || try_byte(fd_, at + GATE, F_WRLCK);
-        return has_gate_ && try_byte(fd_, at, F_WRLCK);
+    bool try_exclusive(const lock_place &place) {
+        has_gate_ = has_gate_ || try_gate(place);
+        return has_gate_ && try_byte(fd_, place.byte, F_WRLCK);
     }
 
   private:
+    // The first try needs no turn, unless another one waits with it.
+    bool try_gate(const lock_place &place) {
+        if (std::exchange(waits_, true)) {
+            has_turn_ = has_turn_ || try_byte(fd_, place.turn, F_WRLCK);
+            if (!has_turn_) return false;
+        } else if (!is_open(fd_, place.turn)) {
+            return false;
+        }
+        if (!try_byte(fd_, place.gate, F_WRLCK)) return false;
+        if (has_turn_) (void)try_byte(fd_, place.turn, F_UNLCK);  // to release never conflicts
+        return true;
+    }
+
     std::shared_ptr<file_locks> service_;
     uint64_t generation_;
     int fd_;
+    bool waits_ = false;
+    bool has_turn_ = false;
     bool has_gate_ = false;
 };
 
@@ -133,9 +164,9 @@ static host_error not_granted(const std::string &name, lock_mode mode, uint32_t 
 std::unique_ptr<held_lock> file_locks::acquire(const std::string &name, lock_mode mode,
                                                uint32_t wait_ms) {
     auto lock = std::make_unique<file_lock>(shared_from_this());
-    off_t at = place_of_name(name);
+    lock_place place = place_of_name(name);
     deadline wait(wait_ms);
-    while (!(mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at))) {
+    while (!(mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place))) {
         if (!wait.pause()) throw not_granted(name, mode, wait_ms);
     }
     return lock;

@@ -1,8 +1,11 @@
 // Named locks of one machine: byte ranges of the registry's lock file.
 //
-// A name is the byte at a 62-bit hash of it. Behind it, at that offset + 2^62, stands its gate: an
-// exclusive holder keeps the gate from before its wait until its release, and a shared one only
+// A name is the byte at a 62-bit hash of it. At that offset + 2^62 stands its gate: an exclusive
+// holder keeps the gate from before its wait for the byte until its release, and a shared one only
 // passes if nobody keeps it, so that a writer is not held up for ever by readers that come and go.
+// At a further hash + 2^62 lies the turn: whoever could not have the gate at once waits for the
+// turn first and gives it up with the gate in hand, and nobody passes one who has the turn. So a
+// writer that releases and asks again at once does not shut out the others.
 //
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked

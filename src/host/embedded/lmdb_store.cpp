@@ -9,6 +9,10 @@
 
 namespace keyview::host {
 
+// Writers follow each other within milliseconds; who does not want to wait for locks waits for
+// them.
+static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
+
 static std::string_view view_of(const MDB_val &bytes) {
     return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
 }
@@ -185,7 +189,8 @@ bool lmdb_store::read_subtree(std::string_view path, const row_sink &sink) {
 }
 
 std::unique_ptr<held_lock> lmdb_store::right_to_write() {
-    return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, lock_wait_ms());
+    uint32_t wait_ms = std::max(lock_wait_ms(), SHORTEST_WRITE_WAIT_MS);
+    return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, wait_ms);
 }
 
 static void check_value(std::string_view path, std::string_view value) {

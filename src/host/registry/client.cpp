@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "host/registry/handles.h"
 #include "host/registry/held_locks.h"
 #include "host/registry/path.h"
 #include "host/support/last_error.h"
@@ -21,16 +22,17 @@ static int32_t not_open() {
 
 // ---- Handles of keys ----------------------------------------------------------------------------
 
+static constexpr uint64_t LOW_24 = 0xFFFFFF;
+
 // 16 bits tell the client, 24 the use, 24 the slot; never 0.
 uint64_t registry_client::key_token(const open_key &key) const {
-    constexpr uint64_t LOW_24 = 0xFFFFFF;
     return (token * 0x9E3779B97F4A7C15U) >> 48 << 48 | (key.uses & LOW_24) << 24 |
-           ((key.slot + uint64_t{1}) & LOW_24);
+           (key.slot + uint64_t{1});
 }
 
 registry_client::open_key *registry_client::find(const void *handle) {
     auto wanted = reinterpret_cast<uint64_t>(handle);
-    uint64_t slot = (wanted & 0xFFFFFF) - 1;
+    uint64_t slot = (wanted & LOW_24) - 1;
     if (slot >= open_.size()) return nullptr;
     open_key &key = open_[slot];
     return key.uses % 2 == 1 && key_token(key) == wanted ? &key : nullptr;
@@ -38,6 +40,7 @@ registry_client::open_key *registry_client::find(const void *handle) {
 
 registry_client::open_key *registry_client::free_slot() {
     if (free_.empty()) {
+        if (open_.size() == LOW_24) throw host_error(failure::usage, "too many keys are open");
         free_.reserve(open_.size() + 1);  // so that closing needs no memory
         open_.emplace_back();
         open_.back().slot = static_cast<uint32_t>(open_.size() - 1);
@@ -50,7 +53,7 @@ void *registry_client::begin_use(open_key *key) {
     free_.pop_back();
     ++key->uses;
     key->listed = false;
-    return reinterpret_cast<void *>(key_token(*key));
+    return handle_of(key_token(*key));
 }
 
 int32_t registry_client::close(void *handle) {

@@ -21,11 +21,11 @@ class registry_client {
   public:
     explicit registry_client(const backend &registry) : keys_(registry.keys) {}
 
-    int32_t open(std::string_view path, void **key);
-    int32_t close(void *key);
-    int32_t get_value(void *key, void *value, uint32_t *size);
-    int32_t set_value(void *key, std::string_view value);
-    int32_t next_subkey(void *key, char *name, uint32_t *size, int32_t *last);
+    int32_t open(std::string_view path, void **handle);
+    int32_t close(void *handle);
+    int32_t get_value(void *handle, void *value, uint32_t *size);
+    int32_t set_value(void *handle, std::string_view value);
+    int32_t next_subkey(void *handle, char *name, uint32_t *size, int32_t *last);
 
     uint64_t token = 0;  // of this handle itself
 

@@ -26,7 +26,7 @@ struct lock_client {
 
 }  // namespace
 
-static handle_table<lock_client> clients;
+static handle_table<lock_client> clients(2);
 
 static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
     if (lk == nullptr || version == nullptr) {

@@ -13,15 +13,15 @@ namespace keyview::host {
 
 static std::atomic<uint64_t> generation{1};
 
-// Guarded by fork_mutex(). Neither is ever destroyed: threads may outlive the end of main.
+std::mutex &fork_mutex() noexcept {
+    static std::mutex mutex;
+    return mutex;
+}
+
+// Guarded by fork_mutex(). Never destroyed: threads may outlive the end of main.
 static std::vector<int> &parent_only() {
     static auto &fds = *new std::vector<int>;
     return fds;
-}
-
-std::mutex &fork_mutex() noexcept {
-    static auto &mutex = *new std::mutex;
-    return mutex;
 }
 
 uint64_t fork_generation() noexcept {
@@ -44,11 +44,12 @@ static void after_fork_in_child() {
     fork_mutex().unlock();
 }
 
-// With the library's loading. A failure, for want of memory, would leave forked children unguarded.
-static const bool handlers_set = [] {
-    (void)parent_only();
+static bool set_handlers() noexcept {
     return pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
-}();
+}
+
+// With the library's loading. Without memory for it, no lock is ever opened.
+static const bool handlers_set = set_handlers();
 
 int open_parent_only(int directory, const char *name, int flags) {
     if (!handlers_set) {

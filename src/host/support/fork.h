@@ -14,8 +14,8 @@ namespace keyview::host {
 // Changes in the child of a fork. What was made under another generation belongs to an ancestor.
 uint64_t fork_generation() noexcept;
 
-// Held across every fork, so that what it guards is whole in the child. For short work only, and
-// never while another mutex of the kit is taken inside.
+// Held across every fork, so that what it guards is whole in the child. For short work only. The
+// one mutex that may be taken inside is that of an environment's idle readers.
 std::mutex &fork_mutex() noexcept;
 
 // A descriptor that a forked child closes at once; also closed by an exec.

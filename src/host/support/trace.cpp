@@ -53,7 +53,7 @@ static void format_line(const void *trc, int32_t level, const char *format, va_l
         size_t size = std::min(static_cast<size_t>(length) + 1, LONGEST_LINE);
         auto *longer = static_cast<char *>(malloc(size));
         if (longer != nullptr) {
-            vsnprintf(longer, size, format, again);
+            (void)vsnprintf(longer, size, format, again);
             write_trace_line(*component, level, {longer, size - 1});
         }
         free(longer);

@@ -159,7 +159,7 @@ static void append_time(std::string *line) {
     gmtime_r(&now.tv_sec, &parts);
     char text[64];
     size_t length = strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
-    snprintf(text + length, sizeof(text) - length, ".%06ldZ ", now.tv_nsec / 1000);
+    (void)snprintf(text + length, sizeof(text) - length, ".%06ldZ ", now.tv_nsec / 1000);
     *line += text;
 }
 

@@ -19,9 +19,9 @@ void load_trace_settings();
 // Writes one line, whatever its level. Never throws; errno stays as it was.
 void write_trace_line(std::string_view component, int32_t level, std::string_view text) noexcept;
 
-// The program's choices. sink is as in KEYVIEW_TRACE; setting the file in use again opens it anew.
-// Throws failure::usage, and all stays as it was, if the sink cannot be used.
-void set_trace_sink(std::string_view sink);
+// The program's choices. A sink is named as in KEYVIEW_TRACE; setting the file in use again opens
+// it anew. Throws failure::usage, and all stays as it was, if the sink cannot be used.
+void set_trace_sink(std::string_view choice);
 void set_trace_level(int32_t level);
 
 }  // namespace keyview::host
