@@ -61,20 +61,6 @@ TEST_F(Client, ABufferThatIsTooSmallLosesNothing) {
     EXPECT_STREQ(buffer, "ENABLED");
 }
 
-TEST_F(Client, OtherKeysDoNotMoveTheCursor) {
-    client keys;
-    void *key = nullptr;
-    ASSERT_EQ(keys.open("DATABASE.DATABASES", &key), 0);
-    for (const char *expected : {"crm", "sales"}) {
-        char name[16];
-        uint32_t size = sizeof(name);
-        int32_t last = 0;
-        ASSERT_EQ(kvtc_enum_subkey(keys.reg, key, name, &size, &last), 0);
-        EXPECT_STREQ(name, expected);
-        EXPECT_EQ(keys.list("DATABASE.DATABASES"), "1:crm 0:sales (16)0");
-    }
-}
-
 TEST_F(Client, ReplacesValuesOfExistingKeysOnly) {
     client keys;
     EXPECT_EQ(keys.set(CRM, std::string("false\0", 6)), 0);

@@ -103,17 +103,6 @@ TEST_F(Embedded, OpensItsFilesOnceForAllUsers) {
     EXPECT_EQ(descriptors(), 0);
 }
 
-TEST_F(Embedded, OpensAndClosesUnderManyThreads) {
-    apply({put("a.b", "value")});
-    close();
-    in_threads(4, [&](int) {
-        std::string value;
-        for (int i = 0; i < 50; ++i)
-            EXPECT_TRUE(open_backend(url, open_mode::existing).keys->read("a.b", &value));
-    });
-    EXPECT_EQ(descriptors(), 0);
-}
-
 // A handle goes on working in a forked child, over files of the child's own, and in the parent.
 TEST_F(Embedded, AForkedChildOpensItsOwn) {
     apply({put("a.b", "start")});

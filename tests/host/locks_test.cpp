@@ -41,12 +41,6 @@ TEST_F(Locks, ExcludeEachOtherByMode) {
     }
 }
 
-TEST_F(Locks, DifferentNamesNeverTouch) {
-    locker mine;
-    for (int i = 0; i < 300; ++i)
-        EXPECT_EQ(mine.exclusive((NAME + std::to_string(i)).c_str()), 0) << i;
-}
-
 TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
     wait_for(20);
     auto held = registry.locks->acquire(NAME, lock_mode::shared, 0);
@@ -75,12 +69,6 @@ TEST_F(Locks, OddCallsAreRefused) {
         EXPECT_NE(lksvlsshrlock(nullptr, bad, NAME), 0);
         EXPECT_NE(lksvsterm(nullptr, bad), 0);
     }
-}
-
-TEST_F(Locks, EndWithTheirThread) {
-    locker mine;
-    std::thread([&] { EXPECT_EQ(mine.exclusive(NAME), 0); }).join();
-    EXPECT_TRUE(is_free());
 }
 
 TEST_F(Locks, AKilledHolderSetsItsWaitersFree) {
@@ -137,23 +125,6 @@ TEST_F(Locks, AWriterIsNotStarved) {
             }
         });
     }
-}
-
-TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
-    locker mine;
-    ASSERT_EQ(mine.shared(NAME), 0);
-    std::thread writer(
-        [&] { EXPECT_NO_THROW(registry.locks->acquire(NAME, lock_mode::exclusive, DEADLINE_MS)); });
-    try {  // until the writer stands at the gate
-        for (;;)
-            registry.locks->acquire(NAME, lock_mode::shared, 0);
-    } catch (const host_error &) {
-        EXPECT_EQ(mine.shared(NAME), 0);
-    }
-    EXPECT_EQ(mine.unlock(NAME), 0);
-    EXPECT_FALSE(is_free());
-    EXPECT_EQ(mine.unlock(NAME), 0);
-    writer.join();
 }
 
 }  // namespace keyview::test

@@ -1,7 +1,5 @@
 // Memory, tags, text, trace and settings.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <fstream>
 #include <regex>
@@ -166,40 +164,6 @@ TEST_F(Trace, WritesLinesUpToItsLevel) {
     trcdprintf(nullptr, 0, "%s", "printf");
     trcdprintft(nullptr, 0, "%s", "printft");
     EXPECT_EQ(lines(), expected + "- 0: printf\n- 0: printft\n");
-}
-
-TEST_F(Trace, AFileIsOpenedAnewAfterARotation) {
-    to_file();
-    std::filesystem::rename(path, path + ".1");
-    trcdprintf(trc, 0, "into the old file");
-    to_file();
-    trcdprintf(trc, 0, "into the new file");
-    EXPECT_EQ(lines(), "PRSR 0: into the new file\n");
-}
-
-TEST_F(Trace, RefusesSinksThatCannotBeUsed) {
-    to_file();
-    for (const char *sink : {"file:", "file:/nowhere/at/all", "file:/tmp", "bogus", "stderr:x"}) {
-        EXPECT_NE(keyview_host_set_trace(sink), 0) << sink;
-        EXPECT_NE(std::string(keyview_host_last_error()).find(sink), std::string::npos);
-    }
-    trcdprintf(trc, 0, "still here");
-    EXPECT_EQ(lines(), "PRSR 0: still here\n");
-}
-
-TEST_F(Trace, SpeaksTheProtocolOfTheJournal) {
-    int receiver = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {AF_UNIX, ""};
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    ASSERT_EQ(keyview_host_set_trace(("journal:" + path).c_str()), 0);
-    trcdprintf(trc, 0, "a %s", "b\nPRIORITY=7");
-    char entry[4096] = "";
-    ASSERT_GT(recv(receiver, entry, sizeof(entry) - 1, MSG_DONTWAIT), 0);
-    EXPECT_EQ(
-        std::regex_replace(entry, std::regex("IDENTIFIER=.*"), "IDENTIFIER="),
-        "PRIORITY=3\nKEYVIEW_LEVEL=0\nKEYVIEW_COMPONENT=PRSR\nSYSLOG_IDENTIFIER=\nMESSAGE=a b\\x0aPRIORITY=7\n");
-    ::close(receiver);
 }
 
 TEST_F(Trace, LinesOfThreadsNeverMix) {

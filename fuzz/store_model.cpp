@@ -1,0 +1,127 @@
+// Random changes to a store, compared with a model of the tree that is written as plainly as can
+// be. The paths lie near each other and around every limit of the key encoding.
+//
+// Usage: store_model [FIRST_SEED [RUNS]]; the tests run it with a fixed seed.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+
+#include "host/registry/path.h"
+#include "registry.h"
+
+namespace keyview::test {
+
+// All keys of the model, with the rules of the tree written as plainly as can be.
+using tree = std::map<std::string, std::string>;
+
+static std::string parent_of(const std::string &path) {
+    size_t end = path.rfind('.');
+    return end == path.npos ? "" : path.substr(0, end);
+}
+
+static bool within(const std::string &path, const std::string &top) {
+    return (path + ".").compare(0, top.size() + 1, top + ".") == 0;
+}
+
+static void carry_out(tree *model, const change &one) {
+    for (auto at = model->begin(); one.what == change::kind::remove && at != model->end();)
+        at = within(at->first, one.path) ? model->erase(at) : std::next(at);
+    if (one.what == change::kind::remove) return;
+    for (std::string up = parent_of(one.path); !up.empty(); up = parent_of(up))
+        model->emplace(up, "");
+    (*model)[one.path] = one.value;
+}
+
+// Compares a key, its list and all that is below it with the model.
+static void expect_same(store *keys, const tree &model, const std::string &path) {
+    SCOPED_TRACE(path.substr(0, 40) + "... of " + std::to_string(path.size()) + " bytes");
+    tree children;
+    tree all;
+    for (const auto &row : model) {
+        if (parent_of(row.first) == path) children.insert(row);
+        if (within(row.first, path)) all.insert(row);
+    }
+    std::string value;
+    ASSERT_EQ(keys->read(path, &value), !all.empty());
+    EXPECT_EQ(value, all.empty() ? "" : all.begin()->second);
+
+    tree seen;
+    std::map<std::string, std::string> latest;  // by parent
+    auto see = [&](std::string_view p, std::string_view v) {
+        std::string parent = parent_of(std::string(p));
+        EXPECT_LT(latest[parent], p) << "out of order";
+        latest[parent] = p;
+        EXPECT_TRUE(seen.emplace(p, v).second) << "twice";
+        EXPECT_TRUE(p == path || parent == path || seen.count(parent)) << "before its parent";
+    };
+    uint32_t count = 0;
+    auto take_count = [&](uint32_t n) { count = n; };
+    EXPECT_EQ(keys->read_children(path, take_count, see), !all.empty());
+    EXPECT_EQ(seen, children);
+    EXPECT_EQ(count, children.size());
+
+    seen.clear();
+    latest.clear();
+    EXPECT_EQ(keys->read_subtree(path, see), !all.empty());
+    EXPECT_EQ(seen, all);
+}
+
+// Elements that are near each other in every order, and lengths around every limit.
+static std::vector<std::string> awkward_paths() {
+    std::vector<std::string> paths = {"a",    "a.b", "a.bc",  "a.b.c",
+                                      "a.b!", "a.B", "a.b*c", "a.\xff"};
+    for (const char *tail : {"", ".a", ".b", ".bc", ".b.c", ".z"}) {
+        for (size_t size = 485; size <= 514; ++size)
+            paths.push_back("a." + std::string(size - 2, 'p') + tail);
+    }
+    std::string x(240, 'x');
+    for (const char *tail : {"1", "2", "1.e", "2.e.f"})
+        paths.push_back("a." + x + "." + x + "y." + x + tail);
+    paths.push_back("a." + std::string(MAX_PATH_LENGTH - 2, 'k'));
+    return paths;
+}
+
+// One run: random changes, each compared with the model at once, and the whole tree at the end.
+static void run(uint32_t seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    scratch_directory scratch;
+    backend registry = open_backend("lmdb:" + scratch.path + "/r", open_mode::create);
+    store *keys = registry.keys.get();
+    std::vector<std::string> paths = awkward_paths();
+    std::mt19937 random(seed);
+    tree model;
+    for (int round = 0; round < 60 && !testing::Test::HasFailure(); ++round) {
+        std::vector<change> changes;
+        for (int i = 0; i < 8; ++i) {
+            const std::string &path = paths[random() % paths.size()];
+            bool removed = random() % 4 == 0;
+            changes.push_back(removed ? removal(path) : put(path, std::string(random() % 40, 'v')));
+            carry_out(&model, changes.back());
+        }
+        keys->apply(changes);
+        for (const change &one : changes)
+            expect_same(keys, model, one.path == "a" ? "a" : parent_of(one.path));
+        expect_same(keys, model, "a");
+    }
+    for (const std::string &path : paths)
+        expect_same(keys, model, path);
+}
+
+static uint32_t first_seed = 20240607;
+static uint32_t runs = 1;
+
+TEST(StoreModel, AgreesOverRandomChanges) {
+    for (uint32_t i = 0; i < runs && !HasFailure(); ++i)
+        run(first_seed + i);
+}
+
+}  // namespace keyview::test
+
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (argc > 1) keyview::test::first_seed = static_cast<uint32_t>(strtoul(argv[1], nullptr, 10));
+    if (argc > 2) keyview::test::runs = static_cast<uint32_t>(strtoul(argv[2], nullptr, 10));
+    return RUN_ALL_TESTS();
+}
