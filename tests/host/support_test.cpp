@@ -166,6 +166,32 @@ TEST_F(Trace, WritesLinesUpToItsLevel) {
     EXPECT_EQ(lines(), expected + "- 0: printf\n- 0: printft\n");
 }
 
+TEST_F(Trace, FollowsTheEnvironmentUntilTheProgramChooses) {
+    const std::string file = "file:" + path;
+    const std::tuple<std::string, const char *, std::string, int, const char *> ROWS[] = {
+        // KEYVIEW_TRACE, its level, the program's choice: exit status, lines
+        {file, "4", "", 0, "PROG 4: progress\n"},
+        {file, "", "", 0, ""},
+        {"none", "4", file, 0, "PROG 4: progress\n"},
+        {file, "4", "none", 0, ""},
+        {"bogus", "4", "", 2, ""},
+        {file, "high", "", 2, ""},
+        {file, "4", "bogus", 1, ""},
+    };
+    for (const auto &row : ROWS) {
+        const auto &[sink, level, choice, status, written] = row;
+        std::filesystem::remove(path);
+        child_process program([&row](const meeting &) {
+            setenv("KEYVIEW_TRACE", std::get<0>(row).c_str(), 1);
+            setenv("KEYVIEW_TRACE_LEVEL", std::get<1>(row), 1);
+            const char *arg = std::get<2>(row).empty() ? nullptr : std::get<2>(row).c_str();
+            return execl(TRACED_PROGRAM, "program", arg, nullptr);
+        });
+        EXPECT_EQ(program.status(), status) << sink << " " << level << " " << choice;
+        EXPECT_EQ(lines(), written) << sink << " " << level << " " << choice;
+    }
+}
+
 TEST_F(Trace, LinesOfThreadsNeverMix) {
     to_file();
     in_threads(5, [&](int thread) {

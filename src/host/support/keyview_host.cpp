@@ -37,10 +37,8 @@ int32_t keyview_host_set_trace(const char *sink) {
 }
 
 int32_t keyview_host_set_trace_level(int32_t level) {
-    return at_border([&] {
-        set_trace_level(level);
-        return 0;
-    });
+    set_trace_level(level);
+    return 0;
 }
 
 const char *keyview_host_last_error(void) {

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ namespace keyview::host {
 
 static constexpr int64_t LET_ALL_PASS = std::numeric_limits<int64_t>::max();
 static constexpr int64_t DROP_ALL = std::numeric_limits<int64_t>::min();
+static constexpr uint32_t HIGHEST_LEVEL = 1000;
 static constexpr const char *JOURNAL_SOCKET = "/run/systemd/journal/socket";
 
 enum class sink_kind { none, stream, system_log, journal };
@@ -42,7 +44,7 @@ struct trace_sink {
 // Guarded by fork_mutex(), but for the atomics.
 struct trace_state {
     std::vector<std::unique_ptr<trace_sink>> known;
-    int64_t level = TRCD_FAILURE;
+    std::optional<int64_t> level;
     bool loaded = false;
 };
 
@@ -106,7 +108,7 @@ static std::unique_ptr<trace_sink> open_sink(std::string_view choice) {
 static void update_threshold() {
     const trace_sink *sink = active.load();
     bool silent = sink == nullptr || sink->kind == sink_kind::none;
-    trace_threshold.store(silent ? DROP_ALL : state().level);
+    trace_threshold.store(silent ? DROP_ALL : state().level.value_or(TRCD_FAILURE));
 }
 
 static void activate(std::unique_ptr<trace_sink> sink) {
@@ -120,8 +122,20 @@ static void activate(std::unique_ptr<trace_sink> sink) {
     active.store(state().known.back().get());
 }
 
+// The environment's level, unless the program chose one.
+static void load_level() {
+    {
+        std::lock_guard guard(fork_mutex());
+        if (state().level) return;
+    }
+    int64_t level = environment_number("KEYVIEW_TRACE_LEVEL", TRCD_FAILURE, HIGHEST_LEVEL);
+    std::lock_guard guard(fork_mutex());
+    if (!state().level) state().level = level;
+}
+
 void set_trace_sink(std::string_view choice) {
     std::unique_ptr<trace_sink> sink = open_sink(choice);
+    load_level();
     std::lock_guard guard(fork_mutex());
     activate(std::move(sink));
     state().loaded = true;
@@ -129,10 +143,9 @@ void set_trace_sink(std::string_view choice) {
 }
 
 void set_trace_level(int32_t level) {
-    load_trace_settings();
     std::lock_guard guard(fork_mutex());
     state().level = level;
-    update_threshold();
+    if (state().loaded) update_threshold();
 }
 
 void load_trace_settings() {
@@ -142,11 +155,10 @@ void load_trace_settings() {
         state().loaded = true;
         update_threshold();  // silent, should one of the settings be refused
     }
-    uint32_t level = environment_number("KEYVIEW_TRACE_LEVEL", TRCD_FAILURE, 1000);
+    load_level();
     std::unique_ptr<trace_sink> sink = open_sink(environment_text("KEYVIEW_TRACE"));
     std::lock_guard guard(fork_mutex());
-    state().level = level;
-    activate(std::move(sink));
+    if (active.load() == nullptr) activate(std::move(sink));
     update_threshold();
 }
 
