@@ -2,6 +2,7 @@
 // fake_registry.cpp and fake_services.cpp.
 #include "fake_host.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -57,6 +58,15 @@ void fake_host::put(const std::string &path, const std::string &bytes) {
     values[path] = bytes;
 }
 
+void fake_host::remove(const std::string &path) {
+    std::vector<std::string> &names = children[path.substr(0, path.rfind('.'))];
+    auto found = std::find(names.begin(), names.end(), path.substr(path.rfind('.') + 1));
+    if (found != names.end()) names.erase(found);
+    for (const std::string &name : std::vector<std::string>(children[path]))
+        remove(path + "." + name);
+    values.erase(path);
+}
+
 void fake_host::fail(const std::string &call, const std::string &subject, int nth, int32_t code) {
     faults_.push_back({call, subject, nth, code});
 }
@@ -70,6 +80,11 @@ bool fake_host::fired() const {
 
 void *fake_host::make_lock_service() {
     return *lock_services.insert(&handles.emplace_back()).first;
+}
+
+void fake_host::forget() {
+    events.clear();
+    seen_.clear();
 }
 
 std::string fake_host::outstanding() const {

@@ -60,10 +60,12 @@ class fake_host {
 
     // Script.
     void put(const std::string &path, const std::string &bytes);  // creates or replaces
+    void remove(const std::string &path);                         // with all below it
     void fail(const std::string &call, const std::string &subject, int nth, int32_t code);
     bool fired() const;  // whether each fault was met
     std::function<void(const fake_event &, fake_answer *)> bend;
     void *make_lock_service();  // a handle of the caller's own
+    void forget();              // the calls so far
 
     // What happened, and what there is.
     std::vector<fake_event> events;

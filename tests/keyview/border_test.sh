@@ -12,14 +12,14 @@ words() { tr -s ' \n' '\n\n' <"$here/$1" | LC_ALL=C sort; }
 
 exported=$(nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' |
     LC_ALL=C sort)
-if [ "$exported" != "$(words exported_names)" ]; then
-    echo "exported, and not as exported_names has it:"
-    printf '%s\n%s\n' "$exported" "$(words exported_names)" | LC_ALL=C sort | uniq -u
+if [ "$exported" != "$(words exported_names.txt)" ]; then
+    echo "exported, and not as exported_names.txt has it:"
+    printf '%s\n%s\n' "$exported" "$(words exported_names.txt)" | LC_ALL=C sort | uniq -u
     failed=1
 fi
 
 unknown=$(nm -D --undefined-only "$library" | awk '{ print $NF }' | grep -v '@GLIBC_' |
-    grep -vxF "$(words outside_names)" || true)
+    grep -vxF "$(words outside_names.txt)" || true)
 if [ -n "$unknown" ]; then
     echo "undefined names that are neither outside operations nor libc:" "$unknown"
     failed=1

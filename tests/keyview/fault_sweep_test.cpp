@@ -12,13 +12,6 @@ struct fault_row {
     std::string call, subject, code, reporter, result, effect;
 };
 
-static const std::map<std::string, int32_t> CODES = {
-    {"ok", PRSR_SUCCESS},          {"argument", PRSR_ERR_ARGUMENT},
-    {"memory", PRSR_ERR_MEMORY},   {"registry", PRSR_ERR_REGISTRY},
-    {"lock", PRSR_ERR_LOCK},       {"no_database", PRSR_ERR_NO_DATABASE},
-    {"threads", PRSR_ERR_THREADS},
-};
-
 // "%" stands for any rest, at the beginning or at the end, and "#" for a digit.
 static bool fits(const std::string &pattern, const std::string &text) {
     if (pattern[0] == '%') {
@@ -48,8 +41,9 @@ static std::map<std::string, std::vector<fault_row>> read_rows() {
     return rows;
 }
 
-static fault_row find_row(const std::string &operation, const fake_event &call,
-                          const std::string &subject, int32_t code) {
+static fault_row find_row(const std::string &operation, const fake_event &call, std::string subject,
+                          int32_t code) {
+    if (call.call == "alloc" && subject == operation) subject = "self";
     static auto rows = read_rows();
     for (const std::string &heading : {operation, std::string("everything")}) {
         for (const fault_row &row : rows[heading]) {
@@ -66,7 +60,7 @@ static fault_row find_row(const std::string &operation, const fake_event &call,
     return {"", "", "", "-", "ok", "?"};
 }
 
-static fields with_effect(fields out, const std::string &effect, const std::string &key) {
+static fields changed(fields out, const std::string &effect, const std::string &key) {
     std::istringstream words(effect);
     for (std::string word; words >> word;) {
         size_t sign = word.find('&');
@@ -83,12 +77,15 @@ static fields with_effect(fields out, const std::string &effect, const std::stri
 
 static void expect_effect(const outcome &got, const fields &base, const std::string &effects,
                           const std::string &path) {
-    size_t below = expanded("$D.").size();
-    std::string key = path.size() > below ? path.substr(below) : "";
+    std::string key;
+    for (const char *above : {"$D.", "$E.", "$N."}) {
+        std::string start = expanded(above);
+        if (path.compare(0, start.size(), start) == 0) key = path.substr(start.size());
+    }
     std::istringstream alternatives(effects + "|");
     fields expected;
     for (std::string effect; std::getline(alternatives, effect, '|');) {
-        expected = with_effect(base, effect, key);
+        expected = changed(base, effect, key);
         if (effect == "?" || got.out == expected) return;
     }
     EXPECT_EQ(got.out, expected);
@@ -127,18 +124,31 @@ static std::string logs_allocation(const std::vector<std::string> &lines, const 
 static void whole(test_host *) {}
 
 static void outgrown(test_host *host) {
-    host->store("$D.DOMAIN", std::string(64, 'd') + '\0');
-    for (const char *key : {"$D.ENVIRONMENT", "$I1.ENVIRONMENT", "$S.ENVIRONMENT"}) {
+    for (const char *key : {"$D.DOMAIN", "$E.SPFILE"})
+        host->store(key, std::string(64, 'd') + '\0');
+    for (const char *key : {"$D.ENVIRONMENT", "$I1.ENVIRONMENT", "$S.ENVIRONMENT", "$E.ENVIRONMENT",
+                            "$N.ENVIRONMENT"}) {
         host->store(key, std::string(1500, 'e') + std::string(2, '\0'));
     }
 }
 
 static void wanting(test_host *host) {
     host->store("$D.SPFILE", std::string(2000, 's'));
-    for (const char *key :
-         {"$D.POLICY", "$D.TALVEN_HOME", "$I1.NODE", "$T2.TYPE", "$S.RCNPOLICY"}) {
+    host->store("$N.VIP.NETMASK", std::string(1025, 'm'));
+    for (const char *key : {"$D.POLICY", "$D.TALVEN_HOME", "$I1.NODE", "$T2.TYPE", "$S.RCNPOLICY",
+                            "$E.SPFILE", "$N.VIP.IP"}) {
         host->values.erase(expanded(key));
     }
+}
+
+// Runs an operation. What it writes counts as handed out.
+static outcome run_and_compare(const operation &op, test_host *host) {
+    auto before = host->values;
+    outcome got = op.run(*host);
+    for (auto &[path, value] : host->values) {
+        if (value != before[path]) got.out[path] = value.c_str();
+    }
+    return got;
 }
 
 static void fail_call(const operation &op, void (*variant)(test_host *), const test_host &good,
@@ -146,9 +156,8 @@ static void fail_call(const operation &op, void (*variant)(test_host *), const t
     SCOPED_TRACE(std::string(op.name) + ": " + call.text + " fails with " + std::to_string(code));
     test_host host(CLUSTER);
     variant(&host);
-    auto before = host.values;
     host.fail("", "", nth, code);
-    outcome got = op.run(host);
+    outcome got = run_and_compare(op, &host);
     EXPECT_TRUE(host.fired());
 
     auto lines = new_failure_lines(host, got.rc, good.lines("log", "0 "));
@@ -161,19 +170,20 @@ static void fail_call(const operation &op, void (*variant)(test_host *), const t
     std::vector<std::string> expected;
     if (row.reporter != "-") expected = report(row.reporter, call.call, call.subject, code);
     if (!allocation) EXPECT_EQ(joined(lines), joined(expected));
-    if (got.rc != PRSR_SUCCESS) EXPECT_EQ(host.values, before);
-    if (call.call == "lock") EXPECT_TRUE(host.lines("open", "").empty());
+    bool looked = op.name == std::string("prsr_fetch_stg_config");  // before the lock
+    if (call.call == "lock") EXPECT_EQ(host.lines("open", "").size(), looked ? 1u : 0u);
 }
 
 static void fail_each_call(const operation &op, void (*variant)(test_host *)) {
     test_host host(CLUSTER);
     variant(&host);
-    outcome success = op.run(host);
+    outcome success = run_and_compare(op, &host);
+    if (success.rc != PRSR_SUCCESS && variant == wanting) return;  // it insists on what is missing
     ASSERT_EQ(success.rc, PRSR_SUCCESS) << op.name;
     int nth = 0;
     for (const fake_event &call : host.events) {
         nth += fake_can_fail(call.call);
-        bool failed = call.text.find(" -> ") != std::string::npos;
+        bool failed = call.text.find(" -> ") != std::string::npos && call.call != "enum";
         if (!fake_can_fail(call.call) || failed) continue;
         static const std::string REGISTRY = "open get set enum";
         for (int32_t code : {1, 4, 9, 16}) {
@@ -215,7 +225,7 @@ TEST(FaultSweep, BadContextIsRefusedBeforeAnythingElse) {
             test_host host(CLUSTER);
             caller by(host);
             by.ctx = static_cast<prsr_ctx *>(bad);
-            by.db = by.inst = by.srv = nullptr;
+            by.db = by.inst = by.srv = by.node = by.scope = by.stg = nullptr;
             outcome got = op.run(by);
             EXPECT_EQ(got.rc, PRSR_ERR_CONTEXT) << op.name;
             EXPECT_EQ(got.out, op.untouched) << op.name;
@@ -232,6 +242,7 @@ TEST(FaultSweep, NamesInAnyCaseReachTheSameKeysAndLocks) {
             test_host host(CLUSTER);
             caller by(host);
             if (lower) by.db = "sales", by.inst = "sales1", by.srv = "web.shop";
+            if (lower) by.node = "node22", by.scope = "node1", by.stg = "mgr1";
             EXPECT_EQ(op.run(by).rc, PRSR_SUCCESS) << op.name;
             for (const fake_event &event : host.events) {
                 if (event.call != "text" && event.call != "log") calls[lower].push_back(event.text);

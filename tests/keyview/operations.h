@@ -1,6 +1,6 @@
 // What the tests of the library share: a context over a fake host, one tree, and the table of
 // operations that the sweeps run through. A further operation is a further row, with its faults in
-// faults.txt and its calls in transcripts.txt.
+// faults.txt, its calls in transcripts.txt and what else it promises in cases.txt.
 #ifndef KEYVIEW_TESTS_OPERATIONS_H
 #define KEYVIEW_TESTS_OPERATIONS_H
 
@@ -11,7 +11,8 @@
 #include "fake_host.h"
 #include "keyview/if/prsr.h"
 
-// cluster.txt: two databases; the first has every key there is, two instances and two services.
+// cluster.txt: two databases, a storage manager entry and a node's applications; the first database
+// has every key there is, three instances and two services.
 extern const std::string CLUSTER;
 
 inline const std::string ONE_DATABASE = "DATABASE.DATABASES\n sales=Sales\n";
@@ -35,6 +36,11 @@ struct caller {
     const char *db = "SALES";
     const char *inst = "Sales1";
     const char *srv = "Web.SHOP";
+    const char *node = "NODE22";
+    const char *scope = "NODE1";
+    const char *stg = "Mgr1";
+    int32_t value = 0;      // what is set
+    uint32_t bufsize = 80;  // of the buffer for a name
 };
 
 // The code of a call and all it handed out, as text; a record's fields are named by their keys.
@@ -54,21 +60,22 @@ struct operation {
 
 extern const std::vector<operation> OPERATIONS;
 
+extern const std::map<std::string, int32_t> CODES;  // by their names in the files beside the tests
+
 // The operation of that name, run.
 outcome run(const std::string &name, const caller &by);
 
-// The record of the database, which has to be there.
-fields fetched(const caller &by);
-
-// The keys of CLUSTER written out: $ROOT; $D for the database sales; $I1, $I2 for its instances; $S
-// for its service web*shop, $L for that key below $D; $T1 to $T3 for the instances of the service.
-// $EMPTY is the effect of a service without instances.
+// The keys of CLUSTER written out: $ROOT; $D for the database sales; $I1 to $I3 for its instances;
+// $S for its service web*shop, $L for that key below $D; $T1 to $T3 for the instances of the
+// service; $E for the storage manager entry; $N for the node. $EMPTY is the effect of a service
+// without instances.
 std::string expanded(std::string text);
 
 // A file beside the tests, expanded: headings with the indented lines below each, in order.
 std::vector<std::pair<std::string, std::vector<std::string>>> sections(const char *file);
 
-// The lines that report a failed registry call ("open", "get", "set" or "enum").
+// The lines that report a failed registry call ("open", "get", "set" or "enum"); "!" behind the
+// function: by the odd name kvtc_enum_key.
 std::vector<std::string> report(const std::string &function, const std::string &call,
                                 const std::string &path, int32_t code);
 

@@ -1,5 +1,10 @@
-// What the single operations promise beyond what the sweeps and transcripts show: words, names,
-// defaults, handles and releases.
+// What the single operations promise beyond what the sweeps and transcripts show: the cases of
+// cases.txt, and handles and releases.
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 #include "operations.h"
@@ -17,129 +22,119 @@ TEST(Context, LockServiceOfTheCallerStaysTheCallers) {
     EXPECT_EQ(host.lock_services.erase(lk), 1u);
 }
 
-// ---- Words --------------------------------------------------------------------------------------
+// ---- Cases --------------------------------------------------------------------------------------
 
-// A flag read by itself is 1 for TRUE only, in a record 0 for FALSE only; those of a service's
-// instances follow the first rule there too.
-TEST(Words, FlagsReadByTwoRules) {
-    static const struct {
-        const char *word, *alone, *in_record;
-    } FLAGS[] = {{"TRUE", "1", "1"},  {"true", "1", "1"}, {"TrUe", "1", "1"}, {"FALSE", "0", "0"},
-                 {"fAlse", "0", "0"}, {"yes", "0", "1"},  {"", "0", "1"},     {"TRUE ", "0", "1"}};
-    for (auto &flag : FLAGS) {
-        SCOPED_TRACE(flag.word);
-        std::string service = expanded("$L");
-        test_host host(CLUSTER);
-        std::string stored = flag.word + std::string(1, '\0');
-        for (const char *key : {"$D", "$I1", "$S", "$T1", "$T2"}) {
-            host.put(expanded(key) + ".ENABLED", stored);
+// A word of cases.txt with its signs replaced.
+static std::string text_of(const std::string &word) {
+    std::string text;
+    for (size_t i = 0; i < word.size(); ++i) {
+        size_t digits = 0;
+        if (word[i] == '\\') {
+            text += word[++i] == '0' ? '\0' : ' ';
+        } else if (word[i] == '^') {
+            text.append(stoul(word.substr(i + 1), &digits) - 1, text.back());
+        } else {
+            text += word[i];
         }
-        EXPECT_EQ(run("prsr_get_db_enabled", host).out["answer"], flag.alone);
-        EXPECT_EQ(run("prsr_get_instance_enabled", host).out["answer"], flag.alone);
-        fields out = fetched(host);
-        EXPECT_EQ(out["ENABLED"] + out["INSTANCE.sales1.ENABLED"] + out[service + ".ENABLED"],
-                  std::string(3, *flag.in_record));
-        EXPECT_EQ(out[service + ".preferred"], std::string("Sales1:") + flag.alone);
-        EXPECT_EQ(out[service + ".available"], std::string("SALES2:") + flag.alone);
+        i += digits;
+    }
+    return text;
+}
+
+// One word of a setup: a name or number of the caller, a key that goes or a value that is stored.
+static void set_up(const std::string &word, caller *by, std::deque<std::string> *texts) {
+    static const std::map<std::string, const char *caller::*> NAMES = {
+        {"db", &caller::db},     {"inst", &caller::inst},   {"srv", &caller::srv},
+        {"node", &caller::node}, {"scope", &caller::scope}, {"stg", &caller::stg}};
+    size_t equals = std::min(word.find('='), word.size());
+    std::string key = word.substr(0, equals),
+                value = word.substr(std::min(equals + 1, word.size()));
+    if (NAMES.count(key)) {
+        const char *text = texts->emplace_back(value).c_str();
+        by->*NAMES.at(key) = value == "null" ? nullptr : text;
+    } else if (key == "value") {
+        by->value = stoi(value);
+    } else if (key == "bufsize") {
+        by->bufsize = uint32_t(stoul(value));
+    } else if (key[0] == '-') {
+        bool below = key.back() == '%';
+        std::string path = key.substr(1, key.size() - (below ? 3 : 1));
+        std::string own = by->host.values[path];
+        by->host.remove(path);
+        if (below) by->host.put(path, own);
+    } else if (key[0] == '%') {
+        for (auto &[path, stored] : by->host.values) {
+            bool fits = path.size() >= key.size() &&
+                        path.compare(path.size() - key.size() + 1, key.size(), key, 1) == 0;
+            if (fits) stored = value;
+        }
+    } else {
+        by->host.put(key, value);
     }
 }
 
-TEST(Words, AnyNumberButZeroEnables) {
-    for (int32_t enabled : {0, 1, 2, -1}) {
-        test_host host(CLUSTER);
-        EXPECT_EQ(prsr_set_db_enabled(host.status, host.ctx, "Sales", enabled), PRSR_SUCCESS);
-        EXPECT_EQ(prsr_set_instance_enabled(host.status, host.ctx, "Sales", "SALES1", enabled),
-                  PRSR_SUCCESS);
-        std::string stored = enabled ? std::string("true\0", 5) : std::string("false\0", 6);
-        EXPECT_EQ(host.values[expanded("$D.ENABLED")], stored);
-        EXPECT_EQ(host.values[expanded("$I1.ENABLED")], stored);
-        EXPECT_EQ(run("prsr_get_db_enabled", host).out["answer"], enabled ? "1" : "0");
+// The keys whose failures were reported.
+static std::string reported(const test_host &host) {
+    std::string keys;
+    for (const std::string &line : host.lines("log", "0 ")) {
+        size_t at = line.find("failed for key ");
+        if (at == std::string::npos) continue;
+        at += strlen("failed for key ");
+        keys += (keys.empty() ? "" : ",") + line.substr(at, line.rfind(" with ") - at);
     }
+    return keys;
 }
 
-TEST(Words, PoliciesReadInAnyCase) {
-    static const struct {
-        const char *word, *code;
-    } POLICIES[] = {{"BASIC", "2"},     {"basic", "2"},  {"PRECONNECT", "3"}, {"PreConnect", "3"},
-                    {"AVAILABLE", "3"}, {"mutual", "3"}, {"NONE", "1"},       {"BASIC ", "1"},
-                    {"", "1"},          {"BASICS", "1"}};
-    for (auto &policy : POLICIES) {
-        test_host host(CLUSTER);
-        host.store("$S.RCNPOLICY", policy.word + std::string(1, '\0'));
-        EXPECT_EQ(run("prsr_get_service_rcn_policy", host).out["answer"], policy.code);
-        EXPECT_EQ(fetched(host)[expanded("$L.RCNPOLICY")], policy.code);
-    }
-}
-
-// ---- Missing things -----------------------------------------------------------------------------
-
-TEST(Missing, DatabaseOfNothingButItsNameIsFetched) {
-    test_host host(ONE_DATABASE);
-    const fields bare = {
-        {"sp", "Sales"},           {"DB_CLU_ALIAS.IP", "null"}, {"TALVEN_HOME", "null"},
-        {"SPFILE", "null"},        {"DB_NAME", "null"},         {"ROLE", "null"},
-        {"START_OPTIONS", "null"}, {"DOMAIN", "null"},          {"POLICY", "AUTOMATIC"},
-        {"ENABLED", "0"},          {"ENVIRONMENT", "null"},     {"INSTANCE", "null"},
-        {"SERVICE", "null"}};
-    EXPECT_EQ(fetched(host), bare);
-    std::string expected;
-    for (const char *key : {"TALVEN_HOME", "SPFILE", "DB_NAME", "ROLE", "START_OPTIONS", "INSTANCE",
-                            "SERVICE", "DOMAIN", "ENABLED"}) {
-        expected += joined(report("prsr_fetch_db_config", "open", expanded("$D.") + key, 4));
-    }
-    EXPECT_EQ(joined(host.lines("log", "0 ")), expected);
-}
-
-TEST(Missing, InstanceAndServiceOfNothingButTheirNamesAreLoaded) {
-    test_host host(
-        "DATABASE.DATABASES\n sales=Sales\n  INSTANCE\n   i=I\n  SERVICE\n   s=S\n"
-        "    INSTANCES\n     a=A\n      TYPE=PREFERRED\n     b=B\n");
-    fields out = fetched(host);
-    EXPECT_EQ(out["INSTANCE.i"] + out["INSTANCE.i.NODE"] + out["INSTANCE.i.ENVIRONMENT"] +
-                  out["INSTANCE.i.ENABLED"],
-              "Inullnull0");
-    EXPECT_EQ(out["SERVICE.s.preferred"] + "|" + out["SERVICE.s.available"], "A:0|");
-    EXPECT_EQ(out["SERVICE.s.RCNPOLICY"] + out["SERVICE.s.ENVIRONMENT"] + out["SERVICE.s.ENABLED"],
-              "0null0");
-    std::string type = expanded("$D.SERVICE.s.INSTANCES.b.TYPE");
-    EXPECT_EQ(host.lines("log", report("prsr_fill_service", "open", type, 4)[0]).size(), 2u);
-}
-
-TEST(Missing, ClusterWithoutDatabasesListsNone) {
-    for (const char *tree : {"", "DATABASE.DATABASES\n"}) {
-        test_host host(tree);
-        outcome got = run("prsr_list_db", host);
-        EXPECT_EQ(got.rc, PRSR_SUCCESS);
-        EXPECT_EQ(got.out["list"] + got.out["count"], "0");
-        EXPECT_TRUE(host.lines("log", "0 ").empty());
-    }
-}
-
-// ---- Names --------------------------------------------------------------------------------------
-
-TEST(Names, DotOfADatabaseLeadsOneLevelDeeper) {
-    test_host host("DATABASE.DATABASES\n a\n  b=A.B\n   ENABLED=TRUE\n   DOMAIN=dom\n");
+static void run_case(const std::string &operation, std::istringstream words) {
+    test_host host(CLUSTER);
     caller by(host);
-    by.db = "A.B";
-    EXPECT_EQ(run("prsr_get_db_enabled", by).out["answer"], "1");
-    EXPECT_EQ(run("prsr_get_domain", by).out["domain"], "dom");
-    EXPECT_EQ(run("prsr_fetch_db_config", by).out["sp"], "A.B");
+    std::deque<std::string> texts;
+    std::string word;
+    while (words >> word && word != ":")
+        set_up(text_of(word), &by, &texts);
+    words >> word;
+    outcome got = run(operation, by);
+    EXPECT_EQ(got.rc, CODES.at(word));
+    got.out["reports"] = reported(host);
+    while (words >> word) {
+        word = text_of(word);
+        std::string key = word.substr(0, word.find('='));
+        bool stored = host.values.count(key) != 0;
+        if (word[0] == '!') {
+            EXPECT_TRUE(host.lines("open", "open " + word.substr(1)).empty()) << word;
+        } else {
+            EXPECT_EQ(stored ? host.values[key] : got.out[key], word.substr(key.size() + 1)) << key;
+        }
+    }
 }
 
-TEST(Names, EachDotOfAServiceBecomesAStar) {
-    test_host host("DATABASE.DATABASES\n sales\n  SERVICE\n   a*b*c\n    RCNPOLICY=MUTUAL\n");
-    caller by(host);
-    by.srv = "A.b.C";
-    EXPECT_EQ(run("prsr_get_service_rcn_policy", by).out["answer"], "3");
+TEST(Cases, GiveWhatIsWritten) {
+    for (auto &[heading, lines] : sections("cases.txt")) {
+        EXPECT_FALSE(lines.empty()) << heading;
+        for (const std::string &line : lines) {
+            size_t blank = line.find(' ');
+            std::istringstream operations(line.substr(0, blank));
+            for (std::string name; std::getline(operations, name, '|');) {
+                SCOPED_TRACE(heading + ": " + name + line.substr(blank));
+                run_case(name, std::istringstream(line.substr(blank)));
+            }
+        }
+    }
 }
 
 // ---- Releases -----------------------------------------------------------------------------------
 
 TEST(Release, ForeignAndEmptyThingsAreLeftAlone) {
     test_host host(CLUSTER);
-    alignas(prsr_cfg) char foreign[sizeof(prsr_cfg)] = "PRSRCTXA";
-    auto *cfg = reinterpret_cast<prsr_cfg *>(foreign);
-    EXPECT_EQ(prsr_release_db_config(host.status, host.ctx, cfg), PRSR_SUCCESS);
+    alignas(prsr_cfg) char foreign[sizeof(prsr_cfg)] = "PRSRCFGC";  // not where that tag belongs
+    auto *db = reinterpret_cast<prsr_cfg *>(foreign);
+    auto *stg = reinterpret_cast<prsr_stg_cfg *>(foreign);
+    auto *node = reinterpret_cast<prsr_nodeapps_cfg *>(foreign);
+    EXPECT_EQ(prsr_release_db_config(host.status, host.ctx, db), PRSR_SUCCESS);
+    EXPECT_EQ(prsr_release_stg_config(host.status, host.ctx, stg), PRSR_SUCCESS);
+    EXPECT_EQ(prsr_release_nodeapps_config(host.status, host.ctx, node), PRSR_SUCCESS);
+    EXPECT_EQ(prsr_release_srv_instances(host.status, host.ctx, nullptr, nullptr, nullptr, 3),
+              PRSR_SUCCESS);
     char domain[1] = "";
     EXPECT_EQ(prsr_free_domain(nullptr, domain), PRSR_ERR_CONTEXT);
     EXPECT_EQ(prsr_free_domain(host.ctx, nullptr), PRSR_ERR_CONTEXT);

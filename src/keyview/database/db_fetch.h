@@ -41,8 +41,8 @@ struct db_fetch {
     prsr_held_lock lock;
 };
 
-// Makes field_key the key of these elements below the database. False if it does not fit.
-[[nodiscard]] bool prsr_build_db_field(db_fetch *fetch, prsr_elements elements);
+// Makes field_key the key of this element, or path, below the database. False if it does not fit.
+[[nodiscard]] bool prsr_build_db_field(db_fetch *fetch, std::string_view element);
 
 // The parts of the record, in reading order.
 [[nodiscard]] int32_t prsr_load_db_strings(db_fetch *fetch);

@@ -41,18 +41,18 @@ static int32_t alloc_buffers(instance_load *load) {
 }
 
 static int32_t build_instance_key(instance_load *load, const char *db_key, const char *key_name) {
-    if (!prsr_extend_path(&load->inst_key, 0, {db_key, "INSTANCE", key_name})) {
+    if (!prsr_start_path(&load->inst_key, db_key, "INSTANCE", key_name)) {
         return PRSR_ERR_ARGUMENT;
     }
     // The keys below start with the same text, and only their last element changes.
-    if (!prsr_extend_path(&load->field_key, 0, {load->inst_key.view()})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_start_path(&load->field_key, load->inst_key.view())) return PRSR_ERR_ARGUMENT;
     trcdprintf(load->ctx->trc, TRCD_PROGRESS, "prsr_fill_instance: Instance Key = %s",
                load->inst_key.text);
     return PRSR_SUCCESS;
 }
 
 static bool build_field_key(instance_load *load, std::string_view element) {
-    return prsr_extend_path(&load->field_key, load->inst_key.length, {element});
+    return prsr_extend_path(&load->field_key, load->inst_key.length, element);
 }
 
 // Reads the instance's own value straight into the name.

@@ -23,8 +23,8 @@ static int32_t build_database_key(db_fetch *fetch, const char *dbname) {
     prsr_fold_name(dbname, &fetch->dbname);
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config:length is %d",
                static_cast<int>(DB_ROOT.size() + fetch->dbname.length + 2));
-    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_DB, 0, {DB_ROOT, fetch->dbname.element()},
-                        &fetch->db_key)) {
+    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_DB, 0, &fetch->db_key, DB_ROOT,
+                        fetch->dbname.element())) {
         return PRSR_ERR_MEMORY;
     }
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: DB key is %s", fetch->db_key.text);
@@ -70,12 +70,12 @@ static int32_t alloc_buffers(db_fetch *fetch) {
     fetch->value.buffer = fetch->value_buffer.text;
     // All keys below start with the database's, and only what follows it changes.
     const std::string_view db_key = fetch->db_key.text;
-    return prsr_extend_path(&fetch->field_key, 0, {db_key}) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
+    return prsr_start_path(&fetch->field_key, db_key) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
 }
 
-bool prsr_build_db_field(db_fetch *fetch, prsr_elements elements) {
+bool prsr_build_db_field(db_fetch *fetch, std::string_view element) {
     const size_t kept = DB_ROOT.size() + 1 + fetch->dbname.length;
-    return prsr_extend_path(&fetch->field_key, kept, elements);
+    return prsr_extend_path(&fetch->field_key, kept, element);
 }
 
 // What is read under the lock, in the order that the trace shows.

@@ -59,7 +59,7 @@ static int32_t load_string(db_fetch *fetch, char **field) {
 }
 
 static int32_t load_alias_ip(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, {"DB_CLU_ALIAS", "IP"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "DB_CLU_ALIAS.IP")) return PRSR_ERR_ARGUMENT;
     const char *path = fetch->field_key.text;
     const int32_t kv = fetch->key.open(path);
     if (kv == KVTC_ERR_KEY_NOT_FOUND) {
@@ -80,7 +80,7 @@ static int32_t load_alias_ip(db_fetch *fetch) {
 }
 
 static int32_t load_home(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, {"TALVEN_HOME"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "TALVEN_HOME")) return PRSR_ERR_ARGUMENT;
     trcdprintf(fetch->ctx->trc, TRCD_PROGRESS,
                "prsr_fetch_db_config: name of the TALVEN_HOME key = %s", fetch->field_key.text);
     return load_string(fetch, &fetch->record.cfg->home);
@@ -88,7 +88,7 @@ static int32_t load_home(db_fetch *fetch) {
 
 static int32_t load_policy(db_fetch *fetch) {
     constexpr std::string_view DEFAULT_POLICY = "AUTOMATIC";
-    if (!prsr_build_db_field(fetch, {"POLICY"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "POLICY")) return PRSR_ERR_ARGUMENT;
     const char *path = fetch->field_key.text;
     char **field = &fetch->record.cfg->policy;
     const int32_t kv = fetch->key.open(path);
@@ -109,7 +109,7 @@ int32_t prsr_load_db_strings(db_fetch *fetch) {
     rc = load_home(fetch);
     if (rc != PRSR_SUCCESS) return rc;
     for (const string_field &row : STRING_FIELDS) {
-        if (!prsr_build_db_field(fetch, {row.key})) return PRSR_ERR_ARGUMENT;
+        if (!prsr_build_db_field(fetch, row.key)) return PRSR_ERR_ARGUMENT;
         rc = load_string(fetch, field_at(fetch, row.offset));
         if (rc != PRSR_SUCCESS) return rc;
     }
@@ -118,7 +118,7 @@ int32_t prsr_load_db_strings(db_fetch *fetch) {
 
 // The domain is the one field whose lack of memory is no failure: it stays null, without a message.
 int32_t prsr_load_db_domain(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, {"DOMAIN"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "DOMAIN")) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = fetch->reader();
     const char *path = fetch->field_key.text;
     if (prsr_open_reported(reader, path, &fetch->key) != KVTC_SUCCESS) return PRSR_SUCCESS;
@@ -132,7 +132,7 @@ int32_t prsr_load_db_domain(db_fetch *fetch) {
 }
 
 int32_t prsr_load_db_enabled(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, {"ENABLED"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "ENABLED")) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = fetch->reader();
     const char *path = fetch->field_key.text;
     void *trc = fetch->ctx->trc;
@@ -158,7 +158,7 @@ int32_t prsr_load_db_enabled(db_fetch *fetch) {
 }
 
 int32_t prsr_load_db_env(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, {"ENVIRONMENT"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
     // A list that cannot be read is an empty one; the reader has logged it.
     (void)prsr_get_multivalues(fetch->ctx->mem, fetch->ctx->trc, fetch->ctx->reg,
                                fetch->field_key.text, &fetch->record.cfg->env,

@@ -9,6 +9,8 @@
 #include "keyview/frame/lists.h"
 #include "platform/trcd.h"
 
+constexpr std::string_view TYPE = "TYPE";
+
 namespace {
 enum class instance_kind { NEITHER, AVAILABLE, PREFERRED };
 
@@ -23,6 +25,13 @@ struct named_instances {
 struct kind_counts {
     uint32_t available = 0;
     uint32_t preferred = 0;
+};
+
+// A service's list of instances while it is read.
+struct list_reading {
+    service_load *load;
+    size_t key_length;  // of the list's own key in field_key
+    named_instances *named;
 };
 
 // One list of the record while it is filled.
@@ -46,17 +55,20 @@ static instance_kind kind_of(const char *word) {
     return instance_kind::NEITHER;
 }
 
-// Reads the type of an instance. A missing type is reported and counts as neither.
-static int32_t read_kind(service_load *load, const char *subkey, instance_kind *kind) {
+// Reads the type of an instance; field_key becomes the path of that type. A missing type is
+// reported and counts as neither.
+static int32_t read_kind(const list_reading &list, std::string_view subkey, instance_kind *kind) {
+    service_load *load = list.load;
     *kind = instance_kind::NEITHER;
-    if (!prsr_build_service_field(load, {"INSTANCES", subkey, "TYPE"})) return PRSR_ERR_ARGUMENT;
-    const prsr_reader reader = load->reader();
+    if (!prsr_extend_path(&load->field_key, list.key_length, subkey, TYPE)) {
+        return PRSR_ERR_ARGUMENT;
+    }
     const char *path = load->field_key.text;
     prsr_key key(load->ctx->reg);
-    const int32_t kv = prsr_open_reported(reader, path, &key);
+    const int32_t kv = prsr_open_reported(load->reader, path, &key);
     if (kv == KVTC_ERR_KEY_NOT_FOUND) return PRSR_SUCCESS;
     if (kv != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
-    if (prsr_read_reported(reader, path, key, &load->value) != KVTC_SUCCESS) {
+    if (prsr_read_reported(load->reader, path, key, &load->value) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
     }
     *kind = kind_of(load->value.text());
@@ -65,11 +77,11 @@ static int32_t read_kind(service_load *load, const char *subkey, instance_kind *
 
 // ---- First pass ---------------------------------------------------------------------------------
 
-static int32_t count_kinds(service_load *load, const prsr_string_list &subkeys,
-                           kind_counts *counts) {
+static int32_t count_kinds(const list_reading &list, kind_counts *counts) {
+    const prsr_string_list &subkeys = list.named->subkeys;
     for (uint32_t i = 0; i < subkeys.count; ++i) {
         instance_kind kind;
-        const int32_t rc = read_kind(load, subkeys.items[i], &kind);
+        const int32_t rc = read_kind(list, subkeys.items[i], &kind);
         if (rc != PRSR_SUCCESS) return rc;
         if (kind == instance_kind::AVAILABLE) ++counts->available;
         if (kind == instance_kind::PREFERRED) ++counts->preferred;
@@ -102,43 +114,42 @@ static int32_t alloc_lists(service_load *load, const kind_counts &counts) {
 
 // ---- Second pass --------------------------------------------------------------------------------
 
-// Reads an instance's flag. One that cannot be read has been reported and stays 0.
-static int32_t read_flag(service_load *load, const char *subkey, int32_t *flag) {
+// Reads the flag of the instance whose type was read last. One that cannot be read has been
+// reported and stays 0.
+static int32_t read_flag(service_load *load, int32_t *flag) {
     prsr_ctx *ctx = load->ctx;
+    const std::string_view type_key = load->field_key.view();
+    const std::string_view instance_key(type_key.data(), type_key.size() - TYPE.size() - 1);
     prsr_block path(ctx->mem);
-    if (!prsr_join_path(
-            ctx->mem, ctx->trc, FILL_SERVICE, 3,
-            {DB_ROOT, load->dbname, "SERVICE", load->srvname, "INSTANCES", subkey, "ENABLED"},
-            &path)) {
+    if (!prsr_join_path(ctx->mem, ctx->trc, FILL_SERVICE, 3, &path, instance_key, "ENABLED")) {
         return PRSR_ERR_MEMORY;
     }
-    (void)prsr_get_enabled_key(nullptr, ctx, load->dbname.data(), path.text, flag);
+    (void)prsr_get_enabled_key(nullptr, ctx, load->dbname, path.text, flag);
     return PRSR_SUCCESS;
 }
 
 // Moves an instance's name to the end of a list, with its flag.
-static int32_t take_instance(service_load *load, const char *subkey, char **preserved,
-                             filling_list *list) {
+static int32_t take_instance(service_load *load, char **preserved, filling_list *list) {
     if (list->filled == list->room) return PRSR_SUCCESS;
     list->names[list->filled] = std::exchange(*preserved, nullptr);
-    const int32_t rc = read_flag(load, subkey, &list->flags[list->filled]);
+    const int32_t rc = read_flag(load, &list->flags[list->filled]);
     if (rc != PRSR_SUCCESS) return rc;
     ++list->filled;
     return PRSR_SUCCESS;
 }
 
-static int32_t fill_lists(service_load *load, named_instances *named) {
-    const prsr_srv_cfg &srv = *load->srv;
+static int32_t fill_lists(const list_reading &list) {
+    const prsr_srv_cfg &srv = *list.load->srv;
     filling_list available{srv.available, srv.available_enabled, srv.available_count};
     filling_list preferred{srv.preferred, srv.preferred_enabled, srv.preferred_count};
-    for (uint32_t i = 0; i < named->subkeys.count; ++i) {
-        const char *subkey = named->subkeys.items[i];
+    const named_instances &named = *list.named;
+    for (uint32_t i = 0; i < named.subkeys.count; ++i) {
         instance_kind kind;
-        int32_t rc = read_kind(load, subkey, &kind);
+        int32_t rc = read_kind(list, named.subkeys.items[i], &kind);
         if (rc != PRSR_SUCCESS) return rc;
         if (kind == instance_kind::NEITHER) continue;
-        filling_list *list = kind == instance_kind::AVAILABLE ? &available : &preferred;
-        rc = take_instance(load, subkey, &named->preserved.items[i], list);
+        filling_list *filled = kind == instance_kind::AVAILABLE ? &available : &preferred;
+        rc = take_instance(list.load, &named.preserved.items[i], filled);
         if (rc != PRSR_SUCCESS) return rc;
     }
     return PRSR_SUCCESS;
@@ -167,7 +178,7 @@ static int32_t read_preserved_names(service_load *load, const char *list_key,
 int32_t prsr_load_service_instances(service_load *load, bool *any) {
     const prsr_ctx *ctx = load->ctx;
     *any = false;
-    if (!prsr_build_service_field(load, {"INSTANCES"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_service_field(load, "INSTANCES")) return PRSR_ERR_ARGUMENT;
     const char *list_key = load->field_key.text;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fill_service: key name = [%s]", list_key);
     named_instances named(ctx->mem);
@@ -179,10 +190,11 @@ int32_t prsr_load_service_instances(service_load *load, bool *any) {
     *any = true;
     rc = read_preserved_names(load, list_key, &named);
     if (rc != PRSR_SUCCESS) return rc;
+    const list_reading list{load, load->field_key.length, &named};
     kind_counts counts;
-    rc = count_kinds(load, named.subkeys, &counts);
+    rc = count_kinds(list, &counts);
     if (rc != PRSR_SUCCESS) return rc;
     rc = alloc_lists(load, counts);
     if (rc != PRSR_SUCCESS) return rc;
-    return fill_lists(load, &named);
+    return fill_lists(list);
 }

@@ -10,18 +10,18 @@
 constexpr char FILL_SERVICE[] = "prsr_fill_service";
 
 struct service_load {
-    service_load(prsr_ctx *owner, std::string_view database, std::string_view service)
+    service_load(prsr_ctx *owner, const char *database, std::string_view service)
         : ctx(owner),
+          reader(owner, FILL_SERVICE),
           dbname(database),
           srvname(service),
           value_buffer(owner->mem),
           field_key(owner->mem),
           srv_key(owner->mem) {}
 
-    [[nodiscard]] prsr_reader reader() const { return {ctx, FILL_SERVICE}; }
-
     prsr_ctx *ctx;
-    std::string_view dbname;
+    prsr_reader reader;
+    const char *dbname;  // folded
     std::string_view srvname;
     prsr_srv_cfg *srv = nullptr;  // not owned: it belongs to its slot
     prsr_block value_buffer;
@@ -30,8 +30,8 @@ struct service_load {
     prsr_value value;
 };
 
-// Makes field_key the key of these elements below the service. False if it does not fit.
-[[nodiscard]] bool prsr_build_service_field(service_load *load, prsr_elements elements);
+// Makes field_key the key of this element below the service. False if it does not fit.
+[[nodiscard]] bool prsr_build_service_field(service_load *load, std::string_view element);
 
 // Fills the two lists of instances. *any tells whether the service names any instance.
 [[nodiscard]] int32_t prsr_load_service_instances(service_load *load, bool *any);

@@ -23,18 +23,18 @@ static int32_t alloc_buffers(service_load *load) {
 }
 
 static int32_t build_service_key(service_load *load, const char *dbkey) {
-    if (!prsr_extend_path(&load->srv_key, 0, {dbkey, "SERVICE", load->srvname})) {
+    if (!prsr_start_path(&load->srv_key, dbkey, "SERVICE", load->srvname)) {
         return PRSR_ERR_ARGUMENT;
     }
     // The keys below start with the same text, and only what follows it changes.
-    if (!prsr_extend_path(&load->field_key, 0, {load->srv_key.view()})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_start_path(&load->field_key, load->srv_key.view())) return PRSR_ERR_ARGUMENT;
     trcdprintf(load->ctx->trc, TRCD_PROGRESS, "prsr_fill_service: srv key name = %s",
                load->srv_key.text);
     return PRSR_SUCCESS;
 }
 
-bool prsr_build_service_field(service_load *load, prsr_elements elements) {
-    return prsr_extend_path(&load->field_key, load->srv_key.length, elements);
+bool prsr_build_service_field(service_load *load, std::string_view element) {
+    return prsr_extend_path(&load->field_key, load->srv_key.length, element);
 }
 
 // Reads the service's own value straight into the name.
@@ -44,7 +44,7 @@ static int32_t load_name(service_load *load) {
         static_cast<char *>(prsr_alloc(load->ctx->mem, load->ctx->trc, FILL_SERVICE, length + 1));
     if (load->srv->name == nullptr) return PRSR_ERR_MEMORY;
 
-    const prsr_reader reader = load->reader();
+    const prsr_reader &reader = load->reader;
     const char *path = load->srv_key.text;
     prsr_key key(load->ctx->reg);
     if (prsr_open_reported(reader, path, &key) != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
@@ -58,7 +58,7 @@ static int32_t load_name(service_load *load) {
 }
 
 static int32_t load_env(service_load *load) {
-    if (!prsr_build_service_field(load, {"ENVIRONMENT"})) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_service_field(load, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
     // An unreadable list is an empty one; the reader has logged it.
     (void)prsr_get_multivalues(load->ctx->mem, load->ctx->trc, load->ctx->reg, load->field_key.text,
                                &load->srv->env, &load->srv->env_n);
@@ -68,8 +68,8 @@ static int32_t load_env(service_load *load) {
 // Turns an optional word below the service into a number; without the word the field stays 0.
 static int32_t load_word(service_load *load, std::string_view element,
                          int32_t (*parse)(const char *), int32_t *field) {
-    if (!prsr_build_service_field(load, {element})) return PRSR_ERR_ARGUMENT;
-    const prsr_reader reader = load->reader();
+    if (!prsr_build_service_field(load, element)) return PRSR_ERR_ARGUMENT;
+    const prsr_reader &reader = load->reader;
     const char *path = load->field_key.text;
     prsr_key key(load->ctx->reg);
     if (prsr_open_reported(reader, path, &key) != KVTC_SUCCESS) return PRSR_SUCCESS;

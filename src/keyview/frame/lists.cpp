@@ -117,10 +117,11 @@ static int32_t read_own_value(void *mem, const prsr_reader &reader, const char *
 int32_t prsr_get_case_preserved_names(void *mem, void *trc, void *reg, const char *inkey_name,
                                       char *const *names, uint32_t count, char **values) {
     const prsr_reader reader(trc, reg, PRESERVED);
+    const std::string_view list_key = inkey_name;
     for (uint32_t i = 0; i < count; ++i) {
         const std::string_view name = names[i];
         prsr_block path(mem);
-        if (!prsr_join_path(mem, trc, PRESERVED, 0, {inkey_name, name}, &path)) {
+        if (!prsr_join_path(mem, trc, PRESERVED, 0, &path, list_key, name)) {
             return PRSR_ERR_MEMORY;
         }
         const int32_t rc = read_own_value(mem, reader, path.text, name.size(), &values[i]);

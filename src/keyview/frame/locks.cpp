@@ -18,25 +18,43 @@ static int32_t ask_lock_service(void *status, prsr_ctx *ctx, int32_t mode, const
 static bool build_lock_name(prsr_ctx *ctx, const char *function, std::string_view root,
                             const char *name, prsr_block *path) {
     if (name == nullptr) {
-        return prsr_join_path(ctx->mem, ctx->trc, function, 1, {LOCK_HEAD, root}, path);
+        return prsr_join_path(ctx->mem, ctx->trc, function, 1, path, LOCK_HEAD, root);
     }
-    return prsr_join_path(ctx->mem, ctx->trc, function, 0, {LOCK_HEAD, root, name}, path);
+    return prsr_join_path(ctx->mem, ctx->trc, function, 0, path, LOCK_HEAD, root, name);
 }
 
-int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname, int32_t mode,
-                          char **token) {
+static int32_t take_lock(void *status, prsr_ctx *ctx, const char *function, std::string_view root,
+                         const char *name, int32_t mode, char **token) {
     *token = nullptr;
-    prsr_block name(ctx->mem);
-    if (!build_lock_name(ctx, __func__, DB_ROOT, dbname, &name)) return PRSR_ERR_MEMORY;
-    if (ask_lock_service(status, ctx, mode, name.text) != 0) return PRSR_ERR_LOCK;
-    *token = name.take();
+    prsr_block lock_name(ctx->mem);
+    if (!build_lock_name(ctx, function, root, name, &lock_name)) return PRSR_ERR_MEMORY;
+    if (ask_lock_service(status, ctx, mode, lock_name.text) != 0) return PRSR_ERR_LOCK;
+    *token = lock_name.take();
     return PRSR_SUCCESS;
 }
 
-void prsr_unlock_keyview(prsr_ctx *ctx, char *token) {
+static void release_lock(prsr_ctx *ctx, char *token) {
     if (token == nullptr) return;
     // The service may look at the whole block, so none of it is left to chance.
     uint64_t status[224 / sizeof(uint64_t)] = {};
     (void)lksvlsunlock(status, ctx->lk, token);  // there is nothing else to try
     tmem_freem(ctx->mem, token);
+}
+
+int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname, int32_t mode,
+                          char **token) {
+    return take_lock(status, ctx, __func__, DB_ROOT, dbname, mode, token);
+}
+
+int32_t prsr_lock_nodeapps(void *status, prsr_ctx *ctx, const char *nodename, int32_t mode,
+                           char **token) {
+    return take_lock(status, ctx, __func__, NODEAPPS_ROOT, nodename, mode, token);
+}
+
+void prsr_unlock_keyview(prsr_ctx *ctx, char *token) {
+    release_lock(ctx, token);
+}
+
+void prsr_unlock_nodeapps(prsr_ctx *ctx, char *token) {
+    release_lock(ctx, token);
 }

@@ -21,18 +21,26 @@ constexpr int32_t LOCK_SHARED = 1;  // as any other value
 [[nodiscard]] int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname,
                                         int32_t mode, char **token);
 
-// Releases a lock and frees its token. A null token does nothing.
-void prsr_unlock_keyview(prsr_ctx *ctx, char *token);
+// The same for the applications of a node; nodename is not null.
+[[nodiscard]] int32_t prsr_lock_nodeapps(void *status, prsr_ctx *ctx, const char *nodename,
+                                         int32_t mode, char **token);
 
-// A lock of prsr_lock_keyview, released at the end of the scope. Not held at first.
-struct prsr_held_lock {
-    explicit prsr_held_lock(prsr_ctx *owner) : ctx(owner) {}
-    ~prsr_held_lock() { prsr_unlock_keyview(ctx, token); }
-    prsr_held_lock(const prsr_held_lock &) = delete;
-    prsr_held_lock &operator=(const prsr_held_lock &) = delete;
+// Release a lock and free its token. A null token does nothing.
+void prsr_unlock_keyview(prsr_ctx *ctx, char *token);
+void prsr_unlock_nodeapps(prsr_ctx *ctx, char *token);
+
+// A lock, released by its own unlock at the end of the scope. Not held at first.
+template <void (*Unlock)(prsr_ctx *, char *)>
+struct prsr_lock_guard {
+    explicit prsr_lock_guard(prsr_ctx *owner) : ctx(owner) {}
+    ~prsr_lock_guard() { Unlock(ctx, token); }
+    prsr_lock_guard(const prsr_lock_guard &) = delete;
+    prsr_lock_guard &operator=(const prsr_lock_guard &) = delete;
 
     prsr_ctx *ctx;
     char *token = nullptr;
 };
+using prsr_held_lock = prsr_lock_guard<prsr_unlock_keyview>;
+using prsr_held_node_lock = prsr_lock_guard<prsr_unlock_nodeapps>;
 
 #endif

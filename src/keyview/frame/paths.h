@@ -5,8 +5,8 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
-#include <initializer_list>
 #include <string_view>
 
 #include "keyview/frame/context.h"
@@ -16,8 +16,6 @@ constexpr std::string_view DB_ROOT = "DATABASE.DATABASES";
 constexpr std::string_view NODEAPPS_ROOT = "DATABASE.NODEAPPS";
 
 constexpr size_t PATH_CAPACITY = 2048;  // of a path block of fixed size, the zero byte included
-
-using prsr_elements = std::initializer_list<std::string_view>;
 
 // ---- Names --------------------------------------------------------------------------------------
 
@@ -43,13 +41,6 @@ void prsr_fold_name(const char *name, prsr_name *copy);
 
 // Turns each "." of a folded service name into "*", so that it stays one element.
 void prsr_map_service_name(prsr_name *copy);
-
-// ---- Paths in a block of exactly their size -----------------------------------------------------
-
-// Joins elements by "." in a new block of their length, the zero byte and spare bytes. False after
-// a report, or without one if function is null.
-[[nodiscard]] bool prsr_join_path(void *mem, void *trc, const char *function, size_t spare,
-                                  prsr_elements elements, prsr_block *path);
 
 // ---- Paths in a buffer --------------------------------------------------------------------------
 
@@ -77,8 +68,71 @@ struct prsr_path_block : prsr_path {
 [[nodiscard]] bool prsr_alloc_path(void *trc, const char *function, size_t block_capacity,
                                    prsr_path_block *path);
 
-// Makes the path its first kept characters and, behind them, "." and each element; with kept 0 the
-// first element opens the path. False, and the path as it was kept, if it would not fit.
-[[nodiscard]] bool prsr_extend_path(prsr_path *path, size_t kept, prsr_elements elements);
+// ---- How elements are written -------------------------------------------------------------------
+
+inline char *prsr_put_element(char *to, std::string_view element) {
+    *to = '.';
+    memcpy(to + 1, element.data(), element.size());
+    return to + 1 + element.size();
+}
+
+template <typename... Views>
+bool prsr_append_elements(prsr_path *path, size_t kept, Views... elements) {
+    const size_t more = (size_t{0} + ... + (elements.size() + 1));
+    path->length = kept;
+    path->text[kept] = '\0';
+    if (more >= path->capacity - kept) return false;
+    char *end = path->text + kept;
+    ((end = prsr_put_element(end, elements)), ...);
+    *end = '\0';
+    path->length = kept + more;
+    return true;
+}
+
+template <typename... Views>
+bool prsr_join_elements(void *mem, void *trc, const char *function, size_t spare, prsr_block *block,
+                        std::string_view first, Views... elements) {
+    const size_t size = first.size() + (size_t{0} + ... + (elements.size() + 1)) + 1 + spare;
+    block->text = static_cast<char *>(tmem_allocm(mem, size));
+    if (block->text == nullptr) {
+        if (function != nullptr) prsr_report_allocation(trc, function, size);
+        return false;
+    }
+    prsr_path path{block->text, size, 0};
+    memcpy(path.text, first.data(), first.size());
+    return prsr_append_elements(&path, first.size(), elements...);
+}
+
+// ---- Extending a path in place ------------------------------------------------------------------
+
+// Templates, so that the length of a fixed element is known where it is written: nothing is
+// scanned.
+
+// Cuts the path to its first kept characters and appends "." and each element. False, and the path
+// as it was kept, if it would not fit.
+template <typename... Elements>
+[[nodiscard]] bool prsr_extend_path(prsr_path *path, size_t kept, const Elements &...elements) {
+    return prsr_append_elements(path, kept, std::string_view(elements)...);
+}
+
+// Makes the path the first element and, behind it, "." and each further one. False if it would not
+// fit.
+template <typename... Elements>
+[[nodiscard]] bool prsr_start_path(prsr_path *path, std::string_view first,
+                                   const Elements &...elements) {
+    if (first.size() >= path->capacity) return false;
+    memcpy(path->text, first.data(), first.size());
+    return prsr_append_elements(path, first.size(), std::string_view(elements)...);
+}
+
+// ---- Paths in a block of exactly their size -----------------------------------------------------
+
+// Joins elements by "." in a new block of their length, the zero byte and spare bytes. False after
+// a report, or without one if function is null.
+template <typename... Elements>
+[[nodiscard]] bool prsr_join_path(void *mem, void *trc, const char *function, size_t spare,
+                                  prsr_block *path, const Elements &...elements) {
+    return prsr_join_elements(mem, trc, function, spare, path, std::string_view(elements)...);
+}
 
 #endif

@@ -13,6 +13,9 @@
 //          the name; in any other name it leads one level deeper into the tree. A name whose path
 //          would exceed 2,047 bytes gives PRSR_ERR_ARGUMENT where the operation works with paths of
 //          fixed size.
+// buf      A caller's buffer of bufsize bytes, at least 1. A text reaches it whole, its zero byte
+//          included, or not at all: with fewer than length + 1 bytes buf holds "" and the result is
+//          PRSR_ERR_ARGUMENT.
 // results  Records, lists and strings are snapshots from the context's memory. They belong to the
 //          caller until the matching release operation, called with the same context before
 //          prsr_terminate. An out-argument is never null.
@@ -47,6 +50,14 @@ enum {
     PRSR_ERR_NO_STG = 8,        // the storage manager entry does not exist
     PRSR_ERR_ROLE = 9,          // no such role
     PRSR_ERR_NO_NODEAPPS = 10,  // the node has no entry
+};
+
+// Roles of a database.
+enum {
+    PRSR_ROLE_PRIMARY = 0,
+    PRSR_ROLE_PHYSICAL_STANDBY = 1,
+    PRSR_ROLE_LOGICAL_STANDBY = 2,
+    PRSR_ROLE_SNAPSHOT_STANDBY = 3,
 };
 
 // Failover policies of a service.
@@ -109,6 +120,36 @@ typedef struct prsr_cfg {
     char *policy;               // management policy; "AUTOMATIC" if none is stored
 } prsr_cfg;
 
+// One storage manager entry. Its strings are "" if they cannot be read, and null only if memory ran
+// out for them.
+typedef struct prsr_stg_cfg {
+    char tag[16];         // "PRSRCFGA"
+    char *spfile;         // parameter file
+    char *home;           // software home
+    char *start_options;  // options for a start
+    char *version;        // software version
+    char **env;           // environment strings; null if there are none
+    uint32_t env_n;       // slots of env; a slot may be null
+    uint32_t enabled;     // 1 if the flag says TRUE, else 0
+    uint64_t reserved;    // 0
+} prsr_stg_cfg;
+
+// The applications of one node. Strings but name are null if the key does not open, and "" if its
+// value cannot be read; a value of more than 1,024 bytes cannot be read.
+typedef struct prsr_nodeapps_cfg {
+    uint32_t constant_one;  // 1
+    char tag[12];           // "PRSRCFGC"
+    char *name;             // the node's name in its registered case; never null
+    char **env;             // environment strings; null if there are none
+    uint32_t env_n;         // slots of env; a slot may be null
+    char *home;             // software home
+    char *vip;              // network address, from VIP or, where that is empty, from VIP.IP; "" if
+                            // neither holds one
+    char *interfaces;       // its network interfaces
+    char *netmask;          // its netmask
+    uint64_t reserved;      // 0
+} prsr_nodeapps_cfg;
+
 // ---- Context ------------------------------------------------------------------------------------
 
 // Makes a context over a lock service of its own: prsr_init_ext with lk null.
@@ -156,6 +197,50 @@ PRSR_API int32_t prsr_set_instance_enabled(void *status, prsr_ctx *ctx, const ch
 PRSR_API int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                            const char *instname, int32_t *enabled) PRSR_NOEXCEPT;
 
+// ---- Flags of services and their instances ------------------------------------------------------
+
+// Enables or disables a service and, with the same value, every instance that it names.
+//
+// Nothing is undone: where it stops, the flags before it are written and those after it are not. If
+// only the service's own flag cannot be written, its instances are written all the same.
+// Takes the database's lock, exclusive, from the first write to the last.
+// Returns the lock's code; PRSR_ERR_REGISTRY if a flag cannot be written or the instances cannot be
+// enumerated, a missing service included; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                          const char *srvname, int32_t enabled) PRSR_NOEXCEPT;
+
+// Tells whether a service itself is enabled; its instances are not consulted. Locks and codes as
+// for prsr_get_db_enabled.
+PRSR_API int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                          const char *srvname, int32_t *enabled) PRSR_NOEXCEPT;
+
+// Enables or disables one instance of a service.
+//
+// Takes the database's lock, shared: readers, and other writers of this kind, run beside it.
+// Returns the lock's code; PRSR_ERR_REGISTRY if the flag cannot be written, a missing key included;
+// PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_set_service_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                                   const char *srvname, const char *instname,
+                                                   int32_t enabled) PRSR_NOEXCEPT;
+
+// Tells whether one instance of a service is enabled. Locks and codes as for prsr_get_db_enabled.
+PRSR_API int32_t prsr_get_service_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+                                                   const char *srvname, const char *instname,
+                                                   int32_t *enabled) PRSR_NOEXCEPT;
+
+// Tells whether an instance of a service is supported: preferred or available, and enabled.
+//
+// supported  out, 1 or 0; 0 after every failure, a bad context included
+//
+// Takes no lock, so a writer may run between its two reads.
+// Returns PRSR_ERR_REGISTRY if the type, or else the flag, cannot be read, a missing type included;
+// PRSR_ERR_NO_DATABASE if only the flag is missing; PRSR_ERR_ARGUMENT if a path does not fit;
+// PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx,
+                                                     const char *dbname, const char *srvname,
+                                                     const char *instname,
+                                                     int32_t *supported) PRSR_NOEXCEPT;
+
 // ---- Databases ----------------------------------------------------------------------------------
 
 // Lists the databases by their registered names, in the order of the registry.
@@ -192,6 +277,86 @@ PRSR_API int32_t prsr_fetch_db_config(void *status, prsr_ctx *ctx, const char *d
 // Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
 PRSR_API int32_t prsr_release_db_config(void *status, prsr_ctx *ctx, prsr_cfg *cfg) PRSR_NOEXCEPT;
 
+// ---- Roster -------------------------------------------------------------------------------------
+
+// Tells on which instances, and on which nodes, a service runs: three arrays of *inst_count
+// entries, in the order of the registry. All or nothing: unlike in a record, every key must be
+// there.
+//
+// dbname, srvname  may be null, which gives PRSR_ERR_ARGUMENT
+// inst_names       out, registered names of the instances
+// node_names       out, their nodes
+// avail            out, 1 for an instance that takes over (AVAILABLE), else 0
+// inst_count       out; 0 after a failure and for a service without instances: the arrays then mean
+//                  nothing
+//
+// Takes the database's lock, shared.
+// Returns PRSR_ERR_REGISTRY if the lock is refused for any reason or a key cannot be read, a
+// missing one included; PRSR_ERR_ARGUMENT also if a path does not fit; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_srv_instances(void *status, prsr_ctx *ctx, const char *dbname,
+                                        const char *srvname, char ***inst_names, char ***node_names,
+                                        int32_t **avail, uint32_t *inst_count) PRSR_NOEXCEPT;
+
+// Gives a roster back. With inst_count 0 the pointers are not looked at; else any may be null.
+PRSR_API int32_t prsr_release_srv_instances(void *status, prsr_ctx *ctx, char **inst_names,
+                                            char **node_names, int32_t *avail,
+                                            uint32_t inst_count) PRSR_NOEXCEPT;
+
+// ---- Role ---------------------------------------------------------------------------------------
+
+// Changes the role of a database.
+//
+// role  one of PRSR_ROLE_*
+//
+// Takes the database's lock, shared: readers, and other writers of this kind, run beside it.
+// Returns PRSR_ERR_ROLE for any other role, before anything is touched; the lock's code;
+// PRSR_ERR_REGISTRY if the role cannot be written, a missing key included; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_set_db_role(void *status, prsr_ctx *ctx, const char *dbname,
+                                  int32_t role) PRSR_NOEXCEPT;
+
+// Reads the role of a database.
+//
+// role  out, one of PRSR_ROLE_*; written on PRSR_SUCCESS only
+//
+// Takes no lock.
+// Returns PRSR_ERR_REGISTRY if the role cannot be read, a missing key included; PRSR_ERR_ROLE if
+// the stored word, in any case, is no role; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_db_role(void *status, prsr_ctx *ctx, const char *dbname,
+                                  int32_t *role) PRSR_NOEXCEPT;
+
+// ---- Names --------------------------------------------------------------------------------------
+
+// Gives the registered name of a database.
+//
+// buf  untouched if memory ran out before the read or the database is missing or does not open
+//
+// Takes no lock.
+// Returns PRSR_ERR_NO_DATABASE; PRSR_ERR_REGISTRY if the name cannot be read; PRSR_ERR_ARGUMENT if
+// it does not fit, or its path does not; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_spname(void *status, prsr_ctx *ctx, const char *dbname, uint32_t bufsize,
+                                 char *buf) PRSR_NOEXCEPT;
+
+// Gives the registered name of an instance. As prsr_get_spname; PRSR_ERR_NO_DATABASE does not tell
+// which of the two is missing.
+PRSR_API int32_t prsr_get_instance_name(void *status, prsr_ctx *ctx, const char *dbname,
+                                        const char *instname, uint32_t bufsize,
+                                        char *buf) PRSR_NOEXCEPT;
+
+// Gives the registered name of the instance of a database on a node: of the first one whose stored
+// node equals the folded nodename.
+//
+// bufsize  must also hold every instance's key name that is met before
+// buf      "" on PRSR_SUCCESS if no instance is on the node, and after a failed read; untouched if
+//          memory ran out before the walk, the lock is refused or the instances do not open
+//
+// Takes the database's lock, shared.
+// Returns the lock's code; PRSR_ERR_REGISTRY if the instances cannot be walked, a missing database
+// or an instance without a node included; PRSR_ERR_ARGUMENT if the name does not fit, or a path
+// does not; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_node_instance_name(void *status, prsr_ctx *ctx, const char *dbname,
+                                             const char *nodename, uint32_t bufsize,
+                                             char *buf) PRSR_NOEXCEPT;
+
 // ---- Policy and domain --------------------------------------------------------------------------
 
 // Reads the failover policy of a service.
@@ -219,6 +384,55 @@ PRSR_API int32_t prsr_get_domain(void *status, prsr_ctx *ctx, const char *dbname
 
 // Gives a domain back. Null for either argument gives PRSR_ERR_CONTEXT.
 PRSR_API int32_t prsr_free_domain(prsr_ctx *ctx, char *domain) PRSR_NOEXCEPT;
+
+// ---- Storage managers ---------------------------------------------------------------------------
+
+// Loads the configuration of a storage manager entry.
+//
+// cfg  out, the record; null after a failure
+//
+// Only the entry's key is mandatory.
+// Takes the entry's lock, shared, after it was found to exist.
+// Returns PRSR_ERR_NO_STG if there is none; PRSR_ERR_LOCK if the lock is refused, or its release
+// after an otherwise good load; PRSR_ERR_REGISTRY if the entry does not open; PRSR_ERR_ARGUMENT if
+// a path does not fit; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_fetch_stg_config(void *status, prsr_ctx *ctx, const char *stg_scope,
+                                       const char *stg_name, prsr_stg_cfg **cfg) PRSR_NOEXCEPT;
+
+// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+PRSR_API int32_t prsr_release_stg_config(void *status, prsr_ctx *ctx,
+                                         prsr_stg_cfg *cfg) PRSR_NOEXCEPT;
+
+// Gives the registered name of a storage manager entry. As prsr_get_spname, with PRSR_ERR_NO_STG
+// for a missing entry.
+PRSR_API int32_t prsr_get_stg_name(void *status, prsr_ctx *ctx, const char *stg_scope,
+                                   const char *stg_name, uint32_t bufsize, char *buf) PRSR_NOEXCEPT;
+
+// Tells whether a storage manager entry is enabled.
+//
+// Takes no lock.
+// Returns PRSR_ERR_NO_STG if the entry or its flag is missing; PRSR_ERR_REGISTRY if it cannot be
+// read; PRSR_ERR_ARGUMENT if the path does not fit; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *stg_scope,
+                                      const char *stg_name, int32_t *enabled) PRSR_NOEXCEPT;
+
+// ---- Node applications --------------------------------------------------------------------------
+
+// Loads the configuration of a node's applications.
+//
+// nodename  null or empty gives PRSR_ERR_ARGUMENT
+// cfg       out, the record; null after a failure
+//
+// Only the node's key and its own name are mandatory.
+// Takes the node's lock, shared, for the whole load.
+// Returns the lock's code; PRSR_ERR_NO_NODEAPPS if the node has no entry; PRSR_ERR_REGISTRY if its
+// name cannot be read; PRSR_ERR_ARGUMENT also if a path does not fit; PRSR_ERR_MEMORY.
+PRSR_API int32_t prsr_fetch_nodeapps_config(void *status, prsr_ctx *ctx, const char *nodename,
+                                            prsr_nodeapps_cfg **cfg) PRSR_NOEXCEPT;
+
+// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+PRSR_API int32_t prsr_release_nodeapps_config(void *status, prsr_ctx *ctx,
+                                              prsr_nodeapps_cfg *cfg) PRSR_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -10,8 +10,8 @@ int32_t prsr_get_domain(void *, prsr_ctx *ctx, const char *dbname, char **domain
     prsr_block path(ctx->mem);
     if (!prsr_alloc_name(ctx, __func__, dbname, &name)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &name);
-    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 1, {DB_ROOT, name.element(), "DOMAIN"},
-                        &path)) {
+    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 1, &path, DB_ROOT, name.element(),
+                        "DOMAIN")) {
         return PRSR_ERR_MEMORY;
     }
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_domain: key_name = [%s]", path.text);

@@ -35,10 +35,8 @@ int32_t prsr_get_service_rcn_policy(void *, prsr_ctx *ctx, const char *dbname, c
     prsr_block path(ctx->mem);
     int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &names);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!prsr_join_path(
-            ctx->mem, ctx->trc, __func__, 2,
-            {DB_ROOT, names.database.element(), "SERVICE", names.service.element(), "RCNPOLICY"},
-            &path)) {
+    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 2, &path, DB_ROOT, names.database.element(),
+                        "SERVICE", names.service.element(), "RCNPOLICY")) {
         return PRSR_ERR_MEMORY;
     }
     rc = prsr_open_get_value(ctx, ctx->reg, path.text, &value.text);

@@ -1,0 +1,230 @@
+// Storage manager entries: the whole configuration of one, its registered name, its flag.
+#include <stddef.h>
+
+#include <type_traits>
+
+#include "keyview/enablement/flag.h"
+#include "keyview/frame/lists.h"
+#include "keyview/frame/paths.h"
+#include "keyview/frame/records.h"
+#include "keyview/frame/registry.h"
+#include "keyview/names/stored_name.h"
+#include "platform/lksv.h"
+
+constexpr std::string_view STG_ROOT = "DATABASE.STG";
+constexpr char STG_CFG_TAG[] = "PRSRCFGA";
+constexpr char FETCH_STG[] = "prsr_fetch_stg_config";
+
+namespace {
+// The folded names of an entry. Read upwards, the members are the order of release.
+struct entry_names {
+    explicit entry_names(const prsr_ctx *ctx) : name(ctx), scope(ctx) {}
+
+    prsr_name name;
+    prsr_name scope;
+};
+
+struct string_field {
+    std::string_view key;
+    size_t offset;
+};
+
+// One fetch. Read upwards, the members are the order of release.
+struct stg_fetch {
+    stg_fetch(void *status_block, prsr_ctx *owner)
+        : status(status_block),
+          ctx(owner),
+          record(status_block, owner),
+          names(owner),
+          entry_key(owner->mem),
+          lock_name(owner->mem),
+          field_key(owner->mem) {}
+
+    void *status;
+    prsr_ctx *ctx;
+    prsr_record<prsr_stg_cfg, prsr_release_stg_config> record;
+    entry_names names;
+    prsr_block entry_key;
+    prsr_block lock_name;
+    prsr_path_block field_key;  // a key below the entry
+};
+}  // namespace
+
+static_assert(std::is_standard_layout_v<prsr_stg_cfg>, "offsetof needs a plain record");
+
+// In reading order, which the trace shows.
+static const string_field STG_FIELDS[] = {
+    {"SPFILE", offsetof(prsr_stg_cfg, spfile)},
+    {"TALVEN_HOME", offsetof(prsr_stg_cfg, home)},
+    {"START_OPTIONS", offsetof(prsr_stg_cfg, start_options)},
+    {"VERSION", offsetof(prsr_stg_cfg, version)},
+};
+
+static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char *stg_scope,
+                          const char *stg_name, entry_names *names) {
+    if (!prsr_alloc_name(ctx, function, stg_scope, &names->scope)) return PRSR_ERR_MEMORY;
+    if (!prsr_alloc_name(ctx, function, stg_name, &names->name)) return PRSR_ERR_MEMORY;
+    prsr_fold_name(stg_scope, &names->scope);
+    prsr_fold_name(stg_name, &names->name);
+    return PRSR_SUCCESS;
+}
+
+// ---- The fetch ----------------------------------------------------------------------------------
+
+static int32_t make_record(stg_fetch *fetch) {
+    auto *cfg = static_cast<prsr_stg_cfg *>(
+        prsr_alloc(fetch->ctx->mem, fetch->ctx->trc, FETCH_STG, sizeof(prsr_stg_cfg)));
+    if (cfg == nullptr) return PRSR_ERR_MEMORY;
+    tmem_fill_tag(cfg, STG_CFG_TAG);
+    fetch->record.cfg = cfg;
+    return PRSR_SUCCESS;
+}
+
+// Tells, before any lock is taken, whether the entry exists. A missing one is no line in the trace.
+static int32_t find_entry(stg_fetch *fetch) {
+    const prsr_ctx *ctx = fetch->ctx;
+    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 0, &fetch->entry_key, STG_ROOT,
+                        fetch->names.scope.element(), fetch->names.name.element())) {
+        return PRSR_ERR_MEMORY;
+    }
+    prsr_key key(ctx->reg);
+    const int32_t kv = key.open(fetch->entry_key.text);
+    if (kv == KVTC_SUCCESS) return PRSR_SUCCESS;
+    if (kv == KVTC_ERR_KEY_NOT_FOUND) return PRSR_ERR_NO_STG;
+    prsr_reader(ctx, FETCH_STG).report("kvtc_open_key", fetch->entry_key.text, kv);
+    return PRSR_ERR_REGISTRY;
+}
+
+static int32_t alloc_lock_and_path(stg_fetch *fetch) {
+    const prsr_ctx *ctx = fetch->ctx;
+    const std::string_view entry_key = fetch->entry_key.text;
+    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 1, &fetch->lock_name, "LKRT", "STG",
+                        entry_key)) {
+        return PRSR_ERR_MEMORY;
+    }
+    if (!prsr_alloc_path(ctx->trc, FETCH_STG, PATH_CAPACITY, &fetch->field_key)) {
+        return PRSR_ERR_MEMORY;
+    }
+    return PRSR_SUCCESS;
+}
+
+static bool build_field_key(stg_fetch *fetch, std::string_view element) {
+    const std::string_view entry_key = fetch->entry_key.text;
+    return prsr_start_path(&fetch->field_key, entry_key, element);
+}
+
+// What is read under the lock. Only the environment can end it.
+static int32_t load_entry(stg_fetch *fetch) {
+    prsr_ctx *ctx = fetch->ctx;
+    prsr_stg_cfg *cfg = fetch->record.cfg;
+    for (const string_field &row : STG_FIELDS) {
+        if (!build_field_key(fetch, row.key)) return PRSR_ERR_ARGUMENT;
+        auto **field = reinterpret_cast<char **>(reinterpret_cast<char *>(cfg) + row.offset);
+        // A value that cannot be read leaves an empty string behind; the reader has logged it.
+        (void)prsr_open_get_value(ctx, ctx->reg, fetch->field_key.text, field);
+    }
+    if (!build_field_key(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    const int32_t rc = prsr_get_multivalues(ctx->mem, ctx->trc, ctx->reg, fetch->field_key.text,
+                                            &cfg->env, &cfg->env_n);
+    if (rc != PRSR_SUCCESS) return rc;
+    if (!build_field_key(fetch, "ENABLED")) return PRSR_ERR_ARGUMENT;
+    int32_t enabled = 0;
+    (void)prsr_get_enabled_key(fetch->status, ctx, fetch->names.name.text(), fetch->field_key.text,
+                               &enabled);  // a flag that cannot be read has been reported: 0
+    cfg->enabled = static_cast<uint32_t>(enabled);
+    return PRSR_SUCCESS;
+}
+
+// The one lock that is taken and released with the caller's status, and whose release counts.
+static int32_t load_under_lock(stg_fetch *fetch) {
+    void *lk = fetch->ctx->lk;
+    if (lksvlsshrlock(fetch->status, lk, fetch->lock_name.text) != 0) return PRSR_ERR_LOCK;
+    const int32_t rc = load_entry(fetch);
+    const int32_t unlocked = lksvlsunlock(fetch->status, lk, fetch->lock_name.text);
+    return rc == PRSR_SUCCESS && unlocked != 0 ? PRSR_ERR_LOCK : rc;
+}
+
+int32_t prsr_fetch_stg_config(void *status, prsr_ctx *ctx, const char *stg_scope,
+                              const char *stg_name, prsr_stg_cfg **cfg) noexcept {
+    *cfg = nullptr;
+    if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
+
+    stg_fetch fetch(status, ctx);
+    int32_t rc = fold_names(ctx, __func__, stg_scope, stg_name, &fetch.names);
+    if (rc != PRSR_SUCCESS) return rc;
+    static constexpr int32_t (*STEPS[])(stg_fetch *) = {make_record, find_entry,
+                                                        alloc_lock_and_path, load_under_lock};
+    for (const auto step : STEPS) {
+        rc = step(&fetch);
+        if (rc != PRSR_SUCCESS) return rc;
+    }
+    *cfg = fetch.record.take();
+    return PRSR_SUCCESS;
+}
+
+int32_t prsr_release_stg_config(void *, prsr_ctx *ctx, prsr_stg_cfg *cfg) noexcept {
+    if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
+    if (cfg == nullptr || tmem_check_tag(cfg, STG_CFG_TAG) == 0) return PRSR_SUCCESS;
+
+    void *mem = ctx->mem;
+    char *const strings[] = {cfg->spfile, cfg->home, cfg->start_options, cfg->version};
+    for (char *string : strings)
+        prsr_free_block(mem, string);
+    prsr_free_strings(mem, cfg->env, cfg->env_n);
+    tmem_freem(mem, cfg);
+    return PRSR_SUCCESS;
+}
+
+// ---- Name and flag ------------------------------------------------------------------------------
+
+namespace {
+// One query. Read upwards, the members are the order of release.
+struct entry_query {
+    explicit entry_query(const prsr_ctx *ctx)
+        : value(ctx->mem), names(ctx), path(ctx->mem), key(ctx->reg) {}
+
+    prsr_block value;
+    entry_names names;
+    prsr_path_block path;
+    prsr_key key;
+};
+}  // namespace
+
+static int32_t alloc_query(const prsr_ctx *ctx, const char *function, const char *stg_scope,
+                           const char *stg_name, entry_query *query) {
+    const int32_t rc = fold_names(ctx, function, stg_scope, stg_name, &query->names);
+    if (rc != PRSR_SUCCESS) return rc;
+    return prsr_alloc_path(ctx->trc, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
+                                                                            : PRSR_ERR_MEMORY;
+}
+
+int32_t prsr_get_stg_name(void *, prsr_ctx *ctx, const char *stg_scope, const char *stg_name,
+                          uint32_t bufsize, char *buf) noexcept {
+    if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
+
+    entry_query query(ctx);
+    const int32_t rc = alloc_query(ctx, __func__, stg_scope, stg_name, &query);
+    if (rc != PRSR_SUCCESS) return rc;
+    if (!prsr_start_path(&query.path, STG_ROOT, query.names.scope.element(),
+                         query.names.name.element())) {
+        buf[0] = '\0';
+        return PRSR_ERR_ARGUMENT;
+    }
+    return prsr_read_stored_name(ctx, __func__, query.path.text, PRSR_ERR_NO_STG, &query.key,
+                                 &query.value, bufsize, buf);
+}
+
+int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *stg_scope,
+                             const char *stg_name, int32_t *enabled) noexcept {
+    if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
+
+    entry_query query(ctx);
+    int32_t rc = alloc_query(ctx, __func__, stg_scope, stg_name, &query);
+    if (rc != PRSR_SUCCESS) return rc;
+    if (!prsr_start_path(&query.path, STG_ROOT, query.names.scope.element(),
+                         query.names.name.element(), "ENABLED")) {
+        return PRSR_ERR_ARGUMENT;
+    }
+    rc = prsr_get_enabled_key(status, ctx, query.names.name.text(), query.path.text, enabled);
+    return rc == PRSR_ERR_NO_DATABASE ? PRSR_ERR_NO_STG : rc;
+}

@@ -1,0 +1,24 @@
+// The rule by which a stored name reaches a caller's buffer: whole or not at all.
+#ifndef KEYVIEW_NAMES_STORED_NAME_H
+#define KEYVIEW_NAMES_STORED_NAME_H
+
+#include <stdint.h>
+
+#include "keyview/frame/memory.h"
+#include "keyview/frame/registry.h"
+
+// Copies a text with its zero byte into buf of bufsize bytes. Returns PRSR_ERR_ARGUMENT, with buf
+// empty, unless the text's length is less than bufsize.
+[[nodiscard]] int32_t prsr_copy_out(const char *text, uint32_t bufsize, char *buf);
+
+// Reads the own value of the key at path into buf. A first open of the key, held meanwhile, tells a
+// missing key: it gives not_found, with buf untouched.
+//
+// key, value  the caller's guards, which so decide when the key is closed and the block given back
+//
+// Returns also PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY, and what prsr_copy_out returns.
+[[nodiscard]] int32_t prsr_read_stored_name(prsr_ctx *ctx, const char *function, const char *path,
+                                            int32_t not_found, prsr_key *key, prsr_block *value,
+                                            uint32_t bufsize, char *buf);
+
+#endif
