@@ -39,8 +39,10 @@ gate-tests:
 	@packaging/gate tests
 
 bench:
-	@packaging/install-packages build
-	@echo "bench: nothing is measured yet"
+	@packaging/install-packages build bench
+	@cmake --preset release -DKEYVIEW_BENCH=ON >/dev/null
+	@cmake --build $(BUILD)/release
+	@bench/library-cost $(BUILD)/release
 
 install: all
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)

@@ -1,0 +1,256 @@
+// A typical fetch (8 instances, 20 services on all 8: 626 keys) over a host that costs nothing: a
+// sorted table in memory, a block from the top of a stack, a trace that is off. The host is in this
+// program and calls no libc, so that whatever callgrind counts in the library and in libc is the
+// library's own. Run by bench/library-cost.
+#include <stdarg.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "keyview/if/prsr.h"
+#include "platform/kvtc.h"
+#include "platform/lksv.h"
+#include "platform/tmem.h"
+#include "platform/trcd.h"
+#include "platform/txt.h"
+
+namespace {
+struct tree_key {
+    std::string path;
+    std::string value;
+    std::vector<size_t> children;
+};
+
+struct open_key {
+    const tree_key *key;
+    size_t cursor;
+};
+
+std::vector<tree_key> tree;
+open_key open_keys[16];
+size_t open_count;
+char arena[1 << 22];
+size_t used;
+
+void copy(char *to, const char *from, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        to[i] = from[i];
+        asm volatile("");  // or the compiler makes it a call of memcpy
+    }
+}
+
+char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+}
+
+int compare(const char *a, const std::string &b) {
+    size_t i = 0;
+    while (a[i] != '\0' && a[i] == b[i])
+        ++i;
+    return a[i] - b[i];
+}
+
+const tree_key *find(const char *path) {
+    size_t low = 0;
+    size_t high = tree.size();
+    while (low < high) {
+        const size_t middle = (low + high) / 2;
+        const int order = compare(path, tree[middle].path);
+        if (order == 0) return &tree[middle];
+        if (order < 0) {
+            high = middle;
+        } else {
+            low = middle + 1;
+        }
+    }
+    return nullptr;
+}
+
+void add(const std::string &path, const std::string &text) {
+    tree.push_back({path, text.empty() ? text : text + '\0', {}});
+}
+
+void add_service(const std::string &path, const std::string &name, int instances) {
+    add(path, name);
+    add(path + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
+    add(path + ".RCNPOLICY", "BASIC");
+    add(path + ".ENABLED", "true");
+    add(path + ".INSTANCES", "");
+    for (int i = 1; i <= instances; ++i) {
+        const std::string instance = path + ".INSTANCES.sales" + std::to_string(i);
+        add(instance, "Sales" + std::to_string(i));
+        add(instance + ".TYPE", i % 2 == 0 ? "AVAILABLE" : "PREFERRED");
+        add(instance + ".ENABLED", "true");
+    }
+}
+
+void fill_tree(int instances, int services) {
+    const std::string db = "DATABASE.DATABASES.sales";
+    const char *const fields[][2] = {
+        {".DB_CLU_ALIAS", ""},       {".DB_CLU_ALIAS.IP", "10.1.0.100"},
+        {".TALVEN_HOME", "/opt/db"}, {".SPFILE", "+DATA/sales/spfile.ora"},
+        {".DB_NAME", "sales"},       {".ROLE", "PRIMARY"},
+        {".START_OPTIONS", "open"},  {".POLICY", "AUTOMATIC"},
+        {".DOMAIN", "example.com"},  {".ENABLED", "true"},
+        {".INSTANCE", ""},           {".SERVICE", ""},
+    };
+    add(db, "Sales");
+    for (const auto &field : fields)
+        add(db + field[0], field[1]);
+    add(db + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
+    for (int i = 1; i <= instances; ++i) {
+        const std::string instance = db + ".INSTANCE.sales" + std::to_string(i);
+        add(instance, "Sales" + std::to_string(i));
+        add(instance + ".NODE", "node" + std::to_string(i));
+        add(instance + ".ENABLED", "true");
+        add(instance + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
+    }
+    for (int i = 1; i <= services; ++i) {
+        const std::string name = "orders" + std::to_string(i) + "*example*com";
+        std::string own = name;
+        std::replace(own.begin(), own.end(), '*', '.');
+        add_service(db + ".SERVICE." + name, own, instances);
+    }
+    std::sort(tree.begin(), tree.end(),
+              [](const tree_key &a, const tree_key &b) { return a.path < b.path; });
+    for (size_t i = 0; i < tree.size(); ++i) {
+        const size_t dot = tree[i].path.rfind('.');
+        const auto *parent = find(tree[i].path.substr(0, dot).c_str());
+        if (parent != nullptr) const_cast<tree_key *>(parent)->children.push_back(i);
+    }
+}
+}  // namespace
+
+// ---- The host -----------------------------------------------------------------------------------
+
+int32_t kvtc_init_ext(void **reg, int32_t, char *, uint64_t *, int32_t) {
+    *reg = &tree;
+    return 0;
+}
+int32_t kvtc_terminate(void *) {
+    return 0;
+}
+
+int32_t kvtc_open_key(void *, void **key, const char *path) {
+    const tree_key *found = find(path);
+    if (found == nullptr) return KVTC_ERR_KEY_NOT_FOUND;
+    open_keys[open_count] = {found, 0};
+    *key = &open_keys[open_count++];
+    return 0;
+}
+int32_t kvtc_close_key(void *, void *) {
+    --open_count;  // keys are closed in the reverse order of their opening
+    return 0;
+}
+
+int32_t kvtc_get_value(void *, void *key, uint32_t *, void *value, uint32_t *size) {
+    const std::string &stored = static_cast<open_key *>(key)->key->value;
+    const auto needed = static_cast<uint32_t>(stored.size());
+    const uint32_t capacity = *size;
+    *size = needed;
+    if (needed > capacity) return KVTC_ERR_MORE_DATA;
+    copy(static_cast<char *>(value), stored.data(), needed);
+    return 0;
+}
+int32_t kvtc_set_value(void *, void *, uint32_t, const void *, uint32_t) {
+    return 1;
+}
+
+int32_t kvtc_enum_subkey(void *, void *key, char *name, uint32_t *size, int32_t *last) {
+    auto *open = static_cast<open_key *>(key);
+    const auto &children = open->key->children;
+    *last = static_cast<int32_t>(children.size()) - 1 - static_cast<int32_t>(open->cursor);
+    if (open->cursor == children.size()) return KVTC_ERR_NO_MORE_KEYS;
+    const std::string &path = tree[children[open->cursor++]].path;
+    const size_t start = open->key->path.size() + 1;
+    copy(name, path.data() + start, path.size() - start + 1);
+    *size = static_cast<uint32_t>(path.size() - start);
+    return 0;
+}
+int32_t kvtc_get_last_error(void *, int32_t *, char *, uint32_t *) {
+    return 0;
+}
+
+void *pgcinit(int32_t) {
+    return arena;
+}
+void *tmem_allocm(void *, uint64_t size) {
+    void *block = arena + used;
+    used += (size + 16) & ~uint64_t{15};
+    return used <= sizeof arena ? block : nullptr;
+}
+void tmem_freem(void *, void *) {}
+void tmem_fill_tag(void *address, const char *tag) {
+    copy(static_cast<char *>(address), tag, 8);
+}
+int32_t tmem_check_tag(const void *address, const char *tag) {
+    const auto *stored = static_cast<const char *>(address);
+    for (size_t i = 0; i < 8; ++i) {
+        if (stored[i] != tag[i]) return 0;
+    }
+    return 1;
+}
+
+void *trcdcompreg(const char *, const char *, int32_t, uint64_t, uint64_t, uint64_t, uint64_t) {
+    return arena;
+}
+void trcdprintf(void *, int32_t, const char *, ...) {}
+void trcdprintft(void *, int32_t, const char *, ...) {}
+
+void *thrsini() {
+    return arena;
+}
+int32_t lksvsinit(void *, void **lk, const uint16_t *, const uint64_t *, uint64_t) {
+    *lk = arena;
+    return 0;
+}
+int32_t lksvsterm(void *, void *) {
+    return 0;
+}
+int32_t lksvlsshrlock(void *, void *, const char *) {
+    return 0;
+}
+int32_t lksvlsmutexlock(void *, void *, const char *) {
+    return 0;
+}
+int32_t lksvlsunlock(void *, void *, const char *) {
+    return 0;
+}
+
+void txtmlo(char *target, const char *source, uint64_t n) {
+    for (uint64_t i = 0; i < n; ++i)
+        target[i] = lower(source[i]);
+}
+void txtmup(char *, const char *, uint64_t) {}
+void txtlo(char *, const char *) {}
+int32_t txtclo(const char *a, const char *b) {
+    size_t i = 0;
+    while (a[i] != '\0' && lower(a[i]) == lower(b[i]))
+        ++i;
+    return lower(a[i]) - lower(b[i]);
+}
+int32_t txtrep(char *, uint64_t, uint64_t, const char *, uint64_t, const char *, uint64_t,
+               uint64_t *) {
+    return 0;
+}
+
+// ---- The run ------------------------------------------------------------------------------------
+
+int main() {
+    fill_tree(8, 20);
+    prsr_ctx *ctx = nullptr;
+    prsr_cfg *cfg = nullptr;
+    int32_t rc = prsr_init(nullptr, &ctx);
+    if (rc == PRSR_SUCCESS) rc = prsr_fetch_db_config(nullptr, ctx, "sales", &cfg);
+    if (rc != PRSR_SUCCESS || cfg->instance_count != 8 || cfg->service_count != 20 ||
+        cfg->services[19]->preferred_count != 4 || cfg->services[0]->available_enabled[3] != 1) {
+        std::fprintf(stderr, "library_cost: the fetch went wrong, code %d\n", rc);
+        return 1;
+    }
+    std::printf("%zu\n", tree.size());
+    return 0;
+}
