@@ -6,7 +6,9 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
+#include "ctl/exit_codes.h"
 #include "ctl/view.h"
 
 namespace keyview::ctl {
@@ -14,19 +16,41 @@ namespace keyview::ctl {
 struct tool {
     std::string registry;  // its URL
     output_format format = output_format::table;
-    std::function<void()> run;  // the chosen command; throws tool_error
+    std::function<exit_code()> run;  // the chosen command; throws tool_error
 };
 
 // A group adds its commands to the app. A new group is a file with such a function, and its row in
 // main.cpp.
 using command_group = void (*)(CLI::App *app, tool *shared);
 
-void add_look_commands(CLI::App *app, tool *shared);  // list, show
-void add_tree_commands(CLI::App *app, tool *shared);  // apply, export
+void add_look_commands(CLI::App *app, tool *shared);       // list, show
+void add_fact_commands(CLI::App *app, tool *shared);       // roster, role, name, ...
+void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, enabled, supported
+void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
+void add_tree_commands(CLI::App *app, tool *shared);       // apply, export
 
 // One command: run takes no arguments, what it needs is bound to it.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                      const std::function<void()> &run);
+                      const std::function<exit_code()> &run);
+
+// The names that a command was given, in the order of its arguments; "" for one that was not.
+using given_names = std::vector<std::string>;
+
+// A command whose arguments are names, which is most of them.
+struct name_command {
+    const char *name;
+    const char *description;
+    const char *arguments;  // "DB SERVICE": each needed; "DB [INSTANCE]", "DB --service": or not
+    exit_code (*run)(const tool &shared, const given_names &names);
+};
+
+void add_name_command(CLI::App *app, tool *shared, const name_command &command);
+
+template <size_t count>
+void add_name_commands(CLI::App *app, tool *shared, const name_command (&commands)[count]) {
+    for (const name_command &command : commands)
+        add_name_command(app, shared, command);
+}
 
 }  // namespace keyview::ctl
 

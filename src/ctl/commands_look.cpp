@@ -1,6 +1,4 @@
 // list and show: what the registry says, through the library's own operations.
-#include <memory>
-
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/record_view.h"
@@ -8,12 +6,9 @@
 
 namespace keyview::ctl {
 
-// No key path is longer.
-static constexpr size_t MAX_NAME = 2047;
-
 static const char *const CANNOT_LIST = "the databases cannot be listed";
 
-static void run_list(const tool &shared) {
+static exit_code run_list(const tool &shared, const given_names &) {
     session library(shared);
     char **db_list = nullptr;
     uint32_t db_count = 0;
@@ -29,30 +24,27 @@ static void run_list(const tool &shared) {
     // A registry that cannot be enumerated looks empty to this operation.
     if (db_count == 0) check_result(admin::check_listing(), CANNOT_LIST, shared.registry);
     show_result(shared.format, "db_list", "db_list", names);
+    return EXIT_DONE;
 }
 
-static void run_show(const tool &shared, const std::string &name) {
-    if (name.empty() || name.size() > MAX_NAME) {
-        throw tool_error{EXIT_USAGE, "this is no name of a database", "",
-                         name.empty() ? "it is empty" : "it is too long", TRY_LIST};
-    }
+static exit_code run_show(const tool &shared, const given_names &names) {
     session library(shared);
     prsr_cfg *record = nullptr;
-    int32_t rc = prsr_fetch_db_config(library.status, library.ctx, name.c_str(), &record);
-    library.check(rc, "database " + name + " cannot be shown");
+    int32_t rc = prsr_fetch_db_config(library.status, library.ctx, names[0].c_str(), &record);
+    library.check(rc, "database " + names[0] + " cannot be shown");
     view shown = view_of(*record, shared.format);
     (void)prsr_release_db_config(library.status, library.ctx, record);  // it has no other failure
     show_result(shared.format, "prsr_cfg", "record", shown);
+    return EXIT_DONE;
 }
 
-void add_look_commands(CLI::App *app, tool *shared) {
-    add_command(app, shared, "list", "List the databases by their registered names",
-                [shared] { run_list(*shared); });
+static constexpr name_command COMMANDS[] = {
+    {"list", "List the databases by their registered names", "", run_list},
+    {"show", "Show the whole record of a database", "DB", run_show},
+};
 
-    auto name = std::make_shared<std::string>();
-    CLI::App *show = add_command(app, shared, "show", "Show the whole record of a database",
-                                 [shared, name] { run_show(*shared, *name); });
-    show->add_option("DB", *name, "Name of the database, in any case")->required();
+void add_look_commands(CLI::App *app, tool *shared) {
+    add_name_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

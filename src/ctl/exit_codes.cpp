@@ -51,7 +51,7 @@ static constexpr library_failure LIBRARY_FAILURES[] = {
     {"the library refused its own context", REPORT_BUG, EXIT_INTERNAL, false},
     {"the lock was not granted", TRY_LATER, EXIT_LOCK, true},
     {"there is no thread support", REPORT_BUG, EXIT_INTERNAL, true},
-    {"there is none of this name", TRY_LIST, EXIT_NOT_FOUND, false},
+    {"it is not registered", TRY_LIST, EXIT_NOT_FOUND, false},
     {"there is no such storage manager entry", "check its scope and name", EXIT_NOT_FOUND, false},
     {"the stored word is no role", "set the role again", EXIT_CONTENT, false},
     {"the node has no entry", "check the name of the node", EXIT_NOT_FOUND, false},

@@ -25,13 +25,19 @@ enum exit_code {
     // termination.
 };
 
-constexpr const char *TRY_LIST = "\"keyviewctl list\" shows the databases that are there";
+constexpr const char *TRY_LIST =
+    "\"keyviewctl list\" shows the databases that are there, and \"keyviewctl show\" all of one";
 
 // A word for programs, such as "not_found".
 const char *exit_word(exit_code code);
 
 // The codes and their meanings, a line each, for the help.
 std::string exit_code_help();
+
+// For a question that is answered by yes or no.
+inline exit_code exit_of_answer(int32_t yes) {
+    return yes != 0 ? EXIT_DONE : EXIT_NO;
+}
 
 // What a PRSR_* code means: for the exit, and in words where the host kit has none.
 struct library_failure {

@@ -14,17 +14,9 @@
 namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
-    add_look_commands,
-    add_tree_commands,
+    add_look_commands,      add_fact_commands, add_enable_commands,
+    add_companion_commands, add_tree_commands,
 };
-
-CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                      const std::function<void()> &run) {
-    CLI::App *command = app->add_subcommand(name, description);
-    command->fallthrough();
-    command->callback([shared, run] { shared->run = run; });
-    return command;
-}
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
 // into the registry. These fail instead on every use.
@@ -113,8 +105,7 @@ static int run(int argc, char **argv, output_format *format) {
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     choose_registry(shared);
-    shared.run();
-    return EXIT_DONE;
+    return shared.run();
 }
 
 }  // namespace keyview::ctl

@@ -142,11 +142,36 @@ static void add_fields(const view_fields &fields, size_t indent, bool first_is_b
     }
 }
 
+// A heading, then a line for each record; all of them have the first one's fields.
+static std::string grid_of(const view_list &records) {
+    std::vector<std::vector<std::string>> lines(1);
+    for (const auto &[name, field] : std::get<view_fields>(records.front().value))
+        lines[0].push_back(name);
+    for (const view &record : records) {
+        lines.emplace_back();
+        for (const auto &[name, field] : std::get<view_fields>(record.value))
+            lines.back().push_back(scalar_of(field));
+    }
+    std::vector<size_t> widths(lines[0].size());
+    for (const auto &line : lines) {
+        for (size_t n = 0; n < line.size(); ++n)
+            widths[n] = std::max(widths[n], line[n].size());
+    }
+    std::string out;
+    for (const auto &line : lines) {
+        for (size_t n = 0; n + 1 < line.size(); ++n)
+            out += line[n] + std::string(widths[n] - line[n].size() + 2, ' ');
+        out += line.back() + "\n";
+    }
+    return out;
+}
+
 static std::string tree_of(const view &shown) {
     std::string out;
     if (const auto *fields = std::get_if<view_fields>(&shown.value)) {
         add_fields(*fields, 0, false, &out);
     } else if (const auto *list = std::get_if<view_list>(&shown.value)) {
+        if (!list->empty() && is_record(list->front())) return grid_of(*list);
         for (const view &item : *list)
             out += scalar_of(item) + "\n";
     } else {
@@ -155,12 +180,17 @@ static std::string tree_of(const view &shown) {
     return out;
 }
 
+void show_answer(output_format format, const char *kind, const view_fields &fields) {
+    if (format == output_format::table) return write_result(tree_of(fields.back().second));
+    ordered_json out = {{"kind", kind}, {"version", 1}};
+    for (const auto &[name, field] : fields)
+        add_field(name, field, &out);
+    write_result(out.dump(2) + "\n");
+}
+
 void show_result(output_format format, const char *kind, const char *value_name,
                  const view &value) {
-    if (format == output_format::table) return write_result(tree_of(value));
-    ordered_json out = {{"kind", kind}, {"version", 1}};
-    add_field(value_name, value, &out);
-    write_result(out.dump(2) + "\n");
+    show_answer(format, kind, {{value_name, value}});
 }
 
 // ---- Errors -------------------------------------------------------------------------------------

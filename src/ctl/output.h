@@ -31,6 +31,10 @@ void write_result(std::string_view bytes);
 // under value_name, the value.
 void show_result(output_format format, const char *kind, const char *value_name, const view &value);
 
+// Shows the answer to a question: for people the last field alone, records in it as rows of a
+// table, for programs all fields, the names that were given included, beside kind and version.
+void show_answer(output_format format, const char *kind, const view_fields &fields);
+
 // Throws the tool_error of a result other than done.
 void check_result(const admin::result &result, const std::string &what, const std::string &where);
 

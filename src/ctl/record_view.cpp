@@ -22,7 +22,7 @@ static view flags_view(const int32_t *flags, uint32_t count) {
     return {std::move(list)};
 }
 
-static view policy_view(int32_t policy) {
+view policy_view(int32_t policy) {
     static constexpr const char *WORDS[] = {"-", "NONE", "BASIC", "PRECONNECT"};
     bool known = policy >= 0 && policy <= PRSR_RCN_PRECONNECT;
     return {coded{policy, known ? WORDS[policy] : std::to_string(policy)}};
@@ -116,6 +116,31 @@ view view_of(const prsr_cfg &record, output_format format) {
     if (all) {
         add(&fields, {{"service_count", number_view(record.service_count)},
                       {"constant_one", number_view(record.constant_one)}});
+    }
+    return {std::move(fields)};
+}
+
+view view_of(const prsr_stg_cfg &record, output_format format) {
+    view_fields fields = {
+        {"spfile", text_view(record.spfile)},
+        {"home", text_view(record.home)},
+        {"start_options", text_view(record.start_options)},
+        {"version", text_view(record.version)},
+    };
+    add_env(&fields, record.env, record.env_n, format);
+    add(&fields, {{"enabled", flag_view(record.enabled)}});
+    return {std::move(fields)};
+}
+
+view view_of(const prsr_nodeapps_cfg &record, output_format format) {
+    view_fields fields = {
+        {"name", text_view(record.name)},       {"home", text_view(record.home)},
+        {"vip", text_view(record.vip)},         {"interfaces", text_view(record.interfaces)},
+        {"netmask", text_view(record.netmask)},
+    };
+    add_env(&fields, record.env, record.env_n, format);
+    if (format == output_format::json) {
+        add(&fields, {{"constant_one", number_view(record.constant_one)}});
     }
     return {std::move(fields)};
 }

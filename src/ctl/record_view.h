@@ -12,6 +12,12 @@ namespace keyview::ctl {
 // counts and constants, which the lists show anyway, are left out.
 view view_of(const prsr_cfg &record, output_format format);
 
+view view_of(const prsr_stg_cfg &record, output_format format);
+view view_of(const prsr_nodeapps_cfg &record, output_format format);
+
+// A PRSR_RCN_* code with its word.
+view policy_view(int32_t policy);
+
 // count strings as they are; null stays null.
 view strings_view(char *const *strings, uint32_t count);
 

@@ -23,4 +23,16 @@ void session::check(int32_t rc, const std::string &what) const {
     throw tool_error{failure.code, what, registry_, why, failure.todo};
 }
 
+// A path's length is enough but for a value that was written by other means.
+int32_t read_name(const name_reader &read, std::string *name) {
+    constexpr size_t FIRST_SIZE = 4096, GROWTH = 16, LAST_SIZE = 1 << 20;
+    int32_t rc = PRSR_ERR_ARGUMENT;
+    for (size_t size = FIRST_SIZE; rc == PRSR_ERR_ARGUMENT && size <= LAST_SIZE; size *= GROWTH) {
+        std::string buf(size, '\0');
+        rc = read(static_cast<uint32_t>(size), buf.data());
+        *name = buf.c_str();
+    }
+    return rc;
+}
+
 }  // namespace keyview::ctl

@@ -3,6 +3,7 @@
 #define KEYVIEW_CTL_SESSION_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "ctl/command.h"
@@ -27,6 +28,18 @@ class session {
     std::string registry_;
     uint64_t status_block_[28] = {};  // 224 bytes, what the lock service expects
 };
+
+// Several operations answer a missing key as they answer a failing registry. ask is called then and
+// asks one that tells: PRSR_ERR_NO_DATABASE if so. Gives the code that says more.
+template <typename question>
+int32_t tell_missing(int32_t rc, const question &ask) {
+    bool missing = rc == PRSR_ERR_REGISTRY && ask() == PRSR_ERR_NO_DATABASE;
+    return missing ? PRSR_ERR_NO_DATABASE : rc;
+}
+
+// Reads a name through an operation that fills a buffer, which grows until the name fits.
+using name_reader = std::function<int32_t(uint32_t bufsize, char *buf)>;
+int32_t read_name(const name_reader &read, std::string *name);
 
 }  // namespace keyview::ctl
 

@@ -34,12 +34,21 @@ inline view text_view(const char *text) {
     return {std::string(text)};
 }
 
+// A text that was not given is null.
+inline view optional_view(const std::string &text) {
+    return text.empty() ? view{} : view{text};
+}
+
 inline view number_view(int64_t number) {
     return {coded{number, std::to_string(number)}};
 }
 
 inline view flag_view(int64_t flag) {
     return {coded{flag, flag == 0 ? "no" : "yes"}};
+}
+
+inline view enabled_view(int64_t flag) {
+    return {coded{flag, flag == 0 ? "disabled" : "enabled"}};
 }
 
 }  // namespace keyview::ctl

@@ -2,23 +2,21 @@
 #ifndef KEYVIEW_TESTS_CTL_PROCESS_H
 #define KEYVIEW_TESTS_CTL_PROCESS_H
 
-#include <map>
 #include <string>
 #include <vector>
 
 struct outcome {
-    int code;  // the exit code, or 128 and the signal
+    int code;  // the exit code; 124 if it did not end within a minute
     std::string out;
     std::string err;
 };
 
 struct surroundings {
-    std::string input = {};     // for standard input
-    std::string out_file = {};  // where stdout goes, if not to the outcome
-    std::map<std::string, std::string> environment = {};  // beside what the test itself has
+    std::string input = {};        // for standard input
+    std::string out_file = {};     // where stdout goes, if not to the outcome
+    std::string environment = {};  // "NAME=value", beside what the test itself has
 };
 
-// Ends the process, and fails the test, if it runs for a minute.
 outcome run_tool(const std::vector<std::string> &arguments, const surroundings &around = {});
 
 std::string read_whole(const std::string &file);

@@ -116,20 +116,4 @@ TEST_F(Client, EveryFailureLeavesACodeAndAText) {
     }
 }
 
-TEST_F(Client, InitTellsWhatIsWrong) {
-    void *reg = nullptr;
-    for (const std::string &place : {scratch.path + "/none", scratch.path + "/none/none"}) {
-        ASSERT_EQ(keyview_host_set_registry(("lmdb:" + place).c_str()), 0);
-        char text[1024] = "";
-        uint64_t size = sizeof(text);
-        EXPECT_NE(kvtc_init_ext(&reg, 3, text, &size, 0), 0);
-        EXPECT_NE(std::string(text).find("there is no registry in '" + place), std::string::npos);
-    }
-    for (const char *bad : {"ftp:/x", "lmdb:", "/var/lib/keyview"})
-        EXPECT_NE(keyview_host_set_registry(bad), 0);
-    ASSERT_EQ(keyview_host_set_registry(url.c_str()), 0);
-    EXPECT_NE(kvtc_init_ext(&reg, 2, nullptr, nullptr, 0), 0);
-    EXPECT_NE(kvtc_init_ext(nullptr, 3, nullptr, nullptr, 0), 0);
-}
-
 }  // namespace keyview::test

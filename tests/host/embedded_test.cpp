@@ -180,32 +180,7 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
     EXPECT_EQ(stored("a.b"), "back");
 }
 
-// ---- Growth and full disks ----------------------------------------------------------------------
-
-TEST_F(Embedded, GrowsByItselfAlsoUnderOthers) {
-    apply({put("a.b", "small")});
-    child_process reader([&](const meeting &parent) {
-        backend mine = open_backend(url, open_mode::existing);
-        std::string value;
-        if (!mine.keys->read("a.b", &value) || !parent.tell() || !parent.wait()) return 1;
-        return mine.keys->read("a.z", &value) && value.size() == 1000000 ? 0 : 2;
-    });
-    ASSERT_TRUE(reader.here.wait());
-    std::atomic<bool> stop{false};
-    std::thread beside([&] {
-        while (!stop)
-            EXPECT_EQ(stored("a.b"), "small");
-    });
-    std::vector<change> changes;
-    for (char c = 'k'; c <= 'z'; ++c)
-        changes.push_back(put(std::string("a.") + c, std::string(1000000, c)));
-    EXPECT_EQ(apply(changes).created, 16U);
-    stop = true;
-    beside.join();
-    EXPECT_TRUE(reader.here.tell());
-    EXPECT_EQ(reader.status(), 0);
-    EXPECT_EQ(stored("a.k"), std::string(1000000, 'k'));
-}
+// ---- Full disks ---------------------------------------------------------------------------------
 
 TEST_F(Embedded, AFullDiskLeavesTheOldState) {
     apply({put("a.b", "old")});
@@ -227,27 +202,6 @@ TEST_F(Embedded, AFullDiskLeavesTheOldState) {
 }
 
 // ---- Death --------------------------------------------------------------------------------------
-
-// A program that is killed with every slot for readers taken does not lock out one that needs a
-// second slot while it is at work.
-TEST_F(Embedded, TakesBackTheSlotsOfDeadReaders) {
-    apply({put("a.b", "value")});
-    child_process greedy([&](const meeting &parent) {
-        MDB_env *env = nullptr;
-        MDB_txn *txn = nullptr;
-        mdb_env_create(&env);
-        int rc = mdb_env_open(env, directory.c_str(), MDB_NOTLS, 0600);
-        while (rc == 0)
-            rc = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
-        return rc != MDB_READERS_FULL || !parent.tell() || !parent.wait();
-    });
-    ASSERT_TRUE(greedy.here.wait());
-    greedy.kill_it();
-    in_threads(4, [&](int) {
-        for (int i = 0; i < 500; ++i)
-            EXPECT_EQ(stored("a.b"), "value");
-    });
-}
 
 TEST_F(Embedded, KilledWritersLeaveAWholeTree) {
     apply({put("a.x", "0"), put("a.y", "0")});

@@ -49,28 +49,6 @@ TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
     EXPECT_EQ(try_it(lock_mode::shared), 0) << "a writer that gave up leaves no gate closed";
 }
 
-TEST_F(Locks, OddCallsAreRefused) {
-    locker mine;
-    EXPECT_NE(mine.unlock(NAME), 0) << "never taken";
-    std::string too_long(3000, 'x');
-    for (const char *name : {static_cast<const char *>(nullptr), "", too_long.c_str()})
-        EXPECT_NE(mine.shared(name), 0);
-    EXPECT_EQ(mine.exclusive(NAME), 0);
-    std::thread([&] { EXPECT_NE(mine.unlock(NAME), 0) << "another thread's"; }).join();
-    EXPECT_EQ(mine.unlock(NAME), 0);
-    EXPECT_NE(mine.unlock(NAME), 0) << "twice";
-
-    EXPECT_EQ(mine.exclusive(NAME), 0);
-    EXPECT_EQ(lksvsterm(nullptr, mine.lk), 0);
-    EXPECT_TRUE(is_free()) << "released with the handle";
-    client keys;
-    for (void *bad :
-         {mine.lk, keys.reg, static_cast<void *>(&mine), static_cast<void *>(nullptr)}) {
-        EXPECT_NE(lksvlsshrlock(nullptr, bad, NAME), 0);
-        EXPECT_NE(lksvsterm(nullptr, bad), 0);
-    }
-}
-
 TEST_F(Locks, AKilledHolderSetsItsWaitersFree) {
     for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
         child_process holder([&](const meeting &parent) {

@@ -70,17 +70,9 @@ TEST(Text, OnlyAsciiLettersHaveACase) {
 TEST(Text, ReplacesInPlaceWithinItsCapacity) {
     using std::string;
     const std::tuple<string, string, string, size_t, string> ROWS[] = {
-        {"a.b.c", ".", "*", 7, "a*b*c"},
-        {"...", ".", "*", 4, "***"},
-        {"", ".", "*", 1, ""},
-        {"abc", ".", "*", 4, "abc"},
-        {"a.b", ".", "--", 5, "a--b"},
-        {"a.b", ".", "--", 4, "refused"},
-        {"aaa", "aa", "b", 4, "ba"},
-        {"aaa", "aa", "bbbb", 6, "bbbba"},
-        {"x..y", "..", "", 5, "xy"},
-        {".", ".", "..", 3, ".."},
-        {"....", ".", "ab", 9, "abababab"},
+        {"a.b.c", ".", "*", 7, "a*b*c"},   {"", ".", "*", 1, ""},
+        {"a.b", ".", "--", 4, "refused"},  {"aaa", "aa", "b", 4, "ba"},
+        {"aaa", "aa", "bbbb", 6, "bbbba"}, {"....", ".", "ab", 9, "abababab"},
         {"abc", "", "x", 9, "refused"},
     };
     for (const auto &[before, from, to, capacity, after] : ROWS) {
