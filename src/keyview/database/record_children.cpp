@@ -26,10 +26,13 @@ static int32_t load_service(db_fetch *fetch, uint32_t slot) {
     return rc;
 }
 
-// Loads count records, the first with the subkey name at hand. A subkey that the first enumeration
-// promised and that is missing now ends the fetch.
-static int32_t load_records(db_fetch *fetch, const char *path, uint32_t count, record_loader load) {
+// Loads count records, the first with the subkey name at hand. filled, the record's count, grows
+// with them: a release walks no further, whatever the enumeration promised. A promised subkey that
+// is missing now ends the fetch.
+static int32_t load_records(db_fetch *fetch, const char *path, uint32_t count, uint32_t *filled,
+                            record_loader load) {
     for (uint32_t slot = 0;; ++slot) {
+        *filled = slot + 1;
         const int32_t rc = load(fetch, slot);
         if (rc != PRSR_SUCCESS) return rc;
         if (slot + 1 == count) return PRSR_SUCCESS;
@@ -85,8 +88,7 @@ int32_t prsr_load_db_instances(db_fetch *fetch) {
     prsr_cfg *cfg = fetch->record.cfg;
     cfg->instances = static_cast<prsr_inst_cfg **>(fetch->alloc(count * sizeof(prsr_inst_cfg *)));
     if (cfg->instances == nullptr) return PRSR_ERR_MEMORY;
-    cfg->instance_count = count;
-    const int32_t rc = load_records(fetch, path, count, load_instance);
+    const int32_t rc = load_records(fetch, path, count, &cfg->instance_count, load_instance);
     if (rc == PRSR_SUCCESS) fetch->key.close();
     return rc;
 }
@@ -99,8 +101,8 @@ int32_t prsr_load_db_services(db_fetch *fetch) {
     prsr_cfg *cfg = fetch->record.cfg;
     cfg->services = static_cast<prsr_srv_cfg **>(fetch->alloc(count * sizeof(prsr_srv_cfg *)));
     if (cfg->services == nullptr) return PRSR_ERR_MEMORY;
-    cfg->service_count = count;
-    const int32_t rc = load_records(fetch, fetch->field_key.text, count, load_service);
+    const int32_t rc =
+        load_records(fetch, fetch->field_key.text, count, &cfg->service_count, load_service);
     if (rc == PRSR_SUCCESS) fetch->key.close();
     return rc;
 }

@@ -118,22 +118,20 @@ static int32_t read_instance(roster *run, uint32_t slot) {
     return PRSR_SUCCESS;
 }
 
-// Reads the promised instances, the first one's element at hand. An enumeration that ends early
-// leaves a shorter roster: what was not read is not promised to the caller.
-static int32_t read_instances(roster *run) {
-    const uint32_t promised = *run->out.inst_count;
+// Reads the promised instances, the first one's element at hand. The count grows with them: an
+// enumeration that ends early leaves a shorter roster, and a release walks no further than was
+// read.
+static int32_t read_instances(roster *run, uint32_t promised) {
     (void)prsr_start_path(&run->key_path, run->list_path.view());  // the same capacity
     for (uint32_t i = 0; i < promised; ++i) {
+        *run->out.inst_count = i + 1;
         const int32_t rc = read_instance(run, i);
         if (rc != PRSR_SUCCESS) return rc;
         uint32_t length = 0;
         int32_t unread = 0;
         const int32_t kv =
             prsr_next_subkey(run->list, run->subkey, sizeof run->subkey, &length, &unread);
-        if (kv == KVTC_ERR_NO_MORE_KEYS) {
-            *run->out.inst_count = i + 1;
-            return PRSR_SUCCESS;
-        }
+        if (kv == KVTC_ERR_NO_MORE_KEYS) return PRSR_SUCCESS;
         if (kv != KVTC_SUCCESS) {
             run->reader().report("kvtc_enum_subkey", run->list_path.text, kv);
             return PRSR_ERR_REGISTRY;
@@ -179,10 +177,10 @@ static int32_t read_roster(roster *run) {
     uint32_t count = 0;
     rc = count_instances(run, &count);
     if (rc != PRSR_SUCCESS || count == 0) return rc;
-    *run->out.inst_count = count;
+    *run->out.inst_count = 1;  // there is one at least, and the arrays are to be given back
     rc = alloc_arrays(*run, count);
     if (rc != PRSR_SUCCESS) return rc;
-    rc = read_instances(run);
+    rc = read_instances(run, count);
     if (rc != PRSR_SUCCESS) return rc;
     return read_nodes(run);
 }
