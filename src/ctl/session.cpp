@@ -1,6 +1,8 @@
 // See session.h.
 #include "ctl/session.h"
 
+#include <cstring>
+
 #include "ctl/output.h"
 #include "host/if/keyview_host.h"
 
@@ -30,7 +32,8 @@ int32_t read_name(const name_reader &read, std::string *name) {
     for (size_t size = FIRST_SIZE; rc == PRSR_ERR_ARGUMENT && size <= LAST_SIZE; size *= GROWTH) {
         std::string buf(size, '\0');
         rc = read(static_cast<uint32_t>(size), buf.data());
-        *name = buf.c_str();
+        buf.resize(strlen(buf.c_str()));
+        *name = std::move(buf);
     }
     return rc;
 }
