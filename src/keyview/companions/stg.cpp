@@ -24,11 +24,6 @@ struct entry_names {
     prsr_name scope;
 };
 
-struct string_field {
-    std::string_view key;
-    size_t offset;
-};
-
 // One fetch. Read upwards, the members are the order of release.
 struct stg_fetch {
     stg_fetch(void *status_block, prsr_ctx *owner)
@@ -53,7 +48,7 @@ struct stg_fetch {
 static_assert(std::is_standard_layout_v<prsr_stg_cfg>, "offsetof needs a plain record");
 
 // In reading order, which the trace shows.
-static const string_field STG_FIELDS[] = {
+static const prsr_string_field STG_FIELDS[] = {
     {"SPFILE", offsetof(prsr_stg_cfg, spfile)},
     {"TALVEN_HOME", offsetof(prsr_stg_cfg, home)},
     {"START_OPTIONS", offsetof(prsr_stg_cfg, start_options)},
@@ -117,11 +112,10 @@ static bool build_field_key(stg_fetch *fetch, std::string_view element) {
 static int32_t load_entry(stg_fetch *fetch) {
     prsr_ctx *ctx = fetch->ctx;
     prsr_stg_cfg *cfg = fetch->record.cfg;
-    for (const string_field &row : STG_FIELDS) {
+    for (const prsr_string_field &row : STG_FIELDS) {
         if (!build_field_key(fetch, row.key)) return PRSR_ERR_ARGUMENT;
-        auto **field = reinterpret_cast<char **>(reinterpret_cast<char *>(cfg) + row.offset);
         // A value that cannot be read leaves an empty string behind; the reader has logged it.
-        (void)prsr_open_get_value(ctx, ctx->reg, fetch->field_key.text, field);
+        (void)prsr_open_get_value(ctx, ctx->reg, fetch->field_key.text, row.of(cfg));
     }
     if (!build_field_key(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
     const int32_t rc = prsr_get_multivalues(ctx->mem, ctx->trc, ctx->reg, fetch->field_key.text,

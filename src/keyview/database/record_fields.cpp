@@ -9,26 +9,15 @@
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
-namespace {
-struct string_field {
-    std::string_view key;
-    size_t offset;
-};
-}  // namespace
-
 static_assert(std::is_standard_layout_v<prsr_cfg>, "offsetof needs a plain record");
 
 // In reading order, which the trace shows.
-static const string_field STRING_FIELDS[] = {
+static const prsr_string_field STRING_FIELDS[] = {
     {"SPFILE", offsetof(prsr_cfg, spfile)},
     {"DB_NAME", offsetof(prsr_cfg, db_name)},
     {"ROLE", offsetof(prsr_cfg, role)},
     {"START_OPTIONS", offsetof(prsr_cfg, start_options)},
 };
-
-static char **field_at(db_fetch *fetch, size_t offset) {
-    return reinterpret_cast<char **>(reinterpret_cast<char *>(fetch->record.cfg) + offset);
-}
 
 // Copies the value that was read last into a field.
 static int32_t keep_value(db_fetch *fetch, char **field) {
@@ -108,9 +97,9 @@ int32_t prsr_load_db_strings(db_fetch *fetch) {
     if (rc != PRSR_SUCCESS) return rc;
     rc = load_home(fetch);
     if (rc != PRSR_SUCCESS) return rc;
-    for (const string_field &row : STRING_FIELDS) {
+    for (const prsr_string_field &row : STRING_FIELDS) {
         if (!prsr_build_db_field(fetch, row.key)) return PRSR_ERR_ARGUMENT;
-        rc = load_string(fetch, field_at(fetch, row.offset));
+        rc = load_string(fetch, row.of(fetch->record.cfg));
         if (rc != PRSR_SUCCESS) return rc;
     }
     return load_policy(fetch);

@@ -96,12 +96,10 @@ static int32_t run_cascade(cascade *run) {
     if (run->subkey.text == nullptr) return PRSR_ERR_MEMORY;
 
     uint32_t length = 0;
-    int32_t last = 0;
-    const int32_t kv = prsr_next_subkey(run->list, run->subkey.text, NAME_CAPACITY, &length, &last);
-    const bool ended = kv == KVTC_SUCCESS || kv == KVTC_ERR_NO_MORE_KEYS;
-    if (ended && last < 0) return PRSR_SUCCESS;  // no instances, whichever way the registry says it
+    uint32_t count = 0;
+    const int32_t kv = prsr_first_subkey(run->list, run->subkey.text, &length, &count);
     if (kv != KVTC_SUCCESS) return report_enumeration(*run, kv);
-    return write_instances(run, static_cast<uint32_t>(last) + 1);
+    return count == 0 ? PRSR_SUCCESS : write_instances(run, count);
 }
 
 int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,

@@ -68,13 +68,11 @@ static int32_t keep_all_subkeys(subkey_walk *walk) {
     if (walk->name.text == nullptr) return PRSR_ERR_MEMORY;
 
     uint32_t length = 0;
-    int32_t last = 0;
-    const int32_t kv = prsr_next_subkey(walk->key, walk->name.text, NAME_CAPACITY, &length, &last);
-    const bool ended = kv == KVTC_SUCCESS || kv == KVTC_ERR_NO_MORE_KEYS;
-    if (ended && last < 0) return PRSR_SUCCESS;  // no subkeys, whichever way the registry says it
+    uint32_t promised = 0;
+    const int32_t kv = prsr_first_subkey(walk->key, walk->name.text, &length, &promised);
     if (kv != KVTC_SUCCESS) return report_enumeration(*walk, kv);
+    if (promised == 0) return PRSR_SUCCESS;
 
-    const uint32_t promised = static_cast<uint32_t>(last) + 1;
     int32_t rc = alloc_slots(walk, promised);
     if (rc != PRSR_SUCCESS) return rc;
     rc = keep_subkey(walk, length);

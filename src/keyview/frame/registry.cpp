@@ -32,7 +32,17 @@ int32_t prsr_next_subkey(const prsr_key &key, char *name, uint32_t capacity, uin
     const int32_t kv = kvtc_enum_subkey(key.reg, key.handle, name, length, last);
     if (*length > capacity) *length = capacity;
     // The reported length may count the zero byte, and may be more than that.
-    name[*length < capacity ? *length : capacity - 1] = '\0';
+    if (capacity > 0) name[*length < capacity ? *length : capacity - 1] = '\0';
+    return kv;
+}
+
+int32_t prsr_first_subkey(const prsr_key &key, char *name, uint32_t *length, uint32_t *count) {
+    *count = 0;
+    int32_t last = 0;
+    const int32_t kv = prsr_next_subkey(key, name, NAME_CAPACITY, length, &last);
+    const bool answered = kv == KVTC_SUCCESS || kv == KVTC_ERR_NO_MORE_KEYS;
+    if (answered && last < 0) return KVTC_SUCCESS;
+    if (kv == KVTC_SUCCESS) *count = static_cast<uint32_t>(last) + 1;
     return kv;
 }
 

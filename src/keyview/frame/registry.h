@@ -67,6 +67,12 @@ struct prsr_value {
 [[nodiscard]] int32_t prsr_next_subkey(const prsr_key &key, char *name, uint32_t capacity,
                                        uint32_t *length, int32_t *last);
 
+// The same for the first subkey, into NAME_CAPACITY bytes, by the strict rule: count is the number
+// of subkeys, and 0 with KVTC_SUCCESS for a key without any, in whichever of its two ways the
+// registry says so. "No more keys" that promises some is a failure.
+[[nodiscard]] int32_t prsr_first_subkey(const prsr_key &key, char *name, uint32_t *length,
+                                        uint32_t *count);
+
 // In whose name, and with which handles, a part of the library reads.
 struct prsr_reader {
     prsr_reader(void *trace, void *client, const char *name)
