@@ -17,10 +17,6 @@ static std::string_view view_of(const MDB_val &bytes) {
     return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
 }
 
-static MDB_val bytes_of(std::string_view text) {
-    return {text.size(), const_cast<char *>(text.data())};
-}
-
 host_error damaged_row(std::string_view place) {
     std::string path;
     append_path(&path, place.substr(0, place_is_cut(place) ? place.find('\x02') : place.npos));

@@ -9,10 +9,6 @@
 
 namespace keyview::host {
 
-static MDB_val bytes_of(std::string_view text) {
-    return {text.size(), const_cast<char *>(text.data())};
-}
-
 void lmdb_writer::carry_out(const change &one) {
     if (one.what == change::kind::remove) return remove(one.path);
     if (!replace(one.path, one.value)) create(one.path, one.value);

@@ -14,6 +14,11 @@
 
 namespace keyview::host {
 
+// Bytes as LMDB takes them; it does not write to them.
+inline MDB_val bytes_of(std::string_view text) {
+    return {text.size(), const_cast<char *>(text.data())};
+}
+
 // Finds a key; its views end with the next change or with the transaction.
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out);
 
