@@ -3,10 +3,9 @@
  * Build:  cc -std=c99 example.c -lkeyview12 -lkeyview-host
  * Run:    KEYVIEW_REGISTRY=lmdb:/var/lib/keyview ./a.out
  */
+#include <keyview/keyview_host.h>
+#include <keyview/prsr.h>
 #include <stdio.h>
-
-#include "host/if/keyview_host.h"
-#include "keyview/if/prsr.h"
 
 /* The library hands this on to the lock service, which expects 224 bytes. */
 static uint64_t status[28];

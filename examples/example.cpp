@@ -2,12 +2,12 @@
 //
 // Build:  c++ -std=c++17 example.cpp -lkeyview12 -lkeyview-host
 // Run:    KEYVIEW_REGISTRY=lmdb:/var/lib/keyview ./a.out Sales reporting
+#include <keyview/keyview_host.h>
+#include <keyview/prsr.h>
+
 #include <cstdio>
 #include <stdexcept>
 #include <string>
-
-#include "host/if/keyview_host.h"
-#include "keyview/if/prsr.h"
 
 static void check(int32_t rc, const std::string &what) {
     if (rc == PRSR_SUCCESS) return;
