@@ -1,4 +1,4 @@
-// See session.h.
+// Starts and ends the library, and turns its codes into errors of the tool.
 #include "ctl/session.h"
 
 #include <cstring>

@@ -1,5 +1,6 @@
 // keyviewctl from end to end: the built program on a registry in a temporary folder.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -9,12 +10,53 @@
 #include <regex>
 
 #include "host/registry/backend.h"
-#include "process.h"
 #include "table.h"
 
 using namespace std::string_literals;
 using nlohmann::json;
 namespace host = keyview::host;
+
+struct outcome {
+    int code;  // the exit code; 124 if it did not end within a minute
+    std::string out;
+    std::string err;
+};
+
+struct surroundings {
+    std::string input = {};        // for standard input
+    std::string out_file = {};     // where stdout goes, if not to the outcome
+    std::string environment = {};  // "NAME=value", beside what the test itself has
+};
+
+static std::string read_whole(const std::string &file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// A word of the shell with these very bytes in it.
+static std::string shell_word(const std::string &word) {
+    std::string out = "'";
+    for (char byte : word)
+        out += byte == '\'' ? std::string("'\\''") : std::string(1, byte);
+    return out + "' ";
+}
+
+// Runs keyviewctl as a real process.
+static outcome run_tool(const std::vector<std::string> &arguments, const surroundings &around) {
+    std::string folder = testing::TempDir() + "keyviewctl.XXXXXX";
+    EXPECT_NE(mkdtemp(folder.data()), nullptr);
+    std::ofstream(folder + "/in", std::ios::binary) << around.input;
+    std::string out_file = around.out_file.empty() ? folder + "/out" : around.out_file;
+    std::string command = around.environment + " timeout -k 5 60 " + shell_word(KEYVIEWCTL);
+    for (const std::string &word : arguments)
+        command += shell_word(word);
+    command +=
+        "<" + shell_word(folder + "/in") + ">" + shell_word(out_file) + "2>" + folder + "/err";
+    int status = std::system(command.c_str());
+    outcome ended = {WEXITSTATUS(status), read_whole(folder + "/out"), read_whole(folder + "/err")};
+    std::filesystem::remove_all(folder);
+    return ended;
+}
 
 static const std::string EXAMPLE = read_whole(EXAMPLE_DOCUMENT);
 

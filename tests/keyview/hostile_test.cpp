@@ -118,6 +118,18 @@ TEST(Hostile, MemoryEndsBesideValuesWithoutTheirZeroByte) {
     }
 }
 
+// Nothing tells a value that fills its buffer from a longer string, but its length.
+TEST(Hostile, TheTraceShowsAFullValueWhole) {
+    const std::string full(1024, 'v');
+    test_host host(ONE_DATABASE);
+    host.store("$D.ENABLED", full);
+    run("prsr_fetch_db_config", host);
+    run("prsr_get_db_enabled", host);
+    const std::string shown = joined(host.lines("log", "4 "));
+    EXPECT_NE(shown.find("prsr_fetch_db_config: value is : " + full + "\n"), std::string::npos);
+    EXPECT_NE(shown.find("value [" + full + "]\n"), std::string::npos);
+}
+
 // ---- Multi-values -------------------------------------------------------------------------------
 
 // What a multi-value means, said in another way than the library's walk: the strings before the
