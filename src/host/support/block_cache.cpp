@@ -1,0 +1,108 @@
+// Blocks that each thread keeps for itself.
+#include "host/support/block_cache.h"
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace keyview::host {
+
+// Classes of 16, 32, 64 ... 4096 bytes. Larger blocks are not kept.
+static constexpr unsigned SMALLEST_BITS = 4;
+static constexpr unsigned CLASSES = 9;
+static constexpr size_t LARGEST = size_t{1} << (SMALLEST_BITS + CLASSES - 1);
+static constexpr size_t MOST_KEPT_BYTES = size_t{1} << 18;  // of one class
+
+namespace {
+
+// Stands before each block.
+struct alignas(alignof(max_align_t)) head {
+    uint32_t state;
+    uint32_t size_class;
+    head *next;  // of the blocks that are kept
+};
+
+enum : uint32_t { TAKEN = 0x4B56746B, GIVEN_BACK = 0x4B566766 };
+
+struct kept_blocks {
+    head *first[CLASSES];
+    uint32_t count[CLASSES];
+    bool registered;
+    bool ended;
+};
+
+}  // namespace
+
+// Found without a call; small enough for the room that programs have for libraries loaded later.
+static thread_local kept_blocks mine __attribute__((tls_model("initial-exec"))) = {};
+
+static void end_of_thread(void *blocks) {
+    auto *kept = static_cast<kept_blocks *>(blocks);
+    kept->ended = true;
+    for (head *&first : kept->first) {
+        while (first != nullptr) {
+            head *next = first->next;
+            free(first);
+            first = next;
+        }
+    }
+}
+
+// False if the end of this thread would not be noticed.
+static bool register_thread() {
+    struct end_key {
+        end_key() : made(pthread_key_create(&key, end_of_thread) == 0) {}
+        pthread_key_t key = 0;
+        bool made;
+    };
+    static const end_key at_end;
+    mine.registered = at_end.made && pthread_setspecific(at_end.key, &mine) == 0;
+    return mine.registered;
+}
+
+static unsigned class_of(uint64_t size) {
+    if (size <= size_t{1} << SMALLEST_BITS) return 0;
+    return 64 - static_cast<unsigned>(__builtin_clzll(size - 1)) - SMALLEST_BITS;
+}
+
+static void *fresh_block(uint64_t size, uint32_t size_class) {
+    if (size > PTRDIFF_MAX - sizeof(head)) return nullptr;
+    auto *made = static_cast<head *>(calloc(1, sizeof(head) + size));
+    if (made == nullptr) return nullptr;
+    made->state = TAKEN;
+    made->size_class = size_class;
+    return made + 1;
+}
+
+void *take_block(uint64_t size) noexcept {
+    if (size > LARGEST) return fresh_block(size, CLASSES);
+    unsigned size_class = class_of(size);
+    head *kept = mine.first[size_class];
+    if (kept == nullptr) return fresh_block(size_t{1} << (size_class + SMALLEST_BITS), size_class);
+    mine.first[size_class] = kept->next;
+    --mine.count[size_class];
+    kept->state = TAKEN;
+    return memset(kept + 1, 0, size);
+}
+
+void give_back_block(void *block) noexcept {
+    head *given = static_cast<head *>(block) - 1;
+    if (given->state != TAKEN) {
+        (void)fputs("keyview: a block of memory was given back twice, or was never taken\n",
+                    stderr);
+        abort();
+    }
+    given->state = GIVEN_BACK;
+    uint32_t size_class = given->size_class;
+    bool full = size_class == CLASSES ||
+                mine.count[size_class] >= MOST_KEPT_BYTES >> (size_class + SMALLEST_BITS);
+    if (full || mine.ended || (!mine.registered && !register_thread())) return free(given);
+    given->next = mine.first[size_class];
+    mine.first[size_class] = given;
+    ++mine.count[size_class];
+}
+
+}  // namespace keyview::host
