@@ -1,6 +1,8 @@
 # Compiler and linker flags of every target: the warnings of the gate, hardening, sanitizers.
 add_compile_options(-Wall -Wextra -Wshadow -Wconversion -Werror)
 add_compile_options(-fstack-protector-strong $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+# Nobody replaces a function of a library by one of the same name.
+add_compile_options(-fno-semantic-interposition)
 add_link_options(-Wl,-z,relro -Wl,-z,now)
 
 if(KEYVIEW_SANITIZE)

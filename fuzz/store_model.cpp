@@ -9,6 +9,7 @@
 #include <random>
 
 #include "host/registry/path.h"
+#include "host/registry/snapshot.h"
 #include "registry.h"
 
 namespace keyview::test {
@@ -44,28 +45,27 @@ static void expect_same(store *keys, const tree &model, const std::string &path)
         if (within(row.first, path)) all.insert(row);
     }
     std::string value;
-    ASSERT_EQ(keys->read(path, &value), !all.empty());
+    ASSERT_EQ(keys->now()->read(path, &value), !all.empty());
     EXPECT_EQ(value, all.empty() ? "" : all.begin()->second);
 
-    tree seen;
-    std::map<std::string, std::string> latest;  // by parent
-    auto see = [&](std::string_view p, std::string_view v) {
-        std::string parent = parent_of(std::string(p));
-        EXPECT_LT(latest[parent], p) << "out of order";
-        latest[parent] = p;
-        EXPECT_TRUE(seen.emplace(p, v).second) << "twice";
-        EXPECT_TRUE(p == path || parent == path || seen.count(parent)) << "before its parent";
-    };
-    uint32_t count = 0;
-    auto take_count = [&](uint32_t n) { count = n; };
-    EXPECT_EQ(keys->read_children(path, take_count, see), !all.empty());
-    EXPECT_EQ(seen, children);
-    EXPECT_EQ(count, children.size());
-
-    seen.clear();
-    latest.clear();
-    EXPECT_EQ(keys->read_subtree(path, see), !all.empty());
-    EXPECT_EQ(seen, all);
+    children.emplace(path, value);
+    for (reach which : {reach::children, reach::all_below}) {
+        snapshot copy(path, which);
+        EXPECT_EQ(keys->now()->copy(path, which, &copy), !all.empty());
+        tree seen;
+        for (uint32_t key = 0; key < copy.size(); ++key) {
+            std::string here(copy.path(key));
+            EXPECT_TRUE(seen.emplace(here, copy.value(key)).second) << "twice";
+            EXPECT_EQ(copy.find(here), key);
+            if (!copy.tells_children(key)) continue;
+            snapshot::range list = copy.children(key);
+            for (uint32_t i = 0; i < list.count; ++i) {
+                EXPECT_EQ(parent_of(std::string(copy.path(list.first + i))), here);
+                EXPECT_TRUE(i == 0 || copy.name(list.first + i - 1) < copy.name(list.first + i));
+            }
+        }
+        EXPECT_EQ(seen, all.empty() ? tree() : which == reach::children ? children : all);
+    }
 }
 
 // Elements that are near each other in every order, and lengths around every limit.

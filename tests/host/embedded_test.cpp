@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
 
@@ -158,17 +159,17 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
         bad.push_back(good);
         bad.back()[bit / 8] = static_cast<char>(good[bit / 8] ^ (1 << bit % 8));
     }
-    auto ignore = [](std::string_view, std::string_view) {};
-    auto no_count = [](uint32_t) {};
     for (const std::string &bytes : bad) {
         raw_row(directory, place, &bytes);
         open();
         std::string text;
         EXPECT_EQ(failure_of([&] { stored("a.b"); }, &text), failure::content);
         EXPECT_NE(text.find("a.b"), text.npos) << text;
-        EXPECT_EQ(failure_of([&] { registry.keys->read_subtree("a", ignore); }), failure::content);
-        EXPECT_EQ(failure_of([&] { registry.keys->read_children("a", no_count, ignore); }),
-                  failure::content);
+        for (reach which : {reach::children, reach::all_below}) {
+            snapshot copy("a", which);
+            EXPECT_EQ(failure_of([&] { registry.keys->now()->copy("a", which, &copy); }),
+                      failure::content);
+        }
         EXPECT_EQ(failure_of([&] { registry.keys->set("a.b", "x", nullptr); }), failure::content);
         EXPECT_EQ(client().read("a.b"), "(1)");
         EXPECT_EQ(stored("a.c"), "other");

@@ -65,7 +65,7 @@ class RegistryTest : public testing::Test {
     }
     std::string stored(const std::string &path) {
         std::string value;
-        return registry.keys->read(path, &value) ? value : "(none)";
+        return registry.keys->now()->read(path, &value) ? value : "(none)";
     }
 
     scratch_directory scratch;

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "host/registry/path.h"
+#include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
 
@@ -36,7 +37,7 @@ class Store : public testing::TestWithParam<backend_row> {
   protected:
     std::string value(const std::string &path) {
         std::string found;
-        return keys->read(path, &found) ? found : "(none)";
+        return keys->now()->read(path, &found) ? found : "(none)";
     }
 
     std::unique_ptr<fresh_registry> fresh = GetParam().make();
@@ -101,9 +102,9 @@ TEST_P(Store, ASubtreeIsReadAsOfOneMomentBesideWriters) {
         }
         at_work -= thread > 0;
         while (thread == 0 && at_work > 0) {
-            std::vector<std::string> values;
-            keys->read_subtree("t", [&](auto, std::string_view v) { values.emplace_back(v); });
-            EXPECT_EQ(values.at(1), values.at(2));
+            snapshot all("t", reach::all_below);
+            EXPECT_TRUE(keys->now()->copy("t", reach::all_below, &all));
+            EXPECT_EQ(all.value(1), all.value(2));
             usleep(100);
         }
     });

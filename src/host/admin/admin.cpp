@@ -13,6 +13,8 @@
 #include "host/admin/key_tree.h"
 #include "host/if/keyview_admin.h"
 #include "host/registry/backend.h"
+#include "host/registry/path.h"
+#include "host/registry/snapshot.h"
 #include "host/support/error.h"
 
 namespace keyview::admin {
@@ -68,7 +70,7 @@ static outcome guarded(work &&run) noexcept {
 
 static constexpr const char *INVALID_DOCUMENT = "the document is invalid; nothing was written";
 
-using held_locks = std::vector<std::unique_ptr<host::held_lock>>;
+using held_locks = std::vector<std::shared_ptr<host::held_lock>>;
 
 // The names are sorted, so that two programs that lock several never wait for each other in a ring.
 static held_locks lock_all(host::lock_service *locks, const std::set<std::string> &names) {
@@ -92,7 +94,7 @@ static void check_still_held(const held_locks &held) {
 }
 
 // What only the registry can tell about the document; keys may be null, for an empty registry.
-static void check_against(host::store *keys, const document_plan &plan, problem_list *problems) {
+static void check_against(host::moment *keys, const document_plan &plan, problem_list *problems) {
     std::string value;
     for (const question &asked : plan.instances) {
         if (keys != nullptr && keys->read(asked.path, &value)) continue;
@@ -130,7 +132,7 @@ static void apply_plan(const document_plan &plan, apply_result *out) {
         registry = host::open_backend(host::registry_url(), host::open_mode::create);
     }
     held_locks held = lock_all(registry.locks.get(), plan.locks);
-    check_against(registry.keys.get(), plan, &problems);
+    check_against(registry.keys->now().get(), plan, &problems);
     if (!problems.empty()) return problems.report(INVALID_DOCUMENT, out);
     check_still_held(held);
     host::change_counts counts = registry.keys->apply(plan.changes);
@@ -172,9 +174,12 @@ static bool below_a_root(std::string_view path) {
 // All roots in one read, so that they show one moment.
 static key_node read_tree(host::store *keys) {
     key_node tree;
-    keys->read_subtree("DATABASE", [&](std::string_view path, std::string_view value) {
-        if (below_a_root(path)) tree.make(path).value = value;
-    });
+    host::snapshot all("DATABASE", host::reach::all_below);
+    (void)keys->now()->copy("DATABASE", host::reach::all_below, &all);  // none gives an empty tree
+    for (uint32_t key = 0; key < all.size(); ++key) {
+        std::string_view path = all.path(key);
+        if (below_a_root(path)) tree.make(path).value = all.value(key);
+    }
     return tree;
 }
 
@@ -228,8 +233,8 @@ export_result export_document() noexcept {
 result check_listing() noexcept {
     return guarded<result>([](result *) {
         // Only a failure is of interest, and it is thrown.
-        (void)open_present().keys->read_children(
-            SECTIONS.first->key, [](uint32_t) {}, [](auto, auto) {});
+        host::snapshot list(SECTIONS.first->key, host::reach::children);
+        (void)open_present().keys->now()->copy(SECTIONS.first->key, host::reach::children, &list);
     });
 }
 

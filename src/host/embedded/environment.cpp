@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
 #include "host/support/fork.h"
@@ -122,6 +123,7 @@ std::shared_lock<std::shared_mutex> environment::keep_map_in_place() {
 
 // factor 0 takes over what other processes made of the map.
 void environment::resize_map(size_t factor) {
+    let_go_of_moments();
     std::lock_guard turn(resizing_);
     resize_waits_.store(true);
     deadline wait(MAP_WAIT_MS);

@@ -5,9 +5,12 @@
 #include "host/embedded/file_locks.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "host/support/deadline.h"
@@ -24,6 +27,12 @@ lock_descriptors::~lock_descriptors() {
         close_parent_only(fd);
 }
 
+static host_error cannot_open(const registry_directory &directory) {
+    failure kind = errno == EACCES ? failure::denied : failure::lock;
+    return host_error(kind, "the lock file of the registry in '" + directory.path() +
+                                "' cannot be opened: " + strerror(errno));
+}
+
 int lock_descriptors::take(const registry_directory &directory) {
     {
         std::lock_guard guard(mutex_);
@@ -34,10 +43,8 @@ int lock_descriptors::take(const registry_directory &directory) {
         }
     }
     int fd = open_parent_only(directory.fd(), registry_directory::LOCK_FILE, O_RDWR);
-    if (fd >= 0) return fd;
-    failure kind = errno == EACCES ? failure::denied : failure::lock;
-    throw host_error(kind, "the lock file of the registry in '" + directory.path() +
-                               "' cannot be opened: " + strerror(errno));
+    if (fd < 0) throw cannot_open(directory);
+    return fd;
 }
 
 void lock_descriptors::give_back(int fd) noexcept {
@@ -49,6 +56,33 @@ void lock_descriptors::give_back(int fd) noexcept {
         }
     }
     close_parent_only(fd);
+}
+
+// ---- Hints --------------------------------------------------------------------------------------
+
+lock_hints::~lock_hints() {
+    if (words_ != nullptr) munmap(words_, SIZE);
+}
+
+static host_error cannot_map(const registry_directory &directory) {
+    return host_error(failure::lock, "the lock file of the registry in '" + directory.path() +
+                                         "' cannot be mapped: " + strerror(errno));
+}
+
+std::atomic<uint32_t> *lock_hints::map(const registry_directory &directory) {
+    unique_fd fd(
+        openat(directory.fd(), registry_directory::LOCK_FILE, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd.valid()) throw cannot_open(directory);
+    struct stat found = {};
+    if (fstat(fd.get(), &found) != 0) throw cannot_map(directory);
+    if (found.st_size < off_t{SIZE} && ftruncate(fd.get(), SIZE) != 0) throw cannot_map(directory);
+    void *mapped = mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (mapped == MAP_FAILED) throw cannot_map(directory);
+    auto *words = static_cast<std::atomic<uint32_t> *>(mapped);
+    std::atomic<uint32_t> *known = nullptr;
+    if (words_.compare_exchange_strong(known, words)) return words;
+    munmap(mapped, SIZE);  // another thread was faster
+    return known;
 }
 
 // ---- Byte ranges --------------------------------------------------------------------------------
@@ -88,14 +122,17 @@ struct lock_place {
     off_t byte;
     off_t gate;
     off_t turn;
+    std::atomic<uint32_t> *hint;
 };
 
 }  // namespace
 
-static lock_place place_of_name(const std::string &name) {
-    auto byte = static_cast<off_t>(XXH3_64bits(name.data(), name.size()) >> 2);
-    auto further = static_cast<off_t>(XXH3_64bits_withSeed(name.data(), name.size(), 1) >> 2);
-    return {byte, byte + GATE, further + GATE};
+static lock_place place_of_name(std::string_view name, lock_hints *hints,
+                                const registry_directory &directory) {
+    uint64_t hash = XXH3_64bits(name.data(), name.size());
+    uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
+    auto byte = static_cast<off_t>(hash >> 2);
+    return {byte, byte + GATE, static_cast<off_t>(further >> 2) + GATE, hints->of(hash, directory)};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -124,15 +161,23 @@ class file_lock final : public held_lock {
     bool still_held() const override { return generation_ == fork_generation(); }
 
     bool try_shared(const lock_place &place) {
-        return is_open(fd_, place.gate) && try_byte(fd_, place.byte, F_RDLCK);
+        return no_writer(place) && try_byte(fd_, place.byte, F_RDLCK);
     }
 
     bool try_exclusive(const lock_place &place) {
+        place.hint->store(1);
         has_gate_ = has_gate_ || try_gate(place);
         return has_gate_ && try_byte(fd_, place.byte, F_WRLCK);
     }
 
   private:
+    bool no_writer(const lock_place &place) const {
+        if (place.hint->load() == 0) return true;
+        if (!is_open(fd_, place.gate)) return false;
+        place.hint->store(0);  // a killed writer may have left it; one that waits sets it again
+        return true;
+    }
+
     // The first try needs no turn, unless another one waits with it.
     bool try_gate(const lock_place &place) {
         if (std::exchange(waits_, true)) {
@@ -154,22 +199,27 @@ class file_lock final : public held_lock {
     bool has_gate_ = false;
 };
 
-static host_error not_granted(const std::string &name, lock_mode mode, uint32_t wait_ms) {
+static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wait_ms) {
     std::string what = mode == lock_mode::shared ? "shared lock " : "exclusive lock ";
     if (name == file_locks::WRITERS) what = "right to write";
-    return host_error(failure::lock, "the " + what + name + " was not granted within " +
-                                         std::to_string(wait_ms) + " ms: another one holds it");
+    return host_error(failure::lock, "the " + what + std::string(name) +
+                                         " was not granted within " + std::to_string(wait_ms) +
+                                         " ms: another one holds it");
 }
 
-std::unique_ptr<held_lock> file_locks::acquire(const std::string &name, lock_mode mode,
-                                               uint32_t wait_ms) {
-    auto lock = std::make_unique<file_lock>(shared_from_this());
-    lock_place place = place_of_name(name);
-    deadline wait(wait_ms);
-    while (!(mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place))) {
-        if (!wait.pause()) throw not_granted(name, mode, wait_ms);
+std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode mode,
+                                               wait_limit limit) {
+    lock_place place = place_of_name(name, &hints_, *directory_);
+    auto lock = std::make_shared<file_lock>(shared_from_this());
+    auto granted = [&] {
+        return mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place);
+    };
+    if (granted()) return lock;
+    uint32_t wait_ms = limit.ms();
+    for (deadline wait(wait_ms); wait.pause();) {
+        if (granted()) return lock;
     }
-    return lock;
+    throw not_granted(name, mode, wait_ms);
 }
 
 }  // namespace keyview::host

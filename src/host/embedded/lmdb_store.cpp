@@ -2,9 +2,13 @@
 #include "host/embedded/lmdb_store.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "host/embedded/lmdb_writer.h"
 #include "host/registry/path.h"
+#include "host/registry/snapshot.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
@@ -12,10 +16,6 @@ namespace keyview::host {
 // Writers follow each other within milliseconds; who does not want to wait for locks waits for
 // them.
 static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
-
-static std::string_view view_of(const MDB_val &bytes) {
-    return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
-}
 
 host_error damaged_row(std::string_view place) {
     std::string path;
@@ -27,29 +27,22 @@ host_error damaged_row(std::string_view place) {
             " are not those that were written; restore the registry from a saved cluster document");
 }
 
+static host_error damaged_list(std::string_view path) {
+    return host_error(failure::content,
+                      "the registry is damaged: keys below " + std::string(path) +
+                          " are missing or not where they belong; restore the registry from a "
+                          "saved cluster document");
+}
+
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
-    std::string place = place_of(path);
-    MDB_val key = bytes_of(place);
+    place_of place(path);
+    MDB_val key = bytes_of(place.view());
     MDB_val data = {};
     int rc = mdb_get(txn, environment::KEYS, &key, &data);
     if (rc == MDB_NOTFOUND) return false;
     env.check(rc, "mdb_get");
-    if (!read_row(place, view_of(data), out)) throw damaged_row(place);
-    return !place_is_cut(place) || out->path == path;
-}
-
-void scan_rows(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
-               const std::function<void(std::string_view, std::string_view)> &visit) {
-    for (const place_range &range : place_ranges(path, which)) {
-        MDB_val key = bytes_of(range.from);
-        MDB_val data = {};
-        int rc = mdb_cursor_get(cursor, &key, &data, MDB_SET_RANGE);
-        while (rc == MDB_SUCCESS && view_of(key) < range.to) {
-            visit(view_of(key), view_of(data));
-            rc = mdb_cursor_get(cursor, &key, &data, MDB_NEXT);
-        }
-        if (rc != MDB_NOTFOUND) env.check(rc, "mdb_cursor_get");
-    }
+    if (!read_row(place.view(), view_of(data), out)) throw damaged_row(place.view());
+    return !place_is_cut(place.view()) || out->path == path;
 }
 
 bool below(std::string_view path, std::string_view top, reach which) {
@@ -57,70 +50,129 @@ bool below(std::string_view path, std::string_view top, reach which) {
     return which == reach::all_below || path.find('.', top.size() + 1) == path.npos;
 }
 
-// ---- Rows that are copied out of a transaction --------------------------------------------------
+// ---- Copies -------------------------------------------------------------------------------------
 
 namespace {
 
-// Keys with their values, free of the transaction: a sink may then take its time.
-class row_copies {
+// One moment: a read transaction. It keeps its store.
+class lmdb_moment final : public moment {
   public:
-    void add(std::string_view path, std::string_view place, std::string_view value) {
-        entry added = {bytes_.size(), 0, 0, value.size()};
-        if (path.empty()) {
-            append_path(&bytes_, place);
-        } else {
-            bytes_ += path;
-        }
-        added.path_size = bytes_.size() - added.path_at;
-        added.value_at = bytes_.size();
-        bytes_ += value;
-        entries_.push_back(added);
+    lmdb_moment(std::shared_ptr<lmdb_store> keys, environment *env)
+        : keys_(std::move(keys)), env_(env), reading_(env) {}
+
+    uint64_t revision() override { return mdb_txn_id(reading_.txn()) + 1; }
+    bool read(std::string_view path, std::string *value) override;
+    bool copy(std::string_view path, reach which, snapshot *out) override;
+
+  private:
+    [[nodiscard]] bool copy_in_order(std::string_view path, reach which, snapshot *out);
+    void copy_sorted(std::string_view path, reach which, snapshot *out);
+
+    std::shared_ptr<lmdb_store> keys_;
+    environment *env_;
+    environment::reading reading_;
+};
+
+// The list that rows are added to at present, known by the bytes that all places of it begin with.
+class open_list {
+  public:
+    explicit open_list(snapshot *out) : out_(out) {}
+
+    bool has(std::string_view place) const {
+        size_t end = list_.size();
+        return place.size() > end && place[end] == '\0' &&
+               memcmp(place.data(), list_.data(), end) == 0;
     }
 
-    void sort() {
-        std::sort(entries_.begin(), entries_.end(),
-                  [this](const entry &a, const entry &b) { return path_before(path(a), path(b)); });
+    // False if another list should have come first.
+    [[nodiscard]] bool begin_with(std::string_view place) {
+        size_t end = place.rfind('\0');
+        if (end == place.npos) return false;
+        list_ = place.substr(0, end);
+        return out_->begin_list(list_, '\x01');
     }
 
-    size_t count() const { return entries_.size(); }
-
-    void deliver(const store::row_sink &sink) const {
-        std::string_view bytes = bytes_;
-        for (const entry &e : entries_)
-            sink(path(e), bytes.substr(e.value_at, e.value_size));
+    // False if the row should have come earlier.
+    [[nodiscard]] bool add(std::string_view place, const row &found) {
+        return out_->add(place.substr(list_.size() + 1), found.value, found.children);
     }
 
   private:
-    struct entry {
-        size_t path_at;
-        size_t path_size;
-        size_t value_at;
-        size_t value_size;
-    };
-
-    std::string_view path(const entry &e) const {
-        return std::string_view(bytes_).substr(e.path_at, e.path_size);
-    }
-
-    std::string bytes_;
-    std::vector<entry> entries_;
+    snapshot *out_;
+    std::string_view list_;  // into the page of LMDB that holds the place
 };
 
 }  // namespace
 
-// In the order of whole places.
-static void copy_rows(const environment &env, MDB_cursor *cursor, std::string_view top, reach which,
-                      row_copies *out) {
-    bool any_cut = false;
-    scan_rows(env, cursor, top, which, [&](std::string_view place, std::string_view bytes) {
+bool lmdb_moment::read(std::string_view path, std::string *value) {
+    if (path_fault(path) != nullptr) return false;
+    row found;
+    if (!find_row(*env_, reading_.txn(), path, &found)) return false;
+    value->assign(found.value);
+    return true;
+}
+
+bool lmdb_moment::copy(std::string_view path, reach which, snapshot *out) {
+    if (path_fault(path) != nullptr) return false;
+    row top;
+    if (!find_row(*env_, reading_.txn(), path, &top)) return false;
+    out->add_top(top.value, top.children);
+    if (!copy_in_order(path, which, out)) {
+        *out = snapshot(path, which);
+        out->add_top(top.value, top.children);
+        copy_sorted(path, which, out);
+    }
+    if (!out->complete()) throw damaged_list(path);
+    return true;
+}
+
+// The usual way: rows come in the order of a snapshot. False, with a part of it copied, if some
+// places are cut, which stand apart from their lists.
+bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *out) {
+    std::vector<place_range> ranges = place_ranges(path, which);
+    if (ranges.size() != 1) return false;
+    open_list list(out);
+    for (row_scan rows(*env_, reading_.cursor(), ranges.front()); rows.more(); rows.next()) {
+        std::string_view place = rows.place();
+        if (place_is_cut(place)) return false;
         row found;
-        if (!read_row(place, bytes, &found)) throw damaged_row(place);
-        bool cut = place_is_cut(place);
-        if (cut && !below(found.path, top, which)) return;
-        any_cut = any_cut || cut;
-        out->add(found.path, place, found.value);
-    });
-    if (any_cut) out->sort();
+        if (!read_row(place, rows.bytes(), &found)) throw damaged_row(place);
+        if (!list.has(place)) {
+            if (!rows.in_range()) break;
+            if (!list.begin_with(place)) throw damaged_list(path);
+        }
+        if (!list.add(place, found)) throw damaged_list(path);
+    }
+    return true;
+}
+
+void lmdb_moment::copy_sorted(std::string_view path, reach which, snapshot *out) {
+    struct whole_row {
+        std::string path;
+        row found;
+    };
+    std::vector<whole_row> rows;
+    for (const place_range &range : place_ranges(path, which)) {
+        for (row_scan at(*env_, reading_.cursor(), range); at.more() && at.in_range(); at.next()) {
+            whole_row added;
+            if (!read_row(at.place(), at.bytes(), &added.found)) throw damaged_row(at.place());
+            added.path = added.found.path;
+            if (!place_is_cut(at.place())) append_path(&added.path, at.place());
+            if (below(added.path, path, which)) rows.push_back(std::move(added));
+        }
+    }
+    std::sort(rows.begin(), rows.end(),
+              [](const whole_row &a, const whole_row &b) { return path_before(a.path, b.path); });
+    std::string_view list;
+    for (const whole_row &one : rows) {
+        std::string_view parent = parent_path(one.path);
+        if (parent != list) {
+            list = parent;
+            if (!out->begin_list(list, '.')) throw damaged_list(list);
+        }
+        std::string_view name = std::string_view(one.path).substr(parent.size() + 1);
+        if (!out->add(name, one.found.value, one.found.children)) throw damaged_list(parent);
+    }
 }
 
 // ---- The store ----------------------------------------------------------------------------------
@@ -141,50 +193,11 @@ environment *lmdb_store::env() {
     return here.use->get();
 }
 
-bool lmdb_store::read(std::string_view path, std::string *value) {
-    if (path_fault(path) != nullptr) return false;
-    environment *keys = env();
-    environment::reading now(keys);
-    row found;
-    if (!find_row(*keys, now.txn(), path, &found)) return false;
-    value->assign(found.value);
-    return true;
+std::unique_ptr<moment> lmdb_store::now() {
+    return std::make_unique<lmdb_moment>(shared_from_this(), env());
 }
 
-bool lmdb_store::read_children(std::string_view path, const std::function<void(uint32_t)> &count,
-                               const row_sink &sink) {
-    if (path_fault(path) != nullptr) return false;
-    row_copies children;
-    {
-        environment *keys = env();
-        environment::reading now(keys);
-        row parent;
-        if (!find_row(*keys, now.txn(), path, &parent)) return false;
-        uint32_t expected = parent.children;
-        copy_rows(*keys, now.cursor(), path, reach::children, &children);
-        if (children.count() != expected) throw damaged_row(place_of(path));
-    }
-    count(static_cast<uint32_t>(children.count()));
-    children.deliver(sink);
-    return true;
-}
-
-bool lmdb_store::read_subtree(std::string_view path, const row_sink &sink) {
-    if (path_fault(path) != nullptr) return false;
-    row_copies rows;
-    {
-        environment *keys = env();
-        environment::reading now(keys);
-        row top;
-        if (!find_row(*keys, now.txn(), path, &top)) return false;
-        rows.add(path, {}, top.value);
-        copy_rows(*keys, now.cursor(), path, reach::all_below, &rows);
-    }
-    rows.deliver(sink);
-    return true;
-}
-
-std::unique_ptr<held_lock> lmdb_store::right_to_write() {
+std::shared_ptr<held_lock> lmdb_store::right_to_write() {
     uint32_t wait_ms = std::max(lock_wait_ms(), SHORTEST_WRITE_WAIT_MS);
     return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, wait_ms);
 }
@@ -196,17 +209,25 @@ static void check_value(std::string_view path, std::string_view value) {
                                          " bytes: 1048576 is the most a key can hold");
 }
 
+static void check_fence(std::string_view path, const held_lock *fence) {
+    if (fence == nullptr || fence->still_held()) return;
+    throw host_error(failure::lock,
+                     "cannot set " + std::string(path) + ": the cluster lock was lost");
+}
+
 bool lmdb_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
     if (path_fault(path) != nullptr) return false;
     check_value(path, value);
+    check_fence(path, fence);
+    std::string stored;
+    if (!now()->read(path, &stored)) return false;
+    if (stored == value) return true;
+
     bool found = false;
     environment *keys = env();
-    std::unique_ptr<held_lock> right = right_to_write();
+    std::shared_ptr<held_lock> right = right_to_write();
     keys->write([&](MDB_txn *txn) {
-        if (fence != nullptr && !fence->still_held()) {
-            throw host_error(failure::lock,
-                             "cannot set " + std::string(path) + ": the cluster lock was lost");
-        }
+        check_fence(path, fence);
         lmdb_writer writer(*keys, txn);
         found = writer.replace(path, value);
         return writer.changed();
@@ -224,7 +245,7 @@ change_counts lmdb_store::apply(const std::vector<change> &changes) {
     }
     change_counts counts;
     environment *keys = env();
-    std::unique_ptr<held_lock> right = right_to_write();
+    std::shared_ptr<held_lock> right = right_to_write();
     keys->write([&](MDB_txn *txn) {
         lmdb_writer writer(*keys, txn);
         for (const change &one : changes)

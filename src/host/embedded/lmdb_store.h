@@ -18,16 +18,13 @@
 
 namespace keyview::host {
 
-class lmdb_store : public store {
+class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store> {
   public:
     // Opens the environment.
     lmdb_store(std::shared_ptr<const registry_directory> directory,
                std::shared_ptr<file_locks> locks);
 
-    bool read(std::string_view path, std::string *value) override;
-    bool read_children(std::string_view path, const std::function<void(uint32_t)> &count,
-                       const row_sink &sink) override;
-    bool read_subtree(std::string_view path, const row_sink &sink) override;
+    std::unique_ptr<moment> now() override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence) override;
     change_counts apply(const std::vector<change> &changes) override;
 
@@ -41,7 +38,7 @@ class lmdb_store : public store {
     };
 
     environment *env();
-    std::unique_ptr<held_lock> right_to_write();
+    std::shared_ptr<held_lock> right_to_write();
 
     std::shared_ptr<const registry_directory> directory_;
     std::shared_ptr<file_locks> locks_;

@@ -36,24 +36,29 @@ void lmdb_writer::create(std::string_view path, std::string_view value) {
 // Works on places, so that a damaged row can be removed.
 void lmdb_writer::remove(std::string_view path) {
     if (path_fault(path) != nullptr || !exists(path)) return;
-    std::vector<std::string> places = {place_of(path)};
+    std::vector<std::string> places = {std::string(place_of(path).view())};
     MDB_cursor *cursor = nullptr;
     env_.check(mdb_cursor_open(txn_, environment::KEYS, &cursor), "mdb_cursor_open");
     std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)> guard(cursor, &mdb_cursor_close);
-    scan_rows(env_, cursor, path, reach::all_below,
-              [&](std::string_view place, std::string_view bytes) {
-                  row found;
-                  bool cut = place_is_cut(place);
-                  if (cut && !read_row(place, bytes, &found)) throw damaged_row(place);
-                  if (!cut || below(found.path, path, reach::all_below)) places.emplace_back(place);
-              });
+    for (const place_range &range : place_ranges(path, reach::all_below)) {
+        for (row_scan rows(env_, cursor, range); rows.more() && rows.in_range(); rows.next()) {
+            row found;
+            bool cut = place_is_cut(rows.place());
+            if (cut && !read_row(rows.place(), rows.bytes(), &found)) {
+                throw damaged_row(rows.place());
+            }
+            if (cut && !below(found.path, path, reach::all_below)) continue;
+            places.emplace_back(rows.place());
+        }
+    }
     for (const std::string &place : places)
         delete_place(place);
     add_children(parent_path(path), -1);
 }
 
 bool lmdb_writer::exists(std::string_view path) {
-    std::string place = place_of(path);
+    place_of whole(path);
+    std::string_view place = whole.view();
     row found;
     if (place_is_cut(place)) return find_row(env_, txn_, path, &found);
     MDB_val key = bytes_of(place);
@@ -70,7 +75,8 @@ void lmdb_writer::add_children(std::string_view path, int32_t more) {
 }
 
 void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value) {
-    std::string place = place_of(path);
+    place_of whole(path);
+    std::string_view place = whole.view();
     std::string bytes = write_row(place, path, children, value);
     MDB_val key = bytes_of(place);
     MDB_val data = bytes_of(bytes);

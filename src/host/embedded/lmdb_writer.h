@@ -4,7 +4,6 @@
 
 #include <lmdb.h>
 
-#include <functional>
 #include <string_view>
 
 #include "host/embedded/environment.h"
@@ -19,13 +18,42 @@ inline MDB_val bytes_of(std::string_view text) {
     return {text.size(), const_cast<char *>(text.data())};
 }
 
+inline std::string_view view_of(const MDB_val &bytes) {
+    return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
+}
+
 // Finds a key; its views end with the next change or with the transaction.
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out);
 
-// Visits place and bytes of all rows in the ranges of a key, those of other keys included: see
-// below() for rows whose place is cut.
-void scan_rows(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
-               const std::function<void(std::string_view, std::string_view)> &visit);
+// Goes over the rows from the begin of a range on, those of other keys included: see below() for
+// rows whose place is cut. Its views end with the next change or with the transaction.
+class row_scan {
+  public:
+    row_scan(const environment &env, MDB_cursor *cursor, const place_range &range)
+        : env_(env), cursor_(cursor), to_(range.to), key_(bytes_of(range.from)) {
+        step(MDB_SET_RANGE);
+    }
+
+    bool more() const { return more_; }
+    bool in_range() const { return place() < to_; }
+    void next() { step(MDB_NEXT); }
+    std::string_view place() const { return view_of(key_); }
+    std::string_view bytes() const { return view_of(data_); }
+
+  private:
+    void step(MDB_cursor_op op) {
+        int rc = mdb_cursor_get(cursor_, &key_, &data_, op);
+        if (rc != MDB_SUCCESS && rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
+        more_ = rc == MDB_SUCCESS;
+    }
+
+    const environment &env_;
+    MDB_cursor *cursor_;
+    std::string_view to_;
+    MDB_val key_;
+    MDB_val data_ = {};
+    bool more_;
+};
 
 // Whether path is a child of top, or anything below it.
 bool below(std::string_view path, std::string_view top, reach which);

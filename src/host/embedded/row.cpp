@@ -17,31 +17,33 @@ static constexpr char CUT = '\x02';
 static constexpr uint8_t FORMAT = 1;
 
 struct row_head {
-    uint64_t checksum;
     uint8_t format;
     uint8_t zero;
     uint16_t path_length;
     uint32_t children;
 };
-static_assert(sizeof(row_head) == 16, "rows are read by other builds, too");
+static_assert(sizeof(row_head) == 8, "rows are read by other builds, too");
 
-static std::string whole_place(std::string_view path) {
-    std::string place(path);
-    std::replace(place.begin(), place.end(), '.', INNER);
-    size_t last = place.rfind(INNER);
-    if (last != place.npos) place[last] = LAST;
-    return place;
+using checksum = XXH64_hash_t;
+
+static size_t whole_place(std::string_view path, char *out) {
+    size_t last = path.npos;
+    for (size_t i = 0; i < path.size(); ++i) {
+        bool dot = path[i] == '.';
+        out[i] = dot ? INNER : path[i];
+        if (dot) last = i;
+    }
+    if (last != path.npos) out[last] = LAST;
+    return path.size();
 }
 
-std::string place_of(std::string_view path) {
-    std::string place = whole_place(path);
-    if (place.size() <= LONGEST_PLACE) return place;
+place_of::place_of(std::string_view path) : size_(whole_place(path, text_)) {
+    if (size_ <= LONGEST_PLACE) return;
     XXH128_canonical_t hash;
-    XXH128_canonicalFromHash(&hash, XXH3_128bits(place.data(), place.size()));
-    place.resize(CUT_HEAD);
-    place += CUT;
-    place.append(reinterpret_cast<const char *>(hash.digest), sizeof(hash.digest));
-    return place;
+    XXH128_canonicalFromHash(&hash, XXH3_128bits(text_, size_));
+    text_[CUT_HEAD] = CUT;
+    memcpy(text_ + CUT_HEAD + 1, hash.digest, sizeof(hash.digest));
+    size_ = LONGEST_PLACE;
 }
 
 bool place_is_cut(std::string_view place) noexcept {
@@ -58,7 +60,10 @@ void append_path(std::string *out, std::string_view place) {
 }
 
 bool path_before(std::string_view a, std::string_view b) {
-    return whole_place(a) < whole_place(b);
+    char place_a[MAX_PATH_LENGTH];
+    char place_b[MAX_PATH_LENGTH];
+    return std::string_view(place_a, whole_place(a, place_a)) <
+           std::string_view(place_b, whole_place(b, place_b));
 }
 
 std::vector<place_range> place_ranges(std::string_view path, reach which) {
@@ -75,20 +80,32 @@ std::vector<place_range> place_ranges(std::string_view path, reach which) {
     return ranges;
 }
 
-// The place is the seed, so that a row cannot pass for that of another key.
-static uint64_t checksum(std::string_view place, std::string_view bytes) noexcept {
-    std::string_view covered = bytes.substr(sizeof(uint64_t));
-    XXH64_hash_t seed = XXH3_64bits(place.data(), place.size());
-    return XXH3_64bits_withSeed(covered.data(), covered.size(), seed);
+// covered is the row without its checksum.
+static checksum checksum_of(std::string_view place, std::string_view covered) noexcept {
+    static constexpr checksum SPREAD = 0x9E3779B97F4A7C15;
+    checksum sum = 0;
+    if (place.data() + place.size() == covered.data()) {
+        sum = XXH3_64bits(place.data(), place.size() + covered.size());
+    } else {
+        XXH3_state_t state;
+        XXH3_64bits_reset(&state);
+        XXH3_64bits_update(&state, place.data(), place.size());
+        XXH3_64bits_update(&state, covered.data(), covered.size());
+        sum = XXH3_64bits_digest(&state);
+    }
+    return sum ^ place.size() * SPREAD;
 }
 
 bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept {
     row_head head;
-    if (bytes.size() < sizeof(head)) return false;
-    memcpy(&head, bytes.data(), sizeof(head));
-    if (head.checksum != checksum(place, bytes) || head.format != FORMAT) return false;
-    std::string_view rest = bytes.substr(sizeof(head));
-    if (head.path_length > rest.size()) return false;
+    checksum sum = 0;
+    if (bytes.size() < sizeof(head) + sizeof(sum)) return false;
+    std::string_view covered = bytes.substr(0, bytes.size() - sizeof(sum));
+    memcpy(&head, covered.data(), sizeof(head));
+    memcpy(&sum, covered.data() + covered.size(), sizeof(sum));
+    if (sum != checksum_of(place, covered) || head.format != FORMAT) return false;
+    std::string_view rest = covered.substr(sizeof(head));
+    if (head.path_length > std::min(rest.size(), MAX_PATH_LENGTH)) return false;
     out->path = rest.substr(0, head.path_length);
     out->children = head.children;
     out->value = rest.substr(head.path_length);
@@ -98,14 +115,12 @@ bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept
 std::string write_row(std::string_view place, std::string_view path, uint32_t children,
                       std::string_view value) {
     std::string_view kept = place_is_cut(place) ? path : std::string_view();
-    row_head head = {0, FORMAT, 0, static_cast<uint16_t>(kept.size()), children};
-    std::string bytes(sizeof(head), '\0');
-    memcpy(bytes.data(), &head, sizeof(head));
+    row_head head = {FORMAT, 0, static_cast<uint16_t>(kept.size()), children};
+    std::string bytes(reinterpret_cast<const char *>(&head), sizeof(head));
     bytes += kept;
     bytes += value;
-    head.checksum = checksum(place, bytes);
-    memcpy(bytes.data(), &head.checksum, sizeof(head.checksum));
-    return bytes;
+    checksum sum = checksum_of(place, bytes);
+    return bytes.append(reinterpret_cast<const char *>(&sum), sizeof(sum));
 }
 
 }  // namespace keyview::host

@@ -15,12 +15,13 @@
 //
 // Row, in the machine's byte order as all of an LMDB file:
 //
-//     8 bytes  XXH3 of all that follows, seeded with the XXH3 of the LMDB key
-//     1        format, 1
+//     1 byte   format, 1
 //     1        0
 //     2        length of the path, 0 unless the place is cut
 //     4        number of children
-//              the path, then the value to the end
+//              the path, then the value
+//     8        checksum: XXH3 of the LMDB key and of all of the row before; the key's length is
+//              mixed in, so that no byte can pass from one to the other
 #ifndef KEYVIEW_HOST_EMBEDDED_ROW_H
 #define KEYVIEW_HOST_EMBEDDED_ROW_H
 
@@ -29,10 +30,22 @@
 #include <string_view>
 #include <vector>
 
+#include "host/registry/path.h"
+#include "host/registry/store.h"
+
 namespace keyview::host {
 
-// The LMDB key of a path that a key can have.
-std::string place_of(std::string_view path);
+// The LMDB key of a path that a key can have, on the stack.
+class place_of {
+  public:
+    explicit place_of(std::string_view path);
+
+    std::string_view view() const { return {text_, size_}; }
+
+  private:
+    size_t size_;
+    char text_[MAX_PATH_LENGTH];
+};
 
 // Whether an LMDB key is a cut place.
 bool place_is_cut(std::string_view place) noexcept;
@@ -48,8 +61,6 @@ struct place_range {
     std::string to;    // behind the last
 };
 
-enum class reach { children, all_below };
-
 // The ranges that hold all rows of a key's children, or of all keys below it.
 std::vector<place_range> place_ranges(std::string_view path, reach which);
 
@@ -59,7 +70,8 @@ struct row {
     std::string_view value;
 };
 
-// Takes a row apart; false if its bytes are not those that were written at this place.
+// Takes a row apart; false if its bytes are not those that were written at this place. It is quick
+// if the row follows its place in memory, as within a page of LMDB.
 [[nodiscard]] bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept;
 
 // The bytes of a row. path is that of the key, cut or not.

@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/registry/store.h"
 #include "host/support/export.h"
@@ -28,6 +29,21 @@ class KEYVIEW_HOST_API held_lock {
     virtual bool still_held() const = 0;
 };
 
+// How long a lock is waited for, in milliseconds: a number, or a function that is asked once there
+// is something to wait for. 0 tries once.
+class wait_limit {
+  public:
+    // Implicit, so that a number can be given where a limit is asked for.
+    wait_limit(uint32_t wait_ms) : wait_ms_(wait_ms) {}
+    explicit wait_limit(uint32_t (*ask)()) : ask_(ask) {}
+
+    uint32_t ms() const { return ask_ == nullptr ? wait_ms_ : ask_(); }
+
+  private:
+    uint32_t (*ask_)() = nullptr;
+    uint32_t wait_ms_ = 0;
+};
+
 class KEYVIEW_HOST_API lock_service {
   public:
     lock_service() = default;
@@ -36,9 +52,9 @@ class KEYVIEW_HOST_API lock_service {
     virtual ~lock_service() = default;
 
     // Takes the named lock, in the name of this process: threads exclude each other too. Throws
-    // host_error(failure::lock) if it is not granted within wait_ms; 0 tries once.
-    virtual std::unique_ptr<held_lock> acquire(const std::string &name, lock_mode mode,
-                                               uint32_t wait_ms) = 0;
+    // host_error(failure::lock) if it is not granted in time.
+    virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
+                                               wait_limit limit) = 0;
 };
 
 struct backend {

@@ -1,18 +1,18 @@
 // One handle of the registry client: its open keys over a store. Within the part of the tree that a
-// lock of the calling thread covers it reads the lock's snapshot, elsewhere the store.
+// lock of the calling thread covers it reads what the holder sees, elsewhere the store.
 //
 // The functions return what the kvtc_ operations return; they may throw host_error.
 #ifndef KEYVIEW_HOST_REGISTRY_CLIENT_H
 #define KEYVIEW_HOST_REGISTRY_CLIENT_H
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "host/registry/backend.h"
+#include "host/registry/locked_view.h"
 #include "host/registry/snapshot.h"
 
 namespace keyview::host {
@@ -31,36 +31,36 @@ class registry_client {
 
   private:
     struct open_key {
-        uint32_t slot;
-        uint32_t uses = 0;  // how often the slot was opened and closed; odd while it is open
+        uint64_t token = 0;  // its handle; 0 while it is free
+        uint32_t slot = 0;   // from 1
+        uint32_t uses = 0;
+        open_key *next_free = nullptr;
 
-        // Either a key of a snapshot, or a path and the value read at the open.
-        std::shared_ptr<snapshot> view;
+        // Either a key of a copy, or a path and the value read at the open.
+        std::shared_ptr<snapshot> part;
         uint32_t index;
         std::string path;
         std::string value;
 
-        // The enumeration, once it began: children of a snapshot's key, or names.
+        // The enumeration, once it began: children of a copy's key.
         bool listed;
         uint32_t passed;
-        uint32_t count;
-        uint32_t first;
+        snapshot::range children;
         std::shared_ptr<snapshot> list;
-        std::vector<std::string> names;
     };
 
     open_key *free_slot();
     void *begin_use(open_key *key);
     open_key *find(const void *handle);
-    uint64_t key_token(const open_key &key) const;
 
+    bool read(std::string_view path, open_key *key);
     int32_t list_children(open_key *key);
-    static std::string path_of(const open_key &key);
-    static std::string_view name_of(const open_key &key);
+    static std::string_view path_of(const open_key &key);
 
     std::shared_ptr<store> keys_;
-    std::deque<open_key> open_;
-    std::vector<uint32_t> free_;
+    kept_copies kept_;
+    std::vector<std::unique_ptr<open_key>> open_;
+    open_key *first_free_ = nullptr;
 };
 
 }  // namespace keyview::host

@@ -2,36 +2,67 @@
 #include "host/registry/held_locks.h"
 
 #include <algorithm>
+#include <iterator>
+#include <mutex>
 
 #include "host/support/error.h"
 #include "host/support/fork.h"
 
 namespace keyview::host {
 
-// The locks of a parent are not those of its forked child: there they end without being released.
+// What a child inherits belongs to its parent: it ends neither a lock nor a moment of the parent's,
+// and is only kept reachable for leak checkers.
+static void leave_to_parent(std::vector<held_entry> *entries) {
+    static auto &inherited = *new std::vector<std::vector<held_entry>>;
+    std::lock_guard guard(fork_mutex());
+    inherited.push_back(std::move(*entries));
+    entries->clear();
+}
+
+// Found without a call: one is needed for every key that is opened.
+static thread_local held_locks *of_this_thread __attribute__((tls_model("initial-exec"))) = nullptr;
+
 held_locks &held_locks::of_thread() {
+    held_locks *mine = of_this_thread;
+    if (mine != nullptr && mine->generation_ == fork_generation()) return *mine;
+    return begin_thread();
+}
+
+held_locks &held_locks::begin_thread() {
     static thread_local held_locks mine;
-    if (mine.generation_ != fork_generation()) {
-        mine.entries_.clear();
-        mine.generation_ = fork_generation();
-    }
+    if (!mine.entries_.empty()) leave_to_parent(&mine.entries_);
+    mine.generation_ = fork_generation();
+    of_this_thread = &mine;
     return mine;
 }
 
-void held_locks::take(const void *service, const backend &registry, const std::string &name,
+void held_locks::take(const void *service, const backend &registry, std::string_view name,
                       lock_mode mode) {
     std::shared_ptr<held_lock> lock;
     for (const held_entry &mine : entries_) {
         if (mine.keys != registry.keys || mine.name != name) continue;
         if (mine.mode == lock_mode::exclusive || mode == lock_mode::exclusive) {
-            throw host_error(failure::lock, "the lock " + name + " is held by this thread already");
+            throw host_error(failure::lock,
+                             "the lock " + mine.name + " is held by this thread already");
         }
         lock = mine.lock;  // asking again could wait for a writer that waits for this thread
     }
     entries_.reserve(entries_.size() + 1);
-    lock_cover cover = cover_of(name);
-    if (lock == nullptr) lock = registry.locks->acquire(name, mode, lock_wait_ms());
-    entries_.push_back({service, name, mode, std::move(lock), registry.keys, std::move(cover), {}});
+    spare_name_.assign(name);
+    if (lock == nullptr)
+        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_ms));
+    lock_cover cover = cover_of(spare_name_);
+    size_t cover_at = cover.path.empty()
+                          ? spare_name_.npos
+                          : static_cast<size_t>(cover.path.data() - spare_name_.data());
+    entries_.push_back({service,
+                        std::move(spare_name_),
+                        mode,
+                        std::move(lock),
+                        registry.keys,
+                        cover_at,
+                        cover.children_only,
+                        {}});
 }
 
 bool held_locks::release(const void *service, std::string_view name) {
@@ -39,6 +70,7 @@ bool held_locks::release(const void *service, std::string_view name) {
         --at;
         if (at->service != service || at->name != name) continue;
         at->lock.reset();  // first: a waiting writer should not pay for the rest
+        spare_name_ = std::move(at->name);
         entries_.erase(at);
         return true;
     }
@@ -50,36 +82,55 @@ void held_locks::release_all(const void *service) {
     entries_.erase(std::remove_if(entries_.begin(), entries_.end(), of_service), entries_.end());
 }
 
-held_entry *held_locks::closest(const store *keys, std::string_view path) {
+held_entry *held_locks::covering(const store *keys, std::string_view path) {
     held_entry *found = nullptr;
+    size_t closest = 0;
     for (held_entry &e : entries_) {
-        if (e.keys.get() != keys || e.cover.path.empty()) continue;
-        if (!path_within(path, e.cover.path)) continue;
-        if (found == nullptr || e.cover.path.size() > found->cover.path.size()) found = &e;
+        std::string_view cover = e.cover().path;
+        if (e.keys.get() != keys || cover.size() <= closest) continue;
+        if (!path_within(path, cover)) continue;
+        closest = cover.size();
+        found = &e;
     }
     return found;
 }
 
-const held_lock *held_locks::covering(const store *keys, std::string_view path) {
-    held_entry *found = closest(keys, path);
+const held_lock *held_locks::fence(const store *keys, std::string_view path) {
+    const held_entry *found = covering(keys, path);
     return found == nullptr ? nullptr : found->lock.get();
 }
 
-std::shared_ptr<snapshot> held_locks::view_of(const store *keys, std::string_view path) {
-    held_entry *found = closest(keys, path);
-    if (found == nullptr) return nullptr;
-    if (found->view == nullptr) {
-        found->view = std::make_shared<snapshot>(found->keys.get(), found->cover);
-    }
-    return found->view->tells(path) ? found->view : nullptr;
+bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
+    bool only = entries_.size() == 1 && entries_.front().keys.get() == reader.keys;
+    if (only && entries_.front().view.find_again(path, found)) return true;
+    held_entry *lock = covering(reader.keys, path);
+    if (lock == nullptr || !locked_view::tells(lock->cover(), path)) return false;
+    *found = lock->view.find(reader, lock->cover(), path);
+    return true;
+}
+
+bool held_locks::find_list(const tree_reader &reader, std::string_view path, copied_key *found) {
+    held_entry *lock = covering(reader.keys, path);
+    if (lock == nullptr || !locked_view::tells_children(lock->cover(), path)) return false;
+    *found = lock->view.find_list(reader, lock->cover(), path);
+    return true;
 }
 
 void held_locks::note_value(const store *keys, std::string_view path, std::string_view value) {
     for (held_entry &e : entries_) {
-        if (e.keys.get() != keys || e.view == nullptr || !e.view->tells(path)) continue;
-        uint32_t key = e.view->find(path);
-        if (key != snapshot::NONE) e.view->set_value(key, value);
+        if (e.keys.get() == keys && locked_view::tells(e.cover(), path)) {
+            e.view.note_value(path, value);
+        }
     }
+}
+
+void held_locks::copy_out() {
+    for (held_entry &e : entries_)
+        e.view.copy_out(e.cover());
+}
+
+void let_go_of_moments() {
+    held_locks::of_thread().copy_out();
 }
 
 }  // namespace keyview::host

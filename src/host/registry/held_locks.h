@@ -1,6 +1,6 @@
-// The locks that this thread holds, with the snapshot that each gives it. The lock operations keep
-// the table, the registry client reads through it. A lock belongs to the thread that took it, and
-// is released when that thread ends.
+// The locks that this thread holds, each with what its holder sees of the tree. The lock operations
+// keep the table, the registry client reads through it. A lock belongs to the thread that took it,
+// and is released when that thread ends.
 #ifndef KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
 #define KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
 
@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "host/registry/backend.h"
+#include "host/registry/locked_view.h"
 #include "host/registry/path.h"
-#include "host/registry/snapshot.h"
 
 namespace keyview::host {
 
@@ -22,8 +22,14 @@ struct held_entry {
     lock_mode mode;
     std::shared_ptr<held_lock> lock;
     std::shared_ptr<store> keys;  // what the lock protects
-    lock_cover cover;
-    std::shared_ptr<snapshot> view;  // null before the first read
+    size_t cover_at;              // where the path that it covers begins in the name; npos for none
+    bool children_only;
+    locked_view view;
+
+    lock_cover cover() const {
+        if (cover_at == name.npos) return {};
+        return {std::string_view(name).substr(cover_at), children_only};
+    }
 };
 
 class held_locks {
@@ -33,27 +39,33 @@ class held_locks {
 
     // Takes a lock and enters it. Throws failure::lock if it is not granted in time, or if this
     // thread itself stands in the way.
-    void take(const void *service, const backend &registry, const std::string &name,
-              lock_mode mode);
+    void take(const void *service, const backend &registry, std::string_view name, lock_mode mode);
 
     // Releases the latest lock of that name, or all locks of a service; false if there is none.
     bool release(const void *service, std::string_view name);
     void release_all(const void *service);
 
     // The lock that covers a path most closely; null if none does.
-    const held_lock *covering(const store *keys, std::string_view path);
+    const held_lock *fence(const store *keys, std::string_view path);
 
-    // The snapshot that tells about a key, read now if it was not yet; null if there is none.
-    std::shared_ptr<snapshot> view_of(const store *keys, std::string_view path);
+    // Looks for a key, or for its list, in the view of the closest lock that covers it; false if
+    // no view tells about it.
+    bool find(const tree_reader &reader, std::string_view path, copied_key *found);
+    bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
 
-    // Brings a value that was set into the snapshots.
+    // Brings a value that was set into the views.
     void note_value(const store *keys, std::string_view path, std::string_view value);
 
+    // See let_go_of_moments().
+    void copy_out();
+
   private:
-    held_entry *closest(const store *keys, std::string_view path);
+    static held_locks &begin_thread();
+    held_entry *covering(const store *keys, std::string_view path);
 
     uint64_t generation_ = 0;
     std::vector<held_entry> entries_;
+    std::string spare_name_;  // room for the next name
 };
 
 }  // namespace keyview::host

@@ -35,6 +35,7 @@ static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
     if (version[0] != VERSION[0] || version[1] != VERSION[1] || size != SIZE) {
         return fail(BAD_ARGUMENT, {"the lock service is version 2.1 with size 272"});
     }
+    (void)lock_wait_ms();  // a setting that cannot be used is told now
     auto client = std::make_unique<lock_client>();
     client->registry = open_backend(registry_url(), open_mode::existing);
     void *made = clients.add(std::move(client));

@@ -39,7 +39,7 @@ lock_cover cover_of(std::string_view lock_name) {
     bool stg = starts_with(lock_name, STG_LOCK_HEAD);
     std::string_view path = lock_name.substr(stg ? STG_LOCK_HEAD.size() : LOCK_HEAD.size());
     if (path_fault(path) != nullptr) return {};
-    return {std::string(path), lock_name == ALL_DATABASES_LOCK};
+    return {path, lock_name == ALL_DATABASES_LOCK};
 }
 
 }  // namespace keyview::host

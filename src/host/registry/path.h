@@ -3,7 +3,6 @@
 #define KEYVIEW_HOST_REGISTRY_PATH_H
 
 #include <cstddef>
-#include <string>
 #include <string_view>
 
 namespace keyview::host {
@@ -23,7 +22,7 @@ std::string_view parent_path(std::string_view path) noexcept;
 
 // The part of the tree that a lock protects, for the snapshot of its holder.
 struct lock_cover {
-    std::string path;            // "" if the name covers nothing
+    std::string_view path;       // a part of the name, "" if it covers nothing
     bool children_only = false;  // the snapshot holds the path and its children, nothing deeper
 };
 

@@ -1,122 +1,137 @@
-// The private copy that the holder of a lock reads.
+// The private copy of a part of the tree.
 #include "host/registry/snapshot.h"
 
 #include <algorithm>
 #include <cstring>
 #include <limits>
 
+#include "host/registry/path.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
 
-static constexpr char INNER = '\x01';
-static constexpr char LAST = '\x00';
+static constexpr size_t FIRST_CAPACITY = 2048;
 
-// The place of a path below the top, in a buffer that any path fits into.
-class place_text {
-  public:
-    place_text(std::string_view path, std::string_view top) : size_(path.size() - top.size()) {
-        memcpy(text_, path.data() + top.size(), size_);
-        char *last = nullptr;
-        for (size_t i = 0; i < size_; ++i) {
-            if (text_[i] != '.') continue;
-            text_[i] = INNER;
-            last = text_ + i;
-        }
-        if (last != nullptr) *last = LAST;
-    }
-
-    std::string_view view() const { return {text_, size_}; }
-
-  private:
-    size_t size_;
-    char text_[MAX_PATH_LENGTH];
-};
-
-snapshot::snapshot(store *keys, const lock_cover &cover) : cover_(cover) {
-    load(keys);
-    auto before = [this](const entry &a, const entry &b) {
-        return bytes(a.place) < bytes(b.place);
-    };
-    if (!std::is_sorted(keys_.begin(), keys_.end(), before)) {
-        std::sort(keys_.begin(), keys_.end(), before);
-    }
+void byte_block::grow(size_t more) {
+    size_t capacity = std::max({FIRST_CAPACITY, capacity_ * 2, size_ + more});
+    std::unique_ptr<char[]> larger(new char[capacity]);
+    if (size_ > 0) memcpy(larger.get(), bytes_.get(), size_);
+    bytes_ = std::move(larger);
+    capacity_ = capacity;
 }
 
-void snapshot::load(store *keys) {
-    auto take = [this](std::string_view path, std::string_view value) { add(path, value); };
-    if (!cover_.children_only) {
-        (void)keys->read_subtree(cover_.path, take);  // a missing key leaves the snapshot empty
-        return;
-    }
-    std::string top;
-    if (!keys->read(cover_.path, &top)) return;
-    add(cover_.path, top);
-    bool there = keys->read_children(
-        cover_.path, [](uint32_t) {}, take);
-    if (!there) keys_.clear();
+static char *put(char *to, std::string_view text) {
+    memcpy(to, text.data(), text.size());
+    return to + text.size();
 }
 
-void snapshot::add(std::string_view path, std::string_view value) {
-    place_text place(path, cover_.path);
-    span kept = keep(place.view());
-    keys_.push_back({kept, keep(value)});
+char *snapshot::room(size_t more) {
+    if (more > std::numeric_limits<uint32_t>::max() - bytes_.size()) {
+        throw host_error(failure::content, top_ + " has more than 4 GiB below it");
+    }
+    return bytes_.add(more);
 }
 
-snapshot::span snapshot::keep(std::string_view text) {
-    if (text.size() > std::numeric_limits<uint32_t>::max() - bytes_.size()) {
-        throw host_error(failure::content, cover_.path + " has more than 4 GiB below it");
-    }
-    span kept = {static_cast<uint32_t>(bytes_.size()), static_cast<uint32_t>(text.size())};
-    bytes_ += text;
-    return kept;
+// ---- Filling ------------------------------------------------------------------------------------
+
+void snapshot::add_top(std::string_view value, uint32_t children) {
+    put_row(top_, value, children);
+    to_come_.push_back({TOP, TOP + 1, {}});
 }
+
+bool snapshot::add(std::string_view name, std::string_view value, uint32_t children) {
+    if (keys_[list_of_].first < size() && this->name(size() - 1) >= name) return false;
+    put_row(name, value, children);
+    return true;
+}
+
+// Behind the path of the list's key, if there is a list.
+void snapshot::put_row(std::string_view name, std::string_view value, uint32_t children) {
+    size_t name_at = list_of_ == NONE ? 0 : keys_[list_of_].path_size + size_t{1};
+    size_t path_size = name_at + name.size();
+    auto at = static_cast<uint32_t>(bytes_.size());
+    char *to = room(path_size + value.size());
+    if (name_at > 0) *put(to, path(list_of_)) = '.';
+    put(put(to + name_at, name), value);
+    keys_.push_back({at, static_cast<uint16_t>(path_size), static_cast<uint16_t>(name_at),
+                     at + static_cast<uint32_t>(path_size), static_cast<uint32_t>(value.size()), 0,
+                     children});
+}
+
+// Ends a list and gives the key whose list must follow; NONE if there is none, or if the list that
+// ends is not complete.
+uint32_t snapshot::next_key() {
+    if (list_of_ != NONE) {
+        const row &parent = keys_[list_of_];
+        if (parent.first + parent.count != size()) return NONE;
+        if (depth_ == reach::all_below) to_come_.push_back({parent.first, size(), list_});
+        list_of_ = NONE;
+    }
+    for (; !to_come_.empty(); to_come_.pop_back()) {
+        open_range &keys = to_come_.back();
+        while (keys.next < keys.end && keys_[keys.next].count == 0)
+            ++keys.next;
+        if (keys.next < keys.end) return keys.next++;
+    }
+    return NONE;
+}
+
+bool snapshot::begin_list(std::string_view key, char separator) {
+    uint32_t parent = next_key();
+    if (parent == NONE) return false;
+    std::string_view above = to_come_.back().list;
+    std::string_view name = this->name(parent);
+    bool follows = key.size() == above.size() + 1 + name.size() && key[above.size()] == separator &&
+                   key.substr(0, above.size()) == above && key.substr(above.size() + 1) == name;
+    // Who reads the top's list asks for no other.
+    if (parent != TOP && !follows) return false;
+    list_of_ = parent;
+    list_ = key;
+    keys_[parent].first = size();
+    return true;
+}
+
+// ---- Reading ------------------------------------------------------------------------------------
 
 bool snapshot::tells(std::string_view path) const {
-    if (!path_within(path, cover_.path)) return false;
-    if (!cover_.children_only || path.size() == cover_.path.size()) return true;
-    return path.find('.', cover_.path.size() + 1) == path.npos;
+    if (!path_within(path, top_)) return false;
+    if (depth_ == reach::all_below || path.size() == top_.size()) return true;
+    return depth_ == reach::children && path.find('.', top_.size() + 1) == path.npos;
 }
 
-uint32_t snapshot::first_from(std::string_view place) const {
-    auto found = std::lower_bound(
-        keys_.begin(), keys_.end(), place,
-        [this](const entry &key, std::string_view text) { return bytes(key.place) < text; });
-    return static_cast<uint32_t>(found - keys_.begin());
-}
-
+// From the top down, element by element.
 uint32_t snapshot::find(std::string_view path) {
-    place_text place(path, cover_.path);
-    uint32_t key = next_;
-    if (key >= keys_.size() || bytes(keys_[key].place) != place.view()) {
-        key = first_from(place.view());
-        if (key == keys_.size() || bytes(keys_[key].place) != place.view()) return NONE;
+    if (keys_.empty()) return NONE;
+    uint32_t key = TOP;
+    for (size_t end = top_.size(); end < path.size();) {
+        size_t start = end + 1;
+        end = std::min(path.find('.', start), path.size());
+        key = child(key, path.substr(start, end - start));
+        if (key == NONE) return NONE;
     }
-    next_ = key + 1;
-    return key;
+    return found(key);
 }
 
-std::string snapshot::path(uint32_t key) const {
-    std::string path = cover_.path;
-    for (char c : bytes(keys_[key].place))
-        path += c == INNER || c == LAST ? '.' : c;
-    return path;
+uint32_t snapshot::child(uint32_t parent, std::string_view name) const {
+    uint32_t low = keys_[parent].first;
+    uint32_t high = low == 0 ? 0 : low + keys_[parent].count;
+    while (low < high) {
+        uint32_t middle = low + (high - low) / 2;
+        int order = this->name(middle).compare(name);
+        if (order == 0) return middle;
+        if (order < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return NONE;
 }
 
-snapshot::range snapshot::children(uint32_t key) const {
-    std::string from(bytes(keys_[key].place));
-    size_t last = from.rfind(LAST);
-    if (last != from.npos) from[last] = INNER;
-    std::string behind = from;
-    from += LAST;
-    behind += INNER;
-    uint32_t first = first_from(from);
-    return {first, first_from(behind) - first};
-}
-
-std::string_view snapshot::name(uint32_t key) const {
-    std::string_view place = bytes(keys_[key].place);
-    return place.substr(place.rfind(LAST) + 1);  // only called for children, which have one
+void snapshot::set_value(uint32_t key, std::string_view value) {
+    keys_[key].value_at = static_cast<uint32_t>(bytes_.size());
+    keys_[key].value_size = static_cast<uint32_t>(value.size());
+    put(room(value.size()), value);
 }
 
 }  // namespace keyview::host

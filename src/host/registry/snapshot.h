@@ -1,67 +1,152 @@
-// A private copy of a part of the tree, as of one moment: what the holder of a lock reads.
+// A private copy of a key and of what is below it, as of one moment.
 //
-// Flat: one block of bytes with all names and values, and the keys sorted by their place below the
-// top: each element of the rest of the path behind 0x01, the last one behind 0x00, by memcmp. So
-// the children of a key stand side by side, and a list is followed by what the list holds.
+// Flat: one block of bytes with all paths and values, and a row for each key. The children of a key
+// are rows side by side, in order of their names. A search tries the steps that led to the latest
+// keys first: a reader goes through lists of one shape, and asks for the same of each.
 #ifndef KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
 #define KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "host/registry/path.h"
 #include "host/registry/store.h"
+#include "host/support/export.h"
 
 namespace keyview::host {
 
-class snapshot {
+// Bytes that are only ever added.
+class byte_block {
+  public:
+    size_t size() const { return size_; }
+    size_t capacity() const { return capacity_; }
+    const char *at(size_t offset) const { return bytes_.get() + offset; }
+
+    // Room for that many bytes behind all others. It is valid until the next call.
+    char *add(size_t more) {
+        if (more > capacity_ - size_) grow(more);
+        size_ += more;
+        return bytes_.get() + size_ - more;
+    }
+
+  private:
+    void grow(size_t more);
+
+    std::unique_ptr<char[]> bytes_;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+};
+
+class KEYVIEW_HOST_API snapshot {
   public:
     static constexpr uint32_t NONE = UINT32_MAX;
+    static constexpr uint32_t TOP = 0;
 
-    // Reads what a lock covers; a part of the tree that does not exist gives an empty snapshot.
-    snapshot(store *keys, const lock_cover &cover);
+    snapshot(std::string_view top, reach depth) : depth_(depth), top_(top) {}
 
-    // Whether the snapshot knows about the key, be it there or not; and about its children.
+    // ---- Filling ----
+    // The top first. Then the lists of all keys that have children, a key's own list before those
+    // of its children. children is always how many children a key has in the registry.
+
+    void add_top(std::string_view value, uint32_t children);
+
+    // Begins a list. key is the path of the key that it belongs to, with a separator of the
+    // store's; it is kept by reference until all is filled. False if another list must come first.
+    [[nodiscard]] bool begin_list(std::string_view key, char separator);
+
+    // Adds a key to the list; false if it does not come behind the one before.
+    [[nodiscard]] bool add(std::string_view name, std::string_view value, uint32_t children);
+
+    // Ends the filling; false if a list is not complete.
+    [[nodiscard]] bool complete() { return next_key() == NONE && list_of_ == NONE; }
+
+    // ---- Reading ----
+
+    // Whether the copy knows about a key, be it there or not; and about its children.
     bool tells(std::string_view path) const;
-    bool tells_children(uint32_t key) const { return !cover_.children_only || key == 0; }
+    bool tells_children(uint32_t key) const {
+        return depth_ == reach::all_below || (depth_ == reach::children && key == TOP);
+    }
 
-    // The index of a key that the snapshot tells about; NONE if it is not there.
+    bool tells_all() const { return depth_ == reach::all_below; }
+    std::string_view top() const { return top_; }
+
+    // What the copy takes of memory.
+    size_t bytes() const { return bytes_.capacity() + keys_.capacity() * sizeof(row); }
+
+    // A key that the copy tells about; NONE if it is not there.
     uint32_t find(std::string_view path);
 
-    std::string path(uint32_t key) const;
-    std::string_view value(uint32_t key) const { return bytes(keys_[key].value); }
-    void set_value(uint32_t key, std::string_view value) { keys_[key].value = keep(value); }
+    // The same, quickly, for any path; NONE if it is not where a reader goes next, too.
+    uint32_t guess(std::string_view path) {
+        for (uint32_t step : {step_, step_before_}) {
+            uint32_t key = latest_ + step;
+            if (key < size() && this->path(key) == path) return found(key);
+        }
+        return NONE;
+    }
 
-    // The children of a key are first .. first + count - 1; the name is a key's last element.
+    uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
+    std::string_view path(uint32_t key) const {
+        return {bytes_.at(keys_[key].path_at), keys_[key].path_size};
+    }
+    std::string_view name(uint32_t key) const { return path(key).substr(keys_[key].name_at); }
+    std::string_view value(uint32_t key) const {
+        return {bytes_.at(keys_[key].value_at), keys_[key].value_size};
+    }
+    void set_value(uint32_t key, std::string_view value);
+
+    // The children of a key are first .. first + count - 1.
     struct range {
         uint32_t first;
         uint32_t count;
     };
-    range children(uint32_t key) const;
-    std::string_view name(uint32_t key) const;
+    range children(uint32_t key) const { return {keys_[key].first, keys_[key].count}; }
 
   private:
-    struct span {
-        uint32_t at;
-        uint32_t size;
+    struct row {
+        uint32_t path_at;
+        uint16_t path_size;
+        uint16_t name_at;  // within the path
+        uint32_t value_at;
+        uint32_t value_size;
+        uint32_t first;
+        uint32_t count;
     };
-    struct entry {
-        span place;
-        span value;
+    // Keys of one list whose own lists are still to come.
+    struct open_range {
+        uint32_t next;
+        uint32_t end;
+        std::string_view list;
     };
 
-    void add(std::string_view path, std::string_view value);
-    void load(store *keys);
-    span keep(std::string_view text);
-    std::string_view bytes(span s) const { return std::string_view(bytes_).substr(s.at, s.size); }
-    uint32_t first_from(std::string_view place) const;
+    char *room(size_t more);
+    uint32_t next_key();
+    void put_row(std::string_view name, std::string_view value, uint32_t children);
+    uint32_t child(uint32_t parent, std::string_view name) const;
+    uint32_t found(uint32_t key) {
+        step_before_ = step_;
+        step_ = key - latest_;
+        latest_ = key;
+        return key;
+    }
 
-    lock_cover cover_;
-    std::string bytes_;
-    std::vector<entry> keys_;
-    uint32_t next_ = 0;  // behind the key found last: readers mostly go on from there
+    reach depth_;
+    std::string top_;
+    byte_block bytes_;
+    std::vector<row> keys_;
+
+    // Between the keys that were found last; differences modulo 2^32.
+    uint32_t latest_ = TOP;
+    uint32_t step_ = 0;
+    uint32_t step_before_ = 1;
+
+    // While it is filled.
+    std::vector<open_range> to_come_;
+    std::string_view list_;
+    uint32_t list_of_ = NONE;
 };
 
 }  // namespace keyview::host

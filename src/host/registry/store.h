@@ -3,13 +3,12 @@
 //
 // A path is a key's elements joined by ".". A failure is thrown as a host_error
 // (host/support/error.h) whose text names the path and the cause. A store may be used by several
-// threads at once. What is delivered to a sink was read before the first call of the sink, so a
-// sink may take its time and use the store.
+// threads at once.
 #ifndef KEYVIEW_HOST_REGISTRY_STORE_H
 #define KEYVIEW_HOST_REGISTRY_STORE_H
 
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +18,7 @@
 namespace keyview::host {
 
 class held_lock;
+class snapshot;
 
 // One key of a change set. put creates the key, its missing parents (with empty values) included,
 // or replaces its value; a value that is there already is not written again. remove deletes the key
@@ -37,27 +37,41 @@ struct change_counts {
     uint64_t removed = 0;   // what was below included
 };
 
+// How far a reading goes below its key.
+enum class reach { key_alone, children, all_below };
+
+// The tree as of one moment, for the thread that asked for it. It may keep room in use that a
+// store wants back: for short work only.
+class KEYVIEW_HOST_API moment {
+  public:
+    moment() = default;
+    moment(const moment &) = delete;
+    moment &operator=(const moment &) = delete;
+    virtual ~moment() = default;
+
+    // The same number means the same tree. Never 0.
+    virtual uint64_t revision() = 0;
+
+    // Reads the value of one key; false if there is no such key.
+    virtual bool read(std::string_view path, std::string *value) = 0;
+
+    // Copies a key with its children or all that is below it into a snapshot that was made for this
+    // and holds nothing yet; false if there is no such key.
+    virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
+};
+
+// Ends the moments that the views of this thread's locks still need, by copying what they show. For
+// a store that is about to wait for the end of all moments.
+void let_go_of_moments();
+
 class KEYVIEW_HOST_API store {
   public:
-    // Receives a key and its value. The views end with the call.
-    using row_sink = std::function<void(std::string_view path, std::string_view value)>;
-
     store() = default;
     store(const store &) = delete;
     store &operator=(const store &) = delete;
     virtual ~store() = default;
 
-    // Reads the value of one key; false if there is no such key.
-    virtual bool read(std::string_view path, std::string *value) = 0;
-
-    // Delivers the children of a key in order, by path and value; false if there is no such key.
-    // count, called first, tells how many.
-    virtual bool read_children(std::string_view path, const std::function<void(uint32_t)> &count,
-                               const row_sink &sink) = 0;
-
-    // Delivers a key and all that is below it, from one moment; false if there is no such key. A
-    // key comes before its children; children of one key come in their order.
-    virtual bool read_subtree(std::string_view path, const row_sink &sink) = 0;
+    virtual std::unique_ptr<moment> now() = 0;
 
     // Replaces the value of an existing key; false if there is no such key. Where fence is given,
     // nothing is written unless that lock is still held.

@@ -1,0 +1,169 @@
+// What the holder of a lock sees.
+#include "host/registry/locked_view.h"
+
+#include <algorithm>
+
+namespace keyview::host {
+
+// Whoever looks up more keys than this one by one is on the way to read everything.
+static constexpr size_t MOST_SINGLE_KEYS = 32;
+
+// What a registry handle keeps.
+static constexpr size_t MOST_KEPT = 8;
+static constexpr size_t MOST_KEPT_BYTES = size_t{16} << 20;
+
+static constexpr uint64_t NO_REVISION = 0;
+
+// ---- Copies that outlive a lock -----------------------------------------------------------------
+
+size_t copies::bytes() const {
+    size_t sum = asked.capacity() * sizeof(copied_key);
+    for (const auto &part : parts)
+        sum += part->bytes();
+    for (const auto &single : single_keys)
+        sum += single->bytes();
+    return sum;
+}
+
+std::shared_ptr<copies> kept_copies::take(std::string_view top, uint64_t revision) {
+    size_t room = MOST_KEPT_BYTES;
+    auto is_stale = [&](const std::shared_ptr<copies> &one) { return one->revision != revision; };
+    all_.erase(std::remove_if(all_.begin(), all_.end(), is_stale), all_.end());
+    auto known = std::find_if(all_.begin(), all_.end(),
+                              [&](const std::shared_ptr<copies> &one) { return one->top == top; });
+    if (known == all_.end()) {
+        all_.push_back(std::make_shared<copies>(copies{std::string(top), revision, {}, {}, {}}));
+    } else {
+        std::rotate(known, known + 1, all_.end());
+    }
+    std::shared_ptr<copies> taken = all_.back();
+    // The latest ones stay, those just taken among them only if they are not too large themselves.
+    size_t kept = 0;
+    while (kept < std::min(all_.size(), MOST_KEPT) && all_[all_.size() - 1 - kept]->bytes() <= room)
+        room -= all_[all_.size() - 1 - kept++]->bytes();
+    all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
+    return taken;
+}
+
+// ---- The view -----------------------------------------------------------------------------------
+
+bool locked_view::tells(const lock_cover &cover, std::string_view path) {
+    if (cover.path.empty() || !path_within(path, cover.path)) return false;
+    if (!cover.children_only || path.size() == cover.path.size()) return true;
+    return path.find('.', cover.path.size() + 1) == path.npos;
+}
+
+bool locked_view::tells_children(const lock_cover &cover, std::string_view path) {
+    return tells(cover, path) && (!cover.children_only || path.size() == cover.path.size());
+}
+
+void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
+    if (copies_ != nullptr) return;
+    moment_ = reader.keys->now();
+    copies_ = reader.kept->take(cover.path, moment_->revision());
+    if (!copies_->parts.empty()) return;
+    try {
+        (void)copy(cover.path, reach::children);
+    } catch (...) {
+        copies_.reset();
+        throw;
+    }
+}
+
+void locked_view::bring(snapshot *part, std::string_view path, std::string_view value) {
+    uint32_t key = part->tells(path) ? part->find(path) : snapshot::NONE;
+    if (key != snapshot::NONE) part->set_value(key, value);
+}
+
+// Makes a part, empty if the key is not there.
+copied_key locked_view::copy(std::string_view path, reach which) {
+    auto part = std::make_shared<snapshot>(path, which);
+    bool there = moment_->copy(path, which, part.get());
+    for (const auto &[changed, value] : changes_)
+        bring(part.get(), changed, value);
+    latest_ = copies_->parts.size();
+    copies_->parts.push_back(part);
+    return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
+}
+
+// From the parts; without a part if none tells about the key.
+copied_key locked_view::find_copy(std::string_view path) {
+    const auto &parts = copies_->parts;
+    if (latest_ < parts.size()) {
+        uint32_t key = parts[latest_]->guess(path);
+        if (key != snapshot::NONE) return {parts[latest_], key};
+    }
+    for (size_t i = parts.size(); i-- > 0;) {
+        if (!parts[i]->tells(path)) continue;
+        latest_ = i;
+        return {parts[i], parts[i]->find(path)};
+    }
+    for (const auto &single : copies_->single_keys) {
+        if (single->tells(path)) return {single, snapshot::TOP};
+    }
+    return {};
+}
+
+copied_key locked_view::look_up(const lock_cover &cover, std::string_view path) {
+    if (moment_ == nullptr || !moment_->read(path, &value_)) return {};
+    if (copies_->single_keys.size() == MOST_SINGLE_KEYS) {
+        copy_out(cover);
+        return find_copy(path);
+    }
+    auto single = std::make_shared<snapshot>(path, reach::key_alone);
+    single->add_top(value_, 0);
+    for (const auto &[changed, value] : changes_)
+        bring(single.get(), changed, value);
+    copies_->single_keys.push_back(single);
+    return {std::move(single), snapshot::TOP};
+}
+
+copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
+                             std::string_view path) {
+    look(reader, cover);
+    copied_key found;
+    if (find_again(path, &found)) return found;
+    found = find_copy(path);
+    if (found.part == nullptr) found = look_up(cover, path);
+    if (found.key != snapshot::NONE) {
+        copies_->asked.resize(std::min(next_++, copies_->asked.size()));
+        copies_->asked.push_back(found);
+    }
+    return found;
+}
+
+copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,
+                                  std::string_view path) {
+    look(reader, cover);
+    const auto &parts = copies_->parts;
+    for (size_t i = parts.size(); i-- > 0;) {
+        if (!parts[i]->tells(path)) continue;
+        uint32_t key = parts[i]->find(path);
+        if (key == snapshot::NONE || !parts[i]->tells_children(key)) continue;
+        latest_ = i;
+        return {parts[i], key};
+    }
+    return moment_ == nullptr ? copied_key() : copy(path, reach::all_below);
+}
+
+void locked_view::note_value(std::string_view path, std::string_view value) {
+    if (copies_ == nullptr) return;
+    copies_->revision = NO_REVISION;
+    for (const auto &part : copies_->parts)
+        bring(part.get(), path, value);
+    for (const auto &single : copies_->single_keys)
+        bring(single.get(), path, value);
+    if (moment_ != nullptr) changes_.emplace_back(path, value);
+}
+
+void locked_view::copy_out(const lock_cover &cover) {
+    if (moment_ == nullptr) return;
+    bool whole = cover.children_only;
+    for (const auto &part : copies_->parts)
+        whole = whole || (part->tells_all() && part->top() == cover.path);
+    if (!whole) (void)copy(cover.path, reach::all_below);
+    moment_.reset();
+    changes_.clear();
+}
+
+}  // namespace keyview::host

@@ -1,0 +1,102 @@
+// What the holder of a lock sees of the part of the tree that the lock covers: one moment, that of
+// its first look, with its own changes.
+//
+// The top and its children are copied at the first look, because that is where most questions go.
+// A key further down is looked up alone, until its children are asked for: then all below it is
+// copied in one pass, because a reader of a list goes through what is in it.
+//
+// A registry handle keeps the copies. Whoever takes a lock again while the registry still has the
+// same revision goes on with them.
+#ifndef KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
+#define KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "host/registry/path.h"
+#include "host/registry/snapshot.h"
+#include "host/registry/store.h"
+
+namespace keyview::host {
+
+// A key of a copy.
+struct copied_key {
+    std::shared_ptr<snapshot> part;
+    uint32_t key = snapshot::NONE;  // NONE if it is not there
+};
+
+// What was copied of one part of the tree as of one revision.
+struct copies {
+    std::string top;
+    uint64_t revision;
+    std::vector<std::shared_ptr<snapshot>> parts;  // the top with its children first
+    std::vector<std::shared_ptr<snapshot>> single_keys;
+    std::vector<copied_key> asked;  // in the order of the latest reader
+
+    size_t bytes() const;
+};
+
+// The copies that a registry handle keeps, up to a bound.
+class kept_copies {
+  public:
+    // Those of that revision, or new ones without a part.
+    std::shared_ptr<copies> take(std::string_view top, uint64_t revision);
+
+  private:
+    std::vector<std::shared_ptr<copies>> all_;  // the latest last
+};
+
+// Who reads: where the keys are and what was copied before.
+struct tree_reader {
+    store *keys;
+    kept_copies *kept;
+};
+
+class locked_view {
+  public:
+    // Whether the view has the answer for a key, or for its list.
+    static bool tells(const lock_cover &cover, std::string_view path);
+    static bool tells_children(const lock_cover &cover, std::string_view path);
+
+    // Answers for what the view tells.
+    copied_key find(const tree_reader &reader, const lock_cover &cover, std::string_view path);
+    copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
+
+    // Looks whether the key is the one that the reader before asked for at this point.
+    bool find_again(std::string_view path, copied_key *found) {
+        if (copies_ == nullptr || next_ >= copies_->asked.size()) return false;
+        const copied_key &expected = copies_->asked[next_];
+        if (expected.part->path(expected.key) != path) return false;
+        *found = expected;
+        ++next_;
+        return true;
+    }
+
+    // Brings a value that the holder set into the view.
+    void note_value(std::string_view path, std::string_view value);
+
+    // Copies what was not copied yet and lets go of the store.
+    void copy_out(const lock_cover &cover);
+
+  private:
+    void look(const tree_reader &reader, const lock_cover &cover);
+    copied_key find_copy(std::string_view path);
+    copied_key look_up(const lock_cover &cover, std::string_view path);
+    copied_key copy(std::string_view path, reach which);
+    void bring(snapshot *part, std::string_view path, std::string_view value);
+
+    std::unique_ptr<moment> moment_;  // null before the first look, and after copy_out
+    std::shared_ptr<copies> copies_;  // null before the first look
+    size_t latest_ = 0;               // the part that had the latest answer
+    size_t next_ = 0;                 // in copies_->asked
+    std::vector<std::pair<std::string, std::string>> changes_;  // since the moment
+    std::string value_;
+};
+
+}  // namespace keyview::host
+
+#endif
