@@ -42,7 +42,10 @@ bench:
 	@packaging/install-packages build bench
 	@cmake --preset release -DKEYVIEW_BENCH=ON >/dev/null
 	@cmake --build $(BUILD)/release
-	@bench/library-cost $(BUILD)/release
+	@status=0; \
+	bench/library-cost $(BUILD)/release || status=1; \
+	$(BUILD)/release/bin/keyview_bench || status=1; \
+	exit $$status
 
 install: all
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)

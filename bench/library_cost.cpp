@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/workload.h"
 #include "keyview/if/prsr.h"
 #include "platform/kvtc.h"
 #include "platform/lksv.h"
@@ -70,51 +71,9 @@ const tree_key *find(const char *path) {
     return nullptr;
 }
 
-void add(const std::string &path, const std::string &text) {
-    tree.push_back({path, text.empty() ? text : text + '\0', {}});
-}
-
-void add_service(const std::string &path, const std::string &name, int instances) {
-    add(path, name);
-    add(path + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
-    add(path + ".RCNPOLICY", "BASIC");
-    add(path + ".ENABLED", "true");
-    add(path + ".INSTANCES", "");
-    for (int i = 1; i <= instances; ++i) {
-        const std::string instance = path + ".INSTANCES.sales" + std::to_string(i);
-        add(instance, "Sales" + std::to_string(i));
-        add(instance + ".TYPE", i % 2 == 0 ? "AVAILABLE" : "PREFERRED");
-        add(instance + ".ENABLED", "true");
-    }
-}
-
-void fill_tree(int instances, int services) {
-    const std::string db = "DATABASE.DATABASES.sales";
-    const char *const fields[][2] = {
-        {".DB_CLU_ALIAS", ""},       {".DB_CLU_ALIAS.IP", "10.1.0.100"},
-        {".TALVEN_HOME", "/opt/db"}, {".SPFILE", "+DATA/sales/spfile.ora"},
-        {".DB_NAME", "sales"},       {".ROLE", "PRIMARY"},
-        {".START_OPTIONS", "open"},  {".POLICY", "AUTOMATIC"},
-        {".DOMAIN", "example.com"},  {".ENABLED", "true"},
-        {".INSTANCE", ""},           {".SERVICE", ""},
-    };
-    add(db, "Sales");
-    for (const auto &field : fields)
-        add(db + field[0], field[1]);
-    add(db + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
-    for (int i = 1; i <= instances; ++i) {
-        const std::string instance = db + ".INSTANCE.sales" + std::to_string(i);
-        add(instance, "Sales" + std::to_string(i));
-        add(instance + ".NODE", "node" + std::to_string(i));
-        add(instance + ".ENABLED", "true");
-        add(instance + ".ENVIRONMENT", std::string("LANG=C\0TZ=UTC\0", 14));
-    }
-    for (int i = 1; i <= services; ++i) {
-        const std::string name = "orders" + std::to_string(i) + "*example*com";
-        std::string own = name;
-        std::replace(own.begin(), own.end(), '*', '.');
-        add_service(db + ".SERVICE." + name, own, instances);
-    }
+void fill_tree() {
+    for (const auto &key : keyview::bench::record_keys(keyview::bench::TYPICAL))
+        tree.push_back({key.path, key.value, {}});
     std::sort(tree.begin(), tree.end(),
               [](const tree_key &a, const tree_key &b) { return a.path < b.path; });
     for (size_t i = 0; i < tree.size(); ++i) {
@@ -241,11 +200,11 @@ int32_t txtrep(char *, uint64_t, uint64_t, const char *, uint64_t, const char *,
 // ---- The run ------------------------------------------------------------------------------------
 
 int main() {
-    fill_tree(8, 20);
+    fill_tree();
     prsr_ctx *ctx = nullptr;
     prsr_cfg *cfg = nullptr;
     int32_t rc = prsr_init(nullptr, &ctx);
-    if (rc == PRSR_SUCCESS) rc = prsr_fetch_db_config(nullptr, ctx, "sales", &cfg);
+    if (rc == PRSR_SUCCESS) rc = prsr_fetch_db_config(nullptr, ctx, "typical", &cfg);
     if (rc != PRSR_SUCCESS || cfg->instance_count != 8 || cfg->service_count != 20 ||
         cfg->services[19]->preferred_count != 4 || cfg->services[0]->available_enabled[3] != 1) {
         std::fprintf(stderr, "library_cost: the fetch went wrong, code %d\n", rc);

@@ -1,0 +1,24 @@
+// fetch_once URL DATABASE [N]: a program that only fetches a record, and with N that many times.
+// Under callgrind the last fetch alone is counted.
+#include <stdlib.h>
+#include <valgrind/callgrind.h>
+
+#include "host/if/keyview_host.h"
+#include "keyview/if/prsr.h"
+
+int main(int argc, char **argv) {
+    if (argc < 3 || keyview_host_set_registry(argv[1]) != 0) return 2;
+    const int fetches = argc > 3 ? atoi(argv[3]) : 1;
+    char status[256] = {};
+    prsr_ctx *ctx = nullptr;
+    int32_t rc = prsr_init(status, &ctx);
+    if (rc != PRSR_SUCCESS) return rc;
+    for (int i = 0; i < fetches && rc == PRSR_SUCCESS; ++i) {
+        prsr_cfg *cfg = nullptr;
+        CALLGRIND_ZERO_STATS;
+        rc = prsr_fetch_db_config(status, ctx, argv[2], &cfg);
+        if (rc == PRSR_SUCCESS) (void)prsr_release_db_config(status, ctx, cfg);
+    }
+    (void)prsr_terminate(status, ctx);
+    return rc;
+}

@@ -1,0 +1,39 @@
+// Fills registries through the host kit's store, which takes exact keys.
+#include "bench/registry.h"
+
+#include "bench/failure.h"
+#include "host/if/keyview_host.h"
+#include "host/registry/backend.h"
+
+namespace keyview::bench {
+
+std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys) {
+    std::vector<host::change> changes;
+    for (const tree_key &key : keys)
+        changes.push_back({host::change::kind::put, key.path, key.value});
+    const std::string url = "lmdb:" + directory;
+    host::open_backend(url, host::open_mode::create).keys->apply(changes);
+    return url;
+}
+
+std::string make_record_registry(const std::string &directory) {
+    std::vector<tree_key> keys;
+    for (const record_size &size : {SMALL, TYPICAL, LARGE, BUSY}) {
+        const std::vector<tree_key> more = record_keys(size);
+        keys.insert(keys.end(), more.begin(), more.end());
+    }
+    return make_registry(directory, keys);
+}
+
+session::session(const std::string &url) {
+    require(keyview_host_set_registry(url.c_str()) == 0, keyview_host_last_error());
+    require(prsr_init(status, &ctx) == PRSR_SUCCESS, keyview_host_last_error());
+}
+
+void session::fetch(const char *database) {
+    prsr_cfg *cfg = nullptr;
+    require(prsr_fetch_db_config(status, ctx, database, &cfg) == PRSR_SUCCESS, "the fetch failed");
+    (void)prsr_release_db_config(status, ctx, cfg);  // a live context cannot fail it
+}
+
+}  // namespace keyview::bench

@@ -1,0 +1,37 @@
+// The registries that the library is measured on, and a context on one of them.
+#ifndef KEYVIEW_BENCH_REGISTRY_H
+#define KEYVIEW_BENCH_REGISTRY_H
+
+#include <string>
+#include <vector>
+
+#include "bench/workload.h"
+#include "keyview/if/prsr.h"
+
+namespace keyview::bench {
+
+// The registry that most rows use holds the three records and the one that writers change.
+constexpr record_size BUSY = {"Busy", 2, 3};
+
+// Makes a registry in a new directory and puts the keys in; gives its URL.
+std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys);
+std::string make_record_registry(const std::string &directory);
+
+// A context of the library on a registry.
+class session {
+  public:
+    explicit session(const std::string &url);
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
+    ~session() { (void)prsr_terminate(status, ctx); }
+
+    // Fetches and releases: what a caller does.
+    void fetch(const char *database);
+
+    char status[256] = {};
+    prsr_ctx *ctx = nullptr;
+};
+
+}  // namespace keyview::bench
+
+#endif

@@ -1,0 +1,57 @@
+// Whole programs: what a fetch costs in a process that does nothing else, and the instructions that
+// a warm fetch takes in all its libraries together.
+#include <fstream>
+
+#include "bench/child.h"
+#include "bench/failure.h"
+#include "bench/peer_sqlite.h"
+#include "bench/registry.h"
+#include "bench/rows.h"
+#include "bench/scratch.h"
+
+namespace keyview::bench {
+
+constexpr char FRESH[] = "process that fetches once / process that selects once from SQLite";
+constexpr char INSTRUCTIONS[] = "instructions per key of a fetch typical, whole process";
+
+void process_rows(const bench_setup &setup) {
+    if (!setup.to->wants({FRESH})) return;
+    const std::string file = setup.directory + "/fresh.sqlite";
+    // Both stores are open in this process meanwhile: neither program is the first or last user.
+    const session reader(setup.url);
+    const sqlite_peer peer(file, peer_rows(record_keys(TYPICAL)));
+    const std::string database = folded(TYPICAL.database);
+    const std::string programs = program_directory();
+    const auto figures =
+        interleave({101, 0}, {[&] {
+                                  run_program({programs + "/fetch_once", setup.url, database});
+                              },
+                              [&] {
+                                  run_program({programs + "/select_once", file, database});
+                              }});
+    setup.to->ratio(FRESH, figures[0], figures[1], 1.2);
+}
+
+// The line "summary: N" of callgrind's output file.
+static double total_of(const std::string &file) {
+    std::ifstream lines(file);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, 9, "summary: ") == 0) return std::stod(line.substr(9));
+    }
+    throw std::runtime_error("callgrind wrote no summary");
+}
+
+void instruction_rows(const bench_setup &setup) {
+    if (!setup.to->wants({INSTRUCTIONS})) return;
+    const std::string out = setup.directory + "/callgrind.out";
+    run_program({"valgrind", "-q", "--tool=callgrind", "--callgrind-out-file=" + out,
+                 "--collect-atstart=no", "--toggle-collect=prsr_fetch_db_config",
+                 program_directory() + "/fetch_once", setup.url, folded(TYPICAL.database), "2"});
+    const auto keys = static_cast<double>(record_keys(TYPICAL).size());
+    const double total = total_of(out);
+    require(total > 0, "callgrind counted nothing");
+    setup.to->figure(INSTRUCTIONS, std::to_string(static_cast<long>(total)) + " instructions",
+                     std::to_string(static_cast<int>(keys)) + " keys", total / keys, 1300);
+}
+
+}  // namespace keyview::bench

@@ -1,0 +1,131 @@
+// Writes: a durable set beside what the disk asks for, a set that changes nothing, and a reader
+// beside a process that commits without pause.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "bench/child.h"
+#include "bench/failure.h"
+#include "bench/registry.h"
+#include "bench/rows.h"
+
+namespace keyview::bench {
+
+constexpr char DURABLE[] = "durable set of a flag / pwrite 4 KiB + fdatasync";
+constexpr char UNCHANGED[] = "set to the stored value / durable set";
+constexpr char BESIDE_WRITER[] = "fetch typical beside endless commits / quiet";
+
+namespace {
+
+// One block of a file that is written again and again, each time to the disk.
+struct synced_block {
+    explicit synced_block(const std::string &file)
+        : fd(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+        require_call(fd >= 0, "open");
+        write();
+    }
+    synced_block(const synced_block &) = delete;
+    synced_block &operator=(const synced_block &) = delete;
+    ~synced_block() { close(fd); }
+
+    void write() {
+        ++block[0];
+        require_call(pwrite(fd, block, sizeof block, 0) == sizeof block, "pwrite");
+        require_call(fdatasync(fd) == 0, "fdatasync");
+    }
+
+    int fd;
+    char block[4096] = {};
+};
+
+}  // namespace
+
+static void set_flag(session *writer, const char *database, int32_t enabled) {
+    require(prsr_set_db_enabled(writer->status, writer->ctx, database, enabled) == PRSR_SUCCESS,
+            "the set failed");
+}
+
+// A set that does not show in a later read would be a fast one.
+static void verify_set(session *writer, const char *database) {
+    for (const int32_t wanted : {0, 1}) {
+        int32_t found = -1;
+        set_flag(writer, database, wanted);
+        require(
+            prsr_get_db_enabled(writer->status, writer->ctx, database, &found) == PRSR_SUCCESS &&
+                found == wanted,
+            "the set does not show");
+    }
+}
+
+static void measure_sets(const bench_setup &setup) {
+    if (!setup.to->wants({DURABLE, UNCHANGED})) return;
+    session writer(setup.url);
+    verify_set(&writer, BUSY.database);
+    verify_set(&writer, SMALL.database);
+    synced_block block(setup.registry_directory + "/block");
+    int32_t enabled = 0;
+    const auto figures = interleave(
+        {151, 4}, {[&] {
+                       set_flag(&writer, BUSY.database, enabled);
+                       enabled = 1 - enabled;
+                   },
+                   [&] { block.write(); }, [&] { set_flag(&writer, SMALL.database, 1); }});
+    setup.to->ratio(DURABLE, figures[0], figures[1], 1.9);
+    setup.to->ratio(UNCHANGED, figures[2], figures[0], 0.05);
+}
+
+// ---- Beside a writer ----------------------------------------------------------------------------
+
+// Fetches for a while, long enough for several commits beside it.
+static double time_fetches(session *reader) {
+    constexpr double AT_LEAST_US = 15000;
+    const double start = now_us();
+    double passed = 0;
+    int fetches = 0;
+    for (; passed < AT_LEAST_US; passed = now_us() - start, ++fetches)
+        reader->fetch(TYPICAL.database);
+    return passed / fetches;
+}
+
+static void commit_without_end(const std::string &url, std::atomic<int> *commits) {
+    session writer(url);
+    for (int32_t enabled = 0;; enabled = 1 - enabled) {
+        set_flag(&writer, BUSY.database, enabled);
+        ++*commits;
+    }
+}
+
+static void measure_beside_writer(const bench_setup &setup) {
+    if (!setup.to->wants({BESIDE_WRITER})) return;
+    constexpr int ROUNDS = 61;
+    shared<std::atomic<int>> commits;
+    child writer([&] { commit_without_end(setup.url, commits.operator->()); });
+    session reader(setup.url);
+    (void)time_fetches(&reader);
+    wait_until([&] { return commits->load() > 0; });
+
+    series beside;
+    series quiet;
+    int written = 0;
+    for (int round = 0; round < ROUNDS; ++round) {
+        writer.signal(SIGCONT);
+        sleep_us(3000);
+        const int before = commits->load();
+        beside.push_back(time_fetches(&reader));
+        written += commits->load() - before;
+        writer.signal(SIGSTOP);
+        sleep_us(1000);
+        quiet.push_back(time_fetches(&reader));
+    }
+    require(written > ROUNDS, "the writer did not commit");
+    setup.to->ratio(BESIDE_WRITER, beside, quiet, 1.5);
+}
+
+void write_rows(const bench_setup &setup) {
+    measure_sets(setup);
+    measure_beside_writer(setup);
+}
+
+}  // namespace keyview::bench
