@@ -57,7 +57,7 @@ int32_t registry_client::close(void *handle) {
     if (key == nullptr) return not_open();
     key->token = 0;
     key->next_free = std::exchange(first_free_, key);
-    key->part.reset();
+    key->copied.part.reset();
     key->list.reset();
     return KVTC_SUCCESS;
 }
@@ -66,12 +66,8 @@ int32_t registry_client::close(void *handle) {
 
 // From what the holder of a lock sees, else from the store.
 bool registry_client::read(std::string_view path, open_key *key) {
-    copied_key found;
-    if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &found)) {
-        if (found.key == snapshot::NONE) return false;
-        key->part = std::move(found.part);
-        key->index = found.key;
-        return true;
+    if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &key->copied)) {
+        return key->copied.part != nullptr;
     }
     if (!keys_->now()->read(path, &key->value)) return false;
     key->path = path;
@@ -89,13 +85,14 @@ int32_t registry_client::open(std::string_view path, void **handle) {
 }
 
 std::string_view registry_client::path_of(const open_key &key) {
-    return key.part != nullptr ? key.part->path(key.index) : key.path;
+    return key.copied.part != nullptr ? key.copied.part->path(key.copied.key) : key.path;
 }
 
 int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
-    std::string_view stored = key->part != nullptr ? key->part->value(key->index) : key->value;
+    std::string_view stored =
+        key->copied.part != nullptr ? key->copied.part->value(key->copied.key) : key->value;
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(stored.size());
     if (stored.size() > capacity) {
@@ -116,10 +113,10 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
         return no_such_key("set", path, "there is no such key any more");
     }
     mine.note_value(keys_.get(), path, value);
-    if (key->part == nullptr) {
+    if (key->copied.part == nullptr) {
         key->value = value;
-    } else if (key->part->value(key->index) != value) {
-        key->part->set_value(key->index, value);  // of a lock that was released
+    } else if (key->copied.part->value(key->copied.key) != value) {
+        key->copied.part->set_value(key->copied.key, value);  // of a lock that was released
     }
     return KVTC_SUCCESS;
 }
@@ -127,9 +124,9 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 // ---- Enumeration --------------------------------------------------------------------------------
 
 int32_t registry_client::list_children(open_key *key) {
-    uint32_t index = key->index;
-    if (key->part != nullptr && key->part->tells_children(index)) {
-        key->list = key->part;
+    uint32_t index = key->copied.key;
+    if (key->copied.part != nullptr && key->copied.part->tells_children(index)) {
+        key->list = key->copied.part;
     } else {
         std::string_view path = path_of(*key);
         copied_key found;

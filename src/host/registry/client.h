@@ -37,8 +37,7 @@ class registry_client {
         open_key *next_free = nullptr;
 
         // Either a key of a copy, or a path and the value read at the open.
-        std::shared_ptr<snapshot> part;
-        uint32_t index;
+        copied_key copied;
         std::string path;
         std::string value;
 

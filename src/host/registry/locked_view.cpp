@@ -125,10 +125,9 @@ copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
     if (find_again(path, &found)) return found;
     found = find_copy(path);
     if (found.part == nullptr) found = look_up(cover, path);
-    if (found.key != snapshot::NONE) {
-        copies_->asked.resize(std::min(next_++, copies_->asked.size()));
-        copies_->asked.push_back(found);
-    }
+    if (found.key == snapshot::NONE) return {};
+    copies_->asked.resize(std::min(next_++, copies_->asked.size()));
+    copies_->asked.push_back(found);
     return found;
 }
 

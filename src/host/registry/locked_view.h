@@ -23,10 +23,10 @@
 
 namespace keyview::host {
 
-// A key of a copy.
+// A key of a copy; without a part, or with NONE, if there is no such key.
 struct copied_key {
     std::shared_ptr<snapshot> part;
-    uint32_t key = snapshot::NONE;  // NONE if it is not there
+    uint32_t key = snapshot::NONE;
 };
 
 // What was copied of one part of the tree as of one revision.

@@ -14,7 +14,7 @@ namespace keyview::host {
 static constexpr unsigned SMALLEST_BITS = 4;
 static constexpr unsigned CLASSES = 9;
 static constexpr size_t LARGEST = size_t{1} << (SMALLEST_BITS + CLASSES - 1);
-static constexpr size_t MOST_KEPT_BYTES = size_t{1} << 18;  // of one class
+static constexpr size_t MOST_KEPT_BYTES = size_t{16} << 20;  // of one thread
 
 namespace {
 
@@ -29,7 +29,7 @@ enum : uint32_t { TAKEN = 0x4B56746B, GIVEN_BACK = 0x4B566766 };
 
 struct kept_blocks {
     head *first[CLASSES];
-    uint32_t count[CLASSES];
+    size_t bytes;
     bool registered;
     bool ended;
 };
@@ -42,6 +42,7 @@ static thread_local kept_blocks mine __attribute__((tls_model("initial-exec"))) 
 static void end_of_thread(void *blocks) {
     auto *kept = static_cast<kept_blocks *>(blocks);
     kept->ended = true;
+    kept->bytes = 0;
     for (head *&first : kept->first) {
         while (first != nullptr) {
             head *next = first->next;
@@ -68,6 +69,10 @@ static unsigned class_of(uint64_t size) {
     return 64 - static_cast<unsigned>(__builtin_clzll(size - 1)) - SMALLEST_BITS;
 }
 
+static size_t bytes_of(uint32_t size_class) {
+    return sizeof(head) + (size_t{1} << (size_class + SMALLEST_BITS));
+}
+
 static void *fresh_block(uint64_t size, uint32_t size_class) {
     if (size > PTRDIFF_MAX - sizeof(head)) return nullptr;
     auto *made = static_cast<head *>(calloc(1, sizeof(head) + size));
@@ -82,8 +87,9 @@ void *take_block(uint64_t size) noexcept {
     unsigned size_class = class_of(size);
     head *kept = mine.first[size_class];
     if (kept == nullptr) return fresh_block(size_t{1} << (size_class + SMALLEST_BITS), size_class);
+    __builtin_prefetch(kept->next);
     mine.first[size_class] = kept->next;
-    --mine.count[size_class];
+    mine.bytes -= bytes_of(size_class);
     kept->state = TAKEN;
     return memset(kept + 1, 0, size);
 }
@@ -97,12 +103,11 @@ void give_back_block(void *block) noexcept {
     }
     given->state = GIVEN_BACK;
     uint32_t size_class = given->size_class;
-    bool full = size_class == CLASSES ||
-                mine.count[size_class] >= MOST_KEPT_BYTES >> (size_class + SMALLEST_BITS);
+    bool full = size_class == CLASSES || mine.bytes + bytes_of(size_class) > MOST_KEPT_BYTES;
     if (full || mine.ended || (!mine.registered && !register_thread())) return free(given);
     given->next = mine.first[size_class];
     mine.first[size_class] = given;
-    ++mine.count[size_class];
+    mine.bytes += bytes_of(size_class);
 }
 
 }  // namespace keyview::host
