@@ -17,11 +17,9 @@ static constexpr uint64_t NO_REVISION = 0;
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
 size_t copies::bytes() const {
-    size_t sum = asked.capacity() * sizeof(copied_key);
+    size_t sum = asked.capacity() * sizeof(asked.front());
     for (const auto &part : parts)
         sum += part->bytes();
-    for (const auto &single : single_keys)
-        sum += single->bytes();
     return sum;
 }
 
@@ -32,7 +30,7 @@ std::shared_ptr<copies> kept_copies::take(std::string_view top, uint64_t revisio
     auto known = std::find_if(all_.begin(), all_.end(),
                               [&](const std::shared_ptr<copies> &one) { return one->top == top; });
     if (known == all_.end()) {
-        all_.push_back(std::make_shared<copies>(copies{std::string(top), revision, {}, {}, {}}));
+        all_.push_back(std::make_shared<copies>(copies{std::string(top), revision, {}, 0, {}}));
     } else {
         std::rotate(known, known + 1, all_.end());
     }
@@ -86,36 +84,39 @@ copied_key locked_view::copy(std::string_view path, reach which) {
     return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
 }
 
-// From the parts; without a part if none tells about the key.
-copied_key locked_view::find_copy(std::string_view path) {
+// From the latest part that tells about the key, which becomes latest_; false if none does.
+bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
     if (latest_ < parts.size()) {
-        uint32_t key = parts[latest_]->guess(path);
-        if (key != snapshot::NONE) return {parts[latest_], key};
+        *key = parts[latest_]->guess(path);
+        if (*key != snapshot::NONE) return true;
     }
     for (size_t i = parts.size(); i-- > 0;) {
         if (!parts[i]->tells(path)) continue;
         latest_ = i;
-        return {parts[i], parts[i]->find(path)};
+        *key = parts[i]->find(path);
+        return true;
     }
-    for (const auto &single : copies_->single_keys) {
-        if (single->tells(path)) return {single, snapshot::TOP};
-    }
-    return {};
+    return false;
 }
 
-copied_key locked_view::look_up(const lock_cover &cover, std::string_view path) {
-    if (moment_ == nullptr || !moment_->read(path, &value_)) return {};
-    if (copies_->single_keys.size() == MOST_SINGLE_KEYS) {
+// The key alone, as a part.
+uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
+    uint32_t key = snapshot::NONE;
+    if (moment_ == nullptr || !moment_->read(path, &value_)) return key;
+    if (copies_->single_keys == MOST_SINGLE_KEYS) {
         copy_out(cover);
-        return find_copy(path);
+        (void)find_copy(path, &key);  // a part tells about everything now
+        return key;
     }
-    auto single = std::make_shared<snapshot>(path, reach::key_alone);
-    single->add_top(value_, 0);
+    auto part = std::make_shared<snapshot>(path, reach::key_alone);
+    part->add_top(value_, 0);
     for (const auto &[changed, value] : changes_)
-        bring(single.get(), changed, value);
-    copies_->single_keys.push_back(single);
-    return {std::move(single), snapshot::TOP};
+        bring(part.get(), changed, value);
+    latest_ = copies_->parts.size();
+    copies_->parts.push_back(std::move(part));
+    ++copies_->single_keys;
+    return snapshot::TOP;
 }
 
 copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
@@ -123,11 +124,11 @@ copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
     look(reader, cover);
     copied_key found;
     if (find_again(path, &found)) return found;
-    found = find_copy(path);
-    if (found.part == nullptr) found = look_up(cover, path);
-    if (found.key == snapshot::NONE) return {};
+    if (!find_copy(path, &found.key)) found.key = look_up(cover, path);
+    if (found.key == snapshot::NONE) return found;
     copies_->asked.resize(std::min(next_++, copies_->asked.size()));
-    copies_->asked.push_back(found);
+    copies_->asked.emplace_back(latest_, found.key);
+    found.part = copies_->parts[latest_];
     return found;
 }
 
@@ -150,8 +151,6 @@ void locked_view::note_value(std::string_view path, std::string_view value) {
     copies_->revision = NO_REVISION;
     for (const auto &part : copies_->parts)
         bring(part.get(), path, value);
-    for (const auto &single : copies_->single_keys)
-        bring(single.get(), path, value);
     if (moment_ != nullptr) changes_.emplace_back(path, value);
 }
 

@@ -34,8 +34,10 @@ struct copies {
     std::string top;
     uint64_t revision;
     std::vector<std::shared_ptr<snapshot>> parts;  // the top with its children first
-    std::vector<std::shared_ptr<snapshot>> single_keys;
-    std::vector<copied_key> asked;  // in the order of the latest reader
+    size_t single_keys = 0;                        // how many parts are a key alone
+
+    // What the latest reader asked for, in order: a part and a key of it.
+    std::vector<std::pair<uint32_t, uint32_t>> asked;
 
     size_t bytes() const;
 };
@@ -69,9 +71,9 @@ class locked_view {
     // Looks whether the key is the one that the reader before asked for at this point.
     bool find_again(std::string_view path, copied_key *found) {
         if (copies_ == nullptr || next_ >= copies_->asked.size()) return false;
-        const copied_key &expected = copies_->asked[next_];
-        if (expected.part->path(expected.key) != path) return false;
-        *found = expected;
+        auto [part, key] = copies_->asked[next_];
+        if (copies_->parts[part]->path(key) != path) return false;
+        *found = {copies_->parts[part], key};
         ++next_;
         return true;
     }
@@ -84,8 +86,8 @@ class locked_view {
 
   private:
     void look(const tree_reader &reader, const lock_cover &cover);
-    copied_key find_copy(std::string_view path);
-    copied_key look_up(const lock_cover &cover, std::string_view path);
+    bool find_copy(std::string_view path, uint32_t *key);
+    uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
     void bring(snapshot *part, std::string_view path, std::string_view value);
 
