@@ -5,8 +5,6 @@
 #include "host/embedded/file_locks.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -58,33 +56,6 @@ void lock_descriptors::give_back(int fd) noexcept {
     close_parent_only(fd);
 }
 
-// ---- Hints --------------------------------------------------------------------------------------
-
-lock_hints::~lock_hints() {
-    if (words_ != nullptr) munmap(words_, SIZE);
-}
-
-static host_error cannot_map(const registry_directory &directory) {
-    return host_error(failure::lock, "the lock file of the registry in '" + directory.path() +
-                                         "' cannot be mapped: " + strerror(errno));
-}
-
-std::atomic<uint32_t> *lock_hints::map(const registry_directory &directory) {
-    unique_fd fd(
-        openat(directory.fd(), registry_directory::LOCK_FILE, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-    if (!fd.valid()) throw cannot_open(directory);
-    struct stat found = {};
-    if (fstat(fd.get(), &found) != 0) throw cannot_map(directory);
-    if (found.st_size < off_t{SIZE} && ftruncate(fd.get(), SIZE) != 0) throw cannot_map(directory);
-    void *mapped = mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (mapped == MAP_FAILED) throw cannot_map(directory);
-    auto *words = static_cast<std::atomic<uint32_t> *>(mapped);
-    std::atomic<uint32_t> *known = nullptr;
-    if (words_.compare_exchange_strong(known, words)) return words;
-    munmap(mapped, SIZE);  // another thread was faster
-    return known;
-}
-
 // ---- Byte ranges --------------------------------------------------------------------------------
 
 static struct flock byte_at(off_t at, int type) {
@@ -122,17 +93,16 @@ struct lock_place {
     off_t byte;
     off_t gate;
     off_t turn;
-    std::atomic<uint32_t> *hint;
+    shared_words::hint *hint;
 };
 
 }  // namespace
 
-static lock_place place_of_name(std::string_view name, lock_hints *hints,
-                                const registry_directory &directory) {
+static lock_place place_of_name(std::string_view name, shared_words *words) {
     uint64_t hash = XXH3_64bits(name.data(), name.size());
     uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
     auto byte = static_cast<off_t>(hash >> 2);
-    return {byte, byte + GATE, static_cast<off_t>(further >> 2) + GATE, hints->of(hash, directory)};
+    return {byte, byte + GATE, static_cast<off_t>(further >> 2) + GATE, words->hint_of(hash)};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -209,7 +179,7 @@ static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wa
 
 std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit) {
-    lock_place place = place_of_name(name, &hints_, *directory_);
+    lock_place place = place_of_name(name, &words_);
     auto lock = std::make_shared<file_lock>(shared_from_this());
     auto granted = [&] {
         return mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place);

@@ -4,8 +4,8 @@
 // holder keeps the gate from before its wait for the byte until its release, and a shared one only
 // passes if nobody keeps it, so that a writer is not held up for ever by readers that come and go.
 // To ask for the gate is a system call, which a reader saves while the hint of the name says that
-// there is no writer. A hint is a word of the file that a writer sets before each of its tries and
-// a reader that finds the gate open clears; a wrong one costs a call or lets a reader pass once
+// there is no writer. A hint is a word (shared_words.h) that a writer sets before each of its tries
+// and a reader that finds the gate open clears; a wrong one costs a call or lets a reader pass once
 // more, for only the byte decides who holds the lock. At a further hash + 2^62 lies the turn:
 // whoever could not have the gate at once waits for the turn first and gives it up with the gate in
 // hand, and nobody passes one who has the turn. So a writer that releases and asks again at once
@@ -17,7 +17,6 @@
 #ifndef KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
 #define KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -25,6 +24,7 @@
 #include <vector>
 
 #include "host/embedded/directory.h"
+#include "host/embedded/shared_words.h"
 #include "host/registry/backend.h"
 #include "host/support/fork.h"
 
@@ -48,37 +48,15 @@ class lock_descriptors {
     std::vector<int> idle_;
 };
 
-// The words at the head of the lock file that tell of writers, shared by all processes.
-class lock_hints {
-  public:
-    lock_hints() = default;
-    lock_hints(const lock_hints &) = delete;
-    lock_hints &operator=(const lock_hints &) = delete;
-    ~lock_hints();
-
-    // The word of a name with this hash. It serves other names, too.
-    std::atomic<uint32_t> *of(uint64_t hash, const registry_directory &directory) {
-        std::atomic<uint32_t> *words = words_.load(std::memory_order_acquire);
-        return (words == nullptr ? map(directory) : words) + hash % COUNT;
-    }
-
-  private:
-    static constexpr size_t COUNT = 1024;
-    static constexpr size_t SIZE = COUNT * sizeof(std::atomic<uint32_t>);
-    static_assert(std::atomic<uint32_t>::is_always_lock_free, "other processes use the words");
-
-    std::atomic<uint32_t> *map(const registry_directory &directory);
-
-    std::atomic<std::atomic<uint32_t> *> words_{nullptr};
-};
-
 class file_locks : public lock_service, public std::enable_shared_from_this<file_locks> {
   public:
-    explicit file_locks(std::shared_ptr<const registry_directory> directory)
-        : directory_(std::move(directory)) {}
+    explicit file_locks(const std::shared_ptr<const registry_directory> &directory)
+        : directory_(directory), words_(directory) {}
 
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
                                        wait_limit limit) override;
+
+    shared_words *words() { return &words_; }
 
     // The lock that orders the writers of the store; no caller's lock has this name.
     static constexpr const char *WRITERS = "";
@@ -88,7 +66,7 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
 
     std::shared_ptr<const registry_directory> directory_;
     per_process<lock_descriptors> descriptors_;
-    lock_hints hints_;
+    shared_words words_;
 };
 
 }  // namespace keyview::host

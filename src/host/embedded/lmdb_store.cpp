@@ -57,10 +57,14 @@ namespace {
 // One moment: a read transaction. It keeps its store.
 class lmdb_moment final : public moment {
   public:
-    lmdb_moment(std::shared_ptr<lmdb_store> keys, environment *env)
-        : keys_(std::move(keys)), env_(env), reading_(env) {}
+    lmdb_moment(std::shared_ptr<lmdb_store> keys, environment *env, std::string_view part)
+        : keys_(std::move(keys)),
+          env_(env),
+          part_(part_count(part)),
+          before_(count()),
+          reading_(env) {}
 
-    uint64_t revision() override { return mdb_txn_id(reading_.txn()) + 1; }
+    revision current() override;
     bool read(std::string_view path, std::string *value) override;
     bool copy(std::string_view path, reach which, snapshot *out) override;
 
@@ -68,8 +72,15 @@ class lmdb_moment final : public moment {
     [[nodiscard]] bool copy_in_order(std::string_view path, reach which, snapshot *out);
     void copy_sorted(std::string_view path, reach which, snapshot *out);
 
+    shared_words::change_count *part_count(std::string_view part) const {
+        return part.empty() ? nullptr : keys_->locks()->words()->count_of(part);
+    }
+    uint64_t count() const { return part_ == nullptr ? 0 : part_->load(); }
+
     std::shared_ptr<lmdb_store> keys_;
     environment *env_;
+    shared_words::change_count *part_;  // null if none is of interest
+    uint64_t before_;                   // its count before the transaction began
     environment::reading reading_;
 };
 
@@ -103,6 +114,13 @@ class open_list {
 };
 
 }  // namespace
+
+// The count of the part counts if no change of it was under way when the transaction began. It is
+// never 0: then nothing was changed since the file was made, and the tree's number serves.
+revision lmdb_moment::current() {
+    bool quiet = before_ % 2 == 0 && count() == before_;
+    return {mdb_txn_id(reading_.txn()) + 1, quiet ? before_ : 0};
+}
 
 bool lmdb_moment::read(std::string_view path, std::string *value) {
     if (path_fault(path) != nullptr) return false;
@@ -193,8 +211,8 @@ environment *lmdb_store::env() {
     return here.use->get();
 }
 
-std::unique_ptr<moment> lmdb_store::now() {
-    return std::make_unique<lmdb_moment>(shared_from_this(), env());
+std::unique_ptr<moment> lmdb_store::now(std::string_view part) {
+    return std::make_unique<lmdb_moment>(shared_from_this(), env(), part);
 }
 
 std::shared_ptr<held_lock> lmdb_store::right_to_write() {
@@ -220,12 +238,14 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     check_value(path, value);
     check_fence(path, fence);
     std::string stored;
-    if (!now()->read(path, &stored)) return false;
+    if (!now({})->read(path, &stored)) return false;
     if (stored == value) return true;
 
     bool found = false;
     environment *keys = env();
     std::shared_ptr<held_lock> right = right_to_write();
+    change_notice notice(locks_->words());
+    notice.add(path);
     keys->write([&](MDB_txn *txn) {
         check_fence(path, fence);
         lmdb_writer writer(*keys, txn);
@@ -246,6 +266,9 @@ change_counts lmdb_store::apply(const std::vector<change> &changes) {
     change_counts counts;
     environment *keys = env();
     std::shared_ptr<held_lock> right = right_to_write();
+    change_notice notice(locks_->words());
+    for (const change &one : changes)
+        notice.add(one.path);
     keys->write([&](MDB_txn *txn) {
         lmdb_writer writer(*keys, txn);
         for (const change &one : changes)

@@ -12,8 +12,6 @@ static constexpr size_t MOST_SINGLE_KEYS = 32;
 static constexpr size_t MOST_KEPT = 8;
 static constexpr size_t MOST_KEPT_BYTES = size_t{16} << 20;
 
-static constexpr uint64_t NO_REVISION = 0;
-
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
 size_t copies::bytes() const {
@@ -23,24 +21,30 @@ size_t copies::bytes() const {
     return sum;
 }
 
-std::shared_ptr<copies> kept_copies::take(std::string_view top, uint64_t revision) {
-    size_t room = MOST_KEPT_BYTES;
-    auto is_stale = [&](const std::shared_ptr<copies> &one) { return one->revision != revision; };
-    all_.erase(std::remove_if(all_.begin(), all_.end(), is_stale), all_.end());
+std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
     auto known = std::find_if(all_.begin(), all_.end(),
                               [&](const std::shared_ptr<copies> &one) { return one->top == top; });
-    if (known == all_.end()) {
-        all_.push_back(std::make_shared<copies>(copies{std::string(top), revision, {}, 0, {}}));
-    } else {
-        std::rotate(known, known + 1, all_.end());
+    std::shared_ptr<copies> taken;
+    if (known != all_.end()) {
+        if ((*known)->as_of.same_as(as_of)) taken = std::move(*known);
+        all_.erase(known);
     }
-    std::shared_ptr<copies> taken = all_.back();
-    // The latest ones stay, those just taken among them only if they are not too large themselves.
-    size_t kept = 0;
-    while (kept < std::min(all_.size(), MOST_KEPT) && all_[all_.size() - 1 - kept]->bytes() <= room)
-        room -= all_[all_.size() - 1 - kept++]->bytes();
-    all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
+    if (taken == nullptr) {
+        taken = std::make_shared<copies>(copies{std::string(top), as_of, {}, 0, {}});
+    }
+    all_.push_back(taken);
+    drop_oldest();
     return taken;
+}
+
+// The latest ones stay, as far as there is room for them.
+void kept_copies::drop_oldest() {
+    size_t kept = 0;
+    for (size_t bytes = 0; kept < std::min(all_.size(), MOST_KEPT); ++kept) {
+        bytes += all_[all_.size() - 1 - kept]->bytes();
+        if (bytes > MOST_KEPT_BYTES) break;
+    }
+    all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
 }
 
 // ---- The view -----------------------------------------------------------------------------------
@@ -57,8 +61,8 @@ bool locked_view::tells_children(const lock_cover &cover, std::string_view path)
 
 void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
-    moment_ = reader.keys->now();
-    copies_ = reader.kept->take(cover.path, moment_->revision());
+    moment_ = reader.keys->now(cover.path);
+    copies_ = reader.kept->take(cover.path, moment_->current());
     if (!copies_->parts.empty()) return;
     try {
         (void)copy(cover.path, reach::children);
@@ -148,7 +152,7 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
 
 void locked_view::note_value(std::string_view path, std::string_view value) {
     if (copies_ == nullptr) return;
-    copies_->revision = NO_REVISION;
+    copies_->as_of = {};  // nobody else may go on with them
     for (const auto &part : copies_->parts)
         bring(part.get(), path, value);
     if (moment_ != nullptr) changes_.emplace_back(path, value);

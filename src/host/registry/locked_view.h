@@ -5,7 +5,7 @@
 // A key further down is looked up alone, until its children are asked for: then all below it is
 // copied in one pass, because a reader of a list goes through what is in it.
 //
-// A registry handle keeps the copies. Whoever takes a lock again while the registry still has the
+// A registry handle keeps the copies. Whoever takes the lock again while the part still has the
 // same revision goes on with them.
 #ifndef KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
 #define KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
@@ -29,10 +29,10 @@ struct copied_key {
     uint32_t key = snapshot::NONE;
 };
 
-// What was copied of one part of the tree as of one revision.
+// What was copied of one part of the tree, as of one revision.
 struct copies {
     std::string top;
-    uint64_t revision;
+    revision as_of;
     std::vector<std::shared_ptr<snapshot>> parts;  // the top with its children first
     size_t single_keys = 0;                        // how many parts are a key alone
 
@@ -46,9 +46,11 @@ struct copies {
 class kept_copies {
   public:
     // Those of that revision, or new ones without a part.
-    std::shared_ptr<copies> take(std::string_view top, uint64_t revision);
+    std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
 
   private:
+    void drop_oldest();
+
     std::vector<std::shared_ptr<copies>> all_;  // the latest last
 };
 

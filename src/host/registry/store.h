@@ -40,6 +40,16 @@ struct change_counts {
 // How far a reading goes below its key.
 enum class reach { key_alone, children, all_below };
 
+// What tells that a part of the tree is still the same. A number of 0 tells nothing.
+struct revision {
+    uint64_t tree = 0;  // of the whole tree
+    uint64_t part = 0;  // of the part alone
+
+    bool same_as(const revision &other) const {
+        return (tree != 0 && tree == other.tree) || (part != 0 && part == other.part);
+    }
+};
+
 // The tree as of one moment, for the thread that asked for it. It may keep room in use that a
 // store wants back: for short work only.
 class KEYVIEW_HOST_API moment {
@@ -49,8 +59,8 @@ class KEYVIEW_HOST_API moment {
     moment &operator=(const moment &) = delete;
     virtual ~moment() = default;
 
-    // The same number means the same tree. Never 0.
-    virtual uint64_t revision() = 0;
+    // The revision of the part that was asked for.
+    virtual revision current() = 0;
 
     // Reads the value of one key; false if there is no such key.
     virtual bool read(std::string_view path, std::string *value) = 0;
@@ -71,7 +81,8 @@ class KEYVIEW_HOST_API store {
     store &operator=(const store &) = delete;
     virtual ~store() = default;
 
-    virtual std::unique_ptr<moment> now() = 0;
+    // The present moment. part is a key whose revision is of interest, with all that is below it.
+    virtual std::unique_ptr<moment> now(std::string_view part = {}) = 0;
 
     // Replaces the value of an existing key; false if there is no such key. Where fence is given,
     // nothing is written unless that lock is still held.
