@@ -29,18 +29,25 @@ static const std::string *component_of(const char *name) {
     return known.back().get();
 }
 
+// Tested before all else: a line that nobody wants is the usual one.
+static bool below_threshold(int32_t level) {
+    return level > trace_threshold.load(std::memory_order_relaxed);
+}
+
 static bool wanted(int32_t level) {
-    if (level > trace_threshold.load(std::memory_order_relaxed)) return false;
     // The first line of the process may come before any registration. Settings that cannot be used
     // leave the trace silent.
     (void)at_border([] {
         load_trace_settings();
         return 0;
     });
-    return level <= trace_threshold.load(std::memory_order_relaxed);
+    return !below_threshold(level);
 }
 
-static void format_line(const void *trc, int32_t level, const char *format, va_list values) {
+// Not inlined, so that a line that is not wanted saves no registers.
+__attribute__((noinline)) static void format_line(const void *trc, int32_t level,
+                                                  const char *format, va_list values) {
+    if (!wanted(level)) return;
     static const std::string NO_COMPONENT = "-";
     const auto *component = trc == nullptr ? &NO_COMPONENT : static_cast<const std::string *>(trc);
     char usual[USUAL_LINE];
@@ -65,6 +72,13 @@ static void format_line(const void *trc, int32_t level, const char *format, va_l
 
 using namespace keyview::host;
 
+// The functions below have no buffer that could overflow.
+#if __has_attribute(no_stack_protector)
+#define NO_STACK_PROTECTOR __attribute__((no_stack_protector))
+#else
+#define NO_STACK_PROTECTOR
+#endif
+
 extern "C" {
 
 // The four zeros and the limit select nothing: a line is as long as it needs to be, up to 64 KiB.
@@ -82,16 +96,18 @@ KEYVIEW_HOST_API void *trcdcompreg(const char *description, const char *name, in
     return const_cast<std::string *>(component);
 }
 
-KEYVIEW_HOST_API void trcdprintf(void *trc, int32_t level, const char *format, ...) {
-    if (!wanted(level)) return;
+NO_STACK_PROTECTOR KEYVIEW_HOST_API void trcdprintf(void *trc, int32_t level, const char *format,
+                                                    ...) {
+    if (below_threshold(level)) return;
     va_list values;
     va_start(values, format);
     format_line(trc, level, format, values);
     va_end(values);
 }
 
-KEYVIEW_HOST_API void trcdprintft(void *trc, int32_t level, const char *format, ...) {
-    if (!wanted(level)) return;
+NO_STACK_PROTECTOR KEYVIEW_HOST_API void trcdprintft(void *trc, int32_t level, const char *format,
+                                                     ...) {
+    if (below_threshold(level)) return;
     va_list values;
     va_start(values, format);
     format_line(trc, level, format, values);
