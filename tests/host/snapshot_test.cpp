@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <thread>
 
+#include "host/registry/path.h"
 #include "process.h"
 #include "registry.h"
 
@@ -144,6 +146,69 @@ TEST_F(Snapshot, IsNotThatOfAForkedChild) {
     EXPECT_EQ(child.status(), 0);
     EXPECT_EQ(keys.read(KEY), "old");
     EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+}
+
+// A handle keeps what it copied under a lock. Each change must be seen under the next one, also if
+// killed writers left the counts that tell of changes in any state.
+TEST_F(Snapshot, KeepsItsCopiesOnlyWhileThePartIsTheSame) {
+    const std::string other = ROOT + ".sales2.A";
+    auto under_lock = [&](const std::string &path) {
+        EXPECT_EQ(locks.shared(SALES_LOCK), 0);
+        std::string value = keys.read(path) + keys.list(SALES + ".L");
+        EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+        return value;
+    };
+    auto by_another = [&](const std::vector<change> &changes) {
+        child_process([&](const meeting &) { return apply(changes), 0; }).status();
+    };
+    for (char left_by_the_killed : {'\x00', '\x01', '\xFF'}) {
+        std::ofstream words(directory + "/locks", std::ios::in | std::ios::out);
+        words.seekp(4096) << std::string(4096, left_by_the_killed);
+        words.close();
+        by_another({put(KEY, "old"), put(paths[4], "x")});
+        EXPECT_EQ(under_lock(KEY), "old0:x (16)0");
+        by_another({put(other, "new")});
+        EXPECT_EQ(under_lock(KEY), "old0:x (16)0");
+        by_another({put(KEY, "new"), put(SALES + ".L.a")});
+        EXPECT_EQ(under_lock(KEY), "new1:a 0:x (16)0");
+        EXPECT_EQ(keys.set(KEY, "mine"), 0) << "without a lock";
+        EXPECT_EQ(under_lock(KEY), "mine1:a 0:x (16)0");
+        by_another({removal(SALES)});
+        EXPECT_EQ(under_lock(KEY), "(4)");
+        by_another({removal("DATABASE"), put(paths[4], "x"), put(KEY, "again")});
+        EXPECT_EQ(under_lock(KEY), "again0:x (16)0");
+    }
+}
+
+// Keys that are looked up one by one show the moment of the first look, however many they are.
+TEST_F(Snapshot, ShowsOneMomentInSingleKeys) {
+    std::vector<change> changes;
+    std::vector<change> later;
+    for (int i = 0; i < 50; ++i) {
+        changes.push_back(put(SALES + ".I.i" + std::to_string(i) + ".NODE", "old"));
+        later.push_back(put(changes.back().path, "new"));
+    }
+    apply(changes);
+    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+    EXPECT_EQ(keys.read(changes[0].path), "old");
+    apply(later);
+    EXPECT_EQ(keys.set(changes[1].path, "mine"), 0);
+    for (size_t i = 0; i < changes.size(); ++i)
+        EXPECT_EQ(keys.read(changes[i].path), i == 1 ? "mine" : "old") << i;
+    EXPECT_EQ(keys.list(SALES + ".I.i7"), "0:NODE (16)0");
+}
+
+// The map of the file moves only when no moment needs it; the thread's own must not stand in the
+// way.
+TEST_F(Snapshot, LetsItsHolderMakeTheRegistryGrow) {
+    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+    EXPECT_EQ(keys.read(paths[4]), "old") << "looked up alone";
+    const std::string large(MAX_VALUE_SIZE, 'v');
+    EXPECT_EQ(keys.set(KEY, large), 0);
+    EXPECT_EQ(keys.read(paths[4]), "old");
+    apply({put(SALES + ".B", large), put(SALES + ".C", large), put(paths[4], "new")});
+    EXPECT_EQ(keys.read(paths[4]), "old");
+    EXPECT_EQ(stored(paths[4]), "new");
 }
 
 // Every key of a large part, in the order of its lists and in others.
