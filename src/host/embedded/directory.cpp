@@ -2,6 +2,8 @@
 #include "host/embedded/directory.h"
 
 #include <fcntl.h>
+#include <lmdb.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -9,13 +11,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
+#include "host/embedded/data_file.h"
+#include "host/support/deadline.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
 
 static constexpr const char *DATA_FILE = "data.mdb";
+static constexpr const char *NEW_DATA_FILE = "data.new";
 static constexpr const char *LMDB_LOCK_FILE = "lock.mdb";
+static constexpr const char *FILES[] = {DATA_FILE, LMDB_LOCK_FILE, registry_directory::LOCK_FILE};
+static constexpr uint32_t CREATION_WAIT_MS = 30000;
 static constexpr const char *WHAT_TO_DO =
     "; apply a cluster document with keyviewctl to create it, or set KEYVIEW_REGISTRY to where it is";
 
@@ -130,6 +138,25 @@ static void make_file(const std::string &path, int directory, const char *name, 
     if (!fd.valid() || fchmod(fd.get(), mode) != 0) throw failed(path, name);
 }
 
+// The file gets its name when it is whole, so nobody ever meets one that is being made; two who
+// make it at once go one after the other. What an interrupted one left behind is taken away.
+static void make_data(const std::string &path, int directory, mode_t mode) {
+    deadline wait(CREATION_WAIT_MS);
+    unique_fd turn(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!turn.valid()) throw failed(path, "open");
+    while (flock(turn.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || !wait.pause()) throw failed(path, "flock");
+    }
+    struct stat found = {};
+    if (check_file(path, directory, DATA_FILE, &found)) return;
+    if (unlinkat(directory, NEW_DATA_FILE, 0) != 0 && errno != ENOENT) throw failed(path, "unlink");
+    make_file(path, directory, NEW_DATA_FILE, mode);
+    int rc = make_data_file(path + "/" + NEW_DATA_FILE);
+    if (rc != 0)
+        throw refused(failure::registry, path, std::string("data.mdb: ") + mdb_strerror(rc));
+    if (renameat(directory, NEW_DATA_FILE, directory, DATA_FILE) != 0) throw failed(path, "rename");
+}
+
 registry_directory::registry_directory(const std::string &path, open_mode mode)
     : path_(absolute(path)) {
     if (mode == open_mode::create) make_directory(path_);
@@ -137,18 +164,44 @@ registry_directory::registry_directory(const std::string &path, open_mode mode)
     mode_t file_mode = check_place(path_, fd());
     struct stat found = {};
     bool made = false;
-    for (const char *name : {DATA_FILE, LMDB_LOCK_FILE, LOCK_FILE}) {
-        if (check_file(path_, fd(), name, &found)) continue;
-        if (name == DATA_FILE && mode == open_mode::existing) {
-            throw host_error(failure::not_found,
-                             "there is no registry in '" + path_ + "'" + WHAT_TO_DO);
+    for (size_t n = 0; n < std::size(FILES); ++n) {
+        if (!check_file(path_, fd(), FILES[n], &found)) {
+            make(n, mode, file_mode);
+            made = true;
+            if (!check_file(path_, fd(), FILES[n], &found)) throw failed(path_, FILES[n]);
         }
-        make_file(path_, fd(), name, file_mode);
-        made = true;
+        ids_[n] = {found.st_dev, found.st_ino};
     }
     if (made && fsync(fd()) != 0) throw failed(path_, "fsync");
-    if (!check_file(path_, fd(), DATA_FILE, &found)) throw failed(path_, DATA_FILE);
-    data_id_ = {found.st_dev, found.st_ino};
+}
+
+void registry_directory::make(size_t file, open_mode mode, mode_t file_mode) {
+    if (FILES[file] != DATA_FILE) return make_file(path_, fd(), FILES[file], file_mode);
+    if (mode == open_mode::create) return make_data(path_, fd(), file_mode);
+    throw host_error(failure::not_found, "there is no registry in '" + path_ + "'" + WHAT_TO_DO);
+}
+
+// LMDB maps its two files into memory, so they must not become empty either.
+void registry_directory::require_in_place() const {
+    for (size_t n = 0; n < std::size(FILES); ++n) {
+        struct stat found = {};
+        bool there = fstatat(fd(), FILES[n], &found, AT_SYMLINK_NOFOLLOW) == 0;
+        bool same = there && ids_[n] == file_id(found.st_dev, found.st_ino);
+        if (same && (found.st_size > 0 || n == 2)) continue;
+        throw host_error(failure::registry, "the registry in '" + path_ + "' failed: " + FILES[n] +
+                                                " was deleted, replaced or emptied while in use; "
+                                                "restart the program");
+    }
+}
+
+unique_fd registry_directory::open_data() const {
+    unique_fd data(openat(fd(), DATA_FILE, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    struct stat found = {};
+    if (!data.valid() || fstat(data.get(), &found) != 0) throw failed(path_, DATA_FILE);
+    if (data_id() != file_id(found.st_dev, found.st_ino)) {
+        throw refused(failure::registry, path_, "data.mdb is being replaced");
+    }
+    return data;
 }
 
 }  // namespace keyview::host

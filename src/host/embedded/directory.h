@@ -4,12 +4,15 @@
 //     locks                 the byte ranges of the named locks
 //
 // The directory is made with mode 0700 and files with 0600, whatever the umask. An administrator
-// who gives the directory to a group (chmod g+rwxs) gets files that the group may use.
+// who gives the directory to a group (chmod g+rwxs) gets files that the group may use. Only
+// open_mode::create makes a data.mdb, and only where there is none: an empty one is a damaged one.
 #ifndef KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 #define KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 
 #include <sys/types.h>
 
+#include <array>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -21,21 +24,30 @@ namespace keyview::host {
 // Device and inode.
 using file_id = std::pair<dev_t, ino_t>;
 
-class registry_directory {
+class registry_directory : public std::enable_shared_from_this<registry_directory> {
   public:
     // Throws failure::not_found, ::denied or ::usage with a text that tells what to do.
     registry_directory(const std::string &path, open_mode mode);
 
     const std::string &path() const { return path_; }  // absolute
     int fd() const { return fd_.get(); }               // good in a forked child, too
-    file_id data_id() const { return data_id_; }
+    file_id data_id() const { return ids_[0]; }
+
+    // Throws failure::registry if a file is no longer the one that was there at first, or empty:
+    // then others see another registry, or the same one without our locks.
+    void require_in_place() const;
+
+    // The data file, for what is done without LMDB.
+    unique_fd open_data() const;
 
     static constexpr const char *LOCK_FILE = "locks";
 
   private:
+    void make(size_t file, open_mode mode, mode_t file_mode);
+
     std::string path_;
     unique_fd fd_;
-    file_id data_id_;
+    std::array<file_id, 3> ids_;  // of data.mdb, lock.mdb, locks
 };
 
 // The name of a file system that is shared with other machines; null for others. type is that of

@@ -6,6 +6,7 @@
 
 #include "host/embedded/directory.h"
 #include "host/embedded/file_locks.h"
+#include "host/embedded/lmdb_check.h"
 #include "host/embedded/lmdb_store.h"
 #include "host/support/fork.h"
 
@@ -45,6 +46,16 @@ backend open_embedded(const std::string &directory, open_mode mode) {
         keys = make_known(place->data_id(), fresh);
     }
     return {keys, keys->locks()};
+}
+
+// The files are read as bytes, so the writers must be kept out.
+check_counts check_embedded(const std::string &directory, const damage_sink &damage,
+                            const store::row_sink &sink) {
+    auto place = std::make_shared<const registry_directory>(directory, open_mode::existing);
+    auto locks = std::make_shared<file_locks>(place);
+    std::unique_ptr<held_lock> right =
+        locks->acquire(file_locks::WRITERS, lock_mode::exclusive, lock_wait_ms());
+    return check_data_file(place->open_data().get(), damage, sink);
 }
 
 }  // namespace keyview::host

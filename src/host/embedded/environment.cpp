@@ -2,11 +2,15 @@
 #include "host/embedded/environment.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <map>
 #include <utility>
 
+#include "host/embedded/lmdb_check.h"
 #include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
@@ -16,6 +20,8 @@ namespace keyview::host {
 
 static constexpr unsigned MAX_READERS = 1022;
 static constexpr uint32_t MAP_WAIT_MS = 60000;
+static constexpr uint32_t STATE_WAIT_MS = 5000;
+static constexpr int64_t LOOK_EVERY_MS = 100;
 
 namespace {
 
@@ -84,28 +90,106 @@ void environment::check(int rc, const char *what) const {
                                       "): " + mdb_strerror(rc) + advice(rc));
 }
 
-environment::environment(const std::string &path) : path_(path) {
+void environment::refuse(const std::string &place, const std::string &reason) const {
+    throw host_error(failure::content, "the registry in '" + path_ + "' is damaged: " + place +
+                                           " " + reason + RESTORE);
+}
+
+environment::environment(const registry_directory &directory)
+    : directory_(directory.shared_from_this()), path_(directory_->path()) {
+    deadline wait(STATE_WAIT_MS);
+    while (!try_open()) {
+        if (!wait.pause()) throw too_fast();
+    }
+}
+
+host_error environment::too_fast() const {
+    return host_error(failure::registry,
+                      "the registry in '" + path_ + "' changes too fast to be opened");
+}
+
+// False if a writer made the map larger meanwhile.
+bool environment::try_open() {
+    data_head head;
+    require_sound_head(&head);
     check(mdb_env_create(&env_), "mdb_env_create");
     try {
-        check(mdb_env_set_maxreaders(env_, MAX_READERS), "mdb_env_set_maxreaders");
-        check(mdb_env_open(env_, path_.c_str(), MDB_NOTLS, 0600), "mdb_env_open");
-        int fd = -1;
-        check(mdb_env_get_fd(env_, &fd), "mdb_env_get_fd");
-        if (fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) check(errno, "FD_CLOEXEC");
-        check(mdb_reader_check(env_, nullptr), "mdb_reader_check");
-        idle_.reserve(1);
-        idle_.push_back(begin_read());
-        MDB_dbi keys = 0;
-        check(mdb_dbi_open(idle_.back().txn, nullptr, 0, &keys), "mdb_dbi_open");
-        mdb_txn_reset(idle_.back().txn);
+        open(head);
+        return true;
+    } catch (const map_outgrown &) {
+        close();
+        return false;
     } catch (...) {
         close();
         throw;
     }
 }
 
+void environment::open(const data_head &head) {
+    check(mdb_env_set_maxreaders(env_, MAX_READERS), "mdb_env_set_maxreaders");
+    check(mdb_env_open(env_, path_.c_str(), MDB_NOTLS, 0600), "mdb_env_open");
+    check(mdb_env_get_fd(env_, &data_fd_), "mdb_env_get_fd");
+    if (fcntl(data_fd_, F_SETFD, FD_CLOEXEC) != 0) check(errno, "FD_CLOEXEC");
+    require_files();
+    check(mdb_reader_check(env_, nullptr), "mdb_reader_check");
+    idle_.reserve(1);
+    idle_.push_back(begin_read());
+    MDB_dbi keys = 0;
+    check(mdb_dbi_open(idle_.back().txn, nullptr, 0, &keys), "mdb_dbi_open");
+    require_sound_pages(idle_.back().txn, head);
+    mdb_txn_reset(idle_.back().txn);
+}
+
 environment::~environment() {
     close();
+}
+
+// ---- Files --------------------------------------------------------------------------------------
+
+// Before LMDB sees the file: it would believe the head whatever it says.
+void environment::require_sound_head(data_head *head) {
+    unique_fd data = directory_->open_data();
+    (void)read_head(data.get(), head, [this](auto &place, auto &reason) { refuse(place, reason); });
+}
+
+// The reader keeps the pages of its state as they are. Writers may have overwritten its meta before
+// it was read; then the reader starts anew.
+void environment::require_sound_pages(MDB_txn *reader, data_head head) {
+    auto refuse_it = [this](auto &place, auto &reason) { refuse(place, reason); };
+    deadline wait(STATE_WAIT_MS);
+    do {
+        for (const meta &state : head.metas) {
+            if (state.commit != mdb_txn_id(reader)) continue;
+            return require_all_found(data_fd_, state, refuse_it);
+        }
+        mdb_txn_reset(reader);
+        check(mdb_txn_renew(reader), "mdb_txn_renew");
+        (void)read_head(data_fd_, &head, refuse_it);
+    } while (wait.pause());
+    throw too_fast();
+}
+
+// The map must not move meanwhile.
+void environment::require_files() {
+    directory_->require_in_place();
+    MDB_envinfo info = {};
+    struct stat found = {};
+    check(mdb_env_info(env_, &info), "mdb_env_info");
+    if (fstat(data_fd_, &found) != 0) check(errno, "fstat");
+    auto size = static_cast<size_t>(found.st_size);
+    if (size >= info.me_mapsize) return;
+    refuse("data.mdb", "was cut short, to " + std::to_string(size) + " bytes of " +
+                           std::to_string(info.me_mapsize));
+}
+
+// Readers come often, and each look costs system calls.
+void environment::require_files_at_times() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    int64_t now_ms = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    if (now_ms < next_look_ms_.load(std::memory_order_relaxed)) return;
+    require_files();
+    next_look_ms_.store(now_ms + LOOK_EVERY_MS, std::memory_order_relaxed);
 }
 
 void environment::close() noexcept {
@@ -113,6 +197,7 @@ void environment::close() noexcept {
         mdb_cursor_close(reader.cursor);
         mdb_txn_abort(reader.txn);
     }
+    idle_.clear();
     mdb_env_close(env_);
 }
 
@@ -121,7 +206,8 @@ std::shared_lock<std::shared_mutex> environment::keep_map_in_place() {
     return std::shared_lock(map_);
 }
 
-// factor 0 takes over what other processes made of the map.
+// factor 0 takes over what other processes made of the map. With another one a writer makes it
+// larger, the file first: once a commit tells of the map, the file must be as long.
 void environment::resize_map(size_t factor) {
     let_go_of_moments();
     std::lock_guard turn(resizing_);
@@ -137,17 +223,27 @@ void environment::resize_map(size_t factor) {
     }
     MDB_envinfo info = {};
     check(mdb_env_info(env_, &info), "mdb_env_info");
-    check(mdb_env_set_mapsize(env_, info.me_mapsize * factor), "mdb_env_set_mapsize");
+    size_t size = info.me_mapsize * factor;
+    if (size > 0) check(lengthen(data_fd_, size), "ftruncate");
+    check(mdb_env_set_mapsize(env_, size), "mdb_env_set_mapsize");
+    require_files();
 }
 
 // ---- Reading ------------------------------------------------------------------------------------
 
 void environment::start_reader(lmdb_reader *reader) {
     if (reader->txn != nullptr) return check(mdb_txn_renew(reader->txn), "mdb_txn_renew");
+    // LMDB tells its processes apart by a lock for each process number.
     int rc = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &reader->txn);
     if (rc == MDB_READERS_FULL) {
         check(mdb_reader_check(env_, nullptr), "mdb_reader_check");
         rc = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &reader->txn);
+    }
+    if (rc == EAGAIN || rc == EACCES) {
+        throw host_error(failure::registry,
+                         "the registry in '" + path_ +
+                             "' cannot be used: a process with the same number in another pid "
+                             "namespace (a container) uses it; run both in one pid namespace");
     }
     check(rc, "mdb_txn_begin");
 }
@@ -188,6 +284,7 @@ void environment::end_read(lmdb_reader reader) noexcept {
 environment::reading::reading(environment *env) : env_(env) {
     for (;;) {
         in_place_ = env->keep_map_in_place();
+        env->require_files_at_times();
         try {
             reader_ = env->begin_read();
             return;
@@ -202,6 +299,7 @@ environment::reading::reading(environment *env) : env_(env) {
 
 void environment::write_once(const std::function<bool(MDB_txn *)> &work) {
     std::shared_lock in_place = keep_map_in_place();
+    require_files();
     writing current;
     check(mdb_txn_begin(env_, nullptr, 0, &current.txn), "mdb_txn_begin");
     if (!work(current.txn)) return;
@@ -244,7 +342,7 @@ environment_use::environment_use(const registry_directory &directory)
     std::lock_guard guard(fork_mutex());
     shared_environment &shared = shared_environments()[id_];
     if (shared.env == nullptr || shared.generation != generation_) {
-        auto env = std::make_unique<environment>(directory.path());
+        auto env = std::make_unique<environment>(directory);
         ancestors.push_back(shared.env.release());
         shared = {generation_, 0, std::move(env)};
     }

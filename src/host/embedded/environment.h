@@ -3,6 +3,9 @@
 // A file may be open only once in a process, and an environment must not be used in the child of a
 // fork. So environments are counted and shared within one process (environment_use), and the child
 // opens its own.
+//
+// The data file is as long as its map, so that no page of the map lies behind the file's end, where
+// to read it would end the process. A file that is shorter was cut short and is refused.
 #ifndef KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
 #define KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
 
@@ -17,7 +20,9 @@
 #include <string>
 #include <vector>
 
+#include "host/embedded/data_file.h"
 #include "host/embedded/directory.h"
+#include "host/support/error.h"
 
 namespace keyview::host {
 
@@ -31,7 +36,9 @@ class environment {
   public:
     class reading;
 
-    explicit environment(const std::string &path);
+    // Opens the registry of a directory. Throws failure::content if the file is damaged so that
+    // keys could be hidden or LMDB led astray; rows by themselves are checked when they are read.
+    explicit environment(const registry_directory &directory);
     environment(const environment &) = delete;
     environment &operator=(const environment &) = delete;
     ~environment();  // only in the process that opened it
@@ -46,7 +53,15 @@ class environment {
     static constexpr MDB_dbi KEYS = 1;  // the unnamed database
 
   private:
+    bool try_open();
+    void open(const data_head &head);
     void close() noexcept;
+    void require_sound_head(data_head *head);
+    void require_sound_pages(MDB_txn *reader, data_head head);
+    void require_files();
+    void require_files_at_times();
+    host_error too_fast() const;
+    [[noreturn]] void refuse(const std::string &place, const std::string &reason) const;
     std::shared_lock<std::shared_mutex> keep_map_in_place();
     void resize_map(size_t factor);
     lmdb_reader begin_read();
@@ -54,8 +69,11 @@ class environment {
     void end_read(lmdb_reader reader) noexcept;
     void write_once(const std::function<bool(MDB_txn *)> &work);
 
-    std::string path_;
+    std::shared_ptr<const registry_directory> directory_;
+    const std::string &path_;
     MDB_env *env_ = nullptr;
+    int data_fd_ = -1;                      // LMDB's
+    std::atomic<int64_t> next_look_ms_{0};  // when the files are looked at again
 
     // The map moves only while no transaction is under way, and new ones let it go first.
     std::shared_mutex map_;

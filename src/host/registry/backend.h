@@ -6,6 +6,7 @@
 #ifndef KEYVIEW_HOST_REGISTRY_BACKEND_H
 #define KEYVIEW_HOST_REGISTRY_BACKEND_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -67,6 +68,20 @@ enum class open_mode { existing, create };
 // Opens the registry of a URL; with open_mode::existing, one that is not there is
 // failure::not_found. Backends of one registry are shared within the process.
 KEYVIEW_HOST_API backend open_backend(const std::string &url, open_mode mode);
+
+// Receives what is wrong with a registry: a place in its files or the path of a key, and a sentence
+// without its subject.
+using damage_sink = std::function<void(const std::string &place, const std::string &reason)>;
+
+struct check_counts {
+    uint64_t keys = 0;
+    uint64_t pages = 0;
+};
+
+// Looks at all of a registry, also at one that is too damaged to be opened, and delivers its sound
+// keys, in no order. Writers wait meanwhile.
+check_counts check_backend(const std::string &url, const damage_sink &damage,
+                           const store::row_sink &sink);
 
 // Throws failure::usage if the URL is of no known kind.
 void check_registry_url(const std::string &url);
