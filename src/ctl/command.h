@@ -28,6 +28,7 @@ void add_fact_commands(CLI::App *app, tool *shared);       // roster, role, name
 void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, enabled, supported
 void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
 void add_tree_commands(CLI::App *app, tool *shared);       // apply, export
+void add_check_command(CLI::App *app, tool *shared);       // check
 
 // One command: run takes no arguments, what it needs is bound to it.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,

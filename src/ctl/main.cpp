@@ -15,7 +15,7 @@ namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
     add_look_commands,      add_fact_commands, add_enable_commands,
-    add_companion_commands, add_tree_commands,
+    add_companion_commands, add_tree_commands, add_check_command,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go

@@ -340,6 +340,55 @@ TEST_F(Tool, ARegistryThatCannotBeEnumeratedIsNoEmptyOne) {
     }
 }
 
+// Rows of damage, each in a registry of its own: bytes of the file or, with a key, its value.
+TEST_F(Tool, CheckTellsWhatIsWrongAndWhere) {
+    apply_example();
+    const std::string SALES = "DATABASE.DATABASES.sales", DATA = folder_ + "/registry/data.mdb";
+    outcome sound = run({"check"});
+    EXPECT_EQ(sound.code, 0) << sound.err << sound.out;
+    EXPECT_EQ(sound.out.rfind("no damage: 248 keys on ", 0), 0u) << sound.out;
+    EXPECT_EQ(json::parse(run({"check", "-o", "json"}).out)["findings"], json::array());
+    const std::string CONTENT = read_whole(DATA);
+    const struct {
+        std::string key, before, after, place, reason;
+    } ROWS[] = {
+        {"", "Sales\0"s, "Soles\0"s, SALES, "are not those that were written"},
+        {"", "DATABASE\1DATABASES\0ledger"s, "DATABASE\1DATABASES\0legger"s,
+         "DATABASE.DATABASES.ledger", "is missing, though there are keys below it"},
+        {"", "DATABASE\1STG\1node8\0stg8"s, "FATABASE\1STG\1node8\0stg8"s, "page ", "no search"},
+        {"", CONTENT.substr(4096 * 4 + 16), "", "the head of data.mdb", "cut short"},
+        {SALES, "", "Soles\0"s, SALES, "does not fold to the key's own element"},
+        {SALES + ".SPFILE", "", "x", SALES + ".SPFILE", "does not end with a zero byte"},
+        {SALES + ".SPFILE", "", "x\0y\0"s, SALES + ".SPFILE", "a zero byte before its end"},
+        {SALES + ".ENVIRONMENT", "", "A=1\0"s, SALES + ".ENVIRONMENT", "is not a list of strings"},
+        {SALES + ".ENABLED", "", "yes\0"s, SALES + ".ENABLED", "is neither TRUE nor FALSE"},
+        {SALES + ".ROLE", "", "MASTER\0"s, SALES + ".ROLE", "is none of the words"},
+        {"DATABASE.STG.node1.stg1", "", "", "DATABASE.STG.node1.stg1", "has no own value"},
+    };
+    for (const auto &row : ROWS) {
+        SCOPED_TRACE(row.place + row.reason);
+        std::string bytes = CONTENT;
+        // Unused parts of the file hold copies.
+        for (size_t at = 0; !row.before.empty() && (at = bytes.find(row.before, at)) != bytes.npos;)
+            bytes.replace(at, row.before.size(), row.after);
+        std::ofstream(DATA, std::ios::binary) << bytes;
+        if (!row.key.empty()) put(row.key, row.after);
+        outcome people = run({"check"}), programs = run({"check", "-o", "json"});
+        EXPECT_EQ(people.code, 8) << people.err;
+        EXPECT_EQ(programs.code, 8);
+        EXPECT_NE(people.out.find(row.reason), std::string::npos) << people.out;
+        json answer = json::parse(programs.out, nullptr, false);
+        ASSERT_TRUE(answer.is_object()) << programs.out << programs.err;
+        bool named = false;
+        for (const json &found : answer["findings"]) {
+            named =
+                named || (found["place"].get<std::string>().rfind(row.place, 0) == 0 &&
+                          found["reason"].get<std::string>().find(row.reason) != std::string::npos);
+        }
+        EXPECT_TRUE(named) << answer;
+    }
+}
+
 TEST_F(Tool, ExportReplacesAFileOrLeavesIt) {
     namespace fs = std::filesystem;
     apply_example();

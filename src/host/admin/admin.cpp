@@ -11,6 +11,7 @@
 #include "host/admin/encoding.h"
 #include "host/admin/fields.h"
 #include "host/admin/key_tree.h"
+#include "host/admin/tree_check.h"
 #include "host/if/keyview_admin.h"
 #include "host/registry/backend.h"
 #include "host/registry/path.h"
@@ -226,6 +227,37 @@ export_result export_document() noexcept {
             out->document = std::move(document);
         } else {
             problems.report("the tree holds what a document cannot say; nothing was exported", out);
+        }
+    });
+}
+
+// ---- Damage -------------------------------------------------------------------------------------
+
+static void check_present(check_report *out) {
+    problem_list problems;
+    key_node tree;
+    host::check_counts counts = host::check_backend(
+        host::registry_url(),
+        [&](const std::string &place, const std::string &reason) { problems.add(place, reason); },
+        [&](std::string_view path, std::string_view value) {
+            if (!below_a_root(path)) return;
+            key_node &node = tree.make(path);
+            node.value = value;
+            node.told = true;
+        });
+    check_tree(&tree, &problems);
+    if (!problems.empty()) problems.report("the registry is damaged", out);
+    out->keys = counts.keys;
+    out->pages = counts.pages;
+}
+
+check_report check_registry() noexcept {
+    return guarded<check_report>([](check_report *out) {
+        try {
+            check_present(out);
+        } catch (const host_error &error) {
+            if (error.kind != failure::not_found) throw;
+            throw host_error(failure::registry, error.what());
         }
     });
 }

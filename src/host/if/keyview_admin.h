@@ -50,6 +50,11 @@ struct export_result : result {
     std::string document;  // ends with a newline; empty after a failure
 };
 
+struct check_report : result {
+    uint64_t keys = 0;   // that were looked at
+    uint64_t pages = 0;  // of the registry's file
+};
+
 // Puts a cluster document into the registry: creates and changes keys, removes none. A registry
 // that does not exist yet is created.
 //
@@ -70,6 +75,14 @@ KEYVIEW_ADMIN_API result check_document(std::string_view document) noexcept;
 // status::content if the tree holds something that a document cannot say; nothing is left out
 // silently.
 KEYVIEW_ADMIN_API export_result export_document() noexcept;
+
+// Looks for damage in all of the registry: its pages, its rows and their checksums, keys that are
+// missing or stand alone, names and values that readers cannot read. Works on a registry that is
+// too damaged to be used, and changes nothing; writers wait meanwhile.
+//
+// status::content if there is any: problems names the first places, which are key paths or places
+// in the registry's file.
+KEYVIEW_ADMIN_API check_report check_registry() noexcept;
 
 // Tells why the databases cannot be enumerated, if they cannot: prsr_list_db then lists none.
 KEYVIEW_ADMIN_API result check_listing() noexcept;

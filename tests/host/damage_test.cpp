@@ -1,0 +1,206 @@
+// The files of the embedded registry in other hands: cut short, emptied, deleted or replaced, made
+// by several processes at once, grown by one while others read.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "host/if/keyview_admin.h"
+#include "process.h"
+#include "registry.h"
+
+namespace keyview::test {
+
+namespace fs = std::filesystem;
+
+class Damage : public RegistryTest {
+  protected:
+    std::string file(const char *name) const { return directory + "/" + name; }
+
+    void expect_sound() {
+        admin::check_report report = admin::check_registry();
+        EXPECT_EQ(report.code, admin::status::done) << report.text;
+        for (const admin::problem &one : report.problems)
+            ADD_FAILURE() << one.place << " " << one.reason;
+    }
+};
+
+TEST_F(Damage, AFileThatIsCutShortIsNeverStartedAnew) {
+    apply({put("a.b", std::string(30000, 'v'))});
+    close();
+    auto whole = fs::file_size(file("data.mdb"));
+    std::string text;
+    for (uintmax_t size : {whole - 1, whole / 2, uintmax_t{8192}, uintmax_t{100}, uintmax_t{0}}) {
+        fs::resize_file(file("data.mdb"), size);
+        for (open_mode mode : {open_mode::existing, open_mode::create}) {
+            EXPECT_EQ(failure_of([&] { open_backend(url, mode); }, &text), failure::content);
+            EXPECT_NE(text.find(size == 0     ? "the file is empty"
+                                : size < 8192 ? "cannot be read"
+                                              : "cut short, to " + std::to_string(size) + " bytes"),
+                      text.npos)
+                << text;
+            EXPECT_NE(text.find("saved cluster document"), text.npos) << text;
+        }
+        EXPECT_EQ(fs::file_size(file("data.mdb")), size);
+    }
+}
+
+TEST_F(Damage, ACreationThatWasInterruptedIsFinished) {
+    close();
+    auto whole = fs::file_size(file("data.mdb"));
+    fs::resize_file(file("data.mdb"), 8192);
+    open();
+    EXPECT_EQ(fs::file_size(file("data.mdb")), whole);
+    close();
+    fs::remove(file("data.mdb"));
+    fs::create_symlink("/dev/null", file("data.new"));  // left behind, and not to be followed
+    open();
+    apply({put("a.b", "v")});
+    expect_sound();
+    EXPECT_FALSE(fs::exists(fs::symlink_status(file("data.new"))));
+}
+
+TEST_F(Damage, SeveralMayCreateItAtOnce) {
+    for (int round = 0; round < 10; ++round) {
+        std::string place = "lmdb:" + scratch.path + "/r" + std::to_string(round);
+        std::vector<std::unique_ptr<child_process>> creators;
+        for (int i = 0; i < 5; ++i) {
+            creators.push_back(std::make_unique<child_process>([&](const meeting &start) {
+                if (!start.wait()) return 1;
+                backend made = open_backend(place, open_mode::create);
+                made.keys->apply({put("a.k" + std::to_string(i), "v")});
+                return 0;
+            }));
+        }
+        for (auto &one : creators)
+            one->here.tell();
+        for (auto &one : creators)
+            EXPECT_EQ(one->status(), 0);
+        std::string found;
+        backend made = open_backend(place, open_mode::existing);
+        for (int i = 0; i < 5; ++i)
+            EXPECT_TRUE(made.keys->read("a.k" + std::to_string(i), &found)) << i;
+    }
+}
+
+// Two writers and a reader, each with the map it has come to know so far.
+TEST_F(Damage, TheFileGrowsBeforeItsMapAndNeverShrinks) {
+    apply({put("a.b", "0")});
+    child_process reader([&](const meeting &parent) {
+        parent.tell();
+        for (int last = -1; last < 7;) {
+            int now = std::stoi(stored("a.b"));
+            if (now < last) return 1;
+            last = now;
+        }
+        return stored("a.c7").size() == 900000 ? 0 : 2;
+    });
+    child_process second([&](const meeting &parent) {
+        for (int i = 1; i < 8; i += 2) {
+            if (!parent.wait()) return 1;
+            apply({put("a.c" + std::to_string(i), std::string(900000, 'v')),
+                   put("a.b", std::to_string(i))});
+            parent.tell();
+        }
+        return 0;
+    });
+    ASSERT_TRUE(reader.here.wait());
+    for (int i = 1; i < 8; i += 2) {
+        second.here.tell();
+        ASSERT_TRUE(second.here.wait());
+        auto before = fs::file_size(file("data.mdb"));
+        apply({put("a.c" + std::to_string(i + 1), std::string(1000, 'v'))});
+        EXPECT_GE(fs::file_size(file("data.mdb")), before);
+        expect_sound();
+    }
+    EXPECT_EQ(second.status(), 0);
+    EXPECT_EQ(reader.status(), 0);
+}
+
+// A look at the file while it changes must not take the change for damage.
+TEST_F(Damage, NothingIsWrongBesideAWriter) {
+    apply({put("a.b", "0")});
+    close();
+    child_process writer([&](const meeting &parent) {
+        open();
+        parent.tell();
+        for (size_t i = 0;; ++i)
+            apply({put("a.k" + std::to_string(i % 50), std::string(i % 7 * 900, 'v')),
+                   removal("a.k" + std::to_string((i + 25) % 50))});
+        return 0;
+    });
+    ASSERT_TRUE(writer.here.wait());
+    for (int i = 0; i < 400 && !HasFailure(); ++i) {
+        open();
+        EXPECT_EQ(stored("a.b"), "0");
+        close();
+        if (i % 4 == 0) expect_sound();
+    }
+}
+
+TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
+    apply({put("a.b", "v")});
+    close();
+    auto replace = [](const std::string &path) {
+        fs::copy_file(path, path + ".copy");
+        fs::rename(path + ".copy", path);
+    };
+    auto remove = [](const std::string &path) { fs::remove(path); };
+    auto empty = [](const std::string &path) { fs::resize_file(path, 0); };
+    auto halve = [](const std::string &path) { fs::resize_file(path, fs::file_size(path) / 2); };
+    const struct {
+        const char *name;
+        std::function<void(const std::string &)> harm;
+        const char *told;
+    } ROWS[] = {
+        {"data.mdb", remove, "data.mdb was deleted"}, {"data.mdb", replace, "data.mdb was deleted"},
+        {"data.mdb", empty, "data.mdb was deleted"},  {"data.mdb", halve, "was cut short"},
+        {"lock.mdb", remove, "lock.mdb was deleted"}, {"lock.mdb", replace, "lock.mdb was deleted"},
+        {"lock.mdb", empty, "lock.mdb was deleted"},  {"locks", remove, "locks was deleted"},
+        {"locks", replace, "locks was deleted"},
+    };
+    for (const auto &row : ROWS) {
+        SCOPED_TRACE(std::string(row.name) + ": " + row.told);
+        fs::copy(directory, directory + ".kept");
+        child_process user([&](const meeting &) {
+            open();
+            apply({put("a.b", "v")});
+            if (stored("a.b") != "v") return 1;
+            row.harm(file(row.name));
+            for (bool writes : {true, false}) {
+                std::string text;
+                if (!writes) usleep(150000);  // readers look from time to time
+                failure_of([&] { writes ? (void)apply({put("a.b", "w")}) : (void)stored("a.b"); },
+                           &text);
+                if (text.find(row.told) == text.npos) return puts(text.c_str()), 2;
+            }
+            return 0;
+        });
+        EXPECT_EQ(user.status(), 0);
+        fs::remove_all(directory);
+        fs::rename(directory + ".kept", directory);
+    }
+}
+
+// What two processes with one number, in two pid namespaces, do to each other's readers.
+TEST_F(Damage, AProcessOfTheSameNumberElsewhereIsToldOf) {
+    apply({put("a.b", "v")});
+    close();
+    child_process second([&](const meeting &parent) {
+        if (!parent.wait()) return 1;
+        std::string text;
+        failure kind = failure_of([&] { open_backend(url, open_mode::existing); }, &text);
+        return kind == failure::registry && text.find("pid namespace") != text.npos ? 0 : 2;
+    });
+    int fd = ::open(file("lock.mdb").c_str(), O_RDWR | O_CLOEXEC);
+    struct flock number = {};
+    number.l_type = F_WRLCK;
+    number.l_whence = SEEK_SET;
+    number.l_start = second.pid;
+    number.l_len = 1;
+    ASSERT_EQ(fcntl(fd, F_SETLK, &number), 0);
+    second.here.tell();
+    EXPECT_EQ(second.status(), 0);
+    ::close(fd);
+}
+
+}  // namespace keyview::test
