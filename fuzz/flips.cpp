@@ -1,0 +1,276 @@
+// Damages the data file of a small registry, byte by byte and by cutting it short, and lets a
+// process read everything each time. Whatever the damage: nobody is told a different name or value,
+// or that a key is not there; no reader is ended by a signal; and the check reports all that a
+// reader notices.
+//
+// Usage: flips [STEP [BITS [FROM [TO]]]]; every STEP-th byte (61; 1 for all) between two places of
+// the file (all of it), each with all its bits inverted and with BITS single ones (1; 8 for all).
+// It prints the counts.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "host/if/keyview_admin.h"
+#include "process.h"
+#include "registry.h"
+
+namespace keyview::test {
+
+static size_t step = 61;
+static unsigned single_bits = 1;
+static size_t from_byte = 0;
+static size_t to_byte = SIZE_MAX;
+
+// What a reader saw, as bits of an exit status.
+constexpr int REFUSED = 1;
+constexpr int WRONG_KEY = 2;
+constexpr int WRONG_LIST = 4;
+constexpr int WRONG_SUBTREE = 8;
+constexpr int WRONG_UNDER_LOCK = 16;
+constexpr int WRONG = WRONG_KEY | WRONG_LIST | WRONG_SUBTREE | WRONG_UNDER_LOCK;
+constexpr int ENDED = -1;
+
+using tree = std::map<std::string, std::string>;
+
+// All that a registry holds, read in every way. Each way that fails, or tells something else than
+// before, leaves its bit.
+class reading {
+  public:
+    explicit reading(const tree &expected) : expected_(expected) {}
+
+    int run(const std::string &url) {
+        backend registry;
+        if (!attempt(0, [&] { registry = open_backend(url, open_mode::existing); })) return seen_;
+        keys_ = registry.keys.get();
+        for (const auto &[path, value] : expected_)
+            read_key(path, value);
+        for (const auto &[path, value] : expected_)
+            read_list(path);
+        for (const char *root : {"DATABASE", "z"})
+            read_subtree(root);
+        read_under_lock("DATABASE.DATABASES.sales");
+        return seen_;
+    }
+
+  private:
+    template <typename call>
+    bool attempt(int wrong, call &&run) {
+        try {
+            if constexpr (std::is_same_v<decltype(run()), bool>) {
+                if (!run()) seen_ |= wrong;
+            } else {
+                run();
+            }
+            return true;
+        } catch (const host_error &) {
+            seen_ |= REFUSED;
+            return false;
+        }
+    }
+
+    void read_key(const std::string &path, const std::string &value) {
+        std::string found;
+        attempt(WRONG_KEY, [&]() -> bool { return keys_->read(path, &found) && found == value; });
+    }
+
+    void read_list(const std::string &path) {
+        tree below;
+        tree found;
+        for (const auto &row : expected_) {
+            size_t dot = row.first.rfind('.');
+            if (dot == path.size() && row.first.compare(0, dot, path) == 0) below.insert(row);
+        }
+        auto take = [&](std::string_view p, std::string_view v) { found.emplace(p, v); };
+        attempt(WRONG_LIST, [&]() -> bool {
+            return keys_->read_children(
+                       path, [](uint32_t) {}, take) &&
+                   found == below;
+        });
+    }
+
+    void read_subtree(const std::string &root) {
+        tree all;
+        tree found;
+        for (const auto &row : expected_) {
+            if (row.first == root || row.first.rfind(root + ".", 0) == 0) all.insert(row);
+        }
+        auto take = [&](std::string_view p, std::string_view v) { found.emplace(p, v); };
+        attempt(WRONG_SUBTREE,
+                [&]() -> bool { return keys_->read_subtree(root, take) && found == all; });
+    }
+
+    // As a caller of the client does. It has codes, of which one tells of a missing key.
+    void read_under_lock(const std::string &top) {
+        client keys;
+        locker locks;
+        bool held = locks.shared(("LKRT." + top).c_str()) == 0;
+        for (const auto &[path, value] : expected_) {
+            if (!held || path.rfind(top + ".", 0) != 0) continue;
+            void *key = nullptr;
+            int32_t rc = keys.open(path, &key);
+            if (rc == KVTC_ERR_KEY_NOT_FOUND) seen_ |= WRONG_UNDER_LOCK;
+            if (rc == 0 && keys.value_of(key) != value) seen_ |= WRONG_UNDER_LOCK;
+            if (rc != 0) seen_ |= REFUSED;
+        }
+        if (!held) seen_ |= REFUSED;
+    }
+
+    const tree &expected_;
+    store *keys_ = nullptr;
+    int seen_ = 0;
+};
+
+class Flips : public testing::Test {
+  protected:
+    // Several commits, so that pages of older states lie about; long keys, and a long value.
+    void SetUp() override {
+        EXPECT_EQ(keyview_host_set_registry(url.c_str()), 0);
+        // A part of the example, so that all of it fits into the first map.
+        auto document = nlohmann::json::parse(std::ifstream(EXAMPLE_DOCUMENT));
+        document.erase("stg");
+        document.erase("nodeapps");
+        for (int n : {3, 2, 0})
+            document["databases"].erase(static_cast<size_t>(n));
+        ASSERT_EQ(admin::apply_document(document.dump()).code, admin::status::done);
+        child_process writer([&](const meeting &) {
+            backend registry = open_backend(url, open_mode::existing);
+            store *keys = registry.keys.get();
+            std::string x(240, 'x');
+            keys->apply({put("z." + x + "." + x + "y." + x + "1", "long"), put("z.s", "short"),
+                         put("z." + x + "." + x + "y." + x + "2.e"),
+                         put("z.v", std::string(4500, 'v')), put("z.t", "gone")});
+            keys->apply({removal("z.t")});
+            keys->set("DATABASE.DATABASES.sales.SPFILE", std::string("new", 4), nullptr);
+            keys->set("DATABASE.DATABASES.sales.SPFILE", std::string("newer", 6), nullptr);
+            return 0;
+        });
+        ASSERT_EQ(writer.status(), 0);
+        fd = ::open((directory + "/data.mdb").c_str(), O_RDWR | O_CLOEXEC);
+        std::stringstream bytes;
+        bytes << std::ifstream(directory + "/data.mdb", std::ios::binary).rdbuf();
+        sound = bytes.str();
+        ASSERT_EQ(sound.size(), 64U << 10) << "the run should stay short";
+        learn();
+        ASSERT_EQ(look(), 0);
+        ASSERT_EQ(check(), 0);
+    }
+    void TearDown() override {
+        ::close(fd);
+        (void)keyview_host_set_registry(nullptr);
+    }
+
+    void learn() {
+        backend registry = open_backend(url, open_mode::existing);
+        auto take = [&](std::string_view p, std::string_view v) { expected.emplace(p, v); };
+        for (const char *root : {"DATABASE", "z"})
+            EXPECT_TRUE(registry.keys->read_subtree(root, take));
+    }
+
+    // Runs a body in a process of its own and gives its exit status, or ENDED; a process that does
+    // not end is ended, too.
+    template <typename work>
+    static int in_process(work &&body) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            alarm(DEADLINE_MS / 1000);
+            _exit(body());
+        }
+        int status = 0;
+        if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return ENDED;
+        return WEXITSTATUS(status);
+    }
+
+    int look() {
+        return in_process([&] { return reading(expected).run(url); });
+    }
+
+    // 1 if there are findings.
+    int check() {
+        return in_process([] {
+            admin::check_report report = admin::check_registry();
+            if (report.code == admin::status::done) return 0;
+            return report.code == admin::status::content && !report.problems.empty() ? 1 : 2;
+        });
+    }
+
+    void judge(const std::string &damage) {
+        int seen = look();
+        int reported = check();
+        ++counts[seen == ENDED ? "ended" : seen & WRONG ? "WRONG" : seen ? "refused" : "unchanged"];
+        ++counts[reported == 1 ? "reported" : "not reported"];
+        EXPECT_NE(seen, ENDED) << damage;
+        EXPECT_EQ(seen & WRONG, 0) << damage;
+        EXPECT_TRUE(reported == 1 || (reported == 0 && seen == 0)) << damage << ": " << reported;
+    }
+
+    void damage_byte(size_t at, unsigned pattern) {
+        char bad = static_cast<char>(sound[at] ^ static_cast<char>(pattern));
+        ASSERT_EQ(pwrite(fd, &bad, 1, static_cast<off_t>(at)), 1);
+        judge("byte " + std::to_string(at) + " of page " + std::to_string(at / 4096) + " ^ " +
+              std::to_string(pattern));
+        ASSERT_EQ(pwrite(fd, &sound[at], 1, static_cast<off_t>(at)), 1);
+    }
+
+    void print(const char *what) {
+        std::cout << what << ":";
+        for (const auto &[name, count] : counts)
+            std::cout << " " << count << " " << name;
+        std::cout << "\n";
+    }
+
+    scratch_directory scratch;
+    std::string directory = scratch.path + "/registry";
+    std::string url = "lmdb:" + directory;
+    int fd = -1;
+    std::string sound;
+    tree expected;
+    std::map<std::string, size_t> counts;
+};
+
+TEST_F(Flips, NoByteMakesAReaderBelieveSomethingElse) {
+    std::mt19937 random(20240611);
+    for (size_t at = from_byte; at < std::min(sound.size(), to_byte); at += step) {
+        damage_byte(at, 0xFF);
+        unsigned first = static_cast<unsigned>(random() % 8);
+        for (unsigned n = 0; n < single_bits; ++n)
+            damage_byte(at, 1U << (first + n) % 8);
+    }
+    print("bytes");
+}
+
+TEST_F(Flips, AFileThatIsCutShortIsRefused) {
+    const size_t ODD[] = {1, 15, 16, 100, 151, 152, 4095, 4097, 4096 + 152, 8193};
+    std::vector<size_t> lengths(std::begin(ODD), std::end(ODD));
+    for (size_t length = 0; length < sound.size(); length += 4096)
+        lengths.insert(lengths.end(), {length, length + 2048});
+    for (size_t length : lengths) {
+        ASSERT_EQ(ftruncate(fd, static_cast<off_t>(length)), 0);
+        judge("cut to " + std::to_string(length));
+        ASSERT_EQ(pwrite(fd, sound.data(), sound.size(), 0), static_cast<ssize_t>(sound.size()));
+    }
+    EXPECT_EQ(counts["refused"], lengths.size());
+    EXPECT_EQ(counts["reported"], lengths.size());
+    print("lengths");
+}
+
+}  // namespace keyview::test
+
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    auto number = [&](int n, size_t otherwise) {
+        return argc > n ? strtoul(argv[n], nullptr, 10) : otherwise;
+    };
+    using namespace keyview::test;
+    step = number(1, step);
+    single_bits = static_cast<unsigned>(number(2, single_bits));
+    from_byte = number(3, from_byte);
+    to_byte = number(4, to_byte);
+    return RUN_ALL_TESTS();
+}
