@@ -18,6 +18,7 @@
 #include <sstream>
 
 #include "host/if/keyview_admin.h"
+#include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
 
@@ -38,6 +39,15 @@ constexpr int WRONG = WRONG_KEY | WRONG_LIST | WRONG_SUBTREE | WRONG_UNDER_LOCK;
 constexpr int ENDED = -1;
 
 using tree = std::map<std::string, std::string>;
+
+// Adds a part of a registry to a tree; false if there is no such key.
+static bool copy(store *keys, const std::string &top, reach which, tree *out) {
+    snapshot part(top, which);
+    bool there = keys->now()->copy(top, which, &part);
+    for (uint32_t key = 0; key < part.size(); ++key)
+        out->emplace(part.path(key), part.value(key));
+    return there;
+}
 
 // All that a registry holds, read in every way. Each way that fails, or tells something else than
 // before, leaves its bit.
@@ -77,7 +87,8 @@ class reading {
 
     void read_key(const std::string &path, const std::string &value) {
         std::string found;
-        attempt(WRONG_KEY, [&]() -> bool { return keys_->read(path, &found) && found == value; });
+        attempt(WRONG_KEY,
+                [&]() -> bool { return keys_->now()->read(path, &found) && found == value; });
     }
 
     void read_list(const std::string &path) {
@@ -87,11 +98,10 @@ class reading {
             size_t dot = row.first.rfind('.');
             if (dot == path.size() && row.first.compare(0, dot, path) == 0) below.insert(row);
         }
-        auto take = [&](std::string_view p, std::string_view v) { found.emplace(p, v); };
         attempt(WRONG_LIST, [&]() -> bool {
-            return keys_->read_children(
-                       path, [](uint32_t) {}, take) &&
-                   found == below;
+            bool there = copy(keys_, path, reach::children, &found);
+            found.erase(path);
+            return there && found == below;
         });
     }
 
@@ -101,9 +111,9 @@ class reading {
         for (const auto &row : expected_) {
             if (row.first == root || row.first.rfind(root + ".", 0) == 0) all.insert(row);
         }
-        auto take = [&](std::string_view p, std::string_view v) { found.emplace(p, v); };
-        attempt(WRONG_SUBTREE,
-                [&]() -> bool { return keys_->read_subtree(root, take) && found == all; });
+        attempt(WRONG_SUBTREE, [&]() -> bool {
+            return copy(keys_, root, reach::all_below, &found) && found == all;
+        });
     }
 
     // As a caller of the client does. It has codes, of which one tells of a missing key.
@@ -168,9 +178,8 @@ class Flips : public testing::Test {
 
     void learn() {
         backend registry = open_backend(url, open_mode::existing);
-        auto take = [&](std::string_view p, std::string_view v) { expected.emplace(p, v); };
         for (const char *root : {"DATABASE", "z"})
-            EXPECT_TRUE(registry.keys->read_subtree(root, take));
+            EXPECT_TRUE(copy(registry.keys.get(), root, reach::all_below, &expected));
     }
 
     // Runs a body in a process of its own and gives its exit status, or ENDED; a process that does

@@ -78,7 +78,7 @@ TEST_F(Damage, SeveralMayCreateItAtOnce) {
         std::string found;
         backend made = open_backend(place, open_mode::existing);
         for (int i = 0; i < 5; ++i)
-            EXPECT_TRUE(made.keys->read("a.k" + std::to_string(i), &found)) << i;
+            EXPECT_TRUE(made.keys->now()->read("a.k" + std::to_string(i), &found)) << i;
     }
 }
 

@@ -50,10 +50,10 @@ backend open_embedded(const std::string &directory, open_mode mode) {
 
 // The files are read as bytes, so the writers must be kept out.
 check_counts check_embedded(const std::string &directory, const damage_sink &damage,
-                            const store::row_sink &sink) {
+                            const row_sink &sink) {
     auto place = std::make_shared<const registry_directory>(directory, open_mode::existing);
     auto locks = std::make_shared<file_locks>(place);
-    std::unique_ptr<held_lock> right =
+    std::shared_ptr<held_lock> right =
         locks->acquire(file_locks::WRITERS, lock_mode::exclusive, lock_wait_ms());
     return check_data_file(place->open_data().get(), damage, sink);
 }

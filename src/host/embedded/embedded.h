@@ -12,7 +12,7 @@ backend open_embedded(const std::string &directory, open_mode mode);
 
 // See check_backend.
 check_counts check_embedded(const std::string &directory, const damage_sink &damage,
-                            const store::row_sink &sink);
+                            const row_sink &sink);
 
 }  // namespace keyview::host
 

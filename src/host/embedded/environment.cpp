@@ -22,6 +22,7 @@ static constexpr unsigned MAX_READERS = 1022;
 static constexpr uint32_t MAP_WAIT_MS = 60000;
 static constexpr uint32_t STATE_WAIT_MS = 5000;
 static constexpr int64_t LOOK_EVERY_MS = 100;
+static constexpr page_number MOST_PAGES_WALKED = 1024;
 
 namespace {
 
@@ -152,6 +153,9 @@ void environment::require_sound_head(data_head *head) {
     (void)read_head(data.get(), head, [this](auto &place, auto &reason) { refuse(place, reason); });
 }
 
+// Not those of a large file, which would take longer than most who open it have to do: there LMDB
+// follows what it finds, and the checksums of rows stand alone until the registry is checked.
+//
 // The reader keeps the pages of its state as they are. Writers may have overwritten its meta before
 // it was read; then the reader starts anew.
 void environment::require_sound_pages(MDB_txn *reader, data_head head) {
@@ -160,6 +164,7 @@ void environment::require_sound_pages(MDB_txn *reader, data_head head) {
     do {
         for (const meta &state : head.metas) {
             if (state.commit != mdb_txn_id(reader)) continue;
+            if (state.last_page > MOST_PAGES_WALKED) return;
             return require_all_found(data_fd_, state, refuse_it);
         }
         mdb_txn_reset(reader);
@@ -312,7 +317,10 @@ void environment::write(const std::function<bool(MDB_txn *)> &work) {
         try {
             return write_once(work);
         } catch (const map_full &) {
-            resize_map(2);
+            // The pages that a killed reader kept may be room enough.
+            int cleared = 0;
+            check(mdb_reader_check(env_, &cleared), "mdb_reader_check");
+            if (cleared == 0) resize_map(2);
         } catch (const map_outgrown &) {
             resize_map(0);
         }

@@ -24,8 +24,7 @@ struct audited {
 // Children by their parents. Rows may come in any order.
 class row_audit {
   public:
-    row_audit(const damage_sink &damage, const store::row_sink &sink)
-        : damage_(damage), sink_(sink) {}
+    row_audit(const damage_sink &damage, const row_sink &sink) : damage_(damage), sink_(sink) {}
 
     void add(std::string_view place, std::string_view bytes) {
         row found = {};
@@ -40,7 +39,7 @@ class row_audit {
         }
         if (!sound) {
             damage_(path, "has stored bytes that are not those that were written");
-        } else if (path_fault(path) != nullptr || place_of(path) != place) {
+        } else if (path_fault(path) != nullptr || place_of(path).view() != place) {
             return damage_(path, "stands at a place that is not its own");
         }
         audited &key = keys_[path];
@@ -66,7 +65,7 @@ class row_audit {
 
   private:
     damage_sink damage_;
-    store::row_sink sink_;
+    row_sink sink_;
     std::map<std::string, audited> keys_;
 };
 
@@ -91,7 +90,7 @@ void require_all_found(int fd, const meta &state, const damage_sink &damage) {
 
 // ---- In full ------------------------------------------------------------------------------------
 
-check_counts check_data_file(int fd, const damage_sink &damage, const store::row_sink &sink) {
+check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &sink) {
     check_counts counts;
     data_head head;
     if (!read_head(fd, &head, damage)) return counts;

@@ -15,7 +15,7 @@ void require_all_found(int fd, const meta &state, const damage_sink &damage);
 
 // Reports all damage. Every row that is sound is delivered, in no order. No writer may be at work
 // meanwhile.
-check_counts check_data_file(int fd, const damage_sink &damage, const store::row_sink &sink);
+check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &sink);
 
 }  // namespace keyview::host
 

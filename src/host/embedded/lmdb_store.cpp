@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/embedded/lmdb_writer.h"
+#include "host/embedded/near_rows.h"
 #include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
@@ -39,7 +40,10 @@ bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *
     MDB_val key = bytes_of(place.view());
     MDB_val data = {};
     int rc = mdb_get(txn, environment::KEYS, &key, &data);
-    if (rc == MDB_NOTFOUND) return false;
+    if (rc == MDB_NOTFOUND) {
+        require_sound_neighbours(env, txn, place.view());
+        return false;
+    }
     env.check(rc, "mdb_get");
     if (!read_row(place.view(), view_of(data), out)) throw damaged_row(place.view());
     return !place_is_cut(place.view()) || out->path == path;

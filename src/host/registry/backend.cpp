@@ -21,7 +21,7 @@ backend open_backend(const std::string &url, open_mode mode) {
 }
 
 check_counts check_backend(const std::string &url, const damage_sink &damage,
-                           const store::row_sink &sink) {
+                           const row_sink &sink) {
     check_registry_url(url);
     return check_embedded(url.substr(EMBEDDED.size()), damage, sink);
 }

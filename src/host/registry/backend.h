@@ -73,6 +73,9 @@ KEYVIEW_HOST_API backend open_backend(const std::string &url, open_mode mode);
 // without its subject.
 using damage_sink = std::function<void(const std::string &place, const std::string &reason)>;
 
+// Receives a key and its value. The views end with the call.
+using row_sink = std::function<void(std::string_view path, std::string_view value)>;
+
 struct check_counts {
     uint64_t keys = 0;
     uint64_t pages = 0;
@@ -80,8 +83,7 @@ struct check_counts {
 
 // Looks at all of a registry, also at one that is too damaged to be opened, and delivers its sound
 // keys, in no order. Writers wait meanwhile.
-check_counts check_backend(const std::string &url, const damage_sink &damage,
-                           const store::row_sink &sink);
+check_counts check_backend(const std::string &url, const damage_sink &damage, const row_sink &sink);
 
 // Throws failure::usage if the URL is of no known kind.
 void check_registry_url(const std::string &url);
