@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -184,11 +185,20 @@ bool read_head(int fd, data_head *out, const damage_sink &damage) {
 // ---- Making a file ------------------------------------------------------------------------------
 
 int lengthen(int fd, size_t size) {
+    static constexpr char ZEROS[64 << 10] = {};
     struct stat found = {};
     if (fstat(fd, &found) != 0) return errno;
-    if (static_cast<size_t>(found.st_size) >= size) return 0;
+    auto at = static_cast<size_t>(found.st_size);
+    if (at >= size) return 0;
+    while (at < size) {
+        ssize_t wrote =
+            pwrite(fd, ZEROS, std::min(sizeof(ZEROS), size - at), static_cast<off_t>(at));
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) return errno;
+        at += static_cast<size_t>(wrote);
+    }
     // The length must be on the disk before a commit tells of it.
-    return ftruncate(fd, static_cast<off_t>(size)) == 0 && fsync(fd) == 0 ? 0 : errno;
+    return fsync(fd) == 0 ? 0 : errno;
 }
 
 int make_data_file(const std::string &path) {

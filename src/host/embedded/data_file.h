@@ -80,8 +80,9 @@ constexpr const char *RESTORE = "; restore the registry from a saved cluster doc
 // Gives 0 or the error of the system or of LMDB.
 [[nodiscard]] int make_data_file(const std::string &path);
 
-// Makes the file at least so long, with a hole at its end. Only for who may write: nobody else
-// makes it longer meanwhile. Gives 0 or errno.
+// Makes the file at least so long, with zeros at its end: so a full disk is met here and not by a
+// later commit, and a commit changes nothing but bytes. Only for who may write: nobody else makes
+// it longer meanwhile. Gives 0 or errno.
 [[nodiscard]] int lengthen(int fd, size_t size);
 
 // Reads all bytes of a range; false if the file has fewer or cannot be read.
