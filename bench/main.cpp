@@ -33,7 +33,8 @@ static int run(const std::vector<std::string> &selection) {
     const scratch_directory scratch;
     report table(selection);
     const std::string registry = scratch.path() + "/registry";
-    const bench_setup setup = {&table, scratch.path(), registry, make_record_registry(registry)};
+    const bench_setup setup = {&table, scratch.path(), registry,
+                               make_record_registry(registry, {SMALL, TYPICAL, LARGE, BUSY})};
     const double start = now_us();
     const bool good = measure_all(setup);
     (void)std::printf("%s\n\n", machine_line(scratch.path()).c_str());

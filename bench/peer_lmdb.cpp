@@ -56,6 +56,15 @@ void lmdb_peer::begin() {
     check(mdb_cursor_renew(txn_, cursor_), "mdb_cursor_renew");
 }
 
+void lmdb_peer::commit(const peer_row &row) {
+    MDB_txn *writing = nullptr;
+    check(mdb_txn_begin(env_, nullptr, 0, &writing), "mdb_txn_begin");
+    MDB_val name = value_of(row.name);
+    MDB_val value = value_of(row.value);
+    check(mdb_put(writing, dbi_, &name, &value, 0), "mdb_put");
+    check(mdb_txn_commit(writing), "mdb_txn_commit");
+}
+
 prsr_cfg *lmdb_peer::fetch(const std::string &prefix) {
     begin();
     record_builder builder = start_record();

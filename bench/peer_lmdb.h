@@ -31,6 +31,9 @@ class lmdb_peer {
     // One pass over all rows, copying their values; for free_list.
     name_list list();
 
+    // Replaces one row and waits until that is on the disk.
+    void commit(const peer_row &row);
+
   private:
     void open_reader();
     void begin();

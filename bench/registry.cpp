@@ -16,9 +16,10 @@ std::string make_registry(const std::string &directory, const std::vector<tree_k
     return url;
 }
 
-std::string make_record_registry(const std::string &directory) {
+std::string make_record_registry(const std::string &directory,
+                                 const std::vector<record_size> &sizes) {
     std::vector<tree_key> keys;
-    for (const record_size &size : {SMALL, TYPICAL, LARGE, BUSY}) {
+    for (const record_size &size : sizes) {
         const std::vector<tree_key> more = record_keys(size);
         keys.insert(keys.end(), more.begin(), more.end());
     }

@@ -15,7 +15,8 @@ constexpr record_size BUSY = {"Busy", 2, 3};
 
 // Makes a registry in a new directory and puts the keys in; gives its URL.
 std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys);
-std::string make_record_registry(const std::string &directory);
+std::string make_record_registry(const std::string &directory,
+                                 const std::vector<record_size> &sizes);
 
 // A context of the library on a registry.
 class session {
