@@ -63,6 +63,7 @@ void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
     moment_ = reader.keys->now(cover.path);
     copies_ = reader.kept->take(cover.path, moment_->current());
+    latest_ = 0;
     if (!copies_->parts.empty()) return;
     try {
         (void)copy(cover.path, reach::children);
@@ -91,10 +92,6 @@ copied_key locked_view::copy(std::string_view path, reach which) {
 // From the latest part that tells about the key, which becomes latest_; false if none does.
 bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
-    if (latest_ < parts.size()) {
-        *key = parts[latest_]->guess(path);
-        if (*key != snapshot::NONE) return true;
-    }
     for (size_t i = parts.size(); i-- > 0;) {
         if (!parts[i]->tells(path)) continue;
         latest_ = i;
@@ -102,6 +99,13 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
         return true;
     }
     return false;
+}
+
+// For a key of the latest part.
+copied_key locked_view::note_asked(uint32_t key) {
+    copies_->asked.resize(std::min(next_++, copies_->asked.size()));
+    copies_->asked.emplace_back(latest_, key);
+    return {copies_->parts[latest_], key};
 }
 
 // The key alone, as a part.
@@ -127,13 +131,10 @@ copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
                              std::string_view path) {
     look(reader, cover);
     copied_key found;
-    if (find_again(path, &found)) return found;
-    if (!find_copy(path, &found.key)) found.key = look_up(cover, path);
-    if (found.key == snapshot::NONE) return found;
-    copies_->asked.resize(std::min(next_++, copies_->asked.size()));
-    copies_->asked.emplace_back(latest_, found.key);
-    found.part = copies_->parts[latest_];
-    return found;
+    if (find_expected(path, &found)) return found;
+    uint32_t key = snapshot::NONE;
+    if (!find_copy(path, &key)) key = look_up(cover, path);
+    return key == snapshot::NONE ? found : note_asked(key);
 }
 
 copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,

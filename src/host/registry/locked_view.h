@@ -70,13 +70,21 @@ class locked_view {
     copied_key find(const tree_reader &reader, const lock_cover &cover, std::string_view path);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Looks whether the key is the one that the reader before asked for at this point.
-    bool find_again(std::string_view path, copied_key *found) {
-        if (copies_ == nullptr || next_ >= copies_->asked.size()) return false;
-        auto [part, key] = copies_->asked[next_];
-        if (copies_->parts[part]->path(key) != path) return false;
-        *found = {copies_->parts[part], key};
-        ++next_;
+    // Finds a key quickly if it is the one that the reader before asked for at this point, or where
+    // a reader of the latest part goes next.
+    bool find_expected(std::string_view path, copied_key *found) {
+        if (copies_ == nullptr) return false;
+        if (next_ < copies_->asked.size()) {
+            auto [part, key] = copies_->asked[next_];
+            if (copies_->parts[part]->path(key) == path) {
+                *found = {copies_->parts[part], key};
+                ++next_;
+                return true;
+            }
+        }
+        uint32_t key = copies_->parts[latest_]->guess(path);
+        if (key == snapshot::NONE) return false;
+        *found = note_asked(key);
         return true;
     }
 
@@ -89,6 +97,7 @@ class locked_view {
   private:
     void look(const tree_reader &reader, const lock_cover &cover);
     bool find_copy(std::string_view path, uint32_t *key);
+    copied_key note_asked(uint32_t key);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
     void bring(snapshot *part, std::string_view path, std::string_view value);

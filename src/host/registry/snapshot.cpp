@@ -10,7 +10,8 @@
 
 namespace keyview::host {
 
-static constexpr size_t FIRST_CAPACITY = 2048;
+static constexpr size_t FIRST_CAPACITY = 4096;
+static constexpr size_t KEYS_OF_A_RECORD = 512;
 
 void byte_block::grow(size_t more) {
     size_t capacity = std::max({FIRST_CAPACITY, capacity_ * 2, size_ + more});
@@ -18,6 +19,10 @@ void byte_block::grow(size_t more) {
     if (size_ > 0) memcpy(larger.get(), bytes_.get(), size_);
     bytes_ = std::move(larger);
     capacity_ = capacity;
+}
+
+snapshot::snapshot(std::string_view top, reach depth) : depth_(depth), top_(top) {
+    if (depth == reach::all_below) keys_.reserve(KEYS_OF_A_RECORD);
 }
 
 static char *put(char *to, std::string_view text) {

@@ -44,7 +44,7 @@ class KEYVIEW_HOST_API snapshot {
     static constexpr uint32_t NONE = UINT32_MAX;
     static constexpr uint32_t TOP = 0;
 
-    snapshot(std::string_view top, reach depth) : depth_(depth), top_(top) {}
+    snapshot(std::string_view top, reach depth);
 
     // ---- Filling ----
     // The top first. Then the lists of all keys that have children, a key's own list before those
