@@ -207,7 +207,10 @@ void environment::close() noexcept {
 }
 
 std::shared_lock<std::shared_mutex> environment::keep_map_in_place() {
-    if (resize_waits_.load(std::memory_order_relaxed)) std::lock_guard let_go_first(resizing_);
+    if (resize_waits_.load(std::memory_order_relaxed)) {
+        let_go_of_moments();
+        std::lock_guard let_it_go_first(resizing_);
+    }
     return std::shared_lock(map_);
 }
 

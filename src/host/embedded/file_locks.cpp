@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
 
@@ -185,6 +186,7 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
         return mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place);
     };
     if (granted()) return lock;
+    let_go_of_moments();  // whoever holds the lock may have to wait for their end
     uint32_t wait_ms = limit.ms();
     for (deadline wait(wait_ms); wait.pause();) {
         if (granted()) return lock;

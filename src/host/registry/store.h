@@ -70,8 +70,8 @@ class KEYVIEW_HOST_API moment {
     virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
 };
 
-// Ends the moments that the views of this thread's locks still need, by copying what they show. For
-// a store that is about to wait for the end of all moments.
+// Ends the moments that the views of this thread's locks still need, by copying what they show. A
+// store calls it before it waits: for the end of all moments, or for somebody who may.
 void let_go_of_moments();
 
 class KEYVIEW_HOST_API store {
