@@ -44,9 +44,7 @@ static bool wanted(int32_t level) {
     return !below_threshold(level);
 }
 
-// Not inlined, so that a line that is not wanted saves no registers.
-__attribute__((noinline)) static void format_line(const void *trc, int32_t level,
-                                                  const char *format, va_list values) {
+static void format_line(const void *trc, int32_t level, const char *format, va_list values) {
     if (!wanted(level)) return;
     static const std::string NO_COMPONENT = "-";
     const auto *component = trc == nullptr ? &NO_COMPONENT : static_cast<const std::string *>(trc);
