@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "process.h"
@@ -103,6 +105,38 @@ TEST_F(Locks, AWriterIsNotStarved) {
             }
         });
     }
+}
+
+// The words at the head of the lock file may be left in any state by whoever was killed.
+TEST_F(Locks, AWrongHintNeverDecides) {
+    auto write_words = [&](char byte) {
+        std::fstream words(directory + "/locks", std::ios::in | std::ios::out);
+        words << std::string(4096, byte);
+    };
+    auto hinted = [&] {
+        std::ifstream words(directory + "/locks");
+        std::string head(4096, ' ');
+        words.read(head.data(), 4096);
+        return head != std::string(4096, '\0');
+    };
+    wait_for(0);
+    EXPECT_TRUE(is_free()) << "makes the file as long as it has to be";
+    write_words('\x01');
+    EXPECT_EQ(try_it(lock_mode::shared), 0) << "a reader goes on at once";
+    write_words('\0');
+    child_process holder([&](const meeting &parent) {
+        locker mine;
+        return mine.exclusive(NAME) != 0 || !parent.tell() || !parent.wait();
+    });
+    ASSERT_TRUE(holder.here.wait());
+    EXPECT_TRUE(hinted());
+    write_words('\0');
+    EXPECT_NE(try_it(lock_mode::shared), 0) << "no hint, but the lock is held";
+    EXPECT_NE(try_it(lock_mode::exclusive), 0);
+    EXPECT_TRUE(hinted()) << "by the try";
+    holder.kill_it();
+    EXPECT_EQ(try_it(lock_mode::shared), 0);
+    EXPECT_FALSE(hinted()) << "the next reader clears what the killed one left";
 }
 
 }  // namespace keyview::test

@@ -1,6 +1,9 @@
 // Memory, tags, text, trace and settings.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -22,6 +25,7 @@ TEST(Memory, BlocksAreZeroAlsoWhenUsedAgain) {
         for (size_t size : {0U, 1U, 15U, 64U, 1024U, 2048U, 4096U, 4097U, 1000000U}) {
             auto *block = static_cast<char *>(tmem_allocm(mem, size));
             ASSERT_NE(block, nullptr) << size;
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(max_align_t), 0U) << size;
             EXPECT_EQ(std::string(block, size), std::string(size, '\0')) << size;
             memset(block, 'x', size);
             tmem_freem(mem, block);
@@ -30,6 +34,54 @@ TEST(Memory, BlocksAreZeroAlsoWhenUsedAgain) {
     tmem_freem(mem, nullptr);
     EXPECT_EQ(tmem_allocm(mem, UINT64_MAX), nullptr);
 }
+
+// Threads pass blocks on to each other and end; what one gave back another may have taken.
+TEST(Memory, BlocksMayComeBackFromOtherThreads) {
+    void *mem = pgcinit(0);
+    constexpr size_t COUNT = 5000;
+    std::vector<unsigned char *> blocks(COUNT);
+    auto size_of = [](size_t i) { return i % 4200; };
+    for (int round = 0; round < 3; ++round) {
+        std::thread([&] {
+            for (size_t i = 0; i < COUNT; ++i) {
+                blocks[i] = static_cast<unsigned char *>(tmem_allocm(mem, size_of(i)));
+                EXPECT_EQ(std::count(blocks[i], blocks[i] + size_of(i), 0), int64_t(size_of(i)));
+                memset(blocks[i], static_cast<int>(i), size_of(i));
+            }
+        }).join();
+        in_threads(2, [&](int thread) {
+            for (auto i = static_cast<size_t>(thread); i < COUNT; i += 2) {
+                auto own = static_cast<unsigned char>(i);
+                EXPECT_EQ(std::count(blocks[i], blocks[i] + size_of(i), own), int64_t(size_of(i)));
+                tmem_freem(mem, blocks[i]);
+            }
+        });
+    }
+}
+
+#ifndef KEYVIEW_SANITIZED
+
+// A program that once needed much must not keep it.
+TEST(Memory, AThreadKeepsABoundedAmount) {
+    void *mem = pgcinit(0);
+    std::vector<void *> blocks(64 << 10);
+    size_t before = mallinfo2().uordblks;
+    for (void *&block : blocks)
+        block = tmem_allocm(mem, 1024);
+    EXPECT_GT(mallinfo2().uordblks - before, size_t{64} << 20);
+    for (void *block : blocks)
+        tmem_freem(mem, block);
+    EXPECT_LT(mallinfo2().uordblks - before, size_t{17} << 20);
+}
+
+TEST(MemoryDeathTest, ABlockIsGivenBackOnce) {
+    void *mem = pgcinit(0);
+    void *block = tmem_allocm(mem, 100);
+    tmem_freem(mem, block);
+    EXPECT_DEATH(tmem_freem(mem, block), "given back twice");
+}
+
+#endif
 
 TEST(Memory, TagsTakeTwelveBytesAtMost) {
     char bytes[17] = "################";
