@@ -103,8 +103,10 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
 
 // For a key of the latest part.
 copied_key locked_view::note_asked(uint32_t key) {
-    copies_->asked.resize(std::min(next_++, copies_->asked.size()));
-    copies_->asked.emplace_back(latest_, key);
+    auto &asked = copies_->asked;
+    if (next_ < asked.size()) asked.resize(next_);
+    asked.emplace_back(latest_, key);
+    next_ = asked.size();
     return {copies_->parts[latest_], key};
 }
 

@@ -11,10 +11,12 @@
 namespace keyview::host {
 
 static constexpr size_t FIRST_CAPACITY = 4096;
+static constexpr size_t LARGE_CAPACITY = size_t{256} << 10;
 static constexpr size_t KEYS_OF_A_RECORD = 512;
 
 void byte_block::grow(size_t more) {
-    size_t capacity = std::max({FIRST_CAPACITY, capacity_ * 2, size_ + more});
+    size_t factor = capacity_ < LARGE_CAPACITY ? 4 : 2;
+    size_t capacity = std::max({FIRST_CAPACITY, capacity_ * factor, size_ + more});
     std::unique_ptr<char[]> larger(new char[capacity]);
     if (size_ > 0) memcpy(larger.get(), bytes_.get(), size_);
     bytes_ = std::move(larger);
@@ -59,8 +61,8 @@ void snapshot::put_row(std::string_view name, std::string_view value, uint32_t c
     if (name_at > 0) *put(to, path(list_of_)) = '.';
     put(put(to + name_at, name), value);
     keys_.push_back({at, static_cast<uint16_t>(path_size), static_cast<uint16_t>(name_at),
-                     at + static_cast<uint32_t>(path_size), static_cast<uint32_t>(value.size()), 0,
-                     children});
+                     at + static_cast<uint32_t>(path_size), static_cast<uint32_t>(value.size()),
+                     list_of_, 0, children});
 }
 
 // Ends a list and gives the key whose list must follow; NONE if there is none, or if the list that
@@ -104,11 +106,18 @@ bool snapshot::tells(std::string_view path) const {
     return depth_ == reach::children && path.find('.', top_.size() + 1) == path.npos;
 }
 
-// From the top down, element by element.
+// Whether a path is that of a key or below it.
+bool snapshot::leads_to(uint32_t key, std::string_view path) const {
+    return path_within(path, this->path(key));
+}
+
+// Up from the latest key to one that leads there, and down from that, element by element.
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
-    uint32_t key = TOP;
-    for (size_t end = top_.size(); end < path.size();) {
+    uint32_t key = latest_;
+    while (key != TOP && !leads_to(key, path))
+        key = keys_[key].parent;
+    for (size_t end = keys_[key].path_size; end < path.size();) {
         size_t start = end + 1;
         end = std::min(path.find('.', start), path.size());
         key = child(key, path.substr(start, end - start));

@@ -112,6 +112,7 @@ class KEYVIEW_HOST_API snapshot {
         uint16_t name_at;  // within the path
         uint32_t value_at;
         uint32_t value_size;
+        uint32_t parent;  // NONE for the top
         uint32_t first;
         uint32_t count;
     };
@@ -125,6 +126,7 @@ class KEYVIEW_HOST_API snapshot {
     char *room(size_t more);
     uint32_t next_key();
     void put_row(std::string_view name, std::string_view value, uint32_t children);
+    bool leads_to(uint32_t key, std::string_view path) const;
     uint32_t child(uint32_t parent, std::string_view name) const;
     uint32_t found(uint32_t key) {
         step_before_ = step_;
