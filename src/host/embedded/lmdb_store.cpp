@@ -242,9 +242,14 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     check_value(path, value);
     check_fence(path, fence);
     std::string stored;
-    if (!now({})->read(path, &stored)) return false;
-    if (stored == value) return true;
-
+    {
+        std::unique_ptr<moment> present = now(path);
+        if (!present->read(path, &stored)) return false;
+        // While a change is under way this tells nothing: that of a killed writer may come to light
+        // only with the next one, and would then replace the value that is there now.
+        bool quiet = present->current().part != 0;
+        if (quiet && stored == value) return true;
+    }
     bool found = false;
     environment *keys = env();
     std::shared_ptr<held_lock> right = right_to_write();
