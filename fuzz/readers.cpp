@@ -1,10 +1,15 @@
-// Kills readers in the middle of their reading while a writer goes on: what they kept of the file
-// must be taken back, or the file would grow without end.
+// Kills readers in the middle of their reading while a writer goes on without pause: what they kept
+// of the file must be taken back, or the file would grow without end.
 //
 // Usage: readers [COUNT]; it prints the sizes of the file.
+#include <sys/mman.h>
+
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 
 #include "process.h"
 #include "registry.h"
@@ -13,42 +18,91 @@ namespace keyview::test {
 
 static constexpr const char *LOCK = "LKRT.DATABASE.DATABASES.sales";
 static const std::string DEEP = "DATABASE.DATABASES.sales.INSTANCE.sales1.NODE";
+static const std::string OTHER = "DATABASE.DATABASES.other.V";
+static constexpr size_t VALUES = 32;
+
+static constexpr int READERS_AT_ONCE = 20;
+static constexpr uint64_t COMMITS_A_READER = 5;
+static constexpr uint64_t COMMITS_AFTER = 800;  // far more than fit into what the file has
+
+static void require(bool holds, const char *what) {
+    if (!holds) throw std::runtime_error(what);
+}
+
+// Values whose sizes go up and down, so that pages come and go.
+static int write_without_pause(std::atomic<uint64_t> *commits) {
+    client keys;
+    for (size_t n = 0;; ++n) {
+        std::string value((n * 7919) % 60000, static_cast<char>('a' + n % 26));
+        require(keys.set(OTHER + std::to_string(n * 5 % VALUES), value) == 0,
+                keyview_host_last_error());
+        ++*commits;
+    }
+}
 
 class dying_readers {
   public:
     dying_readers() {
-        if (keyview_host_set_registry(url_.c_str()) != 0) throw std::runtime_error("no registry");
-        apply_all(1);
+        require(keyview_host_set_registry(url_.c_str()) == 0, "no registry");
+        std::vector<change> changes = {put(DEEP, "node1")};
+        for (size_t i = 0; i < VALUES; ++i)
+            changes.push_back(put(OTHER + std::to_string(i), std::string(30000, 'v')));
+        open_backend(url_, open_mode::create).keys->apply(changes);
+        writer_ = std::make_unique<child_process>(
+            [this](const meeting &) { return write_without_pause(commits_); });
     }
 
+    ~dying_readers() {
+        writer_.reset();
+        (void)munmap(commits_, sizeof(*commits_));
+    }
+
+    // The file first gets the size that it needs for as many readers who end as they should.
     void run(int count) {
-        for (int i = 0; i < 40; ++i)
-            apply_all(static_cast<size_t>(i));  // until the file has the size that it needs
+        read_at_once(READERS_AT_ONCE, false);
         uintmax_t before = size();
-        for (int i = 0; i < count; ++i) {
-            child_process reader([](const meeting &parent) {
-                client keys;
-                locker locks;
-                if (locks.shared(LOCK) != 0 || keys.read(DEEP) != "node1") return 1;
-                return parent.tell() && parent.wait() ? 0 : 2;  // for ever
-            });
-            if (!reader.here.wait()) throw std::runtime_error("a reader did not begin");
-            apply_all(static_cast<size_t>(i));
-        }  // each is killed while it holds its moment
-        (void)printf("%d killed readers: the file had %ju bytes and has %ju\n", count, before,
-                     size());
-        if (size() > 2 * before) throw std::runtime_error("the file grew");
+        for (int left = count; left > 0; left -= READERS_AT_ONCE)
+            read_at_once(std::min(left, READERS_AT_ONCE), true);
+        uintmax_t after = size();
+        (void)printf("%d killed readers, %ju commits: the file had %ju bytes and has %ju\n", count,
+                     static_cast<uintmax_t>(commits_->load()), before, after);
+        require(after <= 2 * before, "the file grew");
+        require(locker().exclusive(LOCK) == 0, "a killed reader's lock is still held");
     }
 
   private:
-    // Values whose sizes go up and down, so that pages come and go.
-    void apply_all(size_t round) {
-        std::vector<change> changes = {put(DEEP, "node1")};
-        for (size_t i = 0; i < 20; ++i) {
-            changes.push_back(put("DATABASE.DATABASES.other.V" + std::to_string(i),
-                                  std::string((round * 7 + i * 13) % 50 * 97, 'v')));
+    // Each reader has its moment at another commit. Nobody opens the registry between their end and
+    // the last commit: whoever opens it takes back what the dead kept.
+    void read_at_once(int count, bool killed) {
+        std::vector<std::unique_ptr<child_process>> readers;
+        for (int i = 0; i < count; ++i) {
+            readers.push_back(std::make_unique<child_process>(hold_a_moment));
+            require(readers.back()->here.wait(), "a reader did not begin");
+            wait_for_commits(COMMITS_A_READER);
         }
-        open_backend(url_, open_mode::create).keys->apply(changes);
+        for (auto &reader : readers) {
+            if (!killed) require(reader->here.tell() && reader->status() == 0, "a reader failed");
+            if (killed) reader->kill_it();
+        }
+        wait_for_commits(COMMITS_AFTER);
+    }
+
+    static int hold_a_moment(const meeting &parent) {
+        client keys;
+        locker locks;
+        if (locks.shared(LOCK) != 0 || keys.read(DEEP) != "node1") return 1;
+        if (!parent.tell()) return 2;
+        char byte = 0;
+        return read(parent.fd, &byte, 1) == 1 ? 0 : 3;  // as long as it takes
+    }
+
+    void wait_for_commits(uint64_t more) {
+        uint64_t seen = *commits_;
+        for (uint64_t end = seen + more; seen < end;) {
+            for (int waited_ms = 0; *commits_ == seen; ++waited_ms, usleep(1000))
+                require(waited_ms < DEADLINE_MS, "the writer stands still");
+            seen = *commits_;
+        }
     }
 
     uintmax_t size() const {
@@ -57,11 +111,16 @@ class dying_readers {
 
     scratch_directory scratch_;
     std::string url_ = "lmdb:" + scratch_.path + "/registry";
+    std::atomic<uint64_t> *commits_ = new (
+        mmap(nullptr, sizeof(*commits_), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+        std::atomic<uint64_t>{0};
+    std::unique_ptr<child_process> writer_;
 };
 
 }  // namespace keyview::test
 
 int main(int argc, char **argv) {
+    (void)setenv("TMPDIR", "/var/tmp", 0);
     try {
         keyview::test::dying_readers().run(argc > 1 ? atoi(argv[1]) : 40);
     } catch (const std::exception &error) {

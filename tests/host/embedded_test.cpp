@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <memory>
 #include <thread>
 
 #include "host/registry/snapshot.h"
@@ -181,7 +182,30 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
     EXPECT_EQ(stored("a.b"), "back");
 }
 
-// ---- Full disks ---------------------------------------------------------------------------------
+// ---- Growth and full disks ----------------------------------------------------------------------
+
+TEST_F(Embedded, GrowsByItselfAlsoUnderOthers) {
+    apply({put("a.b", "small")});
+    child_process reader([&](const meeting &parent) {
+        if (stored("a.b") != "small" || !parent.tell() || !parent.wait()) return 1;
+        return stored("a.z") == std::string(1000000, 'z') ? 0 : 2;
+    });
+    ASSERT_TRUE(reader.here.wait());
+    std::atomic<bool> stop{false};
+    std::thread beside([&] {
+        while (!stop)
+            EXPECT_EQ(stored("a.b"), "small");
+    });
+    std::vector<change> changes;
+    for (char c = 'k'; c <= 'z'; ++c)
+        changes.push_back(put(std::string("a.") + c, std::string(1000000, c)));
+    EXPECT_EQ(apply(changes).created, 16U);
+    stop = true;
+    beside.join();
+    EXPECT_TRUE(reader.here.tell());
+    EXPECT_EQ(reader.status(), 0);
+    EXPECT_EQ(stored("a.k"), std::string(1000000, 'k'));
+}
 
 TEST_F(Embedded, AFullDiskLeavesTheOldState) {
     apply({put("a.b", "old")});
@@ -203,6 +227,47 @@ TEST_F(Embedded, AFullDiskLeavesTheOldState) {
 }
 
 // ---- Death --------------------------------------------------------------------------------------
+
+// A program that is killed with every slot for readers taken does not lock out one that needs more
+// slots while it is at work.
+TEST_F(Embedded, TakesBackTheSlotsOfDeadReaders) {
+    apply({put("a.b", "value")});
+    child_process greedy([&](const meeting &parent) {
+        MDB_env *env = nullptr;
+        MDB_txn *txn = nullptr;
+        mdb_env_create(&env);
+        int rc = mdb_env_open(env, directory.c_str(), MDB_NOTLS, 0600);
+        while (rc == 0)
+            rc = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
+        return rc != MDB_READERS_FULL || !parent.tell() || !parent.wait();
+    });
+    ASSERT_TRUE(greedy.here.wait());
+    greedy.kill_it();
+    std::vector<std::unique_ptr<moment>> many;
+    for (int i = 0; i < 4; ++i)
+        EXPECT_NO_THROW(many.push_back(registry.keys->now()));
+}
+
+// A killed writer's last change may be on the disk and not be seen before the next change. It must
+// not come to light after what the next writer set, also if that was there already.
+TEST_F(Embedded, ADeadWritersChangeNeverFollowsTheNextOne) {
+    const std::string key = "D.B.a.FLAG";
+    apply({put(key, "new"), put("D.B.b", "0")});
+    for (int round = 0; round < 40; ++round) {
+        {
+            child_process writer([&](const meeting &parent) {
+                for (int i = 0; parent.tell(); ++i)
+                    registry.keys->set(key, i % 2 == 0 ? "old" : "new", nullptr);
+                return 0;
+            });
+            ASSERT_TRUE(writer.here.wait());
+            usleep(static_cast<useconds_t>(round * 50));
+        }
+        EXPECT_TRUE(registry.keys->set(key, "new", nullptr));
+        EXPECT_TRUE(registry.keys->set("D.B.b", std::to_string(round + 1), nullptr));
+        ASSERT_EQ(stored(key), "new") << "round " << round;
+    }
+}
 
 TEST_F(Embedded, KilledWritersLeaveAWholeTree) {
     apply({put("a.x", "0"), put("a.y", "0")});

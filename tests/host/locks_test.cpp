@@ -51,6 +51,33 @@ TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
     EXPECT_EQ(try_it(lock_mode::shared), 0) << "a writer that gave up leaves no gate closed";
 }
 
+TEST_F(Locks, DifferentNamesNeverTouch) {
+    locker mine;
+    for (int i = 0; i < 300; ++i)
+        EXPECT_EQ(mine.exclusive((NAME + std::to_string(i)).c_str()), 0) << i;
+}
+
+TEST_F(Locks, OddCallsAreRefused) {
+    locker mine;
+    EXPECT_NE(mine.unlock(NAME), 0) << "never taken";
+    std::string too_long(3000, 'x');
+    for (const char *name : {static_cast<const char *>(nullptr), "", too_long.c_str()})
+        EXPECT_NE(mine.shared(name), 0);
+    EXPECT_EQ(mine.exclusive(NAME), 0);
+    std::thread([&] { EXPECT_NE(mine.unlock(NAME), 0) << "another thread's"; }).join();
+    EXPECT_EQ(mine.unlock(NAME), 0);
+    EXPECT_NE(mine.unlock(NAME), 0) << "twice";
+
+    EXPECT_EQ(mine.exclusive(NAME), 0);
+    EXPECT_EQ(lksvsterm(nullptr, mine.lk), 0);
+    EXPECT_TRUE(is_free()) << "released with the handle";
+    client keys;
+    for (void *bad : {mine.lk, keys.reg, static_cast<void *>(nullptr)}) {
+        EXPECT_NE(lksvlsshrlock(nullptr, bad, NAME), 0);
+        EXPECT_NE(lksvsterm(nullptr, bad), 0);
+    }
+}
+
 TEST_F(Locks, AKilledHolderSetsItsWaitersFree) {
     for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
         child_process holder([&](const meeting &parent) {
@@ -105,6 +132,23 @@ TEST_F(Locks, AWriterIsNotStarved) {
             }
         });
     }
+}
+
+TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
+    locker mine;
+    ASSERT_EQ(mine.shared(NAME), 0);
+    std::thread writer(
+        [&] { EXPECT_NO_THROW(registry.locks->acquire(NAME, lock_mode::exclusive, DEADLINE_MS)); });
+    try {  // until the writer stands at the gate
+        for (;;)
+            registry.locks->acquire(NAME, lock_mode::shared, 0);
+    } catch (const host_error &) {
+        EXPECT_EQ(mine.shared(NAME), 0);
+    }
+    EXPECT_EQ(mine.unlock(NAME), 0);
+    EXPECT_FALSE(is_free());
+    EXPECT_EQ(mine.unlock(NAME), 0);
+    writer.join();
 }
 
 // The words at the head of the lock file may be left in any state by whoever was killed.
