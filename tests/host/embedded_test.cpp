@@ -184,29 +184,6 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
 
 // ---- Growth and full disks ----------------------------------------------------------------------
 
-TEST_F(Embedded, GrowsByItselfAlsoUnderOthers) {
-    apply({put("a.b", "small")});
-    child_process reader([&](const meeting &parent) {
-        if (stored("a.b") != "small" || !parent.tell() || !parent.wait()) return 1;
-        return stored("a.z") == std::string(1000000, 'z') ? 0 : 2;
-    });
-    ASSERT_TRUE(reader.here.wait());
-    std::atomic<bool> stop{false};
-    std::thread beside([&] {
-        while (!stop)
-            EXPECT_EQ(stored("a.b"), "small");
-    });
-    std::vector<change> changes;
-    for (char c = 'k'; c <= 'z'; ++c)
-        changes.push_back(put(std::string("a.") + c, std::string(1000000, c)));
-    EXPECT_EQ(apply(changes).created, 16U);
-    stop = true;
-    beside.join();
-    EXPECT_TRUE(reader.here.tell());
-    EXPECT_EQ(reader.status(), 0);
-    EXPECT_EQ(stored("a.k"), std::string(1000000, 'k'));
-}
-
 TEST_F(Embedded, AFullDiskLeavesTheOldState) {
     apply({put("a.b", "old")});
     child_process writer([&](const meeting &) {
