@@ -181,13 +181,13 @@ void registry_directory::make(size_t file, open_mode mode, mode_t file_mode) {
     throw host_error(failure::not_found, "there is no registry in '" + path_ + "'" + WHAT_TO_DO);
 }
 
-// LMDB maps its two files into memory, so they must not become empty either.
+// LMDB's two files must not become empty either. The lock file is empty until a lock is taken.
 void registry_directory::require_in_place() const {
     for (size_t n = 0; n < std::size(FILES); ++n) {
         struct stat found = {};
         bool there = fstatat(fd(), FILES[n], &found, AT_SYMLINK_NOFOLLOW) == 0;
         bool same = there && ids_[n] == file_id(found.st_dev, found.st_ino);
-        if (same && (found.st_size > 0 || n == 2)) continue;
+        if (same && (found.st_size > 0 || FILES[n] == LOCK_FILE)) continue;
         throw host_error(failure::registry, "the registry in '" + path_ + "' failed: " + FILES[n] +
                                                 " was deleted, replaced or emptied while in use; "
                                                 "restart the program");

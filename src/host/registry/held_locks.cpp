@@ -2,7 +2,6 @@
 #include "host/registry/held_locks.h"
 
 #include <algorithm>
-#include <iterator>
 #include <mutex>
 
 #include "host/support/error.h"
@@ -61,7 +60,7 @@ void held_locks::take(const void *service, const backend &registry, std::string_
                         std::move(lock),
                         registry.keys,
                         cover_at,
-                        cover.children_only,
+                        cover.depth,
                         {}});
 }
 

@@ -23,12 +23,12 @@ struct held_entry {
     std::shared_ptr<held_lock> lock;
     std::shared_ptr<store> keys;  // what the lock protects
     size_t cover_at;              // where the path that it covers begins in the name; npos for none
-    bool children_only;
+    reach depth;
     locked_view view;
 
     lock_cover cover() const {
         if (cover_at == name.npos) return {};
-        return {std::string_view(name).substr(cover_at), children_only};
+        return {std::string_view(name).substr(cover_at), depth};
     }
 };
 

@@ -50,13 +50,11 @@ void kept_copies::drop_oldest() {
 // ---- The view -----------------------------------------------------------------------------------
 
 bool locked_view::tells(const lock_cover &cover, std::string_view path) {
-    if (cover.path.empty() || !path_within(path, cover.path)) return false;
-    if (!cover.children_only || path.size() == cover.path.size()) return true;
-    return path.find('.', cover.path.size() + 1) == path.npos;
+    return !cover.path.empty() && path_within(path, cover.path, cover.depth);
 }
 
 bool locked_view::tells_children(const lock_cover &cover, std::string_view path) {
-    return tells(cover, path) && (!cover.children_only || path.size() == cover.path.size());
+    return tells(cover, path) && (cover.depth == reach::all_below || path == cover.path);
 }
 
 void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
@@ -82,11 +80,16 @@ void locked_view::bring(snapshot *part, std::string_view path, std::string_view 
 copied_key locked_view::copy(std::string_view path, reach which) {
     auto part = std::make_shared<snapshot>(path, which);
     bool there = moment_->copy(path, which, part.get());
+    add_part(part);
+    return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
+}
+
+// With what the holder changed since the moment.
+void locked_view::add_part(const std::shared_ptr<snapshot> &part) {
     for (const auto &[changed, value] : changes_)
         bring(part.get(), changed, value);
     latest_ = copies_->parts.size();
     copies_->parts.push_back(part);
-    return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
 }
 
 // From the latest part that tells about the key, which becomes latest_; false if none does.
@@ -113,18 +116,16 @@ copied_key locked_view::note_asked(uint32_t key) {
 // The key alone, as a part.
 uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
     uint32_t key = snapshot::NONE;
-    if (moment_ == nullptr || !moment_->read(path, &value_)) return key;
+    std::string value;
+    if (moment_ == nullptr || !moment_->read(path, &value)) return key;
     if (copies_->single_keys == MOST_SINGLE_KEYS) {
         copy_out(cover);
         (void)find_copy(path, &key);  // a part tells about everything now
         return key;
     }
     auto part = std::make_shared<snapshot>(path, reach::key_alone);
-    part->add_top(value_, 0);
-    for (const auto &[changed, value] : changes_)
-        bring(part.get(), changed, value);
-    latest_ = copies_->parts.size();
-    copies_->parts.push_back(std::move(part));
+    part->add_top(value, 0);
+    add_part(part);
     ++copies_->single_keys;
     return snapshot::TOP;
 }
@@ -163,7 +164,7 @@ void locked_view::note_value(std::string_view path, std::string_view value) {
 
 void locked_view::copy_out(const lock_cover &cover) {
     if (moment_ == nullptr) return;
-    bool whole = cover.children_only;
+    bool whole = cover.depth == reach::children;
     for (const auto &part : copies_->parts)
         whole = whole || (part->tells_all() && part->top() == cover.path);
     if (!whole) (void)copy(cover.path, reach::all_below);

@@ -100,6 +100,7 @@ class locked_view {
     copied_key note_asked(uint32_t key);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
+    void add_part(const std::shared_ptr<snapshot> &part);
     void bring(snapshot *part, std::string_view path, std::string_view value);
 
     std::unique_ptr<moment> moment_;  // null before the first look, and after copy_out
@@ -107,7 +108,6 @@ class locked_view {
     size_t latest_ = 0;               // the part that had the latest answer
     size_t next_ = 0;                 // in copies_->asked
     std::vector<std::pair<std::string, std::string>> changes_;  // since the moment
-    std::string value_;
 };
 
 }  // namespace keyview::host

@@ -24,9 +24,11 @@ const char *path_fault(std::string_view path) noexcept {
     return before == '.' ? "an element of the path is empty" : nullptr;
 }
 
-bool path_within(std::string_view path, std::string_view top) noexcept {
+bool path_within(std::string_view path, std::string_view top, reach depth) noexcept {
     if (!starts_with(path, top)) return false;
-    return path.size() == top.size() || path[top.size()] == '.';
+    if (path.size() == top.size()) return true;
+    if (path[top.size()] != '.' || depth == reach::key_alone) return false;
+    return depth == reach::all_below || path.find('.', top.size() + 1) == path.npos;
 }
 
 std::string_view parent_path(std::string_view path) noexcept {
@@ -39,7 +41,7 @@ lock_cover cover_of(std::string_view lock_name) {
     bool stg = starts_with(lock_name, STG_LOCK_HEAD);
     std::string_view path = lock_name.substr(stg ? STG_LOCK_HEAD.size() : LOCK_HEAD.size());
     if (path_fault(path) != nullptr) return {};
-    return {path, lock_name == ALL_DATABASES_LOCK};
+    return {path, lock_name == ALL_DATABASES_LOCK ? reach::children : reach::all_below};
 }
 
 }  // namespace keyview::host

@@ -14,16 +14,20 @@ constexpr size_t MAX_VALUE_SIZE = size_t{1} << 20;
 // character.
 const char *path_fault(std::string_view path) noexcept;
 
-// Whether path is top or a key below it.
-bool path_within(std::string_view path, std::string_view top) noexcept;
+// How far a part of the tree goes below its top.
+enum class reach { key_alone, children, all_below };
+
+// Whether path is top or a key below it, as far as the part goes.
+bool path_within(std::string_view path, std::string_view top,
+                 reach depth = reach::all_below) noexcept;
 
 // The path of the parent; "" for an element alone.
 std::string_view parent_path(std::string_view path) noexcept;
 
-// The part of the tree that a lock protects, for the snapshot of its holder.
+// The part of the tree that a lock protects, for what its holder sees.
 struct lock_cover {
-    std::string_view path;       // a part of the name, "" if it covers nothing
-    bool children_only = false;  // the snapshot holds the path and its children, nothing deeper
+    std::string_view path;  // a part of the name, "" if it covers nothing
+    reach depth = reach::all_below;
 };
 
 // The cover of a lock is its name without the head "LKRT." or "LKRT.STG.". The lock of all

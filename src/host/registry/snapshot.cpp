@@ -5,7 +5,6 @@
 #include <cstring>
 #include <limits>
 
-#include "host/registry/path.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
@@ -100,22 +99,11 @@ bool snapshot::begin_list(std::string_view key, char separator) {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-bool snapshot::tells(std::string_view path) const {
-    if (!path_within(path, top_)) return false;
-    if (depth_ == reach::all_below || path.size() == top_.size()) return true;
-    return depth_ == reach::children && path.find('.', top_.size() + 1) == path.npos;
-}
-
-// Whether a path is that of a key or below it.
-bool snapshot::leads_to(uint32_t key, std::string_view path) const {
-    return path_within(path, this->path(key));
-}
-
 // Up from the latest key to one that leads there, and down from that, element by element.
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
     uint32_t key = latest_;
-    while (key != TOP && !leads_to(key, path))
+    while (key != TOP && !path_within(path, this->path(key)))
         key = keys_[key].parent;
     for (size_t end = keys_[key].path_size; end < path.size();) {
         size_t start = end + 1;

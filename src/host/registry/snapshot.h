@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/registry/path.h"
 #include "host/registry/store.h"
 #include "host/support/export.h"
 
@@ -65,7 +66,7 @@ class KEYVIEW_HOST_API snapshot {
     // ---- Reading ----
 
     // Whether the copy knows about a key, be it there or not; and about its children.
-    bool tells(std::string_view path) const;
+    bool tells(std::string_view path) const { return path_within(path, top_, depth_); }
     bool tells_children(uint32_t key) const {
         return depth_ == reach::all_below || (depth_ == reach::children && key == TOP);
     }
@@ -126,7 +127,6 @@ class KEYVIEW_HOST_API snapshot {
     char *room(size_t more);
     uint32_t next_key();
     void put_row(std::string_view name, std::string_view value, uint32_t children);
-    bool leads_to(uint32_t key, std::string_view path) const;
     uint32_t child(uint32_t parent, std::string_view name) const;
     uint32_t found(uint32_t key) {
         step_before_ = step_;

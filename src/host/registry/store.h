@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/registry/path.h"
 #include "host/support/export.h"
 
 namespace keyview::host {
@@ -36,9 +37,6 @@ struct change_counts {
     uint64_t replaced = 0;  // of those that changed
     uint64_t removed = 0;   // what was below included
 };
-
-// How far a reading goes below its key.
-enum class reach { key_alone, children, all_below };
 
 // What tells that a part of the tree is still the same. A number of 0 tells nothing.
 struct revision {
