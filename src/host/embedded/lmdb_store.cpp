@@ -50,8 +50,7 @@ bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *
 }
 
 bool below(std::string_view path, std::string_view top, reach which) {
-    if (path.size() <= top.size() || !path_within(path, top)) return false;
-    return which == reach::all_below || path.find('.', top.size() + 1) == path.npos;
+    return path.size() > top.size() && path_within(path, top, which);
 }
 
 // ---- Copies -------------------------------------------------------------------------------------
@@ -119,8 +118,8 @@ class open_list {
 
 }  // namespace
 
-// The count of the part counts if no change of it was under way when the transaction began. It is
-// never 0: then nothing was changed since the file was made, and the tree's number serves.
+// The part's count tells something if no change of it was under way when the transaction began. A
+// count of 0 does not: nothing was counted since the lock file was made.
 revision lmdb_moment::current() {
     bool quiet = before_ % 2 == 0 && count() == before_;
     return {mdb_txn_id(reading_.txn()) + 1, quiet ? before_ : 0};
@@ -215,7 +214,26 @@ environment *lmdb_store::env() {
     return here.use->get();
 }
 
+// A count that is odd while nobody has the right to write was left by a killed writer. LMDB may
+// have that one's last commit on the disk and tell of it only to the next writer: so there is one,
+// who changes nothing.
+void lmdb_store::settle(std::string_view part) {
+    shared_words::change_count *count = locks_->words()->count_of(part);
+    if (count == nullptr || count->load() % 2 == 0) return;
+    std::shared_ptr<held_lock> right;
+    try {
+        right = locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, 0);
+    } catch (const host_error &error) {
+        if (error.kind != failure::lock) throw;
+        return;  // a change is under way
+    }
+    change_notice notice(locks_->words());
+    notice.add(part);
+    env()->write([](MDB_txn *) { return false; });
+}
+
 std::unique_ptr<moment> lmdb_store::now(std::string_view part) {
+    if (!part.empty()) settle(part);
     return std::make_unique<lmdb_moment>(shared_from_this(), env(), part);
 }
 
@@ -245,8 +263,7 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     {
         std::unique_ptr<moment> present = now(path);
         if (!present->read(path, &stored)) return false;
-        // While a change is under way this tells nothing: that of a killed writer may come to light
-        // only with the next one, and would then replace the value that is there now.
+        // While a change is under way this tells nothing: its writer would not know of ours.
         bool quiet = present->current().part != 0;
         if (quiet && stored == value) return true;
     }

@@ -38,6 +38,7 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
     };
 
     environment *env();
+    void settle(std::string_view part);
     std::shared_ptr<held_lock> right_to_write();
 
     std::shared_ptr<const registry_directory> directory_;
