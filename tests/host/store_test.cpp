@@ -92,6 +92,32 @@ TEST_P(Store, SetsOnlyWhatExistsAndOnlyUnderALockThatIsHeld) {
     }
 }
 
+TEST_P(Store, AppliesOnlyOnItsTerms) {
+    struct lost_lock : held_lock {
+        bool still_held() const override { return false; }
+    } lost;
+    auto revision = [&] { return keys->now()->current().tree; };
+    keys->apply({put("a.b", "old")});
+    uint64_t before = revision();
+    EXPECT_NE(before, 0U);
+    EXPECT_EQ(keys->apply({put("a.b", "old")}).replaced, 0U);
+    {
+        auto held = fresh->opened.locks->acquire("LKRT.a", lock_mode::exclusive, 1000);
+        EXPECT_EQ(failure_of([&] {
+                      keys->apply({put("a.b", "new")}, {{held.get(), &lost}, 0});
+                  }),
+                  failure::lock);
+        EXPECT_EQ(revision(), before) << "moved by what changed nothing";
+        keys->apply({put("a.b", "new")}, {{held.get()}, before});
+    }
+    EXPECT_NE(revision(), before);
+    EXPECT_EQ(failure_of([&] {
+                  keys->apply({put("a.b", "newer")}, {{}, before});
+              }),
+              failure::changed);
+    EXPECT_EQ(value("a.b"), "new");
+}
+
 TEST_P(Store, ASubtreeIsReadAsOfOneMomentBesideWriters) {
     keys->apply({put("t.a", "0"), put("t.b", "0")});
     std::atomic<int> at_work{2};

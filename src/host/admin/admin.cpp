@@ -87,11 +87,11 @@ static held_locks lock_all(host::lock_service *locks, const std::set<std::string
     return held;
 }
 
-static void check_still_held(const held_locks &held) {
-    for (const auto &lock : held) {
-        if (lock->still_held()) continue;
-        throw host_error(failure::lock, "the cluster lock was lost; nothing was written");
-    }
+static host::apply_terms terms_of(const held_locks &held) {
+    host::apply_terms terms;
+    for (const auto &lock : held)
+        terms.fences.push_back(lock.get());
+    return terms;
 }
 
 // What only the registry can tell about the document; keys may be null, for an empty registry.
@@ -135,8 +135,7 @@ static void apply_plan(const document_plan &plan, apply_result *out) {
     held_locks held = lock_all(registry.locks.get(), plan.locks);
     check_against(registry.keys->now().get(), plan, &problems);
     if (!problems.empty()) return problems.report(INVALID_DOCUMENT, out);
-    check_still_held(held);
-    host::change_counts counts = registry.keys->apply(plan.changes);
+    host::change_counts counts = registry.keys->apply(plan.changes, terms_of(held));
     out->created = counts.created;
     out->replaced = counts.replaced;
 }

@@ -53,8 +53,8 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
     explicit file_locks(const std::shared_ptr<const registry_directory> &directory)
         : directory_(directory), words_(directory) {}
 
-    std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
-                                       wait_limit limit) override;
+    std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
+                                       const lock_cover &wanted = {}) override;
 
     shared_words *words() { return &words_; }
 

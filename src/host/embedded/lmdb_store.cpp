@@ -118,7 +118,8 @@ class open_list {
 
 }  // namespace
 
-// The part's count tells something if no change of it was under way when the transaction began. A
+// The tree's revision is the number of the next transaction that writes, so it is never 0. The
+// part's count tells something if no change of it was under way when the transaction began. A
 // count of 0 does not: nothing was counted since the lock file was made.
 revision lmdb_moment::current() {
     bool quiet = before_ % 2 == 0 && count() == before_;
@@ -281,7 +282,19 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     return found;
 }
 
-change_counts lmdb_store::apply(const std::vector<change> &changes) {
+static void check_terms(MDB_txn *writer, const apply_terms &terms) {
+    for (const held_lock *fence : terms.fences) {
+        if (fence->still_held()) continue;
+        throw host_error(failure::lock, "the cluster lock was lost; nothing was written");
+    }
+    if (terms.revision == 0 || terms.revision == mdb_txn_id(writer)) return;
+    throw host_error(failure::changed, "the registry changed meanwhile: its revision is " +
+                                           std::to_string(mdb_txn_id(writer)) + ", not " +
+                                           std::to_string(terms.revision) +
+                                           "; nothing was written");
+}
+
+change_counts lmdb_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
     for (const change &one : changes) {
         const char *fault = path_fault(one.path);
         if (fault != nullptr && one.what == change::kind::put) {
@@ -296,6 +309,7 @@ change_counts lmdb_store::apply(const std::vector<change> &changes) {
     for (const change &one : changes)
         notice.add(one.path);
     keys->write([&](MDB_txn *txn) {
+        check_terms(txn, terms);
         lmdb_writer writer(*keys, txn);
         for (const change &one : changes)
             writer.carry_out(one);

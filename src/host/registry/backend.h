@@ -28,6 +28,10 @@ class KEYVIEW_HOST_API held_lock {
 
     // Whether the lock is held, as far as this process can tell without asking.
     virtual bool still_held() const = 0;
+
+    // The part of the tree that was wanted with the lock, as of its grant. Null at the second call,
+    // and for a service that does not bring it: then the store is asked.
+    virtual std::unique_ptr<moment> as_of_grant() { return nullptr; }
 };
 
 // How long a lock is waited for, in milliseconds: a number, or a function that is asked once there
@@ -53,9 +57,10 @@ class KEYVIEW_HOST_API lock_service {
     virtual ~lock_service() = default;
 
     // Takes the named lock, in the name of this process: threads exclude each other too. Throws
-    // host_error(failure::lock) if it is not granted in time.
+    // host_error(failure::lock) if it is not granted in time. wanted is what the holder is going to
+    // read, for a service that can bring it with the lock.
     virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
-                                               wait_limit limit) = 0;
+                                               wait_limit limit, const lock_cover &wanted = {}) = 0;
 };
 
 struct backend {

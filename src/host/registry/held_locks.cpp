@@ -48,20 +48,15 @@ void held_locks::take(const void *service, const backend &registry, std::string_
     }
     entries_.reserve(entries_.size() + 1);
     spare_name_.assign(name);
-    if (lock == nullptr)
-        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_ms));
     lock_cover cover = cover_of(spare_name_);
+    if (lock == nullptr)
+        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_ms), cover);
     size_t cover_at = cover.path.empty()
                           ? spare_name_.npos
                           : static_cast<size_t>(cover.path.data() - spare_name_.data());
-    entries_.push_back({service,
-                        std::move(spare_name_),
-                        mode,
-                        std::move(lock),
-                        registry.keys,
-                        cover_at,
-                        cover.depth,
-                        {}});
+    locked_view view(lock->as_of_grant());
+    entries_.push_back({service, std::move(spare_name_), mode, std::move(lock), registry.keys,
+                        cover_at, cover.depth, std::move(view)});
 }
 
 bool held_locks::release(const void *service, std::string_view name) {

@@ -59,7 +59,7 @@ bool locked_view::tells_children(const lock_cover &cover, std::string_view path)
 
 void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
-    moment_ = reader.keys->now(cover.path);
+    if (moment_ == nullptr) moment_ = reader.keys->now(cover.path);
     copies_ = reader.kept->take(cover.path, moment_->current());
     latest_ = 0;
     if (!copies_->parts.empty()) return;
@@ -155,7 +155,10 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
 }
 
 void locked_view::note_value(std::string_view path, std::string_view value) {
-    if (copies_ == nullptr) return;
+    if (copies_ == nullptr) {
+        moment_.reset();  // of the grant, before the change: the first look is at the store
+        return;
+    }
     copies_->as_of = {};  // nobody else may go on with them
     for (const auto &part : copies_->parts)
         bring(part.get(), path, value);
@@ -163,7 +166,7 @@ void locked_view::note_value(std::string_view path, std::string_view value) {
 }
 
 void locked_view::copy_out(const lock_cover &cover) {
-    if (moment_ == nullptr) return;
+    if (moment_ == nullptr || copies_ == nullptr) return;
     bool whole = cover.depth == reach::children;
     for (const auto &part : copies_->parts)
         whole = whole || (part->tells_all() && part->top() == cover.path);

@@ -62,6 +62,9 @@ struct tree_reader {
 
 class locked_view {
   public:
+    // With the moment that came with the lock; null if the store is to be asked.
+    explicit locked_view(std::unique_ptr<moment> granted) : moment_(std::move(granted)) {}
+
     // Whether the view has the answer for a key, or for its list.
     static bool tells(const lock_cover &cover, std::string_view path);
     static bool tells_children(const lock_cover &cover, std::string_view path);
@@ -103,7 +106,7 @@ class locked_view {
     void add_part(const std::shared_ptr<snapshot> &part);
     void bring(snapshot *part, std::string_view path, std::string_view value);
 
-    std::unique_ptr<moment> moment_;  // null before the first look, and after copy_out
+    std::unique_ptr<moment> moment_;  // null before the look at the store, and after copy_out
     std::shared_ptr<copies> copies_;  // null before the first look
     size_t latest_ = 0;               // the part that had the latest answer
     size_t next_ = 0;                 // in copies_->asked

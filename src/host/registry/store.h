@@ -38,6 +38,12 @@ struct change_counts {
     uint64_t removed = 0;   // what was below included
 };
 
+// What must still be so when a change set is carried out.
+struct apply_terms {
+    std::vector<const held_lock *> fences;  // locks that are held, else failure::lock
+    uint64_t revision = 0;                  // of the whole tree, else failure::changed; 0 for any
+};
+
 // What tells that a part of the tree is still the same. A number of 0 tells nothing.
 struct revision {
     uint64_t tree = 0;  // of the whole tree
@@ -86,8 +92,10 @@ class KEYVIEW_HOST_API store {
     // nothing is written unless that lock is still held.
     virtual bool set(std::string_view path, std::string_view value, const held_lock *fence) = 0;
 
-    // Carries out all changes in order, or none of them.
-    virtual change_counts apply(const std::vector<change> &changes) = 0;
+    // Carries out all changes in order, or none of them. The tree's revision moves if anything
+    // changed.
+    virtual change_counts apply(const std::vector<change> &changes,
+                                const apply_terms &terms = {}) = 0;
 };
 
 }  // namespace keyview::host
