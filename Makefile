@@ -2,6 +2,7 @@
 # packaging/debian-packages is installed first.
 #
 #   make demo      builds, fills a registry from examples/ and shows a whole database configuration
+#   make cluster   builds with the module for registries in an etcd cluster
 #   make test      builds and runs the whole test suite
 #   make check     the gate: gate-static, test and gate-tests
 #   make bench     the benchmarks
@@ -12,35 +13,40 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: all demo test check gate-static gate-tests bench install format clean
+.PHONY: all demo cluster test check gate-static gate-tests bench install format clean
 
 all:
 	@packaging/install-packages build
 	@cmake --preset release >/dev/null
 	@cmake --build $(BUILD)/release
 
+cluster:
+	@packaging/install-packages build cluster
+	@cmake --preset release -DKEYVIEW_CLUSTER=ON >/dev/null
+	@cmake --build $(BUILD)/release
+
 demo: all
 	@examples/demo $(BUILD)/release
 
 test:
-	@packaging/install-packages build test
-	@cmake --preset release -DKEYVIEW_TESTS=ON >/dev/null
+	@packaging/install-packages build cluster members test
+	@cmake --preset release -DKEYVIEW_TESTS=ON -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/release
 	@ctest --test-dir $(BUILD)/release --output-on-failure -j2
 
 check: gate-static test gate-tests
 
 gate-static:
-	@packaging/install-packages build test check
+	@packaging/install-packages build cluster members test check
 	@packaging/gate static
 
 gate-tests:
-	@packaging/install-packages build test check
+	@packaging/install-packages build cluster members test check
 	@packaging/gate tests
 
 bench:
-	@packaging/install-packages build bench
-	@cmake --preset release -DKEYVIEW_BENCH=ON >/dev/null
+	@packaging/install-packages build cluster members bench
+	@cmake --preset release -DKEYVIEW_BENCH=ON -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/release
 	@status=0; \
 	bench/library-cost $(BUILD)/release || status=1; \

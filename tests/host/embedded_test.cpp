@@ -13,8 +13,21 @@
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
+#include "store_test.h"
 
 namespace keyview::test {
+
+struct embedded_registry : fresh_registry {
+    embedded_registry() { opened = open_backend("lmdb:" + scratch.path + "/r", open_mode::create); }
+    ~embedded_registry() override { opened = {}; }
+    scratch_directory scratch;
+};
+
+std::vector<backend_row> backends_under_test() {
+    return {{"embedded", []() -> std::unique_ptr<fresh_registry> {
+                 return std::make_unique<embedded_registry>();
+             }}};
+}
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-// What every store promises, whatever it stands on. A further backend is a further row in BACKENDS.
+// What every store promises, whatever it stands on.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,30 +8,9 @@
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
+#include "store_test.h"
 
 namespace keyview::test {
-
-// An empty registry that lives as long as the object.
-struct fresh_registry {
-    virtual ~fresh_registry() = default;
-    backend opened;
-};
-
-struct embedded_registry : fresh_registry {
-    embedded_registry() { opened = open_backend("lmdb:" + scratch.path + "/r", open_mode::create); }
-    ~embedded_registry() override { opened = {}; }
-    scratch_directory scratch;
-};
-
-struct backend_row {
-    const char *name;
-    std::unique_ptr<fresh_registry> (*make)();
-};
-
-static const backend_row BACKENDS[] = {
-    {"embedded",
-     []() -> std::unique_ptr<fresh_registry> { return std::make_unique<embedded_registry>(); }},
-};
 
 class Store : public testing::TestWithParam<backend_row> {
   protected:
@@ -44,7 +23,7 @@ class Store : public testing::TestWithParam<backend_row> {
     store *keys = fresh->opened.keys.get();
 };
 
-INSTANTIATE_TEST_SUITE_P(Backends, Store, testing::ValuesIn(BACKENDS),
+INSTANTIATE_TEST_SUITE_P(Backends, Store, testing::ValuesIn(backends_under_test()),
                          [](const auto &row) { return row.param.name; });
 
 TEST_P(Store, AnInvalidChangeLeavesAllAsItWas) {

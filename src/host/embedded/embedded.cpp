@@ -8,6 +8,7 @@
 #include "host/embedded/file_locks.h"
 #include "host/embedded/lmdb_check.h"
 #include "host/embedded/lmdb_store.h"
+#include "host/support/error.h"
 #include "host/support/fork.h"
 
 namespace keyview::host {
@@ -38,8 +39,18 @@ static std::shared_ptr<lmdb_store> make_known(file_id id,
     return known;
 }
 
-backend open_embedded(const std::string &directory, open_mode mode) {
-    auto place = std::make_shared<const registry_directory>(directory, mode);
+static std::string directory_of(const std::string &url) {
+    return url.substr(url.find(':') + 1);
+}
+
+static void check_url(const std::string &url) {
+    if (!directory_of(url).empty()) return;
+    throw host_error(failure::usage, "'" + url + "' names no directory: use lmdb:<directory>");
+}
+
+static backend open(const std::string &url, open_mode mode) {
+    check_url(url);
+    auto place = std::make_shared<const registry_directory>(directory_of(url), mode);
     std::shared_ptr<lmdb_store> keys = known_store(place->data_id());
     if (keys == nullptr) {
         auto fresh = std::make_shared<lmdb_store>(place, std::make_shared<file_locks>(place));
@@ -49,13 +60,15 @@ backend open_embedded(const std::string &directory, open_mode mode) {
 }
 
 // The files are read as bytes, so the writers must be kept out.
-check_counts check_embedded(const std::string &directory, const damage_sink &damage,
-                            const row_sink &sink) {
-    auto place = std::make_shared<const registry_directory>(directory, open_mode::existing);
+static check_counts check(const std::string &url, const damage_sink &damage, const row_sink &sink) {
+    check_url(url);
+    auto place = std::make_shared<const registry_directory>(directory_of(url), open_mode::existing);
     auto locks = std::make_shared<file_locks>(place);
     std::shared_ptr<held_lock> right =
         locks->acquire(file_locks::WRITERS, lock_mode::exclusive, lock_wait_ms());
     return check_data_file(place->open_data().get(), damage, sink);
 }
+
+const backend_kind EMBEDDED_KIND = {check_url, open, check};
 
 }  // namespace keyview::host

@@ -2,17 +2,11 @@
 #ifndef KEYVIEW_HOST_EMBEDDED_EMBEDDED_H
 #define KEYVIEW_HOST_EMBEDDED_EMBEDDED_H
 
-#include <string>
-
-#include "host/registry/backend.h"
+#include "host/registry/backend_kind.h"
 
 namespace keyview::host {
 
-backend open_embedded(const std::string &directory, open_mode mode);
-
-// See check_backend.
-check_counts check_embedded(const std::string &directory, const damage_sink &damage,
-                            const row_sink &sink);
+extern const backend_kind EMBEDDED_KIND;  // of the URLs lmdb:<directory>
 
 }  // namespace keyview::host
 

@@ -243,17 +243,8 @@ std::shared_ptr<held_lock> lmdb_store::right_to_write() {
     return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, wait_ms);
 }
 
-static void check_value(std::string_view path, std::string_view value) {
-    if (value.size() <= MAX_VALUE_SIZE) return;
-    throw host_error(failure::usage, "the value of " + std::string(path) + " has " +
-                                         std::to_string(value.size()) +
-                                         " bytes: 1048576 is the most a key can hold");
-}
-
 static void check_fence(std::string_view path, const held_lock *fence) {
-    if (fence == nullptr || fence->still_held()) return;
-    throw host_error(failure::lock,
-                     "cannot set " + std::string(path) + ": the cluster lock was lost");
+    if (fence != nullptr && !fence->still_held()) throw lock_lost(path);
 }
 
 bool lmdb_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
@@ -283,25 +274,16 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
 }
 
 static void check_terms(MDB_txn *writer, const apply_terms &terms) {
-    for (const held_lock *fence : terms.fences) {
-        if (fence->still_held()) continue;
-        throw host_error(failure::lock, "the cluster lock was lost; nothing was written");
+    for (const held_lock *fence : terms.fences)
+        check_fence({}, fence);
+    uint64_t revision = mdb_txn_id(writer);
+    if (terms.revision != 0 && terms.revision != revision) {
+        throw tree_changed(revision, terms.revision);
     }
-    if (terms.revision == 0 || terms.revision == mdb_txn_id(writer)) return;
-    throw host_error(failure::changed, "the registry changed meanwhile: its revision is " +
-                                           std::to_string(mdb_txn_id(writer)) + ", not " +
-                                           std::to_string(terms.revision) +
-                                           "; nothing was written");
 }
 
 change_counts lmdb_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
-    for (const change &one : changes) {
-        const char *fault = path_fault(one.path);
-        if (fault != nullptr && one.what == change::kind::put) {
-            throw host_error(failure::usage, "no key can be '" + one.path + "': " + fault);
-        }
-        check_value(one.path, one.value);
-    }
+    check_changes(changes);
     change_counts counts;
     environment *keys = env();
     std::shared_ptr<held_lock> right = right_to_write();

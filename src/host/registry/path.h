@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "host/support/export.h"
+
 namespace keyview::host {
 
 constexpr size_t MAX_PATH_LENGTH = 2047;
@@ -12,17 +14,17 @@ constexpr size_t MAX_VALUE_SIZE = size_t{1} << 20;
 
 // Why no key can have this path; null if one can. An element has one byte or more and no control
 // character.
-const char *path_fault(std::string_view path) noexcept;
+KEYVIEW_HOST_API const char *path_fault(std::string_view path) noexcept;
 
 // How far a part of the tree goes below its top.
 enum class reach { key_alone, children, all_below };
 
 // Whether path is top or a key below it, as far as the part goes.
-bool path_within(std::string_view path, std::string_view top,
-                 reach depth = reach::all_below) noexcept;
+KEYVIEW_HOST_API bool path_within(std::string_view path, std::string_view top,
+                                  reach depth = reach::all_below) noexcept;
 
 // The path of the parent; "" for an element alone.
-std::string_view parent_path(std::string_view path) noexcept;
+KEYVIEW_HOST_API std::string_view parent_path(std::string_view path) noexcept;
 
 // The part of the tree that a lock protects, for what its holder sees.
 struct lock_cover {
@@ -32,7 +34,7 @@ struct lock_cover {
 
 // The cover of a lock is its name without the head "LKRT." or "LKRT.STG.". The lock of all
 // databases protects only their list.
-lock_cover cover_of(std::string_view lock_name);
+KEYVIEW_HOST_API lock_cover cover_of(std::string_view lock_name);
 
 }  // namespace keyview::host
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/registry/path.h"
+#include "host/support/error.h"
 #include "host/support/export.h"
 
 namespace keyview::host {
@@ -74,6 +75,16 @@ class KEYVIEW_HOST_API moment {
     virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
 };
 
+// What every store refuses: a value or a change that no key can take (failure::usage), a set or a
+// change set whose lock was lost, a change set for another revision. path is "" for a change set.
+KEYVIEW_HOST_API void check_value(std::string_view path, std::string_view value);
+KEYVIEW_HOST_API void check_changes(const std::vector<change> &changes);
+KEYVIEW_HOST_API host_error lock_lost(std::string_view path);
+KEYVIEW_HOST_API host_error tree_changed(uint64_t revision, uint64_t wanted);
+
+// Two ways to end a change set that stopped half-way.
+enum class finish { resume, undo };
+
 // Ends the moments that the views of this thread's locks still need, by copying what they show. A
 // store calls it before it waits: for the end of all moments, or for somebody who may.
 void let_go_of_moments();
@@ -96,6 +107,12 @@ class KEYVIEW_HOST_API store {
     // changed.
     virtual change_counts apply(const std::vector<change> &changes,
                                 const apply_terms &terms = {}) = 0;
+
+    // Ends a change set that stopped half-way, where that can happen; false if there is none.
+    virtual bool finish_apply(finish how);
+
+    // How often this process waited for an answer of another machine so far.
+    virtual uint64_t round_trips() const { return 0; }
 };
 
 }  // namespace keyview::host

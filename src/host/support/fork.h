@@ -9,14 +9,16 @@
 #include <memory>
 #include <mutex>
 
+#include "host/support/export.h"
+
 namespace keyview::host {
 
 // Changes in the child of a fork. What was made under another generation belongs to an ancestor.
-uint64_t fork_generation() noexcept;
+KEYVIEW_HOST_API uint64_t fork_generation() noexcept;
 
 // Held across every fork, so that what it guards is whole in the child. For short work only. The
 // one mutex that may be taken inside is that of an environment's idle readers.
-std::mutex &fork_mutex() noexcept;
+KEYVIEW_HOST_API std::mutex &fork_mutex() noexcept;
 
 // A descriptor that a forked child closes at once; also closed by an exec.
 int open_parent_only(int directory, const char *name, int flags);

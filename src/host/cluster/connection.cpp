@@ -1,0 +1,488 @@
+// Calls over gRPC, their tries and their failures.
+#include "host/cluster/connection.h"
+
+#include <grpcpp/grpcpp.h>
+
+#include <algorithm>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "host/cluster/etcd.grpc.pb.h"
+#include "host/cluster/tls_look.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+using std::chrono::milliseconds;
+
+// A try begins short, so that a dead member costs little, and grows with the time that is spent, so
+// that a slow cluster can answer at all.
+static constexpr milliseconds SHORTEST_TRY{400};
+static constexpr milliseconds LONGEST_TRY{5000};
+static constexpr int TRY_PART = 4;  // of the time spent
+
+static constexpr milliseconds PAUSE{50};       // when all members failed once
+static constexpr milliseconds LAST_LOOK{250};  // at the members, when the time is over
+
+static constexpr int RECONNECT_MS = 100;
+static constexpr int LONGEST_RECONNECT_MS = 1000;
+
+// ---- What a failure means -----------------------------------------------------------------------
+
+namespace {
+
+enum class verdict { final, next_member, log_in };
+
+struct judgement {
+    std::string_view part;  // of the server's text
+    verdict act;
+    failure kind;
+    etcd_reason reason;
+    const char *what_to_do;
+};
+
+constexpr judgement JUDGEMENTS[] = {
+    {"requested lease not found", verdict::final, failure::lock, etcd_reason::lease_gone, ""},
+    {"lease already exists", verdict::final, failure::registry, etcd_reason::lease_exists, ""},
+    {"revision has been compacted", verdict::final, failure::changed, etcd_reason::compacted,
+     "what was asked for is too old; start again"},
+    {"database space exceeded", verdict::final, failure::registry, etcd_reason::none,
+     "the database of the cluster is full (alarm NOSPACE), so nothing can be locked or written: "
+     "compact and defragment it, then disarm the alarm"},
+    {"permission denied", verdict::final, failure::denied, etcd_reason::none,
+     "the user of the login has no role that permits this"},
+    {"invalid user ID or password", verdict::final, failure::denied, etcd_reason::none,
+     "look at the file that KEYVIEW_CLUSTER_LOGIN names"},
+    {"user name is empty", verdict::final, failure::denied, etcd_reason::none,
+     "the cluster asks for a login: name a file with user:password in KEYVIEW_CLUSTER_LOGIN"},
+    {"authentication is not enabled", verdict::final, failure::denied, etcd_reason::none,
+     "the cluster knows no users: unset KEYVIEW_CLUSTER_LOGIN"},
+    {"invalid auth token", verdict::log_in, failure::denied, etcd_reason::none,
+     "the cluster refuses the login again and again"},
+    {"revision of auth store is old", verdict::log_in, failure::denied, etcd_reason::none,
+     "the users of the cluster change too fast"},
+    {"corrupt", verdict::final, failure::content, etcd_reason::none,
+     "the members of the cluster differ: repair the one that raised the alarm CORRUPT"},
+    {"too many requests", verdict::next_member, failure::registry, etcd_reason::none, ""},
+};
+
+// Codes of gRPC for what another member, or the same a little later, may well do.
+bool may_pass(grpc::StatusCode code) {
+    switch (code) {
+        case grpc::StatusCode::UNAVAILABLE:
+        case grpc::StatusCode::DEADLINE_EXCEEDED:
+        case grpc::StatusCode::UNKNOWN:  // the proposal was dropped
+        case grpc::StatusCode::ABORTED:
+        case grpc::StatusCode::CANCELLED:
+        case grpc::StatusCode::INTERNAL:  // of the stream
+            return true;
+        default:
+            return false;
+    }
+}
+
+judgement judge(const grpc::Status &status) {
+    for (const judgement &row : JUDGEMENTS) {
+        if (status.error_message().find(row.part) != std::string::npos) return row;
+    }
+    if (status.error_code() == grpc::StatusCode::UNAUTHENTICATED) {
+        return {"", verdict::log_in, failure::denied, etcd_reason::none, "the login is refused"};
+    }
+    verdict act = may_pass(status.error_code()) ? verdict::next_member : verdict::final;
+    return {"", act, failure::registry, etcd_reason::none, ""};
+}
+
+// The end of a long chain of causes says most.
+std::string cause_of(const grpc::Status &status) {
+    if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) return "no answer";
+    const std::string &text = status.error_message();
+    if (text.find("Connection refused") != text.npos) return "connection refused";
+    size_t last = text.rfind("last error: ");
+    return last == text.npos ? text : text.substr(last + 12);
+}
+
+// ---- Forks --------------------------------------------------------------------------------------
+
+// gRPC has threads, which a forked child does not inherit.
+std::atomic<uint64_t> used_by_generation{0};
+
+host_error inherited() {
+    return {failure::registry,
+            "this process was forked from one that uses the cluster and cannot go on with its "
+            "connections: let it exec, or open the cluster in the child alone"};
+}
+
+uint64_t begin_use() {
+    uint64_t mine = fork_generation();
+    uint64_t before = 0;
+    if (!used_by_generation.compare_exchange_strong(before, mine) && before != mine) {
+        throw inherited();
+    }
+    return mine;
+}
+
+void set_deadline(grpc::ClientContext *context, steady::time_point end) {
+    context->set_deadline(std::chrono::system_clock::now() +
+                          std::max(end - steady::now(), steady::duration::zero()));
+}
+
+std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings &settings) {
+    if (!settings.tls) return grpc::InsecureChannelCredentials();
+    grpc::SslCredentialsOptions options;
+    options.pem_root_certs = file_text(settings.ca_file, CA_VARIABLE, false);
+    if (!settings.cert_file.empty()) {
+        options.pem_cert_chain = file_text(settings.cert_file, CERT_VARIABLE, false);
+        options.pem_private_key = file_text(settings.key_file, KEY_VARIABLE, true);
+    }
+    return grpc::SslCredentials(options);
+}
+
+}  // namespace
+
+// ---- Members ------------------------------------------------------------------------------------
+
+struct connection::member {
+    member(std::string its_name, const std::shared_ptr<grpc::ChannelCredentials> &credentials)
+        : name(std::move(its_name)), channel(channel_to(name, credentials)) {}
+
+    static std::shared_ptr<grpc::Channel> channel_to(
+        const std::string &name, const std::shared_ptr<grpc::ChannelCredentials> &credentials) {
+        grpc::ChannelArguments options;
+        options.SetMaxReceiveMessageSize(-1);  // the list of all databases may be large
+        options.SetMaxSendMessageSize(-1);
+        options.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        options.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+        options.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, RECONNECT_MS);
+        options.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+        options.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+        return grpc::CreateCustomChannel("dns:///" + name, credentials, options);
+    }
+
+    std::string name;
+    std::shared_ptr<grpc::Channel> channel;
+    wire::KV::Stub keys{channel};
+    wire::Lease::Stub leases{channel};
+    wire::Watch::Stub watches{channel};
+    wire::Auth::Stub users{channel};
+    wire::Maintenance::Stub operation{channel};
+};
+
+connection::connection(const cluster_settings &settings)
+    : settings_(settings), generation_(begin_use()) {
+    std::shared_ptr<grpc::ChannelCredentials> credentials = credentials_of(settings_);
+    for (const std::string &name : settings_.members)
+        members_.push_back(std::make_unique<member>(name, credentials));
+}
+
+// What a child inherits is kept reachable and never touched.
+connection::~connection() {
+    if (generation_ == fork_generation()) return;
+    static auto &of_ancestors = *new std::vector<std::unique_ptr<member>>;
+    for (std::unique_ptr<member> &one : members_)
+        of_ancestors.push_back(std::move(one));
+}
+
+void connection::require_own_process() const {
+    if (generation_ != fork_generation()) throw inherited();
+}
+
+void connection::next_member(size_t after) {
+    current_.compare_exchange_strong(after, (after + 1) % members_.size());
+}
+
+// ---- Tries --------------------------------------------------------------------------------------
+
+std::string connection::token() {
+    std::lock_guard guard(token_mutex_);
+    return token_;
+}
+
+// With the file as it is now: a password may have been changed.
+void connection::log_in(size_t at, steady::time_point end) {
+    if (settings_.login_file.empty()) return;
+    std::string text = file_text(settings_.login_file, LOGIN_VARIABLE, true);
+    text.resize(std::min(text.find_first_of("\r\n"), text.size()));
+    size_t colon = text.find(':');
+    if (colon == text.npos) {
+        throw host_error(failure::usage, "the file " + settings_.login_file + " that " +
+                                             LOGIN_VARIABLE + " names does not hold user:password");
+    }
+    wire::AuthenticateRequest request;
+    request.set_name(text.substr(0, colon));
+    request.set_password(text.substr(colon + 1));
+    wire::AuthenticateResponse response;
+    grpc::ClientContext context;
+    set_deadline(&context, end);
+    ++round_trips_;
+    grpc::Status status = members_[at]->users.Authenticate(&context, request, &response);
+    judgement row = judge(status);
+    if (!status.ok() && row.act == verdict::next_member) return next_member(at);
+    if (!status.ok()) {
+        throw etcd_error(row.kind, row.reason,
+                         members_[at]->name + " refuses the login: " + status.error_message() +
+                             ": " + row.what_to_do);
+    }
+    std::lock_guard guard(token_mutex_);
+    token_ = response.token();
+}
+
+// Waits while a connection is being made, which goes on only while somebody waits for it. One that
+// failed is tried again after a while; only the patient wait for that.
+enum class after_failure { give_up, wait };
+
+static void connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
+    auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady::now());
+    auto until = std::chrono::system_clock::now() + left;
+    for (bool waits = true; waits;) {
+        grpc_connectivity_state state = channel->GetState(true);
+        if (state == GRPC_CHANNEL_READY) return;
+        if (state == GRPC_CHANNEL_TRANSIENT_FAILURE && then == after_failure::give_up) return;
+        waits = channel->WaitForStateChange(state, until);
+    }
+}
+
+// run makes one call: (member, context) -> status.
+template <typename one_try>
+void connection::try_members(steady::time_point end, const one_try &run) {
+    require_own_process();
+    const steady::time_point start = steady::now();
+    std::vector<std::string> failures(members_.size());
+    bool logged_in = false;
+    for (size_t tries = 1;; ++tries) {
+        size_t at = current_.load();
+        auto longest = std::clamp<steady::duration>((steady::now() - start) / TRY_PART,
+                                                    SHORTEST_TRY, LONGEST_TRY);
+        steady::time_point try_end = std::min(end, steady::now() + longest);
+        connect(members_[at]->channel.get(), try_end, after_failure::give_up);
+        if (token().empty()) log_in(at, try_end);
+        grpc::ClientContext context;
+        set_deadline(&context, try_end);
+        std::string mine = token();
+        if (!mine.empty()) context.AddMetadata("token", mine);
+        ++round_trips_;
+        grpc::Status status = run(members_[at].get(), &context);
+        if (status.ok()) return;
+        judgement row = judge(status);
+        if (row.act == verdict::log_in && !logged_in) {
+            log_in(at, try_end);
+            logged_in = true;
+            continue;
+        }
+        if (row.act != verdict::next_member) {
+            std::string todo = row.what_to_do[0] == '\0' ? "" : std::string(": ") + row.what_to_do;
+            throw etcd_error(row.kind, row.reason,
+                             members_[at]->name + " refuses: " + status.error_message() + todo);
+        }
+        failures[at] = cause_of(status);
+        next_member(at);
+        bool all_failed = tries % members_.size() == 0;
+        if (steady::now() + PAUSE >= end || (all_failed && tls_is_wrong(&failures))) {
+            throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures));
+        }
+        if (all_failed) {
+            connect(members_[current_.load()]->channel.get(), steady::now() + PAUSE,
+                    after_failure::wait);
+        }
+    }
+}
+
+// Whether no member can prove who it is, which no further try changes; then failures tell why.
+bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
+    if (!settings_.tls) return false;
+    for (const std::string &text : *failures) {
+        if (text.find("andshake") == text.npos && text.find("CERTIFICATE") == text.npos)
+            return false;
+    }
+    for (size_t at = 0; at < members_.size(); ++at) {
+        tls_facts seen = look_at_tls(settings_, members_[at]->name, LAST_LOOK);
+        if (seen.fault.empty()) return false;
+        (*failures)[at] = seen.fault;
+    }
+    return true;
+}
+
+std::string connection::why_no_answer(const std::vector<std::string> &failures) {
+    std::string text = "the cluster does not answer:";
+    size_t without_leader = 0;
+    steady::time_point end = steady::now() + LAST_LOOK;
+    for (size_t at = 0; at < members_.size(); ++at) {
+        std::string why = failures[at].empty() ? "was not asked" : failures[at];
+        bool lonely = false;
+        try {
+            bool connected = members_[at]->channel->GetState(false) == GRPC_CHANNEL_READY;
+            lonely = connected && status_of(at, end).leader() == 0;
+        } catch (const etcd_error &) {
+            lonely = false;  // its failure is known already
+        }
+        if (lonely) why = "has no leader";
+        without_leader += lonely;
+        text += (at == 0 ? " " : "; ") + members_[at]->name + ": " + why;
+    }
+    return text + (without_leader > 0
+                       ? ". More than half of the members must run and reach each other"
+                       : ". See that its members run: keyviewctl doctor");
+}
+
+// ---- Calls --------------------------------------------------------------------------------------
+
+wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end) {
+    wire::TxnResponse response;
+    try_members(end, [&](member *one, grpc::ClientContext *context) {
+        return one->keys.Txn(context, request, &response);
+    });
+    return response;
+}
+
+void connection::grant(int64_t lease, std::chrono::seconds ttl, steady::time_point end) {
+    wire::LeaseGrantRequest request;
+    request.set_id(lease);
+    request.set_ttl(ttl.count());
+    wire::LeaseGrantResponse response;
+    try {
+        try_members(end, [&](member *one, grpc::ClientContext *context) {
+            return one->leases.LeaseGrant(context, request, &response);
+        });
+    } catch (const etcd_error &error) {
+        if (error.reason != etcd_reason::lease_exists) throw;  // else an earlier try made it
+    }
+}
+
+void connection::revoke(int64_t lease, steady::time_point end) {
+    wire::LeaseRevokeRequest request;
+    request.set_id(lease);
+    wire::LeaseRevokeResponse response;
+    try_members(end, [&](member *one, grpc::ClientContext *context) {
+        return one->leases.LeaseRevoke(context, request, &response);
+    });
+}
+
+wire::AlarmResponse connection::alarms(steady::time_point end) {
+    wire::AlarmResponse response;
+    try_members(end, [&](member *one, grpc::ClientContext *context) {
+        return one->operation.Alarm(context, {}, &response);
+    });
+    return response;
+}
+
+wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
+    require_own_process();
+    grpc::ClientContext context;
+    set_deadline(&context, end);
+    std::string mine = token();
+    if (!mine.empty()) context.AddMetadata("token", mine);
+    wire::StatusResponse response;
+    connect(members_.at(at)->channel.get(), end, after_failure::wait);
+    ++round_trips_;
+    grpc::Status status = members_[at]->operation.Status(&context, {}, &response);
+    if (!status.ok()) {
+        throw etcd_error(failure::registry, etcd_reason::none,
+                         members_[at]->name + ": " + cause_of(status));
+    }
+    return response;
+}
+
+// ---- Keepalives ---------------------------------------------------------------------------------
+
+namespace {
+
+using keep_alive_reactor =
+    grpc::ClientBidiReactor<wire::LeaseKeepAliveRequest, wire::LeaseKeepAliveResponse>;
+
+// One question and one answer on a stream of its own. Deletes itself when the stream has ended.
+class keep_alive_call final : public keep_alive_reactor {
+  public:
+    keep_alive_call(int64_t lease, std::function<void(int64_t)> told) : told_(std::move(told)) {
+        request_.set_id(lease);
+    }
+
+    void start(wire::Lease::Stub *leases, const std::string &token, steady::time_point end) {
+        set_deadline(&context_, end);
+        if (!token.empty()) context_.AddMetadata("token", token);
+        leases->async()->LeaseKeepAlive(&context_, this);
+        StartRead(&response_);
+        StartWrite(&request_);
+        StartCall();
+    }
+
+    void OnReadDone(bool ok) override {
+        if (ok && told_) std::exchange(told_, nullptr)(response_.ttl());
+        if (ok) context_.TryCancel();
+    }
+
+    void OnDone(const grpc::Status &) override {
+        if (told_) told_(-1);
+        delete this;
+    }
+
+  private:
+    grpc::ClientContext context_;
+    wire::LeaseKeepAliveRequest request_;
+    wire::LeaseKeepAliveResponse response_;
+    std::function<void(int64_t)> told_;
+};
+
+}  // namespace
+
+void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
+    require_own_process();
+    size_t at = current_.load();
+    auto *call = new keep_alive_call(lease, told);
+    call->start(&members_[at]->leases, token(), steady::now() + settings_.lease_ttl / 3);
+}
+
+// ---- Watches ------------------------------------------------------------------------------------
+
+void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
+                        const std::function<bool(const wire::WatchResponse &)> &sink) {
+    require_own_process();
+    size_t at = current_.load();
+    grpc::ClientContext context;
+    set_deadline(&context, end);
+    std::string mine = token();
+    if (!mine.empty()) context.AddMetadata("token", mine);
+    connect(members_[at]->channel.get(), std::min(end, steady::now() + SHORTEST_TRY),
+            after_failure::give_up);
+    ++round_trips_;
+    auto stream = members_[at]->watches.Watch(&context);
+    wire::WatchRequest request;
+    *request.mutable_create_request() = what;
+    bool stopped = false;
+    int64_t forgotten = 0;
+    wire::WatchResponse response;
+    for (bool alive = stream->Write(request); alive && !stopped && stream->Read(&response);) {
+        forgotten = response.compact_revision();
+        stopped = response.canceled();
+        if (response.events_size() > 0) stopped = !sink(response);
+    }
+    context.TryCancel();
+    grpc::Status status = stream->Finish();
+    if (forgotten > 0) {
+        throw etcd_error(failure::changed, etcd_reason::compacted,
+                         "the cluster remembers its changes from revision " +
+                             std::to_string(forgotten) + " on only");
+    }
+    if (stopped || steady::now() >= end) return;
+    next_member(at);
+    throw etcd_error(failure::registry, etcd_reason::none,
+                     members_[at]->name + ": " + cause_of(status));
+}
+
+void connection::await_deletion(const std::string &key, int64_t after_revision,
+                                steady::time_point end) {
+    wire::WatchCreateRequest what;
+    what.set_key(key);
+    what.set_start_revision(after_revision + 1);
+    auto is_deletion = [](const wire::WatchResponse &response) {
+        return std::any_of(
+            response.events().begin(), response.events().end(),
+            [](const wire::Event &event) { return event.type() == wire::Event::DELETE; });
+    };
+    try {
+        follow(what, end, [&](const wire::WatchResponse &seen) { return !is_deletion(seen); });
+    } catch (const etcd_error &) {
+        std::this_thread::sleep_for(PAUSE);  // the caller looks again
+    }
+}
+
+}  // namespace keyview::host

@@ -1,0 +1,72 @@
+// Named locks of a cluster: queues of keys that live as long as the sessions of those who wait.
+//
+// Who asks puts a key of its own into the queue of the name; the order of the queue is that of the
+// keys' creation. The lock is granted once no key before the own one conflicts with it: none at all
+// for an exclusive lock, no exclusive one for a shared lock. When the queue is free, one
+// transaction does it all and brings the part of the tree that the holder wants. Otherwise the key
+// waits for the nearest one that conflicts, and the transaction that grants looks whether the own
+// key is still there: it goes with its session.
+#ifndef KEYVIEW_HOST_CLUSTER_ETCD_LOCKS_H
+#define KEYVIEW_HOST_CLUSTER_ETCD_LOCKS_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "host/cluster/etcd_store.h"
+#include "host/cluster/session.h"
+#include "host/registry/backend.h"
+
+namespace keyview::host {
+
+// A key in the queue of a lock; given up at the end.
+class queue_place {
+  public:
+    queue_place(std::shared_ptr<session> cluster, std::string key, int64_t lease)
+        : cluster_(std::move(cluster)), key_(std::move(key)), lease_(lease) {}
+    queue_place(const queue_place &) = delete;
+    queue_place &operator=(const queue_place &) = delete;
+    ~queue_place() { cluster_->leave(key_); }
+
+    const std::string &key() const { return key_; }
+    int64_t lease() const { return lease_; }
+    int64_t created = 0;  // its revision, which no other key of the same name ever has
+
+  private:
+    std::shared_ptr<session> cluster_;
+    std::string key_;
+    int64_t lease_;
+};
+
+class etcd_lock final : public held_lock {
+  public:
+    etcd_lock(std::shared_ptr<session> cluster, std::unique_ptr<queue_place> place,
+              std::unique_ptr<moment> granted)
+        : cluster_(std::move(cluster)), place_(std::move(place)), granted_(std::move(granted)) {}
+
+    bool still_held() const override { return cluster_->lives(place_->lease()); }
+    std::unique_ptr<moment> as_of_grant() override { return std::move(granted_); }
+
+    const queue_place &place() const { return *place_; }
+
+  private:
+    std::shared_ptr<session> cluster_;
+    std::unique_ptr<queue_place> place_;
+    std::unique_ptr<moment> granted_;
+};
+
+class etcd_locks final : public lock_service {
+  public:
+    explicit etcd_locks(std::shared_ptr<etcd_store> keys) : keys_(std::move(keys)) {}
+
+    std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
+                                       const lock_cover &wanted) override;
+
+  private:
+    std::shared_ptr<etcd_store> keys_;
+};
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,228 @@
+// Reads and sets in the cluster.
+#include "host/cluster/etcd_store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/cluster/change_set.h"
+#include "host/cluster/etcd_locks.h"
+#include "host/cluster/faults.h"
+#include "host/cluster/half_applied.h"
+#include "host/registry/path.h"
+
+namespace keyview::host {
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+void etcd_store::read(tree_part *part, int64_t revision) {
+    half_applied_wait patience(cluster_.get());
+    for (;;) {
+        wire::TxnRequest request;
+        part->ask(deepest_, revision, request.mutable_success());
+        wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+        bool whole = part->take(&response, 0);
+        deepest_ = part->deepest();
+        if (!whole) continue;
+        if (revision != 0 || part->marker().empty()) return;
+        patience.wait(part->marker());
+    }
+}
+
+namespace {
+
+bool can_be_there(std::string_view path) {
+    return path_fault(path) == nullptr && elements_of(path) <= MOST_ELEMENTS;
+}
+
+// Reads at the revision of its first answer.
+class etcd_moment final : public moment {
+  public:
+    etcd_moment(std::shared_ptr<etcd_store> keys, tree_part part)
+        : keys_(std::move(keys)), part_(std::move(part)) {}
+
+    revision current() override {
+        if (part_.revision() == 0) keys_->read(&part_, 0);
+        return {static_cast<uint64_t>(part_.tree_revision()), 0};
+    }
+
+    bool read(std::string_view path, std::string *value) override {
+        return can_be_there(path) && part_with(path, reach::key_alone).read(path, value);
+    }
+
+    bool copy(std::string_view path, reach which, snapshot *out) override {
+        return can_be_there(path) && part_with(path, which).copy(path, which, out);
+    }
+
+  private:
+    const tree_part &part_with(std::string_view path, reach which) {
+        if (part_.revision() == 0 || !part_.tells(path, which)) {
+            int64_t at = part_.revision();
+            part_ = tree_part(keys_->cluster()->keys(), std::string(path), which);
+            keys_->read(&part_, at);
+        }
+        return part_;
+    }
+
+    std::shared_ptr<etcd_store> keys_;
+    tree_part part_;  // what was read last
+};
+
+}  // namespace
+
+std::unique_ptr<moment> etcd_store::as_of(tree_part part) {
+    deepest_ = part.deepest();
+    return std::make_unique<etcd_moment>(shared_from_this(), std::move(part));
+}
+
+std::unique_ptr<moment> etcd_store::now(std::string_view part) {
+    (void)part;  // the revision of the whole tree is as cheap
+    return std::make_unique<etcd_moment>(shared_from_this(),
+                                         tree_part(cluster_->keys(), "", reach::key_alone));
+}
+
+void etcd_store::open(bool create) {
+    if (create) {
+        wire::TxnRequest request;
+        wire::Compare *absent = request.add_compare();
+        absent->set_key(cluster_->keys().tree());
+        absent->set_target(wire::Compare::CREATE);
+        absent->set_create_revision(0);
+        wire::PutRequest *put = request.add_success()->mutable_request_put();
+        put->set_key(cluster_->keys().tree());
+        put->set_value(tree_facts{0, cluster_->unique_name()}.text());
+        (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
+    }
+    tree_part state(cluster_->keys(), "", reach::key_alone);
+    wire::TxnRequest request;
+    state.ask(0, 0, request.mutable_success());
+    wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+    (void)state.take(&response, 0);
+    deepest_ = state.deepest();
+}
+
+// ---- Setting ------------------------------------------------------------------------------------
+
+namespace {
+
+// One value, written only where all that must be so is so. Sent again, it does the same.
+class set_request {
+  public:
+    set_request(const layout &keys, std::string_view path, std::string_view value)
+        : key_(keys.key(path)), value_(value) {
+        add_compare(key_, wire::Compare::CREATE, wire::Compare::GREATER)->set_create_revision(0);
+        add_compare(key_, wire::Compare::VALUE, wire::Compare::NOT_EQUAL)->set_value(value_);
+        add_compare(keys.marker(), wire::Compare::CREATE, wire::Compare::EQUAL)
+            ->set_create_revision(0);
+        wire::PutRequest *put = request_.add_success()->mutable_request_put();
+        put->set_key(key_);
+        put->set_value(value_);
+        wire::PutRequest *moved = request_.add_success()->mutable_request_put();
+        moved->set_key(keys.tree());
+        moved->set_ignore_value(true);
+        add_range(request_.mutable_failure(), {key_, ""});
+        add_range(request_.mutable_failure(), {keys.marker(), ""});
+    }
+
+    void fence(const queue_place &place) {
+        add_compare(place.key(), wire::Compare::CREATE, wire::Compare::EQUAL)
+            ->set_create_revision(place.created);
+        add_range(request_.mutable_failure(), {place.key(), ""});
+        lock_ = &place;
+    }
+
+    // Without a lock: only over the value that was read.
+    void expect(int64_t revision) {
+        add_compare(key_, wire::Compare::MOD, wire::Compare::EQUAL)->set_mod_revision(revision);
+    }
+
+    enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
+
+    outcome run(session *cluster) {
+        wire::TxnResponse response = cluster->txn(request_, cluster->calls().answer_end());
+        if (response.succeeded()) return outcome::done;
+        if (lock_ != nullptr) {
+            const wire::RangeResponse &place = response.responses(2).response_range();
+            bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created;
+            if (!held) return outcome::lock_lost;
+        }
+        const wire::RangeResponse &stored = response.responses(0).response_range();
+        const wire::RangeResponse &marker = response.responses(1).response_range();
+        if (stored.kvs_size() == 0) return outcome::no_such_key;
+        if (marker.kvs_size() > 0) {
+            marker_ = marker.kvs(0).value();
+            return outcome::half_applied;
+        }
+        return stored.kvs(0).value() == value_ ? outcome::done : outcome::changed;
+    }
+
+    const std::string &marker() const { return marker_; }
+
+  private:
+    wire::Compare *add_compare(const std::string &key, wire::Compare::CompareTarget target,
+                               wire::Compare::CompareResult result) {
+        wire::Compare *compare = request_.add_compare();
+        compare->set_key(key);
+        compare->set_target(target);
+        compare->set_result(result);
+        return compare;
+    }
+
+    std::string key_;
+    std::string value_;
+    wire::TxnRequest request_;
+    const queue_place *lock_ = nullptr;
+    std::string marker_;
+};
+
+}  // namespace
+
+bool etcd_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
+    if (!can_be_there(path)) return false;
+    check_value(path, value);
+    const auto *lock = dynamic_cast<const etcd_lock *>(fence);
+    if (fence != nullptr && lock == nullptr && !fence->still_held()) throw lock_lost(path);
+    half_applied_wait patience(cluster_.get());
+    for (;;) {
+        set_request request(cluster_->keys(), path, value);
+        if (lock != nullptr && !faults.set_unfenced) {
+            request.fence(lock->place());
+        } else {
+            tree_part there(cluster_->keys(), std::string(path), reach::key_alone);
+            read(&there, 0);
+            if (there.rows().front().empty()) return false;
+            request.expect(there.rows().front().Get(0).mod_revision());
+        }
+        switch (request.run(cluster_.get())) {
+            case set_request::outcome::done:
+                return true;
+            case set_request::outcome::no_such_key:
+                return false;
+            case set_request::outcome::lock_lost:
+                throw lock_lost(path);
+            case set_request::outcome::half_applied:
+                patience.wait(request.marker());
+                break;
+            case set_request::outcome::changed:
+                break;
+        }
+    }
+}
+
+// ---- Changing -----------------------------------------------------------------------------------
+
+change_counts etcd_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
+    check_changes(changes);
+    for (const change &one : changes) {
+        if (one.what == change::kind::remove || elements_of(one.path) <= MOST_ELEMENTS) continue;
+        throw host_error(failure::usage, "no key can be '" + one.path +
+                                             "': a path in a cluster has " +
+                                             std::to_string(MOST_ELEMENTS) + " elements at most");
+    }
+    return carry_out(this, changes, terms);
+}
+
+bool etcd_store::finish_apply(finish how) {
+    return finish_half_applied(cluster_.get(), how);
+}
+
+}  // namespace keyview::host

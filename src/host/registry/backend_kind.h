@@ -1,0 +1,28 @@
+// A kind of registry, as the choice by URL sees it: a row of its functions. The embedded kind is
+// part of the kit; a cluster's comes from a module that is loaded at its first use.
+#ifndef KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
+#define KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
+
+#include <string>
+
+#include "host/registry/backend.h"
+
+namespace keyview::host {
+
+// Each is given the whole URL.
+struct backend_kind {
+    void (*check_url)(const std::string &url);  // throws failure::usage
+    backend (*open)(const std::string &url, open_mode mode);
+    check_counts (*check)(const std::string &url, const damage_sink &damage, const row_sink &sink);
+};
+
+// The kind of a URL. Throws failure::usage if there is none, failure::registry if its module cannot
+// be loaded.
+const backend_kind &kind_of(const std::string &url);
+
+// A module exports its row under this name; the number is that of the row's form.
+#define KEYVIEW_BACKEND_KIND keyview_backend_kind_1
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,42 @@
+// What all stores refuse, in the same words.
+#include "host/registry/store.h"
+
+#include "host/support/error.h"
+
+namespace keyview::host {
+
+void check_value(std::string_view path, std::string_view value) {
+    if (value.size() <= MAX_VALUE_SIZE) return;
+    throw host_error(failure::usage, "the value of " + std::string(path) + " has " +
+                                         std::to_string(value.size()) +
+                                         " bytes: 1048576 is the most a key can hold");
+}
+
+void check_changes(const std::vector<change> &changes) {
+    for (const change &one : changes) {
+        const char *fault = path_fault(one.path);
+        if (fault != nullptr && one.what == change::kind::put) {
+            throw host_error(failure::usage, "no key can be '" + one.path + "': " + fault);
+        }
+        check_value(one.path, one.value);
+    }
+}
+
+host_error lock_lost(std::string_view path) {
+    std::string lost = "the cluster lock was lost";
+    if (path.empty()) return {failure::lock, lost + "; nothing was written"};
+    return {failure::lock, "cannot set " + std::string(path) + ": " + lost};
+}
+
+host_error tree_changed(uint64_t revision, uint64_t wanted) {
+    return {failure::changed, "the registry changed meanwhile: its revision is " +
+                                  std::to_string(revision) + ", not " + std::to_string(wanted) +
+                                  "; nothing was written"};
+}
+
+bool store::finish_apply(finish how) {
+    (void)how;
+    return false;
+}
+
+}  // namespace keyview::host

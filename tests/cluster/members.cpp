@@ -1,0 +1,174 @@
+// Starts and ends the members of a cluster.
+#include "members.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "host/cluster/connection.h"
+
+namespace keyview::test {
+
+static constexpr int READY_S = 30;
+
+// Members listen below the range from which the kernel gives ports to others.
+static uint16_t free_port() {
+    static uint16_t next = static_cast<uint16_t>(12000 + getpid() % 8000);
+    for (;; ++next) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in place = {};
+        place.sin_family = AF_INET;
+        place.sin_port = htons(next);
+        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bool is_free = bind(fd, reinterpret_cast<sockaddr *>(&place), sizeof(place)) == 0;
+        close(fd);
+        if (is_free) return next++;
+    }
+}
+
+etcd_members::etcd_members(size_t count, std::vector<std::string> more, const std::string &scheme)
+    : more_(std::move(more)), scheme_(scheme) {
+    for (size_t i = 0; i < count; ++i) {
+        members_.push_back({"127.0.0.1:" + std::to_string(free_port()),
+                            "127.0.0.1:" + std::to_string(free_port()), -1});
+    }
+    for (size_t i = 0; i < count; ++i)
+        start(i);
+    for (size_t i = 0; i < count; ++i) {
+        await_ready(i);
+        require_own_listener(i);
+    }
+}
+
+etcd_members::~etcd_members() {
+    for (size_t i = 0; i < members_.size(); ++i)
+        kill(i);
+}
+
+void etcd_members::kill(size_t i) {
+    member &one = members_[i];
+    if (one.pid <= 0) return;
+    ::kill(one.pid, SIGKILL);
+    waitpid(one.pid, nullptr, 0);
+    one.pid = -1;
+}
+
+void etcd_members::start(size_t i) {
+    std::string all;
+    for (size_t n = 0; n < members_.size(); ++n)
+        all += (n > 0 ? ",m" : "m") + std::to_string(n) + "=http://" + members_[n].peer;
+    const member &one = members_[i];
+    std::string number = std::to_string(i);
+    std::vector<std::string> words = {"etcd",
+                                      "--name=m" + number,
+                                      "--data-dir=" + scratch_.path + "/m" + number,
+                                      "--listen-client-urls=" + scheme_ + "://" + one.client,
+                                      "--advertise-client-urls=" + scheme_ + "://" + one.client,
+                                      "--listen-peer-urls=http://" + one.peer,
+                                      "--initial-advertise-peer-urls=http://" + one.peer,
+                                      "--initial-cluster=" + all,
+                                      "--initial-cluster-token=" + scratch_.path,
+                                      "--logger=zap",
+                                      "--log-level=error"};
+    words.insert(words.end(), more_.begin(), more_.end());
+    std::vector<char *> arguments;
+    for (std::string &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    std::string log = scratch_.path + "/m" + number + ".log";
+    pid_t parent = getpid();
+    members_[i].pid = fork();
+    if (members_[i].pid != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(fd, 1);
+    dup2(fd, 2);
+    execvp("etcd", arguments.data());
+    _exit(127);
+}
+
+void etcd_members::stop(size_t i) const {
+    ::kill(members_[i].pid, SIGSTOP);
+}
+
+void etcd_members::go_on(size_t i) const {
+    ::kill(members_[i].pid, SIGCONT);
+}
+
+// The member's socket must be the one that listens on its port.
+void etcd_members::require_own_listener(size_t i) const {
+    const std::string &client = members_[i].client;
+    char port[8];
+    (void)snprintf(port, sizeof(port), ":%04X", std::stoi(client.substr(client.find(':') + 1)));
+    std::ifstream sockets("/proc/net/tcp");
+    for (std::string line; std::getline(sockets, line);) {
+        std::istringstream words(line);
+        std::string number, local, remote, state, skipped, inode;
+        words >> number >> local >> remote >> state;
+        if (state != "0A" || local.find(port) == local.npos) continue;
+        for (int n = 0; n < 5; ++n)
+            words >> skipped;
+        words >> inode;
+        std::string fds = "/proc/" + std::to_string(members_[i].pid) + "/fd";
+        for (const auto &fd : std::filesystem::directory_iterator(fds)) {
+            std::error_code none;
+            if (std::filesystem::read_symlink(fd, none) == "socket:[" + inode + "]") return;
+        }
+    }
+    throw std::runtime_error("somebody else listens on " + client);
+}
+
+static host::cluster_settings settings_for(const std::string &url) {
+    host::cluster_settings settings = host::settings_of(url);
+    settings.answer_wait = std::chrono::seconds(2);
+    return settings;
+}
+
+void etcd_members::await_ready(size_t i) const {
+    host::connection calls(settings_for(url()));
+    auto end = host::steady::now() + std::chrono::seconds(READY_S);
+    for (std::string why; host::steady::now() < end; usleep(20000)) {
+        try {
+            auto at_most = host::steady::now() + std::chrono::milliseconds(500);
+            if (calls.status_of(i, at_most).leader() != 0) return;
+        } catch (const host_error &) {
+            if (members_[i].pid <= 0 || waitpid(members_[i].pid, nullptr, WNOHANG) != 0) break;
+        }
+    }
+    std::ifstream log(scratch_.path + "/m" + std::to_string(i) + ".log");
+    std::stringstream text;
+    text << log.rdbuf();
+    throw std::runtime_error("etcd does not start (is etcd-server installed?): " + text.str());
+}
+
+size_t etcd_members::leader() const {
+    host::connection calls(settings_for(url()));
+    for (size_t i = 0; i < members_.size(); ++i) {
+        try {
+            auto at_most = host::steady::now() + std::chrono::milliseconds(500);
+            auto status = calls.status_of(i, at_most);
+            if (status.leader() != 0 && status.leader() == status.header().member_id()) return i;
+        } catch (const host_error &) {
+            continue;  // it is not running
+        }
+    }
+    return members_.size();
+}
+
+std::string etcd_members::url(const std::string &prefix) const {
+    std::string all = scheme_ == "https" ? "etcds://" : "etcd://";
+    for (size_t i = 0; i < members_.size(); ++i)
+        all += (i > 0 ? "," : "") + members_[i].client;
+    return all + prefix;
+}
+
+}  // namespace keyview::test

@@ -1,0 +1,53 @@
+// A real etcd cluster on this machine for as long as the object lives: its members are processes of
+// ours, on ports that were free, with their files in a temporary directory.
+#ifndef KEYVIEW_TESTS_CLUSTER_MEMBERS_H
+#define KEYVIEW_TESTS_CLUSTER_MEMBERS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "../host/registry.h"
+
+namespace keyview::test {
+
+class etcd_members {
+  public:
+    // Further arguments for etcd; {i} in them is the number of the member.
+    explicit etcd_members(size_t count = 3, std::vector<std::string> more = {},
+                          const std::string &scheme = "http");
+    etcd_members(const etcd_members &) = delete;
+    etcd_members &operator=(const etcd_members &) = delete;
+    ~etcd_members();
+
+    void kill(size_t i);
+    void start(size_t i);
+    void stop(size_t i) const;  // answers nothing from now on
+    void go_on(size_t i) const;
+    void await_ready(size_t i) const;  // until it takes part in a cluster with a leader
+
+    size_t count() const { return members_.size(); }
+    size_t leader() const;
+    const std::string &address(size_t i) const { return members_[i].client; }  // host:port
+    std::string url(const std::string &prefix = "/test") const;
+    const std::string &directory() const { return scratch_.path; }
+
+  private:
+    struct member {
+        std::string client;
+        std::string peer;
+        pid_t pid = -1;
+    };
+
+    void require_own_listener(size_t i) const;
+
+    scratch_directory scratch_;
+    std::vector<std::string> more_;
+    std::string scheme_;
+    std::vector<member> members_;
+};
+
+}  // namespace keyview::test
+
+#endif
