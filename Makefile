@@ -51,6 +51,7 @@ bench:
 	@status=0; \
 	bench/library-cost $(BUILD)/release || status=1; \
 	$(BUILD)/release/bin/keyview_bench || status=1; \
+	$(BUILD)/release/bin/cluster_bench || status=1; \
 	exit $$status
 
 install: all

@@ -7,12 +7,16 @@
 
 namespace keyview::bench {
 
-std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys) {
+void fill_registry(const std::string &url, const std::vector<tree_key> &keys) {
     std::vector<host::change> changes;
     for (const tree_key &key : keys)
         changes.push_back({host::change::kind::put, key.path, key.value});
-    const std::string url = "lmdb:" + directory;
     host::open_backend(url, host::open_mode::create).keys->apply(changes);
+}
+
+std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys) {
+    const std::string url = "lmdb:" + directory;
+    fill_registry(url, keys);
     return url;
 }
 

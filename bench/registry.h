@@ -13,7 +13,10 @@ namespace keyview::bench {
 // The registry that most rows use holds the three records and the one that writers change.
 constexpr record_size BUSY = {"Busy", 2, 3};
 
-// Makes a registry in a new directory and puts the keys in; gives its URL.
+// Makes a registry and puts the keys in.
+void fill_registry(const std::string &url, const std::vector<tree_key> &keys);
+
+// The same in a new directory; gives its URL.
 std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys);
 std::string make_record_registry(const std::string &directory,
                                  const std::vector<record_size> &sizes);

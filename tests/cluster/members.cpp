@@ -140,7 +140,7 @@ void etcd_members::await_ready(size_t i) const {
         try {
             auto at_most = host::steady::now() + std::chrono::milliseconds(500);
             if (calls.status_of(i, at_most).leader() != 0) return;
-        } catch (const host_error &) {
+        } catch (const host::host_error &) {
             if (members_[i].pid <= 0 || waitpid(members_[i].pid, nullptr, WNOHANG) != 0) break;
         }
     }
@@ -157,7 +157,7 @@ size_t etcd_members::leader() const {
             auto at_most = host::steady::now() + std::chrono::milliseconds(500);
             auto status = calls.status_of(i, at_most);
             if (status.leader() != 0 && status.leader() == status.header().member_id()) return i;
-        } catch (const host_error &) {
+        } catch (const host::host_error &) {
             continue;  // it is not running
         }
     }

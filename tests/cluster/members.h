@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "../host/registry.h"
+#include "../host/scratch.h"
 
 namespace keyview::test {
 

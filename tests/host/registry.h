@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -13,17 +12,11 @@
 #include "host/support/error.h"
 #include "platform/kvtc.h"
 #include "platform/lksv.h"
+#include "scratch.h"
 
 namespace keyview::test {
 
 using namespace keyview::host;
-
-struct scratch_directory {
-    scratch_directory() { EXPECT_NE(mkdtemp(path.data()), nullptr); }
-    ~scratch_directory() { std::filesystem::remove_all(path); }
-
-    std::string path = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
-};
 
 inline change put(const std::string &path, const std::string &value = "") {
     return {change::kind::put, path, value};

@@ -98,6 +98,7 @@ void etcd_store::open(bool create) {
     wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
     (void)state.take(&response, 0);
     deepest_ = state.deepest();
+    (void)cluster_->lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
 }
 
 // ---- Setting ------------------------------------------------------------------------------------

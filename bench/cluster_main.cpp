@@ -1,0 +1,200 @@
+// cluster_bench: the same operations over a registry in a cluster of three members on this machine,
+// beside transactions written by hand over the same connections. Arguments and exit codes as those
+// of keyview_bench.
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <functional>
+
+#include "bench/failure.h"
+#include "bench/registry.h"
+#include "bench/report.h"
+#include "bench/scratch.h"
+#include "host/cluster/tree_part.h"
+#include "host/registry/backend.h"
+#include "members.h"
+
+namespace keyview::bench {
+
+constexpr char FETCH[] = "fetch + release typical / two transactions by hand";
+constexpr char BY_KEY[] = "fetch + release typical / a read for each key and list";
+constexpr char FETCH_TRIPS[] = "round trips of a fetch";
+constexpr char LIST_TRIPS[] = "round trips of a list of 10,000 databases";
+constexpr char SET_TRIPS[] = "round trips of a flag set with its lock";
+constexpr char LIST[] = "list of 10,000 databases / two transactions by hand";
+
+constexpr int LISTED = 10000;
+
+namespace {
+
+// The cluster without the kit: one connection, and requests that were made before.
+class by_hand {
+  public:
+    by_hand(const std::string &url, const std::string &top, host::reach reach,
+            const std::vector<tree_key> &keys)
+        : calls_(host::settings_of(url)), keys_(calls_.settings().prefix) {
+        calls_.grant(LEASE, std::chrono::seconds(600), calls_.answer_end());
+        std::string place = keys_.lock_place("by hand", host::lock_mode::shared, "1");
+        host::key_range writers = keys_.lock_writers("by hand");
+        host::wire::Compare *alone = take_.add_compare();
+        alone->set_target(host::wire::Compare::CREATE);
+        alone->set_key(writers.begin);
+        alone->set_range_end(writers.end);
+        alone->set_create_revision(0);
+        host::wire::PutRequest *put = take_.add_success()->mutable_request_put();
+        put->set_key(place);
+        put->set_lease(LEASE);
+        const uint32_t depth = host::elements_of(top);
+        const uint32_t last = reach == host::reach::children ? depth + 1 : deepest(keys);
+        host::add_range(take_.mutable_success(), {keys_.key(top), ""});
+        for (uint32_t n = depth + 1; n <= last; ++n)
+            host::add_range(take_.mutable_success(), keys_.below(top, n));
+        give_back_.add_success()->mutable_request_delete_range()->set_key(place);
+        for (const tree_key &key : keys) {
+            singles_.emplace_back();
+            host::add_range(singles_.back().mutable_success(), {keys_.key(key.path), ""});
+        }
+        for (const tree_key &key : keys) {
+            if (std::none_of(keys.begin(), keys.end(), [&](const tree_key &other) {
+                    return host::parent_path(other.path) == key.path;
+                })) {
+                continue;
+            }
+            singles_.emplace_back();
+            host::add_range(singles_.back().mutable_success(),
+                            keys_.below(key.path, host::elements_of(key.path) + 1));
+        }
+    }
+
+    void in_two() {
+        const auto found = calls_.txn(take_, calls_.answer_end());
+        require(found.succeeded(), "the lock by hand is not free");
+        (void)calls_.txn(give_back_, calls_.answer_end());
+    }
+
+    void by_key() {
+        for (const auto &one : singles_)
+            (void)calls_.txn(one, calls_.answer_end());
+    }
+
+    size_t reads() const { return singles_.size(); }
+
+  private:
+    static constexpr int64_t LEASE = 4711;
+
+    static uint32_t deepest(const std::vector<tree_key> &keys) {
+        uint32_t most = 0;
+        for (const tree_key &key : keys)
+            most = std::max(most, host::elements_of(key.path));
+        return most;
+    }
+
+    host::connection calls_;
+    host::layout keys_;
+    host::wire::TxnRequest take_;
+    host::wire::TxnRequest give_back_;
+    std::vector<host::wire::TxnRequest> singles_;
+};
+
+// The same registry with another member first: that is the one that is asked.
+std::string url_with_first(const test::etcd_members &members, size_t first) {
+    std::string all = "etcd://";
+    for (size_t n = 0; n < members.count(); ++n)
+        all += (n > 0 ? "," : "") + members.address((first + n) % members.count());
+    return all + "/bench";
+}
+
+void fetch_rows(report *to, const test::etcd_members &members, const std::vector<tree_key> &keys) {
+    if (!to->wants({FETCH, BY_KEY})) return;
+    for (size_t first = 0; first < members.count(); ++first) {
+        const std::string url = url_with_first(members, first);
+        const std::string where =
+            first == members.leader() ? ", asking the leader" : ", asking a follower";
+        session reader(url);
+        by_hand peer(url, keys.front().path, host::reach::all_below, keys);
+        const auto figures =
+            interleave({101, 5}, {[&] { reader.fetch(TYPICAL.database); }, [&] { peer.in_two(); }});
+        to->ratio((FETCH + where).c_str(), figures[0], figures[1], 1.3);
+        const auto slow =
+            interleave({5, 1}, {[&] { reader.fetch(TYPICAL.database); }, [&] { peer.by_key(); }});
+        to->ratio((BY_KEY + where).c_str(), slow[0], slow[1], 0.02);
+    }
+}
+
+// The most round trips of twenty calls.
+void trips_row(report *to, const char *name, host::store *keys, double goal,
+               const std::function<void()> &call) {
+    if (!to->wants({name})) return;
+    uint64_t most = 0;
+    for (int n = 0; n < 20; ++n) {
+        const uint64_t before = keys->round_trips();
+        call();
+        most = std::max(most, keys->round_trips() - before);
+    }
+    to->figure(name, std::to_string(most) + " round trips", "20 calls, the most",
+               static_cast<double>(most), goal);
+}
+
+void list_rows(report *to, const test::etcd_members &members) {
+    if (!to->wants({LIST_TRIPS, LIST})) return;
+    const std::string url = members.url("/list");
+    const std::vector<tree_key> keys = list_keys(LISTED);
+    fill_registry(url, keys);
+    session reader(url);
+    const host::backend same = host::open_backend(url, host::open_mode::existing);
+    const auto list = [&] {
+        char **names = nullptr;
+        uint32_t count = 0;
+        require(prsr_list_db(reader.status, reader.ctx, &names, &count) == PRSR_SUCCESS &&
+                    count == LISTED,
+                "the listing failed");
+        (void)prsr_release_db_list(reader.status, reader.ctx, names, count);
+    };
+    trips_row(to, LIST_TRIPS, same.keys.get(), 3, list);
+    if (!to->wants({LIST})) return;
+    by_hand peer(
+        url,
+        std::string(host::parent_path(keys.back().path.substr(0, keys.back().path.rfind('.')))),
+        host::reach::children, {});
+    const auto figures = interleave({15, 1}, {list, [&] { peer.in_two(); }});
+    to->ratio(LIST, figures[0], figures[1], NO_GOAL);
+}
+
+void set_rows(report *to, const std::string &url) {
+    session writer(url);
+    const host::backend same = host::open_backend(url, host::open_mode::existing);
+    trips_row(to, FETCH_TRIPS, same.keys.get(), 2, [&] { writer.fetch(TYPICAL.database); });
+    trips_row(to, SET_TRIPS, same.keys.get(), 3, [&] {
+        static int32_t enabled = 0;
+        enabled = 1 - enabled;
+        require(prsr_set_db_enabled(writer.status, writer.ctx, TYPICAL.database, enabled) ==
+                    PRSR_SUCCESS,
+                "the set failed");
+    });
+}
+
+int run(const std::vector<std::string> &selection) {
+    report table(selection);
+    const test::etcd_members members;
+    const std::vector<tree_key> keys = record_keys(TYPICAL);
+    fill_registry(members.url("/bench"), keys);
+    fetch_rows(&table, members, keys);
+    set_rows(&table, members.url("/bench"));
+    list_rows(&table, members);
+    (void)std::printf("%s\n\n", machine_line(members.directory()).c_str());
+    table.print();
+    return table.missed() == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+}  // namespace keyview::bench
+
+int main(int argc, char **argv) {
+    try {
+        return keyview::bench::run({argv + 1, argv + argc});
+    } catch (const std::exception &error) {
+        (void)std::fprintf(stderr, "cluster_bench: %s\n", error.what());
+        return 2;
+    }
+}

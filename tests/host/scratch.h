@@ -1,0 +1,25 @@
+// A temporary directory that lives as long as the object.
+#ifndef KEYVIEW_TESTS_HOST_SCRATCH_H
+#define KEYVIEW_TESTS_HOST_SCRATCH_H
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace keyview::test {
+
+struct scratch_directory {
+    scratch_directory() {
+        if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    }
+    scratch_directory(const scratch_directory &) = delete;
+    scratch_directory &operator=(const scratch_directory &) = delete;
+    ~scratch_directory() { std::filesystem::remove_all(path); }
+
+    std::string path = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
+};
+
+}  // namespace keyview::test
+
+#endif
