@@ -1,35 +1,270 @@
-// Registries in a cluster.
+// Registries in a cluster whose members are well: the store, the locks, change sets in pieces.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 
+#include "../host/process.h"
 #include "../host/store_test.h"
-#include "host/cluster/session.h"
-#include "members.h"
+#include "host/cluster/faults.h"
+#include "host/registry/snapshot.h"
+#include "shared.h"
 
 namespace keyview::test {
 
-// One for all tests that harm no member.
-static etcd_members &shared_members() {
-    static etcd_members three;
-    return three;
-}
-
-static std::string fresh_url() {
-    static int prefixes = 0;
-    return shared_members().url("/test" + std::to_string(++prefixes));
-}
-
 struct cluster_registry : fresh_registry {
-    cluster_registry() { opened = open_backend(fresh_url(), open_mode::create); }
-    ~cluster_registry() override { opened = {}; }
+    cluster_registry() { opened = open_cluster(shared_members().url(fresh_prefix())); }
 };
 
 std::vector<backend_row> backends_under_test() {
     return {{"cluster", []() -> std::unique_ptr<fresh_registry> {
                  return std::make_unique<cluster_registry>();
              }}};
+}
+
+// Two sessions over one tree: to the cluster they are two programs.
+class Cluster : public testing::Test {
+  protected:
+    // The members in another order are another session.
+    std::string other_url() const {
+        const etcd_members &all = shared_members();
+        return "etcd://" + all.address(2) + "," + all.address(0) + "," + all.address(1) + prefix;
+    }
+
+    std::string prefix = fresh_prefix();
+    std::string url = shared_members().url(prefix);
+    backend mine = open_cluster(url);
+    backend theirs = open_cluster(other_url());
+};
+
+static std::shared_ptr<held_lock> take(const backend &from, lock_mode mode, uint32_t wait_ms) {
+    return from.locks->acquire("LKRT.a", mode, wait_ms, {"a", reach::all_below});
+}
+
+TEST_F(Cluster, PublicCallsOfOneProgramTakeTwoRoundTrips) {
+    std::string key = "DATABASE.DATABASES.sales.A";
+    mine.keys->apply({put(key, "old"), put("DATABASE.DATABASES.sales.L.x.y", "deep")});
+    ASSERT_EQ(keyview_host_set_registry(url.c_str()), 0);
+    {
+        client keys;
+        locker locks;
+        store *same = open_backend(url, open_mode::existing).keys.get();
+        auto trips = [&, before = same->round_trips()]() mutable {
+            uint64_t all = same->round_trips() - before;
+            before += all;
+            return all;
+        };
+        for (int n = 0; n < 3; ++n) {
+            ASSERT_EQ(locks.shared("LKRT.DATABASE.DATABASES.sales"), 0);
+            EXPECT_EQ(keys.read(key), "old");
+            EXPECT_EQ(keys.read(key + ".none"), "(4)");
+            EXPECT_EQ(keys.list("DATABASE.DATABASES.sales"), "1:A 0:L (16)0");
+            EXPECT_EQ(keys.read("DATABASE.DATABASES.sales.L.x.y"), "deep");
+            ASSERT_EQ(locks.unlock("LKRT.DATABASE.DATABASES.sales"), 0);
+            EXPECT_EQ(trips(), 2U);
+        }
+        ASSERT_EQ(locks.exclusive("LKRT.DATABASE.DATABASES.sales"), 0);
+        EXPECT_EQ(keys.set(key, "new"), 0);
+        EXPECT_EQ(keys.read(key), "new");
+        ASSERT_EQ(locks.unlock("LKRT.DATABASE.DATABASES.sales"), 0);
+        EXPECT_EQ(trips(), 3U);
+        ASSERT_EQ(locks.shared("LKRT.DATABASE.DATABASES"), 0);
+        EXPECT_EQ(keys.list("DATABASE.DATABASES"), "0:sales (16)0");
+        ASSERT_EQ(locks.unlock("LKRT.DATABASE.DATABASES"), 0);
+        EXPECT_EQ(trips(), 2U);
+    }
+    EXPECT_EQ(keyview_host_set_registry(nullptr), 0);
+    EXPECT_EQ(value_at(theirs, key), "new");
+}
+
+TEST_F(Cluster, LocksExcludeEachOtherByMode) {
+    for (lock_mode first : {lock_mode::shared, lock_mode::exclusive}) {
+        for (lock_mode second : {lock_mode::shared, lock_mode::exclusive}) {
+            for (const backend &other : {mine, theirs}) {
+                auto held = take(mine, first, 1000);
+                bool both = first == lock_mode::shared && second == lock_mode::shared;
+                auto attempt = [&] { take(other, second, 0); };
+                if (both) attempt();
+                if (!both)
+                    expect_failure(attempt, failure::lock, "process " + std::to_string(getpid()),
+                                   0);
+            }
+            EXPECT_NO_THROW(take(theirs, lock_mode::exclusive, 0)) << "a try leaves nothing behind";
+        }
+    }
+}
+
+// The order of the queue is that of asking: no reader passes a writer that waits.
+TEST_F(Cluster, ThoseWhoWaitAreServedInTheirOrder) {
+    auto held = take(mine, lock_mode::shared, 1000);
+    std::string order;
+    std::mutex guard;
+    std::vector<std::thread> waiters;
+    for (char who : std::string("wrRw")) {
+        waiters.emplace_back([&, who] {
+            auto lock = take(who == 'R' ? mine : theirs,
+                             who == 'w' ? lock_mode::exclusive : lock_mode::shared, DEADLINE_MS);
+            std::lock_guard one(guard);
+            order += who == 'R' ? 'r' : who;
+        });
+        usleep(100000);
+    }
+    EXPECT_EQ(order, "");
+    held.reset();
+    for (std::thread &one : waiters)
+        one.join();
+    EXPECT_EQ(order, "wrrw");
+}
+
+TEST_F(Cluster, TheGrantBringsWhatIsThereThen) {
+    mine.keys->apply({put("a.b", "old")});
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    std::thread waiter([&] {
+        auto lock = take(theirs, lock_mode::shared, DEADLINE_MS);
+        uint64_t before = theirs.keys->round_trips();
+        std::unique_ptr<moment> seen = lock->as_of_grant();
+        std::string value;
+        EXPECT_TRUE(seen->read("a.b", &value));
+        EXPECT_EQ(value, "new");
+        EXPECT_EQ(theirs.keys->round_trips(), before);
+    });
+    usleep(200000);
+    EXPECT_TRUE(mine.keys->set("a.b", "new", held.get()));
+    held.reset();
+    waiter.join();
+}
+
+// Also when what it waits for is forgotten by the cluster meanwhile.
+TEST_F(Cluster, CompactionBreaksNoWaitAndTellsAReader) {
+    mine.keys->apply({put("a.b", "0")});
+    auto old = mine.keys->now();
+    uint64_t revision = old->current().tree;
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    std::thread waiter([&] { EXPECT_NO_THROW(take(theirs, lock_mode::exclusive, DEADLINE_MS)); });
+    usleep(200000);
+    for (int n = 1; n < 5; ++n)
+        EXPECT_TRUE(mine.keys->set("a.b", std::to_string(n), held.get()));
+    uint64_t now = mine.keys->now()->current().tree;
+    ASSERT_GT(now, revision);
+    etcdctl(shared_members(), "compaction " + std::to_string(now));
+    held.reset();
+    waiter.join();
+    std::string value;
+    expect_failure([&] { old->read("a.b", &value); }, failure::changed, "compacted", 1);
+}
+
+// Someone takes the session's lease away: what a stop beyond its time comes to.
+TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksAreGood) {
+    mine.keys->apply({put("a.b", "old")});
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    std::string leases = "ETCDCTL_API=3 etcdctl --endpoints=" + shared_members().address(0) +
+                         " get --prefix " + prefix + "/lk/ -w fields | sed -n 's/\"Lease\" : //p'";
+    run("lease=$(" + leases + "); ETCDCTL_API=3 etcdctl --endpoints=" +
+        shared_members().address(0) + " lease revoke $(printf %x $lease)");
+    expect_failure([&] { mine.keys->set("a.b", "new", held.get()); }, failure::lock,
+                   "the cluster lock was lost", 0);
+    expect_failure(
+        [&] {
+            mine.keys->apply({put("a.b", "new")}, {{held.get()}, 0});
+        },
+        failure::lock, "nothing was written", 0);
+    EXPECT_EQ(value_at(mine, "a.b"), "old");
+    auto again = take(mine, lock_mode::exclusive, 1000);
+    EXPECT_TRUE(mine.keys->set("a.b", "new", again.get()));
+}
+
+// Whoever looks waits for the end of a change set, and is told if nobody carries it on.
+TEST_F(Cluster, AHalfAppliedChangeSetIsFinishedOrTakenBack) {
+    constexpr int KEYS = 450;
+    auto all_are = [&](const std::string &value) {
+        snapshot all("t", reach::all_below);
+        EXPECT_TRUE(theirs.keys->now()->copy("t", reach::all_below, &all));
+        for (uint32_t n = 1; n < all.size(); ++n)
+            EXPECT_EQ(all.value(n), value);
+        return all.size();
+    };
+    std::vector<change> old = {put("t")};
+    std::vector<change> fresh = {put("t"), removal("t.k0"), put("t.new", "new")};
+    for (int n = 0; n < KEYS; ++n) {
+        old.push_back(put("t.k" + std::to_string(n), "old"));
+        if (n > 0) fresh.push_back(put("t.k" + std::to_string(n), "new"));
+    }
+    EXPECT_EQ(mine.keys->apply(old).created, KEYS + 1U);
+    setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    backend told = open_cluster(url);
+    for (finish how : {finish::undo, finish::resume}) {
+        for (int pieces : {0, 2, 4}) {
+            faults.most_pieces = pieces;
+            EXPECT_THROW(mine.keys->apply(fresh), std::bad_alloc);
+            faults.most_pieces = -1;
+            if (pieces == 2) {
+                std::string text = "after 2 of 5 pieces";
+                expect_failure([&] { value_at(told, "t"); }, failure::content, text, 1);
+                expect_failure([&] { told.keys->apply({put("x")}); }, failure::content, text, 1);
+                auto held = take(told, lock_mode::exclusive, 0);
+                expect_failure([&] { told.keys->set("t", "x", held.get()); }, failure::content,
+                               text, 1);
+            }
+            std::thread reader(
+                [&] { EXPECT_EQ(all_are(how == finish::undo ? "old" : "new"), KEYS + 1U); });
+            usleep(20000);
+            EXPECT_TRUE(mine.keys->finish_apply(how));
+            EXPECT_FALSE(mine.keys->finish_apply(how));
+            reader.join();
+            if (how == finish::resume) mine.keys->apply({put("t.k0", "new"), removal("t.new")});
+            if (how == finish::resume) mine.keys->apply(old);
+        }
+    }
+    change_counts counts = mine.keys->apply(fresh);
+    EXPECT_EQ(counts.created, 1U);
+    EXPECT_EQ(counts.removed, 1U);
+    EXPECT_EQ(counts.replaced, KEYS - 1U);
+    EXPECT_EQ(all_are("new"), KEYS + 1U);
+}
+
+TEST_F(Cluster, WhatOthersBrokeIsToldAndNeverServed) {
+    mine.keys->apply({put("a.b.c", "v")});
+    std::string head = prefix + "/kv/";
+    auto at = [&](const std::string &escaped) { return "\"$(printf '" + head + escaped + "')\""; };
+    struct {
+        const char *key;
+        const char *told;
+    } const ROWS[] = {{"\\003a\\001x\\001y\\001", "stands alone"},
+                      {"\\003a\\001b\\001y", "no key that a path can have"},
+                      {"\\003a\\001b\\001\\005\\001", "no key that a path can have"},
+                      {"\\002a\\001b\\001y\\001", "no key that a path can have"}};
+    for (const auto &row : ROWS) {
+        etcdctl(shared_members(), "put " + at(row.key) + " v");
+        snapshot all("a", reach::all_below);
+        EXPECT_EQ(failure_of([&] { mine.keys->now()->copy("a", reach::all_below, &all); }),
+                  failure::content)
+            << row.key;
+        std::string found;
+        KEYVIEW_BACKEND_KIND.check(
+            url, [&](const std::string &, const std::string &reason) { found += reason; },
+            [](std::string_view, std::string_view) {});
+        EXPECT_NE(found.find(row.told), found.npos) << row.key << found;
+        etcdctl(shared_members(), "del " + at(row.key));
+    }
+    etcdctl(shared_members(), "put " + prefix + "/tree 'keyview 2 8'");
+    expect_failure([&] { value_at(mine, "a"); }, failure::content, "another format", 0);
+}
+
+TEST_F(Cluster, AForkedChildIsRefusedAndItsParentGoesOn) {
+    mine.keys->apply({put("a.b", "v")});
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    child_process child([&](const meeting &) {
+        std::string text;
+        bool refused = failure_of([&] { value_at(mine, "a.b"); }, &text) == failure::registry &&
+                       text.find("forked") != text.npos;
+        held.reset();  // gives up nothing of the parent's
+        mine = {};
+        return refused && failure_of([&] { open_cluster(url + "2"); }) == failure::registry ? 0 : 1;
+    });
+    EXPECT_EQ(child.status(), 0);
+    EXPECT_TRUE(mine.keys->set("a.b", "new", held.get()));
 }
 
 }  // namespace keyview::test

@@ -34,7 +34,8 @@ static uint16_t free_port() {
     }
 }
 
-etcd_members::etcd_members(size_t count, std::vector<std::string> more, const std::string &scheme)
+etcd_members::etcd_members(size_t count, std::vector<std::string> more, const std::string &scheme,
+                           wait_for what)
     : more_(std::move(more)), scheme_(scheme) {
     for (size_t i = 0; i < count; ++i) {
         members_.push_back({"127.0.0.1:" + std::to_string(free_port()),
@@ -43,8 +44,11 @@ etcd_members::etcd_members(size_t count, std::vector<std::string> more, const st
     for (size_t i = 0; i < count; ++i)
         start(i);
     for (size_t i = 0; i < count; ++i) {
-        await_ready(i);
-        require_own_listener(i);
+        if (what == wait_for::leader) await_ready(i);
+        for (int waited_ms = 0; !listens(i); waited_ms += 10, usleep(10000)) {
+            if (waited_ms > READY_S * 1000)
+                throw std::runtime_error("nobody, or somebody else, listens");
+        }
     }
 }
 
@@ -104,8 +108,8 @@ void etcd_members::go_on(size_t i) const {
     ::kill(members_[i].pid, SIGCONT);
 }
 
-// The member's socket must be the one that listens on its port.
-void etcd_members::require_own_listener(size_t i) const {
+// Whether the socket that listens on the member's port is the member's own.
+bool etcd_members::listens(size_t i) const {
     const std::string &client = members_[i].client;
     char port[8];
     (void)snprintf(port, sizeof(port), ":%04X", std::stoi(client.substr(client.find(':') + 1)));
@@ -121,10 +125,10 @@ void etcd_members::require_own_listener(size_t i) const {
         std::string fds = "/proc/" + std::to_string(members_[i].pid) + "/fd";
         for (const auto &fd : std::filesystem::directory_iterator(fds)) {
             std::error_code none;
-            if (std::filesystem::read_symlink(fd, none) == "socket:[" + inode + "]") return;
+            if (std::filesystem::read_symlink(fd, none) == "socket:[" + inode + "]") return true;
         }
     }
-    throw std::runtime_error("somebody else listens on " + client);
+    return false;
 }
 
 static host::cluster_settings settings_for(const std::string &url) {

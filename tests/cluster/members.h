@@ -14,9 +14,12 @@ namespace keyview::test {
 
 class etcd_members {
   public:
-    // Further arguments for etcd; {i} in them is the number of the member.
+    // A member whose certificate is bad only comes to listen.
+    enum class wait_for { leader, port };
+
+    // more: further arguments for etcd.
     explicit etcd_members(size_t count = 3, std::vector<std::string> more = {},
-                          const std::string &scheme = "http");
+                          const std::string &scheme = "http", wait_for what = wait_for::leader);
     etcd_members(const etcd_members &) = delete;
     etcd_members &operator=(const etcd_members &) = delete;
     ~etcd_members();
@@ -40,7 +43,7 @@ class etcd_members {
         pid_t pid = -1;
     };
 
-    void require_own_listener(size_t i) const;
+    bool listens(size_t i) const;
 
     scratch_directory scratch_;
     std::vector<std::string> more_;

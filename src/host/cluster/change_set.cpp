@@ -2,9 +2,11 @@
 #include "host/cluster/change_set.h"
 
 #include <algorithm>
+#include <new>
 
 #include "host/cluster/change_plan.h"
 #include "host/cluster/etcd_locks.h"
+#include "host/cluster/faults.h"
 #include "host/cluster/half_applied.h"
 #include "host/cluster/journal.pb.h"
 
@@ -72,7 +74,7 @@ static std::vector<const queue_place *> places_of(const apply_terms &terms) {
     for (const held_lock *fence : terms.fences) {
         if (!fence->still_held()) throw lock_lost({});
         const auto *lock = dynamic_cast<const etcd_lock *>(fence);
-        if (lock != nullptr) places.push_back(&lock->place());
+        if (lock != nullptr) places.push_back(lock->place());
     }
     return places;
 }
@@ -81,7 +83,7 @@ static void add_fences(wire::TxnRequest *request, const std::vector<const queue_
                        size_t first) {
     for (size_t n = first; n < std::min(places.size(), first + MOST_FENCES); ++n) {
         add_compare(request, places[n]->key(), wire::Compare::CREATE)
-            ->set_create_revision(places[n]->created);
+            ->set_create_revision(places[n]->created());
         add_range(request->mutable_failure(), {places[n]->key(), ""});
     }
 }
@@ -206,7 +208,7 @@ class change_set {
         for (size_t n = first; op < response.responses_size(); ++op, ++n) {
             const wire::RangeResponse &place = response.responses(op).response_range();
             bool held =
-                place.kvs_size() == 1 && place.kvs(0).create_revision() == places_[n]->created;
+                place.kvs_size() == 1 && place.kvs(0).create_revision() == places_[n]->created();
             if (!held) throw lock_lost({});
         }
     }
@@ -235,8 +237,10 @@ class change_set {
             run.end(plan_.tree_before());
             throw lock_lost({});
         }
-        for (uint32_t n = 0; n < pieces_.size(); ++n)
+        for (uint32_t n = 0; n < pieces_.size(); ++n) {
+            if (static_cast<int>(n) == faults.most_pieces) throw std::bad_alloc();
             run.step(n + 1, pieces_[n].to_do);
+        }
         run.end(marker.tree());
         return outcome::done;
     }

@@ -93,11 +93,13 @@ judgement judge(const grpc::Status &status) {
     return {"", act, failure::registry, etcd_reason::none, ""};
 }
 
+constexpr const char *REFUSED = "connection refused";
+
 // The end of a long chain of causes says most.
 std::string cause_of(const grpc::Status &status) {
     if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) return "no answer";
     const std::string &text = status.error_message();
-    if (text.find("Connection refused") != text.npos) return "connection refused";
+    if (text.find("Connection refused") != text.npos) return REFUSED;
     size_t last = text.rfind("last error: ");
     return last == text.npos ? text : text.substr(last + 12);
 }
@@ -244,7 +246,7 @@ static void connect(grpc::Channel *channel, steady::time_point end, after_failur
 
 // run makes one call: (member, context) -> status.
 template <typename one_try>
-void connection::try_members(steady::time_point end, const one_try &run) {
+void connection::try_members(steady::time_point end, const one_try &run, bool *repeated) {
     require_own_process();
     const steady::time_point start = steady::now();
     std::vector<std::string> failures(members_.size());
@@ -275,6 +277,7 @@ void connection::try_members(steady::time_point end, const one_try &run) {
                              members_[at]->name + " refuses: " + status.error_message() + todo);
         }
         failures[at] = cause_of(status);
+        if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
         next_member(at);
         bool all_failed = tries % members_.size() == 0;
         if (steady::now() + PAUSE >= end || (all_failed && tls_is_wrong(&failures))) {
@@ -291,7 +294,7 @@ void connection::try_members(steady::time_point end, const one_try &run) {
 bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
     if (!settings_.tls) return false;
     for (const std::string &text : *failures) {
-        if (text.find("andshake") == text.npos && text.find("CERTIFICATE") == text.npos)
+        if (text.find("andshake") == text.npos && text.find("ertificate") == text.npos)
             return false;
     }
     for (size_t at = 0; at < members_.size(); ++at) {
@@ -326,11 +329,13 @@ std::string connection::why_no_answer(const std::vector<std::string> &failures) 
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end) {
+wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
+                                  bool *repeated) {
     wire::TxnResponse response;
-    try_members(end, [&](member *one, grpc::ClientContext *context) {
+    auto run = [&](member *one, grpc::ClientContext *context) {
         return one->keys.Txn(context, request, &response);
-    });
+    };
+    try_members(end, run, repeated);
     return response;
 }
 

@@ -24,6 +24,8 @@ namespace keyview::host {
 
 namespace wire = etcdserverpb;
 
+using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
+
 using steady = std::chrono::steady_clock;
 
 // A failure that a caller may know how to go on from.
@@ -49,8 +51,10 @@ class connection {
     connection &operator=(const connection &) = delete;
     ~connection();
 
-    // Calls that any member may answer. They throw etcd_error.
-    wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end);
+    // Calls that any member may answer. They throw etcd_error. repeated tells whether a try before
+    // the one that was answered may have been carried out, or still will be.
+    wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
+                          bool *repeated = nullptr);
     void grant(int64_t lease, std::chrono::seconds ttl, steady::time_point end);
     void revoke(int64_t lease, steady::time_point end);
     wire::AlarmResponse alarms(steady::time_point end);
@@ -80,7 +84,7 @@ class connection {
     struct member;
 
     template <typename one_try>
-    void try_members(steady::time_point end, const one_try &run);
+    void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr);
     void next_member(size_t after);
     void log_in(size_t at, steady::time_point end);
     std::string token();

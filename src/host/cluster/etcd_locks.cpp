@@ -38,7 +38,7 @@ class request_for_lock {
             while (place_ != nullptr) {
                 if (!blockers_.empty() && steady::now() >= *end) throw too_late(start);
                 if (!blockers_.empty()) wait(*end);
-                if (look_again()) return granted();
+                if (granted_now()) return granted();
             }
         }
         return granted();
@@ -63,7 +63,7 @@ class request_for_lock {
         wire::PutRequest *put = ops->Add()->mutable_request_put();
         put->set_key(place_->key());
         put->set_value(this_process());
-        put->set_lease(place_->lease());
+        put->set_lease(place_->lease()->id);
         add_range(ops, {place_->key(), ""});
     }
 
@@ -71,14 +71,14 @@ class request_for_lock {
     bool enter() {
         steady::time_point end = cluster_->calls().answer_end();
         for (;;) {
-            int64_t lease = cluster_->lease(end);
             std::string key = cluster_->keys().lock_place(name_, mode_, cluster_->unique_name());
-            place_ = std::make_unique<queue_place>(cluster_, std::move(key), lease);
+            place_ =
+                std::make_unique<queue_place>(cluster_, std::move(key), cluster_->take_place(end));
             try {
                 return put_place(end);
             } catch (const etcd_error &error) {
                 if (error.reason != etcd_reason::lease_gone || steady::now() >= end) throw;
-                cluster_->note_lost(lease);
+                cluster_->note_lost(place_->lease());
             }
         }
     }
@@ -90,8 +90,10 @@ class request_for_lock {
         if (reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
         add_put(request.mutable_failure());
         add_range(request.mutable_failure(), cluster_->keys().lock_queue(name_));
-        wire::TxnResponse response = cluster_->txn(request, end);
-        place_->created = response.responses(1).response_range().kvs(0).create_revision();
+        bool repeated = false;
+        wire::TxnResponse response = cluster_->txn(request, end, &repeated);
+        if (repeated) cluster_->close(place_->lease());
+        place_->note(response.responses(1).response_range().kvs(0));
         if (response.succeeded()) {
             whole_ = reads_ && part_.take(&response, 2) && part_.marker().empty();
             return true;
@@ -106,7 +108,7 @@ class request_for_lock {
         key_range against = conflicts();
         for (const wire::KeyValue &one : response.responses(op).response_range().kvs()) {
             bool conflicting = one.key() >= against.begin && one.key() < against.end;
-            if (conflicting && one.create_revision() < place_->created) {
+            if (conflicting && one.create_revision() < place_->created()) {
                 blockers_.push_back({one.key(), one.create_revision(), one.value()});
             }
         }
@@ -122,12 +124,21 @@ class request_for_lock {
                                          std::min(end, steady::now() + ttl / 3));
     }
 
+    bool granted_now() {
+        try {
+            return look_again();
+        } catch (const etcd_error &) {
+            place_->note_silence();
+            throw;
+        }
+    }
+
     // True if the lock is granted. Else the queue was read anew; without a place if ours is gone.
     bool look_again() {
         static constexpr size_t MOST_COMPARED = 100;
         steady::time_point end = cluster_->calls().answer_end();
         wire::TxnRequest request;
-        if (!faults.grant_unchecked) add_compare(&request, {place_->key(), ""}, place_->created);
+        if (!faults.grant_unchecked) add_compare(&request, {place_->key(), ""}, place_->created());
         size_t compared = std::min(blockers_.size(), MOST_COMPARED);
         for (size_t n = 0; n < compared; ++n)
             add_compare(&request, {blockers_[blockers_.size() - 1 - n].key, ""}, 0);
@@ -144,7 +155,7 @@ class request_for_lock {
             return true;
         }
         const wire::RangeResponse &own = response.responses(0).response_range();
-        if (own.kvs_size() == 0 || own.kvs(0).create_revision() != place_->created) {
+        if (own.kvs_size() == 0 || own.kvs(0).create_revision() != place_->created()) {
             cluster_->note_lost(place_->lease());
             place_.reset();
         } else {
@@ -156,7 +167,7 @@ class request_for_lock {
     std::shared_ptr<held_lock> granted() {
         std::unique_ptr<moment> seen;
         if (whole_) seen = keys_->as_of(std::move(part_));
-        return std::make_shared<etcd_lock>(cluster_, std::move(place_), std::move(seen));
+        return std::make_shared<etcd_lock>(std::move(place_), std::move(seen));
     }
 
     host_error too_late(steady::time_point start) const {
@@ -182,7 +193,6 @@ class request_for_lock {
 
 std::shared_ptr<held_lock> etcd_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted) {
-    keys_->cluster()->leave_the_rest();
     return request_for_lock(keys_.get(), name, mode, wanted).acquire(limit);
 }
 

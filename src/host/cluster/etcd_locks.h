@@ -23,35 +23,54 @@ namespace keyview::host {
 // A key in the queue of a lock; given up at the end.
 class queue_place {
   public:
-    queue_place(std::shared_ptr<session> cluster, std::string key, int64_t lease)
-        : cluster_(std::move(cluster)), key_(std::move(key)), lease_(lease) {}
+    queue_place(std::shared_ptr<session> cluster, std::string key,
+                std::shared_ptr<session::lease> lease)
+        : cluster_(std::move(cluster)), key_(std::move(key)), lease_(std::move(lease)) {}
     queue_place(const queue_place &) = delete;
     queue_place &operator=(const queue_place &) = delete;
-    ~queue_place() { cluster_->leave(key_); }
+    ~queue_place() { known_ ? cluster_->leave(key_, lease_) : cluster_->leave_unknown(lease_); }
 
     const std::string &key() const { return key_; }
-    int64_t lease() const { return lease_; }
-    int64_t created = 0;  // its revision, which no other key of the same name ever has
+    session::lease *lease() const { return lease_.get(); }
+    bool lives() const { return cluster_->lives(*lease_); }
+
+    // The revision of its creation, which no other key of the same name ever has.
+    int64_t created() const { return created_; }
+
+    // The revision of its latest change: each set under the lock changes it, so that a set that was
+    // sent twice is carried out once.
+    int64_t changed() const { return changed_; }
+
+    void note(const wire::KeyValue &known) {
+        created_ = known.create_revision();
+        changed_ = known.mod_revision();
+        known_ = true;
+    }
+    void note_changed(int64_t revision) { changed_ = revision; }
+
+    // The cluster does not answer: the end should not wait for it once more.
+    void note_silence() { known_ = false; }
 
   private:
     std::shared_ptr<session> cluster_;
     std::string key_;
-    int64_t lease_;
+    std::shared_ptr<session::lease> lease_;
+    int64_t created_ = 0;
+    int64_t changed_ = 0;
+    bool known_ = false;  // whether the cluster told about it last
 };
 
 class etcd_lock final : public held_lock {
   public:
-    etcd_lock(std::shared_ptr<session> cluster, std::unique_ptr<queue_place> place,
-              std::unique_ptr<moment> granted)
-        : cluster_(std::move(cluster)), place_(std::move(place)), granted_(std::move(granted)) {}
+    etcd_lock(std::unique_ptr<queue_place> place, std::unique_ptr<moment> granted)
+        : place_(std::move(place)), granted_(std::move(granted)) {}
 
-    bool still_held() const override { return cluster_->lives(place_->lease()); }
+    bool still_held() const override { return place_->lives(); }
     std::unique_ptr<moment> as_of_grant() override { return std::move(granted_); }
 
-    const queue_place &place() const { return *place_; }
+    queue_place *place() const { return place_.get(); }
 
   private:
-    std::shared_ptr<session> cluster_;
     std::unique_ptr<queue_place> place_;
     std::unique_ptr<moment> granted_;
 };

@@ -14,6 +14,10 @@ namespace keyview::host {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
+void etcd_store::note_depth(const tree_part &part) {
+    deepest_ = std::max(part.deepest(), USUAL_DEPTH);
+}
+
 void etcd_store::read(tree_part *part, int64_t revision) {
     half_applied_wait patience(cluster_.get());
     for (;;) {
@@ -21,7 +25,7 @@ void etcd_store::read(tree_part *part, int64_t revision) {
         part->ask(deepest_, revision, request.mutable_success());
         wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
         bool whole = part->take(&response, 0);
-        deepest_ = part->deepest();
+        note_depth(*part);
         if (!whole) continue;
         if (revision != 0 || part->marker().empty()) return;
         patience.wait(part->marker());
@@ -70,7 +74,7 @@ class etcd_moment final : public moment {
 }  // namespace
 
 std::unique_ptr<moment> etcd_store::as_of(tree_part part) {
-    deepest_ = part.deepest();
+    note_depth(part);
     return std::make_unique<etcd_moment>(shared_from_this(), std::move(part));
 }
 
@@ -97,8 +101,8 @@ void etcd_store::open(bool create) {
     state.ask(0, 0, request.mutable_success());
     wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
     (void)state.take(&response, 0);
-    deepest_ = state.deepest();
-    (void)cluster_->lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
+    note_depth(state);
+    cluster_->require_lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
 }
 
 // ---- Setting ------------------------------------------------------------------------------------
@@ -124,11 +128,18 @@ class set_request {
         add_range(request_.mutable_failure(), {keys.marker(), ""});
     }
 
-    void fence(const queue_place &place) {
-        add_compare(place.key(), wire::Compare::CREATE, wire::Compare::EQUAL)
-            ->set_create_revision(place.created);
-        add_range(request_.mutable_failure(), {place.key(), ""});
-        lock_ = &place;
+    // Under a lock, whose place the set changes: a try that is carried out late finds it changed.
+    void fence(queue_place *place) {
+        lock_ = place;
+        add_compare(place->key(), wire::Compare::CREATE, wire::Compare::EQUAL)
+            ->set_create_revision(place->created());
+        add_compare(place->key(), wire::Compare::MOD, wire::Compare::EQUAL)
+            ->set_mod_revision(place->changed());
+        wire::PutRequest *put = request_.add_success()->mutable_request_put();
+        put->set_key(place->key());
+        put->set_ignore_value(true);
+        put->set_ignore_lease(true);
+        add_range(request_.mutable_failure(), {place->key(), ""});
     }
 
     // Without a lock: only over the value that was read.
@@ -140,13 +151,19 @@ class set_request {
 
     outcome run(session *cluster) {
         wire::TxnResponse response = cluster->txn(request_, cluster->calls().answer_end());
-        if (response.succeeded()) return outcome::done;
-        if (lock_ != nullptr) {
-            const wire::RangeResponse &place = response.responses(2).response_range();
-            bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created;
-            if (!held) return outcome::lock_lost;
+        if (response.succeeded()) {
+            if (lock_ != nullptr) lock_->note_changed(response.header().revision());
+            return outcome::done;
         }
         const wire::RangeResponse &stored = response.responses(0).response_range();
+        if (lock_ != nullptr) {
+            const wire::RangeResponse &place = response.responses(2).response_range();
+            bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created();
+            if (!held) return outcome::lock_lost;
+            bool by_us = place.kvs(0).mod_revision() != lock_->changed();
+            lock_->note_changed(place.kvs(0).mod_revision());
+            if (by_us) return outcome::done;  // by an earlier try
+        }
         const wire::RangeResponse &marker = response.responses(1).response_range();
         if (stored.kvs_size() == 0) return outcome::no_such_key;
         if (marker.kvs_size() > 0) {
@@ -171,7 +188,7 @@ class set_request {
     std::string key_;
     std::string value_;
     wire::TxnRequest request_;
-    const queue_place *lock_ = nullptr;
+    queue_place *lock_ = nullptr;
     std::string marker_;
 };
 

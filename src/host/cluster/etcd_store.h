@@ -32,13 +32,16 @@ class etcd_store final : public store, public std::enable_shared_from_this<etcd_
 
     // Reads a part, as of a revision or, with 0, as it is once no change set is half carried out.
     void read(tree_part *part, int64_t revision);
+    void note_depth(const tree_part &part);
 
     // The moment of a part that was read.
     std::unique_ptr<moment> as_of(tree_part part);
 
   private:
     std::shared_ptr<session> cluster_;
-    std::atomic<uint32_t> deepest_{8};  // of the tree, when it was last looked at
+    // As deep as the tree was when it was last looked at, and as a tree with a service in it is.
+    static constexpr uint32_t USUAL_DEPTH = 8;
+    std::atomic<uint32_t> deepest_{USUAL_DEPTH};
 };
 
 }  // namespace keyview::host

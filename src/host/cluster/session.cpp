@@ -1,4 +1,4 @@
-// The lease of a session, and the places that it gives up.
+// The leases of a session, and the places under them.
 #include "host/cluster/session.h"
 
 #include <sys/random.h>
@@ -36,17 +36,8 @@ session::session(const cluster_settings &settings)
 
 session::~session() {
     if (generation_ != fork_generation()) return;
-    int64_t id = 0;
-    {
-        std::lock_guard guard(lease_->mutex);
-        std::swap(id, lease_->id);
-    }
-    if (id == 0) return;
-    try {
-        calls_.revoke(id, steady::now() + FAREWELL);
-    } catch (const std::exception &) {
-        return;  // it ends by itself
-    }
+    for (const std::shared_ptr<lease> &one : leases_->all)
+        revoke(one->id);
 }
 
 std::string session::unique_name() {
@@ -57,109 +48,139 @@ std::string session::unique_name() {
     return name;
 }
 
-wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_point end) {
+wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_point end,
+                               bool *repeated) {
     keep_alive();
-    return calls_.txn(request, end);
+    return calls_.txn(request, end, repeated);
 }
 
-// ---- The lease ----------------------------------------------------------------------------------
+// ---- Leases -------------------------------------------------------------------------------------
 
-int64_t session::lease(steady::time_point end) {
+// Null if a new one must be asked for. Forgets those that are of no further use.
+std::shared_ptr<session::lease> session::open_lease() {
+    std::lock_guard guard(leases_->mutex);
+    auto &all = leases_->all;
+    auto is_over = [](const std::shared_ptr<lease> &one) {
+        return one->places == 0 && (one->closed || steady::now() >= one->end);
+    };
+    all.erase(std::remove_if(all.begin(), all.end(), is_over), all.end());
+    bool usable = !all.empty() && !all.back()->closed && steady::now() < all.back()->end;
+    return usable ? all.back() : nullptr;
+}
+
+void session::require_lease(steady::time_point end) {
     std::lock_guard one_at_a_time(granting_);
-    {
-        std::lock_guard guard(lease_->mutex);
-        if (lease_->id != 0 && steady::now() < lease_->end) return lease_->id;
+    if (open_lease() != nullptr) return;
+    revoke_the_rest();
+    auto fresh = std::make_shared<lease>();
+    fresh->id = random_number();
+    fresh->asked = steady::now();
+    calls_.grant(fresh->id, calls_.settings().lease_ttl, end);
+    fresh->end = fresh->asked + calls_.settings().lease_ttl;
+    std::lock_guard guard(leases_->mutex);
+    leases_->all.push_back(std::move(fresh));
+}
+
+std::shared_ptr<session::lease> session::take_place(steady::time_point end) {
+    for (;;) {
+        std::shared_ptr<lease> found = open_lease();
+        if (found != nullptr) {
+            std::lock_guard guard(leases_->mutex);
+            ++found->places;
+            return found;
+        }
+        require_lease(end);
     }
-    int64_t fresh = random_number();
-    steady::time_point asked = steady::now();
-    calls_.grant(fresh, calls_.settings().lease_ttl, end);
-    std::lock_guard guard(lease_->mutex);
-    lease_->id = fresh;
-    lease_->asked = asked;
-    lease_->end = asked + calls_.settings().lease_ttl;
-    return fresh;
 }
 
-bool session::lives(int64_t lease) const {
-    std::lock_guard guard(lease_->mutex);
-    return lease_->id == lease && steady::now() < lease_->end;
+bool session::lives(const lease &one) const {
+    std::lock_guard guard(leases_->mutex);
+    return steady::now() < one.end;
 }
 
-void session::note_lost(int64_t lease) {
-    std::lock_guard guard(lease_->mutex);
-    if (lease_->id == lease) lease_->id = 0;
+void session::close(lease *one) {
+    std::lock_guard guard(leases_->mutex);
+    one->closed = true;
+}
+
+void session::note_lost(lease *one) {
+    std::lock_guard guard(leases_->mutex);
+    one->closed = true;
+    one->end = steady::time_point::min();
 }
 
 void session::keep_alive() {
-    std::chrono::seconds ttl = calls_.settings().lease_ttl;
     steady::time_point now = steady::now();
-    int64_t id = 0;
+    auto part = std::chrono::duration_cast<steady::duration>(calls_.settings().lease_ttl) / 3;
+    std::vector<std::shared_ptr<lease>> due;
     {
-        std::lock_guard guard(lease_->mutex);
-        bool due = lease_->id != 0 && !lease_->asking && now > lease_->asked + ttl / 3;
-        if (!due) return;
-        id = lease_->id;
-        lease_->asking = true;
+        std::lock_guard guard(leases_->mutex);
+        for (const std::shared_ptr<lease> &one : leases_->all) {
+            bool used = !one->closed || one->places > 0;
+            if (!used || one->asking || now < one->asked + part || now >= one->end) continue;
+            one->asking = true;
+            due.push_back(one);
+        }
     }
-    calls_.keep_alive(id, [state = lease_, id, now](int64_t seconds) {
-        std::lock_guard guard(state->mutex);
-        state->asking = false;
-        if (state->id != id || seconds < 0) return;
-        state->asked = now;
-        state->end = now + std::chrono::seconds(seconds);
-        if (seconds == 0) state->id = 0;
-    });
+    for (const std::shared_ptr<lease> &one : due) {
+        calls_.keep_alive(one->id, [state = leases_, one, now](int64_t seconds) {
+            std::lock_guard guard(state->mutex);
+            one->asking = false;
+            if (seconds < 0) return;
+            one->asked = now;
+            one->end =
+                seconds == 0 ? steady::time_point::min() : now + std::chrono::seconds(seconds);
+        });
+    }
 }
 
 // ---- Places -------------------------------------------------------------------------------------
 
-static void remove_places(connection *calls, const std::vector<std::string> &places) {
-    wire::TxnRequest request;
-    for (const std::string &place : places)
-        request.add_success()->mutable_request_delete_range()->set_key(place);
-    (void)calls->txn(request, steady::now() + FAREWELL);  // only a failure is of interest
-}
-
-// Without memory for it, it ends with the lease.
-void session::keep_for_later(const std::string &place) noexcept {
+void session::revoke(int64_t id) noexcept {
     try {
-        std::lock_guard guard(left_mutex_);
-        left_.push_back(place);
-    } catch (const std::bad_alloc &) {
-        return;
-    }
-}
-
-void session::leave(const std::string &place) noexcept {
-    if (generation_ != fork_generation()) return;  // it is the parent's
-    try {
-        remove_places(&calls_, {place});
+        calls_.revoke(id, steady::now() + FAREWELL);
     } catch (const std::exception &) {
-        keep_for_later(place);
+        return;  // it ends by itself
     }
 }
 
-void session::leave_the_rest() {
-    static constexpr size_t MOST_AT_ONCE = 100;
-    std::vector<std::string> places;
+void session::revoke_the_rest() {
+    std::vector<int64_t> ids;
     {
-        std::lock_guard guard(left_mutex_);
-        places.swap(left_);
+        std::lock_guard guard(leases_->mutex);
+        ids.swap(leases_->to_revoke);
     }
-    while (!places.empty()) {
-        size_t first = places.size() - std::min(places.size(), MOST_AT_ONCE);
-        std::vector<std::string> some(places.begin() + static_cast<ptrdiff_t>(first), places.end());
-        places.resize(first);
-        try {
-            remove_places(&calls_, some);
-        } catch (const std::exception &) {
-            for (const auto *kept : {&some, &places}) {
-                for (const std::string &place : *kept)
-                    keep_for_later(place);
-            }
-            return;
-        }
+    for (int64_t id : ids)
+        revoke(id);
+}
+
+// Whether the lease goes with it.
+bool session::drop_place(const std::shared_ptr<lease> &its) noexcept {
+    std::lock_guard guard(leases_->mutex);
+    return --its->places == 0 && its->closed;
+}
+
+void session::leave(const std::string &place, const std::shared_ptr<lease> &its) noexcept {
+    if (generation_ != fork_generation()) return;  // it is the parent's
+    if (drop_place(its)) return revoke(its->id);
+    try {
+        wire::TxnRequest request;
+        request.add_success()->mutable_request_delete_range()->set_key(place);
+        (void)calls_.txn(request, steady::now() + FAREWELL);  // only a failure is of interest
+    } catch (const std::exception &) {
+        close(its.get());
+        std::lock_guard guard(leases_->mutex);
+        if (its->places == 0) leases_->to_revoke.push_back(its->id);
     }
+}
+
+// The next lock, which needs a new lease, revokes this one first.
+void session::leave_unknown(const std::shared_ptr<lease> &its) noexcept {
+    if (generation_ != fork_generation()) return;
+    close(its.get());
+    if (!drop_place(its)) return;
+    std::lock_guard guard(leases_->mutex);
+    leases_->to_revoke.push_back(its->id);
 }
 
 }  // namespace keyview::host

@@ -17,7 +17,6 @@
 
 namespace keyview::host {
 
-using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
 using wire_rows = google::protobuf::RepeatedPtrField<wire::KeyValue>;
 
 void add_range(wire_ops *ops, const key_range &range, int64_t revision = 0);

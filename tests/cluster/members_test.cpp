@@ -1,0 +1,77 @@
+// What becomes of calls when members of the cluster do not do their part.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "shared.h"
+
+namespace keyview::test {
+
+// Every call goes on at another member, whichever is gone or silent.
+TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
+    etcd_members three;
+    backend registry = open_cluster(three.url());
+    registry.keys->apply({put("a.b", "0")});
+    int n = 0;
+    auto works_on = [&] {
+        double took = seconds_of([&] {
+            auto held = registry.locks->acquire("LKRT.a", lock_mode::exclusive, 5000);
+            std::string value = std::to_string(++n);
+            EXPECT_TRUE(registry.keys->set("a.b", value, held.get()));
+            EXPECT_EQ(value_at(registry, "a.b"), value);
+        });
+        EXPECT_LT(took, 3.0);
+    };
+    for (size_t one = 0; one < three.count(); ++one) {
+        three.stop(one);
+        works_on();
+        three.go_on(one);
+        three.await_ready(one);
+        three.kill(one);
+        works_on();
+        three.start(one);
+        three.await_ready(one);
+    }
+}
+
+TEST(Members, WithoutAMajorityTheTextSaysSo) {
+    setting wait("KEYVIEW_ANSWER_WAIT", "2");
+    etcd_members three;
+    backend registry = open_cluster(three.url());
+    registry.keys->apply({put("a.b", "0")});
+    three.kill(1);
+    three.kill(2);
+    sleep(2);  // until the one that is left knows
+    expect_failure([&] { value_at(registry, "a.b"); }, failure::registry, "More than half", 2);
+    expect_failure([&] { registry.locks->acquire("LKRT.a", lock_mode::shared, 0); },
+                   failure::registry, three.address(1) + ": connection refused", 2);
+    three.kill(0);
+    expect_failure([&] { registry.keys->set("a.b", "1", nullptr); }, failure::registry,
+                   "keyviewctl doctor", 2);
+    for (size_t one = 0; one < three.count(); ++one)
+        three.start(one);
+    three.await_ready(0);
+    EXPECT_EQ(value_at(registry, "a.b"), "0");
+}
+
+TEST(Members, AFullDatabaseIsTold) {
+    etcd_members one(1, {"--quota-backend-bytes=1048576"});
+    backend registry = open_cluster(one.url());
+    registry.keys->apply({put("a.b", "0")});
+    auto fill = [&] {
+        for (int n = 0; n < 100; ++n)
+            registry.keys->set("a.b", std::string(100000, static_cast<char>('a' + n % 20)),
+                               nullptr);
+    };
+    std::string text;
+    EXPECT_EQ(failure_of(fill, &text), failure::registry);
+    EXPECT_NE(text.find("alarm NOSPACE"), text.npos) << text;
+    EXPECT_EQ(value_at(registry, "a.b").size(), 100000U) << "reads go on";
+    uint64_t now = registry.keys->now()->current().tree;
+    etcdctl(one, "compaction " + std::to_string(now));
+    etcdctl(one, "defrag");
+    etcdctl(one, "alarm disarm");
+    EXPECT_TRUE(registry.keys->set("a.b", "1", nullptr));
+}
+
+}  // namespace keyview::test

@@ -1,0 +1,73 @@
+// What the tests of clusters share: one cluster for all that harm none of its members, and the
+// tools of etcd beside it.
+#ifndef KEYVIEW_TESTS_CLUSTER_SHARED_H
+#define KEYVIEW_TESTS_CLUSTER_SHARED_H
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "../host/registry.h"
+#include "host/cluster/cluster.h"
+#include "members.h"
+
+namespace keyview::test {
+
+inline etcd_members &shared_members() {
+    static etcd_members three;
+    return three;
+}
+
+inline std::string fresh_prefix() {
+    static int prefixes = 0;
+    return "/test" + std::to_string(++prefixes);
+}
+
+// With the parts that are linked into the tests, not with the module.
+inline backend open_cluster(const std::string &url, open_mode mode = open_mode::create) {
+    return KEYVIEW_BACKEND_KIND.open(url, mode);
+}
+
+// A variable of the environment while the object lives.
+struct setting {
+    setting(const char *its_name, const std::string &value) : name(its_name) {
+        (void)setenv(name, value.c_str(), 1);
+    }
+    setting(const setting &) = delete;
+    setting &operator=(const setting &) = delete;
+    ~setting() { (void)unsetenv(name); }
+    const char *name;
+};
+
+inline void run(const std::string &command) {
+    EXPECT_EQ(std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()), 0) << command;
+}
+
+inline void etcdctl(const etcd_members &members, const std::string &words) {
+    run("ETCDCTL_API=3 etcdctl --endpoints=" + members.address(0) + " " + words);
+}
+
+template <typename work>
+double seconds_of(work &&body) {
+    auto start = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+inline std::string value_at(const backend &registry, const std::string &path) {
+    std::string value;
+    return registry.keys->now()->read(path, &value) ? value : "(none)";
+}
+
+// A call that must fail so, within the answer wait plus half a second.
+template <typename work>
+void expect_failure(work &&body, failure kind, const std::string &part, double answer_wait_s) {
+    std::string text;
+    double took = seconds_of([&] { EXPECT_EQ(failure_of(body, &text), kind) << text; });
+    EXPECT_NE(text.find(part), text.npos) << text;
+    EXPECT_LT(took, answer_wait_s + 0.5) << text;
+}
+
+}  // namespace keyview::test
+
+#endif
