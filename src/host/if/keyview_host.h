@@ -53,6 +53,19 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_trace_level(int32_t level);
 // text changes with the thread's next failure and ends with the thread.
 KEYVIEW_HOST_FUNCTION const char *keyview_host_last_error(void);
 
+// What kind of failure that was; 0 if none failed yet.
+enum {
+    KEYVIEW_FAILURE_USAGE = 1,      // a setting, a URL or an argument cannot be used
+    KEYVIEW_FAILURE_NOT_FOUND = 2,  // the registry, or what was named in it, does not exist
+    KEYVIEW_FAILURE_REGISTRY = 3,   // the registry cannot be reached or failed
+    KEYVIEW_FAILURE_LOCK = 4,       // a lock was refused, lost or not granted in time
+    KEYVIEW_FAILURE_CHANGED = 5,    // the tree changed meanwhile
+    KEYVIEW_FAILURE_DENIED = 6,     // not permitted
+    KEYVIEW_FAILURE_CONTENT = 7,    // the registry's content is invalid
+    KEYVIEW_FAILURE_INTERNAL = 8,   // memory, or a mistake of the kit
+};
+KEYVIEW_HOST_FUNCTION int32_t keyview_host_last_error_kind(void);
+
 #ifdef __cplusplus
 }
 #endif

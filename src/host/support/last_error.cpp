@@ -11,9 +11,24 @@ last_failure &thread_failure() noexcept {
     return latest;
 }
 
+static failure kind_of(int32_t code) {
+    switch (code) {
+        case BAD_ARGUMENT:
+        case NAME_TOO_LONG:
+            return failure::usage;
+        case LOCK_FAILED:
+            return failure::lock;
+        case NO_MEMORY:
+            return failure::internal;
+        default:
+            return failure::registry;
+    }
+}
+
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept {
     last_failure &latest = thread_failure();
     latest.code = code;
+    latest.kind = kind_of(code);
     size_t used = 0;
     for (std::string_view piece : pieces) {
         size_t taken = std::min(piece.size(), sizeof(latest.text) - 1 - used);
@@ -24,7 +39,7 @@ int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexc
     return code;
 }
 
-int32_t code_of(failure kind) noexcept {
+static int32_t code_of(failure kind) {
     switch (kind) {
         case failure::usage:
             return BAD_ARGUMENT;
@@ -33,6 +48,12 @@ int32_t code_of(failure kind) noexcept {
         default:
             return FAILED;
     }
+}
+
+int32_t fail(const host_error &error) noexcept {
+    (void)fail(code_of(error.kind), {error.what()});
+    thread_failure().kind = error.kind;
+    return thread_failure().code;
 }
 
 }  // namespace keyview::host

@@ -25,6 +25,7 @@ enum : int32_t {
 // A text is kept up to the size that callers have room for.
 struct last_failure {
     int32_t code;
+    failure kind;
     char text[1024];
 };
 
@@ -33,7 +34,8 @@ last_failure &thread_failure() noexcept;
 // Keeps the text, composed of its pieces, as the thread's latest failure; returns the code.
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept;
 
-int32_t code_of(failure kind) noexcept;
+// The same for an exception; the code is that of its kind.
+int32_t fail(const host_error &error) noexcept;
 
 // Runs the body of a C operation; an exception becomes the thread's latest failure.
 template <typename work>
@@ -41,7 +43,7 @@ template <typename work>
     try {
         return body();
     } catch (const host_error &error) {
-        return fail(code_of(error.kind), {error.what()});
+        return fail(error);
     } catch (const std::bad_alloc &) {
         return fail(NO_MEMORY, {"out of memory"});
     } catch (const std::exception &error) {
