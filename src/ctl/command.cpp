@@ -34,6 +34,16 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
     return command;
 }
 
+CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
+                            const std::function<exit_code()> &run) {
+    CLI::App *command = add_command(app, shared, name, description, run);
+    command->callback([shared, run] {
+        shared->needs_registry = false;
+        shared->run = run;
+    });
+    return command;
+}
+
 // What is wrong with a name; empty if nothing is.
 static std::string name_fault(const std::string &name) {
     if (name.empty()) return "a name must not be empty";

@@ -16,6 +16,7 @@ namespace keyview::ctl {
 struct tool {
     std::string registry;  // its URL
     output_format format = output_format::table;
+    bool needs_registry = true;
     std::function<exit_code()> run;  // the chosen command; throws tool_error
 };
 
@@ -29,10 +30,15 @@ void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, e
 void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
 void add_tree_commands(CLI::App *app, tool *shared);       // apply, export
 void add_check_command(CLI::App *app, tool *shared);       // check
+void add_help_commands(CLI::App *app, tool *shared);       // errors
 
 // One command: run takes no arguments, what it needs is bound to it.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
                       const std::function<exit_code()> &run);
+
+// The same for a command that asks no registry.
+CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
+                            const std::function<exit_code()> &run);
 
 // The names that a command was given, in the order of its arguments; "" for one that was not.
 using given_names = std::vector<std::string>;

@@ -4,25 +4,41 @@
 #include <cerrno>
 #include <iterator>
 
+#include "host/if/keyview_host.h"
 #include "keyview/if/prsr.h"
 
 namespace keyview::ctl {
 
-// By code, from EXIT_DONE on.
-static constexpr struct {
-    const char *word, *meaning;
-} EXITS[] = {
-    {"done", "done, or the answer is yes"},
-    {"no", "the answer is no"},
-    {"usage", "the command line cannot be used"},
-    {"not_found", "what was named does not exist"},
-    {"registry", "the registry cannot be reached or failed"},
-    {"lock", "a lock was refused, lost or not granted in time"},
-    {"changed", "the tree changed meanwhile"},
-    {"denied", "not permitted"},
-    {"content", "the content of the registry, or a document, is invalid"},
-    {"internal", "no memory, the output failed, or a mistake in keyview"},
+static constexpr const char *TRY_REGISTRY =
+    "check that the registry exists, runs and may be used by this user";
+static constexpr const char *TRY_LATER = "try again when its holder is done";
+static constexpr const char *TRY_MEMORY = "try again with more memory";
+static constexpr const char *REPORT_BUG = "report this: it is a mistake in keyview";
+
+// The first ones by code, from EXIT_DONE on.
+static constexpr exit_row EXITS[] = {
+    {EXIT_DONE, "done", "done, or the answer is yes", "nothing"},
+    {EXIT_NO, "no", "the answer is no: it differs, is disabled or not supported", "nothing"},
+    {EXIT_USAGE, "usage", "the command line cannot be used", "see the command's --help"},
+    {EXIT_NOT_FOUND, "not_found", "what was named does not exist", "check the name"},
+    {EXIT_REGISTRY, "registry", "the registry cannot be reached or failed", TRY_REGISTRY},
+    {EXIT_LOCK, "lock", "a lock was refused, lost or not granted in time", TRY_LATER},
+    {EXIT_CHANGED, "changed", "the tree changed meanwhile", "look again and repeat the command"},
+    {EXIT_DENIED, "denied", "not permitted", "run it as a user who may use the registry"},
+    {EXIT_CONTENT, "content", "the content of the registry, or a document, is invalid",
+     "correct each place that is named; \"keyviewctl lint\" proposes how"},
+    {EXIT_INTERNAL, "internal", "no memory, the output failed, or a mistake in keyview",
+     "make room for the output, or report it"},
+    {130, "interrupted", "in a shell: ended by an interrupt", "nothing"},
+    {143, "terminated", "in a shell: ended by a termination", "nothing"},
 };
+
+const exit_row *begin_exits() {
+    return std::begin(EXITS);
+}
+const exit_row *end_exits() {
+    return std::end(EXITS);
+}
 
 const char *exit_word(exit_code code) {
     return EXITS[code].word;
@@ -30,17 +46,12 @@ const char *exit_word(exit_code code) {
 
 std::string exit_code_help() {
     std::string out = "Exit codes:\n";
-    for (size_t code = 0; code < std::size(EXITS); ++code) {
-        out += "  " + std::to_string(code) + "  " + EXITS[code].meaning + "\n";
+    for (const exit_row &row : EXITS) {
+        std::string code = std::to_string(row.code);
+        out += "  " + code + std::string(5 - code.size(), ' ') + row.meaning + "\n";
     }
-    return out + "  130, 143 in a shell: ended by an interrupt, by a termination\n";
+    return out;
 }
-
-static constexpr const char *TRY_REGISTRY =
-    "check that the registry exists, runs and may be used by this user";
-static constexpr const char *TRY_LATER = "try again when its holder is done";
-static constexpr const char *TRY_MEMORY = "try again with more memory";
-static constexpr const char *REPORT_BUG = "report this: it is a mistake in keyview";
 
 // By code, from PRSR_SUCCESS on.
 static constexpr library_failure LIBRARY_FAILURES[] = {
@@ -82,6 +93,21 @@ static constexpr admin_failure ADMIN_FAILURES[] = {
 
 const admin_failure &admin_failure_of(admin::status code) {
     return ADMIN_FAILURES[static_cast<size_t>(code)];
+}
+
+exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
+    switch (kind) {
+        case KEYVIEW_FAILURE_LOCK:
+            return EXIT_LOCK;
+        case KEYVIEW_FAILURE_CHANGED:
+            return EXIT_CHANGED;
+        case KEYVIEW_FAILURE_DENIED:
+            return EXIT_DENIED;
+        case KEYVIEW_FAILURE_CONTENT:
+            return EXIT_CONTENT;
+        default:
+            return otherwise;
+    }
 }
 
 exit_code exit_of_errno(int error) {

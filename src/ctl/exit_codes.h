@@ -28,6 +28,14 @@ enum exit_code {
 constexpr const char *TRY_LIST =
     "\"keyviewctl list\" shows the databases that are there, and \"keyviewctl show\" all of one";
 
+// What a code means. The one table behind the help, "errors" and the manual.
+struct exit_row {
+    int code;
+    const char *word, *meaning, *todo;
+};
+const exit_row *begin_exits();
+const exit_row *end_exits();
+
 // A word for programs, such as "not_found".
 const char *exit_word(exit_code code);
 
@@ -54,6 +62,9 @@ struct admin_failure {
     const char *todo;
 };
 const admin_failure &admin_failure_of(admin::status code);
+
+// For the host kit's latest failure where the library has one code for all of them.
+exit_code exit_of_host_failure(int32_t kind, exit_code otherwise);
 
 // For a failed system call on a file that was named on the command line.
 exit_code exit_of_errno(int error);

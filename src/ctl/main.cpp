@@ -4,18 +4,21 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
+#include <map>
 #include <sstream>
 
 #include "ctl/command.h"
 #include "ctl/exit_codes.h"
 #include "ctl/output.h"
+#include "ctl/terminal.h"
 #include "host/if/keyview_host.h"
 
 namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
-    add_look_commands,      add_fact_commands, add_enable_commands,
-    add_companion_commands, add_tree_commands, add_check_command,
+    add_look_commands, add_fact_commands, add_enable_commands, add_companion_commands,
+    add_tree_commands, add_check_command, add_help_commands,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
@@ -35,15 +38,32 @@ static void raise_file_limit() {
     (void)setrlimit(RLIMIT_NOFILE, &files);  // the old limit does for all but large documents
 }
 
+static const std::map<std::string, output_format> FORMATS = {
+    {"table", output_format::table}, {"json", output_format::json}, {"jsonl", output_format::jsonl},
+    {"tsv", output_format::tsv},     {"raw", output_format::raw},   {"cmd", output_format::cmd},
+};
+
+static const std::map<std::string, color_mode> COLORS = {
+    {"auto", color_mode::automatic},
+    {"always", color_mode::always},
+    {"never", color_mode::never},
+};
+
 // The format is needed for an error in the command line itself, before that is understood.
 static output_format format_asked_for(int argc, char **argv) {
+    std::string word;
     for (int n = 1; n < argc; ++n) {
-        std::string word = argv[n];
-        std::string next = n + 1 < argc ? argv[n + 1] : "";
-        bool split = (word == "-o" || word == "--output") && next == "json";
-        if (split || word == "-ojson" || word == "--output=json") return output_format::json;
+        std::string here = argv[n], next = n + 1 < argc ? argv[n + 1] : "";
+        if (here == "-o" || here == "--output") {
+            word = next;
+        } else if (here.rfind("--output=", 0) == 0) {
+            word = here.substr(strlen("--output="));
+        } else if (here.rfind("-o", 0) == 0) {
+            word = here.substr(strlen("-o"));
+        }
     }
-    return output_format::table;
+    auto found = FORMATS.find(word);
+    return found == FORMATS.end() ? output_format::table : found->second;
 }
 
 static void add_options(CLI::App *app, tool *shared) {
@@ -55,12 +75,14 @@ static void add_options(CLI::App *app, tool *shared) {
                     "URL of the registry, such as lmdb:/var/lib/keyview")
         ->envname("KEYVIEW_REGISTRY");
     app->add_option_function<std::string>(
-           "-o,--output",
-           [shared](const std::string &word) {
-               shared->format = word == "json" ? output_format::json : output_format::table;
-           },
-           "table, for people, or json")
-        ->check(CLI::IsMember({"table", "json"}));
+           "-o,--output", [shared](const std::string &word) { shared->format = FORMATS.at(word); },
+           "table, for people; json, jsonl (a line an item), tsv, raw (a bare value) or cmd "
+           "(commands that rebuild what is shown)")
+        ->check(CLI::IsMember(FORMATS));
+    app->add_option_function<std::string>(
+           "--color", [](const std::string &word) { choose_color(COLORS.at(word)); },
+           "auto, always or never; auto heeds NO_COLOR and TERM=dumb")
+        ->check(CLI::IsMember(COLORS));
 }
 
 static constexpr const char *TRY_HELP =
@@ -104,7 +126,7 @@ static int run(int argc, char **argv, output_format *format) {
     }
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
-    choose_registry(shared);
+    if (shared.needs_registry) choose_registry(shared);
     return shared.run();
 }
 

@@ -27,12 +27,19 @@ struct tool_error {
 // Writes to stdout; throws if not all of it arrives.
 void write_result(std::string_view bytes);
 
+// A JSON text to stdout; a terminal gets it without harmful characters.
+void write_json(const std::string &text);
+
+// A remark, such as what is being waited for, to stderr.
+void tell(const std::string &text);
+
 // Shows a result: for people its value alone, for programs an object with kind and version and,
 // under value_name, the value.
 void show_result(output_format format, const char *kind, const char *value_name, const view &value);
 
 // Shows the answer to a question: for people the last field alone, records in it as rows of a
 // table, for programs all fields, the names that were given included, beside kind and version.
+// Formats other than table and JSON show the last field, too.
 void show_answer(output_format format, const char *kind, const view_fields &fields);
 
 // Throws the tool_error of a result other than done.

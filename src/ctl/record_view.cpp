@@ -61,7 +61,7 @@ static void add_instances(view_fields *fields, const prsr_srv_cfg &record, outpu
 
 static void add_env(view_fields *fields, char *const *env, uint32_t env_n, output_format format) {
     add(fields, {{"env", strings_view(env, env_n)}});
-    if (format == output_format::json) add(fields, {{"env_n", number_view(env_n)}});
+    if (format != output_format::table) add(fields, {{"env_n", number_view(env_n)}});
 }
 
 static view instance_view(const prsr_inst_cfg *record, output_format format) {
@@ -94,7 +94,7 @@ static view records_view(record *const *records, uint32_t count, output_format f
 }
 
 view view_of(const prsr_cfg &record, output_format format) {
-    bool all = format == output_format::json;
+    bool all = format != output_format::table;
     view_fields fields = {
         {"sp_name", text_view(record.sp_name)},
         {"alias_ip", text_view(record.alias_ip)},
@@ -139,7 +139,7 @@ view view_of(const prsr_nodeapps_cfg &record, output_format format) {
         {"netmask", text_view(record.netmask)},
     };
     add_env(&fields, record.env, record.env_n, format);
-    if (format == output_format::json) {
+    if (format != output_format::table) {
         add(&fields, {{"constant_one", number_view(record.constant_one)}});
     }
     return {std::move(fields)};

@@ -22,7 +22,10 @@ void session::check(int32_t rc, const std::string &what) const {
     const library_failure &failure = library_failure_of(rc);
     std::string why = failure.host_knows ? keyview_host_last_error() : "";
     if (why.empty()) why = failure.why;
-    throw tool_error{failure.code, what, registry_, why, failure.todo};
+    exit_code code = failure.code;
+    if (failure.host_knows) code = exit_of_host_failure(keyview_host_last_error_kind(), code);
+    bool same = code == failure.code;
+    throw tool_error{code, what, registry_, why, same ? failure.todo : begin_exits()[code].todo};
 }
 
 // A path's length is enough but for a value that was written by other means.

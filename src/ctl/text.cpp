@@ -41,30 +41,60 @@ bool valid_utf8(std::string_view text) {
     return true;
 }
 
+// Beside control characters: what turns the direction of writing, separates lines or is not seen.
+static constexpr struct {
+    uint32_t first, last;
+} HARMFUL[] = {{0x7f, 0x9f},     {0x61c, 0x61c},   {0x200b, 0x200b}, {0x200e, 0x200f},
+               {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xe0000, 0xe007f}};
+
 static bool harmful(uint32_t code) {
-    bool control = code < 0x20 || (code >= 0x7f && code < 0xa0);
-    bool turns = code == 0x61c || code == 0x200e || code == 0x200f ||
-                 (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
-    bool separates = code == 0x2028 || code == 0x2029;
-    return control || turns || separates;
+    if (code < 0x20) return true;
+    for (const auto &range : HARMFUL) {
+        if (code >= range.first && code <= range.last) return true;
+    }
+    return false;
+}
+
+static std::string numbered(const char *form, uint32_t number) {
+    char text[16];
+    (void)snprintf(text, sizeof text, form, number);  // it fits
+    return text;
 }
 
 std::string escaped(std::string_view text) {
     std::string out;
     while (!text.empty()) {
         character next = first_character(text);
-        char code[16] = "\\\\";
         if (next.length == 0) {
             next.length = 1;
-            (void)snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned char>(text[0]));
-            out += code;
+            out += numbered("\\x%02x", static_cast<unsigned char>(text[0]));
         } else if (harmful(next.code)) {
-            (void)snprintf(code, sizeof code, next.code < 0x80 ? "\\x%02x" : "\\u%04x", next.code);
-            out += code;
+            out += numbered(next.code < 0x80 ? "\\x%02x" : "\\u%04x", next.code);
+        } else if (next.code == '\\') {
+            out += "\\\\";
         } else {
-            out += next.code == '\\' ? code : std::string(text.substr(0, next.length));
+            out += text.substr(0, next.length);
         }
         text.remove_prefix(next.length);
+    }
+    return out;
+}
+
+std::string json_made_plain(std::string_view json) {
+    std::string out;
+    while (!json.empty()) {
+        character next = first_character(json);
+        if (next.length == 0) next = {1, 0xfffd};
+        bool plain = next.code == '\n' || !harmful(next.code);
+        if (plain) {
+            out += json.substr(0, next.length);
+        } else if (next.code < 0x10000) {
+            out += numbered("\\u%04x", next.code);
+        } else {
+            out += numbered("\\u%04x", 0xd800 + ((next.code - 0x10000) >> 10));
+            out += numbered("\\u%04x", 0xdc00 + ((next.code - 0x10000) & 0x3ff));
+        }
+        json.remove_prefix(next.length);
     }
     return out;
 }
@@ -84,6 +114,45 @@ std::string base64(std::string_view bytes) {
         }
     }
     return out;
+}
+
+static int base64_digit(char c) {
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    return c == '+' ? 62 : c == '/' ? 63 : -1;
+}
+
+bool from_base64(std::string_view text, std::string *bytes) {
+    bytes->clear();
+    if (text.size() % 4 != 0) return false;
+    size_t padding = 0;
+    while (padding < 2 && !text.empty() && text.back() == '=') {
+        text.remove_suffix(1);
+        ++padding;
+    }
+    uint32_t group = 0;
+    int bits = 0;
+    for (char c : text) {
+        int digit = base64_digit(c);
+        if (digit < 0) return false;
+        group = (group << 6 | static_cast<uint32_t>(digit)) & 0xffffff;
+        bits += 6;
+        if (bits < 8) continue;
+        bits -= 8;
+        *bytes += static_cast<char>(group >> bits & 0xff);
+    }
+    return true;
+}
+
+std::string shell_word(std::string_view text) {
+    constexpr std::string_view PLAIN =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:=@%+,";
+    if (!text.empty() && text.find_first_not_of(PLAIN) == text.npos) return std::string(text);
+    std::string out = "'";
+    for (char c : text)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
 }
 
 }  // namespace keyview::ctl

@@ -1,5 +1,5 @@
 // A result as a command hands it to the output: fields by name, lists, texts, numbers. Built once,
-// shown as a tree for people or as JSON for programs.
+// shown by one of several writers.
 #ifndef KEYVIEW_CTL_VIEW_H
 #define KEYVIEW_CTL_VIEW_H
 
@@ -11,12 +11,17 @@
 
 namespace keyview::ctl {
 
-enum class output_format { table, json };
+// table is for people, the others are for programs; cmd are commands that rebuild what is shown.
+enum class output_format { table, json, jsonl, tsv, raw, cmd };
+
+// How a word is coloured, where colour is wanted. The word says the same.
+enum class tone { plain, good, bad };
 
 // A number that has a word for people.
 struct coded {
     int64_t code;
     std::string word;
+    tone colour = tone::plain;
 };
 
 struct view;
@@ -48,7 +53,7 @@ inline view flag_view(int64_t flag) {
 }
 
 inline view enabled_view(int64_t flag) {
-    return {coded{flag, flag == 0 ? "disabled" : "enabled"}};
+    return {coded{flag, flag == 0 ? "disabled" : "enabled", flag == 0 ? tone::bad : tone::good}};
 }
 
 }  // namespace keyview::ctl

@@ -1,0 +1,32 @@
+// What is known about the terminal behind a stream: whether there is one, how wide it is, and
+// whether colour is wanted on it.
+#ifndef KEYVIEW_CTL_TERMINAL_H
+#define KEYVIEW_CTL_TERMINAL_H
+
+#include <cstddef>
+#include <string>
+
+#include "ctl/view.h"
+
+namespace keyview::ctl {
+
+enum class color_mode { automatic, always, never };
+
+// The choice of --color. Automatic: on a terminal, unless NO_COLOR is set or TERM is "dumb".
+void choose_color(color_mode mode);
+bool color_wanted(int fd);
+
+bool is_terminal(int fd);
+
+// In columns; 0 for a stream that is no terminal.
+size_t width_of(int fd);
+
+// The escape sequence of a tone, "" for a plain one; the name by which libsmartcols has it.
+const char *sequence_of(tone colour);
+
+// A text in its colour, if that is wanted on the stream.
+std::string painted(int fd, tone colour, const std::string &text);
+
+}  // namespace keyview::ctl
+
+#endif
