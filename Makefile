@@ -2,6 +2,7 @@
 # packaging/debian-packages is installed first.
 #
 #   make demo      builds, fills a registry from examples/ and shows a whole database configuration
+#   make demo-cluster   the same in a cluster of three members on this machine, one of which dies
 #   make cluster   builds with the module for registries in an etcd cluster
 #   make test      builds and runs the whole test suite
 #   make check     the gate: gate-static, test and gate-tests
@@ -13,7 +14,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: all demo cluster test check gate-static gate-tests bench install format clean
+.PHONY: all demo demo-cluster cluster test check gate-static gate-tests bench install format clean
 
 all:
 	@packaging/install-packages build
@@ -27,6 +28,10 @@ cluster:
 
 demo: all
 	@examples/demo $(BUILD)/release
+
+demo-cluster: cluster
+	@packaging/install-packages members
+	@examples/demo-cluster $(BUILD)/release
 
 test:
 	@packaging/install-packages build cluster members test

@@ -30,6 +30,7 @@ void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, e
 void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
 void add_tree_commands(CLI::App *app, tool *shared);       // apply, export
 void add_check_command(CLI::App *app, tool *shared);       // check
+void add_care_commands(CLI::App *app, tool *shared);       // doctor, recover
 void add_help_commands(CLI::App *app, tool *shared);       // errors
 
 // One command: run takes no arguments, what it needs is bound to it.

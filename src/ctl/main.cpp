@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -18,7 +19,7 @@ namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
     add_look_commands, add_fact_commands, add_enable_commands, add_companion_commands,
-    add_tree_commands, add_check_command, add_help_commands,
+    add_tree_commands, add_check_command, add_care_commands,   add_help_commands,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
@@ -136,7 +137,8 @@ int main(int argc, char **argv) {
     using namespace keyview::ctl;
     occupy_standard_descriptors();
     raise_file_limit();
-    (void)signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
+    (void)setenv("GRPC_VERBOSITY", "NONE", 0);  // errors are told by the tool, and once
+    (void)signal(SIGPIPE, SIG_IGN);             // a closed pipe is seen where it is written to
     output_format format = format_asked_for(argc, argv);
     try {
         return run(argc, argv, &format);

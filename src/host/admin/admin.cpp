@@ -14,6 +14,7 @@
 #include "host/admin/tree_check.h"
 #include "host/if/keyview_admin.h"
 #include "host/registry/backend.h"
+#include "host/registry/diagnosis.h"
 #include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
@@ -258,6 +259,25 @@ check_report check_registry() noexcept {
             if (error.kind != failure::not_found) throw;
             throw host_error(failure::registry, error.what());
         }
+    });
+}
+
+doctor_report examine_registry() noexcept {
+    return guarded<doctor_report>([](doctor_report *out) {
+        host::diagnose_backend(host::registry_url(), [&](const host::diagnosis &found) {
+            auto health = found.state == host::health::good       ? finding::state::good
+                          : found.state == host::health::doubtful ? finding::state::doubtful
+                                                                  : finding::state::bad;
+            out->findings.push_back({found.subject, health, found.text});
+        });
+    });
+}
+
+result recover_registry(recovery how) noexcept {
+    return guarded<result>([how](result *) {
+        auto end = how == recovery::resume ? host::finish::resume : host::finish::undo;
+        if (open_present().keys->finish_apply(end)) return;
+        throw host_error(failure::not_found, "no change set stopped half-way");
     });
 }
 

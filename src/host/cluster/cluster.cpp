@@ -49,6 +49,6 @@ static backend open(const std::string &url, open_mode mode) {
     return {keys, std::make_shared<etcd_locks>(keys)};
 }
 
-const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster};
+const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster, diagnose_cluster};
 
 }  // namespace keyview::host

@@ -14,6 +14,9 @@ extern "C" __attribute__((visibility("default"))) const backend_kind KEYVIEW_BAC
 // See check_backend; nobody waits meanwhile.
 check_counts check_cluster(const std::string &url, const damage_sink &damage, const row_sink &sink);
 
+// See diagnose_backend.
+void diagnose_cluster(const std::string &url, const diagnosis_sink &sink);
+
 }  // namespace keyview::host
 
 #endif

@@ -381,8 +381,7 @@ wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
     ++round_trips_;
     grpc::Status status = members_[at]->operation.Status(&context, {}, &response);
     if (!status.ok()) {
-        throw etcd_error(failure::registry, etcd_reason::none,
-                         members_[at]->name + ": " + cause_of(status));
+        throw etcd_error(failure::registry, etcd_reason::none, cause_of(status));
     }
     return response;
 }

@@ -69,6 +69,6 @@ static check_counts check(const std::string &url, const damage_sink &damage, con
     return check_data_file(place->open_data().get(), damage, sink);
 }
 
-const backend_kind EMBEDDED_KIND = {check_url, open, check};
+const backend_kind EMBEDDED_KIND = {check_url, open, check, diagnose_embedded};
 
 }  // namespace keyview::host

@@ -8,6 +8,9 @@ namespace keyview::host {
 
 extern const backend_kind EMBEDDED_KIND;  // of the URLs lmdb:<directory>
 
+// See diagnose_backend.
+void diagnose_embedded(const std::string &url, const diagnosis_sink &sink);
+
 }  // namespace keyview::host
 
 #endif

@@ -55,6 +55,21 @@ struct check_report : result {
     uint64_t pages = 0;  // of the registry's file
 };
 
+// One thing that a look at the registry and its surroundings found.
+struct finding {
+    enum class state { good, doubtful, bad };
+    std::string subject;  // such as "member 10.0.0.1:2379"
+    state health = state::good;
+    std::string text;
+};
+
+struct doctor_report : result {
+    std::vector<finding> findings;
+};
+
+// What to do with a change set that stopped half-way.
+enum class recovery { resume, undo };
+
 // Puts a cluster document into the registry: creates and changes keys, removes none. A registry
 // that does not exist yet is created.
 //
@@ -83,6 +98,14 @@ KEYVIEW_ADMIN_API export_result export_document() noexcept;
 // status::content if there is any: problems names the first places, which are key paths or places
 // in the registry's file.
 KEYVIEW_ADMIN_API check_report check_registry() noexcept;
+
+// Looks at how the registry is configured and reached, at each member of a cluster, and takes a
+// lock. status::done whatever it found; findings tell.
+KEYVIEW_ADMIN_API doctor_report examine_registry() noexcept;
+
+// Finishes, or takes back, a large change set whose program ended while a cluster carried it out.
+// status::not_found if there is none.
+KEYVIEW_ADMIN_API result recover_registry(recovery how) noexcept;
 
 // Tells why the databases cannot be enumerated, if they cannot: prsr_list_db then lists none.
 KEYVIEW_ADMIN_API result check_listing() noexcept;

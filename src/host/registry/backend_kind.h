@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/registry/backend.h"
+#include "host/registry/diagnosis.h"
 
 namespace keyview::host {
 
@@ -14,6 +15,7 @@ struct backend_kind {
     void (*check_url)(const std::string &url);  // throws failure::usage
     backend (*open)(const std::string &url, open_mode mode);
     check_counts (*check)(const std::string &url, const damage_sink &damage, const row_sink &sink);
+    void (*diagnose)(const std::string &url, const diagnosis_sink &sink);
 };
 
 // The kind of a URL. Throws failure::usage if there is none, failure::registry if its module cannot

@@ -1,0 +1,44 @@
+// What a look at a registry and its surroundings found, for who has to mend it.
+#ifndef KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
+#define KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "host/registry/backend.h"
+
+namespace keyview::host {
+
+enum class health { good, doubtful, bad };
+
+struct diagnosis {
+    std::string subject;  // "member 10.0.0.1:2379"
+    health state;
+    std::string text;
+};
+
+using diagnosis_sink = std::function<void(const diagnosis &found)>;
+
+// Takes and gives back a lock that nobody else uses, and tells how long that took.
+KEYVIEW_HOST_API void diagnose_locks(lock_service *locks, const diagnosis_sink &sink);
+
+// Runs a part of the look; what it throws is its finding.
+template <typename look>
+void diagnose(const std::string &subject, const diagnosis_sink &sink, look &&run) {
+    try {
+        run();
+    } catch (const host_error &error) {
+        sink({subject, health::bad, error.what()});
+    }
+}
+
+// "1.3 ms".
+KEYVIEW_HOST_API std::string shown_ms(std::chrono::steady_clock::duration time);
+
+// Looks at the registry of a URL, also at one that cannot be used.
+void diagnose_backend(const std::string &url, const diagnosis_sink &sink);
+
+}  // namespace keyview::host
+
+#endif
