@@ -6,6 +6,8 @@
 //
 //     KEYVIEW_REGISTRY     the registry's URL; there is no default
 //                              lmdb:<directory>    on this machine
+//                              etcd://host:port,host:port/prefix, or etcds:// with TLS
+//                                                  in a cluster (docs/keyview-cluster.md)
 //     KEYVIEW_LOCK_WAIT    seconds to wait for a lock, 0 to 86400; 60 by default
 //     KEYVIEW_TRACE        where trace lines go:
 //                              none                nowhere; the default

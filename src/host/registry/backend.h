@@ -1,8 +1,9 @@
 // A registry as the rest of the host kit sees it: its keys and its named locks, chosen by a URL.
 //
-//     lmdb:<directory>    this machine
+//     lmdb:<directory>                      this machine
+//     etcd://host:port,host:port/prefix     a cluster; etcds:// with TLS
 //
-// A further kind of registry is a further branch in backend.cpp and nothing else.
+// A further kind of registry is a further row in backend_kind.cpp and nothing else.
 #ifndef KEYVIEW_HOST_REGISTRY_BACKEND_H
 #define KEYVIEW_HOST_REGISTRY_BACKEND_H
 
