@@ -177,12 +177,11 @@ connection::connection(const cluster_settings &settings)
         members_.push_back(std::make_unique<member>(name, credentials));
 }
 
-// What a child inherits is kept reachable and never touched.
+// What a child inherits is its parent's, and never touched.
 connection::~connection() {
     if (generation_ == fork_generation()) return;
-    static auto &of_ancestors = *new std::vector<std::unique_ptr<member>>;
     for (std::unique_ptr<member> &one : members_)
-        of_ancestors.push_back(std::move(one));
+        (void)one.release();
 }
 
 void connection::require_own_process() const {

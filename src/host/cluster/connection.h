@@ -72,7 +72,7 @@ class connection {
                 const std::function<bool(const wire::WatchResponse &)> &sink);
 
     // One try at one member.
-    wire::StatusResponse status_of(size_t member, steady::time_point end);
+    wire::StatusResponse status_of(size_t at, steady::time_point end);
 
     const cluster_settings &settings() const { return settings_; }
     steady::time_point answer_end() const { return steady::now() + settings_.answer_wait; }
