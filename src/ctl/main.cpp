@@ -102,6 +102,11 @@ static int end_parse(const CLI::App &app, const CLI::ParseError &error, output_f
     return EXIT_USAGE;
 }
 
+// Without what a person may have put into it by mistake.
+static std::string shown_url(const std::string &url) {
+    return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
+}
+
 static void choose_registry(const tool &shared) {
     const char *todo =
         "use --registry or KEYVIEW_REGISTRY with a URL such as lmdb:/var/lib/keyview";
@@ -109,7 +114,7 @@ static void choose_registry(const tool &shared) {
         throw tool_error{EXIT_USAGE, "no registry is chosen", "", "", todo};
     }
     if (keyview_host_set_registry(shared.registry.c_str()) != 0) {
-        throw tool_error{EXIT_USAGE, "the registry cannot be used", shared.registry,
+        throw tool_error{EXIT_USAGE, "the registry cannot be used", shown_url(shared.registry),
                          keyview_host_last_error(), todo};
     }
 }

@@ -84,7 +84,7 @@ cluster_settings settings_of(const std::string &url) {
     }
     uint32_t answer_wait_s =
         environment_number("KEYVIEW_ANSWER_WAIT", USUAL_ANSWER_WAIT_S, LONGEST_ANSWER_WAIT_S);
-    made.answer_wait = std::chrono::seconds(answer_wait_s);
+    made.answer_wait = std::chrono::seconds(std::max(answer_wait_s, 1U));
     uint32_t lease_s = environment_number("KEYVIEW_LEASE_TTL", USUAL_LEASE_S, LONGEST_LEASE_S);
     made.lease_ttl = std::chrono::seconds(std::max(lease_s, SHORTEST_LEASE_S));
     return made;

@@ -23,7 +23,7 @@ static constexpr milliseconds LONGEST_TRY{5000};
 static constexpr int TRY_PART = 4;  // of the time spent
 
 static constexpr milliseconds PAUSE{50};       // when all members failed once
-static constexpr milliseconds LAST_LOOK{250};  // at the members, when the time is over
+static constexpr milliseconds LAST_LOOK{200};  // at the members, when the time is over
 
 static constexpr int RECONNECT_MS = 100;
 static constexpr int LONGEST_RECONNECT_MS = 1000;
@@ -296,8 +296,9 @@ bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
         if (text.find("andshake") == text.npos && text.find("ertificate") == text.npos)
             return false;
     }
+    auto patience = LAST_LOOK / static_cast<int>(members_.size());
     for (size_t at = 0; at < members_.size(); ++at) {
-        tls_facts seen = look_at_tls(settings_, members_[at]->name, LAST_LOOK);
+        tls_facts seen = look_at_tls(settings_, members_[at]->name, patience);
         if (seen.fault.empty()) return false;
         (*failures)[at] = seen.fault;
     }
@@ -395,14 +396,16 @@ using keep_alive_reactor =
 // One question and one answer on a stream of its own. Deletes itself when the stream has ended.
 class keep_alive_call final : public keep_alive_reactor {
   public:
-    keep_alive_call(int64_t lease, std::function<void(int64_t)> told) : told_(std::move(told)) {
+    keep_alive_call(std::shared_ptr<grpc::Channel> channel, int64_t lease,
+                    std::function<void(int64_t)> told)
+        : channel_(std::move(channel)), told_(std::move(told)) {
         request_.set_id(lease);
     }
 
-    void start(wire::Lease::Stub *leases, const std::string &token, steady::time_point end) {
+    void start(const std::string &token, steady::time_point end) {
         set_deadline(&context_, end);
         if (!token.empty()) context_.AddMetadata("token", token);
-        leases->async()->LeaseKeepAlive(&context_, this);
+        leases_.async()->LeaseKeepAlive(&context_, this);
         StartRead(&response_);
         StartWrite(&request_);
         StartCall();
@@ -419,6 +422,8 @@ class keep_alive_call final : public keep_alive_reactor {
     }
 
   private:
+    std::shared_ptr<grpc::Channel> channel_;  // the connection may end before the call
+    wire::Lease::Stub leases_{channel_};
     grpc::ClientContext context_;
     wire::LeaseKeepAliveRequest request_;
     wire::LeaseKeepAliveResponse response_;
@@ -430,8 +435,8 @@ class keep_alive_call final : public keep_alive_reactor {
 void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
     require_own_process();
     size_t at = current_.load();
-    auto *call = new keep_alive_call(lease, told);
-    call->start(&members_[at]->leases, token(), steady::now() + settings_.lease_ttl / 3);
+    auto *call = new keep_alive_call(members_[at]->channel, lease, told);
+    call->start(token(), steady::now() + settings_.lease_ttl / 3);
 }
 
 // ---- Watches ------------------------------------------------------------------------------------
