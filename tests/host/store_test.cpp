@@ -65,7 +65,8 @@ TEST_P(Store, SetsOnlyWhatExistsAndOnlyUnderALockThatIsHeld) {
     EXPECT_EQ(value("a.b"), "old");
 
     auto held = fresh->opened.locks->acquire("LKRT.a", lock_mode::exclusive, 1000);
-    for (const std::string &odd : {std::string("\0v\xff\n", 4), std::string()}) {
+    for (const std::string &odd :
+         {std::string("\0v\xff\n", 4), std::string(), std::string(MAX_VALUE_SIZE, 'v')}) {
         EXPECT_TRUE(keys->set("a.b", odd, held.get()));
         EXPECT_EQ(value("a.b"), odd);
     }

@@ -115,7 +115,9 @@ class set_request {
     set_request(const layout &keys, std::string_view path, std::string_view value)
         : key_(keys.key(path)), value_(value) {
         add_compare(key_, wire::Compare::CREATE, wire::Compare::GREATER)->set_create_revision(0);
-        add_compare(key_, wire::Compare::VALUE, wire::Compare::NOT_EQUAL)->set_value(value_);
+        if (value_.size() <= MOST_COMPARED) {
+            add_compare(key_, wire::Compare::VALUE, wire::Compare::NOT_EQUAL)->set_value(value_);
+        }
         add_compare(keys.marker(), wire::Compare::CREATE, wire::Compare::EQUAL)
             ->set_create_revision(0);
         wire::PutRequest *put = request_.add_success()->mutable_request_put();
@@ -176,6 +178,9 @@ class set_request {
     const std::string &marker() const { return marker_; }
 
   private:
+    // A request has room for a large value once only; such a one is written in any case.
+    static constexpr size_t MOST_COMPARED = size_t{64} << 10;
+
     wire::Compare *add_compare(const std::string &key, wire::Compare::CompareTarget target,
                                wire::Compare::CompareResult result) {
         wire::Compare *compare = request_.add_compare();
