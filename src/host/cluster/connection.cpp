@@ -329,6 +329,7 @@ std::string connection::why_no_answer(const std::vector<std::string> &failures) 
 
 // ---- Calls --------------------------------------------------------------------------------------
 
+// An answer for each operation, so that callers may go by their order.
 wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
                                   bool *repeated) {
     wire::TxnResponse response;
@@ -336,6 +337,11 @@ wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_
         return one->keys.Txn(context, request, &response);
     };
     try_members(end, run, repeated);
+    int asked = response.succeeded() ? request.success_size() : request.failure_size();
+    if (response.responses_size() != asked) {
+        throw etcd_error(failure::registry, etcd_reason::none,
+                         "the cluster answers less than it was asked for");
+    }
     return response;
 }
 

@@ -93,7 +93,10 @@ class request_for_lock {
         bool repeated = false;
         wire::TxnResponse response = cluster_->txn(request, end, &repeated);
         if (repeated) cluster_->close(place_->lease());
-        place_->note(response.responses(1).response_range().kvs(0));
+        const wire::RangeResponse &own = response.responses(1).response_range();
+        if (own.kvs_size() != 1)
+            throw host_error(failure::registry, "the cluster lost a lock at once");
+        place_->note(own.kvs(0));
         if (response.succeeded()) {
             whole_ = reads_ && part_.take(&response, 2) && part_.marker().empty();
             return true;
