@@ -8,7 +8,7 @@
 
 namespace keyview::ctl {
 
-static view state_view(admin::finding::state health) {
+static view state_view(admin::symptom::state health) {
     static constexpr const char *WORDS[] = {"good", "doubtful", "bad"};
     return text_view(WORDS[static_cast<size_t>(health)]);
 }
@@ -18,8 +18,8 @@ static exit_code run_doctor(const tool &shared) {
     check_result(report, "the registry cannot be examined", shared.registry);
     view_list findings;
     bool bad = false;
-    for (const admin::finding &found : report.findings) {
-        bad = bad || found.health == admin::finding::state::bad;
+    for (const admin::symptom &found : report.symptoms) {
+        bad = bad || found.health == admin::symptom::state::bad;
         findings.push_back({view_fields{{"subject", {found.subject}},
                                         {"state", state_view(found.health)},
                                         {"text", {found.text}}}});

@@ -265,10 +265,10 @@ check_report check_registry() noexcept {
 doctor_report examine_registry() noexcept {
     return guarded<doctor_report>([](doctor_report *out) {
         host::diagnose_backend(host::registry_url(), [&](const host::diagnosis &found) {
-            auto health = found.state == host::health::good       ? finding::state::good
-                          : found.state == host::health::doubtful ? finding::state::doubtful
-                                                                  : finding::state::bad;
-            out->findings.push_back({found.subject, health, found.text});
+            auto health = found.state == host::health::good       ? symptom::state::good
+                          : found.state == host::health::doubtful ? symptom::state::doubtful
+                                                                  : symptom::state::bad;
+            out->symptoms.push_back({found.subject, health, found.text});
         });
     });
 }

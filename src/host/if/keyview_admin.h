@@ -56,7 +56,7 @@ struct check_report : result {
 };
 
 // One thing that a look at the registry and its surroundings found.
-struct finding {
+struct symptom {
     enum class state { good, doubtful, bad };
     std::string subject;  // such as "member 10.0.0.1:2379"
     state health = state::good;
@@ -64,7 +64,7 @@ struct finding {
 };
 
 struct doctor_report : result {
-    std::vector<finding> findings;
+    std::vector<symptom> symptoms;
 };
 
 // What to do with a change set that stopped half-way.
