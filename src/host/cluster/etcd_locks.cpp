@@ -98,6 +98,7 @@ class request_for_lock {
             throw host_error(failure::registry, "the cluster lost a lock at once");
         place_->note(own.kvs(0));
         if (response.succeeded()) {
+            place_->granted = response.header().revision();
             whole_ = reads_ && part_.take(&response, 2) && part_.marker().empty();
             return true;
         }
@@ -154,6 +155,7 @@ class request_for_lock {
         }
         wire::TxnResponse response = cluster_->txn(request, end);
         if (response.succeeded() && grants) {
+            place_->granted = response.header().revision();
             whole_ = reads_ && part_.take(&response, 0) && part_.marker().empty();
             return true;
         }

@@ -48,6 +48,8 @@ class queue_place {
     }
     void note_changed(int64_t revision) { changed_ = revision; }
 
+    int64_t granted = 0;  // the revision at which the lock was granted; 0 before
+
     // The cluster does not answer: the end should not wait for it once more.
     void note_silence() { known_ = false; }
 
