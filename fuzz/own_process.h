@@ -1,0 +1,110 @@
+// Another process of the same program, which reports in lines that outlive it. It is made by exec,
+// for a process that was only forked could not use the connections to a cluster.
+#ifndef KEYVIEW_FUZZ_OWN_PROCESS_H
+#define KEYVIEW_FUZZ_OWN_PROCESS_H
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace keyview::test {
+
+// What the process itself writes. A line ends with '\n' and has none inside.
+class report_file {
+  public:
+    explicit report_file(const std::string &path)
+        : fd_(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600)) {}
+    report_file(const report_file &) = delete;
+    report_file &operator=(const report_file &) = delete;
+    ~report_file() { close(fd_); }
+
+    void line(const std::string &text) const {
+        std::string whole = text + '\n';
+        auto size = static_cast<ssize_t>(whole.size());
+        if (write(fd_, whole.data(), whole.size()) != size) {
+            throw std::runtime_error("a report cannot be written");
+        }
+    }
+
+  private:
+    int fd_;
+};
+
+// For the process that was made.
+inline void die_with_parent() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == 1) _exit(1);
+}
+
+class own_process {
+  public:
+    // The arguments of its main; report is the path of a file that is not there yet. It dies with
+    // the thread that made it.
+    own_process(std::vector<std::string> arguments, const std::string &report)
+        : report_(open(report.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
+        std::string self = "/proc/self/exe";
+        std::vector<char *> words = {self.data()};
+        for (std::string &one : arguments)
+            words.push_back(one.data());
+        words.push_back(nullptr);
+        int failed = posix_spawn(&pid_, self.c_str(), nullptr, nullptr, words.data(), environ);
+        if (failed != 0) throw std::runtime_error("a process cannot be made");
+    }
+    own_process(const own_process &) = delete;
+    own_process &operator=(const own_process &) = delete;
+    ~own_process() {
+        kill_it();
+        close(report_);
+    }
+
+    void send(int signal_number) const {
+        if (pid_ > 0) kill(pid_, signal_number);
+    }
+
+    void kill_it() {
+        send(SIGKILL);
+        (void)status();
+    }
+
+    // Waits for its end: the exit status, or -1 if a signal ended it.
+    int status() {
+        int result = 0;
+        if (pid_ > 0 && waitpid(std::exchange(pid_, -1), &result, 0) > 0 && WIFEXITED(result)) {
+            ended_with_ = WEXITSTATUS(result);
+        }
+        return ended_with_;
+    }
+
+    // Lines that it has written since the last call.
+    std::vector<std::string> news() {
+        char some[65536];
+        for (ssize_t got = 1; got > 0;) {
+            got = read(report_, some, sizeof(some));
+            if (got > 0) begun_.append(some, static_cast<size_t>(got));
+        }
+        std::vector<std::string> lines;
+        size_t at = 0;
+        for (size_t end; (end = begun_.find('\n', at)) != begun_.npos; at = end + 1)
+            lines.push_back(begun_.substr(at, end - at));
+        begun_.erase(0, at);
+        return lines;
+    }
+
+  private:
+    int report_;
+    pid_t pid_ = -1;
+    int ended_with_ = -1;
+    std::string begun_;  // a line that has not ended
+};
+
+}  // namespace keyview::test
+
+#endif
