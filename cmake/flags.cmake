@@ -12,3 +12,9 @@ if(KEYVIEW_SANITIZE)
     add_link_options(-fsanitize=${KEYVIEW_SANITIZE})
     add_compile_definitions(KEYVIEW_SANITIZED)
 endif()
+
+# For tests, which are compiled more often than run.
+macro(compile_quickly)
+    add_compile_options(
+        $<$<CONFIG:Release,RelWithDebInfo>:-O1> $<$<CONFIG:Release,RelWithDebInfo>:-g1>)
+endmacro()
