@@ -1,15 +1,14 @@
 // The entry points: a document into the registry, and out of it.
-#include <algorithm>
-#include <chrono>
-#include <memory>
-#include <new>
-#include <set>
-#include <vector>
+#include <string>
+#include <utility>
 
+#include "host/admin/changes.h"
 #include "host/admin/document_reader.h"
 #include "host/admin/document_writer.h"
 #include "host/admin/encoding.h"
+#include "host/admin/entry.h"
 #include "host/admin/fields.h"
+#include "host/admin/key_map.h"
 #include "host/admin/key_tree.h"
 #include "host/admin/tree_check.h"
 #include "host/if/keyview_admin.h"
@@ -24,82 +23,17 @@ namespace keyview::admin {
 using host::failure;
 using host::host_error;
 
-static status status_of(failure kind) {
-    switch (kind) {
-        case failure::usage:
-            return status::usage;
-        case failure::not_found:
-            return status::not_found;
-        case failure::registry:
-            return status::registry;
-        case failure::lock:
-            return status::lock;
-        case failure::changed:
-            return status::changed;
-        case failure::denied:
-            return status::denied;
-        case failure::content:
-            return status::content;
-        case failure::internal:
-            break;
-    }
-    return status::internal;
-}
-
-// Runs one entry point; what it throws becomes its result.
-template <typename outcome, typename work>
-static outcome guarded(work &&run) noexcept {
-    outcome out;
-    try {
-        run(&out);
-    } catch (const host_error &error) {
-        out = outcome();
-        out.code = status_of(error.kind);
-        out.text = error.what();
-    } catch (const std::bad_alloc &) {
-        out = outcome();
-        out.code = status::internal;
-        out.text = "out of memory";
-    } catch (const std::exception &error) {
-        out = outcome();
-        out.code = status::internal;
-        out.text = error.what();
-    }
-    return out;
-}
-
 // ---- Into the registry --------------------------------------------------------------------------
 
 static constexpr const char *INVALID_DOCUMENT = "the document is invalid; nothing was written";
 
-using held_locks = std::vector<std::shared_ptr<host::held_lock>>;
-
-// The names are sorted, so that two programs that lock several never wait for each other in a ring.
-static held_locks lock_all(host::lock_service *locks, const std::set<std::string> &names) {
-    using std::chrono::milliseconds;
-    using std::chrono::steady_clock;
-    auto deadline = steady_clock::now() + milliseconds(host::lock_wait_ms());
-    held_locks held;
-    for (const std::string &name : names) {
-        auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-        auto wait_ms = static_cast<uint32_t>(std::max<int64_t>(left.count(), 0));
-        held.push_back(locks->acquire(name, host::lock_mode::exclusive, wait_ms));
-    }
-    return held;
-}
-
-static host::apply_terms terms_of(const held_locks &held) {
-    host::apply_terms terms;
-    for (const auto &lock : held)
-        terms.fences.push_back(lock.get());
-    return terms;
-}
-
-// What only the registry can tell about the document; keys may be null, for an empty registry.
-static void check_against(host::moment *keys, const document_plan &plan, problem_list *problems) {
+// What only the registry can tell about the document; keys may be null, for an empty registry. What
+// is pruned cannot be counted on.
+static void check_against(host::moment *keys, const document_plan &plan, bool prune,
+                          problem_list *problems) {
     std::string value;
     for (const question &asked : plan.instances) {
-        if (keys != nullptr && keys->read(asked.path, &value)) continue;
+        if (keys != nullptr && !prune && keys->read(asked.path, &value)) continue;
         problems->add(asked.place,
                       "names an instance that neither the document nor the registry has");
     }
@@ -115,38 +49,17 @@ static void check_against(host::moment *keys, const document_plan &plan, problem
     }
 }
 
-// Null if there is none yet: then nothing is created before the document has passed all checks.
-static host::backend open_existing() {
-    try {
-        return host::open_backend(host::registry_url(), host::open_mode::existing);
-    } catch (const host_error &error) {
-        if (error.kind != failure::not_found) throw;
-        return {};
-    }
-}
-
-static void apply_plan(const document_plan &plan, apply_result *out) {
-    host::backend registry = open_existing();
-    problem_list problems;
-    if (!registry.keys) {
-        check_against(nullptr, plan, &problems);
-        if (!problems.empty()) return problems.report(INVALID_DOCUMENT, out);
-        registry = host::open_backend(host::registry_url(), host::open_mode::create);
-    }
-    held_locks held = lock_all(registry.locks.get(), plan.locks);
-    check_against(registry.keys->now().get(), plan, &problems);
-    if (!problems.empty()) return problems.report(INVALID_DOCUMENT, out);
-    host::change_counts counts = registry.keys->apply(plan.changes, terms_of(held));
-    out->created = counts.created;
-    out->replaced = counts.replaced;
-}
-
-apply_result apply_document(std::string_view document) noexcept {
-    return guarded<apply_result>([&](apply_result *out) {
+change_result apply_document(std::string_view document, const change_options &options) noexcept {
+    return guarded<change_result>([&](change_result *out) {
         problem_list problems;
         document_plan plan = read_document(document, &problems);
         if (!problems.empty()) return problems.report(INVALID_DOCUMENT, out);
-        apply_plan(plan, out);
+        wish wanted = {std::move(plan.changes), std::move(plan.locks)};
+        wanted.refusal = INVALID_DOCUMENT;
+        wanted.check = [&](host::moment *keys, problem_list *found) {
+            check_against(keys, plan, options.prune, found);
+        };
+        change_registry(host::registry_url(), wanted, options, out);
     });
 }
 
@@ -159,18 +72,6 @@ result check_document(std::string_view document) noexcept {
 }
 
 // ---- Out of the registry ------------------------------------------------------------------------
-
-static host::backend open_present() {
-    host::backend registry = open_existing();
-    if (registry.keys) return registry;
-    throw host_error(failure::registry, "there is no registry at " + host::registry_url());
-}
-
-static bool below_a_root(std::string_view path) {
-    return std::any_of(SECTIONS.begin(), SECTIONS.end(), [&](const list_row &section) {
-        return host::path_within(path, section.key);
-    });
-}
 
 // All roots in one read, so that they show one moment.
 static key_node read_tree(host::store *keys) {

@@ -32,6 +32,7 @@ class registry_directory : public std::enable_shared_from_this<registry_director
     const std::string &path() const { return path_; }  // absolute
     int fd() const { return fd_.get(); }               // good in a forked child, too
     file_id data_id() const { return ids_[0]; }
+    file_id lock_id() const { return ids_[2]; }
 
     // Throws failure::registry if a file is no longer the one that was there at first, or empty:
     // then others see another registry, or the same one without our locks.

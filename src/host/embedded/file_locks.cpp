@@ -5,9 +5,15 @@
 #include "host/embedded/file_locks.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -169,6 +175,81 @@ class file_lock final : public held_lock {
     bool has_turn_ = false;
     bool has_gate_ = false;
 };
+
+// ---- Who uses them ------------------------------------------------------------------------------
+
+namespace {
+
+// Where the ranges of a process lie, as the kernel tells it in /proc. One that belongs to another
+// user is not told.
+struct used_byte {
+    off_t at;
+    bool shared;
+};
+
+}  // namespace
+
+// "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
+static std::vector<used_byte> used_bytes(const std::filesystem::path &descriptor) {
+    std::vector<used_byte> out;
+    std::ifstream text(descriptor);
+    for (std::string line; std::getline(text, line);) {
+        if (line.rfind("lock:", 0) != 0) continue;
+        std::istringstream words(line.substr(5));
+        std::string number, kind, advice, mode, pid, file;
+        off_t first = 0;
+        if (words >> number >> kind >> advice >> mode >> pid >> file >> first)
+            out.push_back({first, mode == "READ"});
+    }
+    return out;
+}
+
+static std::string process_label(const std::filesystem::path &process) {
+    std::string name;
+    std::getline(std::ifstream(process / "comm"), name);
+    return "process " + process.filename().string() + (name.empty() ? "" : " (" + name + ")");
+}
+
+// A writer that has the gate of a lock and not its byte waits for it.
+static void add_uses(const std::map<off_t, const std::string *> &bytes,
+                     const std::vector<used_byte> &used, const std::string &holder,
+                     std::vector<lock_use> *out) {
+    auto holds = [&](off_t at) {
+        return std::any_of(used.begin(), used.end(),
+                           [&](const used_byte &one) { return one.at == at; });
+    };
+    for (const used_byte &one : used) {
+        bool gate = one.at >= GATE;
+        auto found = bytes.find(gate ? one.at - GATE : one.at);
+        if (found == bytes.end() || (gate && holds(one.at - GATE))) continue;
+        lock_mode mode = one.shared ? lock_mode::shared : lock_mode::exclusive;
+        out->push_back({*found->second, mode, gate, holder});
+    }
+}
+
+std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
+    namespace fs = std::filesystem;
+    std::map<off_t, const std::string *> bytes;
+    for (const std::string &name : names)
+        bytes.emplace(place_of_name(name, &words_).byte, &name);
+    std::vector<lock_use> out;
+    std::error_code ignored;  // processes come and go
+    for (const fs::directory_entry &process : fs::directory_iterator("/proc", ignored)) {
+        if (process.path().filename().string().find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        for (const fs::directory_entry &fd :
+             fs::directory_iterator(process.path() / "fd", ignored)) {
+            struct stat file = {};
+            bool ours = stat(fd.path().c_str(), &file) == 0 &&
+                        file_id(file.st_dev, file.st_ino) == directory_->lock_id();
+            if (!ours) continue;
+            std::vector<used_byte> used =
+                used_bytes(process.path() / "fdinfo" / fd.path().filename());
+            add_uses(bytes, used, process_label(process.path()), &out);
+        }
+    }
+    return out;
+}
 
 static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wait_ms) {
     std::string what = mode == lock_mode::shared ? "shared lock " : "exclusive lock ";

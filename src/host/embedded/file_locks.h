@@ -56,6 +56,8 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted = {}) override;
 
+    std::vector<lock_use> users(const std::vector<std::string> &names) override;
+
     shared_words *words() { return &words_; }
 
     // The lock that orders the writers of the store; no caller's lock has this name.

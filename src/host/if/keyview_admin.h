@@ -1,6 +1,6 @@
-// Filling and saving the key tree: a JSON cluster document goes into the registry in one
-// transaction and comes out of it again. The library only reads the tree and changes single values;
-// whatever creates keys stands here. docs/keyview-document.md describes the document.
+// Looking after the key tree: what creates, changes, removes, saves and judges keys. The library
+// only reads the tree and changes single values; whatever creates keys stands here.
+// docs/keyview-document.md describes the JSON cluster document.
 //
 // C++17, for programs built with the same toolchain as the host kit. The registry is the one in
 // force for the process (keyview_host.h). No function throws; the result tells everything.
@@ -8,6 +8,8 @@
 #define KEYVIEW_HOST_ADMIN_H
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,9 +43,33 @@ struct result {
     uint64_t more_problems = 0;     // how many more there are
 };
 
-struct apply_result : result {
-    uint64_t created = 0;   // keys that did not exist, parents included
-    uint64_t replaced = 0;  // keys whose value changed
+// A key and its value, as stored: a text carries its zero byte.
+struct key_row {
+    std::string path;
+    std::string value;
+};
+
+// What happened, or would happen, to one key; no value means that there is no key.
+struct key_change {
+    std::string path;
+    std::optional<std::string> before, after;
+};
+
+struct change_options {
+    bool dry_run = false;      // tell what would change, write nothing, take no lock
+    bool prune = false;        // remove what is not wanted
+    uint64_t if_revision = 0;  // the tree must be at this revision, else status::changed; 0 for any
+};
+
+struct change_result : result {
+    std::vector<key_change> changes;  // in the order of the paths, parents before their children
+    std::vector<std::string> locks;   // exclusive ones, taken for it
+    uint64_t revision = 0;            // the tree's, before the change
+};
+
+struct keys_result : result {
+    std::vector<key_row> keys;  // in the order of the paths, parents before their children
+    uint64_t revision = 0;      // the tree's
 };
 
 struct export_result : result {
@@ -70,16 +96,68 @@ struct doctor_report : result {
 // What to do with a change set that stopped half-way.
 enum class recovery { resume, undo };
 
-// Puts a cluster document into the registry: creates and changes keys, removes none. A registry
-// that does not exist yet is created.
+// ---- Keys ---------------------------------------------------------------------------------------
+
+enum class depth { key, children, all };
+
+// Reads a key, with its children or all below it, as of one moment. Takes no lock.
+KEYVIEW_ADMIN_API keys_result read_keys(std::string_view path, depth how_far) noexcept;
+
+// The tree's revision: it moves when the tree changes, not when a lock is taken. In keys_result, as
+// of now; keys stays empty.
+KEYVIEW_ADMIN_API keys_result read_revision() noexcept;
+
+// How two readings differ, in the order of the paths.
+KEYVIEW_ADMIN_API std::vector<key_change> compare_keys(const std::vector<key_row> &before,
+                                                       const std::vector<key_row> &after);
+
+// The stored form of what a person writes for a key: as the key's readers expect it (as_meant), or
+// a text with its zero byte, or a list of strings.
+enum class encoding { as_meant, text, list };
+struct encoded_result : result {
+    std::string value;
+};
+KEYVIEW_ADMIN_API encoded_result encode_for(std::string_view path, encoding how,
+                                            const std::vector<std::string> &values) noexcept;
+
+// What a person reads for a stored value: a text without its zero byte, a list in brackets; what
+// is neither comes as it is stored, with a remark.
+KEYVIEW_ADMIN_API std::string value_for_people(std::string_view value);
+
+// Any bytes as text, and back; false if the text is none.
+KEYVIEW_ADMIN_API std::string base64_of(std::string_view bytes);
+KEYVIEW_ADMIN_API bool bytes_of_base64(std::string_view text, std::string *bytes);
+
+// Creates a key or replaces its value; removes a key with all that is below it (not_found if there
+// is none). Under the lock of the database, entry or node that the key belongs to. What is so
+// already is not written.
+KEYVIEW_ADMIN_API change_result set_key(std::string_view path, std::string_view value,
+                                        const change_options &options) noexcept;
+KEYVIEW_ADMIN_API change_result remove_key(std::string_view path,
+                                           const change_options &options) noexcept;
+
+// What a key means, who uses it, how it is stored. path has names in <>, such as
+// "DATABASE.DATABASES.<db>.ENABLED".
+struct key_meaning {
+    const char *path, *meaning, *written_by, *read_by, *encoding, *absence;
+};
+KEYVIEW_ADMIN_API std::vector<key_meaning> key_meanings();
+// Those of one key, by its path or by a path with <>; empty if it belongs to others.
+KEYVIEW_ADMIN_API std::optional<key_meaning> meaning_of(std::string_view path);
+
+// ---- Documents ----------------------------------------------------------------------------------
+
+// Puts a cluster document into the registry: creates and changes keys and, with prune, removes what
+// the document does not hold. A registry that does not exist yet is created.
 //
 // All of the document goes in or nothing does. The exclusive locks of every database, storage
-// manager entry and node of the document are held meanwhile; all of them together are waited for as
-// long as one lock may be (keyview_host.h). Applying a document twice changes nothing the second
-// time: created and replaced are 0.
+// manager entry and node of the document, and of what is removed, are held meanwhile; all of them
+// together are waited for as long as one lock may be (keyview_host.h). Applying a document twice
+// changes nothing the second time.
 //
 // status::content if the document, or its meeting with the registry, is invalid.
-KEYVIEW_ADMIN_API apply_result apply_document(std::string_view document) noexcept;
+KEYVIEW_ADMIN_API change_result apply_document(std::string_view document,
+                                               const change_options &options = {}) noexcept;
 
 // Tells what apply_document would refuse, as far as the document alone shows it.
 KEYVIEW_ADMIN_API result check_document(std::string_view document) noexcept;
@@ -90,6 +168,81 @@ KEYVIEW_ADMIN_API result check_document(std::string_view document) noexcept;
 // status::content if the tree holds something that a document cannot say; nothing is left out
 // silently.
 KEYVIEW_ADMIN_API export_result export_document() noexcept;
+
+// ---- Saved trees --------------------------------------------------------------------------------
+
+// The whole tree as of one moment, byte for byte, with its revision and a checksum; as text.
+struct backup_result : result {
+    std::string content;
+    uint64_t keys = 0;
+    uint64_t revision = 0;
+};
+KEYVIEW_ADMIN_API backup_result backup_registry() noexcept;
+
+KEYVIEW_ADMIN_API bool is_backup(std::string_view content);
+
+// Brings the tree to what a backup holds, in one transaction, after it was verified as a whole. A
+// registry that does not exist yet is created; one that holds keys is refused (status::usage)
+// without force. copy_registry does the same from the registry in force to the one of a URL.
+KEYVIEW_ADMIN_API change_result restore_registry(std::string_view backup, bool force,
+                                                 const change_options &options) noexcept;
+KEYVIEW_ADMIN_API change_result copy_registry(const std::string &to_url, bool force,
+                                              const change_options &options) noexcept;
+
+// ---- Judgement ----------------------------------------------------------------------------------
+
+struct finding {
+    const char *rule;
+    const char *severity;  // "error": readers fail or part; "warning": something is out of sight
+    std::string path;
+    std::string readers_see;
+    std::vector<std::string> mend;  // the arguments of keyviewctl that mend it
+};
+struct lint_result : result {
+    std::vector<finding> findings;
+    uint64_t keys = 0;  // that were looked at
+};
+
+// Looks for what readers misread, in a sound registry.
+KEYVIEW_ADMIN_API lint_result lint_registry() noexcept;
+
+struct lint_rule {
+    const char *rule, *severity, *meaning;
+};
+KEYVIEW_ADMIN_API std::vector<lint_rule> lint_rules();
+
+// ---- Locks --------------------------------------------------------------------------------------
+
+class KEYVIEW_ADMIN_API lock_hold {
+  public:
+    lock_hold() = default;
+    lock_hold(const lock_hold &) = delete;
+    lock_hold &operator=(const lock_hold &) = delete;
+    virtual ~lock_hold() = default;
+    virtual bool still_held() const = 0;
+};
+
+struct lock_result : result {
+    std::unique_ptr<lock_hold> lock;
+};
+KEYVIEW_ADMIN_API lock_result take_lock(const std::string &name, bool shared,
+                                        uint32_t wait_ms) noexcept;
+
+// The lock under which a key is changed.
+KEYVIEW_ADMIN_API std::string lock_of_key(std::string_view path);
+
+struct lock_user {
+    std::string name;
+    bool shared = false;
+    bool waits = false;
+    std::string holder;  // as far as the registry can tell, such as a process; "" if it cannot
+};
+struct locks_result : result {
+    std::vector<lock_user> users;
+};
+KEYVIEW_ADMIN_API locks_result list_locks() noexcept;
+
+// ---- Damage -------------------------------------------------------------------------------------
 
 // Looks for damage in all of the registry: its pages, its rows and their checksums, keys that are
 // missing or stand alone, names and values that readers cannot read. Works on a registry that is

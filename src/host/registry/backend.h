@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/registry/store.h"
 #include "host/support/export.h"
@@ -50,6 +51,13 @@ class wait_limit {
     uint32_t wait_ms_ = 0;
 };
 
+struct lock_use {
+    std::string name;
+    lock_mode mode = lock_mode::exclusive;
+    bool waits = false;
+    std::string holder;  // "" if the service cannot tell
+};
+
 class KEYVIEW_HOST_API lock_service {
   public:
     lock_service() = default;
@@ -62,6 +70,10 @@ class KEYVIEW_HOST_API lock_service {
     // read, for a service that can bring it with the lock.
     virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted = {}) = 0;
+
+    // Who holds or waits for a lock, as far as the service can tell. A service that does not know
+    // the names of its locks tells of those in names.
+    virtual std::vector<lock_use> users(const std::vector<std::string> &names);
 };
 
 struct backend {
