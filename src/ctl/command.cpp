@@ -44,6 +44,17 @@ CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const
     return command;
 }
 
+static void add_dry_run(CLI::App *command, tool *shared) {
+    command->add_flag("--dry-run", shared->dry_run, "Tell what would change and write nothing");
+}
+
+void add_write_options(CLI::App *command, tool *shared) {
+    add_dry_run(command, shared);
+    command->add_option("--if-revision", shared->if_revision,
+                        "Write only if the tree is still at this revision");
+    command->add_flag("--yes", shared->yes, "Do not ask");
+}
+
 // What is wrong with a name; empty if nothing is.
 static std::string name_fault(const std::string &name) {
     if (name.empty()) return "a name must not be empty";
@@ -70,6 +81,7 @@ void add_name_command(CLI::App *app, tool *shared, const name_command &command) 
                     [shared, names, &command] { return command.run(*shared, *names); });
     for (size_t n = 0; n < arguments.size(); ++n)
         add_argument(added, arguments[n], &(*names)[n]);
+    if (command.writes) add_dry_run(added, shared);
 }
 
 }  // namespace keyview::ctl

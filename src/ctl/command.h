@@ -17,6 +17,12 @@ struct tool {
     std::string registry;  // its URL
     output_format format = output_format::table;
     bool needs_registry = true;
+    // Of commands that change the tree.
+    bool dry_run = false;
+    bool compares = false;  // a dry run is all that is meant
+    bool yes = false;
+    bool prune = false;
+    uint64_t if_revision = 0;
     std::function<exit_code()> run;  // the chosen command; throws tool_error
 };
 
@@ -28,7 +34,11 @@ void add_look_commands(CLI::App *app, tool *shared);       // list, show
 void add_fact_commands(CLI::App *app, tool *shared);       // roster, role, name, ...
 void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, enabled, supported
 void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
-void add_tree_commands(CLI::App *app, tool *shared);       // apply, export
+void add_tree_commands(CLI::App *app, tool *shared);       // apply, diff, export, set, rm
+void add_key_commands(CLI::App *app, tool *shared);        // get, ls, tree, explain, watch
+void add_status_command(CLI::App *app, tool *shared);      // status
+void add_keep_commands(CLI::App *app, tool *shared);       // backup, restore, copy, lint
+void add_lock_commands(CLI::App *app, tool *shared);       // lock
 void add_check_command(CLI::App *app, tool *shared);       // check
 void add_care_commands(CLI::App *app, tool *shared);       // doctor, recover
 void add_help_commands(CLI::App *app, tool *shared);       // errors
@@ -41,6 +51,9 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
 CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
                             const std::function<exit_code()> &run);
 
+// --dry-run, --if-revision and --yes.
+void add_write_options(CLI::App *command, tool *shared);
+
 // The names that a command was given, in the order of its arguments; "" for one that was not.
 using given_names = std::vector<std::string>;
 
@@ -50,6 +63,7 @@ struct name_command {
     const char *description;
     const char *arguments;  // "DB SERVICE": each needed; "DB [INSTANCE]", "DB --service": or not
     exit_code (*run)(const tool &shared, const given_names &names);
+    bool writes = false;  // then it has --dry-run
 };
 
 void add_name_command(CLI::App *app, tool *shared, const name_command &command);

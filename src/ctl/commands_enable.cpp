@@ -1,6 +1,8 @@
 // enable, disable, enabled and supported: the flags of databases, instances, services and the
 // instances of services.
+#include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/session.h"
 
@@ -63,17 +65,46 @@ static void show_answer_for(const tool &shared, const flag_holder &holder, const
                  {question, std::move(answer)}});
 }
 
+// The key of a holder's flag.
+static std::string flag_key(const flag_holder &holder) {
+    std::string key = database_key(holder.dbname);
+    if (!holder.srvname.empty()) key += ".SERVICE." + service_element(holder.srvname);
+    if (!holder.instname.empty()) {
+        key += holder.srvname.empty() ? ".INSTANCE." : ".INSTANCES.";
+        key += folded(holder.instname);
+    }
+    return key + ".ENABLED";
+}
+
+// The flags that are set: for a service, those of all its instances, too.
+static admin::change_result flag_changes(const flag_holder &holder, int32_t enabled) {
+    std::string own = flag_key(holder);
+    std::string record = own.substr(0, own.rfind('.'));
+    bool cascade = !holder.srvname.empty() && holder.instname.empty();
+    admin::keys_result keys =
+        admin::read_keys(cascade ? record : own, cascade ? admin::depth::all : admin::depth::key);
+    admin::change_result changed;
+    changed.revision = keys.revision;
+    changed.locks = {admin::lock_of_key(own)};
+    const std::string value = enabled != 0 ? std::string("true", 5) : std::string("false", 6);
+    for (const admin::key_row &key : keys.keys) {
+        bool flag = key.path.size() > 8 && key.path.substr(key.path.size() - 8) == ".ENABLED";
+        if (flag && key.value != value) changed.changes.push_back({key.path, key.value, value});
+    }
+    return changed;
+}
+
 static exit_code change_flag(const tool &shared, const given_names &names, int32_t enabled) {
     session library(shared);
     flag_holder holder(names);
-    int32_t rc = set_flag(library, holder, enabled);
-    rc = tell_missing(rc, [&] {
-        int32_t ignored = 0;
-        return get_flag(library, holder, &ignored);
-    });
-    library.check(rc, words_for(holder) + " cannot be " + (enabled != 0 ? "enabled" : "disabled"));
-    // A writer's document is what "enabled" says afterwards.
-    show_answer_for(shared, holder, "enabled", enabled_view(enabled));
+    int32_t present = 0;
+    int32_t rc = get_flag(library, holder, &present);
+    const std::string what =
+        words_for(holder) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
+    library.check(rc, what);
+    admin::change_result changed = flag_changes(holder, enabled);
+    if (!shared.dry_run) library.check(set_flag(library, holder, enabled), what);
+    show_changes(shared, changed);
     return EXIT_DONE;
 }
 
@@ -114,10 +145,10 @@ static exit_code run_supported(const tool &shared, const given_names &names) {
 static constexpr name_command COMMANDS[] = {
     {"enable",
      "Enable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance", run_enable},
+     "DB --service --instance", run_enable, true},
     {"disable",
      "Disable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance", run_disable},
+     "DB --service --instance", run_disable, true},
     {"enabled", "Tell whether one of these is enabled: exit code 0, or disabled: 1",
      "DB --service --instance", run_enabled},
     {"supported",

@@ -4,7 +4,9 @@
 
 #include <iterator>
 
+#include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
@@ -88,19 +90,37 @@ static int32_t role_of(const std::string &word) {
                      "use one of them, in any case"};
 }
 
-static int32_t set_or_get_role(const session &library, const given_names &names, int32_t *role) {
-    const char *dbname = names[0].c_str();
-    if (names[1].empty()) return prsr_get_db_role(library.status, library.ctx, dbname, role);
-    return prsr_set_db_role(library.status, library.ctx, dbname, *role);
+static exit_code set_role(const tool &shared, const given_names &names) {
+    int32_t role = role_of(names[1]), present = 0;
+    session library(shared);
+    int32_t rc = prsr_get_db_role(library.status, library.ctx, names[0].c_str(), &present);
+    if (rc == PRSR_ERR_ROLE) rc = PRSR_SUCCESS;  // it is to be replaced
+    rc = tell_missing(rc, [&] { return ask_for_field(library, names[0], &prsr_cfg::role); });
+    const std::string what = "the role of database " + names[0] + " cannot be set";
+    library.check(rc, what);
+    admin::change_result changed;
+    std::string key = database_key(names[0]) + ".ROLE", value = ROLES[role];
+    value += '\0';
+    changed.locks = {admin::lock_of_key(key)};
+    admin::keys_result keys = admin::read_keys(key, admin::depth::key);
+    changed.revision = keys.revision;
+    for (const admin::key_row &row : keys.keys)
+        if (row.value != value) changed.changes.push_back({row.path, row.value, value});
+    if (!shared.dry_run) {
+        rc = prsr_set_db_role(library.status, library.ctx, names[0].c_str(), role);
+        library.check(rc, what);
+    }
+    show_changes(shared, changed);
+    return EXIT_DONE;
 }
 
 static exit_code run_role(const tool &shared, const given_names &names) {
-    int32_t role = names[1].empty() ? 0 : role_of(names[1]);
+    if (!names[1].empty()) return set_role(shared, names);
+    int32_t role = 0;
     session library(shared);
-    int32_t rc = set_or_get_role(library, names, &role);
+    int32_t rc = prsr_get_db_role(library.status, library.ctx, names[0].c_str(), &role);
     rc = tell_missing(rc, [&] { return ask_for_field(library, names[0], &prsr_cfg::role); });
-    library.check(rc, "the role of database " + names[0] + " cannot be " +
-                          (names[1].empty() ? "told" : "set"));
+    library.check(rc, "the role of database " + names[0] + " cannot be told");
     show_answer(shared.format, "role",
                 {{"dbname", {names[0]}}, {"role", {coded{role, ROLES[role]}}}});
     return EXIT_DONE;
@@ -164,7 +184,7 @@ static constexpr name_command COMMANDS[] = {
      "DB SERVICE", run_roster},
     {"policy", "Tell the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
      run_policy},
-    {"role", "Tell the role of a database, or set it", "DB [ROLE]", run_role},
+    {"role", "Tell the role of a database, or set it", "DB [ROLE]", run_role, true},
     {"domain", "Tell the domain of a database", "DB", run_domain},
     {"name", "Tell the registered name of a database or of an instance", "DB [INSTANCE]", run_name},
     {"instance-on", "Tell which instance of a database is on a node; exit code 1 if none is",

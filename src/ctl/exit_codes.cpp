@@ -81,7 +81,8 @@ const library_failure &library_failure_of(int32_t rc) {
 static constexpr admin_failure ADMIN_FAILURES[] = {
     {EXIT_DONE, ""},
     {EXIT_USAGE,
-     "choose a registry with --registry or KEYVIEW_REGISTRY, such as lmdb:/var/lib/keyview"},
+     "see the command's --help; --registry or KEYVIEW_REGISTRY chooses a registry, such as "
+     "lmdb:/var/lib/keyview"},
     {EXIT_NOT_FOUND, "check the name"},
     {EXIT_REGISTRY, TRY_REGISTRY},
     {EXIT_LOCK, TRY_LATER},

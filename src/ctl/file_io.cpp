@@ -115,7 +115,7 @@ static mode_t mode_of_new_file() {
     return 0666 & ~mask;
 }
 
-void replace_file(const std::string &name, std::string_view content) {
+void replace_file(const std::string &name, std::string_view content, int mode) {
     struct stat old;
     bool exists = stat(name.c_str(), &old) == 0;
     if (exists && S_ISDIR(old.st_mode)) fail(CANNOT_WRITE, name, EISDIR);
@@ -129,8 +129,9 @@ void replace_file(const std::string &name, std::string_view content) {
     file.fd = mkostemp(temporary.data(), O_CLOEXEC);
     if (file.fd < 0) fail(CANNOT_WRITE, name, errno);
     beside.name = temporary;
-    mode_t mode = exists ? old.st_mode & 07777 : mode_of_new_file();
-    if (fchmod(file.fd, mode) != 0) fail(CANNOT_WRITE, name, errno);
+    mode_t kept = exists ? old.st_mode & 07777 : mode_of_new_file();
+    if (fchmod(file.fd, mode == KEEP_MODE ? kept : static_cast<mode_t>(mode)) != 0)
+        fail(CANNOT_WRITE, name, errno);
     write_to(file.fd, name, content);
     if (fsync(file.fd) != 0) fail(CANNOT_WRITE, name, errno);
     if (rename(temporary.c_str(), target.c_str()) != 0) fail(CANNOT_WRITE, name, errno);

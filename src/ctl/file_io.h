@@ -16,7 +16,9 @@ std::string read_file(const std::string &name);
 // Replaces a file: beside it, synced, renamed, so that under its name there is always all of the
 // old content or all of the new. A symbolic link stays one. What is no regular file, such as a pipe
 // or a device, is written into.
-void replace_file(const std::string &name, std::string_view content);
+// mode is that of the file afterwards; with KEEP_MODE the old one's, or as the umask wants it.
+constexpr int KEEP_MODE = -1, PRIVATE_FILE = 0600;
+void replace_file(const std::string &name, std::string_view content, int mode = KEEP_MODE);
 
 }  // namespace keyview::ctl
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "ctl/text.h"
+#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 
@@ -19,7 +20,8 @@ static bool is_raw(const view &shown) {
 }
 
 static ordered_json base64_of(const view &shown) {
-    return is_raw(shown) ? ordered_json(base64(std::get<std::string>(shown.value))) : nullptr;
+    return is_raw(shown) ? ordered_json(admin::base64_of(std::get<std::string>(shown.value)))
+                         : nullptr;
 }
 
 static void add_field(const std::string &name, const view &shown, ordered_json *out) {

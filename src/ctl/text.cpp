@@ -99,52 +99,6 @@ std::string json_made_plain(std::string_view json) {
     return out;
 }
 
-std::string base64(std::string_view bytes) {
-    constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (size_t n = 0; n < bytes.size(); n += 3) {
-        uint32_t group = 0;
-        for (size_t i = 0; i < 3; ++i) {
-            auto byte = n + i < bytes.size() ? static_cast<unsigned char>(bytes[n + i]) : 0u;
-            group = group << 8 | byte;
-        }
-        for (size_t i = 0; i < 4; ++i) {
-            bool filled = n + i <= bytes.size();
-            out += filled ? DIGITS[group >> (18 - 6 * i) & 0x3f] : '=';
-        }
-    }
-    return out;
-}
-
-static int base64_digit(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    return c == '+' ? 62 : c == '/' ? 63 : -1;
-}
-
-bool from_base64(std::string_view text, std::string *bytes) {
-    bytes->clear();
-    if (text.size() % 4 != 0) return false;
-    size_t padding = 0;
-    while (padding < 2 && !text.empty() && text.back() == '=') {
-        text.remove_suffix(1);
-        ++padding;
-    }
-    uint32_t group = 0;
-    int bits = 0;
-    for (char c : text) {
-        int digit = base64_digit(c);
-        if (digit < 0) return false;
-        group = (group << 6 | static_cast<uint32_t>(digit)) & 0xffffff;
-        bits += 6;
-        if (bits < 8) continue;
-        bits -= 8;
-        *bytes += static_cast<char>(group >> bits & 0xff);
-    }
-    return true;
-}
-
 std::string shell_word(std::string_view text) {
     constexpr std::string_view PLAIN =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:=@%+,";

@@ -17,10 +17,6 @@ std::string escaped(std::string_view text);
 // A JSON text that says the same without a byte that escaped() would change, but for line feeds.
 std::string json_made_plain(std::string_view json);
 
-std::string base64(std::string_view bytes);
-// False if the text is no base64.
-bool from_base64(std::string_view text, std::string *bytes);
-
 // A text as one word of a shell's command line.
 std::string shell_word(std::string_view text);
 

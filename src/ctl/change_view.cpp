@@ -1,0 +1,118 @@
+// See change_view.h.
+#include "ctl/change_view.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+#include "ctl/output.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+namespace keyview::ctl {
+
+static view value_view(const std::optional<std::string> &value) {
+    return value ? view{*value} : view{};
+}
+
+view change_view(const admin::key_change &change) {
+    return {view_fields{{"path", {change.path}},
+                        {"before", value_view(change.before)},
+                        {"after", value_view(change.after)}}};
+}
+
+static std::string shown(const std::string &value) {
+    return value.empty() ? "(no value)" : escaped(admin::value_for_people(value));
+}
+
+std::string change_for_people(const admin::key_change &change) {
+    std::string path = escaped(change.path);
+    if (!change.before) return "+ " + path + " = " + shown(*change.after);
+    if (!change.after) return "- " + path + " = " + shown(*change.before);
+    return "~ " + path + " = " + shown(*change.before) + " -> " + shown(*change.after);
+}
+
+std::string set_command(const std::string &path, const std::string &value) {
+    std::string out = "keyviewctl set " + shell_word(path);
+    bool text = !value.empty() && value.back() == '\0' &&
+                escaped(std::string_view(value).substr(0, value.size() - 1)) ==
+                    value.substr(0, value.size() - 1);
+    if (!text) return out + " --as base64 " + shell_word(admin::base64_of(value));
+    return out + " --as text -- " + shell_word(value.substr(0, value.size() - 1));
+}
+
+static std::string commands_of(const admin::change_result &changed) {
+    std::string out;
+    std::string removed;
+    for (const admin::key_change &one : changed.changes) {
+        bool below = !removed.empty() && one.path.rfind(removed + ".", 0) == 0;
+        if (one.after) {
+            out += set_command(one.path, *one.after) + "\n";
+        } else if (!below) {
+            out += "keyviewctl rm " + shell_word(one.path) + "\n";
+            removed = one.path;
+        }
+    }
+    return out;
+}
+
+namespace {
+struct change_counts {
+    int64_t created = 0, replaced = 0, removed = 0;
+};
+}  // namespace
+
+static change_counts counts_of(const admin::change_result &changed) {
+    change_counts counts;
+    for (const admin::key_change &one : changed.changes)
+        ++(!one.before ? counts.created : !one.after ? counts.removed : counts.replaced);
+    return counts;
+}
+
+static std::string list_for_people(const admin::change_result &changed) {
+    if (changed.changes.empty()) return "nothing to change: it is so already\n";
+    std::string out;
+    for (const admin::key_change &one : changed.changes)
+        out += change_for_people(one) + "\n";
+    for (const std::string &lock : changed.locks)
+        out += "lock " + escaped(lock) + "\n";
+    change_counts counts = counts_of(changed);
+    return out + std::to_string(counts.created) + " keys created, " +
+           std::to_string(counts.replaced) + " changed, " + std::to_string(counts.removed) +
+           " removed\n";
+}
+
+void show_changes(const tool &shared, const admin::change_result &changed) {
+    if (shared.dry_run && !shared.compares) tell("a dry run: nothing was written");
+    if (shared.format == output_format::table) write_result(list_for_people(changed));
+    if (shared.format == output_format::cmd) write_result(commands_of(changed));
+    if (shared.format == output_format::table || shared.format == output_format::cmd) return;
+    view_list locks, changes;
+    for (const std::string &lock : changed.locks)
+        locks.push_back({lock});
+    for (const admin::key_change &one : changed.changes)
+        changes.push_back(change_view(one));
+    change_counts counts = counts_of(changed);
+    show_answer(shared.format, "changes",
+                {{"dry_run", number_view(shared.dry_run ? 1 : 0)},
+                 {"revision", number_view(static_cast<int64_t>(changed.revision))},
+                 {"created", number_view(counts.created)},
+                 {"replaced", number_view(counts.replaced)},
+                 {"removed", number_view(counts.removed)},
+                 {"locks", {std::move(locks)}},
+                 {"changes", {std::move(changes)}}});
+}
+
+void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run) {
+    if (shared.yes || shared.dry_run || !is_terminal(STDIN_FILENO) || !is_terminal(STDOUT_FILENO))
+        return;
+    admin::change_result planned = dry_run();
+    if (planned.code != admin::status::done || planned.changes.empty()) return;
+    std::cerr << list_for_people(planned) << "Do this? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer == "y" || answer == "yes") return;
+    throw tool_error{EXIT_NO, "nothing was done", "", "the answer was no", "use --yes"};
+}
+
+}  // namespace keyview::ctl

@@ -1,0 +1,30 @@
+// What a command changes, or would change, in the tree: the same list from a dry run and a real
+// one.
+#ifndef KEYVIEW_CTL_CHANGE_VIEW_H
+#define KEYVIEW_CTL_CHANGE_VIEW_H
+
+#include <string>
+#include <vector>
+
+#include "ctl/command.h"
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+void show_changes(const tool &shared, const admin::change_result &changed);
+
+// One change: path, before and after; no key is null. revision and since stand before them where
+// they are told.
+view change_view(const admin::key_change &change);
+std::string change_for_people(const admin::key_change &change);
+
+// The command that makes a key what it is.
+std::string set_command(const std::string &path, const std::string &value);
+
+// Asks a person who sits at a terminal on both ends; throws if the answer is no. changed is what
+// will happen.
+void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run);
+
+}  // namespace keyview::ctl
+
+#endif
