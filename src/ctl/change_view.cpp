@@ -85,7 +85,7 @@ static std::string list_for_people(const admin::change_result &changed) {
 void show_changes(const tool &shared, const admin::change_result &changed) {
     if (shared.dry_run && !shared.compares) tell("a dry run: nothing was written");
     if (shared.format == output_format::table) write_result(list_for_people(changed));
-    if (shared.format == output_format::cmd) write_result(commands_of(changed));
+    if (shared.format == output_format::cmd) write_lines(commands_of(changed));
     if (shared.format == output_format::table || shared.format == output_format::cmd) return;
     view_list locks, changes;
     for (const std::string &lock : changed.locks)

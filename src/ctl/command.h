@@ -9,12 +9,15 @@
 #include <vector>
 
 #include "ctl/exit_codes.h"
+#include "ctl/settings.h"
 #include "ctl/view.h"
 
 namespace keyview::ctl {
 
 struct tool {
-    std::string registry;  // its URL
+    settings chosen;
+    std::string registry;         // its URL
+    bool registry_given = false;  // by the option, be it ""
     output_format format = output_format::table;
     bool needs_registry = true;
     // Of commands that change the tree.
@@ -41,7 +44,7 @@ void add_keep_commands(CLI::App *app, tool *shared);       // backup, restore, c
 void add_lock_commands(CLI::App *app, tool *shared);       // lock
 void add_check_command(CLI::App *app, tool *shared);       // check
 void add_care_commands(CLI::App *app, tool *shared);       // doctor, recover
-void add_help_commands(CLI::App *app, tool *shared);       // errors
+void add_help_commands(CLI::App *app, tool *shared);       // errors, config, completion, manual
 
 // One command: run takes no arguments, what it needs is bound to it.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,

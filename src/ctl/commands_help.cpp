@@ -1,9 +1,11 @@
-// errors: what the tool knows about itself.
-#include <cstdlib>
+// errors, config, completion and manual: what the tool knows about itself.
 #include <memory>
 
 #include "ctl/command.h"
+#include "ctl/completion.h"
+#include "ctl/manual.h"
 #include "ctl/output.h"
+#include "host/if/keyview_host.h"
 
 namespace keyview::ctl {
 
@@ -29,11 +31,62 @@ static exit_code run_errors(const tool &shared, const std::string &code) {
     return EXIT_DONE;
 }
 
+static exit_code run_config(tool *shared) {
+    view_list rows;
+    for (const setting *one : shared->chosen.all()) {
+        rows.push_back({view_fields{{"setting", {one->name}},
+                                    {"value", optional_view(one->value)},
+                                    {"origin", {one->origin}},
+                                    {"variable", {one->variable}}}});
+    }
+    show_result(shared->format, "config", "config", {std::move(rows)});
+    return EXIT_DONE;
+}
+
+static exit_code show_text(const std::string &text, const std::string &what,
+                           const std::string &todo) {
+    if (text.empty()) throw tool_error{EXIT_NOT_FOUND, what, "", "", todo};
+    write_result(text);
+    return EXIT_DONE;
+}
+
+// Asked by a shell at each key: a lock is not waited for, and a failure stays silent.
+static exit_code run_complete(const CLI::App &app, const tool &shared,
+                              const std::vector<std::string> &words) {
+    (void)keyview_host_set_registry(shared.registry.c_str());
+    (void)keyview_host_set_lock_wait(0);
+    write_result(candidates_for(app, words));
+    return EXIT_DONE;
+}
+
 void add_help_commands(CLI::App *app, tool *shared) {
-    auto code = std::make_shared<std::string>();
-    add_plain_command(app, shared, "errors", "Tell what the exit codes mean, or one of them",
-                      [shared, code] { return run_errors(*shared, *code); })
-        ->add_option("CODE", *code, "The exit code, or its word");
+    auto word = std::make_shared<std::string>();
+    add_plain_command(app, shared, "errors", "Tell what the exit codes mean, or one of them", [=] {
+        return run_errors(*shared, *word);
+    })->add_option("CODE", *word, "The exit code, or its word");
+    add_plain_command(app, shared, "config", "Tell each setting and where it comes from",
+                      [=] { return run_config(shared); });
+    add_plain_command(app, shared, "completion", "Write the script by which a shell completes",
+                      [=] {
+                          return show_text(completion_script(*word),
+                                           "there is no script for " + *word,
+                                           "the shells are bash, zsh and fish");
+                      })
+        ->add_option("SHELL", *word, "bash, zsh or fish")
+        ->required();
+    add_plain_command(app, shared, "manual", "Write a manual page as roff",
+                      [=] {
+                          return show_text(
+                              manual_page(*app, *word), "there is no page " + *word,
+                              "the pages are keyviewctl, keyview-document and keyview-keys");
+                      })
+        ->add_option("PAGE", *word, "keyviewctl, keyview-document or keyview-keys")
+        ->required();
+    auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App *complete = add_plain_command(app, shared, "__complete", "",
+                                           [=] { return run_complete(*app, *shared, *words); });
+    complete->group("");
+    complete->add_option("WORD", *words, "The words so far");
 }
 
 }  // namespace keyview::ctl

@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -39,7 +40,7 @@ static exit_code run_get(const tool &shared, const std::string &path) {
     admin::keys_result found = read(shared, path, admin::depth::key);
     const admin::key_row &key = found.keys[0];
     if (shared.format == output_format::cmd) {
-        write_result(set_command(key.path, key.value) + "\n");
+        write_lines(set_command(key.path, key.value) + "\n");
         return EXIT_DONE;
     }
     bool bare = shared.format == output_format::table || shared.format == output_format::raw;
@@ -54,11 +55,9 @@ static std::string indented(const admin::keys_result &found) {
     std::string out;
     const std::string &top = found.keys[0].path;
     for (const admin::key_row &key : found.keys) {
-        std::string_view rest = std::string_view(key.path).substr(key.path == top ? 0 : top.size());
-        size_t depth = key.path == top ? 0 : 0;
-        for (char c : rest)
-            depth += key.path != top && c == '.';
-        std::string_view name = depth == 0 ? rest : rest.substr(rest.rfind('.') + 1);
+        std::string_view rest = std::string_view(key.path).substr(top.size());
+        auto depth = static_cast<size_t>(std::count(rest.begin(), rest.end(), '.'));
+        std::string name = depth == 0 ? key.path : key.path.substr(key.path.rfind('.') + 1);
         out += std::string(2 * depth, ' ') + escaped(name);
         if (!key.value.empty()) out += " = " + escaped(admin::value_for_people(key.value));
         out += "\n";
@@ -71,7 +70,7 @@ static exit_code show_keys(const tool &shared, const admin::keys_result &found) 
         std::string out;
         for (const admin::key_row &key : found.keys)
             out += set_command(key.path, key.value) + "\n";
-        write_result(out);
+        write_lines(out);
         return EXIT_DONE;
     }
     view_list rows;

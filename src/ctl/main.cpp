@@ -12,6 +12,7 @@
 #include "ctl/command.h"
 #include "ctl/exit_codes.h"
 #include "ctl/output.h"
+#include "ctl/suggest.h"
 #include "ctl/terminal.h"
 #include "host/if/keyview_host.h"
 
@@ -73,22 +74,36 @@ static void add_options(CLI::App *app, tool *shared) {
     app->set_help_flag("-h,--help", "Print this and exit");
     app->footer(exit_code_help());
     app->require_subcommand(0, 1);  // none at all is told below, in better words
-    app->add_option("--registry", shared->registry,
+    settings &chosen = shared->chosen;
+    app->add_option("--registry", chosen.registry.option,
                     "URL of the registry, such as lmdb:/var/lib/keyview")
-        ->envname("KEYVIEW_REGISTRY");
-    app->add_option_function<std::string>(
-           "-o,--output", [shared](const std::string &word) { shared->format = FORMATS.at(word); },
-           "table, for people; json, jsonl (a line an item), tsv, raw (a bare value) or cmd "
-           "(commands that rebuild what is shown)")
+        ->each([shared](const std::string &) { shared->registry_given = true; });
+    app->add_option("--context", chosen.context.option,
+                    "Use the settings of this context of the settings files");
+    app->add_option("-o,--output", chosen.output.option,
+                    "table, for people; json, jsonl (a line an item), tsv, raw (a bare value) or "
+                    "cmd (commands that rebuild what is shown)")
         ->check(CLI::IsMember(FORMATS));
-    app->add_option_function<std::string>(
-           "--color", [](const std::string &word) { choose_color(COLORS.at(word)); },
-           "auto, always or never; auto heeds NO_COLOR and TERM=dumb")
+    app->add_option("--color", chosen.color.option,
+                    "auto, always or never; auto heeds NO_COLOR and TERM=dumb")
         ->check(CLI::IsMember(COLORS));
 }
 
 static constexpr const char *TRY_HELP =
     "\"keyviewctl --help\" shows the commands, and --help behind one its options";
+
+// ": did you mean status?", if a word is none of the commands but near one.
+static std::string command_meant(const CLI::App &app) {
+    const bool chosen = !app.get_subcommands().empty();
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands(nullptr))
+        if (!command->get_group().empty()) names.push_back(command->get_name());
+    for (const std::string &word : app.remaining()) {
+        std::string meant = chosen ? "" : nearest(word, names);
+        if (!meant.empty()) return ": did you mean " + meant + "?";
+    }
+    return "";
+}
 
 // Help and version are results like any other.
 static int end_parse(const CLI::App &app, const CLI::ParseError &error, output_format format) {
@@ -98,8 +113,8 @@ static int end_parse(const CLI::App &app, const CLI::ParseError &error, output_f
         write_result(text.str());
         return EXIT_DONE;
     }
-    report_error(format,
-                 {EXIT_USAGE, "the command line cannot be used", "", error.what(), TRY_HELP});
+    report_error(format, {EXIT_USAGE, "the command line cannot be used", "",
+                          error.what() + command_meant(app), TRY_HELP});
     return EXIT_USAGE;
 }
 
@@ -120,6 +135,41 @@ static void choose_registry(const tool &shared) {
     }
 }
 
+// One of the words of a table; the settings files may hold others.
+template <typename meaning>
+static meaning meaning_of(const setting &one, const std::map<std::string, meaning> &words) {
+    auto found = words.find(one.value);
+    if (found != words.end()) return found->second;
+    throw tool_error{EXIT_USAGE, std::string("the setting ") + one.name + " cannot be used",
+                     one.origin, one.value + " is none of its words", "see \"keyviewctl --help\""};
+}
+
+static void set_lock_wait(const setting &one) {
+    char *end = nullptr;
+    double wait_s = strtod(one.value.c_str(), &end);
+    bool sound = *end == '\0' && wait_s >= 0 && wait_s <= 86400;
+    if (sound && keyview_host_set_lock_wait(static_cast<int64_t>(wait_s * 1000)) == 0) return;
+    throw tool_error{EXIT_USAGE, "the setting lock_wait cannot be used", one.origin,
+                     one.value + " is no number of seconds from 0 to 86400", "correct it"};
+}
+
+static void settle(tool *shared) {
+    settings &chosen = shared->chosen;
+    chosen.resolve();
+    if (shared->registry_given) chosen.registry.value = chosen.registry.option;
+    shared->registry = chosen.registry.value;
+    shared->format = meaning_of(chosen.output, FORMATS);
+    choose_color(meaning_of(chosen.color, COLORS));
+    set_lock_wait(chosen.lock_wait);
+}
+
+// A name that is not there may be misspelt.
+static void add_suggestion(int argc, char **argv, tool_error *error) {
+    if (error->code != EXIT_NOT_FOUND) return;
+    std::string meant = database_meant({argv + 1, argv + argc});
+    if (!meant.empty()) error->todo = meant + " " + error->todo;
+}
+
 static int run(int argc, char **argv, output_format *format) {
     tool shared;
     CLI::App app("Looks after the key tree of a database cluster", "keyviewctl");
@@ -131,6 +181,7 @@ static int run(int argc, char **argv, output_format *format) {
     } catch (const CLI::ParseError &error) {
         return end_parse(app, error, *format);
     }
+    settle(&shared);
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     if (shared.needs_registry) choose_registry(shared);
@@ -148,7 +199,8 @@ int main(int argc, char **argv) {
     output_format format = format_asked_for(argc, argv);
     try {
         return run(argc, argv, &format);
-    } catch (const tool_error &error) {
+    } catch (tool_error &error) {
+        add_suggestion(argc, argv, &error);
         report_error(format, error);
         return error.code;
     } catch (const std::exception &error) {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -38,24 +39,26 @@ void write_json(const std::string &text) {
     write_result(is_terminal(STDOUT_FILENO) ? json_made_plain(text) : text);
 }
 
-// ---- Results ------------------------------------------------------------------------------------
-
-// On a terminal each line is made harmless.
-static std::string bare_text(const char *kind, const view &shown) {
-    std::string text;
-    if (!bare_text_of(shown, &text)) {
-        throw tool_error{EXIT_USAGE, "-o raw cannot show this", "",
-                         std::string("the result, of kind ") + kind + ", has several fields",
-                         "use -o json or -o tsv"};
-    }
-    if (!is_terminal(STDOUT_FILENO)) return text;
+void write_lines(const std::string &text) {
+    if (!is_terminal(STDOUT_FILENO)) return write_result(text);
     std::string safe;
     for (size_t at = 0; at < text.size();) {
-        size_t end = text.find('\n', at);
-        safe += escaped(std::string_view(text).substr(at, end - at)) + "\n";
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string line = text.substr(at, end - at);
+        safe += (json_made_plain(line) == line ? line : escaped(line)) + "\n";
         at = end + 1;
     }
-    return safe;
+    write_result(safe);
+}
+
+// ---- Results ------------------------------------------------------------------------------------
+
+static std::string bare_text(const char *kind, const view &shown) {
+    std::string text;
+    if (bare_text_of(shown, &text)) return text;
+    throw tool_error{EXIT_USAGE, "-o raw cannot show this", "",
+                     std::string("the result, of kind ") + kind + ", has several fields",
+                     "use -o json or -o tsv"};
 }
 
 void show_answer(output_format format, const char *kind, const view_fields &fields) {
@@ -70,7 +73,7 @@ void show_answer(output_format format, const char *kind, const view_fields &fiel
         case output_format::tsv:
             return write_result(cells_of(last));
         case output_format::raw:
-            return write_result(bare_text(kind, last));
+            return write_lines(bare_text(kind, last));
         case output_format::cmd:
             throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
                              "only keys and their changes can be told as commands",

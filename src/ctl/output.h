@@ -30,6 +30,9 @@ void write_result(std::string_view bytes);
 // A JSON text to stdout; a terminal gets it without harmful characters.
 void write_json(const std::string &text);
 
+// Lines of text to stdout; on a terminal, one with harmful characters comes escaped.
+void write_lines(const std::string &text);
+
 // A remark, such as what is being waited for, to stderr.
 void tell(const std::string &text);
 

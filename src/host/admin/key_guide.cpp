@@ -182,4 +182,31 @@ std::optional<key_meaning> meaning_of(std::string_view path) {
     return std::nullopt;
 }
 
+// ---- Fields of documents ------------------------------------------------------------------------
+
+static const char *type_word(value_kind kind) {
+    constexpr const char *WORDS[] = {"text", "text", "word", "flag", "list of texts"};
+    return WORDS[static_cast<size_t>(kind)];
+}
+
+static void add_fields(const list_row &list, const std::string &before,
+                       std::vector<document_field> *out) {
+    const std::string record = before + list.field + "[]";
+    if (list.record->scoped) out->push_back({record, "scope", "name", "an element of the path", 0});
+    out->push_back({record, "name", "name", "the record's own key", 0});
+    for (const field_row &row : list.record->fields)
+        out->push_back({record, row.field, type_word(row.kind), row.key, row.limit});
+    for (const list_row &below : list.record->lists)
+        out->push_back({record, below.field, "records", below.key, 0});
+    for (const list_row &below : list.record->lists)
+        add_fields(below, record + ".", out);
+}
+
+std::vector<document_field> document_fields() {
+    std::vector<document_field> out;
+    for (const list_row &section : SECTIONS)
+        add_fields(section, "", &out);
+    return out;
+}
+
 }  // namespace keyview::admin

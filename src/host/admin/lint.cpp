@@ -116,10 +116,10 @@ class lint_walk {
         std::string text = stored.substr(0, stored.find('\0'));
         if (text.empty()) {
             add(NAME_MISSING, path, "an empty name", mend);
-        } else if (stored.size() > table.name_limit) {
-            add(NAME_LONG, path, "no name: it cannot be read", mend);
         } else if (element_of(text, table.dotted_name) != element) {
-            add(NAME_OTHER, path, "the name " + text + ", which leads elsewhere", mend);
+            add(NAME_OTHER, path, "the name " + text + ", or none, if it is longer", mend);
+        } else if (stored.size() > element.size() + 1) {
+            add(NAME_LONG, path, "no name: it cannot be read", mend);
         }
     }
 

@@ -159,6 +159,15 @@ KEYVIEW_ADMIN_API std::optional<key_meaning> meaning_of(std::string_view path);
 KEYVIEW_ADMIN_API change_result apply_document(std::string_view document,
                                                const change_options &options = {}) noexcept;
 
+// A field of a document, in the order in which documents are written: the record that has it, such
+// as "databases[].instances[]", its type in a word, the key below the record's own, and how many
+// bytes are stored at most, or 0 where the key has a value of another kind.
+struct document_field {
+    std::string record, field, type, key;
+    uint32_t limit = 0;
+};
+KEYVIEW_ADMIN_API std::vector<document_field> document_fields();
+
 // Tells what apply_document would refuse, as far as the document alone shows it.
 KEYVIEW_ADMIN_API result check_document(std::string_view document) noexcept;
 

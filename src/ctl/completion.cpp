@@ -1,0 +1,149 @@
+// See completion.h.
+#include "ctl/completion.h"
+
+#include "ctl/key_names.h"
+#include "ctl/suggest.h"
+#include "ctl/text.h"
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+using words = std::vector<std::string>;
+
+namespace {
+
+// The command line as far as it is complete.
+struct walked {
+    const CLI::App *command;
+    words arguments = {};
+    const CLI::Option *open = nullptr;  // waits for its value
+};
+
+}  // namespace
+
+static const CLI::Option *option_of(const CLI::App *command, const std::string &word) {
+    for (; command != nullptr; command = command->get_parent())
+        for (const CLI::Option *option : command->get_options())
+            if (!option->get_positional() && option->check_name(word)) return option;
+    return nullptr;
+}
+
+static walked walk(const CLI::App &app, const words &line) {
+    walked at = {&app};
+    for (const std::string &word : line) {
+        if (at.open != nullptr) {
+            at.open = nullptr;
+            continue;
+        }
+        if (word.size() > 1 && word[0] == '-') {
+            const CLI::Option *option = option_of(at.command, word);
+            if (option != nullptr && option->get_items_expected_max() > 0) at.open = option;
+            continue;
+        }
+        const CLI::App *below = nullptr;
+        for (const CLI::App *one : at.command->get_subcommands(nullptr))
+            if (one->get_name() == word) below = one;
+        if (below != nullptr && at.arguments.empty()) {
+            at.command = below;
+        } else {
+            at.arguments.push_back(word);
+        }
+    }
+    return at;
+}
+
+// Keys one level below what is written of a path.
+static words keys_like(const std::string &path) {
+    size_t end = path.rfind('.');
+    std::string top = end == path.npos ? "DATABASE" : path.substr(0, end);
+    words out;
+    for (const admin::key_row &key : admin::read_keys(top, admin::depth::children).keys)
+        if (escaped(key.path) == key.path && (key.path != top || end == path.npos))
+            out.push_back(key.path);
+    return out;
+}
+
+static words values_for(const std::string &name, const walked &at, const std::string &begun) {
+    const std::string first = at.arguments.empty() ? "" : at.arguments[0];
+    const std::string database = database_key(first);
+    if (name == "DB") return registered_names("DATABASE.DATABASES");
+    if (name == "SERVICE" || name == "--service") return registered_names(database + ".SERVICE");
+    if (name == "INSTANCE" || name == "--instance") return registered_names(database + ".INSTANCE");
+    if (name == "NODE") return registered_names("DATABASE.NODEAPPS");
+    if (name == "SCOPE") return registered_names("DATABASE.STG");
+    if (name == "NAME") return registered_names("DATABASE.STG." + folded(first));
+    if (name == "KEY") return keys_like(begun);
+    if (name == "ROLE")
+        return {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY", "SNAPSHOT_STANDBY"};
+    if (name == "--output" || name == "-o") return {"table", "json", "jsonl", "tsv", "raw", "cmd"};
+    if (name == "--color") return {"auto", "always", "never"};
+    if (name == "--as") return {"text", "list", "base64"};
+    if (name == "SHELL") return {"bash", "zsh", "fish"};
+    return {};
+}
+
+static words option_names(const CLI::App *command) {
+    words out;
+    for (; command != nullptr; command = command->get_parent())
+        for (const CLI::Option *option : command->get_options())
+            for (const std::string &name : option->get_lnames())
+                out.push_back("--" + name);
+    return out;
+}
+
+static words next_words(const walked &at, const std::string &begun) {
+    if (at.open != nullptr) return values_for("--" + at.open->get_lnames().front(), at, begun);
+    if (!begun.empty() && begun[0] == '-') return option_names(at.command);
+    words out;
+    for (const CLI::App *one : at.command->get_subcommands(nullptr))
+        if (!one->get_group().empty()) out.push_back(one->get_name());
+    size_t left = at.arguments.size();
+    for (const CLI::Option *option : at.command->get_options()) {
+        if (!option->get_positional() || left-- > 0) continue;
+        return values_for(option->get_name(), at, begun);
+    }
+    return out;
+}
+
+std::string candidates_for(const CLI::App &app, words line) {
+    std::string begun;
+    if (!line.empty()) {
+        begun = line.back();
+        line.pop_back();
+    }
+    std::string out;
+    for (const std::string &word : next_words(walk(app, line), begun))
+        if (folded(word).rfind(folded(begun), 0) == 0) out += word + "\n";
+    return out;
+}
+
+static constexpr struct {
+    const char *shell, *script;
+} SCRIPTS[] = {
+    {"bash", R"(_keyviewctl() {
+    local IFS=$'\n'
+    COMPREPLY=($(keyviewctl __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+    [ ${#COMPREPLY[@]} -gt 0 ] || compopt -o default 2>/dev/null
+}
+complete -F _keyviewctl keyviewctl
+)"},
+    {"zsh", R"(#compdef keyviewctl
+_keyviewctl() {
+    local -a found
+    found=("${(@f)$(keyviewctl __complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+    if [[ -n "$found" ]]; then compadd -a found; else _files; fi
+}
+compdef _keyviewctl keyviewctl
+)"},
+    {"fish",
+     "complete -c keyviewctl -a '(keyviewctl __complete -- (commandline -opc)[2..-1] "
+     "(commandline -ct) 2>/dev/null)'\n"},
+};
+
+std::string completion_script(const std::string &shell) {
+    for (const auto &row : SCRIPTS)
+        if (shell == row.shell) return row.script;
+    return "";
+}
+
+}  // namespace keyview::ctl

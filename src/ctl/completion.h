@@ -1,0 +1,20 @@
+// What may follow on a command line, from the commands themselves and from the registry's names;
+// and the scripts by which a shell asks for it.
+#ifndef KEYVIEW_CTL_COMPLETION_H
+#define KEYVIEW_CTL_COMPLETION_H
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace keyview::ctl {
+
+// A candidate a line for the last word, which may be empty. Silent if the registry does not answer.
+std::string candidates_for(const CLI::App &app, std::vector<std::string> words);
+
+// "" for an unknown shell.
+std::string completion_script(const std::string &shell);
+
+}  // namespace keyview::ctl
+
+#endif

@@ -1,0 +1,15 @@
+// The manual pages, made from the tables behind the commands.
+#ifndef KEYVIEW_CTL_MANUAL_H
+#define KEYVIEW_CTL_MANUAL_H
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+namespace keyview::ctl {
+
+// The roff of "keyviewctl", "keyview-document" or "keyview-keys"; "" for any other page.
+std::string manual_page(const CLI::App &app, const std::string &page);
+
+}  // namespace keyview::ctl
+
+#endif

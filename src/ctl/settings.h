@@ -1,0 +1,41 @@
+// What the tool is set to: by an option, else by the environment, else by the user's file, else by
+// the machine's file. A context is a named group of settings in a file; one that is chosen by an
+// option goes before the environment.
+//
+//     registry = lmdb:/var/lib/keyview
+//     [context.test]
+//     registry = lmdb:/tmp/keyview
+#ifndef KEYVIEW_CTL_SETTINGS_H
+#define KEYVIEW_CTL_SETTINGS_H
+
+#include <string>
+#include <vector>
+
+namespace keyview::ctl {
+
+struct setting {
+    const char *name;
+    const char *variable;
+    const char *fallback;
+    std::string option = {};  // as given on the command line; "" for not at all
+    std::string value = {};
+    std::string origin = {};  // "option", "KEYVIEW_REGISTRY", a file's name, "default"
+};
+
+struct settings {
+    setting context = {"context", "KEYVIEW_CONTEXT", ""};
+    setting registry = {"registry", "KEYVIEW_REGISTRY", ""};
+    setting output = {"output", "KEYVIEW_OUTPUT", "table"};
+    setting color = {"color", "KEYVIEW_COLOR", "auto"};
+    setting lock_wait = {"lock_wait", "KEYVIEW_LOCK_WAIT", "60"};
+
+    std::vector<setting *> all() { return {&context, &registry, &output, &color, &lock_wait}; }
+
+    // Finds all values. Throws a tool_error for a file that cannot be understood and for a context
+    // that no file has.
+    void resolve();
+};
+
+}  // namespace keyview::ctl
+
+#endif

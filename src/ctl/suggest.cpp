@@ -1,0 +1,68 @@
+// See suggest.h.
+#include "ctl/suggest.h"
+
+#include <algorithm>
+
+#include "ctl/key_names.h"
+#include "ctl/text.h"
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+// Letters to change, add, leave out or swap with the next one.
+static size_t distance_between(const std::string &a, const std::string &b) {
+    std::vector<std::vector<size_t>> rows(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                rows[i][j] = i + j;
+                continue;
+            }
+            size_t other = a[i - 1] == b[j - 1] ? 0 : 1;
+            rows[i][j] =
+                std::min({rows[i - 1][j] + 1, rows[i][j - 1] + 1, rows[i - 1][j - 1] + other});
+            bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+            if (swapped) rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
+        }
+    }
+    return rows[a.size()][b.size()];
+}
+
+std::string nearest(const std::string &word, const std::vector<std::string> &candidates) {
+    constexpr size_t LONGEST = 64;
+    size_t least = std::max<size_t>(1, word.size() / 3) + 1;
+    std::string best;
+    for (const std::string &candidate : candidates) {
+        if (word.size() > LONGEST || candidate.size() > LONGEST) continue;
+        size_t distance = distance_between(folded(word), folded(candidate));
+        if (distance < least) {
+            least = distance;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+std::vector<std::string> registered_names(const std::string &section) {
+    std::vector<std::string> names;
+    admin::keys_result found = admin::read_keys(section, admin::depth::children);
+    for (const admin::key_row &key : found.keys) {
+        if (key.path == section) continue;
+        std::string name = key.value.empty() ? key.path.substr(section.size() + 1)
+                                             : key.value.substr(0, key.value.find('\0'));
+        if (escaped(name) == name) names.push_back(name);
+    }
+    return names;
+}
+
+std::string database_meant(const std::vector<std::string> &words) {
+    std::vector<std::string> names = registered_names("DATABASE.DATABASES");
+    for (const std::string &word : words) {
+        if (word.empty() || word[0] == '-') continue;
+        std::string meant = nearest(word, names);
+        if (!meant.empty() && folded(meant) != folded(word)) return "did you mean " + meant + "?";
+    }
+    return "";
+}
+
+}  // namespace keyview::ctl

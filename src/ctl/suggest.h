@@ -1,0 +1,22 @@
+// "Did you mean": what a mistyped word may have been.
+#ifndef KEYVIEW_CTL_SUGGEST_H
+#define KEYVIEW_CTL_SUGGEST_H
+
+#include <string>
+#include <vector>
+
+namespace keyview::ctl {
+
+// The candidate that is least far from a word, whatever the case; "" if none is near.
+std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
+
+// The registered names of a section, such as "DATABASE.DATABASES"; none if it cannot be read. Names
+// that a terminal must not see are left out.
+std::vector<std::string> registered_names(const std::string &section);
+
+// "did you mean Sales?", if one of the words is near the name of a database; else "".
+std::string database_meant(const std::vector<std::string> &words);
+
+}  // namespace keyview::ctl
+
+#endif

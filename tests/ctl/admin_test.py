@@ -1,0 +1,369 @@
+#!/usr/bin/env python3
+"""keyviewctl as an administrator uses it: formats against their schema, hostile names on a terminal,
+plans and what is written, backups under fire, findings and what mends them."""
+import base64, json, os, pty, random, re, shutil, signal, subprocess, sys, tempfile, time, unittest
+import jsonschema
+
+TOOL, EXAMPLE, SCHEMA, README = map(os.path.abspath, sys.argv[1:5])
+
+
+def content(name):
+    with open(name, "rb") as file:
+        return file.read()
+
+
+VALIDATOR = jsonschema.Draft202012Validator(json.loads(content(SCHEMA)))
+SALES = "DATABASE.DATABASES.sales"
+
+
+class Administrator(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.url = "lmdb:" + self.folder + "/registry"
+        self.env = {"PATH": os.environ["PATH"], "HOME": self.folder, "KEYVIEW_REGISTRY": self.url}
+        self.good("apply", EXAMPLE)
+
+    def run_tool(self, *words, stdin=b"", **env):
+        return subprocess.run([TOOL, *words], input=stdin, capture_output=True, timeout=120,
+                              env={**self.env, **env})
+
+    def good(self, *words, code=0, **more):
+        ended = self.run_tool(*words, **more)
+        self.assertEqual(ended.returncode, code, (words, ended.stderr.decode(errors="replace")))
+        return ended.stdout.decode(errors="surrogateescape")
+
+    def json(self, *words, **more):
+        document = json.loads(self.good("-o", "json", *words, **more))
+        VALIDATOR.validate(document)
+        return document
+
+    def store(self, path, value):
+        self.good("set", path, "--as", "base64", base64.b64encode(value).decode())
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    # What a person sees on a terminal of 80 columns.
+    def on_terminal(self, *words):
+        leader, follower = pty.openpty()
+        child = subprocess.Popen([TOOL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
+                                 env={**self.env, "TERM": "xterm", "NO_COLOR": "1"})
+        os.close(follower)
+        seen = b""
+        try:
+            while block := os.read(leader, 65536):
+                seen += block
+        except OSError:  # the end of a terminal
+            pass
+        child.wait()
+        os.close(leader)
+        return seen
+
+
+READS = """list|show sales|show ledger|status|status sales|roster sales reporting|policy ledger booking|role sales
+domain sales|name sales|name sales Sales1|instance-on node5 ledger|enabled sales|supported sales reporting sales4
+stg node1 stg1|stg-name node1 stg1|stg-enabled node1 stg1|nodeapps node1|get DATABASE.DATABASES.sales.ENVIRONMENT
+ls DATABASE.STG|tree|explain|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config
+disable sales --dry-run|role sales PRIMARY --dry-run|set DATABASE.DATABASES.sales.DOMAIN x --dry-run
+rm DATABASE.STG --dry-run""".replace("\n", "|").split("|")
+
+
+class Output(Administrator):
+    def test_every_document_fits_the_schema(self):
+        self.store(SALES + ".DOMAIN", b"\xff\x00")
+        self.store(SALES + ".ENVIRONMENT", b"a\x00\xc3\x28\x00\x00")
+        for command in READS:
+            self.json(*command.split())
+            for line in self.good("-o", "jsonl", *command.split()).splitlines():
+                VALIDATOR.validate(json.loads(line))
+        for command in ("show nobody", "frob", "apply -", "get X", "set a..b --as text x"):
+            error = json.loads(self.run_tool("-o", "json", *command.split()).stderr)
+            VALIDATOR.validate(error)
+
+    def test_a_tree_comes_back_from_its_commands(self):
+        before = self.json("tree")["keys"]
+        commands = self.good("tree", "-o", "cmd")
+        self.good("rm", "DATABASE")
+        os.symlink(TOOL, self.path("keyviewctl"))
+        subprocess.run(["sh", "-e"], input=commands.encode(), check=True, capture_output=True,
+                       env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
+        self.assertEqual(self.json("tree")["keys"], before)
+
+    def test_nothing_harmful_reaches_a_terminal(self):
+        hostile = ["\x1b[2J", "\u202e", "\u009b31m", "\u2028", "\u200f", "\ufeff", "\U000e0041", "\x7f", "\r"]
+        raw = re.compile(b"[\x00-\x08\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xe2\x80[\x8e\x8f\xa8-\xae]"
+                         b"|\xe2\x81[\xa6-\xa9]|\xef\xbb\xbf|\xf3\xa0|\xff")
+        for number, text in enumerate(hostile):
+            name = "h%d%s" % (number, text if text > "\x7f" else "")
+            value = (name + text).encode() + b"\xff\0"
+            self.store("DATABASE.DATABASES." + name, value)
+            for key in ("SPFILE", "ENABLED", "ROLE", "INSTANCE.i", "INSTANCE.i.NODE", "SERVICE.s"):
+                self.store("DATABASE.DATABASES.%s.%s" % (name, key), value)
+            path = "DATABASE.DATABASES." + name
+            for command in (["list"], ["status"], ["status", name], ["show", name], ["tree", path], ["lint"],
+                            ["get", path, "-o", "raw"], ["ls", "DATABASE.DATABASES", "-o", "tsv"], ["check"],
+                            ["tree", path, "-o", "json"], ["tree", path, "-o", "cmd"], ["export"],
+                            ["show", "no" + text], ["rm", path, "--dry-run"], ["role", name],
+                            ["set", path + ".ROLE", text], ["frob" + text], ["-o", "json", "get", text]):
+                seen = self.on_terminal(*command)
+                self.assertIsNone(raw.search(seen.replace(b"\r\n", b"\n")), (command, seen))
+
+    def test_tables_fit_and_colours_only_repeat(self):
+        self.store(SALES + ".SERVICE.数据库服务", "数据库服务".encode() + b"\0")
+        plain = self.on_terminal("status", "sales").decode().replace("\r\n", "\n")
+        self.assertTrue(all(len(line) <= 80 for line in plain.splitlines()), plain)
+        painted = self.good("--color", "always", "status", "sales")
+        self.assertIn("\x1b[31mdisabled", painted)
+        self.assertNotIn("\x1b", self.good("status", "sales"))
+        self.assertEqual(re.sub(r"\x1b\[\d*m", "", painted), self.good("status", "sales"))
+
+
+class Changes(Administrator):
+    def test_apply_then_diff_then_apply(self):
+        self.good("set", SALES + ".DOMAIN", "x")
+        self.good("set", SALES + ".MORE", "--as", "text", "x")
+        for prune in ([], ["--prune"]):
+            self.assertEqual(self.run_tool("diff", EXAMPLE, *prune).returncode, 1)
+            dry = self.good("apply", EXAMPLE, "--dry-run", *prune)
+            self.assertEqual(self.good("apply", EXAMPLE, *prune), dry)
+            self.good("diff", EXAMPLE, *prune)
+            revision = self.json("get", SALES)["revision"]
+            self.good("apply", EXAMPLE, *prune)
+            self.assertEqual(self.json("get", SALES)["revision"], revision)
+        self.assertEqual(self.good("export"), content(EXAMPLE).decode())
+        self.assertEqual(self.run_tool("get", SALES + ".MORE").returncode, 3)
+
+    def test_a_dry_run_tells_what_a_real_one_writes(self):
+        for command in ("disable sales", "disable sales --service reporting", "role ledger LOGICAL_STANDBY",
+                        "disable ledger --instance ledger1", "rm DATABASE.STG.node1", "set DATABASE.NEW --as text 1",
+                        "set %s.ENVIRONMENT A=1 B=2" % SALES, "enable sales --service nightly_batch"):
+            before = {key["path"]: key["value"] for key in self.json("tree")["keys"]}
+            told = self.json(*command.split(), "--dry-run")
+            self.assertEqual({k["path"]: k["value"] for k in self.json("tree")["keys"]}, before)
+            done = self.json(*command.split())
+            self.assertEqual((done["changes"], done["locks"]), (told["changes"], told["locks"]), command)
+            self.assertTrue(done["changes"], command)
+            after = {key["path"]: key["value"] for key in self.json("tree")["keys"]}
+            for change in done["changes"]:
+                self.assertEqual(before.pop(change["path"], None), change["before"])
+                self.assertEqual(after.pop(change["path"], None), change["after"])
+            self.assertEqual(before, after)
+
+    def test_a_stale_revision_and_a_lock_change_nothing(self):
+        revision = self.json("get", SALES)["revision"]
+        self.good("lock", "run", "LKRT." + SALES, "--", "true")
+        self.assertEqual(self.json("get", SALES)["revision"], revision, "a lock moves no revision")
+        self.good("set", SALES + ".DOMAIN", "x", "--if-revision", str(revision))
+        tree = self.good("tree")
+        for command in (["set", SALES + ".DOMAIN", "y"], ["apply", EXAMPLE], ["rm", SALES]):
+            self.good(*command, "--if-revision", str(revision), code=6)
+        for command in (["set", SALES + ".DOMAIN", "y"], ["disable", "sales"], ["rm", SALES]):
+            self.good("lock", "run", "LKRT." + SALES, "--", TOOL, *command, code=5, KEYVIEW_LOCK_WAIT="0")
+        self.assertEqual(self.good("tree"), tree)
+
+    def test_who_holds_a_lock_is_told(self):
+        name = "LKRT." + SALES
+        for shared in ([], ["--shared"]):
+            rows = json.loads(self.good("lock", "run", name, *shared, "--", TOOL, "-o", "json", "lock", "list"))
+            self.assertEqual([row["lock"] for row in rows["locks"]], [name])
+            self.assertEqual(rows["locks"][0]["mode"], "shared" if shared else "exclusive")
+        self.good("lock", "run", name, "--", "sh", "-c", "exit 77", code=77)
+
+    def test_watch_misses_nothing_in_silence(self):
+        child = subprocess.Popen([TOOL, "watch", SALES, "-o", "jsonl", "--count", "3", "--from", "1", "--exec",
+                                  "cat >> " + self.path("got")], env=self.env, stdout=subprocess.PIPE)
+        lines = [json.loads(child.stdout.readline())]
+        for number, value in enumerate("abc"):
+            self.good("set", SALES + ".DOMAIN", value)
+            while len(lines) < number + 2:
+                lines.append(json.loads(child.stdout.readline()))
+        lines += [json.loads(line) for line in child.communicate(timeout=60)[0].splitlines()]
+        for line in lines:
+            VALIDATOR.validate(line)
+        self.assertEqual([line["kind"] for line in lines], ["gap", "change", "change", "change"])
+        self.assertEqual([line["after"] for line in lines[1:]], ["a\0", "b\0", "c\0"])
+        self.assertEqual([json.loads(line) for line in content(self.path("got")).splitlines()], lines[1:])
+
+
+class Keeping(Administrator):
+    def test_a_backup_with_any_byte_changed_is_refused(self):
+        self.good("rm", "DATABASE")
+        self.good("set", "DATABASE.DATABASES.x", "X")
+        self.good("backup", self.path("saved"))
+        self.assertEqual(os.stat(self.path("saved")).st_mode & 0o777, 0o600)
+        saved = content(self.path("saved"))
+        self.good("set", "DATABASE.DATABASES.y", "Y")
+        for at in range(len(saved)):
+            broken = saved[:at] + bytes([saved[at] ^ 1 << at % 8]) + saved[at + 1:]
+            self.good("restore", "-", "--force", code=8, stdin=broken)
+            if at % 8 == 0:
+                self.good("restore", "-", "--force", code=8, stdin=saved[:at])
+        self.assertIn("Y", self.good("list"))
+        self.good("restore", self.path("saved"), "--force")
+        self.good("diff", self.path("saved"))
+
+    def test_random_bytes_survive_backup_restore_and_copy(self):
+        random.seed(7)
+        for number in range(20):
+            self.store(SALES + ".X.k%d" % number, random.randbytes(random.choice([0, 1, 7, 900])))
+        tree = self.json("tree")["keys"]
+        self.good("backup", self.path("saved"))
+        self.good("copy", "--to", "lmdb:" + self.path("other"))
+        for url in (self.url, "lmdb:" + self.path("other"), "lmdb:" + self.path("third")):
+            self.good("restore", self.path("saved"), "--force", "--registry", url)
+            self.assertEqual(self.json("tree", "--registry", url)["keys"], tree)
+
+    def test_a_backup_under_a_writer_shows_one_moment(self):
+        a, b = SALES + ".SERVICE.reporting.ENABLED", SALES + ".SERVICE.reporting.INSTANCES.sales4.ENABLED"
+        self.good("disable", "sales", "--service", "reporting")
+        document = json.loads(content(EXAMPLE))
+        files = []
+        for flag in (True, False):
+            service = document["databases"][1]["services"][2]
+            service["enabled"] = service["preferred"][0]["enabled"] = service["available"][0]["enabled"] = flag
+            files.append(self.path("d%d" % flag))
+            with open(files[-1], "w") as file:
+                json.dump(document, file)
+        writer = subprocess.Popen(["sh", "-c", 'while "$0" apply "$1" && "$0" apply "$2"; do :; done', TOOL, *files],
+                                  env=self.env, stdout=subprocess.DEVNULL)
+        try:
+            for _ in range(15):
+                rows = dict(line.rsplit(" ", 1) for line in self.good("backup", "-").splitlines()[3:])
+                self.assertEqual(rows[a], rows[b])
+        finally:
+            writer.kill()
+            writer.wait()
+
+    def test_a_kill_leaves_no_half_file_and_no_half_tree(self):
+        self.good("backup", self.path("full"))
+        self.good("backup", self.path("saved"))
+        full = self.good("tree")
+        for number in range(30):
+            command = ["restore", self.path("full"), "--force"] if number % 2 else ["backup", self.path("saved")]
+            self.good("rm", SALES) if number % 2 else None
+            before = self.good("tree")
+            child = subprocess.Popen([TOOL, *command], env=self.env, stdout=subprocess.DEVNULL)
+            time.sleep(number * 0.001)
+            child.send_signal(signal.SIGKILL)
+            child.wait()
+            self.assertIn(self.good("tree"), (before, full))
+            self.good("diff", self.path("saved"), "--registry", self.url, code=0 if self.good("tree") == full else 1)
+            self.good("restore", self.path("full"), "--force")
+
+    def test_lint_finds_each_fault_and_what_mends_it(self):
+        self.assertEqual(self.json("lint")["findings"], [])
+        instance, service = SALES + ".INSTANCE.sales2", SALES + ".SERVICE.reporting.INSTANCES.sales3"
+        faults = [("name-missing", SALES, b""), ("name-other", SALES, b"Soles\0"),
+                  ("name-long", instance, b"Sales2\0\0"), ("type-case", service + ".TYPE", b"available\0"),
+                  ("type-missing", service + ".TYPE", None), ("flag-two-ways", SALES + ".ENABLED", b"yes\0"),
+                  ("list-single", SALES + ".ENVIRONMENT", b"A=1\0"), ("list-form", SALES + ".ENVIRONMENT", b"A\0B\0"),
+                  ("value-long", SALES + ".SPFILE", b"x" * 1025), ("word-unknown", SALES + ".ROLE", b"MASTER\0"),
+                  ("node-twice", instance + ".NODE", b"node1\0"), ("node-case", instance + ".NODE", b"Node2\0"),
+                  ("instance-missing", SALES + ".SERVICE.reporting.INSTANCES.sales9", b"Sales9\0")]
+        for rule, path, value in faults:
+            if rule == "instance-missing":
+                self.store(path + ".TYPE", b"AVAILABLE\0")
+            self.good("rm", path) if value is None else self.store(path, value)
+            found = self.json("lint", code=8)["findings"]
+            self.assertEqual([one["rule"] for one in found], [rule])
+            self.assertIn(found[0]["path"].split(".TYPE")[0].split(".NODE")[0], path)
+            subprocess.run(found[0]["mend"].replace("keyviewctl", TOOL, 1), shell=True, check=True, env=self.env,
+                           stdout=subprocess.DEVNULL)
+            self.assertEqual(self.json("lint")["findings"], [], rule)
+            self.good("apply", EXAMPLE)
+
+
+    def test_random_texts_survive_export_and_apply(self):
+        random.seed(11)
+        def text(longest):
+            return "".join(chr(random.choice([random.randrange(1, 0x7f), random.randrange(0xa0, 0xd800),
+                                              random.randrange(0x10000, 0x110000)]))
+                           for _ in range(random.randrange(1, longest)))
+        document = {"format": "keyview-cluster", "version": 1, "databases": [
+            {"name": "d%04d" % n, "spfile": text(90), "env": [text(9) for _ in range(3)]} for n in range(1000)]}
+        self.good("rm", "DATABASE")
+        self.good("apply", "-", stdin=json.dumps(document).encode())
+        exported = self.good("export")
+        self.assertEqual(json.loads(exported), document)
+        self.good("diff", "-", "--prune", stdin=exported.encode())
+        begun = time.monotonic()
+        self.assertEqual(len(self.good("list").splitlines()), 1000)
+        print("list of 1,000 databases: %.0f ms" % ((time.monotonic() - begun) * 1000))
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
+    def test_who_may_not_is_told(self):
+        os.chmod(self.folder, 0o755)
+        for command in READS + ["apply -", "backup -", "restore -", "export", "disable sales", "watch", "diff -"]:
+            if command.split()[0] in ("explain", "errors", "config"):
+                continue
+            words = command.split()
+            stdin = content(EXAMPLE)
+            if words[0] == "restore":
+                stdin = self.good("backup", "-").encode()
+            ended = subprocess.run([TOOL, *words], input=stdin, capture_output=True, env=self.env, user=65534, timeout=60)
+            self.assertEqual(ended.returncode, 7, (command, ended.stderr))
+
+
+class Comfort(Administrator):
+    def test_the_way_of_a_new_user(self):
+        block = re.search(r"## From the shell\n\n((    .*\n)+)", content(README).decode()).group(1)
+        lines = [line.split("#")[0].strip() for line in block.splitlines()]
+        self.assertLessEqual(len(lines), 10)
+        shutil.copy(EXAMPLE, self.path("cluster.json"))
+        os.symlink(TOOL, self.path("keyviewctl"))
+        shutil.rmtree(self.path("registry"))
+        script = "\n".join(lines).replace("lmdb:/var/lib/keyview", self.url).replace(
+            "watch ", "watch --for 0.1 ")
+        ended = subprocess.run(["sh", "-e"], input=script.encode(), cwd=self.folder, capture_output=True,
+                               env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
+        self.assertEqual(ended.returncode, 0, ended.stderr)
+
+    def test_what_was_meant_is_told(self):
+        self.assertIn(b"did you mean status?", self.run_tool("statsu").stderr)
+        self.assertIn(b"did you mean Sales?", self.run_tool("show", "slaes").stderr)
+
+    def test_settings_come_in_their_order(self):
+        os.makedirs(self.path(".config/keyview"))
+        with open(self.path(".config/keyview/config"), "w") as file:
+            file.write("output = json\nregistry = lmdb:/user\n[context.test]\nregistry = lmdb:/context\n")
+        def registry(*words, **env):
+            rows = json.loads(self.good("config", *words, **env))["config"]
+            return [row["value"] for row in rows if row["setting"] == "registry"][0]
+        self.assertEqual(registry(), self.url)
+        self.assertEqual(registry("--registry", "lmdb:/option"), "lmdb:/option")
+        self.assertEqual(registry("--context", "test"), "lmdb:/context")
+        self.assertEqual(registry(KEYVIEW_REGISTRY=""), "lmdb:/user")
+        self.assertEqual(registry(KEYVIEW_REGISTRY="", KEYVIEW_CONTEXT="test"), "lmdb:/context")
+        self.good("config", "--context", "absent", code=2)
+
+    def test_completion_is_live_and_quick(self):
+        def complete(*words, **env):
+            begun = time.monotonic()
+            out = self.good("__complete", "--", *words, **env).splitlines()
+            return out, time.monotonic() - begun
+        self.assertIn("status", complete("sta")[0])
+        self.assertEqual(complete("show", "s")[0], ["Sales", "SalesStandby", "sandbox"])
+        self.assertEqual(complete("roster", "sales", "rep")[0], ["reporting"])
+        self.assertEqual(complete("enabled", "sales", "--instance", "sales4")[0], ["Sales4"])
+        self.assertIn(SALES, complete("get", "DATABASE.DATABASES.")[0])
+        self.assertEqual(complete("show", "s", KEYVIEW_REGISTRY="lmdb:/absent")[0], [])
+        many = {"format": "keyview-cluster", "version": 1, "databases": [{"name": "db%d" % n} for n in range(1000)]}
+        self.good("apply", "-", stdin=json.dumps(many).encode())
+        names, took = min((complete("show", "db") for _ in range(3)), key=lambda one: one[1])
+        self.assertEqual(len(names), 1000)
+        print("completion of 1,000 databases: %.0f ms" % (took * 1000))
+        self.assertLess(took, 2)  # 0.2 s on a machine that is not busy
+
+    def test_the_manual_tells_all_commands_and_codes(self):
+        page = self.good("manual", "keyviewctl")
+        for word in re.findall(r"^  ([a-z-]+) ", self.good("--help").split("Subcommands:")[1], re.M):
+            self.assertIn(".SS " + word.replace("-", "\\-"), page)
+        for row in self.json("errors")["errors"]:
+            self.assertIn(row["meaning"].replace("-", "\\-").replace("'", "\\(aq"), page)
+        for key in self.json("explain")["meanings"]:
+            self.assertIn(key["path"], self.good("manual", "keyview-keys"))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
