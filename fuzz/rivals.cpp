@@ -25,7 +25,7 @@
 namespace keyview::test {
 
 static constexpr int CLIENTS = 8;
-static constexpr unsigned NAMES = 4;
+static constexpr unsigned NAMES = 6;
 static constexpr unsigned KEYS = 3;  // below each name
 static constexpr unsigned MOST_SETS = 3;
 static constexpr unsigned WRITERS_OF_TEN = 4;
@@ -216,8 +216,11 @@ class arena {
         held.reset();
         await_places(queue, 0);
         waiter.go_on();
-        for (int64_t before = counts_.acquisitions; counts_.acquisitions == before; usleep(1000))
+        stopwatch watch;
+        for (int64_t before = counts_.acquisitions; counts_.acquisitions == before; usleep(1000)) {
+            require(watch.ms() < LONGEST_SILENCE_MS, "a waiter that was stopped is not granted");
             waiter.read();
+        }
         waiter.end(&wrong_);
     }
 
@@ -240,6 +243,7 @@ class arena {
             one->ask_to_end();
         for (auto &one : seats_)
             one->end(&wrong_);
+        await_places(PREFIX + std::string("/lk/"), 0);  // of those killed last, too
     }
 
     // Whether all was right.
@@ -287,7 +291,7 @@ class arena {
         stopwatch watch;
         while (events_.count(queue) != count) {
             require(watch.ms() < 30000, "a queue does not become what it should");
-            usleep(5000);
+            usleep(20000);
         }
     }
 
@@ -314,7 +318,7 @@ class arena {
     void plan_harm() {
         for (int64_t left = from_to(1, 4); left > 0; --left)
             later(from_to(0, 600), [this] { harm(); });
-        next_harm_ = steady::now() + std::chrono::milliseconds(from_to(1000, 4000));
+        next_harm_ = steady::now() + std::chrono::milliseconds(from_to(1500, 4500));
     }
 
     void harm() {
@@ -381,6 +385,7 @@ int main(int argc, char **argv) {
     bool unchecked = argc > 1 && std::string(argv[1]) == "--unchecked";
     argc -= unchecked;
     argv += unchecked;
+    (void)setenv("TMPDIR", "/dev/shm", 0);  // of the members: what is killed loses nothing there
     int64_t acquisitions = argc > 1 ? atoll(argv[1]) : 1000;
     auto seed = static_cast<unsigned>(argc > 2 ? strtoul(argv[2], nullptr, 10) : 20240607);
     try {
