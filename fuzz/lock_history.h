@@ -45,7 +45,10 @@ class event_log {
         : calls_(settings), prefix_(settings.prefix + "/"), thread_([this] { follow(); }) {}
     event_log(const event_log &) = delete;
     event_log &operator=(const event_log &) = delete;
-    ~event_log() { (void)all(); }
+    ~event_log() {
+        ended_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
 
     // All events so far; it follows no further.
     const std::vector<host::wire::Event> &all() {
@@ -79,7 +82,7 @@ class event_log {
         std::lock_guard guard(mutex_);
         for (const host::wire::Event &one : response.events()) {
             events_.push_back(one);
-            ended_ = ended_ || one.kv().key() == end_;
+            if (one.kv().key() == end_) ended_ = true;
         }
         return !ended_;
     }
@@ -107,7 +110,7 @@ class event_log {
     std::string end_ = prefix_ + "end";
     std::mutex mutex_;
     std::vector<host::wire::Event> events_;
-    bool ended_ = false;
+    std::atomic<bool> ended_{false};
     std::thread thread_;
 };
 
