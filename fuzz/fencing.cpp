@@ -6,9 +6,6 @@
 //   and runs a cascade of its own, then the holder goes on: it must write nothing any more, and be
 //   told that the lock was lost.
 // - A holder is killed: who waits must have the lock within the time of the lease and a second.
-// - The request for a place in the queue is carried out once more while the lock is held, as one
-// may
-//   be that was sent twice: sets must still be done.
 // - The leader is killed while calls go on: each must succeed soon, with the right result.
 //
 // Usage: fencing [--unfenced] [ROUNDS [LEADERS]], rounds of stopped holders, killed leaders.
@@ -22,7 +19,6 @@
 
 #include "cluster.h"
 #include "host/cluster/cluster.h"
-#include "host/cluster/etcd_locks.h"
 #include "host/cluster/faults.h"
 #include "members.h"
 #include "own_process.h"
@@ -164,27 +160,6 @@ class proving_ground {
         (void)printf("%d holders killed: the longest wait for the lock was %jd ms of %jd\n",
                      KILLED_HOLDERS, worst_ms.load(), HANDOVER_MS);
         return worst_ms <= HANDOVER_MS;
-    }
-
-    // What such a request does to a place is done to it before each set.
-    bool request_again() {
-        std::string name = numbered("n", 0);
-        auto held = acquire(name);
-        const queue_place &place = *dynamic_cast<const etcd_lock &>(*held).place();
-        wire::TxnRequest again;
-        wire::PutRequest *put = again.add_success()->mutable_request_put();
-        put->set_key(place.key());
-        put->set_ignore_value(true);
-        put->set_ignore_lease(true);
-        connection calls(settings_of(members_.url()));
-        int lost = 0;
-        for (int k = 0; k < KEYS; ++k) {
-            (void)calls.txn(again, calls.answer_end());
-            require(registry_.keys->set(key_of(name, k), "set", held.get()), "no key");
-            lost += stored(key_of(name, k)) != "set";
-        }
-        (void)printf("%d sets after a late request: %d lost\n", KEYS, lost);
-        return lost == 0;
     }
 
     bool kill_leaders(int count);
@@ -339,9 +314,8 @@ static bool run_all(bool unfenced, int rounds, int leaders) {
     proving_ground ground;
     if (!ground.stop_holders(rounds, unfenced)) return false;
     if (unfenced) return true;  // which it should not be
-    bool all_done = ground.request_again();
     bool in_time = ground.kill_holders();
-    return ground.kill_leaders(leaders) && in_time && all_done;
+    return ground.kill_leaders(leaders) && in_time;
 }
 
 }  // namespace keyview::test

@@ -64,7 +64,6 @@ class request_for_lock {
         put->set_key(place_->key());
         put->set_value(this_process());
         put->set_lease(place_->lease()->id);
-        add_range(ops, {place_->key(), ""});
     }
 
     // Takes a place in the queue; true if that is the lock already.
@@ -86,9 +85,15 @@ class request_for_lock {
     bool put_place(steady::time_point end) {
         wire::TxnRequest request;
         add_compare(&request, conflicts(), 0);
+        add_compare(&request, {place_->key(), ""}, 0);
         add_put(request.mutable_success());
+        add_range(request.mutable_success(), {place_->key(), ""});
         if (reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
-        add_put(request.mutable_failure());
+        // Sent twice, it leaves the place as it is: only sets change it.
+        wire::TxnRequest *once = request.add_failure()->mutable_request_txn();
+        add_compare(once, {place_->key(), ""}, 0);
+        add_put(once->mutable_success());
+        add_range(request.mutable_failure(), {place_->key(), ""});
         add_range(request.mutable_failure(), cluster_->keys().lock_queue(name_));
         bool repeated = false;
         wire::TxnResponse response = cluster_->txn(request, end, &repeated);

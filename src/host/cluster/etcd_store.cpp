@@ -162,9 +162,9 @@ class set_request {
             const wire::RangeResponse &place = response.responses(2).response_range();
             bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created();
             if (!held) return outcome::lock_lost;
-            // By an earlier try, or only by a request for the place that was carried out late: the
-            // value below tells which.
+            bool by_us = place.kvs(0).mod_revision() != lock_->changed();
             lock_->note_changed(place.kvs(0).mod_revision());
+            if (by_us) return outcome::done;  // by an earlier try
         }
         const wire::RangeResponse &marker = response.responses(1).response_range();
         if (stored.kvs_size() == 0) return outcome::no_such_key;
