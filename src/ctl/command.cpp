@@ -1,6 +1,7 @@
 // How a command and its arguments join the program.
 #include "ctl/command.h"
 
+#include <CLI/CLI.hpp>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -42,6 +43,15 @@ CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const
         shared->run = run;
     });
     return command;
+}
+
+void add_text(CLI::App *command, const char *name, std::string *text, const char *description,
+              need needed) {
+    command->add_option(name, *text, description)->required(needed == need::required);
+}
+
+void add_flag(CLI::App *command, const char *name, bool *flag, const char *description) {
+    command->add_flag(name, *flag, description);
 }
 
 static void add_dry_run(CLI::App *command, tool *shared) {

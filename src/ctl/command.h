@@ -3,7 +3,6 @@
 #ifndef KEYVIEW_CTL_COMMAND_H
 #define KEYVIEW_CTL_COMMAND_H
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
 #include <vector>
@@ -11,6 +10,11 @@
 #include "ctl/exit_codes.h"
 #include "ctl/settings.h"
 #include "ctl/view.h"
+
+// Large: a file that needs more than the calls below includes CLI/CLI.hpp itself.
+namespace CLI {
+class App;
+}
 
 namespace keyview::ctl {
 
@@ -53,6 +57,12 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
 // The same for a command that asks no registry.
 CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
                             const std::function<exit_code()> &run);
+
+// One argument, or an option with its value; and an option without one.
+enum class need { optional, required };
+void add_text(CLI::App *command, const char *name, std::string *text, const char *description,
+              need needed = need::optional);
+void add_flag(CLI::App *command, const char *name, bool *flag, const char *description);
 
 // --dry-run, --if-revision and --yes.
 void add_write_options(CLI::App *command, tool *shared);

@@ -51,8 +51,8 @@ void add_care_commands(CLI::App *app, tool *shared) {
     CLI::App *recover = add_command(app, shared, "recover",
                                     "End a large change set that stopped half-way in a cluster",
                                     [=] { return run_recover(*shared, *resume, *undo); });
-    recover->add_flag("--resume", *resume, "Finish it");
-    recover->add_flag("--undo", *undo, "Take it back");
+    add_flag(recover, "--resume", resume.get(), "Finish it");
+    add_flag(recover, "--undo", undo.get(), "Take it back");
 }
 
 }  // namespace keyview::ctl

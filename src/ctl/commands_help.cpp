@@ -1,4 +1,5 @@
 // errors, config, completion and manual: what the tool knows about itself.
+#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "ctl/command.h"

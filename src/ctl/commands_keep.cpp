@@ -106,21 +106,23 @@ static exit_code run_lint(const tool &shared) {
 void add_keep_commands(CLI::App *app, tool *shared) {
     auto file = std::make_shared<std::string>();
     auto force = std::make_shared<bool>(false);
-    add_command(app, shared, "backup", "Write the whole tree, as of one moment, into a file",
-                [=] { return run_backup(*shared, *file); })
-        ->add_option("FILE", *file, "Where to write it, with mode 0600; - for standard output")
-        ->required();
+    CLI::App *backup =
+        add_command(app, shared, "backup", "Write the whole tree, as of one moment, into a file",
+                    [=] { return run_backup(*shared, *file); });
+    add_text(backup, "FILE", file.get(), "Where to write it, with mode 0600; - for standard output",
+             need::required);
 
     CLI::App *restore = add_command(app, shared, "restore",
                                     "Bring the tree to what a backup holds, all of it or nothing",
                                     [=] { return run_restore(*shared, *file, *force); });
-    restore->add_option("FILE", *file, "The backup; - for standard input")->required();
+    add_text(restore, "FILE", file.get(), "The backup; - for standard input", need::required);
 
     CLI::App *copy = add_command(app, shared, "copy", "Copy the whole tree into another registry",
                                  [=] { return run_copy(*shared, *file, *force); });
-    copy->add_option("--to", *file, "URL of the other registry")->required();
+    add_text(copy, "--to", file.get(), "URL of the other registry", need::required);
     for (CLI::App *command : {restore, copy}) {
-        command->add_flag("--force", *force, "Also if it holds keys: what is not in the copy goes");
+        add_flag(command, "--force", force.get(),
+                 "Also if it holds keys: what is not in the copy goes");
         add_write_options(command, shared);
     }
 

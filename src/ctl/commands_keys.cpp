@@ -1,6 +1,7 @@
 // get, ls, tree, explain and watch: keys as they are stored, and what they mean.
 #include <sys/wait.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <chrono>

@@ -1,4 +1,5 @@
 // apply, diff, export, set and rm: what creates, changes and removes keys.
+#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "ctl/change_view.h"

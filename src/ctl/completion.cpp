@@ -1,6 +1,8 @@
 // See completion.h.
 #include "ctl/completion.h"
 
+#include <CLI/CLI.hpp>
+
 #include "ctl/key_names.h"
 #include "ctl/suggest.h"
 #include "ctl/text.h"

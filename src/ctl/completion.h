@@ -3,9 +3,12 @@
 #ifndef KEYVIEW_CTL_COMPLETION_H
 #define KEYVIEW_CTL_COMPLETION_H
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace keyview::ctl {
 

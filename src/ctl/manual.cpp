@@ -1,6 +1,8 @@
 // See manual.h.
 #include "ctl/manual.h"
 
+#include <CLI/CLI.hpp>
+
 #include "ctl/exit_codes.h"
 #include "host/if/keyview_admin.h"
 

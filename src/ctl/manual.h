@@ -2,8 +2,11 @@
 #ifndef KEYVIEW_CTL_MANUAL_H
 #define KEYVIEW_CTL_MANUAL_H
 
-#include <CLI/CLI.hpp>
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace keyview::ctl {
 

@@ -206,4 +206,30 @@ std::shared_ptr<held_lock> etcd_locks::acquire(std::string_view name, lock_mode 
     return request_for_lock(keys_.get(), name, mode, wanted).acquire(limit);
 }
 
+// A place waits if one before it in its queue conflicts with it.
+std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
+    (void)names;
+    session *cluster = keys_->cluster().get();
+    wire::TxnRequest request;
+    add_range(request.mutable_success(), cluster->keys().all_locks());
+    wire::TxnResponse response = cluster->txn(request, cluster->calls().answer_end());
+    std::vector<wire::KeyValue> places(response.responses(0).response_range().kvs().begin(),
+                                       response.responses(0).response_range().kvs().end());
+    std::sort(places.begin(), places.end(), [](const wire::KeyValue &a, const wire::KeyValue &b) {
+        return a.create_revision() < b.create_revision();
+    });
+    std::vector<lock_use> all;
+    for (const wire::KeyValue &place : places) {
+        lock_use use;
+        if (!cluster->keys().lock_of_place(place.key(), &use.name, &use.mode)) continue;
+        use.holder = place.value();
+        use.waits = std::any_of(all.begin(), all.end(), [&](const lock_use &before) {
+            bool both_share = before.mode == lock_mode::shared && use.mode == lock_mode::shared;
+            return before.name == use.name && !both_share;
+        });
+        all.push_back(std::move(use));
+    }
+    return all;
+}
+
 }  // namespace keyview::host

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/cluster/etcd_store.h"
 #include "host/cluster/session.h"
@@ -48,6 +49,10 @@ class queue_place {
     }
     void note_changed(int64_t revision) { changed_ = revision; }
 
+    // A set under the lock that got no answer may still be carried out, so none may follow it.
+    bool in_doubt() const { return in_doubt_; }
+    void note_doubt() { in_doubt_ = true; }
+
     int64_t granted = 0;  // the revision at which the lock was granted; 0 before
 
     // The cluster does not answer: the end should not wait for it once more.
@@ -59,6 +64,7 @@ class queue_place {
     std::shared_ptr<session::lease> lease_;
     int64_t created_ = 0;
     int64_t changed_ = 0;
+    bool in_doubt_ = false;
     bool known_ = false;  // whether the cluster told about it last
 };
 
@@ -83,6 +89,9 @@ class etcd_locks final : public lock_service {
 
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted) override;
+
+    // Those of all locks: the queues are told by the cluster.
+    std::vector<lock_use> users(const std::vector<std::string> &names) override;
 
   private:
     std::shared_ptr<etcd_store> keys_;

@@ -152,7 +152,7 @@ class set_request {
     enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
 
     outcome run(session *cluster) {
-        wire::TxnResponse response = cluster->txn(request_, cluster->calls().answer_end());
+        wire::TxnResponse response = send(cluster);
         if (response.succeeded()) {
             if (lock_ != nullptr) lock_->note_changed(response.header().revision());
             return outcome::done;
@@ -181,6 +181,15 @@ class set_request {
     // A request has room for a large value once only; such a one is written in any case.
     static constexpr size_t MOST_COMPARED = size_t{64} << 10;
 
+    wire::TxnResponse send(session *cluster) {
+        try {
+            return cluster->txn(request_, cluster->calls().answer_end());
+        } catch (const etcd_error &) {
+            if (lock_ != nullptr) lock_->note_doubt();
+            throw;
+        }
+    }
+
     wire::Compare *add_compare(const std::string &key, wire::Compare::CompareTarget target,
                                wire::Compare::CompareResult result) {
         wire::Compare *compare = request_.add_compare();
@@ -204,6 +213,11 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
     check_value(path, value);
     const auto *lock = dynamic_cast<const etcd_lock *>(fence);
     if (fence != nullptr && lock == nullptr && !fence->still_held()) throw lock_lost(path);
+    if (lock != nullptr && lock->place()->in_doubt()) {
+        throw host_error(failure::lock, "cannot set " + std::string(path) +
+                                            ": an earlier set under this lock got no answer; take "
+                                            "the lock anew");
+    }
     half_applied_wait patience(cluster_.get());
     for (;;) {
         set_request request(cluster_->keys(), path, value);

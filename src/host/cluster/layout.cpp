@@ -89,6 +89,15 @@ key_range layout::lock_writers(std::string_view name) const {
     return beginning_with(queue_of(prefix_, name) + "w/");
 }
 
+bool layout::lock_of_place(std::string_view key, std::string *name, lock_mode *mode) const {
+    size_t head = prefix_.size() + 4;
+    size_t end = key.find('\0', std::min(head, key.size()));
+    if (end == key.npos || end + 1 == key.size()) return false;
+    *name = key.substr(head, end - head);
+    *mode = key[end + 1] == 'r' ? lock_mode::shared : lock_mode::exclusive;
+    return true;
+}
+
 std::string tree_facts::text() const {
     return std::string(FORMAT) + std::to_string(deepest) + " " + writer;
 }

@@ -64,6 +64,10 @@ class layout {
     std::string lock_place(std::string_view name, lock_mode mode, std::string_view id) const;
     key_range lock_queue(std::string_view name) const;
     key_range lock_writers(std::string_view name) const;
+    key_range all_locks() const { return beginning_with(prefix_ + "/lk/"); }
+
+    // The name and the mode of the lock that a place is in the queue of; false for another key.
+    bool lock_of_place(std::string_view key, std::string *name, lock_mode *mode) const;
 
   private:
     std::string prefix_;
