@@ -86,7 +86,7 @@ static admin::change_result flag_changes(const flag_holder &holder, int32_t enab
     admin::change_result changed;
     changed.revision = keys.revision;
     changed.locks = {admin::lock_of_key(own)};
-    const std::string value = enabled != 0 ? std::string("true", 5) : std::string("false", 6);
+    const std::string value = std::string(enabled != 0 ? "true" : "false") + '\0';
     for (const admin::key_row &key : keys.keys) {
         bool flag = key.path.size() > 8 && key.path.substr(key.path.size() - 8) == ".ENABLED";
         if (flag && key.value != value) changed.changes.push_back({key.path, key.value, value});

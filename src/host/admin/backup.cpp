@@ -123,7 +123,7 @@ static void bring_to(const std::string &url, const key_map &keys, bool force,
         wanted.changes.push_back({host::change::kind::put, path, value});
     wanted.check = [&](host::moment *present, problem_list *) {
         std::string value;
-        if (force || options.dry_run || present == nullptr || !present->read(TOP, &value)) return;
+        if (force || present == nullptr || !present->read(TOP, &value)) return;
         throw host_error(failure::usage, "the registry " + url +
                                              " is not empty; nothing was written; with --force "
                                              "what is in it goes");
