@@ -26,6 +26,7 @@ struct run_options {
 // Never returns in the child: what it runs, or 127 as a shell has it.
 static pid_t start(std::vector<std::string> command) {
     std::vector<char *> words;
+    words.reserve(command.size() + 1);
     for (std::string &word : command)
         words.push_back(word.data());
     words.push_back(nullptr);

@@ -13,7 +13,7 @@ class App;
 namespace keyview::ctl {
 
 // A candidate a line for the last word, which may be empty. Silent if the registry does not answer.
-std::string candidates_for(const CLI::App &app, std::vector<std::string> words);
+std::string candidates_for(const CLI::App &app, std::vector<std::string> line);
 
 // "" for an unknown shell.
 std::string completion_script(const std::string &shell);

@@ -42,16 +42,23 @@ static void raise_file_limit() {
     (void)setrlimit(RLIMIT_NOFILE, &files);  // the old limit does for all but large documents
 }
 
-static const std::map<std::string, output_format> FORMATS = {
-    {"table", output_format::table}, {"json", output_format::json}, {"jsonl", output_format::jsonl},
-    {"tsv", output_format::tsv},     {"raw", output_format::raw},   {"cmd", output_format::cmd},
-};
+static const std::map<std::string, output_format> &formats() {
+    static const std::map<std::string, output_format> words = {
+        {"table", output_format::table}, {"json", output_format::json},
+        {"jsonl", output_format::jsonl}, {"tsv", output_format::tsv},
+        {"raw", output_format::raw},     {"cmd", output_format::cmd},
+    };
+    return words;
+}
 
-static const std::map<std::string, color_mode> COLORS = {
-    {"auto", color_mode::automatic},
-    {"always", color_mode::always},
-    {"never", color_mode::never},
-};
+static const std::map<std::string, color_mode> &colors() {
+    static const std::map<std::string, color_mode> words = {
+        {"auto", color_mode::automatic},
+        {"always", color_mode::always},
+        {"never", color_mode::never},
+    };
+    return words;
+}
 
 // The format is needed for an error in the command line itself, before that is understood.
 static output_format format_asked_for(int argc, char **argv) {
@@ -66,8 +73,8 @@ static output_format format_asked_for(int argc, char **argv) {
             word = here.substr(strlen("-o"));
         }
     }
-    auto found = FORMATS.find(word);
-    return found == FORMATS.end() ? output_format::table : found->second;
+    auto found = formats().find(word);
+    return found == formats().end() ? output_format::table : found->second;
 }
 
 static void add_options(CLI::App *app, tool *shared) {
@@ -84,10 +91,10 @@ static void add_options(CLI::App *app, tool *shared) {
     app->add_option("-o,--output", chosen.output.option,
                     "table, for people; json, jsonl (a line an item), tsv, raw (a bare value) or "
                     "cmd (commands that rebuild what is shown)")
-        ->check(CLI::IsMember(FORMATS));
+        ->check(CLI::IsMember(formats()));
     app->add_option("--color", chosen.color.option,
                     "auto, always or never; auto heeds NO_COLOR and TERM=dumb")
-        ->check(CLI::IsMember(COLORS));
+        ->check(CLI::IsMember(colors()));
 }
 
 static constexpr const char *TRY_HELP =
@@ -159,8 +166,8 @@ static void settle(tool *shared) {
     chosen.resolve();
     if (shared->registry_given) chosen.registry.value = chosen.registry.option;
     shared->registry = chosen.registry.value;
-    shared->format = meaning_of(chosen.output, FORMATS);
-    choose_color(meaning_of(chosen.color, COLORS));
+    shared->format = meaning_of(chosen.output, formats());
+    choose_color(meaning_of(chosen.color, colors()));
     set_lock_wait(chosen.lock_wait);
 }
 

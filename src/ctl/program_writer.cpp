@@ -99,8 +99,8 @@ static bool is_record(const view &shown) {
 static std::string row_of(const view_fields &fields, bool heading) {
     std::string out;
     for (const auto &[name, field] : fields)
-        out += (out.empty() ? "" : "\t") + (heading ? name : cell_of(field));
-    return out + "\n";
+        out.append(out.empty() ? "" : "\t").append(heading ? name : cell_of(field));
+    return out.append("\n");
 }
 
 // Lists with records in them go on as "services.0.name".
