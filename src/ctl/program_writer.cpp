@@ -103,15 +103,19 @@ static std::string row_of(const view_fields &fields, bool heading) {
     return out.append("\n");
 }
 
+static std::string label_below(const std::string &name, const std::string &below) {
+    return name.empty() ? below : name + "." + below;
+}
+
 // Lists with records in them go on as "services.0.name".
 static void add_cells(const std::string &name, const view &shown, std::string *out) {
     const auto *list = std::get_if<view_list>(&shown.value);
     if (const auto *fields = std::get_if<view_fields>(&shown.value)) {
         for (const auto &[below, field] : *fields)
-            add_cells(name.empty() ? below : name + "." + below, field, out);
+            add_cells(label_below(name, below), field, out);
     } else if (list != nullptr && std::any_of(list->begin(), list->end(), is_record)) {
         for (size_t n = 0; n < list->size(); ++n)
-            add_cells(name + "." + std::to_string(n), (*list)[n], out);
+            add_cells(label_below(name, std::to_string(n)), (*list)[n], out);
     } else {
         *out += name + "\t" + cell_of(shown) + "\n";
     }

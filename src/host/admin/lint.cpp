@@ -193,7 +193,7 @@ class lint_walk {
         std::map<std::string, std::string> first;
         std::string list = path_below(database, "INSTANCE");
         for (const std::string &element : children(list)) {
-            std::string path = list + "." + element + ".NODE";
+            std::string path = path_below(path_below(list, element), "NODE");
             const std::string *stored = value_at(path);
             std::string node = stored == nullptr ? "" : stored->substr(0, stored->find('\0'));
             if (node.empty()) continue;
