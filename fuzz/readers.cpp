@@ -1,5 +1,5 @@
-// Kills readers in the middle of their reading while a writer goes on without pause: what they kept
-// of the file must be taken back, or the file would grow without end.
+// Kills readers in the middle of their reading while a writer goes on: what they kept of the file
+// must be taken back, or the file would grow without end.
 //
 // Usage: readers [COUNT]; it prints the sizes of the file.
 #include <sys/mman.h>
@@ -29,14 +29,23 @@ static void require(bool holds, const char *what) {
     if (!holds) throw std::runtime_error(what);
 }
 
+// The writer makes as many commits as it may: how many go by while somebody reads is the same on a
+// slow machine.
+struct commit_counts {
+    std::atomic<uint64_t> made{0};
+    std::atomic<uint64_t> allowed{0};
+};
+
 // Values whose sizes go up and down, so that pages come and go.
-static int write_without_pause(std::atomic<uint64_t> *commits) {
+static int write_as_allowed(commit_counts *commits) {
     client keys;
     for (size_t n = 0;; ++n) {
+        while (commits->made == commits->allowed)
+            usleep(50);
         std::string value((n * 7919) % 60000, static_cast<char>('a' + n % 26));
         require(keys.set(OTHER + std::to_string(n * 5 % VALUES), value) == 0,
                 keyview_host_last_error());
-        ++*commits;
+        ++commits->made;
     }
 }
 
@@ -49,7 +58,7 @@ class dying_readers {
             changes.push_back(put(OTHER + std::to_string(i), std::string(30000, 'v')));
         open_backend(url_, open_mode::create).keys->apply(changes);
         writer_ = std::make_unique<child_process>(
-            [this](const meeting &) { return write_without_pause(commits_); });
+            [this](const meeting &) { return write_as_allowed(commits_); });
     }
 
     ~dying_readers() {
@@ -65,7 +74,7 @@ class dying_readers {
             read_at_once(std::min(left, READERS_AT_ONCE), true);
         uintmax_t after = size();
         (void)printf("%d killed readers, %ju commits: the file had %ju bytes and has %ju\n", count,
-                     static_cast<uintmax_t>(commits_->load()), before, after);
+                     static_cast<uintmax_t>(commits_->made.load()), before, after);
         require(after <= 2 * before, "the file grew");
         require(locker().exclusive(LOCK) == 0, "a killed reader's lock is still held");
     }
@@ -97,11 +106,11 @@ class dying_readers {
     }
 
     void wait_for_commits(uint64_t more) {
-        uint64_t seen = *commits_;
-        for (uint64_t end = seen + more; seen < end;) {
-            for (int waited_ms = 0; *commits_ == seen; ++waited_ms, usleep(1000))
+        commits_->allowed += more;
+        for (uint64_t seen = 0; seen < commits_->allowed;) {
+            for (int waited_ms = 0; commits_->made == seen; ++waited_ms, usleep(1000))
                 require(waited_ms < DEADLINE_MS, "the writer stands still");
-            seen = *commits_;
+            seen = commits_->made;
         }
     }
 
@@ -111,9 +120,8 @@ class dying_readers {
 
     scratch_directory scratch_;
     std::string url_ = "lmdb:" + scratch_.path + "/registry";
-    std::atomic<uint64_t> *commits_ = new (
-        mmap(nullptr, sizeof(*commits_), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
-        std::atomic<uint64_t>{0};
+    commit_counts *commits_ = new (mmap(nullptr, sizeof(*commits_), PROT_READ | PROT_WRITE,
+                                        MAP_SHARED | MAP_ANONYMOUS, -1, 0)) commit_counts;
     std::unique_ptr<child_process> writer_;
 };
 
