@@ -1,12 +1,12 @@
-// What becomes of a lock of a cluster when its holder, or the leader of the cluster, does not go
-// on.
+// What becomes of a lock of a cluster when its holder, or the cluster's leader, does not go on.
 //
-// - A holder is stopped in the middle of a cascade for longer than its lease, a rival takes the
-// lock
-//   and runs a cascade of its own, then the holder goes on: it must write nothing any more, and be
-//   told that the lock was lost.
-// - A holder is killed: who waits must have the lock within the time of the lease and a second.
-// - The leader is killed while calls go on: each must succeed soon, with the right result.
+// A holder is stopped in the middle of a cascade for longer than its lease, a rival takes the lock
+// and runs a cascade of its own, then the holder goes on: it must write nothing any more, and be
+// told that the lock was lost.
+//
+// A holder is killed: who waits must have the lock within the time of the lease and a second.
+//
+// The leader is killed while calls go on: each must succeed soon, with the right result.
 //
 // Usage: fencing [--unfenced] [ROUNDS [LEADERS]], rounds of stopped holders, killed leaders.
 #include <algorithm>

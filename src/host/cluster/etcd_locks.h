@@ -33,7 +33,12 @@ class queue_place {
 
     const std::string &key() const { return key_; }
     session::lease *lease() const { return lease_.get(); }
-    bool lives() const { return cluster_->lives(*lease_); }
+
+    // Who asks wants to keep it: its lease is kept alive, too.
+    bool lives() const {
+        cluster_->keep_alive();
+        return cluster_->lives(*lease_);
+    }
 
     // The revision of its creation, which no other key of the same name ever has.
     int64_t created() const { return created_; }
