@@ -63,11 +63,12 @@ static key_place in_list(const list_row &list, const char *name, std::string_vie
 
 key_place place_of_key(std::string_view path) {
     constexpr const char *NAMES[] = {"<db>", "<name>", "<node>"};
-    size_t n = 0;
+    const char *const *name = NAMES;
     for (const list_row &section : SECTIONS) {
+        if (name == std::end(NAMES)) break;
         std::string_view rest = path;
-        if (take(&rest, section.key)) return in_list(section, NAMES[n], rest, section.key);
-        ++n;
+        if (take(&rest, section.key)) return in_list(section, *name, rest, section.key);
+        ++name;
     }
     return {};
 }
