@@ -36,20 +36,14 @@ class by_hand {
         calls_.grant(LEASE, std::chrono::seconds(600), calls_.answer_end());
         std::string place = keys_.lock_place("by hand", host::lock_mode::shared, "1");
         host::key_range writers = keys_.lock_writers("by hand");
-        host::wire::Compare *alone = take_.add_compare();
-        alone->set_target(host::wire::Compare::CREATE);
-        alone->set_key(writers.begin);
-        alone->set_range_end(writers.end);
-        alone->set_create_revision(0);
-        host::wire::PutRequest *put = take_.add_success()->mutable_request_put();
-        put->set_key(place);
-        put->set_lease(LEASE);
+        host::require_created(&take_, writers, 0);
+        host::add_put(take_.mutable_success(), place, "", LEASE);
         const uint32_t depth = host::elements_of(top);
         const uint32_t last = reach == host::reach::children ? depth + 1 : deepest(keys);
         host::add_range(take_.mutable_success(), {keys_.key(top), ""});
         for (uint32_t n = depth + 1; n <= last; ++n)
             host::add_range(take_.mutable_success(), keys_.below(top, n));
-        give_back_.add_success()->mutable_request_delete_range()->set_key(place);
+        host::add_delete(give_back_.mutable_success(), {place, ""});
         for (const tree_key &key : keys) {
             singles_.emplace_back();
             host::add_range(singles_.back().mutable_success(), {keys_.key(key.path), ""});

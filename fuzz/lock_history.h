@@ -74,7 +74,7 @@ class event_log {
   private:
     void mark_end() {
         host::wire::TxnRequest request;
-        request.add_success()->mutable_request_put()->set_key(end_);
+        host::add_put(request.mutable_success(), end_, "");
         (void)calls_.txn(request, calls_.answer_end());
     }
 

@@ -1,6 +1,7 @@
 // What becomes of calls when members of the cluster do not do their part.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 #include "shared.h"
@@ -52,6 +53,36 @@ TEST(Members, WithoutAMajorityTheTextSaysSo) {
         three.start(one);
     three.await_ready(0);
     EXPECT_EQ(value_at(registry, "a.b"), "0");
+}
+
+// The worst of each subject, as a doctor finds it.
+static std::map<std::string, health> found_by_doctor(const std::string &url) {
+    std::map<std::string, health> worst;
+    KEYVIEW_BACKEND_KIND.diagnose(url, [&](const diagnosis &found) {
+        EXPECT_FALSE(found.text.empty()) << found.subject;
+        health &known = worst.emplace(found.subject, found.state).first->second;
+        known = std::max(known, found.state);
+    });
+    return worst;
+}
+
+TEST(Members, ADoctorTellsWhatIsGoodAndWhatIsBad) {
+    setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    etcd_members three;
+    std::string url = three.url();
+    EXPECT_EQ(found_by_doctor(url)["registry"], health::bad) << "there is none yet";
+    open_cluster(url).keys->apply({put("a.b", "0")});
+    for (const auto &[subject, state] : found_by_doctor(url))
+        EXPECT_EQ(state, health::good) << subject;
+    three.kill(2);
+    std::map<std::string, health> found = found_by_doctor(url);
+    EXPECT_EQ(found["member " + three.address(2)], health::bad);
+    EXPECT_EQ(found["member " + three.address(0)], health::good);
+    three.kill(1);
+    sleep(2);  // until the one that is left knows
+    found = found_by_doctor(url);
+    EXPECT_EQ(found["leader"], health::bad);
+    EXPECT_EQ(found["registry"], health::bad);
 }
 
 TEST(Members, AFullDatabaseIsTold) {

@@ -76,8 +76,8 @@ result check_document(std::string_view document) noexcept {
 // All roots in one read, so that they show one moment.
 static key_node read_tree(host::store *keys) {
     key_node tree;
-    host::snapshot all("DATABASE", host::reach::all_below);
-    (void)keys->now()->copy("DATABASE", host::reach::all_below, &all);  // none gives an empty tree
+    host::snapshot all(TOP, host::reach::all_below);
+    (void)keys->now()->copy(TOP, host::reach::all_below, &all);  // none gives an empty tree
     for (uint32_t key = 0; key < all.size(); ++key) {
         std::string_view path = all.path(key);
         if (below_a_root(path)) tree.make(path).value = all.value(key);

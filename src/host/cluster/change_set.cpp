@@ -26,33 +26,12 @@ static constexpr std::chrono::seconds PATIENCE{60};
 
 // ---- Parts of transactions ----------------------------------------------------------------------
 
-static wire::Compare *add_compare(wire::TxnRequest *request, const std::string &key,
-                                  wire::Compare::CompareTarget target) {
-    wire::Compare *compare = request->add_compare();
-    compare->set_key(key);
-    compare->set_target(target);
-    compare->set_result(wire::Compare::EQUAL);
-    return compare;
-}
-
-static void add_put(wire::TxnRequest *request, const std::string &key, const std::string &value) {
-    wire::PutRequest *put = request->add_success()->mutable_request_put();
-    put->set_key(key);
-    put->set_value(value);
-}
-
-static void add_delete(wire::TxnRequest *request, const key_range &range) {
-    wire::DeleteRangeRequest *removal = request->add_success()->mutable_request_delete_range();
-    removal->set_key(range.begin);
-    if (!range.end.empty()) removal->set_range_end(range.end);
-}
-
 static void add_keys(wire::TxnRequest *request, const Piece &piece) {
     for (const Piece::Key &one : piece.keys()) {
         if (one.there()) {
-            add_put(request, one.key(), one.value());
+            add_put(request->mutable_success(), one.key(), one.value());
         } else {
-            add_delete(request, {one.key(), ""});
+            add_delete(request->mutable_success(), {one.key(), ""});
         }
     }
 }
@@ -82,8 +61,7 @@ static std::vector<const queue_place *> places_of(const apply_terms &terms) {
 static void add_fences(wire::TxnRequest *request, const std::vector<const queue_place *> &places,
                        size_t first) {
     for (size_t n = first; n < std::min(places.size(), first + MOST_FENCES); ++n) {
-        add_compare(request, places[n]->key(), wire::Compare::CREATE)
-            ->set_create_revision(places[n]->created());
+        require_created(request, {places[n]->key(), ""}, places[n]->created());
         add_range(request->mutable_failure(), {places[n]->key(), ""});
     }
 }
@@ -141,7 +119,7 @@ class marked_run {
         moved.set_next(next);
         wire::TxnRequest request = of_marker();
         add_keys(&request, piece);
-        add_put(&request, cluster_->keys().marker(), moved.SerializeAsString());
+        add_put(request.mutable_success(), cluster_->keys().marker(), moved.SerializeAsString());
         wire::TxnResponse response = send(cluster_, request);
         bool moved_before =
             !response.succeeded() && value_in(response, 0) == moved.SerializeAsString();
@@ -151,9 +129,9 @@ class marked_run {
 
     void end(const std::string &tree) {
         wire::TxnRequest request = of_marker();
-        add_delete(&request, {cluster_->keys().marker(), ""});
-        add_delete(&request, cluster_->keys().journals());
-        add_put(&request, cluster_->keys().tree(), tree);
+        add_delete(request.mutable_success(), {cluster_->keys().marker(), ""});
+        add_delete(request.mutable_success(), cluster_->keys().journals());
+        add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         wire::TxnResponse response = send(cluster_, request);
         if (!response.succeeded() && value_in(response, 1) != tree) throw taken_over();
@@ -162,8 +140,7 @@ class marked_run {
   private:
     wire::TxnRequest of_marker() const {
         wire::TxnRequest request;
-        add_compare(&request, cluster_->keys().marker(), wire::Compare::VALUE)
-            ->set_value(marker_.SerializeAsString());
+        require_value(&request, cluster_->keys().marker(), marker_.SerializeAsString());
         add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
         return request;
     }
@@ -194,18 +171,19 @@ class change_set {
 
   private:
     // What must be so for the change set to begin, and what tells afterwards why it did not.
-    wire::TxnRequest of_plan(size_t first_fence) const {
+    wire::TxnRequest of_plan() const {
         wire::TxnRequest request;
-        add_compare(&request, cluster_->keys().tree(), wire::Compare::MOD)
-            ->set_mod_revision(plan_.tree_revision());
+        require_changed(&request, cluster_->keys().tree(), plan_.tree_revision());
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
-        add_fences(&request, places_, first_fence);
+        add_fences(&request, places_, 0);
         return request;
     }
 
-    void require_fences(const wire::TxnResponse &response, int op, size_t first) const {
-        for (size_t n = first; op < response.responses_size(); ++op, ++n) {
+    // For an answer to what of_plan asked.
+    void require_fences(const wire::TxnResponse &response) const {
+        for (int op = 2; op < response.responses_size(); ++op) {
+            auto n = static_cast<size_t>(op - 2);
             const wire::RangeResponse &place = response.responses(op).response_range();
             bool held =
                 place.kvs_size() == 1 && place.kvs(0).create_revision() == places_[n]->created();
@@ -215,15 +193,15 @@ class change_set {
 
     outcome run_at_once() {
         std::string tree = plan_.tree_after(id_);
-        wire::TxnRequest request = of_plan(0);
+        wire::TxnRequest request = of_plan();
         if (!pieces_.empty()) {
             add_keys(&request, pieces_.front().to_do);
-            add_put(&request, cluster_->keys().tree(), tree);
+            add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         }
         wire::TxnResponse response = send(cluster_, request);
         if (response.succeeded()) return outcome::done;
         if (tree_facts::parse(value_in(response, 0)).writer == id_) return outcome::done;
-        require_fences(response, 2, 0);
+        require_fences(response);
         return outcome::tree_moved;
     }
 
@@ -249,7 +227,8 @@ class change_set {
         for (bool undo : {false, true}) {
             wire::TxnRequest request;
             const Piece &piece = undo ? pieces_[n].to_undo : pieces_[n].to_do;
-            add_put(&request, cluster_->keys().journal(id_, n, undo), piece.SerializeAsString());
+            add_put(request.mutable_success(), cluster_->keys().journal(id_, n, undo),
+                    piece.SerializeAsString());
             (void)send(cluster_, request);  // without a condition
         }
     }
@@ -266,19 +245,17 @@ class change_set {
 
     // The marker appears; journals that others left without one go.
     bool begin(const Marker &marker) {
-        wire::TxnRequest request = of_plan(0);
-        add_put(&request, cluster_->keys().marker(), marker.SerializeAsString());
-        wire::PutRequest *moved = request.add_success()->mutable_request_put();
-        moved->set_key(cluster_->keys().tree());
-        moved->set_ignore_value(true);
+        wire::TxnRequest request = of_plan();
+        add_put(request.mutable_success(), cluster_->keys().marker(), marker.SerializeAsString());
+        add_touch(request.mutable_success(), cluster_->keys().tree());
         key_range all = cluster_->keys().journals();
         key_range mine = beginning_with(all.begin + id_ + "/");
-        add_delete(&request, {all.begin, mine.begin});
-        add_delete(&request, {mine.end, all.end});
+        add_delete(request.mutable_success(), {all.begin, mine.begin});
+        add_delete(request.mutable_success(), {mine.end, all.end});
         wire::TxnResponse response = send(cluster_, request);
         if (response.succeeded() || value_in(response, 1) == marker.SerializeAsString())
             return true;
-        require_fences(response, 2, 0);
+        require_fences(response);
         return false;
     }
 

@@ -62,11 +62,7 @@ class walk {
 check_counts check_cluster(const std::string &url, const damage_sink &damage,
                            const row_sink &sink) {
     session cluster(settings_of(url));
-    tree_part state(cluster.keys(), "", reach::key_alone);
-    wire::TxnRequest request;
-    state.ask(0, 0, request.mutable_success());
-    wire::TxnResponse response = cluster.txn(request, cluster.calls().answer_end());
-    (void)state.take(&response, 0);
+    tree_part state = tree_state(&cluster.calls(), cluster.keys());
     if (!state.marker().empty()) damage(cluster.keys().marker(), half_applied_text(state.marker()));
     check_counts counts;
     counts.keys = walk(&cluster, damage, sink).run();

@@ -3,7 +3,7 @@
 // A call tries the members in turn until one gives an answer or the time is over; a try that is not
 // answered soon goes on at the next member. So a request may be carried out twice, or late, and
 // must bear it. Which failure is worth another try, and what a person should do about the others,
-// is one table in connection.cpp.
+// is one table in call_failure.cpp.
 #ifndef KEYVIEW_HOST_CLUSTER_CONNECTION_H
 #define KEYVIEW_HOST_CLUSTER_CONNECTION_H
 
@@ -17,14 +17,10 @@
 #include <vector>
 
 #include "host/cluster/cluster_settings.h"
-#include "host/cluster/etcd.pb.h"
+#include "host/cluster/request.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
-
-namespace wire = etcdserverpb;
-
-using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
 
 using steady = std::chrono::steady_clock;
 

@@ -109,11 +109,8 @@ class visit {
     }
 
     void look_at_registry() {
-        tree_part state(layout(settings_.prefix), "", reach::key_alone);
-        wire::TxnRequest request;
-        state.ask(0, 0, request.mutable_success());
-        wire::TxnResponse response = calls_.txn(request, calls_.answer_end());
-        (void)state.take(&response, 0);
+        layout keys(settings_.prefix);
+        tree_part state = tree_state(&calls_, keys);
         if (!state.marker().empty()) {
             sink_({"registry", health::bad, half_applied_text(state.marker())});
         } else {

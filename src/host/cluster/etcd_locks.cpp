@@ -50,20 +50,8 @@ class request_for_lock {
                                           : cluster_->keys().lock_queue(name_);
     }
 
-    static void add_compare(wire::TxnRequest *request, const key_range &range, int64_t created) {
-        wire::Compare *compare = request->add_compare();
-        compare->set_target(wire::Compare::CREATE);
-        compare->set_result(wire::Compare::EQUAL);
-        compare->set_key(range.begin);
-        if (!range.end.empty()) compare->set_range_end(range.end);
-        compare->set_create_revision(created);
-    }
-
-    void add_put(wire_ops *ops) const {
-        wire::PutRequest *put = ops->Add()->mutable_request_put();
-        put->set_key(place_->key());
-        put->set_value(this_process());
-        put->set_lease(place_->lease()->id);
+    void add_place(wire_ops *ops) const {
+        add_put(ops, place_->key(), this_process(), place_->lease()->id);
     }
 
     // Takes a place in the queue; true if that is the lock already.
@@ -84,15 +72,15 @@ class request_for_lock {
 
     bool put_place(steady::time_point end) {
         wire::TxnRequest request;
-        add_compare(&request, conflicts(), 0);
-        add_compare(&request, {place_->key(), ""}, 0);
-        add_put(request.mutable_success());
+        require_created(&request, conflicts(), 0);
+        require_created(&request, {place_->key(), ""}, 0);
+        add_place(request.mutable_success());
         add_range(request.mutable_success(), {place_->key(), ""});
         if (reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
         // Sent twice, it leaves the place as it is: only sets change it.
         wire::TxnRequest *once = request.add_failure()->mutable_request_txn();
-        add_compare(once, {place_->key(), ""}, 0);
-        add_put(once->mutable_success());
+        require_created(once, {place_->key(), ""}, 0);
+        add_place(once->mutable_success());
         add_range(request.mutable_failure(), {place_->key(), ""});
         add_range(request.mutable_failure(), cluster_->keys().lock_queue(name_));
         bool repeated = false;
@@ -147,10 +135,11 @@ class request_for_lock {
         static constexpr size_t MOST_COMPARED = 100;
         steady::time_point end = cluster_->calls().answer_end();
         wire::TxnRequest request;
-        if (!faults.grant_unchecked) add_compare(&request, {place_->key(), ""}, place_->created());
+        if (!faults.grant_unchecked)
+            require_created(&request, {place_->key(), ""}, place_->created());
         size_t compared = std::min(blockers_.size(), MOST_COMPARED);
         for (size_t n = 0; n < compared; ++n)
-            add_compare(&request, {blockers_[blockers_.size() - 1 - n].key, ""}, 0);
+            require_created(&request, {blockers_[blockers_.size() - 1 - n].key, ""}, 0);
         bool grants = compared == blockers_.size();
         if (grants && reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
         for (wire_ops *ops : {request.mutable_failure(), request.mutable_success()}) {

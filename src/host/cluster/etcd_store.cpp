@@ -85,23 +85,15 @@ std::unique_ptr<moment> etcd_store::now(std::string_view part) {
 }
 
 void etcd_store::open(bool create) {
+    const layout &keys = cluster_->keys();
     if (create) {
         wire::TxnRequest request;
-        wire::Compare *absent = request.add_compare();
-        absent->set_key(cluster_->keys().tree());
-        absent->set_target(wire::Compare::CREATE);
-        absent->set_create_revision(0);
-        wire::PutRequest *put = request.add_success()->mutable_request_put();
-        put->set_key(cluster_->keys().tree());
-        put->set_value(tree_facts{0, cluster_->unique_name()}.text());
+        require_created(&request, {keys.tree(), ""}, 0);
+        add_put(request.mutable_success(), keys.tree(),
+                tree_facts{0, cluster_->unique_name()}.text());
         (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
     }
-    tree_part state(cluster_->keys(), "", reach::key_alone);
-    wire::TxnRequest request;
-    state.ask(0, 0, request.mutable_success());
-    wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
-    (void)state.take(&response, 0);
-    note_depth(state);
+    note_depth(tree_state(&cluster_->calls(), keys));
     cluster_->require_lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
 }
 
@@ -114,18 +106,11 @@ class set_request {
   public:
     set_request(const layout &keys, std::string_view path, std::string_view value)
         : key_(keys.key(path)), value_(value) {
-        add_compare(key_, wire::Compare::CREATE, wire::Compare::GREATER)->set_create_revision(0);
-        if (value_.size() <= MOST_COMPARED) {
-            add_compare(key_, wire::Compare::VALUE, wire::Compare::NOT_EQUAL)->set_value(value_);
-        }
-        add_compare(keys.marker(), wire::Compare::CREATE, wire::Compare::EQUAL)
-            ->set_create_revision(0);
-        wire::PutRequest *put = request_.add_success()->mutable_request_put();
-        put->set_key(key_);
-        put->set_value(value_);
-        wire::PutRequest *moved = request_.add_success()->mutable_request_put();
-        moved->set_key(keys.tree());
-        moved->set_ignore_value(true);
+        require_there(&request_, key_);
+        if (value_.size() <= MOST_COMPARED) require_other_value(&request_, key_, value_);
+        require_created(&request_, {keys.marker(), ""}, 0);
+        add_put(request_.mutable_success(), key_, value_);
+        add_touch(request_.mutable_success(), keys.tree());
         add_range(request_.mutable_failure(), {key_, ""});
         add_range(request_.mutable_failure(), {keys.marker(), ""});
     }
@@ -133,21 +118,14 @@ class set_request {
     // Under a lock, whose place the set changes: a try that is carried out late finds it changed.
     void fence(queue_place *place) {
         lock_ = place;
-        add_compare(place->key(), wire::Compare::CREATE, wire::Compare::EQUAL)
-            ->set_create_revision(place->created());
-        add_compare(place->key(), wire::Compare::MOD, wire::Compare::EQUAL)
-            ->set_mod_revision(place->changed());
-        wire::PutRequest *put = request_.add_success()->mutable_request_put();
-        put->set_key(place->key());
-        put->set_ignore_value(true);
-        put->set_ignore_lease(true);
+        require_created(&request_, {place->key(), ""}, place->created());
+        require_changed(&request_, place->key(), place->changed());
+        add_touch(request_.mutable_success(), place->key());
         add_range(request_.mutable_failure(), {place->key(), ""});
     }
 
     // Without a lock: only over the value that was read.
-    void expect(int64_t revision) {
-        add_compare(key_, wire::Compare::MOD, wire::Compare::EQUAL)->set_mod_revision(revision);
-    }
+    void expect(int64_t revision) { require_changed(&request_, key_, revision); }
 
     enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
 
@@ -182,21 +160,13 @@ class set_request {
     static constexpr size_t MOST_COMPARED = size_t{64} << 10;
 
     wire::TxnResponse send(session *cluster) {
+        bool repeated = false;
         try {
-            return cluster->txn(request_, cluster->calls().answer_end());
+            return cluster->txn(request_, cluster->calls().answer_end(), &repeated);
         } catch (const etcd_error &) {
-            if (lock_ != nullptr) lock_->note_doubt();
+            if (lock_ != nullptr && repeated) lock_->note_doubt();
             throw;
         }
-    }
-
-    wire::Compare *add_compare(const std::string &key, wire::Compare::CompareTarget target,
-                               wire::Compare::CompareResult result) {
-        wire::Compare *compare = request_.add_compare();
-        compare->set_key(key);
-        compare->set_target(target);
-        compare->set_result(result);
-        return compare;
     }
 
     std::string key_;

@@ -165,7 +165,7 @@ void session::leave(const std::string &place, const std::shared_ptr<lease> &its)
     if (drop_place(its)) return revoke(its->id);
     try {
         wire::TxnRequest request;
-        request.add_success()->mutable_request_delete_range()->set_key(place);
+        add_delete(request.mutable_success(), {place, ""});
         (void)calls_.txn(request, steady::now() + FAREWELL);  // only a failure is of interest
     } catch (const std::exception &) {
         close(its.get());

@@ -5,13 +5,6 @@
 
 namespace keyview::host {
 
-void add_range(wire_ops *ops, const key_range &range, int64_t revision) {
-    wire::RangeRequest *ask = ops->Add()->mutable_request_range();
-    ask->set_key(range.begin);
-    if (!range.end.empty()) ask->set_range_end(range.end);
-    ask->set_revision(revision);
-}
-
 // ---- Asking -------------------------------------------------------------------------------------
 
 void tree_part::ask(uint32_t deepest, int64_t revision, wire_ops *ops) {
@@ -53,6 +46,15 @@ bool tree_part::take(wire::TxnResponse *response, int first_op) {
     bool cut = !path_.empty() && which_ == reach::all_below &&
                elements_of(path_) + asked_depths_ <= deepest_;
     return !cut;
+}
+
+tree_part tree_state(connection *calls, const layout &keys) {
+    tree_part state(keys, "", reach::key_alone);
+    wire::TxnRequest request;
+    state.ask(0, 0, request.mutable_success());
+    wire::TxnResponse response = calls->txn(request, calls->answer_end());
+    (void)state.take(&response, 0);
+    return state;
 }
 
 // ---- Single keys --------------------------------------------------------------------------------
@@ -146,9 +148,7 @@ class copier {
     }
 
     static bool is_name(std::string_view name) {
-        return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
-            return static_cast<unsigned char>(c) >= 0x20 && c != 0x7F && c != '.';
-        });
+        return name.find('.') == name.npos && path_fault(name) == nullptr;
     }
 
     void copy_list(size_t depth, int row) {

@@ -19,11 +19,10 @@ namespace keyview::host {
 
 using wire_rows = google::protobuf::RepeatedPtrField<wire::KeyValue>;
 
-void add_range(wire_ops *ops, const key_range &range, int64_t revision = 0);
-
 class tree_part {
   public:
-    // path may be empty, for nothing but the state of the tree, or one that a key can have.
+    // path may be empty, for nothing but the state of the tree, or one that a key can have. keys is
+    // kept by reference.
     tree_part(const layout &keys, std::string path, reach which)
         : keys_(&keys), path_(std::move(path)), which_(which) {}
 
@@ -66,6 +65,9 @@ class tree_part {
     std::string marker_;
     std::vector<wire_rows> rows_;  // of the path itself, of its children, and so on
 };
+
+// Reads nothing but the state of the tree. keys must live as long as what is returned.
+tree_part tree_state(connection *calls, const layout &keys);
 
 }  // namespace keyview::host
 
