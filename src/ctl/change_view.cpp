@@ -5,11 +5,24 @@
 
 #include <iostream>
 
+#include "ctl/file_io.h"
 #include "ctl/output.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 
 namespace keyview::ctl {
+
+admin::change_options options_of(const tool &shared, bool dry_run) {
+    admin::change_options options;
+    options.dry_run = dry_run;
+    options.prune = shared.prune;
+    options.if_revision = shared.if_revision;
+    return options;
+}
+
+std::string place_of(const tool &shared, const admin::result &result, const std::string &file) {
+    return result.code == admin::status::content ? file_label(file) : shared.registry;
+}
 
 static view value_view(const std::optional<std::string> &value) {
     return value ? view{*value} : view{};
@@ -95,7 +108,7 @@ void show_changes(const tool &shared, const admin::change_result &changed) {
     change_counts counts = counts_of(changed);
     show_answer(shared.format, "changes",
                 {{"dry_run", number_view(shared.dry_run ? 1 : 0)},
-                 {"revision", number_view(static_cast<int64_t>(changed.revision))},
+                 {"revision", count_view(changed.revision)},
                  {"created", number_view(counts.created)},
                  {"replaced", number_view(counts.replaced)},
                  {"removed", number_view(counts.removed)},

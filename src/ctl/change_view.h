@@ -11,6 +11,12 @@
 
 namespace keyview::ctl {
 
+// What the command line asks of a change.
+admin::change_options options_of(const tool &shared, bool dry_run);
+
+// The place of a failure: the file, if its content is at fault, else the registry.
+std::string place_of(const tool &shared, const admin::result &result, const std::string &file);
+
 void show_changes(const tool &shared, const admin::change_result &changed);
 
 // One change: path, before and after; no key is null. revision and since stand before them where

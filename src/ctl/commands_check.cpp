@@ -34,9 +34,9 @@ static exit_code run_check(const tool &shared) {
     }
     bool sound = findings.empty();
     show_answer(shared.format, "check",
-                {{"keys", number_view(static_cast<int64_t>(report.keys))},
-                 {"pages", number_view(static_cast<int64_t>(report.pages))},
-                 {"more_findings", number_view(static_cast<int64_t>(report.more_problems))},
+                {{"keys", count_view(report.keys)},
+                 {"pages", count_view(report.pages)},
+                 {"more_findings", count_view(report.more_problems)},
                  {"findings", {std::move(findings)}}});
     return sound ? EXIT_DONE : EXIT_CONTENT;
 }

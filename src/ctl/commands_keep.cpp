@@ -20,16 +20,9 @@ static exit_code run_backup(const tool &shared, const std::string &file) {
     replace_file(file, saved.content, PRIVATE_FILE);
     show_answer(shared.format, "backup",
                 {{"file", {file}},
-                 {"revision", number_view(static_cast<int64_t>(saved.revision))},
-                 {"keys", number_view(static_cast<int64_t>(saved.keys))}});
+                 {"revision", count_view(saved.revision)},
+                 {"keys", count_view(saved.keys)}});
     return EXIT_DONE;
-}
-
-static admin::change_options options_of(const tool &shared, bool dry_run) {
-    admin::change_options options;
-    options.dry_run = dry_run;
-    options.if_revision = shared.if_revision;
-    return options;
 }
 
 static exit_code run_restore(const tool &shared, const std::string &file, bool force) {
@@ -40,9 +33,7 @@ static exit_code run_restore(const tool &shared, const std::string &file, bool f
     }
     admin::change_result changed =
         admin::restore_registry(content, force, options_of(shared, shared.dry_run));
-    bool invalid = changed.code == admin::status::content;
-    check_result(changed, "the backup is not restored",
-                 invalid ? file_label(file) : shared.registry);
+    check_result(changed, "the backup is not restored", place_of(shared, changed, file));
     show_changes(shared, changed);
     return EXIT_DONE;
 }
@@ -96,8 +87,7 @@ static exit_code run_lint(const tool &shared) {
     for (const admin::finding &found : looked.findings)
         findings.push_back(finding_view(found));
     show_answer(shared.format, "lint",
-                {{"keys", number_view(static_cast<int64_t>(looked.keys))},
-                 {"findings", {std::move(findings)}}});
+                {{"keys", count_view(looked.keys)}, {"findings", {std::move(findings)}}});
     return code;
 }
 

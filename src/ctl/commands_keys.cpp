@@ -20,10 +20,6 @@ namespace keyview::ctl {
 
 static constexpr const char *WHOLE_TREE = "DATABASE";
 
-static view number_of(uint64_t number) {
-    return number_view(static_cast<int64_t>(number));
-}
-
 static admin::keys_result read(const tool &shared, const std::string &path, admin::depth depth) {
     admin::keys_result found = admin::read_keys(path, depth);
     check_result(found, "the key cannot be read", shared.registry);
@@ -47,7 +43,7 @@ static exit_code run_get(const tool &shared, const std::string &path) {
     bool bare = shared.format == output_format::table || shared.format == output_format::raw;
     show_answer(shared.format, "key",
                 {{"path", {key.path}},
-                 {"revision", number_of(found.revision)},
+                 {"revision", count_view(found.revision)},
                  {"value", bare ? people_value(key.value) : view{key.value}}});
     return EXIT_DONE;
 }
@@ -78,7 +74,7 @@ static exit_code show_keys(const tool &shared, const admin::keys_result &found) 
     for (const admin::key_row &key : found.keys)
         rows.push_back({view_fields{{"path", {key.path}}, {"value", {key.value}}}});
     show_answer(shared.format, "keys",
-                {{"revision", number_of(found.revision)}, {"keys", {std::move(rows)}}});
+                {{"revision", count_view(found.revision)}, {"keys", {std::move(rows)}}});
     return EXIT_DONE;
 }
 
@@ -198,20 +194,20 @@ class watcher {
                 std::to_string(options_.from) + " and " + std::to_string(seen_.revision) +
                 " is not told\n");
         }
-        write_json(lines_of(
-            "gap", {{"since", number_of(options_.from)}, {"revision", number_of(seen_.revision)}}));
+        write_json(lines_of("gap", {{"since", count_view(options_.from)},
+                                    {"revision", count_view(seen_.revision)}}));
     }
 
     void tell_merged(uint64_t revision) const {
         if (shared_.format == output_format::table) return;
         write_json(lines_of(
-            "merged", {{"since", number_of(seen_.revision)}, {"revision", number_of(revision)}}));
+            "merged", {{"since", count_view(seen_.revision)}, {"revision", count_view(revision)}}));
     }
 
     void tell_change(uint64_t revision, const admin::key_change &change) {
         ++told_;
-        view_fields fields = {{"since", number_of(seen_.revision)},
-                              {"revision", number_of(revision)}};
+        view_fields fields = {{"since", count_view(seen_.revision)},
+                              {"revision", count_view(revision)}};
         view shown = change_view(change);
         for (auto &field : std::get<view_fields>(shown.value))
             fields.push_back(std::move(field));

@@ -29,12 +29,9 @@ static exit_code run_list(const tool &shared, const given_names &) {
 
 static exit_code run_show(const tool &shared, const given_names &names) {
     session library(shared);
-    prsr_cfg *record = nullptr;
-    int32_t rc = prsr_fetch_db_config(library.status, library.ctx, names[0].c_str(), &record);
-    library.check(rc, "database " + names[0] + " cannot be shown");
-    view shown = view_of(*record, shared.format);
-    (void)prsr_release_db_config(library.status, library.ctx, record);  // it has no other failure
-    show_result(shared.format, "prsr_cfg", "record", shown);
+    fetched_record found(library, names[0]);
+    library.check(found.rc, "database " + names[0] + " cannot be shown");
+    show_result(shared.format, "prsr_cfg", "record", view_of(*found.record, shared.format));
     return EXIT_DONE;
 }
 

@@ -9,30 +9,6 @@
 
 namespace keyview::ctl {
 
-namespace {
-
-// A record, given back at the end of the scope.
-class fetched {
-  public:
-    fetched(const session &library, const std::string &dbname) : library_(library) {
-        rc = prsr_fetch_db_config(library.status, library.ctx, dbname.c_str(), &record);
-    }
-    fetched(const fetched &) = delete;
-    fetched &operator=(const fetched &) = delete;
-    ~fetched() {
-        // It has no other failure than a bad context.
-        if (rc == PRSR_SUCCESS) (void)prsr_release_db_config(library_.status, library_.ctx, record);
-    }
-
-    int32_t rc;
-    prsr_cfg *record = nullptr;
-
-  private:
-    const session &library_;
-};
-
-}  // namespace
-
 static std::string text_of(const char *text) {
     return text == nullptr ? "-" : text;
 }
@@ -82,7 +58,7 @@ static std::string section(const view_list &rows) {
 
 static exit_code show_database(const tool &shared, const session &library,
                                const std::string &dbname) {
-    fetched found(library, dbname);
+    fetched_record found(library, dbname);
     library.check(found.rc, "the status of database " + dbname + " cannot be told");
     const prsr_cfg &record = *found.record;
     if (shared.format == output_format::table) {
@@ -142,7 +118,7 @@ static exit_code show_all(const tool &shared, const session &library) {
     if (rc == PRSR_ERR_ARGUMENT) rc = PRSR_ERR_MEMORY;
     view_list rows;
     for (uint32_t n = 0; rc == PRSR_SUCCESS && names != nullptr && n < count; ++n) {
-        fetched found(library, names[n]);
+        fetched_record found(library, names[n]);
         // One that is gone meanwhile is no failure.
         if (found.rc == PRSR_SUCCESS)
             rows.push_back(database_row(*found.record, shared.format == output_format::table));

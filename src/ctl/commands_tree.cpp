@@ -10,20 +10,6 @@
 
 namespace keyview::ctl {
 
-static admin::change_options options_of(const tool &shared, bool dry_run) {
-    admin::change_options options;
-    options.dry_run = dry_run;
-    options.prune = shared.prune;
-    options.if_revision = shared.if_revision;
-    return options;
-}
-
-// The place of a failure is the file, if its content is at fault.
-static std::string place_of(const tool &shared, const admin::result &result,
-                            const std::string &file) {
-    return result.code == admin::status::content ? file_label(file) : shared.registry;
-}
-
 // ---- Documents ----------------------------------------------------------------------------------
 
 static exit_code run_apply(const tool &shared, const std::string &file) {

@@ -28,6 +28,16 @@ void session::check(int32_t rc, const std::string &what) const {
     throw tool_error{code, what, registry_, why, same ? failure.todo : begin_exits()[code].todo};
 }
 
+fetched_record::fetched_record(const session &library, const std::string &dbname)
+    : library_(library) {
+    rc = prsr_fetch_db_config(library.status, library.ctx, dbname.c_str(), &record);
+}
+
+// Giving it back has no other failure than a bad context.
+fetched_record::~fetched_record() {
+    if (rc == PRSR_SUCCESS) (void)prsr_release_db_config(library_.status, library_.ctx, record);
+}
+
 // A path's length is enough but for a value that was written by other means.
 int32_t read_name(const name_reader &read, std::string *name) {
     constexpr size_t FIRST_SIZE = 4096, GROWTH = 16, LAST_SIZE = 1 << 20;

@@ -29,6 +29,21 @@ class session {
     uint64_t status_block_[28] = {};  // 224 bytes, what the lock service expects
 };
 
+// The whole record of a database, given back at the end of the scope.
+class fetched_record {
+  public:
+    fetched_record(const session &library, const std::string &dbname);
+    fetched_record(const fetched_record &) = delete;
+    fetched_record &operator=(const fetched_record &) = delete;
+    ~fetched_record();
+
+    int32_t rc;
+    prsr_cfg *record = nullptr;
+
+  private:
+    const session &library_;
+};
+
 // Several operations answer a missing key as they answer a failing registry. ask is called then and
 // asks one that tells: PRSR_ERR_NO_DATABASE if so. Gives the code that says more.
 template <typename question>

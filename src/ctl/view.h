@@ -48,6 +48,10 @@ inline view number_view(int64_t number) {
     return {coded{number, std::to_string(number)}};
 }
 
+inline view count_view(uint64_t number) {
+    return number_view(static_cast<int64_t>(number));
+}
+
 inline view flag_view(int64_t flag) {
     return {coded{flag, flag == 0 ? "no" : "yes"}};
 }
