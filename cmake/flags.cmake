@@ -18,3 +18,10 @@ macro(compile_quickly)
     add_compile_options(
         $<$<CONFIG:Release,RelWithDebInfo>:-O1> $<$<CONFIG:Release,RelWithDebInfo>:-g1>)
 endmacro()
+
+# A C program needs the sanitizers' part for C++, too, if its libraries do.
+function(link_with_sanitizers target)
+    if(KEYVIEW_SANITIZE)
+        set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
+    endif()
+endfunction()
