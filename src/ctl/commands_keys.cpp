@@ -188,11 +188,9 @@ class watcher {
 
     void tell_gap() const {
         if (shared_.format == output_format::table) {
-            return write_result(
-                "gap: this registry keeps no history: what happened between "
-                "revisions " +
-                std::to_string(options_.from) + " and " + std::to_string(seen_.revision) +
-                " is not told\n");
+            return write_result("gap: what happened between revisions " +
+                                std::to_string(options_.from) + " and " +
+                                std::to_string(seen_.revision) + " is not told\n");
         }
         write_json(lines_of("gap", {{"since", count_view(options_.from)},
                                     {"revision", count_view(seen_.revision)}}));
