@@ -18,9 +18,9 @@ using std::chrono::milliseconds;
 
 // A try begins short, so that a dead member costs little, and grows with the time that is spent, so
 // that a slow cluster can answer at all.
-static constexpr milliseconds SHORTEST_TRY{400};
+static constexpr milliseconds SHORTEST_TRY{300};
 static constexpr milliseconds LONGEST_TRY{5000};
-static constexpr int TRY_PART = 4;  // of the time spent
+static constexpr int TRY_PART = 5;  // of the time spent
 
 static constexpr milliseconds PAUSE{50};       // when all members failed once
 static constexpr milliseconds LAST_LOOK{200};  // at the members, when the time is over

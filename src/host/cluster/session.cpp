@@ -13,7 +13,10 @@
 
 namespace keyview::host {
 
-// How long a release, or the end of a session, may take of a program's time.
+// How long a release may take: others wait for it, so it goes on while the members elect a leader.
+static constexpr std::chrono::milliseconds RELEASE{4000};
+
+// How long what only clears up may take of a program's time.
 static constexpr std::chrono::milliseconds FAREWELL{1500};
 
 static int64_t random_number() {
@@ -37,7 +40,7 @@ session::session(const cluster_settings &settings)
 session::~session() {
     if (generation_ != fork_generation()) return;
     for (const std::shared_ptr<lease> &one : leases_->all)
-        revoke(one->id);
+        revoke(one->id, FAREWELL);
 }
 
 std::string session::unique_name() {
@@ -136,9 +139,9 @@ void session::keep_alive() {
 
 // ---- Places -------------------------------------------------------------------------------------
 
-void session::revoke(int64_t id) noexcept {
+void session::revoke(int64_t id, std::chrono::milliseconds patience) noexcept {
     try {
-        calls_.revoke(id, steady::now() + FAREWELL);
+        calls_.revoke(id, steady::now() + patience);
     } catch (const std::exception &) {
         return;  // it ends by itself
     }
@@ -151,7 +154,7 @@ void session::revoke_the_rest() {
         ids.swap(leases_->to_revoke);
     }
     for (int64_t id : ids)
-        revoke(id);
+        revoke(id, FAREWELL);
 }
 
 // Whether the lease goes with it.
@@ -162,11 +165,11 @@ bool session::drop_place(const std::shared_ptr<lease> &its) noexcept {
 
 void session::leave(const std::string &place, const std::shared_ptr<lease> &its) noexcept {
     if (generation_ != fork_generation()) return;  // it is the parent's
-    if (drop_place(its)) return revoke(its->id);
+    if (drop_place(its)) return revoke(its->id, RELEASE);
     try {
         wire::TxnRequest request;
         add_delete(request.mutable_success(), {place, ""});
-        (void)calls_.txn(request, steady::now() + FAREWELL);  // only a failure is of interest
+        (void)calls_.txn(request, steady::now() + RELEASE);  // only a failure is of interest
     } catch (const std::exception &) {
         close(its.get());
         std::lock_guard guard(leases_->mutex);

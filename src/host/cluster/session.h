@@ -79,7 +79,7 @@ class session {
     std::shared_ptr<lease> open_lease();
     void revoke_the_rest();
     bool drop_place(const std::shared_ptr<lease> &its) noexcept;
-    void revoke(int64_t id) noexcept;
+    void revoke(int64_t id, std::chrono::milliseconds patience) noexcept;
 
     connection calls_;
     layout keys_;
