@@ -55,6 +55,24 @@ TEST(Members, WithoutAMajorityTheTextSaysSo) {
     EXPECT_EQ(value_at(registry, "a.b"), "0");
 }
 
+// What gRPC has of its own ends with the last session, and must not end in a thread of its own.
+TEST(Members, ASessionMayEndWhileItsKeepaliveIsUnderWay) {
+    setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    setting lease("KEYVIEW_LEASE_TTL", "9");
+    etcd_members three;
+    {
+        backend last = open_cluster(three.url());
+        usleep(3100 * 1000);  // a third of the lease: the next call sends one, which waits as long
+        for (size_t one = 0; one < three.count(); ++one)
+            three.stop(one);
+        expect_failure([&] { value_at(last, "a"); }, failure::registry, "does not answer", 1);
+    }
+    sleep(1);
+    for (size_t one = 0; one < three.count(); ++one)
+        three.go_on(one);
+    EXPECT_EQ(value_at(open_cluster(three.url()), "a"), "(none)");
+}
+
 // The worst of each subject, as a doctor finds it.
 static std::map<std::string, health> found_by_doctor(const std::string &url) {
     std::map<std::string, health> worst;

@@ -4,6 +4,8 @@
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <list>
 #include <thread>
 #include <utility>
 
@@ -96,8 +98,91 @@ struct connection::member {
     wire::Maintenance::Stub operation{channel};
 };
 
+// ---- Keepalives under way -----------------------------------------------------------------------
+
+namespace {
+
+using keep_alive_reactor =
+    grpc::ClientBidiReactor<wire::LeaseKeepAliveRequest, wire::LeaseKeepAliveResponse>;
+
+}  // namespace
+
+// The last reference to a channel must not go in a callback: gRPC would wait there for the thread
+// that it runs on. So a connection outlives its calls.
+class connection::keep_alives {
+  public:
+    keep_alives() = default;
+    keep_alives(const keep_alives &) = delete;
+    keep_alives &operator=(const keep_alives &) = delete;
+
+    ~keep_alives() {
+        std::unique_lock guard(mutex_);
+        for (std::unique_ptr<one_call> &one : under_way_)
+            one->context.TryCancel();
+        ended_.wait(guard, [this] { return under_way_.empty(); });
+    }
+
+    void start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
+               steady::time_point end, int64_t lease, std::function<void(int64_t)> told) {
+        auto made = std::make_unique<one_call>(this, channel, std::move(told));
+        made->request.set_id(lease);
+        set_deadline(&made->context, end);
+        if (!token.empty()) made->context.AddMetadata("token", token);
+        one_call *call = made.get();
+        {
+            std::lock_guard guard(mutex_);
+            under_way_.push_back(std::move(made));
+        }
+        call->start();
+    }
+
+  private:
+    // One question and one answer on a stream of its own.
+    struct one_call final : keep_alive_reactor {
+        one_call(keep_alives *its_owner, const std::shared_ptr<grpc::Channel> &channel,
+                 std::function<void(int64_t)> whom)
+            : owner(its_owner), leases(channel), told(std::move(whom)) {}
+
+        void start() noexcept {
+            leases.async()->LeaseKeepAlive(&context, this);
+            StartRead(&response);
+            StartWrite(&request);
+            StartCall();
+        }
+
+        void OnReadDone(bool ok) override {
+            if (ok && told) std::exchange(told, nullptr)(response.ttl());
+            if (ok) context.TryCancel();
+        }
+
+        void OnDone(const grpc::Status &) override {
+            if (told) told(-1);
+            owner->end(this);
+        }
+
+        keep_alives *owner;
+        wire::Lease::Stub leases;
+        grpc::ClientContext context;
+        wire::LeaseKeepAliveRequest request;
+        wire::LeaseKeepAliveResponse response;
+        std::function<void(int64_t)> told;
+    };
+
+    void end(const one_call *ended) {
+        std::lock_guard guard(mutex_);
+        under_way_.remove_if([&](const auto &one) { return one.get() == ended; });
+        ended_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable ended_;
+    std::list<std::unique_ptr<one_call>> under_way_;
+};
+
+// ---- Connections --------------------------------------------------------------------------------
+
 connection::connection(const cluster_settings &settings)
-    : settings_(settings), generation_(begin_use()) {
+    : settings_(settings), generation_(begin_use()), keep_alives_(std::make_unique<keep_alives>()) {
     std::shared_ptr<grpc::ChannelCredentials> credentials = credentials_of(settings_);
     for (const std::string &name : settings_.members)
         members_.push_back(std::make_unique<member>(name, credentials));
@@ -106,6 +191,7 @@ connection::connection(const cluster_settings &settings)
 // What a child inherits is its parent's, and never touched.
 connection::~connection() {
     if (generation_ == fork_generation()) return;
+    (void)keep_alives_.release();
     for (std::unique_ptr<member> &one : members_)
         (void)one.release();
 }
@@ -320,55 +406,10 @@ wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
 
 // ---- Keepalives ---------------------------------------------------------------------------------
 
-namespace {
-
-using keep_alive_reactor =
-    grpc::ClientBidiReactor<wire::LeaseKeepAliveRequest, wire::LeaseKeepAliveResponse>;
-
-// One question and one answer on a stream of its own. Deletes itself when the stream has ended.
-class keep_alive_call final : public keep_alive_reactor {
-  public:
-    keep_alive_call(std::shared_ptr<grpc::Channel> channel, int64_t lease,
-                    std::function<void(int64_t)> told)
-        : channel_(std::move(channel)), told_(std::move(told)) {
-        request_.set_id(lease);
-    }
-
-    void start(const std::string &token, steady::time_point end) {
-        set_deadline(&context_, end);
-        if (!token.empty()) context_.AddMetadata("token", token);
-        leases_.async()->LeaseKeepAlive(&context_, this);
-        StartRead(&response_);
-        StartWrite(&request_);
-        StartCall();
-    }
-
-    void OnReadDone(bool ok) override {
-        if (ok && told_) std::exchange(told_, nullptr)(response_.ttl());
-        if (ok) context_.TryCancel();
-    }
-
-    void OnDone(const grpc::Status &) override {
-        if (told_) told_(-1);
-        delete this;
-    }
-
-  private:
-    std::shared_ptr<grpc::Channel> channel_;  // the connection may end before the call
-    wire::Lease::Stub leases_{channel_};
-    grpc::ClientContext context_;
-    wire::LeaseKeepAliveRequest request_;
-    wire::LeaseKeepAliveResponse response_;
-    std::function<void(int64_t)> told_;
-};
-
-}  // namespace
-
 void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
     require_own_process();
-    size_t at = current_.load();
-    auto *call = new keep_alive_call(members_[at]->channel, lease, told);
-    call->start(token(), steady::now() + settings_.lease_ttl / 3);
+    std::shared_ptr<grpc::Channel> channel = members_[current_.load()]->channel;
+    keep_alives_->start(channel, token(), steady::now() + settings_.lease_ttl / 3, lease, told);
 }
 
 // ---- Watches ------------------------------------------------------------------------------------

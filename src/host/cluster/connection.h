@@ -78,6 +78,7 @@ class connection {
 
   private:
     struct member;
+    class keep_alives;
 
     template <typename one_try>
     void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr);
@@ -91,6 +92,7 @@ class connection {
     cluster_settings settings_;
     uint64_t generation_;  // of the process that made it
     std::vector<std::unique_ptr<member>> members_;
+    std::unique_ptr<keep_alives> keep_alives_;  // ends before the channels
     std::atomic<size_t> current_{0};
     std::atomic<uint64_t> round_trips_{0};
     std::mutex token_mutex_;
