@@ -122,7 +122,9 @@ static std::string document_page() {
             "\"version\": 1 and up to three lists of records: \"databases\", \"stg\" and "
             "\"nodeapps\". Each record has a \"name\", an entry of \"stg\" a \"scope\", too. What "
             "a document does not mention, apply leaves as it is; with --prune it removes "
-            "it. A faulty document is refused as a whole, with the place of each fault.") +
+            "it. A faulty document is refused as a whole, with the place of each fault. A string "
+            "that is no UTF-8 is null, and stands in base64 under its field's name with _base64 "
+            "behind it; in a list, in its place in such a second list.") +
         "\n.SH FIELDS\n";
     std::string record;
     for (const admin::document_field &row : admin::document_fields()) {

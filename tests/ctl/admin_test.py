@@ -4,7 +4,7 @@ plans and what is written, backups under fire, findings and what mends them."""
 import base64, json, os, pty, random, re, shutil, signal, subprocess, sys, tempfile, time, unittest
 import jsonschema
 
-TOOL, EXAMPLE, SCHEMA, README = map(os.path.abspath, sys.argv[1:5])
+TOOL, EXAMPLE, SCHEMAS, README = map(os.path.abspath, sys.argv[1:5])
 
 
 def content(name):
@@ -12,7 +12,11 @@ def content(name):
         return file.read()
 
 
-VALIDATOR = jsonschema.Draft202012Validator(json.loads(content(SCHEMA)))
+def validator(name):
+    return jsonschema.Draft202012Validator(json.loads(content(os.path.join(SCHEMAS, name))))
+
+
+VALIDATOR, DOCUMENT = validator("keyviewctl-1.json"), validator("keyview-cluster-1.json")
 SALES = "DATABASE.DATABASES.sales"
 
 
@@ -77,6 +81,7 @@ class Output(Administrator):
             self.json(*command.split())
             for line in self.good("-o", "jsonl", *command.split()).splitlines():
                 VALIDATOR.validate(json.loads(line))
+        DOCUMENT.validate(json.loads(content(EXAMPLE)))
         for command in ("show nobody", "frob", "apply -", "get X", "set a..b --as text x"):
             error = json.loads(self.run_tool("-o", "json", *command.split()).stderr)
             VALIDATOR.validate(error)
@@ -273,19 +278,25 @@ class Keeping(Administrator):
             self.assertEqual(self.json("lint")["findings"], [], rule)
             self.good("apply", EXAMPLE)
 
-
-    def test_random_texts_survive_export_and_apply(self):
+    def test_random_bytes_survive_export_and_apply(self):
         random.seed(11)
         def text(longest):
             return "".join(chr(random.choice([random.randrange(1, 0x7f), random.randrange(0xa0, 0xd800),
                                               random.randrange(0x10000, 0x110000)]))
                            for _ in range(random.randrange(1, longest)))
+        def raw(longest):
+            bytes_ = bytes(random.randrange(1, 256) for _ in range(random.randrange(longest)))
+            return base64.b64encode(bytes_ + b"\xff").decode()
         document = {"format": "keyview-cluster", "version": 1, "databases": [
-            {"name": "d%04d" % n, "spfile": text(90), "env": [text(9) for _ in range(3)]} for n in range(1000)]}
+            {"name": "d%04d" % n, "home": None, "home_base64": raw(1020), "spfile": text(90),
+             "env": [text(9), None, text(9)], "env_base64": [None, raw(99), None]} for n in range(1000)]}
         self.good("rm", "DATABASE")
         self.good("apply", "-", stdin=json.dumps(document).encode())
         exported = self.good("export")
         self.assertEqual(json.loads(exported), document)
+        DOCUMENT.validate(document)
+        self.assertEqual(self.json("get", "DATABASE.DATABASES.d0007.TALVEN_HOME")["value_base64"],
+                         base64.b64encode(base64.b64decode(document["databases"][7]["home_base64"]) + b"\0").decode())
         self.good("diff", "-", "--prune", stdin=exported.encode())
         begun = time.monotonic()
         self.assertEqual(len(self.good("list").splitlines()), 1000)
@@ -366,4 +377,4 @@ class Comfort(Administrator):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1] + sys.argv[5:])

@@ -5,6 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "host/admin/byte_strings.h"
 #include "host/admin/encoding.h"
 #include "host/admin/fields.h"
 #include "host/admin/json_text.h"
@@ -69,8 +70,9 @@ class document_walk {
     static bool is_field(const record_table &table, const std::string &field) {
         return field == "name" || (table.scoped && field == "scope") ||
                is_list(table.lists, field) ||
-               std::any_of(table.fields.begin(), table.fields.end(),
-                           [&](const field_row &row) { return row.field == field; });
+               std::any_of(table.fields.begin(), table.fields.end(), [&](const field_row &row) {
+                   return row.field == field || byte_field(row) == field;
+               });
     }
 
     // parent is the path of the record that holds the list, empty at the top.
@@ -152,12 +154,21 @@ class document_walk {
 
     void read_field(const field_row &row, const json &record, const std::string &path,
                     const pointer &record_place) {
-        auto value = record.find(row.field);
-        if (value == record.end()) return;
+        std::string name = row.field;
         std::string stored;
-        std::optional<fault> wrong = encode_value(row, *value, &stored);
+        std::optional<fault> wrong;
+        if (record.contains(byte_field(row))) {
+            json value;
+            name = byte_field(row);
+            wrong = take_strings(row, record, &value);
+            if (!wrong) wrong = encode_value(row, value, &stored);
+        } else if (record.contains(row.field)) {
+            wrong = encode_value(row, record.at(row.field), &stored);
+        } else {
+            return;
+        }
         if (!wrong) return put(path_below(path, row.key), std::move(stored));
-        pointer place = record_place / row.field;
+        pointer place = record_place / name;
         if (wrong->item >= 0) place /= static_cast<size_t>(wrong->item);
         refuse(place, wrong->reason);
     }

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/admin/byte_strings.h"
 #include "host/admin/encoding.h"
 #include "host/admin/fields.h"
 
@@ -105,7 +106,7 @@ class tree_walk {
         nlohmann::json value;
         std::optional<fault> wrong = decode_value(row, key->value, &value);
         if (wrong) return problems_->add(path_below(path, row.key), wrong->reason);
-        (*record)[row.field] = value;
+        put_strings(row, value, record);
     }
 
     // A service instance that went into neither list.
@@ -144,7 +145,7 @@ class tree_walk {
 
 std::string write_document(key_node *tree, problem_list *problems) {
     ordered_json document = tree_walk(problems).write(tree);
-    // Bytes that are no UTF-8 are among the problems already.
+    // A name that is no UTF-8 is among the problems already.
     return document.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 

@@ -18,6 +18,8 @@ struct fault {
     int item = -1;
 };
 
+bool valid_utf8(std::string_view text);
+
 // What keeps a text from being a registered name, if anything does. limit counts the zero byte.
 std::optional<fault> check_name(std::string_view name, bool dotted, size_t limit);
 
@@ -33,7 +35,8 @@ std::string element_of(std::string_view name, bool dotted);
 // The stored form of a name, its zero byte included.
 std::string own_value(std::string_view name);
 
-// The stored form of a field's value; a fault, and *stored as it was, if there is none.
+// The stored form of a field's value, whose strings may be any bytes; a fault, and *stored as it
+// was, if there is none.
 std::optional<fault> encode_value(const field_row &row, const nlohmann::json &value,
                                   std::string *stored);
 

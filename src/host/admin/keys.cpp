@@ -56,6 +56,9 @@ std::vector<key_change> compare_keys(const std::vector<key_row> &before,
 // ---- Values -------------------------------------------------------------------------------------
 
 static nlohmann::json json_meant(value_kind kind, const std::vector<std::string> &values) {
+    for (const std::string &value : values) {
+        if (!valid_utf8(value)) throw host_error(failure::content, "the value is not valid UTF-8");
+    }
     if (kind == value_kind::env) return values;
     if (values.size() != 1) throw host_error(failure::usage, "this key takes one value");
     if (kind != value_kind::flag) return values[0];

@@ -1,0 +1,28 @@
+// Strings of a document that are no UTF-8. JSON cannot hold them, so they are null, and stand in
+// base64 under a second field, "spfile_base64" for "spfile"; in a list each such string by itself.
+#ifndef KEYVIEW_HOST_ADMIN_BYTE_STRINGS_H
+#define KEYVIEW_HOST_ADMIN_BYTE_STRINGS_H
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "host/admin/encoding.h"
+#include "host/admin/fields.h"
+
+namespace keyview::admin {
+
+// The name of the second field; empty for a kind of value that has none.
+std::string byte_field(const field_row &row);
+
+// Puts a value, whose strings may be any bytes, into a record.
+void put_strings(const field_row &row, const nlohmann::json &value, nlohmann::ordered_json *record);
+
+// The value that a record with the second field has for both, its strings being bytes; a fault of
+// the second field, and *value as it was, if they do not fit.
+std::optional<fault> take_strings(const field_row &row, const nlohmann::json &record,
+                                  nlohmann::json *value);
+
+}  // namespace keyview::admin
+
+#endif
