@@ -24,6 +24,11 @@ std::string file_label(const std::string &name) {
                      "check the name, the permissions and the free space"};
 }
 
+static std::string folder_of(const std::string &name) {
+    size_t slash = name.rfind('/');
+    return slash == name.npos ? "." : name.substr(0, slash + 1);
+}
+
 namespace {
 
 // A descriptor, closed at the end of the scope.
@@ -34,12 +39,51 @@ struct open_file {
     int fd = -1;
 };
 
-// A file that is removed at the end of the scope, unless it was kept.
-struct temporary_file {
-    ~temporary_file() {
-        if (!name.empty()) unlink(name.c_str());
+// A file that is gone at the end of the scope, unless it was kept. Where the file system can, it
+// has no name until it is whole, so that not even a killed program leaves a part of one behind.
+class temporary_file {
+  public:
+    explicit temporary_file(std::string target) : target_(std::move(target)) {
+        file_.fd = open(folder_of(target_).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, PRIVATE_FILE);
+        if (file_.fd >= 0) return;
+        name_ = target_ + ".XXXXXX";
+        file_.fd = mkostemp(name_.data(), O_CLOEXEC);
+        if (file_.fd < 0) name_.clear();
     }
-    std::string name;
+    temporary_file(const temporary_file &) = delete;
+    temporary_file &operator=(const temporary_file &) = delete;
+    ~temporary_file() {
+        if (!name_.empty()) unlink(name_.c_str());
+    }
+
+    int fd() const { return file_.fd; }
+
+    // Under its target's name from now on; false, with errno, if that cannot be.
+    bool keep() {
+        if ((name_.empty() && !give_name()) || rename(name_.c_str(), target_.c_str()) != 0)
+            return false;
+        name_.clear();
+        return true;
+    }
+
+  private:
+    bool give_name() {
+        constexpr int TRIES = 100;  // killed programs may have left names
+        std::string self = "/proc/self/fd/" + std::to_string(file_.fd);
+        for (int n = 0; n < TRIES; ++n) {
+            std::string name = target_ + "." + std::to_string(getpid() + n);
+            if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+                name_ = name;
+                return true;
+            }
+            if (errno != EEXIST) return false;
+        }
+        return false;
+    }
+
+    std::string target_;
+    std::string name_;
+    open_file file_;
 };
 
 // Holds back the signals that end the program, so that no temporary file is left behind.
@@ -102,10 +146,8 @@ static std::string target_of(const std::string &name) {
 
 // Makes the rename last; where a folder cannot be synced, it is done without.
 static void sync_folder(const std::string &name) {
-    size_t slash = name.rfind('/');
-    std::string folder = slash == name.npos ? "." : name.substr(0, slash + 1);
     open_file file;
-    file.fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    file.fd = open(folder_of(name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (file.fd >= 0) (void)fsync(file.fd);
 }
 
@@ -122,20 +164,14 @@ void replace_file(const std::string &name, std::string_view content, int mode) {
     if (exists && !S_ISREG(old.st_mode)) return write_into(name, content);
 
     signals_held held;
-    temporary_file beside;
-    open_file file;
     std::string target = target_of(name);
-    std::string temporary = target + ".XXXXXX";
-    file.fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (file.fd < 0) fail(CANNOT_WRITE, name, errno);
-    beside.name = temporary;
+    temporary_file beside(target);
+    if (beside.fd() < 0) fail(CANNOT_WRITE, name, errno);
     mode_t kept = exists ? old.st_mode & 07777 : mode_of_new_file();
-    if (fchmod(file.fd, mode == KEEP_MODE ? kept : static_cast<mode_t>(mode)) != 0)
+    if (fchmod(beside.fd(), mode == KEEP_MODE ? kept : static_cast<mode_t>(mode)) != 0)
         fail(CANNOT_WRITE, name, errno);
-    write_to(file.fd, name, content);
-    if (fsync(file.fd) != 0) fail(CANNOT_WRITE, name, errno);
-    if (rename(temporary.c_str(), target.c_str()) != 0) fail(CANNOT_WRITE, name, errno);
-    beside.name.clear();
+    write_to(beside.fd(), name, content);
+    if (fsync(beside.fd()) != 0 || !beside.keep()) fail(CANNOT_WRITE, name, errno);
     sync_folder(target);
 }
 

@@ -255,6 +255,7 @@ class Keeping(Administrator):
             self.assertIn(self.good("tree"), (before, full))
             self.good("diff", self.path("saved"), "--registry", self.url, code=0 if self.good("tree") == full else 1)
             self.good("restore", self.path("full"), "--force")
+        self.assertEqual(sorted(os.listdir(self.folder)), ["full", "registry", "saved"])
 
     def test_lint_finds_each_fault_and_what_mends_it(self):
         self.assertEqual(self.json("lint")["findings"], [])
