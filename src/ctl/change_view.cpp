@@ -17,6 +17,7 @@ admin::change_options options_of(const tool &shared, bool dry_run) {
     options.dry_run = dry_run;
     options.prune = shared.prune;
     options.if_revision = shared.if_revision;
+    options.step = [&shared](const std::string &text) { shared.told->step(text); };
     return options;
 }
 
@@ -121,9 +122,11 @@ void confirm(const tool &shared, const std::function<admin::change_result()> &dr
         return;
     admin::change_result planned = dry_run();
     if (planned.code != admin::status::done || planned.changes.empty()) return;
+    shared.told->stop();
     std::cerr << list_for_people(planned) << "Do this? [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
+    shared.told->start();
     if (answer == "y" || answer == "yes") return;
     throw tool_error{EXIT_NO, "nothing was done", "", "the answer was no", "use --yes"};
 }

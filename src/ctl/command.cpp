@@ -31,7 +31,11 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
                       const std::function<exit_code()> &run) {
     CLI::App *command = app->add_subcommand(name, description);
     command->fallthrough();
-    command->callback([shared, run] { shared->run = run; });
+    std::string group = app->get_parent() == nullptr ? "" : app->get_name() + " ";
+    command->callback([shared, run, full_name = group + name] {
+        shared->command = full_name;
+        shared->run = run;
+    });
     return command;
 }
 

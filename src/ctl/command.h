@@ -4,10 +4,12 @@
 #define KEYVIEW_CTL_COMMAND_H
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "ctl/exit_codes.h"
+#include "ctl/progress.h"
 #include "ctl/settings.h"
 #include "ctl/view.h"
 
@@ -24,13 +26,16 @@ struct tool {
     bool registry_given = false;  // by the option, be it ""
     output_format format = output_format::table;
     bool needs_registry = true;
+    double lock_wait_s = 0;
     // Of commands that change the tree.
     bool dry_run = false;
     bool compares = false;  // a dry run is all that is meant
     bool yes = false;
     bool prune = false;
     uint64_t if_revision = 0;
-    std::function<exit_code()> run;  // the chosen command; throws tool_error
+    std::string command;             // the chosen one's name
+    std::function<exit_code()> run;  // it; throws tool_error
+    std::unique_ptr<progress> told;  // to a person, while it runs
 };
 
 // A group adds its commands to the app. A new group is a file with such a function, and its row in

@@ -103,6 +103,7 @@ static exit_code change_flag(const tool &shared, const given_names &names, int32
         words_for(holder) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
     library.check(rc, what);
     admin::change_result changed = flag_changes(holder, enabled);
+    shared.told->step("works under the lock " + changed.locks.front());
     if (!shared.dry_run) library.check(set_flag(library, holder, enabled), what);
     show_changes(shared, changed);
     return EXIT_DONE;

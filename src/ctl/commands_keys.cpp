@@ -250,6 +250,7 @@ static exit_code run_watch(const tool &shared, const watch_options &options) {
         throw tool_error{EXIT_USAGE, "watch tells a line a change", "", "another format was chosen",
                          "use -o jsonl, or none for people"};
     }
+    shared.told->stop();
     watcher(shared, options).run();
     return EXIT_DONE;
 }

@@ -19,7 +19,7 @@ struct run_options {
     std::string name;
     std::vector<std::string> command;
     bool shared = false;
-    double wait_s = 60;
+    double wait_s = -1;  // the setting
 };
 }  // namespace
 
@@ -54,9 +54,12 @@ static int wait_for(pid_t child, const admin::lock_hold &lock) {
 }
 
 static exit_code run_lock(const tool &shared, const run_options &options) {
-    auto wait_ms = static_cast<uint32_t>(options.wait_s * 1000);
+    shared.told->step("waits for the lock " + options.name);
+    double wait_s = options.wait_s < 0 ? shared.lock_wait_s : options.wait_s;
+    auto wait_ms = static_cast<uint32_t>(wait_s * 1000);
     admin::lock_result taken = admin::take_lock(options.name, options.shared, wait_ms);
     check_result(taken, "the lock is not taken", shared.registry);
+    shared.told->stop();
     pid_t child = start(options.command);
     if (child < 0) {
         throw tool_error{EXIT_INTERNAL, "the command is not run", "", strerror(errno),
@@ -94,7 +97,7 @@ void add_lock_commands(CLI::App *app, tool *shared) {
     run->add_option("NAME", options->name, "The lock, such as LKRT.DATABASE.DATABASES.sales")
         ->required();
     run->add_flag("--shared", options->shared, "Share the lock with others that do");
-    run->add_option("--wait", options->wait_s, "Seconds to wait for it; 60 without it")
+    run->add_option("--wait", options->wait_s, "Seconds to wait for it; without it, the setting lock_wait")
         ->check(CLI::Range(0.0, 86400.0));
     run->add_option("CMD", options->command, "The command with its arguments, behind --")
         ->required();

@@ -27,6 +27,8 @@ static exit_code run_apply(const tool &shared, const std::string &file) {
 // A backup is the whole tree, so what it does not hold counts.
 static exit_code run_diff(const tool &shared, const std::string &file) {
     std::string content = read_file(file);
+    // Nothing is like a registry that is not there, which rather is a mistake.
+    check_result(admin::read_revision(), "the file cannot be compared", shared.registry);
     admin::change_options options = options_of(shared, true);
     admin::change_result differs = admin::is_backup(content)
                                        ? admin::restore_registry(content, true, options)

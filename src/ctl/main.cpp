@@ -152,11 +152,12 @@ static meaning meaning_of(const setting &one, const std::map<std::string, meanin
                      one.origin, one.value + " is none of its words", "see \"keyviewctl --help\""};
 }
 
-static void set_lock_wait(const setting &one) {
+static double lock_wait_of(const setting &one) {
     char *end = nullptr;
     double wait_s = strtod(one.value.c_str(), &end);
     bool sound = *end == '\0' && wait_s >= 0 && wait_s <= 86400;
-    if (sound && keyview_host_set_lock_wait(static_cast<int64_t>(wait_s * 1000)) == 0) return;
+    if (sound && keyview_host_set_lock_wait(static_cast<int64_t>(wait_s * 1000)) == 0)
+        return wait_s;
     throw tool_error{EXIT_USAGE, "the setting lock_wait cannot be used", one.origin,
                      one.value + " is no number of seconds from 0 to 86400", "correct it"};
 }
@@ -168,7 +169,7 @@ static void settle(tool *shared) {
     shared->registry = chosen.registry.value;
     shared->format = meaning_of(chosen.output, formats());
     choose_color(meaning_of(chosen.color, colors()));
-    set_lock_wait(chosen.lock_wait);
+    shared->lock_wait_s = lock_wait_of(chosen.lock_wait);
 }
 
 // A name that is not there may be misspelt.
@@ -193,6 +194,9 @@ static int run(int argc, char **argv, output_format *format) {
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     if (shared.needs_registry) choose_registry(shared);
+    bool programs = shared.format == output_format::json || shared.format == output_format::jsonl;
+    shared.told = std::make_unique<progress>(shared.command, shared.needs_registry && !programs);
+    shared.told->start();
     return shared.run();
 }
 

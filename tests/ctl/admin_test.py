@@ -303,18 +303,83 @@ class Keeping(Administrator):
         self.assertEqual(len(self.good("list").splitlines()), 1000)
         print("list of 1,000 databases: %.0f ms" % ((time.monotonic() - begun) * 1000))
 
+
+class ExitCodes(Administrator):
+    def setUp(self):
+        super().setUp()
+        self.good("set", SALES + ".DOMAIN", "before")
+        self.good("backup", self.path("saved"))
+        os.chmod(self.path("saved"), 0o644)
+        self.good("apply", EXAMPLE)
+        self.good("disable", "sandbox")
+        self.good("disable", "sales", "--service", "nightly_batch")
+        self.good("set", "DATABASE.MORE", "--as", "text", "x")
+        self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<folder>": self.folder,
+                      "<other>": "lmdb:" + self.path("other")}
+        lines = content(os.path.join(os.path.dirname(__file__), "matrix.txt")).decode().splitlines()
+        self.rows = [[cell.strip() for cell in line.split("|")] for line in lines if line[0] != "#"]
+        self.env["KEYVIEW_LOCK_WAIT"] = "0"
+
+    def code(self, command, *more, **how):
+        for mark, word in self.words.items():
+            command = command.replace(mark, word)
+        words = command.split()
+        at = words.index("--") if "--" in words else len(words)
+        return subprocess.run([TOOL, *words[:at], *more, *words[at:]], capture_output=True, env=self.env,
+                              timeout=60, **how).returncode
+
+    # On a registry of its own, which prepare may change.
+    def code_on_copy(self, command, *more, prepare=lambda folder: None, **how):
+        folder = self.path("copy")
+        shutil.rmtree(folder, ignore_errors=True)
+        shutil.copytree(self.path("registry"), folder)
+        prepare(folder)
+        self.env["KEYVIEW_REGISTRY"] = "lmdb:" + folder
+        return self.code(command, *more, **how)
+
+    def each(self, code_of, expected):
+        for done, _, _, holds in self.rows:
+            codes = {"plain": 0, "doctor": 4}
+            wanted = next((codes[word] for word in holds.split() if word in codes), expected(holds))
+            with self.subTest(done):
+                self.assertEqual(code_of(done), wanted)
+
+    def test_done_no_usage_not_found_and_changed(self):
+        for done, no, missing, holds in self.rows:
+            self.assertEqual(self.code_on_copy(done), 1 if done[:4] == "diff" else 3 if done[:7] == "recover" else 0, done)
+            self.assertEqual(self.code_on_copy(done, "--no-such-option"), 2, done)
+            if no:
+                self.assertEqual(self.code_on_copy(no), 1, no)
+            if missing:
+                self.assertEqual(self.code_on_copy(missing), 3, missing)
+            if "revision" in holds:
+                self.assertEqual(self.code_on_copy(done, "--if-revision", "1"), 6, done)
+
+    def test_registry_absent_or_impossible(self):
+        self.each(lambda done: self.code_on_copy(done, prepare=shutil.rmtree), lambda holds: 0 if "creates" in holds else 4)
+        self.env["KEYVIEW_REGISTRY"] = "lmdb:" + self.path("saved") + "/registry"
+        self.each(self.code, lambda holds: 4)
+
+    def test_locks_refused(self):
+        command = ["sh", "-c", "echo held; read end"]
+        for place in ("DATABASES", "DATABASES.sales", "DATABASES.ledger", "STG.node1.stg1", "NODEAPPS.node1"):
+            scope = "LKRT.STG." if place[:3] == "STG" else "LKRT."
+            command = [TOOL, "lock", "run", scope + "DATABASE." + place, "--"] + command
+        holder = subprocess.Popen(command, env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.assertEqual(holder.stdout.readline(), b"held\n")
+        self.rows = [row for row in self.rows if row[0].split()[0] not in ("recover", "diff", "doctor")]
+        self.each(self.code, lambda holds: 5 if "locks" in holds else 0)
+        holder.communicate(b"end\n")
+
     @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
-    def test_who_may_not_is_told(self):
+    def test_denied(self):
         os.chmod(self.folder, 0o755)
-        for command in READS + ["apply -", "backup -", "restore -", "export", "disable sales", "watch", "diff -"]:
-            if command.split()[0] in ("explain", "errors", "config"):
-                continue
-            words = command.split()
-            stdin = content(EXAMPLE)
-            if words[0] == "restore":
-                stdin = self.good("backup", "-").encode()
-            ended = subprocess.run([TOOL, *words], input=stdin, capture_output=True, env=self.env, user=65534, timeout=60)
-            self.assertEqual(ended.returncode, 7, (command, ended.stderr))
+        self.each(lambda done: self.code(done, user=65534), lambda holds: 7)
+
+    def test_content_damaged(self):
+        def cut(folder):
+            os.truncate(folder + "/data.mdb", 4096 * 4 + 16)
+        self.each(lambda done: self.code_on_copy(done, prepare=cut), lambda holds: 8)
 
 
 class Comfort(Administrator):

@@ -23,6 +23,10 @@ static constexpr size_t FEW_CHANGES = 16;
 // without regard to changes elsewhere, so that a busy registry cannot keep it off.
 static constexpr int TRIES = 8;
 
+static void tell_step(const change_options &options, const std::string &text) {
+    if (options.step) options.step(text);
+}
+
 namespace {
 
 struct plan {
@@ -37,13 +41,16 @@ class lock_set {
   public:
     // The names are sorted, so that two programs that lock several never wait for each other in a
     // ring.
-    lock_set(host::lock_service *locks, const std::set<std::string> &names) : names_(names) {
+    lock_set(host::lock_service *locks, const std::set<std::string> &names,
+             const change_options &options)
+        : names_(names) {
         using std::chrono::milliseconds;
         using std::chrono::steady_clock;
         auto deadline = steady_clock::now() + milliseconds(host::lock_wait_ms());
         for (const std::string &name : names) {
             auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
             auto wait_ms = static_cast<uint32_t>(std::max<int64_t>(left.count(), 0));
+            tell_step(options, "waits for the lock " + name);
             held_.push_back(locks->acquire(name, host::lock_mode::exclusive, wait_ms));
         }
     }
@@ -148,7 +155,8 @@ static bool fits(host::moment *keys, const wish &wanted, change_result *out) {
 // False if the tree changed meanwhile so that the plan must be made anew.
 static bool try_to_carry_out(const host::backend &registry, const plan &first, const wish &wanted,
                              const change_options &options, bool last, change_result *out) {
-    lock_set held(registry.locks.get(), first.locks);
+    lock_set held(registry.locks.get(), first.locks, options);
+    tell_step(options, "writes " + std::to_string(first.changes.size()) + " changes");
     plan made;
     {
         auto keys = registry.keys->now();

@@ -8,6 +8,7 @@
 #define KEYVIEW_HOST_ADMIN_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,6 +60,8 @@ struct change_options {
     bool dry_run = false;      // tell what would change, write nothing, take no lock
     bool prune = false;        // remove what is not wanted
     uint64_t if_revision = 0;  // the tree must be at this revision, else status::changed; 0 for any
+    // Told, on the calling thread, what is done or waited for, such as "writes 17 changes".
+    std::function<void(const std::string &)> step = {};
 };
 
 struct change_result : result {
