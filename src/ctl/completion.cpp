@@ -122,9 +122,13 @@ std::string candidates_for(const CLI::App &app, words line) {
 static constexpr struct {
     const char *shell, *script;
 } SCRIPTS[] = {
+    // COMP_WORDS would part words at ":", which stands in every registry's URL.
     {"bash", R"(_keyviewctl() {
-    local IFS=$'\n'
-    COMPREPLY=($(keyviewctl __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+    local line=${COMP_LINE:0:COMP_POINT} words n
+    IFS=$' \t' read -ra words <<< "$line"
+    [[ $line == *[[:blank:]] ]] && words+=("")
+    mapfile -t COMPREPLY < <(keyviewctl __complete -- "${words[@]:1}" 2>/dev/null)
+    for n in "${!COMPREPLY[@]}"; do printf -v "COMPREPLY[n]" %q "${COMPREPLY[n]}"; done
     [ ${#COMPREPLY[@]} -gt 0 ] || compopt -o default 2>/dev/null
 }
 complete -F _keyviewctl keyviewctl
@@ -133,13 +137,20 @@ complete -F _keyviewctl keyviewctl
 _keyviewctl() {
     local -a found
     found=("${(@f)$(keyviewctl __complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-    if [[ -n "$found" ]]; then compadd -a found; else _files; fi
+    if [[ -n "$found" ]]; then compadd -U -a found; else _files; fi
 }
 compdef _keyviewctl keyviewctl
 )"},
-    {"fish",
-     "complete -c keyviewctl -a '(keyviewctl __complete -- (commandline -opc)[2..-1] "
-     "(commandline -ct) 2>/dev/null)'\n"},
+    {"fish", R"(function __keyviewctl
+    set -l found (keyviewctl __complete -- (commandline -opc)[2..-1] (commandline -ct) 2>/dev/null)
+    if set -q found[1]
+        printf '%s\n' $found
+    else
+        __fish_complete_path (commandline -ct)
+    end
+end
+complete -c keyviewctl -f -a '(__keyviewctl)'
+)"},
 };
 
 std::string completion_script(const std::string &shell) {

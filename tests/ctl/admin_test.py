@@ -175,6 +175,17 @@ class Changes(Administrator):
             self.assertEqual(rows["locks"][0]["mode"], "shared" if shared else "exclusive")
         self.good("lock", "run", name, "--", "sh", "-c", "exit 77", code=77)
 
+    def test_what_takes_long_is_told(self):
+        name = "LKRT." + SALES
+        for words, told in (([], "keyviewctl: set goes on for 1 s: it waits for the lock %s\n" % name),
+                            (["-o", "json"], "")):
+            holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; sleep 1.5"],
+                                      env=self.env, stdout=subprocess.PIPE)
+            holder.stdout.readline()
+            ended = self.run_tool("set", SALES + ".DOMAIN", "late", *words)
+            self.assertEqual((ended.returncode, ended.stderr.decode()), (0, told))
+            holder.communicate()
+
     def test_watch_misses_nothing_in_silence(self):
         child = subprocess.Popen([TOOL, "watch", SALES, "-o", "jsonl", "--count", "3", "--from", "1", "--exec",
                                   "cat >> " + self.path("got")], env=self.env, stdout=subprocess.PIPE)
@@ -236,6 +247,11 @@ class Keeping(Administrator):
             for _ in range(15):
                 rows = dict(line.rsplit(" ", 1) for line in self.good("backup", "-").splitlines()[3:])
                 self.assertEqual(rows[a], rows[b])
+            self.good("backup", self.path("saved"))
+            self.good("restore", self.path("saved"), "--registry", "lmdb:" + self.path("other"))
+            keys = {key["path"]: key["value"] for key in self.json("tree", "--registry", "lmdb:" + self.path("other"))["keys"]}
+            self.assertEqual(keys[a], keys[b])
+            self.good("diff", self.path("saved"), "--registry", "lmdb:" + self.path("other"))
         finally:
             writer.kill()
             writer.wait()
@@ -431,6 +447,24 @@ class Comfort(Administrator):
         self.assertEqual(len(names), 1000)
         print("completion of 1,000 databases: %.0f ms" % (took * 1000))
         self.assertLess(took, 2)  # 0.2 s on a machine that is not busy
+
+    def test_each_shell_completes(self):
+        os.symlink(TOOL, self.path("keyviewctl"))
+        asked = {
+            "bash": 'COMP_LINE="$line" COMP_POINT=${#line}; _keyviewctl; printf "%s\\n" "${COMPREPLY[@]}"',
+            "zsh": 'compadd() { print -rl -- ${(P)3} }; words=(${=line}); [[ $line = *" " ]] && words+=("");'
+                   'CURRENT=$#words; _keyviewctl',
+            "fish": 'complete -C $line | string replace -r "\\t.*" ""'}
+        for shell, script in asked.items():
+            start = "compdef() { }\n" if shell == "zsh" else ""
+            script = start + self.good("completion", shell) + script
+            for line, found in (("keyviewctl --registry %s show sal" % self.url, ["Sales", "SalesStandby"]),
+                                ("keyviewctl stat", ["status"]), ("keyviewctl roster sales rep", ["reporting"]),
+                                ("keyviewctl lock ", ["list", "run"]), ("keyviewctl -o js", ["json", "jsonl"])):
+                set_line = "set line '%s'\n" if shell == "fish" else "line='%s'\n"
+                got = subprocess.run([shell, "-c", set_line % line + script], capture_output=True, timeout=60,
+                                     env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
+                self.assertEqual(sorted(got.stdout.decode().split()), found, (shell, line, got.stderr))
 
     def test_the_manual_tells_all_commands_and_codes(self):
         page = self.good("manual", "keyviewctl")
