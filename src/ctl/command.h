@@ -47,7 +47,8 @@ void add_fact_commands(CLI::App *app, tool *shared);       // roster, role, name
 void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, enabled, supported
 void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
 void add_tree_commands(CLI::App *app, tool *shared);       // apply, diff, export, set, rm
-void add_key_commands(CLI::App *app, tool *shared);        // get, ls, tree, explain, watch
+void add_key_commands(CLI::App *app, tool *shared);        // get, ls, tree, explain
+void add_watch_command(CLI::App *app, tool *shared);       // watch
 void add_status_command(CLI::App *app, tool *shared);      // status
 void add_keep_commands(CLI::App *app, tool *shared);       // backup, restore, copy, lint
 void add_lock_commands(CLI::App *app, tool *shared);       // lock

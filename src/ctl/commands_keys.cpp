@@ -1,13 +1,7 @@
-// get, ls, tree, explain and watch: keys as they are stored, and what they mean.
-#include <sys/wait.h>
-#include <unistd.h>
+// get, ls, tree and explain: keys as they are stored, and what they mean.
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <memory>
-#include <thread>
 
 #include "ctl/change_view.h"
 #include "ctl/command.h"
@@ -131,143 +125,6 @@ static exit_code run_explain(const tool &shared, const std::string &path) {
     return EXIT_DONE;
 }
 
-// ---- watch --------------------------------------------------------------------------------------
-
-namespace {
-
-struct watch_options {
-    std::string path;
-    std::string command;
-    uint64_t from = 0;
-    uint64_t count = 0;
-    double seconds = 0;
-};
-
-// Looks at the tree again and again. What was written between two looks is told as one change, and
-// that it was is told, too.
-class watcher {
-  public:
-    watcher(const tool &shared, watch_options options)
-        : shared_(shared),
-          options_(std::move(options)),
-          path_(options_.path.empty() ? WHOLE_TREE : options_.path) {}
-
-    void run() {
-        using std::chrono::steady_clock;
-        seen_ = look();
-        if (options_.from != 0 && options_.from != seen_.revision) tell_gap();
-        auto end = steady_clock::now() + std::chrono::duration<double>(options_.seconds);
-        while (options_.count == 0 || told_ < options_.count) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(LOOK_EVERY_MS));
-            if (options_.seconds > 0 && steady_clock::now() > end) return;
-            look_again();
-        }
-    }
-
-  private:
-    static constexpr int LOOK_EVERY_MS = 50;
-
-    // A key that is not there yet is waited for.
-    admin::keys_result look() const {
-        admin::keys_result found = admin::read_keys(path_, admin::depth::all);
-        if (found.code == admin::status::not_found) found = admin::read_revision();
-        check_result(found, "the tree cannot be watched", shared_.registry);
-        return found;
-    }
-
-    void look_again() {
-        admin::keys_result now = admin::read_revision();
-        check_result(now, "the tree cannot be watched", shared_.registry);
-        if (now.revision == seen_.revision) return;
-        now = look();
-        if (now.revision > seen_.revision + 1) tell_merged(now.revision);
-        for (const admin::key_change &change : admin::compare_keys(seen_.keys, now.keys))
-            tell_change(now.revision, change);
-        seen_ = std::move(now);
-    }
-
-    void tell_gap() const {
-        if (shared_.format == output_format::table) {
-            return write_result("gap: what happened between revisions " +
-                                std::to_string(options_.from) + " and " +
-                                std::to_string(seen_.revision) + " is not told\n");
-        }
-        write_json(lines_of("gap", {{"since", count_view(options_.from)},
-                                    {"revision", count_view(seen_.revision)}}));
-    }
-
-    void tell_merged(uint64_t revision) const {
-        if (shared_.format == output_format::table) return;
-        write_json(lines_of(
-            "merged", {{"since", count_view(seen_.revision)}, {"revision", count_view(revision)}}));
-    }
-
-    void tell_change(uint64_t revision, const admin::key_change &change) {
-        ++told_;
-        view_fields fields = {{"since", count_view(seen_.revision)},
-                              {"revision", count_view(revision)}};
-        view shown = change_view(change);
-        for (auto &field : std::get<view_fields>(shown.value))
-            fields.push_back(std::move(field));
-        std::string line = lines_of("change", fields);
-        if (shared_.format == output_format::table) {
-            write_result(std::to_string(revision) + " " + change_for_people(change) + "\n");
-        } else {
-            write_json(line);
-        }
-        if (!options_.command.empty()) execute(revision, change, line);
-    }
-
-    // The command gets the line on its standard input.
-    void execute(uint64_t revision, const admin::key_change &change,
-                 const std::string &line) const {
-        (void)setenv("KEYVIEW_PATH", change.path.c_str(), 1);  // without memory it goes without
-        (void)setenv("KEYVIEW_REVISION", std::to_string(revision).c_str(), 1);
-        // What runs is the administrator's own command; nothing of the tree goes into it.
-        FILE *input = popen(options_.command.c_str(), "we");  // NOLINT(cert-env33-c)
-        if (input == nullptr) return tell("the command cannot be run: " + options_.command);
-        (void)fwrite(line.data(), 1, line.size(), input);  // a command need not read it
-        int status = pclose(input);
-        if (status != 0) {
-            tell("the command ended with " +
-                 std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
-        }
-    }
-
-    const tool &shared_;
-    watch_options options_;
-    std::string path_;
-    admin::keys_result seen_;
-    uint64_t told_ = 0;
-};
-
-}  // namespace
-
-static exit_code run_watch(const tool &shared, const watch_options &options) {
-    bool lines = shared.format == output_format::table || shared.format == output_format::json ||
-                 shared.format == output_format::jsonl;
-    if (!lines) {
-        throw tool_error{EXIT_USAGE, "watch tells a line a change", "", "another format was chosen",
-                         "use -o jsonl, or none for people"};
-    }
-    shared.told->stop();
-    watcher(shared, options).run();
-    return EXIT_DONE;
-}
-
-static void add_watch_command(CLI::App *app, tool *shared) {
-    auto options = std::make_shared<watch_options>();
-    CLI::App *watch =
-        add_command(app, shared, "watch", "Tell each change of a key and of what is below it",
-                    [=] { return run_watch(*shared, *options); });
-    watch->add_option("KEY", options->path, "The key's path; the whole tree without it");
-    watch->add_option("--from", options->from, "The revision that was seen last");
-    watch->add_option("--exec", options->command,
-                      "A shell command for each change, which gets its JSON line");
-    watch->add_option("--count", options->count, "End after so many changes");
-    watch->add_option("--for", options->seconds, "End after so many seconds");
-}
-
 // ---- The commands -------------------------------------------------------------------------------
 
 void add_key_commands(CLI::App *app, tool *shared) {
@@ -292,7 +149,6 @@ void add_key_commands(CLI::App *app, tool *shared) {
                       "Tell what a key means, who uses it and how it is stored; or all keys",
                       [=] { return run_explain(*shared, *path); })
         ->add_option("KEY", *path, "The key's path, or one with <db> and such for its names");
-    add_watch_command(app, shared);
 }
 
 }  // namespace keyview::ctl

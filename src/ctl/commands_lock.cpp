@@ -97,7 +97,8 @@ void add_lock_commands(CLI::App *app, tool *shared) {
     run->add_option("NAME", options->name, "The lock, such as LKRT.DATABASE.DATABASES.sales")
         ->required();
     run->add_flag("--shared", options->shared, "Share the lock with others that do");
-    run->add_option("--wait", options->wait_s, "Seconds to wait for it; without it, the setting lock_wait")
+    run->add_option("--wait", options->wait_s,
+                    "Seconds to wait for it; without it, the setting lock_wait")
         ->check(CLI::Range(0.0, 86400.0));
     run->add_option("CMD", options->command, "The command with its arguments, behind --")
         ->required();

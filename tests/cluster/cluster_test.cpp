@@ -155,6 +155,60 @@ TEST_F(Cluster, CompactionBreaksNoWaitAndTellsAReader) {
     expect_failure([&] { old->read("a.b", &value); }, failure::changed, "compacted", 1);
 }
 
+// "revision after the first: key before > after" of each change from there to the present.
+static std::string told_since(const backend &from, const std::string &path, uint64_t first) {
+    std::string out;
+    const uint64_t last = from.keys->now()->current().tree;
+    for (uint64_t since = first; since < last;) {
+        auto batch = from.keys->changes_since(path, since, std::chrono::milliseconds(500));
+        for (const tree_change &one : batch.value().changes) {
+            out += std::to_string(one.revision - first) + ": " + one.path + " " +
+                   one.before.value_or("-") + " > " + one.after.value_or("-") + "\n";
+        }
+        since = batch->up_to;
+    }
+    return out;
+}
+
+TEST_F(Cluster, ChangesAreToldFromAnyRevisionThatIsNotForgotten) {
+    mine.keys->apply({put("a.b", "0"), put("c", "0")});
+    uint64_t first = mine.keys->now()->current().tree;
+    theirs.keys->apply({put("a.b", "1"), put("a.b.x", "2"), put("c", "2")});
+    EXPECT_TRUE(theirs.keys->set("c", "3", nullptr));
+    theirs.keys->apply({removal("a.b")});
+    EXPECT_EQ(told_since(mine, "a", first),
+              "1: a.b 0 > 1\n1: a.b.x - > 2\n3: a.b 1 > -\n3: a.b.x 2 > -\n");
+    EXPECT_EQ(told_since(mine, "a.b.x", first + 1), "2: a.b.x 2 > -\n");
+    EXPECT_EQ(told_since(mine, "c", first), "1: c 0 > 2\n2: c 2 > 3\n");
+    etcdctl(shared_members(), "compaction " + std::to_string(first + 2));
+    expect_failure([&] { told_since(mine, "c", first); }, failure::changed, "remembers", 1);
+    EXPECT_EQ(told_since(mine, "a", first + 2), "1: a.b 1 > -\n1: a.b.x 2 > -\n");
+}
+
+// keyviewctl over the module, as a person uses both kinds of registry side by side.
+TEST_F(Cluster, TheToolKeepsTreesInAnyRegistry) {
+    scratch_directory folder;
+    std::string script =
+        "set -e; cd " + folder.path +
+        "; tool=" KEYVIEWCTL "; here='--registry lmdb:here'; export KEYVIEW_REGISTRY=" + url +
+        "\n" + R"(
+        $tool apply $here )" EXAMPLE_DOCUMENT R"(; $tool export $here first
+        $tool copy $here --to $KEYVIEW_REGISTRY; $tool export second; cmp first second
+        $tool backup saved; $tool diff saved; $tool diff $here saved; $tool lint; $tool check; $tool status sales
+        first=$($tool backup - | sed -n 's/revision //p')
+        $tool disable sales --service reporting
+        ! $tool diff first || exit 1
+        code=0; $tool apply first --if-revision $first || code=$?; test $code = 6
+        lock='LKRT.DATABASE.DATABASES.sales'
+        code=0; $tool lock run $lock -- $tool set DATABASE.DATABASES.sales.DOMAIN x --yes || code=$?
+        $tool watch --from $first --count 2 -o jsonl > told
+        grep -c '"path":"DATABASE.DATABASES.sales.SERVICE.reporting.*"after":"false' told
+        $tool rm DATABASE; $tool restore saved; $tool diff saved
+        $tool export third; cmp first third)";
+    setting wait("KEYVIEW_LOCK_WAIT", "1");
+    run(script);
+}
+
 // Someone takes the session's lease away: what a stop beyond its time comes to.
 TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksAreGood) {
     mine.keys->apply({put("a.b", "old")});

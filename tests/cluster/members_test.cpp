@@ -14,6 +14,7 @@ TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
     backend registry = open_cluster(three.url());
     registry.keys->apply({put("a.b", "0")});
     int n = 0;
+    uint64_t seen = registry.keys->now()->current().tree;
     auto works_on = [&] {
         double took = seconds_of([&] {
             auto held = registry.locks->acquire("LKRT.a", lock_mode::exclusive, 5000);
@@ -22,6 +23,14 @@ TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
             EXPECT_EQ(value_at(registry, "a.b"), value);
         });
         EXPECT_LT(took, 3.0);
+        std::vector<tree_change> told;
+        for (int looks = 0; told.empty() && looks < 3; ++looks) {
+            auto batch = registry.keys->changes_since("a", seen, std::chrono::milliseconds(1000));
+            told = batch.value().changes;
+            seen = batch->up_to;
+        }
+        ASSERT_EQ(told.size(), 1U);
+        EXPECT_EQ(told[0].after, std::to_string(n));
     };
     for (size_t one = 0; one < three.count(); ++one) {
         three.stop(one);

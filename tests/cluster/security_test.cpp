@@ -149,7 +149,11 @@ TEST(Security, RolesMayDoTheirWorkAndNoMore) {
     one.kill(0);  // which forgets whom it knew
     one.start(0);
     one.await_ready(0);
-    EXPECT_EQ(value_at(reader, "a.b"), "new") << "logs in again";
+    auto look = [&] { reader.keys->changes_since("a", 1, std::chrono::milliseconds(500)); };
+    look();  // logs in again
+    EXPECT_EQ(value_at(worker, "a.b"), "new") << "logs in again";
+    etcdctl(one, "--user root:secret role revoke-permission --prefix=true reader /test/kv/");
+    expect_failure(look, failure::denied, "permission denied", 0.5);
 }
 
 TEST(Security, NoSecretIsShown) {

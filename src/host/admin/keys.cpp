@@ -1,5 +1,6 @@
 // Single keys: read, set and removed; how a person writes and reads their values.
 #include <algorithm>
+#include <chrono>
 
 #include "host/admin/changes.h"
 #include "host/admin/encoding.h"
@@ -39,6 +40,19 @@ static_assert(static_cast<int>(depth::all) == static_cast<int>(host::reach::all_
 keys_result read_revision() noexcept {
     return guarded<keys_result>(
         [](keys_result *out) { out->revision = open_present().keys->now()->current().tree; });
+}
+
+changes_result read_changes(std::string_view path, uint64_t since, uint32_t wait_ms) noexcept {
+    return guarded<changes_result>([&](changes_result *out) {
+        host::backend registry = open_present();
+        auto batch = registry.keys->changes_since(path, since, std::chrono::milliseconds(wait_ms));
+        if (!batch) return;
+        out->keeps_history = true;
+        out->up_to = batch->up_to;
+        for (host::tree_change &one : batch->changes)
+            out->changes.push_back(
+                {one.revision, {std::move(one.path), std::move(one.before), std::move(one.after)}});
+    });
 }
 
 static key_map map_of(const std::vector<key_row> &rows) {

@@ -240,6 +240,13 @@ void connection::log_in(size_t at, steady::time_point end) {
     token_ = response.token();
 }
 
+// What a member answers that is no failure of its own.
+static etcd_error refusal(const std::string &member, const grpc::Status &status) {
+    judgement row = judge(status);
+    std::string todo = row.what_to_do[0] == '\0' ? "" : std::string(": ") + row.what_to_do;
+    return {row.kind, row.reason, member + " refuses: " + status.error_message() + todo};
+}
+
 // Waits while a connection is being made, which goes on only while somebody waits for it. One that
 // failed is tried again after a while; only the patient wait for that.
 enum class after_failure { give_up, wait };
@@ -282,11 +289,7 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
             logged_in = true;
             continue;
         }
-        if (row.act != verdict::next_member) {
-            std::string todo = row.what_to_do[0] == '\0' ? "" : std::string(": ") + row.what_to_do;
-            throw etcd_error(row.kind, row.reason,
-                             members_[at]->name + " refuses: " + status.error_message() + todo);
-        }
+        if (row.act != verdict::next_member) throw refusal(members_[at]->name, status);
         failures[at] = cause_of(status);
         if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
         next_member(at);
@@ -429,19 +432,21 @@ void connection::follow(const wire::WatchCreateRequest &what, steady::time_point
     wire::WatchRequest request;
     *request.mutable_create_request() = what;
     bool stopped = false;
-    int64_t forgotten = 0;
     wire::WatchResponse response;
     for (bool alive = stream->Write(request); alive && !stopped && stream->Read(&response);) {
-        forgotten = response.compact_revision();
         stopped = response.canceled();
         if (response.events_size() > 0) stopped = !sink(response);
     }
     context.TryCancel();
     grpc::Status status = stream->Finish();
-    if (forgotten > 0) {
+    if (response.compact_revision() > 0) {
         throw etcd_error(failure::changed, etcd_reason::compacted,
                          "the cluster remembers its changes from revision " +
-                             std::to_string(forgotten) + " on only");
+                             std::to_string(response.compact_revision()) + " on only");
+    }
+    if (response.canceled()) {
+        throw refusal(members_[at]->name,
+                      {grpc::StatusCode::FAILED_PRECONDITION, response.cancel_reason()});
     }
     if (stopped || steady::now() >= end) return;
     next_member(at);

@@ -84,6 +84,60 @@ std::unique_ptr<moment> etcd_store::now(std::string_view part) {
                                          tree_part(cluster_->keys(), "", reach::key_alone));
 }
 
+// ---- Following ----------------------------------------------------------------------------------
+
+// Nothing if it is of no interest.
+static std::optional<tree_change> change_in(const layout &keys, const wire::Event &event,
+                                            std::string_view top) {
+    std::optional<std::string_view> elements = keys.elements(event.kv().key());
+    if (!elements) return std::nullopt;
+    tree_change out;
+    out.path = path_of_elements(*elements);
+    if (!path_within(out.path, top)) return std::nullopt;
+    out.revision = static_cast<uint64_t>(event.kv().mod_revision());
+    if (event.has_prev_kv()) out.before = event.prev_kv().value();
+    if (event.type() == wire::Event::PUT) out.after = event.kv().value();
+    if (out.before == out.after) return std::nullopt;
+    return out;
+}
+
+std::optional<change_batch> etcd_store::changes_since(std::string_view path, uint64_t since,
+                                                      std::chrono::milliseconds wait) {
+    const layout &keys = cluster_->keys();
+    key_range all = keys.all_keys();
+    wire::WatchCreateRequest what;
+    what.set_key(all.begin);
+    what.set_range_end(all.end);
+    what.set_start_revision(static_cast<int64_t>(since) + 1);
+    what.set_prev_kv(true);
+    change_batch out = {{}, since};
+    auto take = [&](const wire::WatchResponse &response) {
+        for (const wire::Event &event : response.events()) {
+            out.up_to = std::max(out.up_to, static_cast<uint64_t>(event.kv().mod_revision()));
+            if (std::optional<tree_change> one = change_in(keys, event, path))
+                out.changes.push_back(std::move(*one));
+        }
+        return out.changes.empty();
+    };
+    // A member that says nothing may be gone or behind, one that refuses may know the login no
+    // more: a call that needs an answer goes on at another one, or logs in anew.
+    bool refused = false;
+    for (bool again = true; again;) {
+        again = false;
+        try {
+            cluster_->calls().follow(what, steady::now() + wait, take);
+        } catch (const etcd_error &error) {
+            again = error.kind == failure::denied && !refused;
+            if (!again && error.kind != failure::registry) throw;
+            refused = again;
+        }
+        if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);
+    }
+    return out;
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
 void etcd_store::open(bool create) {
     const layout &keys = cluster_->keys();
     if (create) {

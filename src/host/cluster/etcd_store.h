@@ -24,6 +24,8 @@ class etcd_store final : public store, public std::enable_shared_from_this<etcd_
     std::unique_ptr<moment> now(std::string_view part) override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence) override;
     change_counts apply(const std::vector<change> &changes, const apply_terms &terms) override;
+    std::optional<change_batch> changes_since(std::string_view path, uint64_t since,
+                                              std::chrono::milliseconds wait) override;
     bool finish_apply(finish how) override;
     uint64_t round_trips() const override { return cluster_->calls().round_trips(); }
 

@@ -110,6 +110,21 @@ KEYVIEW_ADMIN_API keys_result read_keys(std::string_view path, depth how_far) no
 // of now; keys stays empty.
 KEYVIEW_ADMIN_API keys_result read_revision() noexcept;
 
+// What changed in a key and below it after a revision: the next changes, in their order, which are
+// waited for, or none when the time is over. status::changed if the registry has forgotten that
+// revision.
+struct noted_change {
+    uint64_t revision = 0;  // that the tree had with it
+    key_change change;
+};
+struct changes_result : result {
+    bool keeps_history = false;  // else there never is a change
+    std::vector<noted_change> changes;
+    uint64_t up_to = 0;  // the revision to go on from
+};
+KEYVIEW_ADMIN_API changes_result read_changes(std::string_view path, uint64_t since,
+                                              uint32_t wait_ms) noexcept;
+
 // How two readings differ, in the order of the paths.
 KEYVIEW_ADMIN_API std::vector<key_change> compare_keys(const std::vector<key_row> &before,
                                                        const std::vector<key_row> &after);

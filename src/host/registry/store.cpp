@@ -34,6 +34,14 @@ host_error tree_changed(uint64_t revision, uint64_t wanted) {
                                   "; nothing was written"};
 }
 
+std::optional<change_batch> store::changes_since(std::string_view path, uint64_t since,
+                                                 std::chrono::milliseconds wait) {
+    (void)path;
+    (void)since;
+    (void)wait;
+    return std::nullopt;
+}
+
 bool store::finish_apply(finish how) {
     (void)how;
     return false;

@@ -7,8 +7,10 @@
 #ifndef KEYVIEW_HOST_REGISTRY_STORE_H
 #define KEYVIEW_HOST_REGISTRY_STORE_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,6 +77,18 @@ class KEYVIEW_HOST_API moment {
     virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
 };
 
+// A change of one key, and the revision that the tree had with it. No value: no key.
+struct tree_change {
+    uint64_t revision = 0;
+    std::string path;
+    std::optional<std::string> before, after;
+};
+
+struct change_batch {
+    std::vector<tree_change> changes;  // in their order
+    uint64_t up_to = 0;                // what comes next is after this revision
+};
+
 // What every store refuses: a value or a change that no key can take (failure::usage), a set or a
 // change set whose lock was lost, a change set for another revision. path is "" for a change set.
 KEYVIEW_HOST_API void check_value(std::string_view path, std::string_view value);
@@ -107,6 +121,12 @@ class KEYVIEW_HOST_API store {
     // changed.
     virtual change_counts apply(const std::vector<change> &changes,
                                 const apply_terms &terms = {}) = 0;
+
+    // Changes of a key and of what is below it after a revision: the next ones, waited for, or none
+    // when the time is over. Nothing if the store keeps no history; failure::changed if it has
+    // forgotten that revision.
+    virtual std::optional<change_batch> changes_since(std::string_view path, uint64_t since,
+                                                      std::chrono::milliseconds wait);
 
     // Ends a change set that stopped half-way, where that can happen; false if there is none.
     virtual bool finish_apply(finish how);

@@ -1,0 +1,191 @@
+// watch: each change of a key and of what is below it, as it happens.
+#include <sys/wait.h>
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "ctl/change_view.h"
+#include "ctl/command.h"
+#include "ctl/output.h"
+#include "ctl/program_writer.h"
+#include "host/if/keyview_admin.h"
+
+namespace keyview::ctl {
+
+namespace {
+
+struct watch_options {
+    std::string path;
+    std::string command;
+    uint64_t from = 0;
+    uint64_t count = 0;
+    double seconds = 0;
+};
+
+// Follows the history of a registry that keeps one. Of another one it looks at the tree again and
+// again: what was written between two looks is told as one change, and that it was is told, too.
+class watcher {
+  public:
+    watcher(const tool &shared, watch_options options)
+        : shared_(shared),
+          options_(std::move(options)),
+          path_(options_.path.empty() ? "DATABASE" : options_.path) {}
+
+    void run() {
+        revision_ = options_.from != 0 ? options_.from : present_revision();
+        if (!follow_history()) look_again_and_again();
+    }
+
+  private:
+    static constexpr uint32_t WAIT_MS = 2000, LOOK_EVERY_MS = 50;
+
+    void check(const admin::result &result) const {
+        check_result(result, "the tree cannot be watched", shared_.registry);
+    }
+
+    uint64_t present_revision() const {
+        admin::keys_result present = admin::read_revision();
+        check(present);
+        return present.revision;
+    }
+
+    // So many milliseconds more, or so many as are left.
+    uint32_t time_left(uint32_t most_ms) const {
+        if (options_.seconds <= 0) return most_ms;
+        std::chrono::duration<double, std::milli> left = end_ - std::chrono::steady_clock::now();
+        return static_cast<uint32_t>(std::clamp<double>(left.count(), 0, most_ms));
+    }
+
+    bool goes_on() const {
+        return (options_.count == 0 || told_ < options_.count) && time_left(WAIT_MS) > 0;
+    }
+
+    // False, at once, if there is none.
+    bool follow_history() {
+        for (bool first = true; first || goes_on(); first = false) {
+            admin::changes_result next = admin::read_changes(path_, revision_, time_left(WAIT_MS));
+            if (next.code == admin::status::changed) {
+                tell_lines("gap", "is forgotten", present_revision());
+                continue;
+            }
+            check(next);
+            if (!next.keeps_history) return false;
+            for (const admin::noted_change &one : next.changes)
+                tell_change(revision_, one.revision, one.change);
+            revision_ = next.up_to;
+        }
+        return true;
+    }
+
+    void look_again_and_again() {
+        admin::keys_result seen = look();
+        if (seen.revision != revision_) tell_lines("gap", "is not told", seen.revision);
+        while (goes_on()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(time_left(LOOK_EVERY_MS)));
+            if (present_revision() == revision_) continue;
+            admin::keys_result now = look();
+            uint64_t before = revision_;
+            if (now.revision > before + 1) tell_lines("merged", "is told as one", now.revision);
+            for (const admin::key_change &change : admin::compare_keys(seen.keys, now.keys))
+                tell_change(before, now.revision, change);
+            revision_ = now.revision;
+            seen = std::move(now);
+        }
+    }
+
+    // A key that is not there yet is waited for.
+    admin::keys_result look() const {
+        admin::keys_result found = admin::read_keys(path_, admin::depth::all);
+        if (found.code == admin::status::not_found) found = admin::read_revision();
+        check(found);
+        return found;
+    }
+
+    // What is not told change by change, and goes on from the later revision.
+    void tell_lines(const char *kind, const char *what, uint64_t revision) {
+        if (shared_.format == output_format::table) {
+            write_result(std::string(kind) + ": what happened after revision " +
+                         std::to_string(revision_) + " up to " + std::to_string(revision) + " " +
+                         what + "\n");
+        } else {
+            write_json(lines_of(
+                kind, {{"since", count_view(revision_)}, {"revision", count_view(revision)}}));
+        }
+        revision_ = revision;
+    }
+
+    void tell_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
+        ++told_;
+        view_fields fields = {{"since", count_view(since)}, {"revision", count_view(revision)}};
+        view shown = change_view(change);
+        for (auto &field : std::get<view_fields>(shown.value))
+            fields.push_back(std::move(field));
+        std::string line = lines_of("change", fields);
+        if (shared_.format == output_format::table) {
+            write_result(std::to_string(revision) + " " + change_for_people(change) + "\n");
+        } else {
+            write_json(line);
+        }
+        if (!options_.command.empty()) execute(revision, change, line);
+    }
+
+    // The command gets the line on its standard input.
+    void execute(uint64_t revision, const admin::key_change &change,
+                 const std::string &line) const {
+        (void)setenv("KEYVIEW_PATH", change.path.c_str(), 1);  // without memory it goes without
+        (void)setenv("KEYVIEW_REVISION", std::to_string(revision).c_str(), 1);
+        // What runs is the administrator's own command; nothing of the tree goes into it.
+        FILE *input = popen(options_.command.c_str(), "we");  // NOLINT(cert-env33-c)
+        if (input == nullptr) return tell("the command cannot be run: " + options_.command);
+        (void)fwrite(line.data(), 1, line.size(), input);  // a command need not read it
+        int status = pclose(input);
+        if (status != 0) {
+            tell("the command ended with " +
+                 std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
+        }
+    }
+
+    const tool &shared_;
+    watch_options options_;
+    std::string path_;
+    std::chrono::steady_clock::time_point end_ =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(options_.seconds));
+    uint64_t revision_ = 0;  // that was told last
+    uint64_t told_ = 0;
+};
+
+}  // namespace
+
+static exit_code run_watch(const tool &shared, const watch_options &options) {
+    bool lines = shared.format == output_format::table || shared.format == output_format::json ||
+                 shared.format == output_format::jsonl;
+    if (!lines) {
+        throw tool_error{EXIT_USAGE, "watch tells a line a change", "", "another format was chosen",
+                         "use -o jsonl, or none for people"};
+    }
+    shared.told->stop();
+    watcher(shared, options).run();
+    return EXIT_DONE;
+}
+
+void add_watch_command(CLI::App *app, tool *shared) {
+    auto options = std::make_shared<watch_options>();
+    CLI::App *watch =
+        add_command(app, shared, "watch", "Tell each change of a key and of what is below it",
+                    [=] { return run_watch(*shared, *options); });
+    watch->add_option("KEY", options->path, "The key's path; the whole tree without it");
+    watch->add_option("--from", options->from, "The revision that was seen last");
+    watch->add_option("--exec", options->command,
+                      "A shell command for each change, which gets its JSON line");
+    watch->add_option("--count", options->count, "End after so many changes");
+    watch->add_option("--for", options->seconds, "End after so many seconds")
+        ->check(CLI::Range(0.0, 1e9));
+}
+
+}  // namespace keyview::ctl
