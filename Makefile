@@ -57,6 +57,7 @@ bench:
 	bench/library-cost $(BUILD)/release || status=1; \
 	$(BUILD)/release/bin/keyview_bench || status=1; \
 	$(BUILD)/release/bin/cluster_bench || status=1; \
+	bench/tool-latency $(BUILD)/release || status=1; \
 	exit $$status
 
 install: all

@@ -35,7 +35,7 @@ static exit_code run_recover(const tool &shared, bool resume, bool undo) {
     }
     admin::result ended =
         admin::recover_registry(resume ? admin::recovery::resume : admin::recovery::undo);
-    check_result(ended, "there is nothing to recover", shared.registry);
+    check_result(ended, "no change set is ended", shared.registry);
     show_result(shared.format, "recover", "done",
                 {std::string(resume ? "finished" : "taken back")});
     return EXIT_DONE;

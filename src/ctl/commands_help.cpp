@@ -1,5 +1,9 @@
 // errors, config, completion and manual: what the tool knows about itself.
+#include <sys/time.h>
+#include <unistd.h>
 #include <CLI/CLI.hpp>
+
+#include <csignal>
 #include <memory>
 
 #include "ctl/command.h"
@@ -52,9 +56,26 @@ static exit_code show_text(const std::string &text, const std::string &what,
 }
 
 // Asked by a shell at each key: a lock is not waited for, and a failure stays silent.
+// A shell waits with its prompt meanwhile, so a registry that does not answer soon has no names.
+static void end_silently_soon() {
+    constexpr suseconds_t LONGEST_US = 200'000;
+    (void)signal(SIGALRM, [](int) { _exit(EXIT_DONE); });
+    itimerval once = {};
+    once.it_value.tv_usec = LONGEST_US;
+    (void)setitimer(ITIMER_REAL, &once, nullptr);
+}
+
+// The registry of the line that is being written.
+static std::string registry_of(const tool &shared, const std::vector<std::string> &words) {
+    for (size_t n = 0; n + 1 < words.size(); ++n)
+        if (words[n] == "--registry") return words[n + 1];
+    return shared.registry;
+}
+
 static exit_code run_complete(const CLI::App &app, const tool &shared,
                               const std::vector<std::string> &words) {
-    (void)keyview_host_set_registry(shared.registry.c_str());
+    end_silently_soon();
+    (void)keyview_host_set_registry(registry_of(shared, words).c_str());
     (void)keyview_host_set_lock_wait(0);
     write_result(candidates_for(app, words));
     return EXIT_DONE;

@@ -110,7 +110,14 @@ class Output(Administrator):
                             ["get", path, "-o", "raw"], ["ls", "DATABASE.DATABASES", "-o", "tsv"], ["check"],
                             ["tree", path, "-o", "json"], ["tree", path, "-o", "cmd"], ["export"],
                             ["show", "no" + text], ["rm", path, "--dry-run"], ["role", name],
-                            ["set", path + ".ROLE", text], ["frob" + text], ["-o", "json", "get", text]):
+                            ["set", path + ".ROLE", text], ["frob" + text], ["-o", "json", "get", text],
+                            ["roster", name, "s"], ["name", name, "i"], ["instance-on", name, name],
+                            ["disable", name, "--service", "s", "--dry-run"], ["diff", EXAMPLE, "--prune"],
+                            ["watch", path, "--from", "1", "--for", "0.01"], ["explain", text], ["errors", text],
+                            ["lock", "run", "LKRT." + text, "--wait", "0", "--", TOOL, "lock", "list"],
+                            ["backup", "/no/" + text], ["restore", "/no/" + text], ["copy", "--to", "lmdb:/no/" + text],
+                            ["list", "--registry", "lmdb:/no/" + text], ["config", "--registry", text],
+                            ["doctor", "--registry", "etcd://" + text], ["manual", text], ["completion", text]):
                 seen = self.on_terminal(*command)
                 self.assertIsNone(raw.search(seen.replace(b"\r\n", b"\n")), (command, seen))
 
@@ -242,7 +249,7 @@ class Keeping(Administrator):
             with open(files[-1], "w") as file:
                 json.dump(document, file)
         writer = subprocess.Popen(["sh", "-c", 'while "$0" apply "$1" && "$0" apply "$2"; do :; done', TOOL, *files],
-                                  env=self.env, stdout=subprocess.DEVNULL)
+                                  env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         try:
             for _ in range(15):
                 rows = dict(line.rsplit(" ", 1) for line in self.good("backup", "-").splitlines()[3:])
@@ -341,8 +348,9 @@ class ExitCodes(Administrator):
             command = command.replace(mark, word)
         words = command.split()
         at = words.index("--") if "--" in words else len(words)
-        return subprocess.run([TOOL, *words[:at], *more, *words[at:]], capture_output=True, env=self.env,
-                              timeout=60, **how).returncode
+        self.ended = subprocess.run([TOOL, *words[:at], *more, *words[at:]], capture_output=True, env=self.env,
+                                    timeout=60, **how)
+        return self.ended.returncode
 
     # On a registry of its own, which prepare may change.
     def code_on_copy(self, command, *more, prepare=lambda folder: None, **how):
@@ -370,6 +378,22 @@ class ExitCodes(Administrator):
                 self.assertEqual(self.code_on_copy(missing), 3, missing)
             if "revision" in holds:
                 self.assertEqual(self.code_on_copy(done, "--if-revision", "1"), 6, done)
+
+    def test_all_json_fits_its_schema(self):
+        for done, no, missing, holds in self.rows:
+            if done.split()[0] in ("completion", "manual"):
+                continue
+            for command in filter(None, (done, no, missing, done + " --nonsense")):
+                for form in ("json", "jsonl"):
+                    with self.subTest(command, form=form):
+                        failed = self.code_on_copy(command, "-o", form) > 1
+                        text = (self.ended.stderr if failed else self.ended.stdout).decode()
+                        if command == "export" and form == "json":
+                            DOCUMENT.validate(json.loads(text))
+                            continue
+                        for document in [text] if form == "json" and text[:2] == "{\n" else text.splitlines():
+                            VALIDATOR.validate(json.loads(document))
+                        self.assertFalse(failed and self.ended.stdout)
 
     def test_registry_absent_or_impossible(self):
         self.each(lambda done: self.code_on_copy(done, prepare=shutil.rmtree), lambda holds: 0 if "creates" in holds else 4)
@@ -463,7 +487,7 @@ class Comfort(Administrator):
                                 ("keyviewctl lock ", ["list", "run"]), ("keyviewctl -o js", ["json", "jsonl"])):
                 set_line = "set line '%s'\n" if shell == "fish" else "line='%s'\n"
                 got = subprocess.run([shell, "-c", set_line % line + script], capture_output=True, timeout=60,
-                                     env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
+                                     env={**self.env, "KEYVIEW_REGISTRY": "" if self.url in line else self.url, "PATH": self.folder + ":" + self.env["PATH"]})
                 self.assertEqual(sorted(got.stdout.decode().split()), found, (shell, line, got.stderr))
 
     def test_the_manual_tells_all_commands_and_codes(self):
