@@ -127,7 +127,8 @@ TEST(DocumentWriter, WritesWhatWasRead) {
          {example(), document_with(""), document_with(R"("databases": [], "stg": [])"),
           document_with(R"("nodeapps": [{"name": "n", "vip_ip": "10.0.0.2"}])"),
           service_with(R"("preferred": [])"),
-          sales_with(R"("spfile_base64": "/w==", "env": ["ok", null], "env_base64": [null, "/w=="])"),
+          sales_with(
+              R"("spfile_base64": "/w==", "env": ["ok", null], "env_base64": [null, "/w=="])"),
           sales_with(R"("home": "\u0001\\\"\u202e/\u00e4", "env": ["=", " "])")}) {
         key_node tree = tree_of(document);
         problem_list problems;
