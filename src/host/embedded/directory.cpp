@@ -5,6 +5,7 @@
 #include <lmdb.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -44,6 +45,15 @@ const char *network_file_system(int64_t type) noexcept {
         if (row.type == (type & 0xFFFFFFFF)) return row.name;
     }
     return nullptr;
+}
+
+bool look_at_file(int fd, const char *name, file_look *out) noexcept {
+    struct statx found = {};
+    int flags = AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW;
+    if (statx(fd, name, flags, STATX_INO | STATX_SIZE, &found) != 0) return false;
+    out->id = {makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
+    out->size = found.stx_size;
+    return true;
 }
 
 static host_error refused(failure kind, const std::string &path, const std::string &why) {
@@ -184,10 +194,9 @@ void registry_directory::make(size_t file, open_mode mode, mode_t file_mode) {
 // LMDB's two files must not become empty either. The lock file is empty until a lock is taken.
 void registry_directory::require_in_place() const {
     for (size_t n = 0; n < std::size(FILES); ++n) {
-        struct stat found = {};
-        bool there = fstatat(fd(), FILES[n], &found, AT_SYMLINK_NOFOLLOW) == 0;
-        bool same = there && ids_[n] == file_id(found.st_dev, found.st_ino);
-        if (same && (found.st_size > 0 || FILES[n] == LOCK_FILE)) continue;
+        file_look found;
+        bool same = look_at_file(fd(), FILES[n], &found) && found.id == ids_[n];
+        if (same && (found.size > 0 || FILES[n] == LOCK_FILE)) continue;
         throw host_error(failure::registry, "the registry in '" + path_ + "' failed: " + FILES[n] +
                                                 " was deleted, replaced or emptied while in use; "
                                                 "restart the program");

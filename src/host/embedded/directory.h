@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,6 +24,16 @@ namespace keyview::host {
 
 // Device and inode.
 using file_id = std::pair<dev_t, ino_t>;
+
+struct file_look {
+    file_id id;
+    size_t size = 0;
+};
+
+// Looks at a file of a directory, or with "" at an open file; false if the look failed, with errno.
+// It asks for no times: those that were told must differ after the next write, so that each sync
+// would have to bring them to the disk, too.
+[[nodiscard]] bool look_at_file(int fd, const char *name, file_look *out) noexcept;
 
 class registry_directory : public std::enable_shared_from_this<registry_directory> {
   public:

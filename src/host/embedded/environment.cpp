@@ -2,7 +2,6 @@
 #include "host/embedded/environment.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -178,12 +177,11 @@ void environment::require_sound_pages(MDB_txn *reader, data_head head) {
 void environment::require_files() {
     directory_->require_in_place();
     MDB_envinfo info = {};
-    struct stat found = {};
+    file_look found;
     check(mdb_env_info(env_, &info), "mdb_env_info");
-    if (fstat(data_fd_, &found) != 0) check(errno, "fstat");
-    auto size = static_cast<size_t>(found.st_size);
-    if (size >= info.me_mapsize) return;
-    refuse("data.mdb", "was cut short, to " + std::to_string(size) + " bytes of " +
+    if (!look_at_file(data_fd_, "", &found)) check(errno, "statx");
+    if (found.size >= info.me_mapsize) return;
+    refuse("data.mdb", "was cut short, to " + std::to_string(found.size) + " bytes of " +
                            std::to_string(info.me_mapsize));
 }
 
