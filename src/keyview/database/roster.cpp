@@ -1,7 +1,5 @@
 // The roster of a service: on which instances and nodes it runs, and which of these are the ones
 // that take over. All or nothing: any missing key ends it with an empty result.
-#include <string.h>
-
 #include "keyview/frame/locks.h"
 #include "keyview/frame/registry.h"
 #include "keyview/frame/service_names.h"
@@ -113,7 +111,7 @@ static int32_t read_instance(roster *run, uint32_t slot) {
     run->key.close();
     rc = read_key(run, prsr_extend_path(&run->key_path, kept, run->subkey, "TYPE"));
     if (rc != PRSR_SUCCESS) return rc;
-    (*run->out.avail)[slot] = strcmp(run->value.text(), "AVAILABLE") == 0 ? 1 : 0;
+    (*run->out.avail)[slot] = run->value.is("AVAILABLE") ? 1 : 0;
     run->key.close();
     return PRSR_SUCCESS;
 }

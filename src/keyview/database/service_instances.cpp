@@ -2,8 +2,6 @@
 // with a flag each. Two passes over the same subkeys: the first counts the kinds, so that each list
 // is one allocation, the second fills the lists. The lock makes both see the same types; where it
 // does not, a list takes no more than it has room for, and keeps null slots at its end.
-#include <string.h>
-
 #include "keyview/database/service_load.h"
 #include "keyview/enablement/flag.h"
 #include "keyview/frame/lists.h"
@@ -49,9 +47,9 @@ static void *alloc_array(service_load *load, size_t count, size_t slot_size) {
 
 // ---- One instance's type ------------------------------------------------------------------------
 
-static instance_kind kind_of(const char *word) {
-    if (strcmp(word, "PREFERRED") == 0) return instance_kind::PREFERRED;
-    if (strcmp(word, "AVAILABLE") == 0) return instance_kind::AVAILABLE;
+static instance_kind kind_of(const prsr_value &value) {
+    if (value.is("PREFERRED")) return instance_kind::PREFERRED;
+    if (value.is("AVAILABLE")) return instance_kind::AVAILABLE;
     return instance_kind::NEITHER;
 }
 
@@ -71,7 +69,7 @@ static int32_t read_kind(const list_reading &list, std::string_view subkey, inst
     if (prsr_read_reported(load->reader, path, key, &load->value) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
     }
-    *kind = kind_of(load->value.text());
+    *kind = kind_of(load->value);
     return PRSR_SUCCESS;
 }
 

@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "keyview/frame/context.h"
 #include "platform/kvtc.h"
@@ -52,6 +53,12 @@ struct prsr_value {
     [[nodiscard]] const char *text() const {
         buffer[length() < room ? length() : room - 1] = '\0';
         return buffer;
+    }
+
+    // Whether that string is this word.
+    template <size_t WORD_SIZE>
+    [[nodiscard]] bool is(const char (&word)[WORD_SIZE]) const {
+        return length() + 1 >= WORD_SIZE && memcmp(text(), word, WORD_SIZE) == 0;
     }
 
     char *buffer = nullptr;
