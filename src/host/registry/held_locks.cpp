@@ -96,7 +96,10 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
 
 bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
     bool only = entries_.size() == 1 && entries_.front().keys.get() == reader.keys;
-    if (only && entries_.front().view.find_expected(path, found)) return true;
+    if (only) {
+        locked_view &view = entries_.front().view;
+        if (view.find_again(path, found) || view.find_next(path, found)) return true;
+    }
     held_entry *lock = covering(reader.keys, path);
     if (lock == nullptr || !locked_view::tells(lock->cover(), path)) return false;
     *found = lock->view.find(reader, lock->cover(), path);

@@ -104,6 +104,13 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     return false;
 }
 
+bool locked_view::find_next(std::string_view path, copied_key *found) {
+    uint32_t key = copies_ == nullptr ? snapshot::NONE : copies_->parts[latest_]->guess(path);
+    if (key == snapshot::NONE) return false;
+    *found = note_asked(key);
+    return true;
+}
+
 // For a key of the latest part.
 copied_key locked_view::note_asked(uint32_t key) {
     auto &asked = copies_->asked;
@@ -134,7 +141,7 @@ copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
                              std::string_view path) {
     look(reader, cover);
     copied_key found;
-    if (find_expected(path, &found)) return found;
+    if (find_again(path, &found) || find_next(path, &found)) return found;
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
     return key == snapshot::NONE ? found : note_asked(key);

@@ -73,23 +73,19 @@ class locked_view {
     copied_key find(const tree_reader &reader, const lock_cover &cover, std::string_view path);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Finds a key quickly if it is the one that the reader before asked for at this point, or where
-    // a reader of the latest part goes next.
-    bool find_expected(std::string_view path, copied_key *found) {
-        if (copies_ == nullptr) return false;
-        if (next_ < copies_->asked.size()) {
-            auto [part, key] = copies_->asked[next_];
-            if (copies_->parts[part]->path(key) == path) {
-                *found = {copies_->parts[part], key};
-                ++next_;
-                return true;
-            }
-        }
-        uint32_t key = copies_->parts[latest_]->guess(path);
-        if (key == snapshot::NONE) return false;
-        *found = note_asked(key);
+    // Finds a key quickly if it is the one that the reader before asked for at this point.
+    bool find_again(std::string_view path, copied_key *found) {
+        if (copies_ == nullptr || next_ >= copies_->asked.size()) return false;
+        auto [part, key] = copies_->asked[next_];
+        const std::shared_ptr<snapshot> &copy = copies_->parts[part];
+        if (copy->path(key) != path) return false;
+        *found = {copy, key};
+        ++next_;
         return true;
     }
+
+    // The same if it is where a reader of the latest part goes next.
+    bool find_next(std::string_view path, copied_key *found);
 
     // Brings a value that the holder set into the view.
     void note_value(std::string_view path, std::string_view value);
