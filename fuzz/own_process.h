@@ -44,6 +44,20 @@ inline void die_with_parent() {
     if (getppid() == 1) _exit(1);
 }
 
+inline sigset_t only_termination() {
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, SIGTERM);
+    return one;
+}
+
+// The same, once it can be asked to end: until then the request waits.
+inline void take_requests(void (*asked_to_end)(int)) {
+    (void)signal(SIGTERM, asked_to_end);
+    sigset_t one = only_termination();
+    sigprocmask(SIG_UNBLOCK, &one, nullptr);
+}
+
 class own_process {
   public:
     // The arguments of its main; report is the path of a file that is not there yet. It dies with
@@ -55,7 +69,13 @@ class own_process {
         for (std::string &one : arguments)
             words.push_back(one.data());
         words.push_back(nullptr);
-        int failed = posix_spawn(&pid_, self.c_str(), nullptr, nullptr, words.data(), environ);
+        posix_spawnattr_t how;
+        posix_spawnattr_init(&how);
+        sigset_t held = only_termination();
+        posix_spawnattr_setsigmask(&how, &held);
+        posix_spawnattr_setflags(&how, POSIX_SPAWN_SETSIGMASK);
+        int failed = posix_spawn(&pid_, self.c_str(), nullptr, &how, words.data(), environ);
+        posix_spawnattr_destroy(&how);
         if (failed != 0) throw std::runtime_error("a process cannot be made");
     }
     own_process(const own_process &) = delete;
@@ -74,12 +94,11 @@ class own_process {
         (void)status();
     }
 
-    // Waits for its end: the exit status, or -1 if a signal ended it.
+    // Waits for its end: the exit status, or the signal that ended it, negative.
     int status() {
         int result = 0;
-        if (pid_ > 0 && waitpid(std::exchange(pid_, -1), &result, 0) > 0 && WIFEXITED(result)) {
-            ended_with_ = WEXITSTATUS(result);
-        }
+        if (pid_ > 0 && waitpid(std::exchange(pid_, -1), &result, 0) > 0)
+            ended_with_ = WIFEXITED(result) ? WEXITSTATUS(result) : -WTERMSIG(result);
         return ended_with_;
     }
 

@@ -107,7 +107,7 @@ class rival {
 static int client_main(char **words) {
     die_with_parent();
     (void)setenv("KEYVIEW_LEASE_TTL", LEASE_TTL, 1);
-    (void)signal(SIGTERM, [](int) { asked_to_end = 1; });
+    take_requests([](int) { asked_to_end = 1; });
     faults.grant_unchecked = std::string(words[4]) == "unchecked";
     rival one(words[0], words[1], words[2]);
     while (asked_to_end == 0)
@@ -161,7 +161,8 @@ class seat {
 
     void end(std::vector<std::string> *wrong) {
         ask_to_end();
-        if (process_->status() != 0) wrong->push_back("a process failed by itself");
+        int status = process_->status();
+        if (status != 0) wrong->push_back("a process failed: status " + std::to_string(status));
         read();
         wrong->insert(wrong->end(), errors_.begin(), errors_.end());
     }
