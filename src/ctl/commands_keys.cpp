@@ -5,14 +5,13 @@
 
 #include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
 #include "ctl/text.h"
 #include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
-
-static constexpr const char *WHOLE_TREE = "DATABASE";
 
 static admin::keys_result read(const tool &shared, const std::string &path, admin::depth depth) {
     admin::keys_result found = admin::read_keys(path, depth);

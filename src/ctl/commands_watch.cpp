@@ -10,6 +10,7 @@
 
 #include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
 #include "host/if/keyview_admin.h"
@@ -33,7 +34,7 @@ class watcher {
     watcher(const tool &shared, watch_options options)
         : shared_(shared),
           options_(std::move(options)),
-          path_(options_.path.empty() ? "DATABASE" : options_.path) {}
+          path_(options_.path.empty() ? WHOLE_TREE : options_.path) {}
 
     void run() {
         revision_ = options_.from != 0 ? options_.from : present_revision();
@@ -60,9 +61,8 @@ class watcher {
         return static_cast<uint32_t>(std::clamp<double>(left.count(), 0, most_ms));
     }
 
-    bool goes_on() const {
-        return (options_.count == 0 || told_ < options_.count) && time_left(WAIT_MS) > 0;
-    }
+    bool told_all() const { return options_.count != 0 && told_ >= options_.count; }
+    bool goes_on() const { return !told_all() && time_left(WAIT_MS) > 0; }
 
     // False, at once, if there is none.
     bool follow_history() {
@@ -119,6 +119,7 @@ class watcher {
     }
 
     void tell_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
+        if (told_all()) return;
         ++told_;
         view_fields fields = {{"since", count_view(since)}, {"revision", count_view(revision)}};
         view shown = change_view(change);

@@ -6,6 +6,9 @@
 
 namespace keyview::ctl {
 
+// The key that all others are below.
+constexpr const char *WHOLE_TREE = "DATABASE";
+
 // Only letters of ASCII have a case.
 inline std::string folded(std::string name) {
     for (char &byte : name)

@@ -207,6 +207,12 @@ class Changes(Administrator):
         self.assertEqual([line["kind"] for line in lines], ["gap", "change", "change", "change"])
         self.assertEqual([line["after"] for line in lines[1:]], ["a\0", "b\0", "c\0"])
         self.assertEqual([json.loads(line) for line in content(self.path("got")).splitlines()], lines[1:])
+        child = subprocess.Popen([TOOL, "watch", "--count", "2", "--from", "1"], env=self.env, stdout=subprocess.PIPE)
+        self.assertIn(b"gap: what happened after revision 1 up to", child.stdout.readline())
+        self.good("rm", "DATABASE.STG")
+        told = child.communicate(timeout=60)[0].decode().splitlines()
+        self.assertEqual([line.split(" ", 2)[1:] for line in told if "merged" not in line][:1], [["-", "DATABASE.STG = (no value)"]])
+        self.assertEqual(len(told), 2)
 
 
 class Keeping(Administrator):
@@ -256,7 +262,8 @@ class Keeping(Administrator):
                 self.assertEqual(rows[a], rows[b])
             self.good("backup", self.path("saved"))
             self.good("restore", self.path("saved"), "--registry", "lmdb:" + self.path("other"))
-            keys = {key["path"]: key["value"] for key in self.json("tree", "--registry", "lmdb:" + self.path("other"))["keys"]}
+            restored = self.json("tree", "--registry", "lmdb:" + self.path("other"))["keys"]
+            keys = {key["path"]: key["value"] for key in restored}
             self.assertEqual(keys[a], keys[b])
             self.good("diff", self.path("saved"), "--registry", "lmdb:" + self.path("other"))
         finally:
@@ -370,7 +377,8 @@ class ExitCodes(Administrator):
 
     def test_done_no_usage_not_found_and_changed(self):
         for done, no, missing, holds in self.rows:
-            self.assertEqual(self.code_on_copy(done), 1 if done[:4] == "diff" else 3 if done[:7] == "recover" else 0, done)
+            code = {"diff": 1, "recover": 3}.get(done.split()[0], 0)
+            self.assertEqual(self.code_on_copy(done), code, done)
             self.assertEqual(self.code_on_copy(done, "--no-such-option"), 2, done)
             if no:
                 self.assertEqual(self.code_on_copy(no), 1, no)
@@ -396,7 +404,8 @@ class ExitCodes(Administrator):
                         self.assertFalse(failed and self.ended.stdout)
 
     def test_registry_absent_or_impossible(self):
-        self.each(lambda done: self.code_on_copy(done, prepare=shutil.rmtree), lambda holds: 0 if "creates" in holds else 4)
+        self.each(lambda done: self.code_on_copy(done, prepare=shutil.rmtree),
+                  lambda holds: 0 if "creates" in holds else 4)
         self.env["KEYVIEW_REGISTRY"] = "lmdb:" + self.path("saved") + "/registry"
         self.each(self.code, lambda holds: 4)
 
@@ -487,7 +496,8 @@ class Comfort(Administrator):
                                 ("keyviewctl lock ", ["list", "run"]), ("keyviewctl -o js", ["json", "jsonl"])):
                 set_line = "set line '%s'\n" if shell == "fish" else "line='%s'\n"
                 got = subprocess.run([shell, "-c", set_line % line + script], capture_output=True, timeout=60,
-                                     env={**self.env, "KEYVIEW_REGISTRY": "" if self.url in line else self.url, "PATH": self.folder + ":" + self.env["PATH"]})
+                                     env={**self.env, "PATH": self.folder + ":" + self.env["PATH"],
+                                          "KEYVIEW_REGISTRY": "" if self.url in line else self.url})
                 self.assertEqual(sorted(got.stdout.decode().split()), found, (shell, line, got.stderr))
 
     def test_the_manual_tells_all_commands_and_codes(self):
