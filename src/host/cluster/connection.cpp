@@ -411,8 +411,13 @@ wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
 
 void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
     require_own_process();
-    std::shared_ptr<grpc::Channel> channel = members_[current_.load()]->channel;
-    keep_alives_->start(channel, token(), steady::now() + settings_.lease_ttl / 3, lease, told);
+    size_t at = current_.load();
+    auto answer = [this, at, told](int64_t ttl) {
+        if (ttl < 0) next_member(at);
+        told(ttl);
+    };
+    steady::time_point end = steady::now() + settings_.lease_ttl / 3;
+    keep_alives_->start(members_[at]->channel, token(), end, lease, answer);
 }
 
 // ---- Watches ------------------------------------------------------------------------------------
