@@ -7,13 +7,18 @@
 #include <algorithm>
 #include <clocale>
 #include <cstdlib>
+#include <cstring>
+#include <cwchar>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 
 namespace keyview::ctl {
+
+static constexpr const char *SEPARATOR = "  ";  // between the columns of a table
 
 // Texts that could be taken for something else stand in quotes.
 static std::string shown_text(const std::string &text) {
@@ -43,9 +48,12 @@ static bool is_record(const view &shown) {
 
 // ---- Tables -------------------------------------------------------------------------------------
 
-// A list in a cell has a line for each item.
+static const view_list *list_in(const view &shown) {
+    return std::get_if<view_list>(&shown.value);
+}
+
 static std::string cell_of(const view &shown) {
-    const auto *list = std::get_if<view_list>(&shown.value);
+    const view_list *list = list_in(shown);
     if (list == nullptr) return scalar_of(shown);
     std::string out;
     for (const view &item : *list)
@@ -53,14 +61,77 @@ static std::string cell_of(const view &shown) {
     return list->empty() ? "-" : out;
 }
 
+// In columns of a terminal.
+static size_t width_of_text(const std::string &text) {
+    std::mbstate_t state = {};
+    size_t width = 0;
+    for (size_t at = 0; at < text.size();) {
+        wchar_t symbol = 0;
+        size_t bytes = std::mbrtowc(&symbol, text.data() + at, text.size() - at, &state);
+        if (bytes == 0 || bytes > text.size()) return text.size();
+        width += static_cast<size_t>(std::max(wcwidth(symbol), 0));
+        at += bytes;
+    }
+    return width;
+}
+
+// With line feeds in the place of blanks, so that lines have no more columns where that can be.
+static std::string folded_at_blanks(std::string text, size_t columns) {
+    size_t line = 0, last_blank = text.npos;
+    for (size_t at = text.find(' '); line < text.size();) {
+        size_t end = std::min(at, text.size());
+        bool fits = width_of_text(text.substr(line, end - line)) <= columns;
+        if (!fits && last_blank != text.npos) {
+            text[last_blank] = '\n';
+            line = last_blank + 1;
+            last_blank = text.npos;
+            continue;
+        }
+        if (end == text.size()) break;
+        last_blank = at;
+        at = text.find(' ', at + 1);
+    }
+    return text;
+}
+
+// How many columns a list may take beside what stands in its row; those that need less leave the
+// rest to the others.
+static size_t room_of_lists(const view_list &records, size_t width) {
+    const auto &first = std::get<view_fields>(records.front().value);
+    std::vector<size_t> lists;
+    size_t left = width;
+    for (size_t n = 0; n < first.size(); ++n) {
+        size_t needed = first[n].first.size();
+        for (const view &record : records) {
+            const auto &fields = std::get<view_fields>(record.value);
+            if (n < fields.size())
+                needed = std::max(needed, width_of_text(cell_of(fields[n].second)));
+        }
+        if (list_in(first[n].second) != nullptr) lists.push_back(needed);
+        size_t taken =
+            (n > 0 ? strlen(SEPARATOR) : 0) + (list_in(first[n].second) == nullptr ? needed : 0);
+        left -= std::min(left, taken);
+    }
+    std::sort(lists.begin(), lists.end());
+    size_t room = left;
+    for (size_t n = 0; n < lists.size(); ++n) {
+        room = left / (lists.size() - n);
+        if (lists[n] > room) break;
+        left -= lists[n];
+    }
+    return std::max<size_t>(room, 1);
+}
+
 using table_guard = std::unique_ptr<libscols_table, decltype(&scols_unref_table)>;
 
-static void add_line(libscols_table *table, const view_fields &fields) {
+static void add_line(libscols_table *table, const view_fields &fields, size_t list_room) {
     libscols_line *line = scols_table_new_line(table, nullptr);
     if (line == nullptr) throw std::bad_alloc();
     for (size_t n = 0; n < fields.size() && n < scols_table_get_ncols(table); ++n) {
-        if (scols_line_set_data(line, n, cell_of(fields[n].second).c_str()) != 0)
-            throw std::bad_alloc();
+        std::string cell = cell_of(fields[n].second);
+        if (list_room > 0 && list_in(fields[n].second) != nullptr)
+            cell = folded_at_blanks(cell, list_room);
+        if (scols_line_set_data(line, n, cell.c_str()) != 0) throw std::bad_alloc();
         tone colour = tone_of(fields[n].second);
         if (colour == tone::plain) continue;
         (void)scols_cell_set_color(scols_line_get_cell(line, n),
@@ -69,14 +140,12 @@ static void add_line(libscols_table *table, const view_fields &fields) {
 }
 
 // Cells that do not fit are wrapped, never cut; where nobody looks, nothing is wrapped either.
-static void prepare(libscols_table *table) {
-    size_t width = width_of(STDOUT_FILENO);
-    (void)setlocale(LC_CTYPE, "C.UTF-8");  // for the width of characters
+static void prepare(libscols_table *table, size_t width) {
     scols_table_set_termforce(table, width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER);
     if (width > 0) scols_table_set_termwidth(table, width);
     scols_table_enable_noencoding(table, 1);  // escaped() has done it
     scols_table_enable_colors(table, color_wanted(STDOUT_FILENO) ? 1 : 0);
-    scols_table_set_column_separator(table, "  ");
+    scols_table_set_column_separator(table, SEPARATOR);
 }
 
 // Whether a column is worth wrapping before others are.
@@ -91,15 +160,23 @@ static bool is_wide(const view_list &records, size_t column) {
 static std::string grid_of(const view_list &records) {
     table_guard table(scols_new_table(), &scols_unref_table);
     if (!table) throw std::bad_alloc();
-    prepare(table.get());
+    (void)setlocale(LC_CTYPE, "C.UTF-8");  // for the width of characters
+    size_t width = width_of(STDOUT_FILENO);
+    prepare(table.get(), width);
     const auto &columns = std::get<view_fields>(records.front().value);
     for (size_t n = 0; n < columns.size(); ++n) {
-        int flags = is_wide(records, n) ? SCOLS_FL_WRAP : 0;
-        if (scols_table_new_column(table.get(), columns[n].first.c_str(), 0, flags) == nullptr)
-            throw std::bad_alloc();
+        bool is_list = list_in(columns[n].second) != nullptr;
+        int flags = is_list || is_wide(records, n) ? SCOLS_FL_WRAP : 0;
+        libscols_column *column =
+            scols_table_new_column(table.get(), columns[n].first.c_str(), 0, flags);
+        if (column == nullptr) throw std::bad_alloc();
+        if (is_list)
+            scols_column_set_wrapfunc(column, scols_wrapnl_chunksize, scols_wrapnl_nextchunk,
+                                      nullptr);
     }
+    size_t list_room = width == 0 ? 0 : room_of_lists(records, width);
     for (const view &record : records)
-        add_line(table.get(), std::get<view_fields>(record.value));
+        add_line(table.get(), std::get<view_fields>(record.value), list_room);
     char *text = nullptr;
     if (scols_print_table_to_string(table.get(), &text) != 0) throw std::bad_alloc();
     std::unique_ptr<char, decltype(&free)> guard(text, &free);

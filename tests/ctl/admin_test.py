@@ -122,6 +122,7 @@ class Output(Administrator):
                 self.assertIsNone(raw.search(seen.replace(b"\r\n", b"\n")), (command, seen))
 
     def test_tables_fit_and_colours_only_repeat(self):
+        self.assertIn(b"checkout.shop.example.com  enabled", self.on_terminal("status", "sales"), "no word is cut")
         self.store(SALES + ".SERVICE.数据库服务", "数据库服务".encode() + b"\0")
         plain = self.on_terminal("status", "sales").decode().replace("\r\n", "\n")
         self.assertTrue(all(len(line) <= 80 for line in plain.splitlines()), plain)
