@@ -204,7 +204,8 @@ TEST_F(Cluster, TheToolKeepsTreesInAnyRegistry) {
         $tool watch --from $first --count 2 -o jsonl > told
         grep -c '"path":"DATABASE.DATABASES.sales.SERVICE.reporting.*"after":"false' told
         $tool rm DATABASE; $tool restore saved; $tool diff saved
-        $tool export third; cmp first third)";
+        $tool export third; cmp first third
+        $tool copy --to lmdb:back; $tool diff saved --registry lmdb:back)";
     setting wait("KEYVIEW_LOCK_WAIT", "1");
     run(script);
 }
