@@ -32,13 +32,17 @@ static pid_t start(std::vector<std::string> command) {
     words.push_back(nullptr);
     pid_t child = fork();
     if (child != 0) return child;
-    (void)signal(SIGPIPE, SIG_DFL);
+    for (int number : {SIGPIPE, SIGINT})
+        (void)signal(number, SIG_DFL);
     execvp(words[0], words.data());
     tell(command[0] + " cannot be run: " + strerror(errno));
     _exit(127);
 }
 
-// Waits for the child; tells it, once, that the lock is lost.
+// What was sent to this process alone, for the command.
+static volatile sig_atomic_t to_hand_on = 0;
+
+// Waits for the child; hands signals on to it, and tells it, once, that the lock is lost.
 static int wait_for(pid_t child, const admin::lock_hold &lock) {
     constexpr useconds_t LOOK_EVERY_US = 20000;
     bool told = false;
@@ -46,6 +50,10 @@ static int wait_for(pid_t child, const admin::lock_hold &lock) {
         pid_t ended = waitpid(child, &status, WNOHANG);
         if (ended == child) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         if (ended < 0 && errno != EINTR) return EXIT_INTERNAL;
+        if (int number = to_hand_on; number != 0) {
+            to_hand_on = 0;
+            (void)kill(child, number);
+        }
         if (told || lock.still_held()) continue;
         told = true;
         tell("the lock was lost; the command is told by a termination signal");
@@ -60,14 +68,15 @@ static exit_code run_lock(const tool &shared, const run_options &options) {
     admin::lock_result taken = admin::take_lock(options.name, options.shared, wait_ms);
     check_result(taken, "the lock is not taken", shared.registry);
     shared.told->stop();
+    // The lock is kept until the command has ended. A terminal's interrupt reaches both.
+    (void)signal(SIGINT, SIG_IGN);
+    for (int number : {SIGTERM, SIGHUP})
+        (void)signal(number, [](int its_number) { to_hand_on = its_number; });
     pid_t child = start(options.command);
     if (child < 0) {
         throw tool_error{EXIT_INTERNAL, "the command is not run", "", strerror(errno),
                          "try again when there is room for a process"};
     }
-    // An interrupt reaches both; the lock is kept until the command has ended.
-    for (int number : {SIGINT, SIGTERM, SIGHUP})
-        (void)signal(number, SIG_IGN);
     return static_cast<exit_code>(wait_for(child, *taken.lock));
 }
 

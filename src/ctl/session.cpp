@@ -10,6 +10,7 @@ namespace keyview::ctl {
 
 session::session(const tool &shared) : status(status_block_), registry_(shared.registry) {
     check(prsr_init(status, &ctx), "the registry cannot be opened");
+    shared.told->step("reads, or waits for a lock that \"keyviewctl lock list\" shows");
 }
 
 session::~session() {

@@ -182,6 +182,12 @@ class Changes(Administrator):
             self.assertEqual([row["lock"] for row in rows["locks"]], [name])
             self.assertEqual(rows["locks"][0]["mode"], "shared" if shared else "exclusive")
         self.good("lock", "run", name, "--", "sh", "-c", "exit 77", code=77)
+        holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; exec sleep 30"],
+                                  env=self.env, stdout=subprocess.PIPE)
+        holder.stdout.readline()
+        holder.terminate()
+        self.assertEqual(holder.wait(timeout=20), 143, "the command was told")
+        holder.stdout.close()
 
     def test_what_takes_long_is_told(self):
         name = "LKRT." + SALES
