@@ -26,7 +26,6 @@ struct tool {
     bool registry_given = false;  // by the option, be it ""
     output_format format = output_format::table;
     bool needs_registry = true;
-    double lock_wait_s = 0;
     // Of commands that change the tree.
     bool dry_run = false;
     bool compares = false;  // a dry run is all that is meant

@@ -55,7 +55,6 @@ static exit_code show_text(const std::string &text, const std::string &what,
     return EXIT_DONE;
 }
 
-// Asked by a shell at each key: a lock is not waited for, and a failure stays silent.
 // A shell waits with its prompt meanwhile, so a registry that does not answer soon has no names.
 static void end_silently_soon() {
     constexpr suseconds_t LONGEST_US = 200'000;
@@ -72,6 +71,7 @@ static std::string registry_of(const tool &shared, const std::vector<std::string
     return shared.registry;
 }
 
+// Asked by a shell at each key: a lock is not waited for, and a failure stays silent.
 static exit_code run_complete(const CLI::App &app, const tool &shared,
                               const std::vector<std::string> &words) {
     end_silently_soon();

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "ctl/command.h"
 #include "ctl/output.h"
@@ -19,7 +20,7 @@ struct run_options {
     std::string name;
     std::vector<std::string> command;
     bool shared = false;
-    double wait_s = -1;  // the setting
+    std::optional<double> wait_s;
 };
 }  // namespace
 
@@ -63,8 +64,8 @@ static int wait_for(pid_t child, const admin::lock_hold &lock) {
 
 static exit_code run_lock(const tool &shared, const run_options &options) {
     shared.told->step("waits for the lock " + options.name);
-    double wait_s = options.wait_s < 0 ? shared.lock_wait_s : options.wait_s;
-    auto wait_ms = static_cast<uint32_t>(wait_s * 1000);
+    std::optional<uint32_t> wait_ms;
+    if (options.wait_s) wait_ms = static_cast<uint32_t>(*options.wait_s * 1000);
     admin::lock_result taken = admin::take_lock(options.name, options.shared, wait_ms);
     check_result(taken, "the lock is not taken", shared.registry);
     shared.told->stop();

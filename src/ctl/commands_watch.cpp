@@ -69,7 +69,7 @@ class watcher {
         for (bool first = true; first || goes_on(); first = false) {
             admin::changes_result next = admin::read_changes(path_, revision_, time_left(WAIT_MS));
             if (next.code == admin::status::changed) {
-                tell_lines("gap", "is forgotten", present_revision());
+                tell_jump("gap", "is forgotten", present_revision());
                 continue;
             }
             check(next);
@@ -83,13 +83,13 @@ class watcher {
 
     void look_again_and_again() {
         admin::keys_result seen = look();
-        if (seen.revision != revision_) tell_lines("gap", "is not told", seen.revision);
+        if (seen.revision != revision_) tell_jump("gap", "is not told", seen.revision);
         while (goes_on()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(time_left(LOOK_EVERY_MS)));
             if (present_revision() == revision_) continue;
             admin::keys_result now = look();
             uint64_t before = revision_;
-            if (now.revision > before + 1) tell_lines("merged", "is told as one", now.revision);
+            if (now.revision > before + 1) tell_jump("merged", "is told as one", now.revision);
             for (const admin::key_change &change : admin::compare_keys(seen.keys, now.keys))
                 tell_change(before, now.revision, change);
             revision_ = now.revision;
@@ -106,7 +106,7 @@ class watcher {
     }
 
     // What is not told change by change, and goes on from the later revision.
-    void tell_lines(const char *kind, const char *what, uint64_t revision) {
+    void tell_jump(const char *kind, const char *what, uint64_t revision) {
         if (shared_.format == output_format::table) {
             write_result(std::string(kind) + ": what happened after revision " +
                          std::to_string(revision_) + " up to " + std::to_string(revision) + " " +

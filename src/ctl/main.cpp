@@ -153,12 +153,11 @@ static meaning meaning_of(const setting &one, const std::map<std::string, meanin
                      one.origin, one.value + " is none of its words", "see \"keyviewctl --help\""};
 }
 
-static double lock_wait_of(const setting &one) {
+static void set_lock_wait(const setting &one) {
     char *end = nullptr;
     double wait_s = strtod(one.value.c_str(), &end);
     bool sound = *end == '\0' && wait_s >= 0 && wait_s <= 86400;
-    if (sound && keyview_host_set_lock_wait(static_cast<int64_t>(wait_s * 1000)) == 0)
-        return wait_s;
+    if (sound && keyview_host_set_lock_wait(static_cast<int64_t>(wait_s * 1000)) == 0) return;
     throw tool_error{EXIT_USAGE, "the setting lock_wait cannot be used", one.origin,
                      one.value + " is no number of seconds from 0 to 86400", "correct it"};
 }
@@ -170,7 +169,7 @@ static void settle(tool *shared) {
     shared->registry = chosen.registry.value;
     shared->format = meaning_of(chosen.output, formats());
     choose_color(meaning_of(chosen.color, colors()));
-    shared->lock_wait_s = lock_wait_of(chosen.lock_wait);
+    set_lock_wait(chosen.lock_wait);
 }
 
 // A name that is not there may be misspelt.

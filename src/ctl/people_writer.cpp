@@ -107,9 +107,12 @@ static size_t room_of_lists(const view_list &records, size_t width) {
             if (n < fields.size())
                 needed = std::max(needed, width_of_text(cell_of(fields[n].second)));
         }
-        if (list_in(first[n].second) != nullptr) lists.push_back(needed);
-        size_t taken =
-            (n > 0 ? strlen(SEPARATOR) : 0) + (list_in(first[n].second) == nullptr ? needed : 0);
+        size_t taken = n > 0 ? strlen(SEPARATOR) : 0;
+        if (list_in(first[n].second) != nullptr) {
+            lists.push_back(needed);
+        } else {
+            taken += needed;
+        }
         left -= std::min(left, taken);
     }
     std::sort(lists.begin(), lists.end());

@@ -105,6 +105,8 @@ class Output(Administrator):
             self.store("DATABASE.DATABASES." + name, value)
             for key in ("SPFILE", "ENABLED", "ROLE", "INSTANCE.i", "INSTANCE.i.NODE", "SERVICE.s"):
                 self.store("DATABASE.DATABASES.%s.%s" % (name, key), value)
+            for other in ("STG.%s.%s" % (name, name), "NODEAPPS." + name, "NODEAPPS.%s.VIP" % name):
+                self.store("DATABASE." + other, value)
             path = "DATABASE.DATABASES." + name
             for command in (["list"], ["status"], ["status", name], ["show", name], ["tree", path], ["lint"],
                             ["get", path, "-o", "raw"], ["ls", "DATABASE.DATABASES", "-o", "tsv"], ["check"],
@@ -117,7 +119,13 @@ class Output(Administrator):
                             ["lock", "run", "LKRT." + text, "--wait", "0", "--", TOOL, "lock", "list"],
                             ["backup", "/no/" + text], ["restore", "/no/" + text], ["copy", "--to", "lmdb:/no/" + text],
                             ["list", "--registry", "lmdb:/no/" + text], ["config", "--registry", text],
-                            ["doctor", "--registry", "etcd://" + text], ["manual", text], ["completion", text]):
+                            ["doctor", "--registry", "etcd://" + text], ["manual", text], ["completion", text],
+                            ["get", path], ["stg", name, name], ["stg-name", name, name], ["stg-enabled", name, name],
+                            ["nodeapps", name], ["policy", name, "s"], ["domain", name], ["enabled", name],
+                            ["supported", name, "s", "i"], ["set", path + ".DOMAIN", "--as", "text", text],
+                            ["lock", "run", "LKRT." + path, "--", TOOL, "lock", "list"], ["rm", path + ".SPFILE", "--yes"],
+                            ["apply", EXAMPLE, "--prune", "--dry-run"], ["copy", "--to", "lmdb:" + self.path("copy" + name)],
+                            ["backup", self.path("b" + text)], ["restore", self.path("b" + text), "--force", "--dry-run"]):
                 seen = self.on_terminal(*command)
                 self.assertIsNone(raw.search(seen.replace(b"\r\n", b"\n")), (command, seen))
 

@@ -9,8 +9,15 @@ using nlohmann::json;
 using nlohmann::ordered_json;
 
 std::string byte_field(const field_row &row) {
-    bool any_bytes = row.kind != value_kind::flag && row.kind != value_kind::word;
-    return any_bytes ? std::string(row.field) + "_base64" : "";
+    return std::string(row.field) + "_base64";
+}
+
+bool is_byte_field(const field_row &row, const std::string &name) {
+    return row.kind != value_kind::flag && row.kind != value_kind::word && name == byte_field(row);
+}
+
+bool has_byte_field(const field_row &row, const json &record) {
+    return is_byte_field(row, byte_field(row)) && record.contains(byte_field(row));
 }
 
 // ---- Writing ------------------------------------------------------------------------------------

@@ -12,7 +12,10 @@
 
 namespace keyview::admin {
 
-// The name of the second field; empty for a kind of value that has none.
+// Whether a name is that of the second field, and whether a record has it. Flags and words have
+// none.
+bool is_byte_field(const field_row &row, const std::string &name);
+bool has_byte_field(const field_row &row, const nlohmann::json &record);
 std::string byte_field(const field_row &row);
 
 // Puts a value, whose strings may be any bytes, into a record.

@@ -71,7 +71,7 @@ class document_walk {
         return field == "name" || (table.scoped && field == "scope") ||
                is_list(table.lists, field) ||
                std::any_of(table.fields.begin(), table.fields.end(), [&](const field_row &row) {
-                   return row.field == field || byte_field(row) == field;
+                   return row.field == field || is_byte_field(row, field);
                });
     }
 
@@ -157,7 +157,7 @@ class document_walk {
         std::string name = row.field;
         std::string stored;
         std::optional<fault> wrong;
-        if (record.contains(byte_field(row))) {
+        if (has_byte_field(row, record)) {
             json value;
             name = byte_field(row);
             wrong = take_strings(row, record, &value);

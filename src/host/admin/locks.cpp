@@ -26,9 +26,11 @@ class held final : public lock_hold {
 
 }  // namespace
 
-lock_result take_lock(const std::string &name, bool shared, uint32_t wait_ms) noexcept {
+lock_result take_lock(const std::string &name, bool shared,
+                      std::optional<uint32_t> wait_ms) noexcept {
     return guarded<lock_result>([&](lock_result *out) {
-        out->lock = std::make_unique<held>(open_present(), name, shared, wait_ms);
+        out->lock = std::make_unique<held>(open_present(), name, shared,
+                                           wait_ms.value_or(host::lock_wait_ms()));
     });
 }
 

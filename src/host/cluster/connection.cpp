@@ -4,13 +4,13 @@
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <list>
 #include <thread>
 #include <utility>
 
+#include "host/cluster/call_context.h"
 #include "host/cluster/call_failure.h"
 #include "host/cluster/etcd.grpc.pb.h"
+#include "host/cluster/keepalives.h"
 #include "host/cluster/tls_look.h"
 #include "host/support/fork.h"
 
@@ -50,11 +50,6 @@ uint64_t begin_use() {
         throw inherited();
     }
     return mine;
-}
-
-void set_deadline(grpc::ClientContext *context, steady::time_point end) {
-    context->set_deadline(std::chrono::system_clock::now() +
-                          std::max(end - steady::now(), steady::duration::zero()));
 }
 
 std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings &settings) {
@@ -98,91 +93,10 @@ struct connection::member {
     wire::Maintenance::Stub operation{channel};
 };
 
-// ---- Keepalives under way -----------------------------------------------------------------------
-
-namespace {
-
-using keep_alive_reactor =
-    grpc::ClientBidiReactor<wire::LeaseKeepAliveRequest, wire::LeaseKeepAliveResponse>;
-
-}  // namespace
-
-// The last reference to a channel must not go in a callback: gRPC would wait there for the thread
-// that it runs on. So a connection outlives its calls.
-class connection::keep_alives {
-  public:
-    keep_alives() = default;
-    keep_alives(const keep_alives &) = delete;
-    keep_alives &operator=(const keep_alives &) = delete;
-
-    ~keep_alives() {
-        std::unique_lock guard(mutex_);
-        for (std::unique_ptr<one_call> &one : under_way_)
-            one->context.TryCancel();
-        ended_.wait(guard, [this] { return under_way_.empty(); });
-    }
-
-    void start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
-               steady::time_point end, int64_t lease, std::function<void(int64_t)> told) {
-        auto made = std::make_unique<one_call>(this, channel, std::move(told));
-        made->request.set_id(lease);
-        set_deadline(&made->context, end);
-        if (!token.empty()) made->context.AddMetadata("token", token);
-        one_call *call = made.get();
-        {
-            std::lock_guard guard(mutex_);
-            under_way_.push_back(std::move(made));
-        }
-        call->start();
-    }
-
-  private:
-    // One question and one answer on a stream of its own.
-    struct one_call final : keep_alive_reactor {
-        one_call(keep_alives *its_owner, const std::shared_ptr<grpc::Channel> &channel,
-                 std::function<void(int64_t)> whom)
-            : owner(its_owner), leases(channel), told(std::move(whom)) {}
-
-        void start() noexcept {
-            leases.async()->LeaseKeepAlive(&context, this);
-            StartRead(&response);
-            StartWrite(&request);
-            StartCall();
-        }
-
-        void OnReadDone(bool ok) override {
-            if (ok && told) std::exchange(told, nullptr)(response.ttl());
-            if (ok) context.TryCancel();
-        }
-
-        void OnDone(const grpc::Status &) override {
-            if (told) told(-1);
-            owner->end(this);
-        }
-
-        keep_alives *owner;
-        wire::Lease::Stub leases;
-        grpc::ClientContext context;
-        wire::LeaseKeepAliveRequest request;
-        wire::LeaseKeepAliveResponse response;
-        std::function<void(int64_t)> told;
-    };
-
-    void end(const one_call *ended) {
-        std::lock_guard guard(mutex_);
-        under_way_.remove_if([&](const auto &one) { return one.get() == ended; });
-        ended_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    std::list<std::unique_ptr<one_call>> under_way_;
-};
-
 // ---- Connections --------------------------------------------------------------------------------
 
 connection::connection(const cluster_settings &settings)
-    : settings_(settings), generation_(begin_use()), keep_alives_(std::make_unique<keep_alives>()) {
+    : settings_(settings), generation_(begin_use()), keepalives_(std::make_unique<keepalives>()) {
     std::shared_ptr<grpc::ChannelCredentials> credentials = credentials_of(settings_);
     for (const std::string &name : settings_.members)
         members_.push_back(std::make_unique<member>(name, credentials));
@@ -191,7 +105,7 @@ connection::connection(const cluster_settings &settings)
 // What a child inherits is its parent's, and never touched.
 connection::~connection() {
     if (generation_ == fork_generation()) return;
-    (void)keep_alives_.release();
+    (void)keepalives_.release();
     for (std::unique_ptr<member> &one : members_)
         (void)one.release();
 }
@@ -226,7 +140,7 @@ void connection::log_in(size_t at, steady::time_point end) {
     request.set_password(text.substr(colon + 1));
     wire::AuthenticateResponse response;
     grpc::ClientContext context;
-    set_deadline(&context, end);
+    prepare(&context, end, "");
     ++round_trips_;
     grpc::Status status = members_[at]->users.Authenticate(&context, request, &response);
     judgement row = judge(status);
@@ -277,9 +191,7 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
         connect(members_[at]->channel.get(), try_end, after_failure::give_up);
         if (token().empty()) log_in(at, try_end);
         grpc::ClientContext context;
-        set_deadline(&context, try_end);
-        std::string mine = token();
-        if (!mine.empty()) context.AddMetadata("token", mine);
+        prepare(&context, try_end, token());
         ++round_trips_;
         grpc::Status status = run(members_[at].get(), &context);
         if (status.ok()) return;
@@ -394,9 +306,7 @@ wire::AlarmResponse connection::alarms(steady::time_point end) {
 wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
     require_own_process();
     grpc::ClientContext context;
-    set_deadline(&context, end);
-    std::string mine = token();
-    if (!mine.empty()) context.AddMetadata("token", mine);
+    prepare(&context, end, token());
     wire::StatusResponse response;
     connect(members_.at(at)->channel.get(), end, after_failure::wait);
     ++round_trips_;
@@ -417,19 +327,17 @@ void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &t
         told(ttl);
     };
     steady::time_point end = steady::now() + settings_.lease_ttl / 3;
-    keep_alives_->start(members_[at]->channel, token(), end, lease, answer);
+    keepalives_->start(members_[at]->channel, token(), end, lease, answer);
 }
 
 // ---- Watches ------------------------------------------------------------------------------------
 
-void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
-                        const std::function<bool(const wire::WatchResponse &)> &sink) {
+void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
+                             const std::function<bool(const wire::WatchResponse &)> &sink) {
     require_own_process();
     size_t at = current_.load();
     grpc::ClientContext context;
-    set_deadline(&context, end);
-    std::string mine = token();
-    if (!mine.empty()) context.AddMetadata("token", mine);
+    prepare(&context, end, token());
     connect(members_[at]->channel.get(), std::min(end, steady::now() + SHORTEST_TRY),
             after_failure::give_up);
     ++round_trips_;
@@ -457,6 +365,18 @@ void connection::follow(const wire::WatchCreateRequest &what, steady::time_point
     next_member(at);
     throw etcd_error(failure::registry, etcd_reason::none,
                      members_[at]->name + ": " + cause_of(status));
+}
+
+// A member that was started again refuses those whom it knew before.
+void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
+                        const std::function<bool(const wire::WatchResponse &)> &sink) {
+    try {
+        follow_once(what, end, sink);
+    } catch (const etcd_error &error) {
+        if (error.kind != failure::denied || settings_.login_file.empty()) throw;
+        log_in(current_.load(), answer_end());
+        follow_once(what, end, sink);
+    }
 }
 
 void connection::await_deletion(const std::string &key, int64_t after_revision,

@@ -40,6 +40,8 @@ class etcd_error : public host_error {
     etcd_reason reason;
 };
 
+class keepalives;
+
 class connection {
   public:
     explicit connection(const cluster_settings &settings);
@@ -78,10 +80,11 @@ class connection {
 
   private:
     struct member;
-    class keep_alives;
 
     template <typename one_try>
     void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr);
+    void follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
+                     const std::function<bool(const wire::WatchResponse &)> &sink);
     void next_member(size_t after);
     void log_in(size_t at, steady::time_point end);
     std::string token();
@@ -92,7 +95,7 @@ class connection {
     cluster_settings settings_;
     uint64_t generation_;  // of the process that made it
     std::vector<std::unique_ptr<member>> members_;
-    std::unique_ptr<keep_alives> keep_alives_;  // ends before the channels
+    std::unique_ptr<keepalives> keepalives_;  // ends before the channels
     std::atomic<size_t> current_{0};
     std::atomic<uint64_t> round_trips_{0};
     std::mutex token_mutex_;

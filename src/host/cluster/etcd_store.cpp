@@ -119,20 +119,13 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
         }
         return out.changes.empty();
     };
-    // A member that says nothing may be gone or behind, one that refuses may know the login no
-    // more: a call that needs an answer goes on at another one, or logs in anew.
-    bool refused = false;
-    for (bool again = true; again;) {
-        again = false;
-        try {
-            cluster_->calls().follow(what, steady::now() + wait, take);
-        } catch (const etcd_error &error) {
-            again = error.kind == failure::denied && !refused;
-            if (!again && error.kind != failure::registry) throw;
-            refused = again;
-        }
-        if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);
+    try {
+        cluster_->calls().follow(what, steady::now() + wait, take);
+    } catch (const etcd_error &error) {
+        if (error.kind != failure::registry) throw;
     }
+    // A member that says nothing may be gone or behind: a call that needs an answer leaves it.
+    if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);
     return out;
 }
 

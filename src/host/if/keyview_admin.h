@@ -252,8 +252,9 @@ class KEYVIEW_ADMIN_API lock_hold {
 struct lock_result : result {
     std::unique_ptr<lock_hold> lock;
 };
+// Without wait_ms it is waited for as long as any lock (keyview_host.h).
 KEYVIEW_ADMIN_API lock_result take_lock(const std::string &name, bool shared,
-                                        uint32_t wait_ms) noexcept;
+                                        std::optional<uint32_t> wait_ms) noexcept;
 
 // The lock under which a key is changed.
 KEYVIEW_ADMIN_API std::string lock_of_key(std::string_view path);
