@@ -10,8 +10,8 @@
 #include "bench/registry.h"
 #include "bench/report.h"
 #include "bench/scratch.h"
-#include "host/cluster/tree_part.h"
-#include "host/registry/backend.h"
+#include "cluster/tree_part.h"
+#include "host/entry/backends.h"
 #include "members.h"
 
 namespace keyview::bench {

@@ -2,8 +2,8 @@
 #include "bench/registry.h"
 
 #include "bench/failure.h"
+#include "host/entry/backends.h"
 #include "host/if/keyview_host.h"
-#include "host/registry/backend.h"
 
 namespace keyview::bench {
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/if/keyview_admin.h"
+#include "admin/admin.h"
 #include "host/if/keyview_host.h"
 #include "keyview/if/prsr.h"
 

@@ -18,8 +18,8 @@
 #include <random>
 
 #include "cluster.h"
-#include "host/cluster/cluster.h"
-#include "host/cluster/faults.h"
+#include "cluster/cluster.h"
+#include "cluster/faults.h"
 #include "members.h"
 #include "own_process.h"
 #include "process.h"

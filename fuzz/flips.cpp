@@ -17,7 +17,7 @@
 #include <random>
 #include <sstream>
 
-#include "host/if/keyview_admin.h"
+#include "admin/admin.h"
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"

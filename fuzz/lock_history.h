@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/cluster/connection.h"
-#include "host/cluster/layout.h"
+#include "cluster/connection.h"
+#include "cluster/layout.h"
 
 namespace keyview::test {
 

@@ -14,9 +14,9 @@
 #include <random>
 
 #include "cluster.h"
-#include "host/cluster/cluster.h"
-#include "host/cluster/etcd_locks.h"
-#include "host/cluster/faults.h"
+#include "cluster/cluster.h"
+#include "cluster/etcd_locks.h"
+#include "cluster/faults.h"
 #include "lock_history.h"
 #include "members.h"
 #include "own_process.h"

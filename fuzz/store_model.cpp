@@ -9,7 +9,7 @@
 #include <map>
 #include <random>
 
-#include "host/if/keyview_admin.h"
+#include "admin/admin.h"
 #include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "registry.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "admin/admin.h"
 #include "ctl/command.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

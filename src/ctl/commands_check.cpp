@@ -1,7 +1,7 @@
 // check: whether the registry is damaged, and where.
+#include "admin/admin.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

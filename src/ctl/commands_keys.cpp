@@ -3,13 +3,13 @@
 
 #include <memory>
 
+#include "admin/admin.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
 #include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
 #include "ctl/text.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

@@ -9,9 +9,9 @@
 #include <memory>
 #include <optional>
 
+#include "admin/admin.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

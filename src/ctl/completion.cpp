@@ -3,10 +3,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "admin/admin.h"
 #include "ctl/key_names.h"
 #include "ctl/suggest.h"
 #include "ctl/text.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/if/keyview_admin.h"
+#include "admin/admin.h"
 
 namespace keyview::ctl {
 

@@ -3,8 +3,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "admin/admin.h"
 #include "ctl/exit_codes.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

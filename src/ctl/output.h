@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "admin/admin.h"
 #include "ctl/exit_codes.h"
 #include "ctl/view.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

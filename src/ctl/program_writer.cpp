@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
+#include "admin/admin.h"
 #include "ctl/text.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
+#include "admin/admin.h"
 #include "ctl/key_names.h"
 #include "ctl/text.h"
-#include "host/if/keyview_admin.h"
 
 namespace keyview::ctl {
 

@@ -8,7 +8,7 @@
 
 #include "../host/process.h"
 #include "../host/store_test.h"
-#include "host/cluster/faults.h"
+#include "cluster/faults.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
 

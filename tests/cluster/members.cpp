@@ -13,7 +13,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "host/cluster/connection.h"
+#include "cluster/connection.h"
 
 namespace keyview::test {
 

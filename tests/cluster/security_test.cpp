@@ -4,7 +4,7 @@
 #include <fstream>
 #include <string>
 
-#include "host/cluster/cluster_settings.h"
+#include "cluster/cluster_settings.h"
 #include "shared.h"
 
 namespace keyview::test {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "../host/registry.h"
-#include "host/cluster/cluster.h"
+#include "cluster/cluster.h"
 #include "members.h"
 
 namespace keyview::test {

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "host/admin/document_reader.h"
-#include "host/admin/document_writer.h"
+#include "admin/document/reader.h"
+#include "admin/document/writer.h"
 #include "table.h"
 
 using namespace keyview::admin;

@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
-#include "host/registry/backend.h"
+#include "host/entry/backends.h"
 #include "table.h"
 
 using namespace std::string_literals;

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "host/if/keyview_admin.h"
+#include "admin/admin.h"
 #include "process.h"
 #include "registry.h"
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "host/entry/backends.h"
 #include "host/if/keyview_host.h"
-#include "host/registry/backend.h"
 #include "host/support/error.h"
 #include "platform/kvtc.h"
 #include "platform/lksv.h"

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <tuple>
 
+#include "host/entry/settings.h"
+#include "host/registry/lock_wait.h"
 #include "platform/tmem.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"

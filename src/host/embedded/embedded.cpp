@@ -8,6 +8,7 @@
 #include "host/embedded/file_locks.h"
 #include "host/embedded/lmdb_check.h"
 #include "host/embedded/lmdb_store.h"
+#include "host/registry/lock_wait.h"
 #include "host/support/error.h"
 #include "host/support/fork.h"
 

@@ -8,6 +8,7 @@
 
 #include "host/embedded/lmdb_writer.h"
 #include "host/embedded/near_rows.h"
+#include "host/registry/lock_wait.h"
 #include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"

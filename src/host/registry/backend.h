@@ -3,7 +3,7 @@
 //     lmdb:<directory>                      this machine
 //     etcd://host:port,host:port/prefix     a cluster; etcds:// with TLS
 //
-// A further kind of registry is a further row in backend_kind.cpp and nothing else.
+// A further kind of registry is a further row in entry/backends.cpp and nothing else.
 #ifndef KEYVIEW_HOST_REGISTRY_BACKEND_H
 #define KEYVIEW_HOST_REGISTRY_BACKEND_H
 
@@ -83,10 +83,6 @@ struct backend {
 
 enum class open_mode { existing, create };
 
-// Opens the registry of a URL; with open_mode::existing, one that is not there is
-// failure::not_found. Backends of one registry are shared within the process.
-KEYVIEW_HOST_API backend open_backend(const std::string &url, open_mode mode);
-
 // Receives what is wrong with a registry: a place in its files or the path of a key, and a sentence
 // without its subject.
 using damage_sink = std::function<void(const std::string &place, const std::string &reason)>;
@@ -98,20 +94,6 @@ struct check_counts {
     uint64_t keys = 0;
     uint64_t pages = 0;
 };
-
-// Looks at all of a registry, also at one that is too damaged to be opened, and delivers its sound
-// keys, in no order. Writers wait meanwhile.
-check_counts check_backend(const std::string &url, const damage_sink &damage, const row_sink &sink);
-
-// Throws failure::usage if the URL is of no known kind.
-void check_registry_url(const std::string &url);
-
-// The URL in force: the program's choice (keyview_host_set_registry), else KEYVIEW_REGISTRY. Throws
-// failure::usage if neither is set.
-KEYVIEW_HOST_API std::string registry_url();
-
-// How long a lock is waited for: the program's choice, else KEYVIEW_LOCK_WAIT (seconds), else 60 s.
-KEYVIEW_HOST_API uint32_t lock_wait_ms();
 
 }  // namespace keyview::host
 

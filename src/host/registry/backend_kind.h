@@ -18,10 +18,6 @@ struct backend_kind {
     void (*diagnose)(const std::string &url, const diagnosis_sink &sink);
 };
 
-// The kind of a URL. Throws failure::usage if there is none, failure::registry if its module cannot
-// be loaded.
-const backend_kind &kind_of(const std::string &url);
-
 // A module exports its row under this name; the number is that of the row's form.
 #define KEYVIEW_BACKEND_KIND keyview_backend_kind_1
 

@@ -3,8 +3,6 @@
 
 #include <cstdio>
 
-#include "host/registry/backend_kind.h"
-
 namespace keyview::host {
 
 std::string shown_ms(std::chrono::steady_clock::duration time) {
@@ -22,10 +20,6 @@ void diagnose_locks(lock_service *locks, const diagnosis_sink &sink) {
         auto took = std::chrono::steady_clock::now() - start;
         sink({"locks", health::good, "one taken and given back in " + shown_ms(took)});
     });
-}
-
-void diagnose_backend(const std::string &url, const diagnosis_sink &sink) {
-    diagnose("configuration", sink, [&] { kind_of(url).diagnose(url, sink); });
 }
 
 }  // namespace keyview::host

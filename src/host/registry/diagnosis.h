@@ -36,9 +36,6 @@ void diagnose(const std::string &subject, const diagnosis_sink &sink, look &&run
 // "1.3 ms".
 KEYVIEW_HOST_API std::string shown_ms(std::chrono::steady_clock::duration time);
 
-// Looks at the registry of a URL, also at one that cannot be used.
-void diagnose_backend(const std::string &url, const diagnosis_sink &sink);
-
 }  // namespace keyview::host
 
 #endif

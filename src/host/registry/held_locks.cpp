@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "host/registry/lock_wait.h"
 #include "host/support/error.h"
 #include "host/support/fork.h"
 

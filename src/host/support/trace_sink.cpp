@@ -17,11 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "host/support/environment.h"
 #include "host/support/error.h"
 #include "host/support/escape.h"
 #include "host/support/fd.h"
 #include "host/support/fork.h"
-#include "host/support/settings.h"
 #include "platform/trcd.h"
 
 namespace keyview::host {

@@ -1,0 +1,57 @@
+// How names become path elements and fields become stored values, and back. Each check is made in
+// one direction only: reading a stored value encodes it again and compares.
+#ifndef KEYVIEW_ADMIN_DOCUMENT_ENCODING_H
+#define KEYVIEW_ADMIN_DOCUMENT_ENCODING_H
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "admin/document/fields.h"
+
+namespace keyview::admin {
+
+// What is wrong with a field. item is the index within a list, or -1.
+struct fault {
+    std::string reason;
+    int item = -1;
+};
+
+bool valid_utf8(std::string_view text);
+
+// What keeps a text from being a registered name, if anything does. limit counts the zero byte.
+std::optional<fault> check_name(std::string_view name, bool dotted, size_t limit);
+
+// What keeps readers from composing the paths of a record at path, if anything does.
+std::optional<fault> check_path(const record_table &table, std::string_view path);
+
+// The path of a key below another one.
+std::string path_below(const std::string &path, std::string_view element);
+
+// The path element of a name: ASCII letters in lower case, and "*" for "." if names may be dotted.
+std::string element_of(std::string_view name, bool dotted);
+
+// The stored form of a name, its zero byte included.
+std::string own_value(std::string_view name);
+
+// The stored form of a field's value, whose strings may be any bytes; a fault, and *stored as it
+// was, if there is none.
+std::optional<fault> encode_value(const field_row &row, const nlohmann::json &value,
+                                  std::string *stored);
+
+// The field's value for a stored one; a fault if encode_value would never give these bytes.
+std::optional<fault> decode_value(const field_row &row, std::string_view stored,
+                                  nlohmann::json *value);
+
+// What keeps the readers of a field from reading a stored value as it was meant, if anything does:
+// less than a document asks for.
+std::optional<fault> check_stored(const field_row &row, std::string_view stored);
+
+// The name in a stored own value of the key of this element.
+std::optional<fault> decode_own_value(const record_table &table, std::string_view element,
+                                      std::string_view stored, std::string *name);
+
+}  // namespace keyview::admin
+
+#endif

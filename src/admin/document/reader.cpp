@@ -1,0 +1,200 @@
+// Walks a document along the table of its fields and collects changes, lock names and problems.
+#include "admin/document/reader.h"
+
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "admin/document/byte_strings.h"
+#include "admin/document/encoding.h"
+#include "admin/document/fields.h"
+#include "admin/document/json_text.h"
+
+namespace keyview::admin {
+
+using nlohmann::json;
+using pointer = json::json_pointer;
+
+namespace {
+
+class document_walk {
+  public:
+    document_walk(document_plan *plan, problem_list *problems) : plan_(plan), problems_(problems) {}
+
+    void read(const json &document) {
+        if (!read_head(document)) return;
+        for (const auto &[field, value] : document.items()) {
+            if (field != "format" && field != "version" && !is_list(SECTIONS, field)) {
+                unknown(pointer() / field);
+            }
+        }
+        for (const list_row &section : SECTIONS)
+            read_list(section, document, "", pointer());
+        resolve_instances();
+    }
+
+  private:
+    void refuse(const pointer &place, std::string reason) {
+        problems_->add(place.to_string(), std::move(reason));
+    }
+    void unknown(const pointer &place) { refuse(place, "is no field of a document here"); }
+
+    void put(std::string path, std::string value) {
+        plan_->changes.push_back({host::change::kind::put, std::move(path), std::move(value)});
+    }
+
+    // Another format or version would only give follow-up problems.
+    bool read_head(const json &document) {
+        if (!document.is_object()) {
+            refuse(pointer(), "must be an object");
+            return false;
+        }
+        auto format = document.find("format");
+        if (format == document.end() || *format != FORMAT) {
+            refuse(pointer() / "format", std::string("must be \"") + FORMAT + "\"");
+            return false;
+        }
+        auto version = document.find("version");
+        if (version == document.end() || *version != VERSION || !version->is_number_integer()) {
+            refuse(pointer() / "version", "must be " + std::to_string(VERSION));
+            return false;
+        }
+        return true;
+    }
+
+    static bool is_list(const rows<list_row> &lists, const std::string &field) {
+        return std::any_of(lists.begin(), lists.end(),
+                           [&](const list_row &row) { return row.field == field; });
+    }
+
+    static bool is_field(const record_table &table, const std::string &field) {
+        return field == "name" || (table.scoped && field == "scope") ||
+               is_list(table.lists, field) ||
+               std::any_of(table.fields.begin(), table.fields.end(), [&](const field_row &row) {
+                   return row.field == field || is_byte_field(row, field);
+               });
+    }
+
+    // parent is the path of the record that holds the list, empty at the top.
+    void read_list(const list_row &row, const json &holder, const std::string &parent,
+                   const pointer &holder_place) {
+        auto list = holder.find(row.field);
+        if (list == holder.end()) return;
+        pointer place = holder_place / row.field;
+        if (!list->is_array()) return refuse(place, "must be an array");
+        std::string path = path_below(parent, row.key);
+        put(path, "");
+        for (size_t n = 0; n < list->size(); ++n)
+            read_record(row, (*list)[n], path, place / n);
+    }
+
+    void read_record(const list_row &list, const json &record, const std::string &parent,
+                     const pointer &place) {
+        const record_table &table = *list.record;
+        if (!record.is_object()) return refuse(place, "must be an object");
+        for (const auto &[field, value] : record.items()) {
+            if (!is_field(table, field)) unknown(place / field);
+        }
+        std::string path = parent;
+        if (table.scoped && !append_name(table, record, "scope", place, &path)) return;
+        if (!append_name(table, record, "name", place, &path)) return;
+        std::optional<fault> wrong = check_path(table, path);
+        if (wrong) return refuse(place / "name", wrong->reason);
+        if (!claim(list, path, place)) return;
+        if (place.parent_pointer().parent_pointer().empty()) start_section_record(table, path);
+        write_record(list, record, path, place);
+    }
+
+    // A database, a storage manager entry or a node: only these have a lock of their own.
+    void start_section_record(const record_table &table, const std::string &path) {
+        section_record_ = path;
+        plan_->locks.insert((table.scoped ? "LKRT.STG." : "LKRT.") + path);
+    }
+
+    bool append_name(const record_table &table, const json &record, const char *field,
+                     const pointer &record_place, std::string *path) {
+        pointer place = record_place / field;
+        auto name = record.find(field);
+        if (name == record.end()) return refuse(place, "is missing"), false;
+        if (!name->is_string()) return refuse(place, "must be a string"), false;
+        const auto &text = name->get_ref<const std::string &>();
+        std::optional<fault> wrong = check_name(text, table.dotted_name, table.name_limit);
+        if (wrong) return refuse(place, wrong->reason), false;
+        *path = path_below(*path, element_of(text, table.dotted_name));
+        return true;
+    }
+
+    // Each key belongs to one record of the document.
+    bool claim(const list_row &list, const std::string &path, const pointer &place) {
+        auto [first, fresh] = first_places_.emplace(path, place.to_string());
+        if (fresh) return true;
+        std::string twice = "stands for the same key as " + first->second;
+        if (list.type != nullptr) twice += ": an instance is preferred or available, and once";
+        refuse(place / "name", twice);
+        return false;
+    }
+
+    void write_record(const list_row &list, const json &record, const std::string &path,
+                      const pointer &place) {
+        const record_table &table = *list.record;
+        const auto &name = record.at("name").get_ref<const std::string &>();
+        std::string name_place = (place / "name").to_string();
+        put(path, own_value(name));
+        if (table.dotted_name) plan_->services.push_back({name_place, path, name});
+        if (list.type != nullptr) {
+            put(path_below(path, TYPE_KEY), own_value(list.type));
+            std::string instance = section_record_ + ".INSTANCE." + element_of(name, false);
+            plan_->instances.push_back({name_place, instance, name});
+        }
+        for (const field_row &row : table.fields)
+            read_field(row, record, path, place);
+        for (const list_row &row : table.lists)
+            read_list(row, record, path, place);
+    }
+
+    void read_field(const field_row &row, const json &record, const std::string &path,
+                    const pointer &record_place) {
+        std::string name = row.field;
+        std::string stored;
+        std::optional<fault> wrong;
+        if (has_byte_field(row, record)) {
+            json value;
+            name = byte_field(row);
+            wrong = take_strings(row, record, &value);
+            if (!wrong) wrong = encode_value(row, value, &stored);
+        } else if (record.contains(row.field)) {
+            wrong = encode_value(row, record.at(row.field), &stored);
+        } else {
+            return;
+        }
+        if (!wrong) return put(path_below(path, row.key), std::move(stored));
+        pointer place = record_place / name;
+        if (wrong->item >= 0) place /= static_cast<size_t>(wrong->item);
+        refuse(place, wrong->reason);
+    }
+
+    // What the document itself holds need not be asked of the registry.
+    void resolve_instances() {
+        std::vector<question> &open = plan_->instances;
+        open.erase(std::remove_if(
+                       open.begin(), open.end(),
+                       [&](const question &asked) { return first_places_.count(asked.path) > 0; }),
+                   open.end());
+    }
+
+    document_plan *plan_;
+    problem_list *problems_;
+    std::string section_record_;
+    std::map<std::string, std::string> first_places_;  // of each record, by its path
+};
+
+}  // namespace
+
+document_plan read_document(std::string_view text, problem_list *problems) {
+    document_plan plan;
+    json document = parse_json(text, problems);
+    if (problems->empty()) document_walk(&plan, problems).read(document);
+    return plan;
+}
+
+}  // namespace keyview::admin

@@ -1,0 +1,34 @@
+// From a cluster document to what must happen in the registry. Reads no registry.
+#ifndef KEYVIEW_ADMIN_DOCUMENT_READER_H
+#define KEYVIEW_ADMIN_DOCUMENT_READER_H
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "admin/problems.h"
+#include "host/registry/store.h"
+
+namespace keyview::admin {
+
+// Something that only the registry can tell: a path, and the place in the document that asks.
+struct question {
+    std::string place;
+    std::string path;
+    std::string name;  // as the document spells it
+};
+
+struct document_plan {
+    std::vector<host::change> changes;  // parents before their children
+    std::set<std::string> locks;
+    std::vector<question> instances;  // named by a service only: the key must exist
+    std::vector<question> services;   // the key may hold another service's name
+};
+
+// What a document asks for; of no use if there are problems.
+document_plan read_document(std::string_view text, problem_list *problems);
+
+}  // namespace keyview::admin
+
+#endif

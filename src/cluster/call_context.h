@@ -1,0 +1,24 @@
+// What every call to a member carries: when it must be answered, and the token of the login.
+#ifndef KEYVIEW_CLUSTER_CALL_CONTEXT_H
+#define KEYVIEW_CLUSTER_CALL_CONTEXT_H
+
+#include <grpcpp/client_context.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include "cluster/connection.h"
+
+namespace keyview::host {
+
+inline void prepare(grpc::ClientContext *context, steady::time_point end,
+                    const std::string &token) {
+    context->set_deadline(std::chrono::system_clock::now() +
+                          std::max(end - steady::now(), steady::duration::zero()));
+    if (!token.empty()) context->AddMetadata("token", token);
+}
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,108 @@
+// Carries changes out in memory, over what was read.
+#include "cluster/change_plan.h"
+
+#include <algorithm>
+
+#include "host/registry/path.h"
+
+namespace keyview::host {
+
+change_plan::change_plan(etcd_store *keys, const std::vector<change> &changes)
+    : keys_(keys), state_(keys->cluster()->keys(), "", reach::key_alone) {
+    keys_->read(&state_, 0);
+    std::set<std::string> single;
+    for (const change &one : changes) {
+        if (one.what == change::kind::remove) {
+            read_below(one.path);
+        } else {
+            for (std::string_view path = one.path; !path.empty(); path = parent_path(path))
+                single.emplace(path);
+        }
+    }
+    read_keys(single);
+    for (const change &one : changes) {
+        if (one.what == change::kind::remove) {
+            remove(one.path);
+        } else {
+            put(one);
+        }
+    }
+}
+
+void change_plan::read_keys(const std::set<std::string> &paths) {
+    static constexpr int AT_ONCE = 100;
+    for (auto next = paths.begin(); next != paths.end();) {
+        wire::TxnRequest request;
+        auto first = next;
+        for (; next != paths.end() && request.success_size() < AT_ONCE; ++next)
+            add_range(request.mutable_success(), {keys_->cluster()->keys().key(*next), ""},
+                      state_.revision());
+        wire::TxnResponse response =
+            keys_->cluster()->txn(request, keys_->cluster()->calls().answer_end());
+        for (int n = 0; first != next; ++first, ++n) {
+            const wire::RangeResponse &found = response.responses(n).response_range();
+            if (found.kvs_size() == 0) continue;
+            tree_[*first] = {found.kvs(0).value(), found.kvs(0).value()};
+        }
+    }
+}
+
+void change_plan::read_below(const std::string &path) {
+    if (path_fault(path.c_str()) != nullptr || elements_of(path) > MOST_ELEMENTS) return;
+    tree_part below(keys_->cluster()->keys(), path, reach::all_below);
+    keys_->read(&below, state_.revision());
+    for (const wire_rows &rows : below.rows()) {
+        for (const wire::KeyValue &row : rows) {
+            auto elements = keys_->cluster()->keys().elements(row.key());
+            if (elements) tree_[path_of_elements(*elements)] = {row.value(), row.value()};
+        }
+    }
+}
+
+void change_plan::make(const std::string &path) {
+    key_state &parent = tree_[path];
+    if (parent.after) return;
+    parent.after = "";
+    ++counts_.created;
+}
+
+void change_plan::put(const change &one) {
+    for (size_t end = one.path.find('.'); end != one.path.npos; end = one.path.find('.', end + 1))
+        make(one.path.substr(0, end));
+    key_state &key = tree_[one.path];
+    if (!key.after) ++counts_.created;
+    if (key.after && *key.after != one.value) ++counts_.replaced;
+    key.after = one.value;
+}
+
+void change_plan::remove(const std::string &path) {
+    auto drop = [&](key_state *key) {
+        if (key->after) ++counts_.removed;
+        key->after.reset();
+    };
+    auto top = tree_.find(path);
+    if (top != tree_.end()) drop(&top->second);
+    std::string head = path + ".";
+    for (auto at = tree_.lower_bound(head); at != tree_.end() && path_within(at->first, path); ++at)
+        drop(&at->second);
+}
+
+std::vector<change_plan::key_change> change_plan::key_changes() const {
+    std::vector<key_change> changes;
+    for (const auto &[path, key] : tree_) {
+        if (key.before == key.after) continue;
+        changes.push_back({keys_->cluster()->keys().key(path), key.before, key.after});
+    }
+    return changes;
+}
+
+std::string change_plan::tree_after(const std::string &writer) const {
+    tree_facts facts = tree_facts::parse(state_.tree_value());
+    for (const auto &[path, key] : tree_) {
+        if (key.after) facts.deepest = std::max(facts.deepest, elements_of(path));
+    }
+    facts.writer = writer;
+    return facts.text();
+}
+
+}  // namespace keyview::host

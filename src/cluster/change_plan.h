@@ -1,0 +1,55 @@
+// What a change set comes to for the tree as it is at one revision.
+#ifndef KEYVIEW_CLUSTER_CHANGE_PLAN_H
+#define KEYVIEW_CLUSTER_CHANGE_PLAN_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cluster/etcd_store.h"
+
+namespace keyview::host {
+
+class change_plan {
+  public:
+    // Reads what the changes are about.
+    change_plan(etcd_store *keys, const std::vector<change> &changes);
+
+    struct key_change {
+        std::string key;  // of the cluster
+        std::optional<std::string> before;
+        std::optional<std::string> after;
+    };
+
+    const change_counts &counts() const { return counts_; }
+    std::vector<key_change> key_changes() const;
+
+    int64_t tree_revision() const { return state_.tree_revision(); }
+    const std::string &tree_before() const { return state_.tree_value(); }
+    std::string tree_after(const std::string &writer) const;
+
+  private:
+    struct key_state {
+        std::optional<std::string> before;
+        std::optional<std::string> after;
+    };
+
+    void read_keys(const std::set<std::string> &paths);
+    void read_below(const std::string &path);
+    void make(const std::string &path);
+    void put(const change &one);
+    void remove(const std::string &path);
+
+    etcd_store *keys_;
+    tree_part state_;
+    std::map<std::string, key_state> tree_;  // as far as it matters, by path
+    change_counts counts_;
+};
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,334 @@
+// Transactions of a change set.
+#include "cluster/change_set.h"
+
+#include <algorithm>
+#include <new>
+
+#include "cluster/change_plan.h"
+#include "cluster/etcd_locks.h"
+#include "cluster/faults.h"
+#include "cluster/half_applied.h"
+#include "cluster/journal.pb.h"
+
+namespace keyview::host {
+
+using journal::Marker;
+using journal::Piece;
+using key_change = change_plan::key_change;
+
+// etcd takes 128 operations and 1.5 MiB in one request.
+static constexpr size_t MOST_KEYS = 100;
+static constexpr size_t MOST_BYTES = 1000000;
+static constexpr size_t MOST_FENCES = 100;
+
+// Other writers of the tree may be faster again and again.
+static constexpr std::chrono::seconds PATIENCE{60};
+
+// ---- Parts of transactions ----------------------------------------------------------------------
+
+static void add_keys(wire::TxnRequest *request, const Piece &piece) {
+    for (const Piece::Key &one : piece.keys()) {
+        if (one.there()) {
+            add_put(request->mutable_success(), one.key(), one.value());
+        } else {
+            add_delete(request->mutable_success(), {one.key(), ""});
+        }
+    }
+}
+
+static wire::TxnResponse send(session *cluster, const wire::TxnRequest &request) {
+    return cluster->txn(request, cluster->calls().answer_end());
+}
+
+// "" for a key that is not there.
+static std::string value_in(const wire::TxnResponse &response, int op) {
+    const wire::RangeResponse &found = response.responses(op).response_range();
+    return found.kvs_size() == 0 ? "" : found.kvs(0).value();
+}
+
+// ---- The locks that must be held ----------------------------------------------------------------
+
+static std::vector<const queue_place *> places_of(const apply_terms &terms) {
+    std::vector<const queue_place *> places;
+    for (const held_lock *fence : terms.fences) {
+        if (!fence->still_held()) throw lock_lost({});
+        const auto *lock = dynamic_cast<const etcd_lock *>(fence);
+        if (lock != nullptr) places.push_back(lock->place());
+    }
+    return places;
+}
+
+static void add_fences(wire::TxnRequest *request, const std::vector<const queue_place *> &places,
+                       size_t first) {
+    for (size_t n = first; n < std::min(places.size(), first + MOST_FENCES); ++n) {
+        require_created(request, {places[n]->key(), ""}, places[n]->created());
+        add_range(request->mutable_failure(), {places[n]->key(), ""});
+    }
+}
+
+// ---- Pieces -------------------------------------------------------------------------------------
+
+// How the keys of a piece are left, to do the change or to undo it.
+struct two_ways {
+    Piece to_do;
+    Piece to_undo;
+};
+
+static void add_key(Piece *piece, const std::string &key, const std::optional<std::string> &value) {
+    Piece::Key *one = piece->add_keys();
+    one->set_key(key);
+    one->set_there(value.has_value());
+    if (value) one->set_value(*value);
+}
+
+static size_t size_of(const std::string &key, const std::optional<std::string> &value) {
+    return key.size() + (value ? value->size() : 0);
+}
+
+static std::vector<two_ways> pieces_of(const std::vector<key_change> &changes) {
+    std::vector<two_ways> pieces;
+    size_t to_do = 0;
+    size_t to_undo = 0;
+    for (const key_change &one : changes) {
+        to_do += size_of(one.key, one.after);
+        to_undo += size_of(one.key, one.before);
+        bool full = pieces.empty() || pieces.back().to_do.keys_size() == MOST_KEYS ||
+                    std::max(to_do, to_undo) > MOST_BYTES;
+        if (full) {
+            pieces.emplace_back();
+            to_do = size_of(one.key, one.after);
+            to_undo = size_of(one.key, one.before);
+        }
+        add_key(&pieces.back().to_do, one.key, one.after);
+        add_key(&pieces.back().to_undo, one.key, one.before);
+    }
+    return pieces;
+}
+
+// ---- A change set under its marker --------------------------------------------------------------
+
+namespace {
+
+class marked_run {
+  public:
+    marked_run(session *cluster, Marker marker) : cluster_(cluster), marker_(std::move(marker)) {}
+
+    // Moves the marker to next and leaves the keys of a piece so.
+    void step(uint32_t next, const Piece &piece) {
+        Marker moved = marker_;
+        moved.set_next(next);
+        wire::TxnRequest request = of_marker();
+        add_keys(&request, piece);
+        add_put(request.mutable_success(), cluster_->keys().marker(), moved.SerializeAsString());
+        wire::TxnResponse response = send(cluster_, request);
+        bool moved_before =
+            !response.succeeded() && value_in(response, 0) == moved.SerializeAsString();
+        if (!response.succeeded() && !moved_before) throw taken_over();
+        marker_ = std::move(moved);
+    }
+
+    void end(const std::string &tree) {
+        wire::TxnRequest request = of_marker();
+        add_delete(request.mutable_success(), {cluster_->keys().marker(), ""});
+        add_delete(request.mutable_success(), cluster_->keys().journals());
+        add_put(request.mutable_success(), cluster_->keys().tree(), tree);
+        add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
+        wire::TxnResponse response = send(cluster_, request);
+        if (!response.succeeded() && value_in(response, 1) != tree) throw taken_over();
+    }
+
+  private:
+    wire::TxnRequest of_marker() const {
+        wire::TxnRequest request;
+        require_value(&request, cluster_->keys().marker(), marker_.SerializeAsString());
+        add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
+        return request;
+    }
+
+    static host_error taken_over() {
+        return {failure::changed, "somebody else finished the change set, or took it back"};
+    }
+
+    session *cluster_;
+    Marker marker_;
+};
+
+enum class outcome { done, tree_moved };
+
+class change_set {
+  public:
+    change_set(etcd_store *keys, const change_plan &plan, const apply_terms &terms)
+        : cluster_(keys->cluster().get()),
+          plan_(plan),
+          places_(places_of(terms)),
+          id_(cluster_->unique_name()),
+          pieces_(pieces_of(plan.key_changes())) {}
+
+    outcome run() {
+        bool at_once = pieces_.size() <= 1 && places_.size() <= MOST_FENCES;
+        return at_once ? run_at_once() : run_in_pieces();
+    }
+
+  private:
+    // What must be so for the change set to begin, and what tells afterwards why it did not.
+    wire::TxnRequest of_plan() const {
+        wire::TxnRequest request;
+        require_changed(&request, cluster_->keys().tree(), plan_.tree_revision());
+        add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
+        add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
+        add_fences(&request, places_, 0);
+        return request;
+    }
+
+    // For an answer to what of_plan asked.
+    void require_fences(const wire::TxnResponse &response) const {
+        for (int op = 2; op < response.responses_size(); ++op) {
+            auto n = static_cast<size_t>(op - 2);
+            const wire::RangeResponse &place = response.responses(op).response_range();
+            bool held =
+                place.kvs_size() == 1 && place.kvs(0).create_revision() == places_[n]->created();
+            if (!held) throw lock_lost({});
+        }
+    }
+
+    outcome run_at_once() {
+        std::string tree = plan_.tree_after(id_);
+        wire::TxnRequest request = of_plan();
+        if (!pieces_.empty()) {
+            add_keys(&request, pieces_.front().to_do);
+            add_put(request.mutable_success(), cluster_->keys().tree(), tree);
+        }
+        wire::TxnResponse response = send(cluster_, request);
+        if (response.succeeded()) return outcome::done;
+        if (tree_facts::parse(value_in(response, 0)).writer == id_) return outcome::done;
+        require_fences(response);
+        return outcome::tree_moved;
+    }
+
+    outcome run_in_pieces() {
+        for (uint32_t n = 0; n < pieces_.size(); ++n)
+            write_journal(n);
+        Marker marker = first_marker();
+        if (!begin(marker)) return outcome::tree_moved;
+        marked_run run(cluster_, marker);
+        if (!all_fences_hold()) {
+            run.end(plan_.tree_before());
+            throw lock_lost({});
+        }
+        for (uint32_t n = 0; n < pieces_.size(); ++n) {
+            if (static_cast<int>(n) == faults.most_pieces) throw std::bad_alloc();
+            run.step(n + 1, pieces_[n].to_do);
+        }
+        run.end(marker.tree());
+        return outcome::done;
+    }
+
+    void write_journal(uint32_t n) {
+        for (bool undo : {false, true}) {
+            wire::TxnRequest request;
+            const Piece &piece = undo ? pieces_[n].to_undo : pieces_[n].to_do;
+            add_put(request.mutable_success(), cluster_->keys().journal(id_, n, undo),
+                    piece.SerializeAsString());
+            (void)send(cluster_, request);  // without a condition
+        }
+    }
+
+    Marker first_marker() const {
+        Marker marker;
+        marker.set_id(id_);
+        marker.set_pieces(static_cast<uint32_t>(pieces_.size()));
+        marker.set_by(this_process());
+        marker.set_tree(plan_.tree_after(id_));
+        marker.set_tree_before(plan_.tree_before());
+        return marker;
+    }
+
+    // The marker appears; journals that others left without one go.
+    bool begin(const Marker &marker) {
+        wire::TxnRequest request = of_plan();
+        add_put(request.mutable_success(), cluster_->keys().marker(), marker.SerializeAsString());
+        add_touch(request.mutable_success(), cluster_->keys().tree());
+        key_range all = cluster_->keys().journals();
+        key_range mine = beginning_with(all.begin + id_ + "/");
+        add_delete(request.mutable_success(), {all.begin, mine.begin});
+        add_delete(request.mutable_success(), {mine.end, all.end});
+        wire::TxnResponse response = send(cluster_, request);
+        if (response.succeeded() || value_in(response, 1) == marker.SerializeAsString())
+            return true;
+        require_fences(response);
+        return false;
+    }
+
+    // Those that did not fit into the transaction that began it.
+    bool all_fences_hold() {
+        for (size_t first = MOST_FENCES; first < places_.size(); first += MOST_FENCES) {
+            wire::TxnRequest request;
+            add_fences(&request, places_, first);
+            if (!send(cluster_, request).succeeded()) return false;
+        }
+        return true;
+    }
+
+    session *cluster_;
+    const change_plan &plan_;
+    std::vector<const queue_place *> places_;
+    std::string id_;
+    std::vector<two_ways> pieces_;
+};
+
+}  // namespace
+
+change_counts carry_out(etcd_store *keys, const std::vector<change> &changes,
+                        const apply_terms &terms) {
+    steady::time_point end = steady::now() + PATIENCE;
+    do {
+        change_plan plan(keys, changes);
+        auto revision = static_cast<uint64_t>(plan.tree_revision());
+        if (terms.revision != 0 && terms.revision != revision) {
+            throw tree_changed(revision, terms.revision);
+        }
+        if (change_set(keys, plan, terms).run() == outcome::done) return plan.counts();
+    } while (steady::now() < end);
+    throw host_error(failure::changed, "others change the tree too often; nothing was written");
+}
+
+// ---- What stopped half-way ----------------------------------------------------------------------
+
+static Piece piece_of(session *cluster, const Marker &marker, uint32_t n, bool undo) {
+    wire::TxnRequest request;
+    add_range(request.mutable_success(), {cluster->keys().journal(marker.id(), n, undo), ""});
+    wire::TxnResponse response = send(cluster, request);
+    Piece piece;
+    if (response.responses(0).response_range().kvs_size() == 0 ||
+        !piece.ParseFromString(value_in(response, 0))) {
+        throw host_error(
+            failure::content,
+            "the journal of the change set is damaged: apply the whole document anew, or "
+            "restore a backup");
+    }
+    return piece;
+}
+
+bool finish_half_applied(session *cluster, finish how) {
+    wire::TxnRequest request;
+    add_range(request.mutable_success(), {cluster->keys().marker(), ""});
+    wire::TxnResponse response = send(cluster, request);
+    if (response.responses(0).response_range().kvs_size() == 0) return false;
+    Marker marker;
+    if (!marker.ParseFromString(value_in(response, 0)) || marker.next() > marker.pieces()) {
+        throw host_error(failure::content, "the marker of a change set is damaged");
+    }
+    marked_run run(cluster, marker);
+    if (how == finish::resume) {
+        for (uint32_t n = marker.next(); n < marker.pieces(); ++n)
+            run.step(n + 1, piece_of(cluster, marker, n, false));
+        run.end(marker.tree());
+    } else {
+        for (uint32_t n = marker.next(); n-- > 0;)
+            run.step(n, piece_of(cluster, marker, n, true));
+        run.end(marker.tree_before());
+    }
+    return true;
+}
+
+}  // namespace keyview::host

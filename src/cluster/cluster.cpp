@@ -1,0 +1,54 @@
+// Sessions by URL, and the door of the module.
+#include "cluster/cluster.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "cluster/cluster_settings.h"
+#include "cluster/etcd_locks.h"
+#include "cluster/etcd_store.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+// What the sessions of two contexts must have in common to be one.
+static std::string identity_of(const cluster_settings &settings) {
+    std::string all = settings.url;
+    for (const std::string *file :
+         {&settings.ca_file, &settings.cert_file, &settings.key_file, &settings.login_file}) {
+        all += '\n' + *file;
+    }
+    all += '\n' + std::to_string(settings.answer_wait.count());
+    return all + '\n' + std::to_string(settings.lease_ttl.count());
+}
+
+static std::shared_ptr<etcd_store> store_of(const cluster_settings &settings) {
+    static auto &known = *new std::map<std::string, std::weak_ptr<etcd_store>>;
+    std::lock_guard guard(fork_mutex());
+    for (auto at = known.begin(); at != known.end();)
+        at = at->second.expired() ? known.erase(at) : std::next(at);
+    std::weak_ptr<etcd_store> &place = known[identity_of(settings)];
+    std::shared_ptr<etcd_store> found = place.lock();
+    if (found == nullptr) {
+        found = std::make_shared<etcd_store>(std::make_shared<session>(settings));
+        place = found;
+    }
+    return found;
+}
+
+static void check_url(const std::string &url) {
+    (void)settings_of(url);
+}
+
+// Backends of one URL share one session in this process.
+static backend open(const std::string &url, open_mode mode) {
+    std::shared_ptr<etcd_store> keys = store_of(settings_of(url));
+    keys->open(mode == open_mode::create);
+    return {keys, std::make_shared<etcd_locks>(keys)};
+}
+
+const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster, diagnose_cluster};
+
+}  // namespace keyview::host

@@ -1,0 +1,22 @@
+// A cluster as a kind of registry.
+#ifndef KEYVIEW_CLUSTER_CLUSTER_H
+#define KEYVIEW_CLUSTER_CLUSTER_H
+
+#include <string>
+
+#include "host/registry/backend_kind.h"
+
+namespace keyview::host {
+
+// What the module of clusters exports.
+extern "C" __attribute__((visibility("default"))) const backend_kind KEYVIEW_BACKEND_KIND;
+
+// See check_backend; nobody waits meanwhile.
+check_counts check_cluster(const std::string &url, const damage_sink &damage, const row_sink &sink);
+
+// See diagnose_backend.
+void diagnose_cluster(const std::string &url, const diagnosis_sink &sink);
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,399 @@
+// Calls over gRPC, their tries and their failures.
+#include "cluster/connection.h"
+
+#include <grpcpp/grpcpp.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "cluster/call_context.h"
+#include "cluster/call_failure.h"
+#include "cluster/etcd.grpc.pb.h"
+#include "cluster/keepalives.h"
+#include "cluster/tls_look.h"
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+using std::chrono::milliseconds;
+
+// A try begins short, so that a dead member costs little, and grows with the time that is spent, so
+// that a slow cluster can answer at all.
+static constexpr milliseconds SHORTEST_TRY{300};
+static constexpr milliseconds LONGEST_TRY{5000};
+static constexpr int TRY_PART = 5;  // of the time spent
+
+static constexpr milliseconds PAUSE{50};       // when all members failed once
+static constexpr milliseconds LAST_LOOK{200};  // at the members, when the time is over
+
+static constexpr int RECONNECT_MS = 100;
+static constexpr int LONGEST_RECONNECT_MS = 1000;
+
+// ---- Forks --------------------------------------------------------------------------------------
+
+namespace {
+
+// gRPC has threads, which a forked child does not inherit.
+std::atomic<uint64_t> used_by_generation{0};
+
+host_error inherited() {
+    return {failure::registry,
+            "this process was forked from one that uses the cluster and cannot go on with its "
+            "connections: let it exec, or open the cluster in the child alone"};
+}
+
+uint64_t begin_use() {
+    uint64_t mine = fork_generation();
+    uint64_t before = 0;
+    if (!used_by_generation.compare_exchange_strong(before, mine) && before != mine) {
+        throw inherited();
+    }
+    return mine;
+}
+
+std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings &settings) {
+    if (!settings.tls) return grpc::InsecureChannelCredentials();
+    grpc::SslCredentialsOptions options;
+    options.pem_root_certs = file_text(settings.ca_file, CA_VARIABLE, false);
+    if (!settings.cert_file.empty()) {
+        options.pem_cert_chain = file_text(settings.cert_file, CERT_VARIABLE, false);
+        options.pem_private_key = file_text(settings.key_file, KEY_VARIABLE, true);
+    }
+    return grpc::SslCredentials(options);
+}
+
+}  // namespace
+
+// ---- Members ------------------------------------------------------------------------------------
+
+struct connection::member {
+    member(std::string its_name, const std::shared_ptr<grpc::ChannelCredentials> &credentials)
+        : name(std::move(its_name)), channel(channel_to(name, credentials)) {}
+
+    static std::shared_ptr<grpc::Channel> channel_to(
+        const std::string &name, const std::shared_ptr<grpc::ChannelCredentials> &credentials) {
+        grpc::ChannelArguments options;
+        options.SetMaxReceiveMessageSize(-1);  // the list of all databases may be large
+        options.SetMaxSendMessageSize(-1);
+        options.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        options.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+        options.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, RECONNECT_MS);
+        options.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+        options.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+        return grpc::CreateCustomChannel("dns:///" + name, credentials, options);
+    }
+
+    std::string name;
+    std::shared_ptr<grpc::Channel> channel;
+    wire::KV::Stub keys{channel};
+    wire::Lease::Stub leases{channel};
+    wire::Watch::Stub watches{channel};
+    wire::Auth::Stub users{channel};
+    wire::Maintenance::Stub operation{channel};
+};
+
+// ---- Connections --------------------------------------------------------------------------------
+
+connection::connection(const cluster_settings &settings)
+    : settings_(settings), generation_(begin_use()), keepalives_(std::make_unique<keepalives>()) {
+    std::shared_ptr<grpc::ChannelCredentials> credentials = credentials_of(settings_);
+    for (const std::string &name : settings_.members)
+        members_.push_back(std::make_unique<member>(name, credentials));
+}
+
+// What a child inherits is its parent's, and never touched.
+connection::~connection() {
+    if (generation_ == fork_generation()) return;
+    (void)keepalives_.release();
+    for (std::unique_ptr<member> &one : members_)
+        (void)one.release();
+}
+
+void connection::require_own_process() const {
+    if (generation_ != fork_generation()) throw inherited();
+}
+
+void connection::next_member(size_t after) {
+    current_.compare_exchange_strong(after, (after + 1) % members_.size());
+}
+
+// ---- Tries --------------------------------------------------------------------------------------
+
+std::string connection::token() {
+    std::lock_guard guard(token_mutex_);
+    return token_;
+}
+
+// With the file as it is now: a password may have been changed.
+void connection::log_in(size_t at, steady::time_point end) {
+    if (settings_.login_file.empty()) return;
+    std::string text = file_text(settings_.login_file, LOGIN_VARIABLE, true);
+    text.resize(std::min(text.find_first_of("\r\n"), text.size()));
+    size_t colon = text.find(':');
+    if (colon == text.npos) {
+        throw host_error(failure::usage, "the file " + settings_.login_file + " that " +
+                                             LOGIN_VARIABLE + " names does not hold user:password");
+    }
+    wire::AuthenticateRequest request;
+    request.set_name(text.substr(0, colon));
+    request.set_password(text.substr(colon + 1));
+    wire::AuthenticateResponse response;
+    grpc::ClientContext context;
+    prepare(&context, end, "");
+    ++round_trips_;
+    grpc::Status status = members_[at]->users.Authenticate(&context, request, &response);
+    judgement row = judge(status);
+    if (!status.ok() && row.act == verdict::next_member) return next_member(at);
+    if (!status.ok()) {
+        throw etcd_error(row.kind, row.reason,
+                         members_[at]->name + " refuses the login: " + status.error_message() +
+                             ": " + row.what_to_do);
+    }
+    std::lock_guard guard(token_mutex_);
+    token_ = response.token();
+}
+
+// What a member answers that is no failure of its own.
+static etcd_error refusal(const std::string &member, const grpc::Status &status) {
+    judgement row = judge(status);
+    std::string todo = row.what_to_do[0] == '\0' ? "" : std::string(": ") + row.what_to_do;
+    return {row.kind, row.reason, member + " refuses: " + status.error_message() + todo};
+}
+
+// Waits while a connection is being made, which goes on only while somebody waits for it. One that
+// failed is tried again after a while; only the patient wait for that.
+enum class after_failure { give_up, wait };
+
+static void connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
+    auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady::now());
+    auto until = std::chrono::system_clock::now() + left;
+    for (bool waits = true; waits;) {
+        grpc_connectivity_state state = channel->GetState(true);
+        if (state == GRPC_CHANNEL_READY) return;
+        if (state == GRPC_CHANNEL_TRANSIENT_FAILURE && then == after_failure::give_up) return;
+        waits = channel->WaitForStateChange(state, until);
+    }
+}
+
+// run makes one call: (member, context) -> status.
+template <typename one_try>
+void connection::try_members(steady::time_point end, const one_try &run, bool *repeated) {
+    require_own_process();
+    const steady::time_point start = steady::now();
+    std::vector<std::string> failures(members_.size());
+    bool logged_in = false;
+    for (size_t tries = 1;; ++tries) {
+        size_t at = current_.load();
+        auto longest = std::clamp<steady::duration>((steady::now() - start) / TRY_PART,
+                                                    SHORTEST_TRY, LONGEST_TRY);
+        steady::time_point try_end = std::min(end, steady::now() + longest);
+        connect(members_[at]->channel.get(), try_end, after_failure::give_up);
+        if (token().empty()) log_in(at, try_end);
+        grpc::ClientContext context;
+        prepare(&context, try_end, token());
+        ++round_trips_;
+        grpc::Status status = run(members_[at].get(), &context);
+        if (status.ok()) return;
+        judgement row = judge(status);
+        if (row.act == verdict::log_in && !logged_in) {
+            log_in(at, try_end);
+            logged_in = true;
+            continue;
+        }
+        if (row.act != verdict::next_member) throw refusal(members_[at]->name, status);
+        failures[at] = cause_of(status);
+        if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
+        next_member(at);
+        bool all_failed = tries % members_.size() == 0;
+        if (steady::now() + PAUSE >= end || (all_failed && tls_is_wrong(&failures))) {
+            throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures));
+        }
+        if (all_failed) {
+            connect(members_[current_.load()]->channel.get(), steady::now() + PAUSE,
+                    after_failure::wait);
+        }
+    }
+}
+
+// Whether no member can prove who it is, which no further try changes; then failures tell why.
+bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
+    if (!settings_.tls) return false;
+    for (const std::string &text : *failures) {
+        if (text.find("andshake") == text.npos && text.find("ertificate") == text.npos)
+            return false;
+    }
+    auto patience = LAST_LOOK / static_cast<int>(members_.size());
+    for (size_t at = 0; at < members_.size(); ++at) {
+        tls_facts seen = look_at_tls(settings_, members_[at]->name, patience);
+        if (seen.fault.empty()) return false;
+        (*failures)[at] = seen.fault;
+    }
+    return true;
+}
+
+std::string connection::why_no_answer(const std::vector<std::string> &failures) {
+    std::string text = "the cluster does not answer:";
+    size_t without_leader = 0;
+    steady::time_point end = steady::now() + LAST_LOOK;
+    for (size_t at = 0; at < members_.size(); ++at) {
+        std::string why = failures[at].empty() ? "was not asked" : failures[at];
+        bool lonely = false;
+        try {
+            bool connected = members_[at]->channel->GetState(false) == GRPC_CHANNEL_READY;
+            lonely = connected && status_of(at, end).leader() == 0;
+        } catch (const etcd_error &) {
+            lonely = false;  // its failure is known already
+        }
+        if (lonely) why = "has no leader";
+        without_leader += lonely;
+        text += (at == 0 ? " " : "; ") + members_[at]->name + ": " + why;
+    }
+    return text + (without_leader > 0
+                       ? ". More than half of the members must run and reach each other"
+                       : ". See that its members run: keyviewctl doctor");
+}
+
+// ---- Calls --------------------------------------------------------------------------------------
+
+// An answer for each operation, so that callers may go by their order.
+wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
+                                  bool *repeated) {
+    wire::TxnResponse response;
+    auto run = [&](member *one, grpc::ClientContext *context) {
+        return one->keys.Txn(context, request, &response);
+    };
+    try_members(end, run, repeated);
+    int asked = response.succeeded() ? request.success_size() : request.failure_size();
+    if (response.responses_size() != asked) {
+        throw etcd_error(failure::registry, etcd_reason::none,
+                         "the cluster answers less than it was asked for");
+    }
+    return response;
+}
+
+void connection::grant(int64_t lease, std::chrono::seconds ttl, steady::time_point end) {
+    wire::LeaseGrantRequest request;
+    request.set_id(lease);
+    request.set_ttl(ttl.count());
+    wire::LeaseGrantResponse response;
+    try {
+        try_members(end, [&](member *one, grpc::ClientContext *context) {
+            return one->leases.LeaseGrant(context, request, &response);
+        });
+    } catch (const etcd_error &error) {
+        if (error.reason != etcd_reason::lease_exists) throw;  // else an earlier try made it
+    }
+}
+
+void connection::revoke(int64_t lease, steady::time_point end) {
+    wire::LeaseRevokeRequest request;
+    request.set_id(lease);
+    wire::LeaseRevokeResponse response;
+    try_members(end, [&](member *one, grpc::ClientContext *context) {
+        return one->leases.LeaseRevoke(context, request, &response);
+    });
+}
+
+wire::AlarmResponse connection::alarms(steady::time_point end) {
+    wire::AlarmResponse response;
+    try_members(end, [&](member *one, grpc::ClientContext *context) {
+        return one->operation.Alarm(context, {}, &response);
+    });
+    return response;
+}
+
+wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
+    require_own_process();
+    grpc::ClientContext context;
+    prepare(&context, end, token());
+    wire::StatusResponse response;
+    connect(members_.at(at)->channel.get(), end, after_failure::wait);
+    ++round_trips_;
+    grpc::Status status = members_[at]->operation.Status(&context, {}, &response);
+    if (!status.ok()) {
+        throw etcd_error(failure::registry, etcd_reason::none, cause_of(status));
+    }
+    return response;
+}
+
+// ---- Keepalives ---------------------------------------------------------------------------------
+
+void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
+    require_own_process();
+    size_t at = current_.load();
+    auto answer = [this, at, told](int64_t ttl) {
+        if (ttl < 0) next_member(at);
+        told(ttl);
+    };
+    steady::time_point end = steady::now() + settings_.lease_ttl / 3;
+    keepalives_->start(members_[at]->channel, token(), end, lease, answer);
+}
+
+// ---- Watches ------------------------------------------------------------------------------------
+
+void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
+                             const std::function<bool(const wire::WatchResponse &)> &sink) {
+    require_own_process();
+    size_t at = current_.load();
+    grpc::ClientContext context;
+    prepare(&context, end, token());
+    connect(members_[at]->channel.get(), std::min(end, steady::now() + SHORTEST_TRY),
+            after_failure::give_up);
+    ++round_trips_;
+    auto stream = members_[at]->watches.Watch(&context);
+    wire::WatchRequest request;
+    *request.mutable_create_request() = what;
+    bool stopped = false;
+    wire::WatchResponse response;
+    for (bool alive = stream->Write(request); alive && !stopped && stream->Read(&response);) {
+        stopped = response.canceled();
+        if (response.events_size() > 0) stopped = !sink(response);
+    }
+    context.TryCancel();
+    grpc::Status status = stream->Finish();
+    if (response.compact_revision() > 0) {
+        throw etcd_error(failure::changed, etcd_reason::compacted,
+                         "the cluster remembers its changes from revision " +
+                             std::to_string(response.compact_revision()) + " on only");
+    }
+    if (response.canceled()) {
+        throw refusal(members_[at]->name,
+                      {grpc::StatusCode::FAILED_PRECONDITION, response.cancel_reason()});
+    }
+    if (stopped || steady::now() >= end) return;
+    next_member(at);
+    throw etcd_error(failure::registry, etcd_reason::none,
+                     members_[at]->name + ": " + cause_of(status));
+}
+
+// A member that was started again refuses those whom it knew before.
+void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
+                        const std::function<bool(const wire::WatchResponse &)> &sink) {
+    try {
+        follow_once(what, end, sink);
+    } catch (const etcd_error &error) {
+        if (error.kind != failure::denied || settings_.login_file.empty()) throw;
+        log_in(current_.load(), answer_end());
+        follow_once(what, end, sink);
+    }
+}
+
+void connection::await_deletion(const std::string &key, int64_t after_revision,
+                                steady::time_point end) {
+    wire::WatchCreateRequest what;
+    what.set_key(key);
+    what.set_start_revision(after_revision + 1);
+    auto is_deletion = [](const wire::WatchResponse &response) {
+        return std::any_of(
+            response.events().begin(), response.events().end(),
+            [](const wire::Event &event) { return event.type() == wire::Event::DELETE; });
+    };
+    try {
+        follow(what, end, [&](const wire::WatchResponse &seen) { return !is_deletion(seen); });
+    } catch (const etcd_error &) {
+        std::this_thread::sleep_for(PAUSE);  // the caller looks again
+    }
+}
+
+}  // namespace keyview::host

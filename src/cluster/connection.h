@@ -1,0 +1,107 @@
+// Calls to the members of an etcd cluster, one channel to each.
+//
+// A call tries the members in turn until one gives an answer or the time is over; a try that is not
+// answered soon goes on at the next member. So a request may be carried out twice, or late, and
+// must bear it. Which failure is worth another try, and what a person should do about the others,
+// is one table in call_failure.cpp.
+#ifndef KEYVIEW_CLUSTER_CONNECTION_H
+#define KEYVIEW_CLUSTER_CONNECTION_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "cluster/cluster_settings.h"
+#include "cluster/request.h"
+#include "host/support/error.h"
+
+namespace keyview::host {
+
+using steady = std::chrono::steady_clock;
+
+// A failure that a caller may know how to go on from.
+enum class etcd_reason {
+    none,
+    lease_gone,    // the lease is not there any more
+    lease_exists,  // it was granted already
+    compacted,     // the revision that was asked for is forgotten
+};
+
+class etcd_error : public host_error {
+  public:
+    etcd_error(failure what_kind, etcd_reason why, const std::string &text)
+        : host_error(what_kind, text), reason(why) {}
+
+    etcd_reason reason;
+};
+
+class keepalives;
+
+class connection {
+  public:
+    explicit connection(const cluster_settings &settings);
+    connection(const connection &) = delete;
+    connection &operator=(const connection &) = delete;
+    ~connection();
+
+    // Calls that any member may answer. They throw etcd_error. repeated tells whether a try before
+    // the one that was answered may have been carried out, or still will be.
+    wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
+                          bool *repeated = nullptr);
+    void grant(int64_t lease, std::chrono::seconds ttl, steady::time_point end);
+    void revoke(int64_t lease, steady::time_point end);
+    wire::AlarmResponse alarms(steady::time_point end);
+
+    // Sends a keepalive and goes on. told is called once, on another thread: with the seconds that
+    // the lease has, 0 if it is lost, or -1 if there was no answer.
+    void keep_alive(int64_t lease, const std::function<void(int64_t ttl)> &told);
+
+    // Waits until the key is deleted after that revision, the wait fails, or the time is over.
+    void await_deletion(const std::string &key, int64_t after_revision, steady::time_point end);
+
+    // Delivers each response with events of the keys in [key, range_end) from that revision on,
+    // until it returns false or the time is over. Throws etcd_error, compacted for instance.
+    void follow(const wire::WatchCreateRequest &what, steady::time_point end,
+                const std::function<bool(const wire::WatchResponse &)> &sink);
+
+    // One try at one member.
+    wire::StatusResponse status_of(size_t at, steady::time_point end);
+
+    const cluster_settings &settings() const { return settings_; }
+    steady::time_point answer_end() const { return steady::now() + settings_.answer_wait; }
+
+    // Answers that this process waited for so far.
+    uint64_t round_trips() const { return round_trips_.load(); }
+
+  private:
+    struct member;
+
+    template <typename one_try>
+    void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr);
+    void follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
+                     const std::function<bool(const wire::WatchResponse &)> &sink);
+    void next_member(size_t after);
+    void log_in(size_t at, steady::time_point end);
+    std::string token();
+    bool tls_is_wrong(std::vector<std::string> *failures) const;
+    std::string why_no_answer(const std::vector<std::string> &failures);
+    void require_own_process() const;
+
+    cluster_settings settings_;
+    uint64_t generation_;  // of the process that made it
+    std::vector<std::unique_ptr<member>> members_;
+    std::unique_ptr<keepalives> keepalives_;  // ends before the channels
+    std::atomic<size_t> current_{0};
+    std::atomic<uint64_t> round_trips_{0};
+    std::mutex token_mutex_;
+    std::string token_;
+};
+
+}  // namespace keyview::host
+
+#endif

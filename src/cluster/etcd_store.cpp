@@ -1,0 +1,282 @@
+// Reads and sets in the cluster.
+#include "cluster/etcd_store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "cluster/change_set.h"
+#include "cluster/etcd_locks.h"
+#include "cluster/faults.h"
+#include "cluster/half_applied.h"
+#include "host/registry/path.h"
+
+namespace keyview::host {
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+void etcd_store::note_depth(const tree_part &part) {
+    deepest_ = std::max(part.deepest(), USUAL_DEPTH);
+}
+
+void etcd_store::read(tree_part *part, int64_t revision) {
+    half_applied_wait patience(cluster_.get());
+    for (;;) {
+        wire::TxnRequest request;
+        part->ask(deepest_, revision, request.mutable_success());
+        wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+        bool whole = part->take(&response, 0);
+        note_depth(*part);
+        if (!whole) continue;
+        if (revision != 0 || part->marker().empty()) return;
+        patience.wait(part->marker());
+    }
+}
+
+namespace {
+
+bool can_be_there(std::string_view path) {
+    return path_fault(path) == nullptr && elements_of(path) <= MOST_ELEMENTS;
+}
+
+// Reads at the revision of its first answer.
+class etcd_moment final : public moment {
+  public:
+    etcd_moment(std::shared_ptr<etcd_store> keys, tree_part part)
+        : keys_(std::move(keys)), part_(std::move(part)) {}
+
+    revision current() override {
+        if (part_.revision() == 0) keys_->read(&part_, 0);
+        return {static_cast<uint64_t>(part_.tree_revision()), 0};
+    }
+
+    bool read(std::string_view path, std::string *value) override {
+        return can_be_there(path) && part_with(path, reach::key_alone).read(path, value);
+    }
+
+    bool copy(std::string_view path, reach which, snapshot *out) override {
+        return can_be_there(path) && part_with(path, which).copy(path, which, out);
+    }
+
+  private:
+    const tree_part &part_with(std::string_view path, reach which) {
+        if (part_.revision() == 0 || !part_.tells(path, which)) {
+            int64_t at = part_.revision();
+            part_ = tree_part(keys_->cluster()->keys(), std::string(path), which);
+            keys_->read(&part_, at);
+        }
+        return part_;
+    }
+
+    std::shared_ptr<etcd_store> keys_;
+    tree_part part_;  // what was read last
+};
+
+}  // namespace
+
+std::unique_ptr<moment> etcd_store::as_of(tree_part part) {
+    note_depth(part);
+    return std::make_unique<etcd_moment>(shared_from_this(), std::move(part));
+}
+
+std::unique_ptr<moment> etcd_store::now(std::string_view part) {
+    (void)part;  // the revision of the whole tree is as cheap
+    return std::make_unique<etcd_moment>(shared_from_this(),
+                                         tree_part(cluster_->keys(), "", reach::key_alone));
+}
+
+// ---- Following ----------------------------------------------------------------------------------
+
+// Nothing if it is of no interest.
+static std::optional<tree_change> change_in(const layout &keys, const wire::Event &event,
+                                            std::string_view top) {
+    std::optional<std::string_view> elements = keys.elements(event.kv().key());
+    if (!elements) return std::nullopt;
+    tree_change out;
+    out.path = path_of_elements(*elements);
+    if (!path_within(out.path, top)) return std::nullopt;
+    out.revision = static_cast<uint64_t>(event.kv().mod_revision());
+    if (event.has_prev_kv()) out.before = event.prev_kv().value();
+    if (event.type() == wire::Event::PUT) out.after = event.kv().value();
+    if (out.before == out.after) return std::nullopt;
+    return out;
+}
+
+std::optional<change_batch> etcd_store::changes_since(std::string_view path, uint64_t since,
+                                                      std::chrono::milliseconds wait) {
+    const layout &keys = cluster_->keys();
+    key_range all = keys.all_keys();
+    wire::WatchCreateRequest what;
+    what.set_key(all.begin);
+    what.set_range_end(all.end);
+    what.set_start_revision(static_cast<int64_t>(since) + 1);
+    what.set_prev_kv(true);
+    change_batch out = {{}, since};
+    auto take = [&](const wire::WatchResponse &response) {
+        for (const wire::Event &event : response.events()) {
+            out.up_to = std::max(out.up_to, static_cast<uint64_t>(event.kv().mod_revision()));
+            if (std::optional<tree_change> one = change_in(keys, event, path))
+                out.changes.push_back(std::move(*one));
+        }
+        return out.changes.empty();
+    };
+    try {
+        cluster_->calls().follow(what, steady::now() + wait, take);
+    } catch (const etcd_error &error) {
+        if (error.kind != failure::registry) throw;
+    }
+    // A member that says nothing may be gone or behind: a call that needs an answer leaves it.
+    if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);
+    return out;
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+void etcd_store::open(bool create) {
+    const layout &keys = cluster_->keys();
+    if (create) {
+        wire::TxnRequest request;
+        require_created(&request, {keys.tree(), ""}, 0);
+        add_put(request.mutable_success(), keys.tree(),
+                tree_facts{0, cluster_->unique_name()}.text());
+        (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
+    }
+    note_depth(tree_state(&cluster_->calls(), keys));
+    cluster_->require_lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
+}
+
+// ---- Setting ------------------------------------------------------------------------------------
+
+namespace {
+
+// One value, written only where all that must be so is so. Sent again, it does the same.
+class set_request {
+  public:
+    set_request(const layout &keys, std::string_view path, std::string_view value)
+        : key_(keys.key(path)), value_(value) {
+        require_there(&request_, key_);
+        if (value_.size() <= MOST_COMPARED) require_other_value(&request_, key_, value_);
+        require_created(&request_, {keys.marker(), ""}, 0);
+        add_put(request_.mutable_success(), key_, value_);
+        add_touch(request_.mutable_success(), keys.tree());
+        add_range(request_.mutable_failure(), {key_, ""});
+        add_range(request_.mutable_failure(), {keys.marker(), ""});
+    }
+
+    // Under a lock, whose place the set changes: a try that is carried out late finds it changed.
+    void fence(queue_place *place) {
+        lock_ = place;
+        require_created(&request_, {place->key(), ""}, place->created());
+        require_changed(&request_, place->key(), place->changed());
+        add_touch(request_.mutable_success(), place->key());
+        add_range(request_.mutable_failure(), {place->key(), ""});
+    }
+
+    // Without a lock: only over the value that was read.
+    void expect(int64_t revision) { require_changed(&request_, key_, revision); }
+
+    enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
+
+    outcome run(session *cluster) {
+        wire::TxnResponse response = send(cluster);
+        if (response.succeeded()) {
+            if (lock_ != nullptr) lock_->note_changed(response.header().revision());
+            return outcome::done;
+        }
+        const wire::RangeResponse &stored = response.responses(0).response_range();
+        if (lock_ != nullptr) {
+            const wire::RangeResponse &place = response.responses(2).response_range();
+            bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created();
+            if (!held) return outcome::lock_lost;
+            bool by_us = place.kvs(0).mod_revision() != lock_->changed();
+            lock_->note_changed(place.kvs(0).mod_revision());
+            if (by_us) return outcome::done;  // by an earlier try
+        }
+        const wire::RangeResponse &marker = response.responses(1).response_range();
+        if (stored.kvs_size() == 0) return outcome::no_such_key;
+        if (marker.kvs_size() > 0) {
+            marker_ = marker.kvs(0).value();
+            return outcome::half_applied;
+        }
+        return stored.kvs(0).value() == value_ ? outcome::done : outcome::changed;
+    }
+
+    const std::string &marker() const { return marker_; }
+
+  private:
+    // A request has room for a large value once only; such a one is written in any case.
+    static constexpr size_t MOST_COMPARED = size_t{64} << 10;
+
+    wire::TxnResponse send(session *cluster) {
+        bool repeated = false;
+        try {
+            return cluster->txn(request_, cluster->calls().answer_end(), &repeated);
+        } catch (const etcd_error &) {
+            if (lock_ != nullptr && repeated) lock_->note_doubt();
+            throw;
+        }
+    }
+
+    std::string key_;
+    std::string value_;
+    wire::TxnRequest request_;
+    queue_place *lock_ = nullptr;
+    std::string marker_;
+};
+
+}  // namespace
+
+bool etcd_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
+    if (!can_be_there(path)) return false;
+    check_value(path, value);
+    const auto *lock = dynamic_cast<const etcd_lock *>(fence);
+    if (fence != nullptr && lock == nullptr && !fence->still_held()) throw lock_lost(path);
+    if (lock != nullptr && lock->place()->in_doubt()) {
+        throw host_error(failure::lock, "cannot set " + std::string(path) +
+                                            ": an earlier set under this lock got no answer; take "
+                                            "the lock anew");
+    }
+    half_applied_wait patience(cluster_.get());
+    for (;;) {
+        set_request request(cluster_->keys(), path, value);
+        if (lock != nullptr && !faults.set_unfenced) {
+            request.fence(lock->place());
+        } else {
+            tree_part there(cluster_->keys(), std::string(path), reach::key_alone);
+            read(&there, 0);
+            if (there.rows().front().empty()) return false;
+            request.expect(there.rows().front().Get(0).mod_revision());
+        }
+        switch (request.run(cluster_.get())) {
+            case set_request::outcome::done:
+                return true;
+            case set_request::outcome::no_such_key:
+                return false;
+            case set_request::outcome::lock_lost:
+                throw lock_lost(path);
+            case set_request::outcome::half_applied:
+                patience.wait(request.marker());
+                break;
+            case set_request::outcome::changed:
+                break;
+        }
+    }
+}
+
+// ---- Changing -----------------------------------------------------------------------------------
+
+change_counts etcd_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
+    check_changes(changes);
+    for (const change &one : changes) {
+        if (one.what == change::kind::remove || elements_of(one.path) <= MOST_ELEMENTS) continue;
+        throw host_error(failure::usage, "no key can be '" + one.path +
+                                             "': a path in a cluster has " +
+                                             std::to_string(MOST_ELEMENTS) + " elements at most");
+    }
+    return carry_out(this, changes, terms);
+}
+
+bool etcd_store::finish_apply(finish how) {
+    return finish_half_applied(cluster_.get(), how);
+}
+
+}  // namespace keyview::host

@@ -1,0 +1,74 @@
+// See keepalives.h.
+#include "cluster/keepalives.h"
+
+#include <grpcpp/grpcpp.h>
+
+#include <utility>
+
+#include "cluster/call_context.h"
+#include "cluster/etcd.grpc.pb.h"
+
+namespace keyview::host {
+
+using keep_alive_reactor =
+    grpc::ClientBidiReactor<wire::LeaseKeepAliveRequest, wire::LeaseKeepAliveResponse>;
+
+struct keepalives::one_call final : keep_alive_reactor {
+    one_call(keepalives *its_owner, const std::shared_ptr<grpc::Channel> &channel,
+             std::function<void(int64_t)> whom)
+        : owner(its_owner), leases(channel), told(std::move(whom)) {}
+
+    void start() noexcept {
+        leases.async()->LeaseKeepAlive(&context, this);
+        StartRead(&response);
+        StartWrite(&request);
+        StartCall();
+    }
+
+    void OnReadDone(bool ok) override {
+        if (ok && told) std::exchange(told, nullptr)(response.ttl());
+        if (ok) context.TryCancel();
+    }
+
+    void OnDone(const grpc::Status &) override {
+        if (told) told(-1);
+        owner->end(this);
+    }
+
+    keepalives *owner;
+    wire::Lease::Stub leases;
+    grpc::ClientContext context;
+    wire::LeaseKeepAliveRequest request;
+    wire::LeaseKeepAliveResponse response;
+    std::function<void(int64_t)> told;
+};
+
+keepalives::keepalives() = default;
+
+keepalives::~keepalives() {
+    std::unique_lock guard(mutex_);
+    for (std::unique_ptr<one_call> &one : under_way_)
+        one->context.TryCancel();
+    ended_.wait(guard, [this] { return under_way_.empty(); });
+}
+
+void keepalives::start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
+                       steady::time_point end, int64_t lease, std::function<void(int64_t)> told) {
+    auto made = std::make_unique<one_call>(this, channel, std::move(told));
+    made->request.set_id(lease);
+    prepare(&made->context, end, token);
+    one_call *call = made.get();
+    {
+        std::lock_guard guard(mutex_);
+        under_way_.push_back(std::move(made));
+    }
+    call->start();
+}
+
+void keepalives::end(const one_call *ended) {
+    std::lock_guard guard(mutex_);
+    under_way_.remove_if([&](const auto &one) { return one.get() == ended; });
+    ended_.notify_all();
+}
+
+}  // namespace keyview::host

@@ -1,0 +1,90 @@
+// How the tree and the locks lie in the cluster, below a prefix that is the registry's own:
+//
+//     /tree                      that there is a registry: the format, how deep the tree is, and
+//                                who applied the latest change set. Every change of the tree
+//                                writes it, so its revision is that of the tree
+//     /kv/<depth><path>          a key of the tree: the number of its elements as one byte, then
+//                                its elements, each with 0x01 behind it; the value as given. So
+//                                the children of a key are one range, and so is what is below it
+//                                at any depth
+//     /lk/<name>\0r/<id>         a place in the queue of a lock, "w" for an exclusive one
+//     /apply                     the marker of a change set that is carried out in pieces
+//     /journal/<id>/<piece>/...  what those pieces do and undo
+//
+// A reader needs to read /tree, /kv/ and /apply and to write below /lk/; who sets values also
+// writes /tree and /kv/; who applies documents writes all of it.
+#ifndef KEYVIEW_CLUSTER_LAYOUT_H
+#define KEYVIEW_CLUSTER_LAYOUT_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/registry/backend.h"
+
+namespace keyview::host {
+
+// The keys from begin on that are before end; end is empty for begin alone.
+struct key_range {
+    std::string begin;
+    std::string end;
+};
+
+// The range of all keys that begin with these bytes, the last of which must not be 0xFF.
+key_range beginning_with(std::string bytes);
+
+constexpr char SEPARATOR = '\x01';
+constexpr uint32_t MOST_ELEMENTS = 100;  // a transaction reads each depth on its own
+
+uint32_t elements_of(std::string_view path);
+
+class layout {
+  public:
+    explicit layout(const std::string &prefix) : prefix_(prefix), kv_(prefix + "/kv/") {}
+
+    std::string tree() const { return prefix_ + "/tree"; }
+    std::string marker() const { return prefix_ + "/apply"; }
+    key_range journals() const { return beginning_with(prefix_ + "/journal/"); }
+    std::string journal(std::string_view id, uint32_t piece, bool undo) const;
+
+    // path is one that a key can have, of no more than MOST_ELEMENTS.
+    std::string key(std::string_view path) const;
+
+    // The keys below path that have that many elements, which are more than the path's.
+    key_range below(std::string_view path, uint32_t elements) const;
+
+    // All keys of the tree.
+    key_range all_keys() const { return beginning_with(kv_); }
+
+    // The elements of a key with 0x01 between them, as long as the key lives; nothing for a key
+    // that no path can have.
+    std::optional<std::string_view> elements(std::string_view key) const;
+
+    std::string lock_place(std::string_view name, lock_mode mode, std::string_view id) const;
+    key_range lock_queue(std::string_view name) const;
+    key_range lock_writers(std::string_view name) const;
+    key_range all_locks() const { return beginning_with(prefix_ + "/lk/"); }
+
+    // The name and the mode of the lock that a place is in the queue of; false for another key.
+    bool lock_of_place(std::string_view key, std::string *name, lock_mode *mode) const;
+
+  private:
+    std::string prefix_;
+    std::string kv_;
+};
+
+std::string path_of_elements(std::string_view elements);
+
+// The value of /tree.
+struct tree_facts {
+    uint32_t deepest = 0;  // no key has more elements
+    std::string writer;    // of the latest change set
+
+    std::string text() const;
+    static tree_facts parse(std::string_view text);  // throws failure::content
+};
+
+}  // namespace keyview::host
+
+#endif

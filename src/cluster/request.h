@@ -1,0 +1,40 @@
+// The parts that transactions are made of: what must be so, and what is then done.
+#ifndef KEYVIEW_CLUSTER_REQUEST_H
+#define KEYVIEW_CLUSTER_REQUEST_H
+
+#include <cstdint>
+#include <string>
+
+#include "cluster/etcd.pb.h"
+#include "cluster/layout.h"
+
+namespace keyview::host {
+
+namespace wire = etcdserverpb;
+
+using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
+
+// Every key of the range was created at that revision; with 0 there is none.
+void require_created(wire::TxnRequest *request, const key_range &range, int64_t revision);
+
+// The key is there; was changed last at that revision; has that value, or another one.
+void require_there(wire::TxnRequest *request, const std::string &key);
+void require_changed(wire::TxnRequest *request, const std::string &key, int64_t revision);
+void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value);
+void require_other_value(wire::TxnRequest *request, const std::string &key,
+                         const std::string &value);
+
+// Reads a range, as of a revision or, with 0, as it is.
+void add_range(wire_ops *ops, const key_range &range, int64_t revision = 0);
+
+// With a lease the key goes when that ends.
+void add_put(wire_ops *ops, const std::string &key, const std::string &value, int64_t lease = 0);
+
+// Moves the revision of a key's latest change and leaves all else as it is.
+void add_touch(wire_ops *ops, const std::string &key);
+
+void add_delete(wire_ops *ops, const key_range &range);
+
+}  // namespace keyview::host
+
+#endif

@@ -1,0 +1,189 @@
+// The leases of a session, and the places under them.
+#include "cluster/session.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include "host/support/fork.h"
+
+namespace keyview::host {
+
+// How long a release may take: others wait for it, so it goes on while the members elect a leader.
+static constexpr std::chrono::milliseconds RELEASE{4000};
+
+// How long what only clears up may take of a program's time.
+static constexpr std::chrono::milliseconds FAREWELL{1500};
+
+static int64_t random_number() {
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+        throw host_error(failure::internal, "the system gives no random numbers");
+    }
+    return static_cast<int64_t>(number >> 1 | 1);
+}
+
+std::string this_process() {
+    char host[256] = "";
+    (void)gethostname(host, sizeof(host) - 1);
+    return std::string(program_invocation_short_name) + ", process " + std::to_string(getpid()) +
+           " on " + host;
+}
+
+session::session(const cluster_settings &settings)
+    : calls_(settings), keys_(settings.prefix), generation_(fork_generation()) {}
+
+session::~session() {
+    if (generation_ != fork_generation()) return;
+    for (const std::shared_ptr<lease> &one : leases_->all)
+        revoke(one->id, FAREWELL);
+}
+
+std::string session::unique_name() {
+    static std::atomic<uint32_t> latest{0};
+    char name[32];
+    (void)snprintf(name, sizeof(name), "%016llx-%x",
+                   static_cast<unsigned long long>(random_number()), ++latest);
+    return name;
+}
+
+wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_point end,
+                               bool *repeated) {
+    keep_alive();
+    return calls_.txn(request, end, repeated);
+}
+
+// ---- Leases -------------------------------------------------------------------------------------
+
+// Null if a new one must be asked for. Forgets those that are of no further use.
+std::shared_ptr<session::lease> session::open_lease() {
+    std::lock_guard guard(leases_->mutex);
+    auto &all = leases_->all;
+    auto is_over = [](const std::shared_ptr<lease> &one) {
+        return one->places == 0 && (one->closed || steady::now() >= one->end);
+    };
+    all.erase(std::remove_if(all.begin(), all.end(), is_over), all.end());
+    bool usable = !all.empty() && !all.back()->closed && steady::now() < all.back()->end;
+    return usable ? all.back() : nullptr;
+}
+
+void session::require_lease(steady::time_point end) {
+    std::lock_guard one_at_a_time(granting_);
+    if (open_lease() != nullptr) return;
+    revoke_the_rest();
+    auto fresh = std::make_shared<lease>();
+    fresh->id = random_number();
+    fresh->asked = steady::now();
+    calls_.grant(fresh->id, calls_.settings().lease_ttl, end);
+    fresh->end = fresh->asked + calls_.settings().lease_ttl;
+    std::lock_guard guard(leases_->mutex);
+    leases_->all.push_back(std::move(fresh));
+}
+
+std::shared_ptr<session::lease> session::take_place(steady::time_point end) {
+    for (;;) {
+        std::shared_ptr<lease> found = open_lease();
+        if (found != nullptr) {
+            std::lock_guard guard(leases_->mutex);
+            ++found->places;
+            return found;
+        }
+        require_lease(end);
+    }
+}
+
+bool session::lives(const lease &one) const {
+    std::lock_guard guard(leases_->mutex);
+    return steady::now() < one.end;
+}
+
+void session::close(lease *one) {
+    std::lock_guard guard(leases_->mutex);
+    one->closed = true;
+}
+
+void session::note_lost(lease *one) {
+    std::lock_guard guard(leases_->mutex);
+    one->closed = true;
+    one->end = steady::time_point::min();
+}
+
+void session::keep_alive() {
+    steady::time_point now = steady::now();
+    auto part = std::chrono::duration_cast<steady::duration>(calls_.settings().lease_ttl) / 3;
+    std::vector<std::shared_ptr<lease>> due;
+    {
+        std::lock_guard guard(leases_->mutex);
+        for (const std::shared_ptr<lease> &one : leases_->all) {
+            bool used = !one->closed || one->places > 0;
+            if (!used || one->asking || now < one->asked + part || now >= one->end) continue;
+            one->asking = true;
+            due.push_back(one);
+        }
+    }
+    for (const std::shared_ptr<lease> &one : due) {
+        calls_.keep_alive(one->id, [state = leases_, one, now](int64_t seconds) {
+            std::lock_guard guard(state->mutex);
+            one->asking = false;
+            if (seconds < 0) return;
+            one->asked = now;
+            one->end =
+                seconds == 0 ? steady::time_point::min() : now + std::chrono::seconds(seconds);
+        });
+    }
+}
+
+// ---- Places -------------------------------------------------------------------------------------
+
+void session::revoke(int64_t id, std::chrono::milliseconds patience) noexcept {
+    try {
+        calls_.revoke(id, steady::now() + patience);
+    } catch (const std::exception &) {
+        return;  // it ends by itself
+    }
+}
+
+void session::revoke_the_rest() {
+    std::vector<int64_t> ids;
+    {
+        std::lock_guard guard(leases_->mutex);
+        ids.swap(leases_->to_revoke);
+    }
+    for (int64_t id : ids)
+        revoke(id, FAREWELL);
+}
+
+// Whether the lease goes with it.
+bool session::drop_place(const std::shared_ptr<lease> &its) noexcept {
+    std::lock_guard guard(leases_->mutex);
+    return --its->places == 0 && its->closed;
+}
+
+void session::leave(const std::string &place, const std::shared_ptr<lease> &its) noexcept {
+    if (generation_ != fork_generation()) return;  // it is the parent's
+    if (drop_place(its)) return revoke(its->id, RELEASE);
+    try {
+        wire::TxnRequest request;
+        add_delete(request.mutable_success(), {place, ""});
+        (void)calls_.txn(request, steady::now() + RELEASE);  // only a failure is of interest
+    } catch (const std::exception &) {
+        close(its.get());
+        std::lock_guard guard(leases_->mutex);
+        if (its->places == 0) leases_->to_revoke.push_back(its->id);
+    }
+}
+
+// The next lock, which needs a new lease, revokes this one first.
+void session::leave_unknown(const std::shared_ptr<lease> &its) noexcept {
+    if (generation_ != fork_generation()) return;
+    close(its.get());
+    if (!drop_place(its)) return;
+    std::lock_guard guard(leases_->mutex);
+    leases_->to_revoke.push_back(its->id);
+}
+
+}  // namespace keyview::host

@@ -1,0 +1,185 @@
+// One handshake with OpenSSL, under the same rules as the calls.
+#include "cluster/tls_look.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "host/support/fd.h"
+
+namespace keyview::host {
+
+using steady = std::chrono::steady_clock;
+
+namespace {
+
+struct free_it {
+    void operator()(SSL_CTX *rules) const { SSL_CTX_free(rules); }
+    void operator()(SSL *session) const { SSL_free(session); }
+    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+
+template <typename T>
+using owned = std::unique_ptr<T, free_it>;
+
+// "host:port" or "[address]:port".
+struct place {
+    explicit place(const std::string &member)
+        : host(member.substr(0, member.rfind(':'))), port(member.substr(member.rfind(':') + 1)) {
+        if (host.front() == '[') host = host.substr(1, host.size() - 2);
+    }
+
+    bool is_address() const {
+        unsigned char bytes[sizeof(in6_addr)];
+        return inet_pton(AF_INET, host.c_str(), bytes) == 1 ||
+               inet_pton(AF_INET6, host.c_str(), bytes) == 1;
+    }
+
+    std::string host;
+    std::string port;
+};
+
+bool wait_for(int fd, short events, steady::time_point end) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - steady::now()).count();
+    pollfd ready = {fd, events, 0};
+    return left > 0 && poll(&ready, 1, static_cast<int>(left)) == 1;
+}
+
+unique_fd connect_to(const place &where, steady::time_point end) {
+    addrinfo wanted = {};
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    if (getaddrinfo(where.host.c_str(), where.port.c_str(), &wanted, &found) != 0) return {};
+    owned<addrinfo> list(found);
+    for (addrinfo *one = found; one != nullptr; one = one->ai_next) {
+        unique_fd fd(socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (!fd.valid()) continue;
+        bool started =
+            connect(fd.get(), one->ai_addr, one->ai_addrlen) == 0 || errno == EINPROGRESS;
+        int error = -1;
+        socklen_t size = sizeof(error);
+        if (started && wait_for(fd.get(), POLLOUT, end) &&
+            getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0) {
+            return fd;
+        }
+    }
+    return {};
+}
+
+owned<SSL_CTX> rules_of(const cluster_settings &settings) {
+    owned<SSL_CTX> rules(SSL_CTX_new(TLS_client_method()));
+    SSL_CTX_set_verify(rules.get(), SSL_VERIFY_PEER, nullptr);
+    (void)SSL_CTX_load_verify_locations(rules.get(), settings.ca_file.c_str(), nullptr);
+    if (!settings.cert_file.empty()) {
+        (void)SSL_CTX_use_certificate_chain_file(rules.get(), settings.cert_file.c_str());
+        (void)SSL_CTX_use_PrivateKey_file(rules.get(), settings.key_file.c_str(), SSL_FILETYPE_PEM);
+    }
+    return rules;
+}
+
+// 0 when it is done; else what OpenSSL wants, or failed with.
+int shake_hands(SSL *session, int fd, steady::time_point end) {
+    for (;;) {
+        int rc = SSL_connect(session);
+        if (rc == 1) return 0;
+        int wants = SSL_get_error(session, rc);
+        bool more = (wants == SSL_ERROR_WANT_READ && wait_for(fd, POLLIN, end)) ||
+                    (wants == SSL_ERROR_WANT_WRITE && wait_for(fd, POLLOUT, end));
+        if (!more) return wants;
+    }
+}
+
+int64_t seconds_left(SSL *session) {
+    X509 *certificate = SSL_get0_peer_certificate(session);
+    int days = 0;
+    int seconds = 0;
+    if (certificate == nullptr) return 0;
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate)) != 1) return 0;
+    return int64_t{days} * 86400 + seconds;
+}
+
+std::string fault_of(SSL *session, const place &where, int wants) {
+    long verified = SSL_get_verify_result(session);
+    switch (verified) {
+        case X509_V_OK:
+            break;
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return "its certificate has expired: renew it";
+        case X509_V_ERR_CERT_NOT_YET_VALID:
+            return "its certificate is not valid yet: see that the clocks are right";
+        case X509_V_ERR_HOSTNAME_MISMATCH:
+        case X509_V_ERR_IP_ADDRESS_MISMATCH:
+            return "its certificate is not for the name " + where.host +
+                   ": use a name that it bears, or give it one with this name";
+        default:
+            return std::string("its certificate is not trusted (") +
+                   X509_verify_cert_error_string(verified) + "): name the right authority in " +
+                   CA_VARIABLE;
+    }
+    if (wants == SSL_ERROR_WANT_READ || wants == SSL_ERROR_WANT_WRITE) return "no answer";
+    unsigned long error = ERR_peek_last_error();
+    if (error == 0) return "it ends the connection: see that it speaks TLS";
+    const char *reason = ERR_reason_error_string(error);
+    return std::string("TLS fails: ") + (reason == nullptr ? "no reason given" : reason);
+}
+
+// OpenSSL writes to a connection that may be closed; the program must not be ended by that.
+class no_sigpipe {
+  public:
+    no_sigpipe() {
+        (void)sigemptyset(&only_);
+        (void)sigaddset(&only_, SIGPIPE);
+        (void)pthread_sigmask(SIG_BLOCK, &only_, &before_);
+    }
+    no_sigpipe(const no_sigpipe &) = delete;
+    no_sigpipe &operator=(const no_sigpipe &) = delete;
+    ~no_sigpipe() {
+        timespec at_once = {};
+        if (sigismember(&before_, SIGPIPE) == 0) (void)sigtimedwait(&only_, nullptr, &at_once);
+        (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+
+  private:
+    sigset_t only_;
+    sigset_t before_;
+};
+
+}  // namespace
+
+tls_facts look_at_tls(const cluster_settings &settings, const std::string &member,
+                      std::chrono::milliseconds patience) {
+    no_sigpipe quiet;
+    place where(member);
+    steady::time_point end = steady::now() + patience;
+    tls_facts seen;
+    unique_fd fd = connect_to(where, end);
+    if (!fd.valid()) {
+        seen.fault = "cannot be connected to";
+        return seen;
+    }
+    ERR_clear_error();
+    owned<SSL_CTX> rules = rules_of(settings);
+    owned<SSL> session(SSL_new(rules.get()));
+    if (where.is_address()) {
+        (void)X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session.get()), where.host.c_str());
+    } else {
+        (void)SSL_set1_host(session.get(), where.host.c_str());
+        (void)SSL_set_tlsext_host_name(session.get(), where.host.c_str());
+    }
+    (void)SSL_set_fd(session.get(), fd.get());
+    int wants = shake_hands(session.get(), fd.get(), end);
+    if (wants != 0) seen.fault = fault_of(session.get(), where, wants);
+    seen.seconds_left = seconds_left(session.get());
+    return seen;
+}
+
+}  // namespace keyview::host

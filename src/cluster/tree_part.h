@@ -1,0 +1,74 @@
+// A part of the tree as of one transaction: what to ask of the cluster for it, and the answer.
+//
+// The keys of each depth come as a list of their own. So children stand in the order of their
+// parents, and one pass over two lists finds how many each parent has.
+#ifndef KEYVIEW_CLUSTER_TREE_PART_H
+#define KEYVIEW_CLUSTER_TREE_PART_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cluster/connection.h"
+#include "cluster/layout.h"
+#include "host/registry/path.h"
+#include "host/registry/snapshot.h"
+
+namespace keyview::host {
+
+using wire_rows = google::protobuf::RepeatedPtrField<wire::KeyValue>;
+
+class tree_part {
+  public:
+    // path may be empty, for nothing but the state of the tree, or one that a key can have. keys is
+    // kept by reference.
+    tree_part(const layout &keys, std::string path, reach which)
+        : keys_(&keys), path_(std::move(path)), which_(which) {}
+
+    // Adds what must be read to a transaction, for a tree of that depth, as of a revision or, with
+    // 0, as it is.
+    void ask(uint32_t deepest, int64_t revision, wire_ops *ops);
+
+    // Takes the answers to what was asked, from that one on. False if the tree has become deeper:
+    // then that part must be asked for anew. Throws failure::not_found if there is no registry.
+    [[nodiscard]] bool take(wire::TxnResponse *response, int first_op);
+
+    uint32_t deepest() const { return deepest_; }
+    int64_t revision() const { return revision_; }            // that the rows are of; 0 for none
+    int64_t tree_revision() const { return tree_revision_; }  // of the latest change of the tree
+    const std::string &tree_value() const { return tree_value_; }
+
+    // The marker of a change set that is under way; empty if there is none.
+    const std::string &marker() const { return marker_; }
+
+    bool tells(std::string_view path, reach which) const;
+
+    // For what the part tells. False if there is no such key.
+    bool read(std::string_view path, std::string *value) const;
+    bool copy(std::string_view path, reach which, snapshot *out) const;
+
+    const std::vector<wire_rows> &rows() const { return rows_; }
+
+  private:
+    const wire::KeyValue *find(std::string_view path) const;
+
+    const layout *keys_;
+    std::string path_;
+    reach which_;
+    uint32_t asked_depths_ = 0;
+    int64_t asked_revision_ = 0;
+    uint32_t deepest_ = 0;
+    int64_t revision_ = 0;
+    int64_t tree_revision_ = 0;
+    std::string tree_value_;
+    std::string marker_;
+    std::vector<wire_rows> rows_;  // of the path itself, of its children, and so on
+};
+
+// Reads nothing but the state of the tree. keys must live as long as what is returned.
+tree_part tree_state(connection *calls, const layout &keys);
+
+}  // namespace keyview::host
+
+#endif

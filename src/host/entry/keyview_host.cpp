@@ -1,0 +1,58 @@
+// The functions of keyview_host.h.
+#include "host/if/keyview_host.h"
+
+#include "host/entry/backends.h"
+#include "host/entry/settings.h"
+#include "host/registry/lock_wait.h"
+#include "host/support/last_error.h"
+#include "host/support/trace_sink.h"
+
+using namespace keyview::host;
+
+static constexpr int64_t LONGEST_WAIT_MS = 86400000;
+
+extern "C" {
+
+int32_t keyview_host_set_registry(const char *url) {
+    return at_border([&] {
+        std::string chosen = url == nullptr ? "" : url;
+        if (!chosen.empty()) check_registry_url(chosen);
+        choose_registry(chosen);
+        return 0;
+    });
+}
+
+int32_t keyview_host_set_lock_wait(int64_t wait_ms) {
+    if (wait_ms > LONGEST_WAIT_MS) {
+        return fail(BAD_ARGUMENT, {"a lock is waited for 86400000 milliseconds at most"});
+    }
+    choose_lock_wait(wait_ms);
+    return 0;
+}
+
+int32_t keyview_host_set_trace(const char *sink) {
+    return at_border([&] {
+        set_trace_sink(sink == nullptr ? "none" : sink);
+        return 0;
+    });
+}
+
+int32_t keyview_host_set_trace_level(int32_t level) {
+    set_trace_level(level);
+    return 0;
+}
+
+const char *keyview_host_last_error(void) {
+    return thread_failure().text;
+}
+
+int32_t keyview_host_last_error_kind(void) {
+    const last_failure &latest = thread_failure();
+    return latest.text[0] == '\0' ? 0 : static_cast<int32_t>(latest.kind) + 1;
+}
+
+}  // extern "C"
+
+static_assert(static_cast<int32_t>(failure::internal) + 1 == KEYVIEW_FAILURE_INTERNAL &&
+                  static_cast<int32_t>(failure::denied) + 1 == KEYVIEW_FAILURE_DENIED,
+              "the kinds are those of error.h");

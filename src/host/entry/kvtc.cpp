@@ -1,0 +1,112 @@
+// The registry client's C operations: arguments and handles are checked here, the work is
+// client.cpp's.
+#include "platform/kvtc.h"
+#include "host/entry/backends.h"
+#include "host/entry/settings.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "host/registry/client.h"
+#include "host/registry/handles.h"
+#include "host/support/export.h"
+#include "host/support/last_error.h"
+
+using namespace keyview::host;
+
+static constexpr int32_t MODE = 3;
+
+static handle_table<registry_client> clients(1);
+
+static void copy_text(std::string_view text, char *buffer, uint64_t capacity) {
+    if (buffer == nullptr || capacity == 0) return;
+    size_t taken = std::min<size_t>(text.size(), capacity - 1);
+    memcpy(buffer, text.data(), taken);
+    buffer[taken] = '\0';
+}
+
+template <typename work>
+static int32_t with_client(void *reg, bool arguments_given, work &&body) {
+    return at_border([&] {
+        registry_client *client = clients.find(reg);
+        if (client == nullptr) return fail(BAD_ARGUMENT, {"this is no live registry handle"});
+        if (!arguments_given) return fail(BAD_ARGUMENT, {"a pointer of the call is null"});
+        return body(client);
+    });
+}
+
+static int32_t make_client(void **reg, int32_t mode, int32_t flags) {
+    if (reg == nullptr) return fail(BAD_ARGUMENT, {"no place is given for the registry handle"});
+    if (mode != MODE || flags != 0) return fail(BAD_ARGUMENT, {"the mode must be 3, the flags 0"});
+    backend registry = open_backend(registry_url(), open_mode::existing);
+    void *made = clients.add(std::make_unique<registry_client>(registry));
+    if (made == nullptr) return fail(FAILED, {"the process has too many registry handles"});
+    *reg = made;
+    return KVTC_SUCCESS;
+}
+
+extern "C" {
+
+KEYVIEW_HOST_API int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_text,
+                                       uint64_t *error_size, int32_t flags) {
+    int32_t rc = at_border([&] { return make_client(reg, mode, flags); });
+    if (rc != KVTC_SUCCESS && error_size != nullptr) {
+        copy_text(thread_failure().text, error_text, *error_size);
+    }
+    return rc;
+}
+
+KEYVIEW_HOST_API int32_t kvtc_terminate(void *reg) {
+    return at_border([&]() -> int32_t {
+        if (clients.remove(reg) != nullptr) return KVTC_SUCCESS;
+        return fail(BAD_ARGUMENT, {"this is no live registry handle"});
+    });
+}
+
+KEYVIEW_HOST_API int32_t kvtc_open_key(void *reg, void **key, const char *path) {
+    return with_client(reg, key != nullptr && path != nullptr,
+                       [&](registry_client *client) { return client->open(path, key); });
+}
+
+KEYVIEW_HOST_API int32_t kvtc_close_key(void *reg, void *key) {
+    return with_client(reg, true, [&](registry_client *client) { return client->close(key); });
+}
+
+KEYVIEW_HOST_API int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, void *value,
+                                        uint32_t *size) {
+    bool given = size != nullptr && (value != nullptr || *size == 0);
+    return with_client(reg, given, [&](registry_client *client) {
+        if (type != nullptr) *type = KVTC_TYPE_STRING;
+        return client->get_value(key, value, size);
+    });
+}
+
+KEYVIEW_HOST_API int32_t kvtc_set_value(void *reg, void *key, uint32_t type, const void *value,
+                                        uint32_t size) {
+    return with_client(reg, value != nullptr || size == 0, [&](registry_client *client) {
+        if (type != KVTC_TYPE_STRING) return fail(BAD_ARGUMENT, {"the type of a value must be 3"});
+        return client->set_value(key, {static_cast<const char *>(value), size});
+    });
+}
+
+KEYVIEW_HOST_API int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint32_t *size,
+                                          int32_t *last) {
+    bool given = name != nullptr && size != nullptr && last != nullptr;
+    return with_client(reg, given, [&](registry_client *client) {
+        return client->next_subkey(key, name, size, last);
+    });
+}
+
+// The failures of a thread are kept together, whatever handle they came from.
+KEYVIEW_HOST_API int32_t kvtc_get_last_error(void *reg, int32_t *code, char *message,
+                                             uint32_t *size) {
+    (void)reg;
+    const last_failure &latest = thread_failure();
+    if (code != nullptr) *code = latest.code;
+    if (size == nullptr) return KVTC_SUCCESS;
+    copy_text(latest.text, message, *size);
+    *size = std::min(*size, static_cast<uint32_t>(strlen(latest.text)));
+    return KVTC_SUCCESS;
+}
+
+}  // extern "C"

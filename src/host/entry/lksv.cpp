@@ -1,0 +1,102 @@
+// The lock operations over the lock service of a registry. A lock belongs to the thread that took
+// it.
+#include "platform/lksv.h"
+#include "host/entry/backends.h"
+#include "host/entry/settings.h"
+#include "host/registry/lock_wait.h"
+
+#include <cstring>
+
+#include "host/registry/backend.h"
+#include "host/registry/handles.h"
+#include "host/registry/held_locks.h"
+#include "host/registry/path.h"
+#include "host/support/export.h"
+#include "host/support/last_error.h"
+
+using namespace keyview::host;
+
+static constexpr uint16_t VERSION[] = {2, 1};
+static constexpr uint64_t SIZE = 272;
+static constexpr size_t MAX_NAME_LENGTH = MAX_PATH_LENGTH + 16;
+
+namespace {
+
+struct lock_client {
+    backend registry;
+    uint64_t token = 0;
+};
+
+}  // namespace
+
+static handle_table<lock_client> clients(2);
+
+static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
+    if (lk == nullptr || version == nullptr) {
+        return fail(BAD_ARGUMENT, {"a pointer of the call is null"});
+    }
+    if (version[0] != VERSION[0] || version[1] != VERSION[1] || size != SIZE) {
+        return fail(BAD_ARGUMENT, {"the lock service is version 2.1 with size 272"});
+    }
+    (void)lock_wait_ms();  // a setting that cannot be used is told now
+    auto client = std::make_unique<lock_client>();
+    client->registry = open_backend(registry_url(), open_mode::existing);
+    void *made = clients.add(std::move(client));
+    if (made == nullptr) return fail(FAILED, {"the process has too many lock service handles"});
+    *lk = made;
+    return 0;
+}
+
+static int32_t take_lock(void *lk, const char *name, lock_mode mode) {
+    return at_border([&]() -> int32_t {
+        lock_client *client = clients.find(lk);
+        if (client == nullptr) return fail(BAD_ARGUMENT, {"this is no live lock service handle"});
+        size_t length = name == nullptr ? 0 : strnlen(name, MAX_NAME_LENGTH + 1);
+        if (length == 0 || length > MAX_NAME_LENGTH) {
+            return fail(BAD_ARGUMENT, {"the name of a lock is missing or too long"});
+        }
+        held_locks::of_thread().take(lk, client->registry, name, mode);
+        return 0;
+    });
+}
+
+extern "C" {
+
+KEYVIEW_HOST_API int32_t lksvsinit(void *status, void **lk, const uint16_t *version,
+                                   const uint64_t *block, uint64_t size) {
+    (void)status, (void)block;  // the kit has its own memory and threads
+    return at_border([&] { return make_client(lk, version, size); });
+}
+
+// Locks that other threads took through the handle stay with them.
+KEYVIEW_HOST_API int32_t lksvsterm(void *status, void *lk) {
+    (void)status;
+    return at_border([&]() -> int32_t {
+        if (clients.remove(lk) == nullptr) {
+            return fail(BAD_ARGUMENT, {"this is no live lock service handle"});
+        }
+        held_locks::of_thread().release_all(lk);
+        return 0;
+    });
+}
+
+KEYVIEW_HOST_API int32_t lksvlsshrlock(void *status, void *lk, const char *name) {
+    (void)status;
+    return take_lock(lk, name, lock_mode::shared);
+}
+
+KEYVIEW_HOST_API int32_t lksvlsmutexlock(void *status, void *lk, const char *name) {
+    (void)status;
+    return take_lock(lk, name, lock_mode::exclusive);
+}
+
+KEYVIEW_HOST_API int32_t lksvlsunlock(void *status, void *lk, const char *name) {
+    (void)status;
+    return at_border([&]() -> int32_t {
+        if (name != nullptr && held_locks::of_thread().release(lk, name)) return 0;
+        return fail(LOCK_FAILED,
+                    {"this thread does not hold the lock ", name == nullptr ? "" : name});
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,22 @@
+// Variables of the environment.
+#ifndef KEYVIEW_HOST_SUPPORT_ENVIRONMENT_H
+#define KEYVIEW_HOST_SUPPORT_ENVIRONMENT_H
+
+#include <cstdint>
+#include <string>
+
+#include "host/support/export.h"
+
+namespace keyview::host {
+
+// A variable's text; "" if it is not set or the program runs with raised rights.
+KEYVIEW_HOST_API std::string environment_text(const char *variable);
+
+// A variable that holds a whole number from 0 to most; fallback if it is not set or empty. Throws
+// failure::usage for any other text.
+KEYVIEW_HOST_API uint32_t environment_number(const char *variable, uint32_t fallback,
+                                             uint32_t most);
+
+}  // namespace keyview::host
+
+#endif
