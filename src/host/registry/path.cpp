@@ -1,11 +1,13 @@
 // Rules for key paths and lock names.
 #include "host/registry/path.h"
 
+#include "model/locks.h"
+#include "model/roots.h"
+
 namespace keyview::host {
 
-static constexpr std::string_view LOCK_HEAD = "LKRT.";
-static constexpr std::string_view STG_LOCK_HEAD = "LKRT.STG.";
-static constexpr std::string_view ALL_DATABASES_LOCK = "LKRT.DATABASE.DATABASES";
+static constexpr std::string_view LOCK_HEAD = model::LOCK_HEAD;
+static constexpr std::string_view STG_LOCK_HEAD = model::STG_LOCK_HEAD;
 
 static bool starts_with(std::string_view text, std::string_view head) {
     return text.substr(0, head.size()) == head;
@@ -41,7 +43,7 @@ lock_cover cover_of(std::string_view lock_name) {
     bool stg = starts_with(lock_name, STG_LOCK_HEAD);
     std::string_view path = lock_name.substr(stg ? STG_LOCK_HEAD.size() : LOCK_HEAD.size());
     if (path_fault(path) != nullptr) return {};
-    return {path, lock_name == ALL_DATABASES_LOCK ? reach::children : reach::all_below};
+    return {path, !stg && path == model::DB_ROOT ? reach::children : reach::all_below};
 }
 
 }  // namespace keyview::host
