@@ -3,10 +3,10 @@
 #ifndef KEYVIEW_DATABASE_DB_FETCH_H
 #define KEYVIEW_DATABASE_DB_FETCH_H
 
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/records.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/records.h"
+#include "keyview/core/registry.h"
 
 constexpr char FETCH_DB[] = "prsr_fetch_db_config";
 

@@ -1,10 +1,10 @@
 // Loads one instance of a database: its own name is mandatory, everything below it optional.
 #include <string.h>
 
+#include "keyview/core/lists.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "keyview/database/loaders.h"
-#include "keyview/frame/lists.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 

@@ -1,9 +1,9 @@
 // The listing of databases in their registered case: the folded subkeys first, then the own value
 // of each. The folded list never reaches the caller.
-#include "keyview/frame/lists.h"
-#include "keyview/frame/locks.h"
-#include "keyview/frame/memory.h"
-#include "keyview/frame/paths.h"
+#include "keyview/core/lists.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/memory.h"
+#include "keyview/core/paths.h"
 #include "platform/trcd.h"
 
 int32_t prsr_list_db(void *status, prsr_ctx *ctx, char ***db_list, uint32_t *db_count) noexcept {

@@ -3,7 +3,7 @@
 #ifndef KEYVIEW_DATABASE_LOADERS_H
 #define KEYVIEW_DATABASE_LOADERS_H
 
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 
 // Loads one instance.
 //

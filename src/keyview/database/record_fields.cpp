@@ -4,8 +4,8 @@
 
 #include <type_traits>
 
+#include "keyview/core/lists.h"
 #include "keyview/database/db_fetch.h"
-#include "keyview/frame/lists.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 

@@ -1,8 +1,8 @@
 // Takes a database's record apart, at any stage of its building: every test is for null, and blocks
 // start zeroed.
+#include "keyview/core/memory.h"
 #include "keyview/database/loaders.h"
 #include "keyview/database/record.h"
-#include "keyview/frame/memory.h"
 
 int32_t prsr_free_instance(void *mem, prsr_inst_cfg *inst) {
     prsr_free_block(mem, inst->node);

@@ -1,8 +1,8 @@
 // The roster of a service: on which instances and nodes it runs, and which of these are the ones
 // that take over. All or nothing: any missing key ends it with an empty result.
-#include "keyview/frame/locks.h"
-#include "keyview/frame/registry.h"
-#include "keyview/frame/service_names.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/registry.h"
+#include "keyview/core/service_names.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 

@@ -2,9 +2,9 @@
 // with a flag each. Two passes over the same subkeys: the first counts the kinds, so that each list
 // is one allocation, the second fills the lists. The lock makes both see the same types; where it
 // does not, a list takes no more than it has room for, and keeps null slots at its end.
+#include "keyview/core/lists.h"
 #include "keyview/database/service_load.h"
 #include "keyview/enablement/flag.h"
-#include "keyview/frame/lists.h"
 #include "platform/trcd.h"
 
 constexpr std::string_view TYPE = "TYPE";

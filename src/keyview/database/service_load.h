@@ -4,8 +4,8 @@
 
 #include <string_view>
 
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 
 constexpr char FILL_SERVICE[] = "prsr_fill_service";
 

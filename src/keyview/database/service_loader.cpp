@@ -2,9 +2,9 @@
 // lists, in service_instances.cpp; a service that names none has its name only.
 #include <string.h>
 
+#include "keyview/core/lists.h"
 #include "keyview/database/loaders.h"
 #include "keyview/database/service_load.h"
-#include "keyview/frame/lists.h"
 #include "keyview/names/policy.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"

@@ -1,8 +1,8 @@
 // The flags of databases and instances. Writers hold the database's lock, exclusive, around the one
 // write; readers take none.
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
 #include "keyview/enablement/flag.h"
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
 #include "platform/trcd.h"
 
 namespace {

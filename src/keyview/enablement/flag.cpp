@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "keyview/frame/registry.h"
+#include "keyview/core/registry.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 

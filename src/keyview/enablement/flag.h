@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 
 // Writes a flag: "true" or "false". Returns PRSR_ERR_REGISTRY, for a missing key as well.
 [[nodiscard]] int32_t prsr_set_enabled_key(void *status, prsr_ctx *ctx, const char *dbname,

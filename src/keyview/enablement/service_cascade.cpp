@@ -3,11 +3,11 @@
 // the cascade stops; what follows stays as it was.
 #include <algorithm>
 
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
+#include "keyview/core/service_names.h"
 #include "keyview/enablement/flag.h"
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
-#include "keyview/frame/service_names.h"
 
 constexpr char SET_SERVICE[] = "prsr_set_service_enabled";
 

@@ -3,10 +3,10 @@
 // by side.
 #include <string.h>
 
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "keyview/enablement/flag.h"
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
 #include "platform/trcd.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The domain of a database: the shortest complete road through the library.
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "platform/trcd.h"
 
 int32_t prsr_get_domain(void *, prsr_ctx *ctx, const char *dbname, char **domain) noexcept {

@@ -1,5 +1,5 @@
 // The names of a database and of an instance in their registered case.
-#include "keyview/frame/paths.h"
+#include "keyview/core/paths.h"
 #include "keyview/names/stored_name.h"
 
 namespace {

@@ -3,9 +3,9 @@
 // meanwhile.
 #include <string.h>
 
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "keyview/names/stored_name.h"
 
 constexpr char NODE_INSTANCE[] = "prsr_get_node_instance_name";

@@ -1,8 +1,8 @@
 // The failover policy of a service.
 #include "keyview/names/policy.h"
 
-#include "keyview/frame/registry.h"
-#include "keyview/frame/service_names.h"
+#include "keyview/core/registry.h"
+#include "keyview/core/service_names.h"
 #include "platform/txt.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // The role of a database: a code for the caller, a word in the registry.
 #include <string.h>
 
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "platform/txt.h"
 
 // The words in the order of their codes.

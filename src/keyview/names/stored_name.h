@@ -4,8 +4,8 @@
 
 #include <stdint.h>
 
-#include "keyview/frame/memory.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/memory.h"
+#include "keyview/core/registry.h"
 
 // Copies a text with its zero byte into buf of bufsize bytes. Returns PRSR_ERR_ARGUMENT, with buf
 // empty, unless the text's length is less than bufsize.

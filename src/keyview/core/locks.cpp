@@ -1,10 +1,10 @@
 // Takes and releases the named locks.
-#include "keyview/frame/locks.h"
+#include "keyview/core/locks.h"
 
 #include <string.h>
 
-#include "keyview/frame/memory.h"
-#include "keyview/frame/paths.h"
+#include "keyview/core/memory.h"
+#include "keyview/core/paths.h"
 #include "platform/lksv.h"
 
 constexpr std::string_view LOCK_HEAD = "LKRT";

@@ -1,5 +1,5 @@
 // Allocation with its report, and copies of counted text.
-#include "keyview/frame/memory.h"
+#include "keyview/core/memory.h"
 
 #include <string.h>
 

@@ -2,8 +2,8 @@
 // the guards that give blocks back. tmem_allocm gives zeroed blocks, and much rests on that: one
 // byte is an empty string, a copy of n bytes in n + 1 ends in zero, an array starts with null
 // slots.
-#ifndef KEYVIEW_FRAME_MEMORY_H
-#define KEYVIEW_FRAME_MEMORY_H
+#ifndef KEYVIEW_CORE_MEMORY_H
+#define KEYVIEW_CORE_MEMORY_H
 
 #include <stddef.h>
 #include <stdint.h>

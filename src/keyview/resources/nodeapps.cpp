@@ -3,11 +3,11 @@
 // empty.
 #include <string.h>
 
-#include "keyview/frame/lists.h"
-#include "keyview/frame/locks.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/records.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/lists.h"
+#include "keyview/core/locks.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/records.h"
+#include "keyview/core/registry.h"
 #include "platform/trcd.h"
 
 constexpr char NODEAPPS_CFG_TAG[] = "PRSRCFGC";

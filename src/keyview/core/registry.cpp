@@ -1,9 +1,9 @@
 // The failure report and the reads of values.
-#include "keyview/frame/registry.h"
+#include "keyview/core/registry.h"
 
 #include <string.h>
 
-#include "keyview/frame/memory.h"
+#include "keyview/core/memory.h"
 #include "platform/trcd.h"
 
 void prsr_report_registry_failure(void *trc, void *reg, const char *function, const char *operation,

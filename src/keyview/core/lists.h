@@ -1,7 +1,7 @@
 // Registry lists as arrays of strings: the subkeys of a key, the own values of such subkeys, and
 // the strings of a multi-value. The caller owns what a reader returns. No reader takes a lock.
-#ifndef KEYVIEW_FRAME_LISTS_H
-#define KEYVIEW_FRAME_LISTS_H
+#ifndef KEYVIEW_CORE_LISTS_H
+#define KEYVIEW_CORE_LISTS_H
 
 #include <stdint.h>
 

@@ -1,7 +1,7 @@
 // The context of a caller: the handles of the outside services that every operation works with. It
 // is the only state of the library.
-#ifndef KEYVIEW_FRAME_CONTEXT_H
-#define KEYVIEW_FRAME_CONTEXT_H
+#ifndef KEYVIEW_CORE_CONTEXT_H
+#define KEYVIEW_CORE_CONTEXT_H
 
 #include <stdint.h>
 

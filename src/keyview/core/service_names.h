@@ -1,8 +1,8 @@
 // The folded names by which the operations on a service reach it.
-#ifndef KEYVIEW_FRAME_SERVICE_NAMES_H
-#define KEYVIEW_FRAME_SERVICE_NAMES_H
+#ifndef KEYVIEW_CORE_SERVICE_NAMES_H
+#define KEYVIEW_CORE_SERVICE_NAMES_H
 
-#include "keyview/frame/paths.h"
+#include "keyview/core/paths.h"
 
 // Read upwards, the members are the order of release: the database's name goes first.
 struct prsr_service_names {

@@ -1,6 +1,6 @@
 // Makes and ends contexts. The services start in the order memory, registry client, trace, thread
 // support, lock service; what a failed start leaves behind is undone before it returns.
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 
 #include "platform/kvtc.h"
 #include "platform/lksv.h"

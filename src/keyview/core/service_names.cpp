@@ -1,5 +1,5 @@
 // Folds the names of a database and a service.
-#include "keyview/frame/service_names.h"
+#include "keyview/core/service_names.h"
 
 int32_t prsr_fold_service_names(const prsr_ctx *ctx, const char *function, const char *dbname,
                                 const char *srvname, prsr_service_names *names) {

@@ -1,7 +1,7 @@
 // The key tree: its fixed elements, how a caller's name becomes an element, and how elements become
 // a path. Every path of the library is composed here, and its capacity travels along.
-#ifndef KEYVIEW_FRAME_PATHS_H
-#define KEYVIEW_FRAME_PATHS_H
+#ifndef KEYVIEW_CORE_PATHS_H
+#define KEYVIEW_CORE_PATHS_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -9,8 +9,8 @@
 
 #include <string_view>
 
-#include "keyview/frame/context.h"
-#include "keyview/frame/memory.h"
+#include "keyview/core/context.h"
+#include "keyview/core/memory.h"
 
 constexpr std::string_view DB_ROOT = "DATABASE.DATABASES";
 constexpr std::string_view NODEAPPS_ROOT = "DATABASE.NODEAPPS";

@@ -1,5 +1,5 @@
 // Folding of names and composing of paths.
-#include "keyview/frame/paths.h"
+#include "keyview/core/paths.h"
 
 #include <string.h>
 

@@ -1,11 +1,11 @@
 // The readers of subkeys and of their own values.
-#include "keyview/frame/lists.h"
+#include "keyview/core/lists.h"
 
 #include <string.h>
 
-#include "keyview/frame/memory.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/memory.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/registry.h"
 #include "platform/trcd.h"
 
 constexpr char SUBKEYS[] = "prsr_get_subkeys";

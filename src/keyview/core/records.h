@@ -1,14 +1,14 @@
 // What the loads of public records share: the guard of a record while it is built, and the row that
 // tells which key fills which of its strings.
-#ifndef KEYVIEW_FRAME_RECORDS_H
-#define KEYVIEW_FRAME_RECORDS_H
+#ifndef KEYVIEW_CORE_RECORDS_H
+#define KEYVIEW_CORE_RECORDS_H
 
 #include <stddef.h>
 
 #include <string_view>
 #include <utility>
 
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 
 // Released by its own release operation at the end of the scope, unless it was taken. Empty at
 // first.

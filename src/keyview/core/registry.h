@@ -1,14 +1,14 @@
 // All registry access of the library stands on these pieces: the report of a failed call, the guard
 // of an open key, and the two ways to read a value: into a buffer that is reused, or into a block
 // that grows once.
-#ifndef KEYVIEW_FRAME_REGISTRY_H
-#define KEYVIEW_FRAME_REGISTRY_H
+#ifndef KEYVIEW_CORE_REGISTRY_H
+#define KEYVIEW_CORE_REGISTRY_H
 
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 #include "platform/kvtc.h"
 
 constexpr uint32_t VALUE_CAPACITY = 1024;  // of a value buffer, the zero byte included

@@ -1,12 +1,12 @@
 // Cluster-wide named locks over parts of the key tree. A token is the lock's name in a block of the
 // context's memory: the proof that the lock is held, and what it is released by. An operation holds
 // one lock at most.
-#ifndef KEYVIEW_FRAME_LOCKS_H
-#define KEYVIEW_FRAME_LOCKS_H
+#ifndef KEYVIEW_CORE_LOCKS_H
+#define KEYVIEW_CORE_LOCKS_H
 
 #include <stdint.h>
 
-#include "keyview/frame/context.h"
+#include "keyview/core/context.h"
 
 constexpr int32_t LOCK_EXCLUSIVE = 0;
 constexpr int32_t LOCK_SHARED = 1;  // as any other value

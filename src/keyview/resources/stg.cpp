@@ -3,11 +3,11 @@
 
 #include <type_traits>
 
+#include "keyview/core/lists.h"
+#include "keyview/core/paths.h"
+#include "keyview/core/records.h"
+#include "keyview/core/registry.h"
 #include "keyview/enablement/flag.h"
-#include "keyview/frame/lists.h"
-#include "keyview/frame/paths.h"
-#include "keyview/frame/records.h"
-#include "keyview/frame/registry.h"
 #include "keyview/names/stored_name.h"
 #include "platform/lksv.h"
 

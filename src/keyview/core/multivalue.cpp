@@ -3,9 +3,9 @@
 // by the slots of the list.
 #include <string.h>
 
-#include "keyview/frame/lists.h"
-#include "keyview/frame/memory.h"
-#include "keyview/frame/registry.h"
+#include "keyview/core/lists.h"
+#include "keyview/core/memory.h"
+#include "keyview/core/registry.h"
 #include "platform/trcd.h"
 
 constexpr char MULTIVALUES[] = "prsr_get_multivalues";
