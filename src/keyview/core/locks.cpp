@@ -5,9 +5,11 @@
 
 #include "keyview/core/memory.h"
 #include "keyview/core/paths.h"
+#include "model/locks.h"
 #include "platform/lksv.h"
 
-constexpr std::string_view LOCK_HEAD = "LKRT";
+// Without its ".", which the path builder appends.
+constexpr std::string_view LOCK_HEAD{model::LOCK_HEAD, sizeof model::LOCK_HEAD - 2};
 
 static int32_t ask_lock_service(void *status, prsr_ctx *ctx, int32_t mode, const char *name) {
     return mode == LOCK_EXCLUSIVE ? lksvlsmutexlock(status, ctx->lk, name)
@@ -48,7 +50,7 @@ int32_t prsr_lock_keyview(void *status, prsr_ctx *ctx, const char *dbname, int32
 
 int32_t prsr_lock_nodeapps(void *status, prsr_ctx *ctx, const char *nodename, int32_t mode,
                            char **token) {
-    return take_lock(status, ctx, __func__, NODEAPPS_ROOT, nodename, mode, token);
+    return take_lock(status, ctx, __func__, model::NODEAPPS_ROOT, nodename, mode, token);
 }
 
 void prsr_unlock_keyview(prsr_ctx *ctx, char *token) {

@@ -11,9 +11,9 @@
 
 #include "keyview/core/context.h"
 #include "keyview/core/memory.h"
+#include "model/roots.h"
 
-constexpr std::string_view DB_ROOT = "DATABASE.DATABASES";
-constexpr std::string_view NODEAPPS_ROOT = "DATABASE.NODEAPPS";
+constexpr std::string_view DB_ROOT = model::DB_ROOT;
 
 constexpr size_t PATH_CAPACITY = 2048;  // of a path block of fixed size, the zero byte included
 

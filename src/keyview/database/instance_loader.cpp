@@ -5,6 +5,7 @@
 #include "keyview/core/paths.h"
 #include "keyview/core/registry.h"
 #include "keyview/database/loaders.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
@@ -41,7 +42,7 @@ static int32_t alloc_buffers(instance_load *load) {
 }
 
 static int32_t build_instance_key(instance_load *load, const char *db_key, const char *key_name) {
-    if (!prsr_start_path(&load->inst_key, db_key, "INSTANCE", key_name)) {
+    if (!prsr_start_path(&load->inst_key, db_key, model::KEY_INSTANCE, key_name)) {
         return PRSR_ERR_ARGUMENT;
     }
     // The keys below start with the same text, and only their last element changes.
@@ -66,7 +67,7 @@ static int32_t load_name(instance_load *load, size_t length) {
 }
 
 static int32_t load_node(instance_load *load) {
-    if (!build_field_key(load, "NODE")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(load, model::KEY_NODE)) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = load->reader();
     const char *path = load->field_key.text;
     trcdprintf(load->ctx->trc, TRCD_PROGRESS,
@@ -86,7 +87,7 @@ static int32_t load_node(instance_load *load) {
 }
 
 static int32_t load_env(instance_load *load) {
-    if (!build_field_key(load, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(load, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // An unreadable list is an empty one; the reader has logged it.
     (void)prsr_get_multivalues(load->ctx->mem, load->ctx->trc, load->ctx->reg, load->field_key.text,
                                &load->inst->env, &load->inst->env_n);
@@ -94,13 +95,13 @@ static int32_t load_env(instance_load *load) {
 }
 
 static int32_t load_enabled(instance_load *load) {
-    if (!build_field_key(load, "ENABLED")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(load, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = load->reader();
     const char *path = load->field_key.text;
     prsr_key key(load->ctx->reg);
     if (prsr_open_reported(reader, path, &key) != KVTC_SUCCESS) return PRSR_SUCCESS;
     if (prsr_read_reported(reader, path, key, &load->value) != KVTC_SUCCESS) return PRSR_SUCCESS;
-    load->inst->enabled = txtclo(load->value.text(), "FALSE") == 0 ? 0 : 1;
+    load->inst->enabled = txtclo(load->value.text(), model::FLAG_FALSE) == 0 ? 0 : 1;
     return PRSR_SUCCESS;
 }
 

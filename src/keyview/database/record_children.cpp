@@ -76,7 +76,7 @@ static void open_enumeration(db_fetch *fetch, bool show_count, uint32_t *count) 
 }
 
 int32_t prsr_load_db_instances(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "INSTANCE")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_INSTANCE)) return PRSR_ERR_ARGUMENT;
     const char *path = fetch->field_key.text;
     trcdprintf(fetch->ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: Instance KEY = %s\n", path);
     fetch->subkey.text = static_cast<char *>(fetch->alloc(NAME_CAPACITY));
@@ -94,7 +94,7 @@ int32_t prsr_load_db_instances(db_fetch *fetch) {
 }
 
 int32_t prsr_load_db_services(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "SERVICE")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_SERVICE)) return PRSR_ERR_ARGUMENT;
     uint32_t count = 0;
     open_enumeration(fetch, false, &count);
     if (count == 0) return PRSR_SUCCESS;

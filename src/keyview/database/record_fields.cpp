@@ -6,6 +6,7 @@
 
 #include "keyview/core/lists.h"
 #include "keyview/database/db_fetch.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
@@ -13,10 +14,10 @@ static_assert(std::is_standard_layout_v<prsr_cfg>, "offsetof needs a plain recor
 
 // In reading order, which the trace shows.
 static const prsr_string_field STRING_FIELDS[] = {
-    {"SPFILE", offsetof(prsr_cfg, spfile)},
-    {"DB_NAME", offsetof(prsr_cfg, db_name)},
-    {"ROLE", offsetof(prsr_cfg, role)},
-    {"START_OPTIONS", offsetof(prsr_cfg, start_options)},
+    {model::KEY_SPFILE, offsetof(prsr_cfg, spfile)},
+    {model::KEY_DB_NAME, offsetof(prsr_cfg, db_name)},
+    {model::KEY_ROLE, offsetof(prsr_cfg, role)},
+    {model::KEY_START_OPTIONS, offsetof(prsr_cfg, start_options)},
 };
 
 // Copies the value that was read last into a field.
@@ -48,7 +49,7 @@ static int32_t load_string(db_fetch *fetch, char **field) {
 }
 
 static int32_t load_alias_ip(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "DB_CLU_ALIAS.IP")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_ALIAS_IP)) return PRSR_ERR_ARGUMENT;
     const char *path = fetch->field_key.text;
     const int32_t kv = fetch->key.open(path);
     if (kv == KVTC_ERR_KEY_NOT_FOUND) {
@@ -69,15 +70,15 @@ static int32_t load_alias_ip(db_fetch *fetch) {
 }
 
 static int32_t load_home(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "TALVEN_HOME")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_HOME)) return PRSR_ERR_ARGUMENT;
     trcdprintf(fetch->ctx->trc, TRCD_PROGRESS,
                "prsr_fetch_db_config: name of the TALVEN_HOME key = %s", fetch->field_key.text);
     return load_string(fetch, &fetch->record.cfg->home);
 }
 
 static int32_t load_policy(db_fetch *fetch) {
-    constexpr std::string_view DEFAULT_POLICY = "AUTOMATIC";
-    if (!prsr_build_db_field(fetch, "POLICY")) return PRSR_ERR_ARGUMENT;
+    constexpr std::string_view DEFAULT_POLICY = model::DEFAULT_POLICY;
+    if (!prsr_build_db_field(fetch, model::KEY_POLICY)) return PRSR_ERR_ARGUMENT;
     const char *path = fetch->field_key.text;
     char **field = &fetch->record.cfg->policy;
     const int32_t kv = fetch->key.open(path);
@@ -107,7 +108,7 @@ int32_t prsr_load_db_strings(db_fetch *fetch) {
 
 // The domain is the one field whose lack of memory is no failure: it stays null, without a message.
 int32_t prsr_load_db_domain(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "DOMAIN")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_DOMAIN)) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = fetch->reader();
     const char *path = fetch->field_key.text;
     if (prsr_open_reported(reader, path, &fetch->key) != KVTC_SUCCESS) return PRSR_SUCCESS;
@@ -121,7 +122,7 @@ int32_t prsr_load_db_domain(db_fetch *fetch) {
 }
 
 int32_t prsr_load_db_enabled(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "ENABLED")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
     const prsr_reader reader = fetch->reader();
     const char *path = fetch->field_key.text;
     void *trc = fetch->ctx->trc;
@@ -138,7 +139,7 @@ int32_t prsr_load_db_enabled(db_fetch *fetch) {
     if (kv == KVTC_SUCCESS) {
         const char *word = value.text();
         trcdprintf(trc, TRCD_PROGRESS, "prsr_fetch_db_config: value is : %s", word);
-        fetch->record.cfg->enabled = txtclo(word, "FALSE") == 0 ? 0 : 1;
+        fetch->record.cfg->enabled = txtclo(word, model::FLAG_FALSE) == 0 ? 0 : 1;
     } else {
         reader.report("kvtc_get_value", path, kv);
     }
@@ -147,7 +148,7 @@ int32_t prsr_load_db_enabled(db_fetch *fetch) {
 }
 
 int32_t prsr_load_db_env(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_db_field(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // A list that cannot be read is an empty one; the reader has logged it.
     (void)prsr_get_multivalues(fetch->ctx->mem, fetch->ctx->trc, fetch->ctx->reg,
                                fetch->field_key.text, &fetch->record.cfg->env,

@@ -3,6 +3,7 @@
 #include "keyview/core/locks.h"
 #include "keyview/core/registry.h"
 #include "keyview/core/service_names.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
@@ -109,9 +110,9 @@ static int32_t read_instance(roster *run, uint32_t slot) {
     rc = keep_value(*run, &(*run->out.inst_names)[slot]);
     if (rc != PRSR_SUCCESS) return rc;
     run->key.close();
-    rc = read_key(run, prsr_extend_path(&run->key_path, kept, run->subkey, "TYPE"));
+    rc = read_key(run, prsr_extend_path(&run->key_path, kept, run->subkey, model::KEY_TYPE));
     if (rc != PRSR_SUCCESS) return rc;
-    (*run->out.avail)[slot] = run->value.is("AVAILABLE") ? 1 : 0;
+    (*run->out.avail)[slot] = run->value.is(model::TYPE_AVAILABLE) ? 1 : 0;
     run->key.close();
     return PRSR_SUCCESS;
 }
@@ -145,7 +146,7 @@ static int32_t read_node(roster *run, size_t kept, uint32_t slot) {
     char **node = &(*run->out.node_names)[slot];
     char folded[VALUE_CAPACITY + 1];  // a name came from a value buffer and got its zero byte
     txtlo(folded, name);
-    int32_t rc = read_key(run, prsr_extend_path(&run->key_path, kept, folded, "NODE"));
+    int32_t rc = read_key(run, prsr_extend_path(&run->key_path, kept, folded, model::KEY_NODE));
     if (rc != PRSR_SUCCESS) return rc;
     run->key.close();
     rc = keep_value(*run, node);
@@ -156,7 +157,8 @@ static int32_t read_node(roster *run, size_t kept, uint32_t slot) {
 }
 
 static int32_t read_nodes(roster *run) {
-    if (!prsr_start_path(&run->key_path, DB_ROOT, run->names.database.element(), "INSTANCE")) {
+    if (!prsr_start_path(&run->key_path, DB_ROOT, run->names.database.element(),
+                         model::KEY_INSTANCE)) {
         return PRSR_ERR_ARGUMENT;
     }
     const size_t kept = run->key_path.length;
@@ -188,8 +190,8 @@ static int32_t make_roster(void *status, prsr_ctx *ctx, const char *dbname, cons
     roster run(ctx, out);
     const int32_t rc = prsr_fold_service_names(ctx, ROSTER, dbname, srvname, &run.names);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!prsr_start_path(&run.list_path, DB_ROOT, run.names.database.element(), "SERVICE",
-                         run.names.service.element(), "INSTANCES")) {
+    if (!prsr_start_path(&run.list_path, DB_ROOT, run.names.database.element(), model::KEY_SERVICE,
+                         run.names.service.element(), model::KEY_INSTANCES)) {
         return PRSR_ERR_ARGUMENT;
     }
     // Whatever kept the roster from its lock, it could not read the registry.

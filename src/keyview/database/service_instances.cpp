@@ -5,9 +5,10 @@
 #include "keyview/core/lists.h"
 #include "keyview/database/service_load.h"
 #include "keyview/enablement/flag.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 
-constexpr std::string_view TYPE = "TYPE";
+constexpr std::string_view TYPE = model::KEY_TYPE;
 
 namespace {
 enum class instance_kind { NEITHER, AVAILABLE, PREFERRED };
@@ -48,8 +49,8 @@ static void *alloc_array(service_load *load, size_t count, size_t slot_size) {
 // ---- One instance's type ------------------------------------------------------------------------
 
 static instance_kind kind_of(const prsr_value &value) {
-    if (value.is("PREFERRED")) return instance_kind::PREFERRED;
-    if (value.is("AVAILABLE")) return instance_kind::AVAILABLE;
+    if (value.is(model::TYPE_PREFERRED)) return instance_kind::PREFERRED;
+    if (value.is(model::TYPE_AVAILABLE)) return instance_kind::AVAILABLE;
     return instance_kind::NEITHER;
 }
 
@@ -119,7 +120,8 @@ static int32_t read_flag(service_load *load, int32_t *flag) {
     const std::string_view type_key = load->field_key.view();
     const std::string_view instance_key(type_key.data(), type_key.size() - TYPE.size() - 1);
     prsr_block path(ctx->mem);
-    if (!prsr_join_path(ctx->mem, ctx->trc, FILL_SERVICE, 3, &path, instance_key, "ENABLED")) {
+    if (!prsr_join_path(ctx->mem, ctx->trc, FILL_SERVICE, 3, &path, instance_key,
+                        model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
     (void)prsr_get_enabled_key(nullptr, ctx, load->dbname, path.text, flag);
@@ -176,7 +178,7 @@ static int32_t read_preserved_names(service_load *load, const char *list_key,
 int32_t prsr_load_service_instances(service_load *load, bool *any) {
     const prsr_ctx *ctx = load->ctx;
     *any = false;
-    if (!prsr_build_service_field(load, "INSTANCES")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_service_field(load, model::KEY_INSTANCES)) return PRSR_ERR_ARGUMENT;
     const char *list_key = load->field_key.text;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fill_service: key name = [%s]", list_key);
     named_instances named(ctx->mem);

@@ -6,6 +6,7 @@
 #include "keyview/database/loaders.h"
 #include "keyview/database/service_load.h"
 #include "keyview/names/policy.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
@@ -23,7 +24,7 @@ static int32_t alloc_buffers(service_load *load) {
 }
 
 static int32_t build_service_key(service_load *load, const char *dbkey) {
-    if (!prsr_start_path(&load->srv_key, dbkey, "SERVICE", load->srvname)) {
+    if (!prsr_start_path(&load->srv_key, dbkey, model::KEY_SERVICE, load->srvname)) {
         return PRSR_ERR_ARGUMENT;
     }
     // The keys below start with the same text, and only what follows it changes.
@@ -58,7 +59,7 @@ static int32_t load_name(service_load *load) {
 }
 
 static int32_t load_env(service_load *load) {
-    if (!prsr_build_service_field(load, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_service_field(load, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // An unreadable list is an empty one; the reader has logged it.
     (void)prsr_get_multivalues(load->ctx->mem, load->ctx->trc, load->ctx->reg, load->field_key.text,
                                &load->srv->env, &load->srv->env_n);
@@ -80,7 +81,7 @@ static int32_t load_word(service_load *load, std::string_view element,
 
 // Everything but FALSE enables a service itself, unlike its instances.
 static int32_t parse_enabled(const char *value) {
-    return txtclo(value, "FALSE") == 0 ? 0 : 1;
+    return txtclo(value, model::FLAG_FALSE) == 0 ? 0 : 1;
 }
 
 static int32_t load_service(service_load *load) {
@@ -91,9 +92,9 @@ static int32_t load_service(service_load *load) {
     if (rc != PRSR_SUCCESS || !any) return rc;
     rc = load_env(load);
     if (rc != PRSR_SUCCESS) return rc;
-    rc = load_word(load, "RCNPOLICY", prsr_parse_policy, &load->srv->rcn_policy);
+    rc = load_word(load, model::KEY_RCN_POLICY, prsr_parse_policy, &load->srv->rcn_policy);
     if (rc != PRSR_SUCCESS) return rc;
-    return load_word(load, "ENABLED", parse_enabled, &load->srv->enabled);
+    return load_word(load, model::KEY_ENABLED, parse_enabled, &load->srv->enabled);
 }
 
 int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "keyview/core/registry.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
@@ -14,8 +15,8 @@ int32_t prsr_set_enabled_key(void *, prsr_ctx *ctx, const char *, const char *ke
     prsr_key key(ctx->reg);
     if (prsr_open_reported(reader, key_name, &key) != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
 
-    const std::string_view word = enabled != 0 ? "TRUE" : "FALSE";
-    char value[sizeof "FALSE"] = {};
+    const std::string_view word = enabled != 0 ? model::FLAG_TRUE : model::FLAG_FALSE;
+    char value[sizeof model::FLAG_FALSE] = {};
     txtlo(value, word.data());
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_set_enabled_key: Setting value to %s", value);
     const uint32_t size = static_cast<uint32_t>(word.size()) + 1;
@@ -45,6 +46,6 @@ int32_t prsr_get_enabled_key(void *, prsr_ctx *ctx, const char *, const char *ke
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_enabled_key: key name [%s] value [%s]", key_name,
                word);
     key.close();
-    *enabled = txtclo(word, "TRUE") == 0 ? 1 : 0;
+    *enabled = txtclo(word, model::FLAG_TRUE) == 0 ? 1 : 0;
     return PRSR_SUCCESS;
 }

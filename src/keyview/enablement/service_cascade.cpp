@@ -41,13 +41,14 @@ struct cascade {
 }  // namespace
 
 static int32_t alloc_cascade_path(cascade *run) {
-    constexpr std::string_view FLAG = "ENABLED";
-    constexpr std::string_view LIST = "INSTANCES";
-    const size_t capacity = DB_ROOT.size() + run->names.database.length + sizeof "SERVICE" - 1 +
-                            run->names.service.length + std::max(FLAG.size(), LIST.size()) + 7;
+    constexpr std::string_view FLAG = model::KEY_ENABLED;
+    constexpr std::string_view LIST = model::KEY_INSTANCES;
+    const size_t capacity = DB_ROOT.size() + run->names.database.length +
+                            sizeof model::KEY_SERVICE - 1 + run->names.service.length +
+                            std::max(FLAG.size(), LIST.size()) + 7;
     if (!prsr_alloc_path(run->ctx->trc, SET_SERVICE, capacity, &run->path)) return PRSR_ERR_MEMORY;
     // Neither can fail: the block was sized for the longer of the two paths.
-    (void)prsr_start_path(&run->path, DB_ROOT, run->names.database.element(), "SERVICE",
+    (void)prsr_start_path(&run->path, DB_ROOT, run->names.database.element(), model::KEY_SERVICE,
                           run->names.service.element());
     run->service_length = run->path.length;
     (void)prsr_extend_path(&run->path, run->service_length, FLAG);
@@ -63,8 +64,9 @@ static int32_t report_enumeration(const cascade &run, int32_t kv) {
 static int32_t write_instance(const cascade &run) {
     prsr_block flag_path(run.ctx->mem);
     if (!prsr_join_path(run.ctx->mem, run.ctx->trc, SET_SERVICE, 2, &flag_path, DB_ROOT,
-                        run.names.database.element(), "SERVICE", run.names.service.element(),
-                        "INSTANCES", run.subkey.text, "ENABLED")) {
+                        run.names.database.element(), model::KEY_SERVICE,
+                        run.names.service.element(), model::KEY_INSTANCES, run.subkey.text,
+                        model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
     return run.write(flag_path.text);
@@ -87,7 +89,8 @@ static int32_t write_instances(cascade *run, uint32_t count) {
 
 static int32_t run_cascade(cascade *run) {
     const prsr_reader reader(run->ctx, SET_SERVICE);
-    (void)prsr_extend_path(&run->path, run->service_length, "INSTANCES");  // it was sized for it
+    (void)prsr_extend_path(&run->path, run->service_length,
+                           model::KEY_INSTANCES);  // it was sized for it
     if (prsr_open_reported(reader, run->path.text, &run->list) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
     }
@@ -128,7 +131,7 @@ int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
     const int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &names);
     if (rc != PRSR_SUCCESS) return rc;
     if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 2, &path, DB_ROOT, names.database.element(),
-                        "SERVICE", names.service.element(), "ENABLED")) {
+                        model::KEY_SERVICE, names.service.element(), model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
     return prsr_get_enabled_key(status, ctx, names.database.text(), path.text, enabled);

@@ -7,6 +7,7 @@
 #include "keyview/core/paths.h"
 #include "keyview/core/registry.h"
 #include "keyview/enablement/flag.h"
+#include "model/words.h"
 #include "platform/trcd.h"
 
 namespace {
@@ -43,8 +44,8 @@ static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char 
 static bool join_flag_path(const prsr_ctx *ctx, const char *function, const instance_names &names,
                            prsr_block *path) {
     return prsr_join_path(ctx->mem, ctx->trc, function, 3, path, DB_ROOT, names.database.element(),
-                          "SERVICE", names.service.element(), "INSTANCES", names.instance.element(),
-                          "ENABLED");
+                          model::KEY_SERVICE, names.service.element(), model::KEY_INSTANCES,
+                          names.instance.element(), model::KEY_ENABLED);
 }
 
 int32_t prsr_set_service_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
@@ -116,8 +117,8 @@ static int32_t alloc_query(support_query *query, const char *function, const cha
     prsr_map_service_name(&names->service);  // last, unlike in the two operations above
     // A lack of memory for the base path is the one that leaves no message.
     if (!prsr_join_path(ctx->mem, ctx->trc, nullptr, 3, &query->base, DB_ROOT,
-                        names->database.element(), "SERVICE", names->service.element(), "INSTANCES",
-                        names->instance.element())) {
+                        names->database.element(), model::KEY_SERVICE, names->service.element(),
+                        model::KEY_INSTANCES, names->instance.element())) {
         return PRSR_ERR_MEMORY;
     }
     return prsr_alloc_path(ctx->trc, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
@@ -133,14 +134,16 @@ int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx, const c
     support_query query(ctx);
     int32_t rc = alloc_query(&query, __func__, dbname, srvname, instname);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!prsr_start_path(&query.path, query.base.text, "TYPE")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_start_path(&query.path, query.base.text, model::KEY_TYPE)) return PRSR_ERR_ARGUMENT;
     rc = prsr_open_get_value(ctx, ctx->reg, query.path.text, &query.type.text);
     if (rc != PRSR_SUCCESS) return rc;
     const char *type = query.type.text;
-    if (strcmp(type, "PREFERRED") != 0 && strcmp(type, "AVAILABLE") != 0) return PRSR_SUCCESS;
+    if (strcmp(type, model::TYPE_PREFERRED) != 0 && strcmp(type, model::TYPE_AVAILABLE) != 0)
+        return PRSR_SUCCESS;
 
     int32_t enabled = 0;
-    if (!prsr_start_path(&query.path, query.base.text, "ENABLED")) return PRSR_ERR_ARGUMENT;
+    if (!prsr_start_path(&query.path, query.base.text, model::KEY_ENABLED))
+        return PRSR_ERR_ARGUMENT;
     rc = prsr_get_enabled_key(status, ctx, query.names.database.text(), query.path.text, &enabled);
     if (rc == PRSR_SUCCESS) *supported = enabled;
     return rc;

@@ -11,7 +11,7 @@ int32_t prsr_get_domain(void *, prsr_ctx *ctx, const char *dbname, char **domain
     if (!prsr_alloc_name(ctx, __func__, dbname, &name)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &name);
     if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 1, &path, DB_ROOT, name.element(),
-                        "DOMAIN")) {
+                        model::KEY_DOMAIN)) {
         return PRSR_ERR_MEMORY;
     }
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_domain: key_name = [%s]", path.text);

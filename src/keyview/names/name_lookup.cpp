@@ -49,7 +49,7 @@ int32_t prsr_get_instance_name(void *, prsr_ctx *ctx, const char *dbname, const 
     prsr_fold_name(dbname, &lookup.dbname);
     prsr_fold_name(instname, &lookup.instname);
     if (!prsr_alloc_path(ctx->trc, __func__, PATH_CAPACITY, &lookup.path)) return PRSR_ERR_MEMORY;
-    const bool fits = prsr_start_path(&lookup.path, DB_ROOT, lookup.dbname.element(), "INSTANCE",
-                                      lookup.instname.element());
+    const bool fits = prsr_start_path(&lookup.path, DB_ROOT, lookup.dbname.element(),
+                                      model::KEY_INSTANCE, lookup.instname.element());
     return look_up(ctx, __func__, fits, &lookup, bufsize, buf);
 }

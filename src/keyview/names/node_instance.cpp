@@ -55,7 +55,7 @@ static int32_t alloc_walk(node_walk *walk, const char *dbname, const char *noden
 
 static int32_t open_list(node_walk *walk) {
     const prsr_reader reader(walk->ctx, NODE_INSTANCE);
-    if (!prsr_start_path(&walk->path, DB_ROOT, walk->dbname.element(), "INSTANCE")) {
+    if (!prsr_start_path(&walk->path, DB_ROOT, walk->dbname.element(), model::KEY_INSTANCE)) {
         return walk->end(PRSR_ERR_ARGUMENT);
     }
     walk->list_length = walk->path.length;
@@ -91,8 +91,8 @@ static int32_t walk_instances(node_walk *walk) {
         const int32_t kv = prsr_next_subkey(walk->key, walk->buf, walk->bufsize, &length, &last);
         if (kv == KVTC_ERR_NO_MORE_KEYS) return walk->end(PRSR_SUCCESS);
         if (kv != KVTC_SUCCESS) return report_enumeration(walk, kv);
-        const int32_t rc =
-            read_value(walk, prsr_extend_path(&walk->path, walk->list_length, walk->buf, "NODE"));
+        const int32_t rc = read_value(
+            walk, prsr_extend_path(&walk->path, walk->list_length, walk->buf, model::KEY_NODE));
         if (rc != PRSR_SUCCESS) return walk->end(rc);
         if (strcmp(walk->value.text, walk->nodename.text()) == 0) return give_name(walk);
         if (last == 0) return walk->end(PRSR_SUCCESS);

@@ -1,27 +1,20 @@
 // The failover policy of a service.
 #include "keyview/names/policy.h"
 
+#include <iterator>
+
 #include "keyview/core/registry.h"
 #include "keyview/core/service_names.h"
+#include "model/words.h"
 #include "platform/txt.h"
 
-namespace {
-struct policy_word {
-    const char *word;
-    int32_t policy;
-};
-}  // namespace
-
-static const policy_word POLICY_WORDS[] = {
-    {"BASIC", PRSR_RCN_BASIC},
-    {"PRECONNECT", PRSR_RCN_PRECONNECT},
-    {"AVAILABLE", PRSR_RCN_PRECONNECT},
-    {"MUTUAL", PRSR_RCN_PRECONNECT},
-};
+static_assert(model::RCN_CODES[0] == PRSR_RCN_NONE && model::RCN_CODES[1] == PRSR_RCN_BASIC &&
+              model::RCN_CODES[2] == PRSR_RCN_PRECONNECT);
 
 int32_t prsr_parse_policy(const char *value) {
-    for (const policy_word &row : POLICY_WORDS) {
-        if (txtclo(value, row.word) == 0) return row.policy;
+    // The first word is NONE, which every unknown word means as well.
+    for (size_t i = 1; i < std::size(model::RCN_POLICIES); ++i) {
+        if (txtclo(value, model::RCN_POLICIES[i]) == 0) return model::RCN_CODES[i];
     }
     return PRSR_RCN_NONE;
 }
@@ -36,7 +29,7 @@ int32_t prsr_get_service_rcn_policy(void *, prsr_ctx *ctx, const char *dbname, c
     int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &names);
     if (rc != PRSR_SUCCESS) return rc;
     if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 2, &path, DB_ROOT, names.database.element(),
-                        "SERVICE", names.service.element(), "RCNPOLICY")) {
+                        model::KEY_SERVICE, names.service.element(), model::KEY_RCN_POLICY)) {
         return PRSR_ERR_MEMORY;
     }
     rc = prsr_open_get_value(ctx, ctx->reg, path.text, &value.text);

@@ -4,20 +4,16 @@
 #include "keyview/core/locks.h"
 #include "keyview/core/paths.h"
 #include "keyview/core/registry.h"
+#include "model/words.h"
 #include "platform/txt.h"
 
-// The words in the order of their codes.
-static const std::string_view ROLE_WORDS[] = {
-    "PRIMARY",           // PRSR_ROLE_PRIMARY
-    "PHYSICAL_STANDBY",  // PRSR_ROLE_PHYSICAL_STANDBY
-    "LOGICAL_STANDBY",   // PRSR_ROLE_LOGICAL_STANDBY
-    "SNAPSHOT_STANDBY",  // PRSR_ROLE_SNAPSHOT_STANDBY
-};
-constexpr int32_t ROLE_COUNT = sizeof ROLE_WORDS / sizeof ROLE_WORDS[0];
+constexpr int32_t ROLE_COUNT = sizeof model::ROLES / sizeof *model::ROLES;
+static_assert(ROLE_COUNT == PRSR_ROLE_SNAPSHOT_STANDBY + 1, "a word for each code");
 
 static bool join_role_path(const prsr_ctx *ctx, const char *function, const prsr_name &dbname,
                            prsr_block *path) {
-    return prsr_join_path(ctx->mem, ctx->trc, function, 1, path, DB_ROOT, dbname.element(), "ROLE");
+    return prsr_join_path(ctx->mem, ctx->trc, function, 1, path, DB_ROOT, dbname.element(),
+                          model::KEY_ROLE);
 }
 
 // ---- Write --------------------------------------------------------------------------------------
@@ -55,7 +51,7 @@ int32_t prsr_set_db_role(void *status, prsr_ctx *ctx, const char *dbname, int32_
     role_write write(ctx);
     if (!prsr_alloc_name(ctx, __func__, dbname, &write.dbname)) return PRSR_ERR_MEMORY;
     if (role < 0 || role >= ROLE_COUNT) return PRSR_ERR_ROLE;
-    const std::string_view word = ROLE_WORDS[role];
+    const std::string_view word = model::ROLES[role];
     write.word.text = prsr_copy_text(ctx->mem, ctx->trc, __func__, word.data(), word.size());
     if (write.word.text == nullptr) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &write.dbname);
@@ -75,7 +71,7 @@ static int32_t role_of(const char *text, char *upper) {
     if (length >= VALUE_CAPACITY) return -1;
     txtmup(upper, text, length);
     for (int32_t role = 0; role < ROLE_COUNT; ++role) {
-        if (upper == ROLE_WORDS[role]) return role;
+        if (strcmp(upper, model::ROLES[role]) == 0) return role;
     }
     return -1;
 }

@@ -57,8 +57,8 @@ static int32_t make_record(nodeapps_fetch *fetch) {
 
 static int32_t build_node_key(nodeapps_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
-    return prsr_join_path(ctx->mem, ctx->trc, FETCH_NODEAPPS, 0, &fetch->node_key, NODEAPPS_ROOT,
-                          fetch->nodename.element())
+    return prsr_join_path(ctx->mem, ctx->trc, FETCH_NODEAPPS, 0, &fetch->node_key,
+                          model::NODEAPPS_ROOT, fetch->nodename.element())
                ? PRSR_SUCCESS
                : PRSR_ERR_MEMORY;
 }
@@ -158,7 +158,7 @@ static int32_t load_string(nodeapps_fetch *fetch, std::string_view element, char
 // The address below an empty "VIP" takes its place; without one it is the empty string.
 static int32_t load_vip_ip(nodeapps_fetch *fetch) {
     char **field = &fetch->record.cfg->vip;
-    if (!build_field_key(fetch, "VIP.IP")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(fetch, model::KEY_VIP_IP)) return PRSR_ERR_ARGUMENT;
     if (fetch->key.open(fetch->field_key.text) != KVTC_SUCCESS) return keep_empty(fetch, field);
     return load_open_string(fetch, field);
 }
@@ -167,7 +167,7 @@ static int32_t load_vip(nodeapps_fetch *fetch) {
     char **field = &fetch->record.cfg->vip;
     bool opened = false;
     bool readable = false;
-    int32_t rc = open_field(fetch, "VIP", &opened);
+    int32_t rc = open_field(fetch, model::KEY_VIP, &opened);
     if (rc != PRSR_SUCCESS || !opened) return rc;
     rc = read_field(fetch, field, &readable);
     if (rc != PRSR_SUCCESS || !readable) return rc;
@@ -180,15 +180,15 @@ static int32_t load_vip(nodeapps_fetch *fetch) {
 
 static int32_t load_fields(nodeapps_fetch *fetch) {
     prsr_nodeapps_cfg *cfg = fetch->record.cfg;
-    int32_t rc = load_string(fetch, "TALVEN_HOME", &cfg->home);
+    int32_t rc = load_string(fetch, model::KEY_HOME, &cfg->home);
     if (rc != PRSR_SUCCESS) return rc;
     rc = load_vip(fetch);
     if (rc != PRSR_SUCCESS) return rc;
-    rc = load_string(fetch, "VIP.NETMASK", &cfg->netmask);
+    rc = load_string(fetch, model::KEY_VIP_NETMASK, &cfg->netmask);
     if (rc != PRSR_SUCCESS) return rc;
-    rc = load_string(fetch, "VIP.INTERFACES", &cfg->interfaces);
+    rc = load_string(fetch, model::KEY_VIP_INTERFACES, &cfg->interfaces);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!build_field_key(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     return prsr_get_multivalues(fetch->ctx->mem, fetch->ctx->trc, fetch->ctx->reg,
                                 fetch->field_key.text, &cfg->env, &cfg->env_n);
 }

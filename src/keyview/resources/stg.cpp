@@ -9,9 +9,12 @@
 #include "keyview/core/registry.h"
 #include "keyview/enablement/flag.h"
 #include "keyview/names/stored_name.h"
+#include "model/locks.h"
 #include "platform/lksv.h"
 
-constexpr std::string_view STG_ROOT = "DATABASE.STG";
+constexpr std::string_view STG_ROOT = model::STG_ROOT;
+// Without its ".", which the path builder appends.
+constexpr std::string_view STG_LOCK_HEAD{model::STG_LOCK_HEAD, sizeof model::STG_LOCK_HEAD - 2};
 constexpr char STG_CFG_TAG[] = "PRSRCFGA";
 constexpr char FETCH_STG[] = "prsr_fetch_stg_config";
 
@@ -49,10 +52,10 @@ static_assert(std::is_standard_layout_v<prsr_stg_cfg>, "offsetof needs a plain r
 
 // In reading order, which the trace shows.
 static const prsr_string_field STG_FIELDS[] = {
-    {"SPFILE", offsetof(prsr_stg_cfg, spfile)},
-    {"TALVEN_HOME", offsetof(prsr_stg_cfg, home)},
-    {"START_OPTIONS", offsetof(prsr_stg_cfg, start_options)},
-    {"VERSION", offsetof(prsr_stg_cfg, version)},
+    {model::KEY_SPFILE, offsetof(prsr_stg_cfg, spfile)},
+    {model::KEY_HOME, offsetof(prsr_stg_cfg, home)},
+    {model::KEY_START_OPTIONS, offsetof(prsr_stg_cfg, start_options)},
+    {model::KEY_VERSION, offsetof(prsr_stg_cfg, version)},
 };
 
 static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char *stg_scope,
@@ -93,7 +96,7 @@ static int32_t find_entry(stg_fetch *fetch) {
 static int32_t alloc_lock_and_path(stg_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
     const std::string_view entry_key = fetch->entry_key.text;
-    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 1, &fetch->lock_name, "LKRT", "STG",
+    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 1, &fetch->lock_name, STG_LOCK_HEAD,
                         entry_key)) {
         return PRSR_ERR_MEMORY;
     }
@@ -117,11 +120,11 @@ static int32_t load_entry(stg_fetch *fetch) {
         // A value that cannot be read leaves an empty string behind; the reader has logged it.
         (void)prsr_open_get_value(ctx, ctx->reg, fetch->field_key.text, row.of(cfg));
     }
-    if (!build_field_key(fetch, "ENVIRONMENT")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     const int32_t rc = prsr_get_multivalues(ctx->mem, ctx->trc, ctx->reg, fetch->field_key.text,
                                             &cfg->env, &cfg->env_n);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!build_field_key(fetch, "ENABLED")) return PRSR_ERR_ARGUMENT;
+    if (!build_field_key(fetch, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
     int32_t enabled = 0;
     (void)prsr_get_enabled_key(fetch->status, ctx, fetch->names.name.text(), fetch->field_key.text,
                                &enabled);  // a flag that cannot be read has been reported: 0
@@ -216,7 +219,7 @@ int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *stg_scope,
     int32_t rc = alloc_query(ctx, __func__, stg_scope, stg_name, &query);
     if (rc != PRSR_SUCCESS) return rc;
     if (!prsr_start_path(&query.path, STG_ROOT, query.names.scope.element(),
-                         query.names.name.element(), "ENABLED")) {
+                         query.names.name.element(), model::KEY_ENABLED)) {
         return PRSR_ERR_ARGUMENT;
     }
     rc = prsr_get_enabled_key(status, ctx, query.names.name.text(), query.path.text, enabled);
