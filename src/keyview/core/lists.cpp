@@ -16,10 +16,10 @@ constexpr char PRESERVED[] = "prsr_get_case_preserved_values";  // so the trace 
 namespace {
 // An enumeration in progress: the open key, the buffer for names, and the list that grows.
 struct subkey_walk {
-    subkey_walk(void *mem, void *trace, void *reg, const char *path)
-        : trc(trace), inkey_name(path), key(reg), name(mem), names(mem) {}
+    subkey_walk(const prsr_ctx *owner, const char *path)
+        : ctx(owner), inkey_name(path), key(owner->reg), name(owner->mem), names(owner->mem) {}
 
-    void *trc;
+    const prsr_ctx *ctx;
     const char *inkey_name;
     prsr_key key;
     prsr_block name;  // NAME_CAPACITY bytes
@@ -28,13 +28,12 @@ struct subkey_walk {
 }  // namespace
 
 static int32_t report_enumeration(const subkey_walk &walk, int32_t kv) {
-    prsr_report_registry_failure(walk.trc, walk.key.reg, SUBKEYS, "kvtc_enum_subkey",
-                                 walk.inkey_name, kv);
+    prsr_reader(walk.ctx, SUBKEYS).report("kvtc_enum_subkey", walk.inkey_name, kv);
     return PRSR_ERR_REGISTRY;
 }
 
 static int32_t keep_subkey(subkey_walk *walk, uint32_t length) {
-    char *copy = prsr_copy_text(walk->names.mem, walk->trc, SUBKEYS, walk->name.text, length);
+    char *copy = prsr_copy_text(walk->ctx, SUBKEYS, walk->name.text, length);
     if (copy == nullptr) return PRSR_ERR_MEMORY;
     walk->names.items[walk->names.count++] = copy;
     return PRSR_SUCCESS;
@@ -42,8 +41,8 @@ static int32_t keep_subkey(subkey_walk *walk, uint32_t length) {
 
 // Allocates the slots that the first enumeration promised.
 static int32_t alloc_slots(subkey_walk *walk, uint32_t promised) {
-    walk->names.items = static_cast<char **>(
-        prsr_alloc(walk->names.mem, walk->trc, SUBKEYS, promised * sizeof(char *)));
+    walk->names.items =
+        static_cast<char **>(prsr_alloc(walk->ctx, SUBKEYS, promised * sizeof(char *)));
     return walk->names.items != nullptr ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 
@@ -56,15 +55,14 @@ static int32_t keep_further_subkeys(subkey_walk *walk, uint32_t promised) {
         if (kv != KVTC_SUCCESS) return report_enumeration(*walk, kv);
         const int32_t rc = keep_subkey(walk, length);
         if (rc != PRSR_SUCCESS) return rc;
-        trcdprintf(walk->trc, TRCD_PROGRESS, " prsr_get_subkeys: out key name is %s",
+        trcdprintf(walk->ctx->trc, TRCD_PROGRESS, " prsr_get_subkeys: out key name is %s",
                    walk->names.items[walk->names.count - 1]);
     }
     return PRSR_SUCCESS;
 }
 
 static int32_t keep_all_subkeys(subkey_walk *walk) {
-    walk->name.text =
-        static_cast<char *>(prsr_alloc(walk->name.mem, walk->trc, SUBKEYS, NAME_CAPACITY));
+    walk->name.text = static_cast<char *>(prsr_alloc(walk->ctx, SUBKEYS, NAME_CAPACITY));
     if (walk->name.text == nullptr) return PRSR_ERR_MEMORY;
 
     uint32_t length = 0;
@@ -80,12 +78,12 @@ static int32_t keep_all_subkeys(subkey_walk *walk) {
     return keep_further_subkeys(walk, promised);
 }
 
-int32_t prsr_get_subkeys(void *mem, void *trc, void *reg, const char *inkey_name, char ***list,
+int32_t prsr_get_subkeys(const prsr_ctx *ctx, const char *inkey_name, char ***list,
                          uint32_t *count) {
     *count = 0;
-    subkey_walk walk(mem, trc, reg, inkey_name);
+    subkey_walk walk(ctx, inkey_name);
     if (walk.key.open(inkey_name) != KVTC_SUCCESS) {
-        trcdprintf(trc, TRCD_PROGRESS, "prsr_get_subkeys:NO SUBKEYS");
+        trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_subkeys:NO SUBKEYS");
         return PRSR_SUCCESS;
     }
     *list = nullptr;
@@ -98,12 +96,12 @@ int32_t prsr_get_subkeys(void *mem, void *trc, void *reg, const char *inkey_name
 
 // ---- Own values of subkeys ----------------------------------------------------------------------
 
-static int32_t read_own_value(void *mem, const prsr_reader &reader, const char *path,
-                              size_t name_length, char **value) {
-    prsr_key key(reader.reg);
+static int32_t read_own_value(const prsr_reader &reader, const char *path, size_t name_length,
+                              char **value) {
+    prsr_key key(reader.ctx->reg);
     if (prsr_open_reported(reader, path, &key) != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
-    prsr_block own(mem);
-    own.text = static_cast<char *>(prsr_alloc(mem, reader.trc, PRESERVED, name_length + 1));
+    prsr_block own(reader.ctx->mem);
+    own.text = static_cast<char *>(prsr_alloc(reader.ctx, PRESERVED, name_length + 1));
     if (own.text == nullptr) return PRSR_ERR_MEMORY;
     if (prsr_read_name_reported(reader, path, key, own.text, name_length) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
@@ -112,21 +110,21 @@ static int32_t read_own_value(void *mem, const prsr_reader &reader, const char *
     return PRSR_SUCCESS;
 }
 
-int32_t prsr_get_case_preserved_names(void *mem, void *trc, void *reg, const char *inkey_name,
+int32_t prsr_get_case_preserved_names(const prsr_ctx *ctx, const char *inkey_name,
                                       char *const *names, uint32_t count, char **values) {
-    const prsr_reader reader(trc, reg, PRESERVED);
+    const prsr_reader reader(ctx, PRESERVED);
     const std::string_view list_key = inkey_name;
     for (uint32_t i = 0; i < count; ++i) {
         const std::string_view name = names[i];
-        prsr_block path(mem);
-        if (!prsr_join_path(mem, trc, PRESERVED, 0, &path, list_key, name)) {
+        prsr_block path(ctx->mem);
+        if (!prsr_join_path(ctx, PRESERVED, 0, &path, list_key, name)) {
             return PRSR_ERR_MEMORY;
         }
-        const int32_t rc = read_own_value(mem, reader, path.text, name.size(), &values[i]);
+        const int32_t rc = read_own_value(reader, path.text, name.size(), &values[i]);
         if (rc != PRSR_SUCCESS) return rc;
         path.release();
-        trcdprintf(trc, TRCD_PROGRESS, "prsr_get_case_preserved_values: CASE PRESERVED NAME = %s",
-                   values[i]);
+        trcdprintf(ctx->trc, TRCD_PROGRESS,
+                   "prsr_get_case_preserved_values: CASE PRESERVED NAME = %s", values[i]);
     }
     return PRSR_SUCCESS;
 }

@@ -20,9 +20,9 @@ static int32_t ask_lock_service(void *status, prsr_ctx *ctx, int32_t mode, const
 static bool build_lock_name(prsr_ctx *ctx, const char *function, std::string_view root,
                             const char *name, prsr_block *path) {
     if (name == nullptr) {
-        return prsr_join_path(ctx->mem, ctx->trc, function, 1, path, LOCK_HEAD, root);
+        return prsr_join_path(ctx, function, 1, path, LOCK_HEAD, root);
     }
-    return prsr_join_path(ctx->mem, ctx->trc, function, 0, path, LOCK_HEAD, root, name);
+    return prsr_join_path(ctx, function, 0, path, LOCK_HEAD, root, name);
 }
 
 static int32_t take_lock(void *status, prsr_ctx *ctx, const char *function, std::string_view root,

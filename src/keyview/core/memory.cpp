@@ -5,14 +5,14 @@
 
 #include "platform/trcd.h"
 
-void prsr_report_allocation(void *trc, const char *function, size_t size) {
-    trcdprintf(trc, TRCD_FAILURE, "%s: failed to allocate %d bytes", function,
+void prsr_report_allocation(const prsr_ctx *ctx, const char *function, size_t size) {
+    trcdprintf(ctx->trc, TRCD_FAILURE, "%s: failed to allocate %d bytes", function,
                static_cast<int>(size));
 }
 
-void *prsr_alloc(void *mem, void *trc, const char *function, size_t size) {
-    void *block = tmem_allocm(mem, size);
-    if (block == nullptr) prsr_report_allocation(trc, function, size);
+void *prsr_alloc(const prsr_ctx *ctx, const char *function, size_t size) {
+    void *block = tmem_allocm(ctx->mem, size);
+    if (block == nullptr) prsr_report_allocation(ctx, function, size);
     return block;
 }
 
@@ -29,8 +29,8 @@ char *prsr_strndup(void *mem, const char *source, size_t n) {
     return fill_copy(tmem_allocm(mem, n + 1), source, n);
 }
 
-char *prsr_copy_text(void *mem, void *trc, const char *function, const char *source, size_t n) {
-    return fill_copy(prsr_alloc(mem, trc, function, n + 1), source, n);
+char *prsr_copy_text(const prsr_ctx *ctx, const char *function, const char *source, size_t n) {
+    return fill_copy(prsr_alloc(ctx, function, n + 1), source, n);
 }
 
 void prsr_free_block(void *mem, void *block) {

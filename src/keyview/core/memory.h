@@ -10,19 +10,19 @@
 
 #include <utility>
 
-#include "platform/tmem.h"
+#include "keyview/core/context.h"
 
 // Writes the line that every failed allocation leads to.
-void prsr_report_allocation(void *trc, const char *function, size_t size);
+void prsr_report_allocation(const prsr_ctx *ctx, const char *function, size_t size);
 
 // A zeroed block, or null after a line in the trace in the name of function.
-[[nodiscard]] void *prsr_alloc(void *mem, void *trc, const char *function, size_t size);
+[[nodiscard]] void *prsr_alloc(const prsr_ctx *ctx, const char *function, size_t size);
 
 // n bytes of source and a zero byte, or null: without memory, and for a null mem. Logs nothing.
 [[nodiscard]] char *prsr_strndup(void *mem, const char *source, size_t n);
 
 // The same through prsr_alloc: a failure is reported.
-[[nodiscard]] char *prsr_copy_text(void *mem, void *trc, const char *function, const char *source,
+[[nodiscard]] char *prsr_copy_text(const prsr_ctx *ctx, const char *function, const char *source,
                                    size_t n);
 
 // One block, given back at the end of the scope. Empty until something fills text.

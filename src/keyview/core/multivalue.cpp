@@ -12,11 +12,10 @@ constexpr char MULTIVALUES[] = "prsr_get_multivalues";
 
 namespace {
 struct multivalue {
-    multivalue(void *memory, void *trace, void *reg, const char *path)
-        : mem(memory), trc(trace), inkey_name(path), key(reg), first(memory), second(memory) {}
+    multivalue(const prsr_ctx *owner, const char *path)
+        : ctx(owner), inkey_name(path), key(owner->reg), first(owner->mem), second(owner->mem) {}
 
-    void *mem;
-    void *trc;
+    const prsr_ctx *ctx;
     const char *inkey_name;
     prsr_key key;
     prsr_block first;      // VALUE_CAPACITY bytes
@@ -40,7 +39,7 @@ static int32_t read_into(multivalue *value, size_t room, uint32_t capacity, prsr
 }
 
 static bool alloc_buffer(multivalue *value, size_t size, prsr_block *buffer) {
-    buffer->text = static_cast<char *>(prsr_alloc(value->mem, value->trc, MULTIVALUES, size));
+    buffer->text = static_cast<char *>(prsr_alloc(value->ctx, MULTIVALUES, size));
     return buffer->text != nullptr;
 }
 
@@ -57,8 +56,7 @@ static int32_t read_value(multivalue *value, bool *readable) {
     }
     *readable = kv == KVTC_SUCCESS;
     if (!*readable) {
-        prsr_report_registry_failure(value->trc, value->key.reg, MULTIVALUES, "kvtc_get_value",
-                                     value->inkey_name, kv);
+        prsr_reader(value->ctx, MULTIVALUES).report("kvtc_get_value", value->inkey_name, kv);
     }
     return PRSR_SUCCESS;
 }
@@ -71,7 +69,7 @@ static int32_t count_zero_bytes(const multivalue &value) {
 }
 
 static void log_value(const multivalue &value, const char *text) {
-    trcdprintf(value.trc, TRCD_PROGRESS, "prsr_get_multivalues: SUCCESS in getting value [%s]",
+    trcdprintf(value.ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: SUCCESS in getting value [%s]",
                text);
 }
 
@@ -94,19 +92,20 @@ static int32_t count_strings(const multivalue &value) {
     const int32_t zeros = count_zero_bytes(value);
     show_value(value, zeros > 0);
     if (value.size == 0) return 0;
-    trcdprintf(value.trc, TRCD_PROGRESS, "prsr_get_multivalues: Number of strings = %d", zeros - 1);
+    trcdprintf(value.ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: Number of strings = %d",
+               zeros - 1);
     return zeros - 1;
 }
 
 static int32_t keep_string(const multivalue &value, const char *string, size_t length,
                            char **slot) {
-    trcdprintf(value.trc, TRCD_PROGRESS, "prsr_get_multivalues: value length = %d",
+    trcdprintf(value.ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: value length = %d",
                static_cast<int>(length));
-    *slot = static_cast<char *>(prsr_alloc(value.mem, value.trc, MULTIVALUES, length + 1));
+    *slot = static_cast<char *>(prsr_alloc(value.ctx, MULTIVALUES, length + 1));
     if (*slot == nullptr) return PRSR_ERR_MEMORY;
-    trcdprintf(value.trc, TRCD_PROGRESS, "prsr_get_multivalues: successful memory allocation");
+    trcdprintf(value.ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: successful memory allocation");
     memcpy(*slot, string, length + 1);
-    trcdprintf(value.trc, TRCD_PROGRESS, "prsr_get_multivalues: next string = [%s]", *slot);
+    trcdprintf(value.ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: next string = [%s]", *slot);
     return PRSR_SUCCESS;
 }
 
@@ -123,13 +122,13 @@ static int32_t split(const multivalue &value, prsr_string_list *list) {
     return PRSR_SUCCESS;
 }
 
-int32_t prsr_get_multivalues(void *mem, void *trc, void *reg, const char *inkey_name, char ***list,
+int32_t prsr_get_multivalues(const prsr_ctx *ctx, const char *inkey_name, char ***list,
                              uint32_t *count) {
     *count = 0;
-    trcdprintf(trc, TRCD_PROGRESS, "prsr_get_multivalues: inkey_name = %s", inkey_name);
-    multivalue value(mem, trc, reg, inkey_name);
+    trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues: inkey_name = %s", inkey_name);
+    multivalue value(ctx, inkey_name);
     if (value.key.open(inkey_name) != KVTC_SUCCESS) {
-        trcdprintf(trc, TRCD_PROGRESS, "prsr_get_multivalues:NO SUBKEYS");
+        trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_multivalues:NO SUBKEYS");
         return PRSR_SUCCESS;
     }
     bool readable = false;
@@ -142,9 +141,9 @@ int32_t prsr_get_multivalues(void *mem, void *trc, void *reg, const char *inkey_
         value.key.close();  // an empty list closes the key before it frees the buffers
         return PRSR_SUCCESS;
     }
-    prsr_string_list split_list(mem);
+    prsr_string_list split_list(ctx->mem);
     split_list.items = static_cast<char **>(
-        prsr_alloc(mem, trc, MULTIVALUES, static_cast<size_t>(strings) * sizeof(char *)));
+        prsr_alloc(ctx, MULTIVALUES, static_cast<size_t>(strings) * sizeof(char *)));
     if (split_list.items == nullptr) return PRSR_ERR_MEMORY;
     split_list.count = static_cast<uint32_t>(strings);
     rc = split(value, &split_list);

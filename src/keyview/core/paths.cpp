@@ -8,8 +8,7 @@
 static bool alloc_copy(const prsr_ctx *ctx, const char *function, const char *name, size_t spare,
                        prsr_name *copy) {
     copy->length = strlen(name);
-    copy->block.text =
-        static_cast<char *>(prsr_alloc(ctx->mem, ctx->trc, function, copy->length + spare));
+    copy->block.text = static_cast<char *>(prsr_alloc(ctx, function, copy->length + spare));
     return copy->block.text != nullptr;
 }
 
@@ -31,9 +30,9 @@ void prsr_map_service_name(prsr_name *copy) {
     (void)txtrep(copy->block.text, copy->length, copy->length + 2, ".", 1, "*", 1, &unread);
 }
 
-bool prsr_alloc_path(void *trc, const char *function, size_t block_capacity,
+bool prsr_alloc_path(const prsr_ctx *ctx, const char *function, size_t block_capacity,
                      prsr_path_block *path) {
-    path->text = static_cast<char *>(prsr_alloc(path->mem, trc, function, block_capacity));
+    path->text = static_cast<char *>(prsr_alloc(ctx, function, block_capacity));
     path->capacity = block_capacity;
     return path->text != nullptr;
 }

@@ -65,7 +65,7 @@ struct prsr_path_block : prsr_path {
 };
 
 // Allocates a block of capacity bytes. False after a report.
-[[nodiscard]] bool prsr_alloc_path(void *trc, const char *function, size_t block_capacity,
+[[nodiscard]] bool prsr_alloc_path(const prsr_ctx *ctx, const char *function, size_t block_capacity,
                                    prsr_path_block *path);
 
 // ---- How elements are written -------------------------------------------------------------------
@@ -90,12 +90,12 @@ bool prsr_append_elements(prsr_path *path, size_t kept, Views... elements) {
 }
 
 template <typename... Views>
-bool prsr_join_elements(void *mem, void *trc, const char *function, size_t spare, prsr_block *block,
+bool prsr_join_elements(const prsr_ctx *ctx, const char *function, size_t spare, prsr_block *block,
                         std::string_view first, Views... elements) {
     const size_t size = first.size() + (size_t{0} + ... + (elements.size() + 1)) + 1 + spare;
-    block->text = static_cast<char *>(tmem_allocm(mem, size));
+    block->text = static_cast<char *>(tmem_allocm(ctx->mem, size));
     if (block->text == nullptr) {
-        if (function != nullptr) prsr_report_allocation(trc, function, size);
+        if (function != nullptr) prsr_report_allocation(ctx, function, size);
         return false;
     }
     prsr_path path{block->text, size, 0};
@@ -130,9 +130,9 @@ template <typename... Elements>
 // Joins elements by "." in a new block of their length, the zero byte and spare bytes. False after
 // a report, or without one if function is null.
 template <typename... Elements>
-[[nodiscard]] bool prsr_join_path(void *mem, void *trc, const char *function, size_t spare,
+[[nodiscard]] bool prsr_join_path(const prsr_ctx *ctx, const char *function, size_t spare,
                                   prsr_block *path, const Elements &...elements) {
-    return prsr_join_elements(mem, trc, function, spare, path, std::string_view(elements)...);
+    return prsr_join_elements(ctx, function, spare, path, std::string_view(elements)...);
 }
 
 #endif

@@ -6,17 +6,17 @@
 #include "keyview/core/memory.h"
 #include "platform/trcd.h"
 
-void prsr_report_registry_failure(void *trc, void *reg, const char *function, const char *operation,
-                                  const char *key_path, int32_t kv) {
+void prsr_reader::report(const char *operation, const char *path, int32_t kv) const {
     char message[1024] = {};  // all of it: a text without its zero byte must not show our stack
     uint32_t size = sizeof message;
     int32_t code = 0;
-    (void)kvtc_get_last_error(reg, &code, message, &size);  // what it cannot tell stays empty
+    (void)kvtc_get_last_error(ctx->reg, &code, message,
+                              &size);  // what it does not fill stays empty
     message[sizeof message - 1] = '\0';
-    trcdprintf(trc, TRCD_FAILURE, "%s: KVT api %s failed for key %s with %d", function, operation,
-               key_path, kv);
-    trcdprintf(trc, TRCD_FAILURE, "KVT error code : %d", code);
-    trcdprintf(trc, TRCD_FAILURE, "KVT error msg : %s", message);
+    trcdprintf(ctx->trc, TRCD_FAILURE, "%s: KVT api %s failed for key %s with %d", function,
+               operation, path, kv);
+    trcdprintf(ctx->trc, TRCD_FAILURE, "KVT error code : %d", code);
+    trcdprintf(ctx->trc, TRCD_FAILURE, "KVT error msg : %s", message);
 }
 
 int32_t prsr_read_value(const prsr_key &key, prsr_value *value) {
@@ -74,7 +74,7 @@ int32_t prsr_read_name_reported(const prsr_reader &reader, const char *path, con
 constexpr char OPEN_GET_VALUE[] = "prsr_open_get_value";
 constexpr uint32_t FIRST_CAPACITY = 64;
 
-// A block with the capacity that the registry is told. It is never read beyond.
+// A block with the capacity that the registry may fill. Nothing reads beyond it.
 struct growing_value {
     char **block;
     uint32_t capacity;
@@ -83,7 +83,7 @@ struct growing_value {
 static bool alloc_value(prsr_ctx *ctx, uint32_t capacity, growing_value *value) {
     // A registry that asks for 0 bytes more than it has gets a block that still holds a zero byte.
     const size_t size = capacity > 0 ? capacity : 1;
-    *value->block = static_cast<char *>(prsr_alloc(ctx->mem, ctx->trc, OPEN_GET_VALUE, size));
+    *value->block = static_cast<char *>(prsr_alloc(ctx, OPEN_GET_VALUE, size));
     value->capacity = capacity;
     return *value->block != nullptr;
 }
@@ -99,18 +99,18 @@ static int32_t terminate(prsr_ctx *ctx, const growing_value &value) {
     if (value.capacity == 0 || memchr(*value.block, '\0', value.capacity) != nullptr) {
         return PRSR_SUCCESS;
     }
-    char *longer = prsr_copy_text(ctx->mem, ctx->trc, OPEN_GET_VALUE, *value.block, value.capacity);
+    char *longer = prsr_copy_text(ctx, OPEN_GET_VALUE, *value.block, value.capacity);
     tmem_freem(ctx->mem, *value.block);
     *value.block = longer;
     return longer != nullptr ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 
-int32_t prsr_open_get_value(prsr_ctx *ctx, void *reg, const char *key_name, char **value) {
+int32_t prsr_open_get_value(prsr_ctx *ctx, const char *key_name, char **value) {
     growing_value grown{value, 0};
     if (!alloc_value(ctx, FIRST_CAPACITY, &grown)) return PRSR_ERR_MEMORY;
 
-    const prsr_reader reader(ctx->trc, reg, OPEN_GET_VALUE);
-    prsr_key key(reg);
+    const prsr_reader reader(ctx, OPEN_GET_VALUE);
+    prsr_key key(ctx->reg);
     if (prsr_open_reported(reader, key_name, &key) != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
     uint32_t size = 0;
     int32_t kv = read_into(key, grown, &size);

@@ -14,11 +14,6 @@
 constexpr uint32_t VALUE_CAPACITY = 1024;  // of a value buffer, the zero byte included
 constexpr uint32_t NAME_CAPACITY = 2048;   // of a subkey name buffer, the zero byte included
 
-// Writes the three lines that every failed registry call leads to. kv is the call's result; the
-// registry is asked for its own code and text. Changes nothing.
-void prsr_report_registry_failure(void *trc, void *reg, const char *function, const char *operation,
-                                  const char *key_path, int32_t kv);
-
 // An open key, closed at the end of the scope. Closed at first.
 struct prsr_key {
     explicit prsr_key(void *client) : reg(client) {}
@@ -80,18 +75,15 @@ struct prsr_value {
 [[nodiscard]] int32_t prsr_first_subkey(const prsr_key &key, char *name, uint32_t *length,
                                         uint32_t *count);
 
-// In whose name, and with which handles, a part of the library reads.
+// The context of a read, and the function whose name its reports bear.
 struct prsr_reader {
-    prsr_reader(void *trace, void *client, const char *name)
-        : trc(trace), reg(client), function(name) {}
-    prsr_reader(const prsr_ctx *ctx, const char *name) : prsr_reader(ctx->trc, ctx->reg, name) {}
+    prsr_reader(const prsr_ctx *owner, const char *name) : ctx(owner), function(name) {}
 
-    void report(const char *operation, const char *path, int32_t kv) const {
-        prsr_report_registry_failure(trc, reg, function, operation, path, kv);
-    }
+    // Writes the three lines that every failed registry call leads to: kv is the call's result, and
+    // the registry adds its own code and text. Changes nothing.
+    void report(const char *operation, const char *path, int32_t kv) const;
 
-    void *trc;
-    void *reg;
+    const prsr_ctx *ctx;
     const char *function;
 };
 
@@ -111,13 +103,11 @@ struct prsr_reader {
 
 // Reads one value of any length into a block of its own.
 //
-// value  out, a string. It is the caller's on failure as well, unless it is null: a key that cannot
-// be
-//        opened or read leaves an empty string behind, a lack of memory null.
+// value  out, a string. The caller owns it on failure as well, unless it is null: a key that cannot
+//        be opened or read leaves an empty string behind, a lack of memory null.
 //
-// A failure is reported in the name of this function; a missing key is no special case. Takes no
-// lock. Returns PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY.
-[[nodiscard]] int32_t prsr_open_get_value(prsr_ctx *ctx, void *reg, const char *key_name,
-                                          char **value);
+// Failures are reported under this function's name; a missing key is no special case. Takes no lock.
+// Returns PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY.
+[[nodiscard]] int32_t prsr_open_get_value(prsr_ctx *ctx, const char *key_name, char **value);
 
 #endif

@@ -25,9 +25,7 @@ struct db_fetch {
           lock(owner) {}
 
     [[nodiscard]] prsr_reader reader() const { return {ctx, FETCH_DB}; }
-    [[nodiscard]] void *alloc(size_t size) const {
-        return prsr_alloc(ctx->mem, ctx->trc, FETCH_DB, size);
-    }
+    [[nodiscard]] void *alloc(size_t size) const { return prsr_alloc(ctx, FETCH_DB, size); }
 
     prsr_ctx *ctx;
     prsr_name dbname;

@@ -30,13 +30,12 @@ struct instance_load {
 
 static int32_t alloc_buffers(instance_load *load) {
     prsr_ctx *ctx = load->ctx;
-    load->value_buffer.text =
-        static_cast<char *>(prsr_alloc(ctx->mem, ctx->trc, FILL_INSTANCE, VALUE_CAPACITY));
+    load->value_buffer.text = static_cast<char *>(prsr_alloc(ctx, FILL_INSTANCE, VALUE_CAPACITY));
     if (load->value_buffer.text == nullptr) return PRSR_ERR_MEMORY;
     load->value.buffer = load->value_buffer.text;
-    if (!prsr_alloc_path(ctx->trc, FILL_INSTANCE, PATH_CAPACITY, &load->field_key))
+    if (!prsr_alloc_path(ctx, FILL_INSTANCE, PATH_CAPACITY, &load->field_key))
         return PRSR_ERR_MEMORY;
-    if (!prsr_alloc_path(ctx->trc, FILL_INSTANCE, PATH_CAPACITY, &load->inst_key))
+    if (!prsr_alloc_path(ctx, FILL_INSTANCE, PATH_CAPACITY, &load->inst_key))
         return PRSR_ERR_MEMORY;
     return PRSR_SUCCESS;
 }
@@ -78,8 +77,7 @@ static int32_t load_node(instance_load *load) {
     if (prsr_read_reported(reader, path, key, &load->value) != KVTC_SUCCESS) return PRSR_SUCCESS;
 
     const uint32_t length = load->value.length();
-    load->inst->node =
-        prsr_copy_text(load->ctx->mem, load->ctx->trc, FILL_INSTANCE, load->value.buffer, length);
+    load->inst->node = prsr_copy_text(load->ctx, FILL_INSTANCE, load->value.buffer, length);
     if (load->inst->node == nullptr) return PRSR_ERR_MEMORY;
     trcdprintf(load->ctx->trc, TRCD_PROGRESS, "prsr_fill_instance: Node Name = %s , val_size = %d",
                load->inst->node, static_cast<int>(length));
@@ -89,8 +87,8 @@ static int32_t load_node(instance_load *load) {
 static int32_t load_env(instance_load *load) {
     if (!build_field_key(load, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // An unreadable list is an empty one; the reader has logged it.
-    (void)prsr_get_multivalues(load->ctx->mem, load->ctx->trc, load->ctx->reg, load->field_key.text,
-                               &load->inst->env, &load->inst->env_n);
+    (void)prsr_get_multivalues(load->ctx, load->field_key.text, &load->inst->env,
+                               &load->inst->env_n);
     return PRSR_SUCCESS;
 }
 
@@ -114,8 +112,7 @@ static int32_t drop_record(instance_load *load, prsr_inst_cfg **inst_slot, int32
 
 // What comes once the record hangs in its slot.
 static int32_t load_instance(instance_load *load, prsr_inst_cfg **inst_slot, size_t name_length) {
-    load->inst->name = static_cast<char *>(
-        prsr_alloc(load->ctx->mem, load->ctx->trc, FILL_INSTANCE, name_length + 1));
+    load->inst->name = static_cast<char *>(prsr_alloc(load->ctx, FILL_INSTANCE, name_length + 1));
     if (load->inst->name == nullptr) return drop_record(load, inst_slot, PRSR_ERR_MEMORY);
     int32_t rc = load_name(load, name_length);
     if (rc != PRSR_SUCCESS) return rc;
@@ -132,8 +129,7 @@ int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key, prsr_inst_cfg **in
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fill_instance: db_key = %s key name = %s", db_key,
                key_name);
     instance_load load(ctx);
-    load.inst = static_cast<prsr_inst_cfg *>(
-        prsr_alloc(ctx->mem, ctx->trc, FILL_INSTANCE, sizeof(prsr_inst_cfg)));
+    load.inst = static_cast<prsr_inst_cfg *>(prsr_alloc(ctx, FILL_INSTANCE, sizeof(prsr_inst_cfg)));
     if (load.inst == nullptr) return PRSR_ERR_MEMORY;
     int32_t rc = alloc_buffers(&load);
     if (rc == PRSR_SUCCESS) rc = build_instance_key(&load, db_key, key_name);

@@ -18,7 +18,7 @@ int32_t prsr_list_db(void *status, prsr_ctx *ctx, char ***db_list, uint32_t *db_
 
     prsr_string_list folded(ctx->mem);
     // A failure leaves a count of 0, which lists no databases; the reader has logged it.
-    (void)prsr_get_subkeys(ctx->mem, ctx->trc, ctx->reg, root, &folded.items, db_count);
+    (void)prsr_get_subkeys(ctx, root, &folded.items, db_count);
     folded.count = *db_count;
     const size_t size = *db_count * sizeof(char *);
     *db_list = static_cast<char **>(tmem_allocm(ctx->mem, size));
@@ -27,8 +27,7 @@ int32_t prsr_list_db(void *status, prsr_ctx *ctx, char ***db_list, uint32_t *db_
                    static_cast<int>(size));
         return PRSR_ERR_ARGUMENT;
     }
-    return prsr_get_case_preserved_names(ctx->mem, ctx->trc, ctx->reg, root, folded.items,
-                                         *db_count, *db_list);
+    return prsr_get_case_preserved_names(ctx, root, folded.items, *db_count, *db_list);
 }
 
 int32_t prsr_release_db_list(void *, prsr_ctx *ctx, char **db_list, uint32_t db_count) noexcept {

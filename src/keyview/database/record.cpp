@@ -23,8 +23,7 @@ static int32_t build_database_key(db_fetch *fetch, const char *dbname) {
     prsr_fold_name(dbname, &fetch->dbname);
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config:length is %d",
                static_cast<int>(DB_ROOT.size() + fetch->dbname.length + 2));
-    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_DB, 0, &fetch->db_key, DB_ROOT,
-                        fetch->dbname.element())) {
+    if (!prsr_join_path(ctx, FETCH_DB, 0, &fetch->db_key, DB_ROOT, fetch->dbname.element())) {
         return PRSR_ERR_MEMORY;
     }
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: DB key is %s", fetch->db_key.text);
@@ -63,7 +62,7 @@ static int32_t load_sp_name(db_fetch *fetch) {
 }
 
 static int32_t alloc_buffers(db_fetch *fetch) {
-    if (!prsr_alloc_path(fetch->ctx->trc, FETCH_DB, PATH_CAPACITY, &fetch->field_key))
+    if (!prsr_alloc_path(fetch->ctx, FETCH_DB, PATH_CAPACITY, &fetch->field_key))
         return PRSR_ERR_MEMORY;
     fetch->value_buffer.text = static_cast<char *>(fetch->alloc(VALUE_CAPACITY));
     if (fetch->value_buffer.text == nullptr) return PRSR_ERR_MEMORY;

@@ -22,8 +22,7 @@ static const prsr_string_field STRING_FIELDS[] = {
 
 // Copies the value that was read last into a field.
 static int32_t keep_value(db_fetch *fetch, char **field) {
-    *field = prsr_copy_text(fetch->ctx->mem, fetch->ctx->trc, FETCH_DB, fetch->value.buffer,
-                            fetch->value.length());
+    *field = prsr_copy_text(fetch->ctx, FETCH_DB, fetch->value.buffer, fetch->value.length());
     return *field != nullptr ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 
@@ -86,7 +85,7 @@ static int32_t load_policy(db_fetch *fetch) {
     if (kv == KVTC_ERR_KEY_NOT_FOUND) {
         *field = prsr_strndup(fetch->ctx->mem, DEFAULT_POLICY.data(), DEFAULT_POLICY.size());
         if (*field != nullptr) return PRSR_SUCCESS;
-        prsr_report_allocation(fetch->ctx->trc, FETCH_DB, DEFAULT_POLICY.size() + 1);
+        prsr_report_allocation(fetch->ctx, FETCH_DB, DEFAULT_POLICY.size() + 1);
         return PRSR_ERR_MEMORY;
     }
     fetch->reader().report("kvtc_open_key", path, kv);
@@ -150,8 +149,7 @@ int32_t prsr_load_db_enabled(db_fetch *fetch) {
 int32_t prsr_load_db_env(db_fetch *fetch) {
     if (!prsr_build_db_field(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // A list that cannot be read is an empty one; the reader has logged it.
-    (void)prsr_get_multivalues(fetch->ctx->mem, fetch->ctx->trc, fetch->ctx->reg,
-                               fetch->field_key.text, &fetch->record.cfg->env,
+    (void)prsr_get_multivalues(fetch->ctx, fetch->field_key.text, &fetch->record.cfg->env,
                                &fetch->record.cfg->env_n);
     return PRSR_SUCCESS;
 }

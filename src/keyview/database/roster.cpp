@@ -79,7 +79,7 @@ static int32_t alloc_arrays(const roster &run, size_t count) {
     if (*run.out.avail == nullptr) missing = avail_size;
     if (*run.out.inst_names == nullptr || *run.out.node_names == nullptr) missing = names_size;
     if (missing == 0) return PRSR_SUCCESS;
-    prsr_report_allocation(run.ctx->trc, ROSTER, missing);
+    prsr_report_allocation(run.ctx, ROSTER, missing);
     return PRSR_ERR_MEMORY;
 }
 
@@ -96,8 +96,7 @@ static int32_t read_key(roster *run, bool fits) {
 
 // Copies the value that was read last into a slot.
 static int32_t keep_value(const roster &run, char **slot) {
-    *slot =
-        prsr_copy_text(run.ctx->mem, run.ctx->trc, ROSTER, run.value.buffer, run.value.length());
+    *slot = prsr_copy_text(run.ctx, ROSTER, run.value.buffer, run.value.length());
     return *slot != nullptr ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 

@@ -43,7 +43,7 @@ struct filling_list {
 }  // namespace
 
 static void *alloc_array(service_load *load, size_t count, size_t slot_size) {
-    return prsr_alloc(load->ctx->mem, load->ctx->trc, FILL_SERVICE, count * slot_size);
+    return prsr_alloc(load->ctx, FILL_SERVICE, count * slot_size);
 }
 
 // ---- One instance's type ------------------------------------------------------------------------
@@ -120,8 +120,7 @@ static int32_t read_flag(service_load *load, int32_t *flag) {
     const std::string_view type_key = load->field_key.view();
     const std::string_view instance_key(type_key.data(), type_key.size() - TYPE.size() - 1);
     prsr_block path(ctx->mem);
-    if (!prsr_join_path(ctx->mem, ctx->trc, FILL_SERVICE, 3, &path, instance_key,
-                        model::KEY_ENABLED)) {
+    if (!prsr_join_path(ctx, FILL_SERVICE, 3, &path, instance_key, model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
     (void)prsr_get_enabled_key(nullptr, ctx, load->dbname, path.text, flag);
@@ -165,9 +164,8 @@ static int32_t read_preserved_names(service_load *load, const char *list_key,
     named->preserved.items = static_cast<char **>(alloc_array(load, count, sizeof(char *)));
     if (named->preserved.items == nullptr) return PRSR_ERR_MEMORY;
     named->preserved.count = count;
-    const int32_t rc =
-        prsr_get_case_preserved_names(ctx->mem, ctx->trc, ctx->reg, list_key, named->subkeys.items,
-                                      count, named->preserved.items);
+    const int32_t rc = prsr_get_case_preserved_names(ctx, list_key, named->subkeys.items, count,
+                                                     named->preserved.items);
     if (rc != PRSR_SUCCESS) {
         trcdprintf(ctx->trc, TRCD_FAILURE,
                    "prsr_fill_service: prsr_get_case_preserved_names failed, rc = %d", rc);
@@ -182,8 +180,7 @@ int32_t prsr_load_service_instances(service_load *load, bool *any) {
     const char *list_key = load->field_key.text;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fill_service: key name = [%s]", list_key);
     named_instances named(ctx->mem);
-    int32_t rc = prsr_get_subkeys(ctx->mem, ctx->trc, ctx->reg, list_key, &named.subkeys.items,
-                                  &named.subkeys.count);
+    int32_t rc = prsr_get_subkeys(ctx, list_key, &named.subkeys.items, &named.subkeys.count);
     // Subkeys that cannot be read are no subkeys; the reader has logged it.
     if (rc != PRSR_SUCCESS || named.subkeys.count == 0) return PRSR_SUCCESS;
 

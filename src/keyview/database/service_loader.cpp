@@ -12,14 +12,12 @@
 
 static int32_t alloc_buffers(service_load *load) {
     prsr_ctx *ctx = load->ctx;
-    load->value_buffer.text =
-        static_cast<char *>(prsr_alloc(ctx->mem, ctx->trc, FILL_SERVICE, VALUE_CAPACITY));
+    load->value_buffer.text = static_cast<char *>(prsr_alloc(ctx, FILL_SERVICE, VALUE_CAPACITY));
     if (load->value_buffer.text == nullptr) return PRSR_ERR_MEMORY;
     load->value.buffer = load->value_buffer.text;
-    if (!prsr_alloc_path(ctx->trc, FILL_SERVICE, PATH_CAPACITY, &load->field_key))
+    if (!prsr_alloc_path(ctx, FILL_SERVICE, PATH_CAPACITY, &load->field_key))
         return PRSR_ERR_MEMORY;
-    if (!prsr_alloc_path(ctx->trc, FILL_SERVICE, PATH_CAPACITY, &load->srv_key))
-        return PRSR_ERR_MEMORY;
+    if (!prsr_alloc_path(ctx, FILL_SERVICE, PATH_CAPACITY, &load->srv_key)) return PRSR_ERR_MEMORY;
     return PRSR_SUCCESS;
 }
 
@@ -41,8 +39,7 @@ bool prsr_build_service_field(service_load *load, std::string_view element) {
 // Reads the service's own value straight into the name.
 static int32_t load_name(service_load *load) {
     const size_t length = load->srvname.size();
-    load->srv->name =
-        static_cast<char *>(prsr_alloc(load->ctx->mem, load->ctx->trc, FILL_SERVICE, length + 1));
+    load->srv->name = static_cast<char *>(prsr_alloc(load->ctx, FILL_SERVICE, length + 1));
     if (load->srv->name == nullptr) return PRSR_ERR_MEMORY;
 
     const prsr_reader &reader = load->reader;
@@ -61,8 +58,7 @@ static int32_t load_name(service_load *load) {
 static int32_t load_env(service_load *load) {
     if (!prsr_build_service_field(load, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
     // An unreadable list is an empty one; the reader has logged it.
-    (void)prsr_get_multivalues(load->ctx->mem, load->ctx->trc, load->ctx->reg, load->field_key.text,
-                               &load->srv->env, &load->srv->env_n);
+    (void)prsr_get_multivalues(load->ctx, load->field_key.text, &load->srv->env, &load->srv->env_n);
     return PRSR_SUCCESS;
 }
 
@@ -103,8 +99,7 @@ int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,
                "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname, dbkey,
                srvname);
     service_load load(ctx, dbname, srvname);
-    load.srv = static_cast<prsr_srv_cfg *>(
-        prsr_alloc(ctx->mem, ctx->trc, FILL_SERVICE, sizeof(prsr_srv_cfg)));
+    load.srv = static_cast<prsr_srv_cfg *>(prsr_alloc(ctx, FILL_SERVICE, sizeof(prsr_srv_cfg)));
     if (load.srv == nullptr) return PRSR_ERR_MEMORY;
     int32_t rc = alloc_buffers(&load);
     if (rc == PRSR_SUCCESS) rc = build_service_key(&load, dbkey);

@@ -28,7 +28,7 @@ static int32_t find_database_flag(prsr_ctx *ctx, const char *function, const cha
                                   database_flag *flag) {
     if (!prsr_alloc_name(ctx, function, dbname, &flag->dbname)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &flag->dbname);
-    const bool joined = prsr_join_path(ctx->mem, ctx->trc, function, 1, &flag->path, DB_ROOT,
+    const bool joined = prsr_join_path(ctx, function, 1, &flag->path, DB_ROOT,
                                        flag->dbname.element(), model::KEY_ENABLED);
     return joined ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
@@ -43,9 +43,9 @@ static int32_t fold_instance_names(prsr_ctx *ctx, const char *function, const ch
 }
 
 static int32_t join_instance_path(prsr_ctx *ctx, const char *function, instance_flag *flag) {
-    const bool joined = prsr_join_path(ctx->mem, ctx->trc, function, 2, &flag->path, DB_ROOT,
-                                       flag->dbname.element(), model::KEY_INSTANCE,
-                                       flag->instname.element(), model::KEY_ENABLED);
+    const bool joined =
+        prsr_join_path(ctx, function, 2, &flag->path, DB_ROOT, flag->dbname.element(),
+                       model::KEY_INSTANCE, flag->instname.element(), model::KEY_ENABLED);
     if (!joined) return PRSR_ERR_MEMORY;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "%s: key_name = [%s]", function, flag->path.text);
     return PRSR_SUCCESS;

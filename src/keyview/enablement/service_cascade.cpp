@@ -46,7 +46,7 @@ static int32_t alloc_cascade_path(cascade *run) {
     const size_t capacity = DB_ROOT.size() + run->names.database.length +
                             sizeof model::KEY_SERVICE - 1 + run->names.service.length +
                             std::max(FLAG.size(), LIST.size()) + 7;
-    if (!prsr_alloc_path(run->ctx->trc, SET_SERVICE, capacity, &run->path)) return PRSR_ERR_MEMORY;
+    if (!prsr_alloc_path(run->ctx, SET_SERVICE, capacity, &run->path)) return PRSR_ERR_MEMORY;
     // Neither can fail: the block was sized for the longer of the two paths.
     (void)prsr_start_path(&run->path, DB_ROOT, run->names.database.element(), model::KEY_SERVICE,
                           run->names.service.element());
@@ -63,10 +63,9 @@ static int32_t report_enumeration(const cascade &run, int32_t kv) {
 // Writes the flag of the instance whose element is at hand.
 static int32_t write_instance(const cascade &run) {
     prsr_block flag_path(run.ctx->mem);
-    if (!prsr_join_path(run.ctx->mem, run.ctx->trc, SET_SERVICE, 2, &flag_path, DB_ROOT,
-                        run.names.database.element(), model::KEY_SERVICE,
-                        run.names.service.element(), model::KEY_INSTANCES, run.subkey.text,
-                        model::KEY_ENABLED)) {
+    if (!prsr_join_path(run.ctx, SET_SERVICE, 2, &flag_path, DB_ROOT, run.names.database.element(),
+                        model::KEY_SERVICE, run.names.service.element(), model::KEY_INSTANCES,
+                        run.subkey.text, model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
     return run.write(flag_path.text);
@@ -94,8 +93,7 @@ static int32_t run_cascade(cascade *run) {
     if (prsr_open_reported(reader, run->path.text, &run->list) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
     }
-    run->subkey.text =
-        static_cast<char *>(prsr_alloc(run->ctx->mem, run->ctx->trc, SET_SERVICE, NAME_CAPACITY));
+    run->subkey.text = static_cast<char *>(prsr_alloc(run->ctx, SET_SERVICE, NAME_CAPACITY));
     if (run->subkey.text == nullptr) return PRSR_ERR_MEMORY;
 
     uint32_t length = 0;
@@ -130,7 +128,7 @@ int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
     prsr_block path(ctx->mem);
     const int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &names);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 2, &path, DB_ROOT, names.database.element(),
+    if (!prsr_join_path(ctx, __func__, 2, &path, DB_ROOT, names.database.element(),
                         model::KEY_SERVICE, names.service.element(), model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }

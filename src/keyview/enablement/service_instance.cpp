@@ -43,7 +43,7 @@ static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char 
 
 static bool join_flag_path(const prsr_ctx *ctx, const char *function, const instance_names &names,
                            prsr_block *path) {
-    return prsr_join_path(ctx->mem, ctx->trc, function, 3, path, DB_ROOT, names.database.element(),
+    return prsr_join_path(ctx, function, 3, path, DB_ROOT, names.database.element(),
                           model::KEY_SERVICE, names.service.element(), model::KEY_INSTANCES,
                           names.instance.element(), model::KEY_ENABLED);
 }
@@ -116,13 +116,13 @@ static int32_t alloc_query(support_query *query, const char *function, const cha
     prsr_fold_name(instname, &names->instance);
     prsr_map_service_name(&names->service);  // last, unlike in the two operations above
     // A lack of memory for the base path is the one that leaves no message.
-    if (!prsr_join_path(ctx->mem, ctx->trc, nullptr, 3, &query->base, DB_ROOT,
-                        names->database.element(), model::KEY_SERVICE, names->service.element(),
-                        model::KEY_INSTANCES, names->instance.element())) {
+    if (!prsr_join_path(ctx, nullptr, 3, &query->base, DB_ROOT, names->database.element(),
+                        model::KEY_SERVICE, names->service.element(), model::KEY_INSTANCES,
+                        names->instance.element())) {
         return PRSR_ERR_MEMORY;
     }
-    return prsr_alloc_path(ctx->trc, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
-                                                                            : PRSR_ERR_MEMORY;
+    return prsr_alloc_path(ctx, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
+                                                                       : PRSR_ERR_MEMORY;
 }
 
 int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx, const char *dbname,
@@ -135,7 +135,7 @@ int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx, const c
     int32_t rc = alloc_query(&query, __func__, dbname, srvname, instname);
     if (rc != PRSR_SUCCESS) return rc;
     if (!prsr_start_path(&query.path, query.base.text, model::KEY_TYPE)) return PRSR_ERR_ARGUMENT;
-    rc = prsr_open_get_value(ctx, ctx->reg, query.path.text, &query.type.text);
+    rc = prsr_open_get_value(ctx, query.path.text, &query.type.text);
     if (rc != PRSR_SUCCESS) return rc;
     const char *type = query.type.text;
     if (strcmp(type, model::TYPE_PREFERRED) != 0 && strcmp(type, model::TYPE_AVAILABLE) != 0)

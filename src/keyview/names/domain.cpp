@@ -10,15 +10,14 @@ int32_t prsr_get_domain(void *, prsr_ctx *ctx, const char *dbname, char **domain
     prsr_block path(ctx->mem);
     if (!prsr_alloc_name(ctx, __func__, dbname, &name)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &name);
-    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 1, &path, DB_ROOT, name.element(),
-                        model::KEY_DOMAIN)) {
+    if (!prsr_join_path(ctx, __func__, 1, &path, DB_ROOT, name.element(), model::KEY_DOMAIN)) {
         return PRSR_ERR_MEMORY;
     }
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_domain: key_name = [%s]", path.text);
 
     *domain = nullptr;
     prsr_block value(ctx->mem);
-    const int32_t rc = prsr_open_get_value(ctx, ctx->reg, path.text, &value.text);
+    const int32_t rc = prsr_open_get_value(ctx, path.text, &value.text);
     if (rc == PRSR_SUCCESS) *domain = value.take();
     return rc;
 }

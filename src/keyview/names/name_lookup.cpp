@@ -34,7 +34,7 @@ int32_t prsr_get_spname(void *, prsr_ctx *ctx, const char *dbname, uint32_t bufs
     name_lookup lookup(ctx);
     if (!prsr_alloc_name(ctx, __func__, dbname, &lookup.dbname)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &lookup.dbname);
-    if (!prsr_alloc_path(ctx->trc, __func__, PATH_CAPACITY, &lookup.path)) return PRSR_ERR_MEMORY;
+    if (!prsr_alloc_path(ctx, __func__, PATH_CAPACITY, &lookup.path)) return PRSR_ERR_MEMORY;
     const bool fits = prsr_start_path(&lookup.path, DB_ROOT, lookup.dbname.element());
     return look_up(ctx, __func__, fits, &lookup, bufsize, buf);
 }
@@ -48,7 +48,7 @@ int32_t prsr_get_instance_name(void *, prsr_ctx *ctx, const char *dbname, const 
     if (!prsr_alloc_name(ctx, __func__, instname, &lookup.instname)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &lookup.dbname);
     prsr_fold_name(instname, &lookup.instname);
-    if (!prsr_alloc_path(ctx->trc, __func__, PATH_CAPACITY, &lookup.path)) return PRSR_ERR_MEMORY;
+    if (!prsr_alloc_path(ctx, __func__, PATH_CAPACITY, &lookup.path)) return PRSR_ERR_MEMORY;
     const bool fits = prsr_start_path(&lookup.path, DB_ROOT, lookup.dbname.element(),
                                       model::KEY_INSTANCE, lookup.instname.element());
     return look_up(ctx, __func__, fits, &lookup, bufsize, buf);

@@ -49,8 +49,8 @@ static int32_t alloc_walk(node_walk *walk, const char *dbname, const char *noden
     if (!prsr_alloc_name(ctx, NODE_INSTANCE, nodename, &walk->nodename)) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &walk->dbname);
     prsr_fold_name(nodename, &walk->nodename);
-    return prsr_alloc_path(ctx->trc, NODE_INSTANCE, PATH_CAPACITY, &walk->path) ? PRSR_SUCCESS
-                                                                                : PRSR_ERR_MEMORY;
+    return prsr_alloc_path(ctx, NODE_INSTANCE, PATH_CAPACITY, &walk->path) ? PRSR_SUCCESS
+                                                                           : PRSR_ERR_MEMORY;
 }
 
 static int32_t open_list(node_walk *walk) {
@@ -68,7 +68,7 @@ static int32_t open_list(node_walk *walk) {
 static int32_t read_value(node_walk *walk, bool fits) {
     if (!fits) return PRSR_ERR_ARGUMENT;
     walk->value.release();
-    return prsr_open_get_value(walk->ctx, walk->ctx->reg, walk->path.text, &walk->value.text);
+    return prsr_open_get_value(walk->ctx, walk->path.text, &walk->value.text);
 }
 
 static int32_t report_enumeration(node_walk *walk, int32_t kv) {

@@ -28,11 +28,11 @@ int32_t prsr_get_service_rcn_policy(void *, prsr_ctx *ctx, const char *dbname, c
     prsr_block path(ctx->mem);
     int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &names);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!prsr_join_path(ctx->mem, ctx->trc, __func__, 2, &path, DB_ROOT, names.database.element(),
+    if (!prsr_join_path(ctx, __func__, 2, &path, DB_ROOT, names.database.element(),
                         model::KEY_SERVICE, names.service.element(), model::KEY_RCN_POLICY)) {
         return PRSR_ERR_MEMORY;
     }
-    rc = prsr_open_get_value(ctx, ctx->reg, path.text, &value.text);
+    rc = prsr_open_get_value(ctx, path.text, &value.text);
     if (rc == PRSR_ERR_MEMORY) return rc;
     *policy = rc == PRSR_SUCCESS ? prsr_parse_policy(value.text) : PRSR_RCN_NONE;
     return PRSR_SUCCESS;

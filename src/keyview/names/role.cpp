@@ -12,8 +12,7 @@ static_assert(ROLE_COUNT == PRSR_ROLE_SNAPSHOT_STANDBY + 1, "a word for each cod
 
 static bool join_role_path(const prsr_ctx *ctx, const char *function, const prsr_name &dbname,
                            prsr_block *path) {
-    return prsr_join_path(ctx->mem, ctx->trc, function, 1, path, DB_ROOT, dbname.element(),
-                          model::KEY_ROLE);
+    return prsr_join_path(ctx, function, 1, path, DB_ROOT, dbname.element(), model::KEY_ROLE);
 }
 
 // ---- Write --------------------------------------------------------------------------------------
@@ -52,7 +51,7 @@ int32_t prsr_set_db_role(void *status, prsr_ctx *ctx, const char *dbname, int32_
     if (!prsr_alloc_name(ctx, __func__, dbname, &write.dbname)) return PRSR_ERR_MEMORY;
     if (role < 0 || role >= ROLE_COUNT) return PRSR_ERR_ROLE;
     const std::string_view word = model::ROLES[role];
-    write.word.text = prsr_copy_text(ctx->mem, ctx->trc, __func__, word.data(), word.size());
+    write.word.text = prsr_copy_text(ctx, __func__, word.data(), word.size());
     if (write.word.text == nullptr) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &write.dbname);
     if (!join_role_path(ctx, __func__, write.dbname, &write.path)) return PRSR_ERR_MEMORY;
@@ -84,11 +83,11 @@ int32_t prsr_get_db_role(void *, prsr_ctx *ctx, const char *dbname, int32_t *rol
     prsr_block upper(ctx->mem);
     prsr_block text(ctx->mem);
     if (!prsr_alloc_name(ctx, __func__, dbname, &name)) return PRSR_ERR_MEMORY;
-    upper.text = static_cast<char *>(prsr_alloc(ctx->mem, ctx->trc, __func__, VALUE_CAPACITY));
+    upper.text = static_cast<char *>(prsr_alloc(ctx, __func__, VALUE_CAPACITY));
     if (upper.text == nullptr) return PRSR_ERR_MEMORY;
     prsr_fold_name(dbname, &name);
     if (!join_role_path(ctx, __func__, name, &path)) return PRSR_ERR_MEMORY;
-    const int32_t rc = prsr_open_get_value(ctx, ctx->reg, path.text, &text.text);
+    const int32_t rc = prsr_open_get_value(ctx, path.text, &text.text);
     if (rc != PRSR_SUCCESS) return rc;
     const int32_t found = role_of(text.text, upper.text);
     if (found < 0) return PRSR_ERR_ROLE;

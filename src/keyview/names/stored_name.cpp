@@ -17,7 +17,7 @@ int32_t prsr_read_stored_name(prsr_ctx *ctx, const char *function, const char *p
     const int32_t kv = prsr_open_reported(prsr_reader(ctx, function), path, key);
     if (kv == KVTC_ERR_KEY_NOT_FOUND) return not_found;
     if (kv != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
-    const int32_t rc = prsr_open_get_value(ctx, ctx->reg, path, &value->text);
+    const int32_t rc = prsr_open_get_value(ctx, path, &value->text);
     if (rc != PRSR_SUCCESS) {
         buf[0] = '\0';
         return rc;

@@ -28,9 +28,7 @@ struct nodeapps_fetch {
           lock(owner) {}
 
     [[nodiscard]] prsr_reader reader() const { return {ctx, FETCH_NODEAPPS}; }
-    [[nodiscard]] void *alloc(size_t size) const {
-        return prsr_alloc(ctx->mem, ctx->trc, FETCH_NODEAPPS, size);
-    }
+    [[nodiscard]] void *alloc(size_t size) const { return prsr_alloc(ctx, FETCH_NODEAPPS, size); }
 
     prsr_ctx *ctx;
     prsr_name nodename;
@@ -57,8 +55,8 @@ static int32_t make_record(nodeapps_fetch *fetch) {
 
 static int32_t build_node_key(nodeapps_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
-    return prsr_join_path(ctx->mem, ctx->trc, FETCH_NODEAPPS, 0, &fetch->node_key,
-                          model::NODEAPPS_ROOT, fetch->nodename.element())
+    return prsr_join_path(ctx, FETCH_NODEAPPS, 0, &fetch->node_key, model::NODEAPPS_ROOT,
+                          fetch->nodename.element())
                ? PRSR_SUCCESS
                : PRSR_ERR_MEMORY;
 }
@@ -91,7 +89,7 @@ static int32_t load_name(nodeapps_fetch *fetch) {
 }
 
 static int32_t alloc_buffers(nodeapps_fetch *fetch) {
-    if (!prsr_alloc_path(fetch->ctx->trc, FETCH_NODEAPPS, PATH_CAPACITY, &fetch->field_key)) {
+    if (!prsr_alloc_path(fetch->ctx, FETCH_NODEAPPS, PATH_CAPACITY, &fetch->field_key)) {
         return PRSR_ERR_MEMORY;
     }
     fetch->value_buffer.text = static_cast<char *>(fetch->alloc(VALUE_CAPACITY));
@@ -114,8 +112,7 @@ static int32_t keep_empty(nodeapps_fetch *fetch, char **field) {
 
 // Copies the value that was read last into a field and closes its key.
 static int32_t keep_value(nodeapps_fetch *fetch, char **field) {
-    *field = prsr_copy_text(fetch->ctx->mem, fetch->ctx->trc, FETCH_NODEAPPS, fetch->value.buffer,
-                            fetch->value.length());
+    *field = prsr_copy_text(fetch->ctx, FETCH_NODEAPPS, fetch->value.buffer, fetch->value.length());
     if (*field == nullptr) return PRSR_ERR_MEMORY;
     fetch->key.close();
     return PRSR_SUCCESS;
@@ -189,8 +186,7 @@ static int32_t load_fields(nodeapps_fetch *fetch) {
     rc = load_string(fetch, model::KEY_VIP_INTERFACES, &cfg->interfaces);
     if (rc != PRSR_SUCCESS) return rc;
     if (!build_field_key(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
-    return prsr_get_multivalues(fetch->ctx->mem, fetch->ctx->trc, fetch->ctx->reg,
-                                fetch->field_key.text, &cfg->env, &cfg->env_n);
+    return prsr_get_multivalues(fetch->ctx, fetch->field_key.text, &cfg->env, &cfg->env_n);
 }
 
 static int32_t lock_node(nodeapps_fetch *fetch) {

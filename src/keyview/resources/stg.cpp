@@ -70,8 +70,8 @@ static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char 
 // ---- The fetch ----------------------------------------------------------------------------------
 
 static int32_t make_record(stg_fetch *fetch) {
-    auto *cfg = static_cast<prsr_stg_cfg *>(
-        prsr_alloc(fetch->ctx->mem, fetch->ctx->trc, FETCH_STG, sizeof(prsr_stg_cfg)));
+    auto *cfg =
+        static_cast<prsr_stg_cfg *>(prsr_alloc(fetch->ctx, FETCH_STG, sizeof(prsr_stg_cfg)));
     if (cfg == nullptr) return PRSR_ERR_MEMORY;
     tmem_fill_tag(cfg, STG_CFG_TAG);
     fetch->record.cfg = cfg;
@@ -81,7 +81,7 @@ static int32_t make_record(stg_fetch *fetch) {
 // Tells, before any lock is taken, whether the entry exists. A missing one is no line in the trace.
 static int32_t find_entry(stg_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
-    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 0, &fetch->entry_key, STG_ROOT,
+    if (!prsr_join_path(ctx, FETCH_STG, 0, &fetch->entry_key, STG_ROOT,
                         fetch->names.scope.element(), fetch->names.name.element())) {
         return PRSR_ERR_MEMORY;
     }
@@ -96,11 +96,10 @@ static int32_t find_entry(stg_fetch *fetch) {
 static int32_t alloc_lock_and_path(stg_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
     const std::string_view entry_key = fetch->entry_key.text;
-    if (!prsr_join_path(ctx->mem, ctx->trc, FETCH_STG, 1, &fetch->lock_name, STG_LOCK_HEAD,
-                        entry_key)) {
+    if (!prsr_join_path(ctx, FETCH_STG, 1, &fetch->lock_name, STG_LOCK_HEAD, entry_key)) {
         return PRSR_ERR_MEMORY;
     }
-    if (!prsr_alloc_path(ctx->trc, FETCH_STG, PATH_CAPACITY, &fetch->field_key)) {
+    if (!prsr_alloc_path(ctx, FETCH_STG, PATH_CAPACITY, &fetch->field_key)) {
         return PRSR_ERR_MEMORY;
     }
     return PRSR_SUCCESS;
@@ -118,11 +117,10 @@ static int32_t load_entry(stg_fetch *fetch) {
     for (const prsr_string_field &row : STG_FIELDS) {
         if (!build_field_key(fetch, row.key)) return PRSR_ERR_ARGUMENT;
         // A value that cannot be read leaves an empty string behind; the reader has logged it.
-        (void)prsr_open_get_value(ctx, ctx->reg, fetch->field_key.text, row.of(cfg));
+        (void)prsr_open_get_value(ctx, fetch->field_key.text, row.of(cfg));
     }
     if (!build_field_key(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
-    const int32_t rc = prsr_get_multivalues(ctx->mem, ctx->trc, ctx->reg, fetch->field_key.text,
-                                            &cfg->env, &cfg->env_n);
+    const int32_t rc = prsr_get_multivalues(ctx, fetch->field_key.text, &cfg->env, &cfg->env_n);
     if (rc != PRSR_SUCCESS) return rc;
     if (!build_field_key(fetch, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
     int32_t enabled = 0;
@@ -191,8 +189,8 @@ static int32_t alloc_query(const prsr_ctx *ctx, const char *function, const char
                            const char *stg_name, entry_query *query) {
     const int32_t rc = fold_names(ctx, function, stg_scope, stg_name, &query->names);
     if (rc != PRSR_SUCCESS) return rc;
-    return prsr_alloc_path(ctx->trc, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
-                                                                            : PRSR_ERR_MEMORY;
+    return prsr_alloc_path(ctx, function, PATH_CAPACITY, &query->path) ? PRSR_SUCCESS
+                                                                       : PRSR_ERR_MEMORY;
 }
 
 int32_t prsr_get_stg_name(void *, prsr_ctx *ctx, const char *stg_scope, const char *stg_name,
