@@ -1,11 +1,7 @@
-// What the loads of public records share: the guard of a record while it is built, and the row that
-// tells which key fills which of its strings.
+// The guard of a public record while it is built.
 #ifndef KEYVIEW_CORE_RECORDS_H
 #define KEYVIEW_CORE_RECORDS_H
 
-#include <stddef.h>
-
-#include <string_view>
 #include <utility>
 
 #include "keyview/core/context.h"
@@ -26,18 +22,6 @@ struct prsr_record {
     void *status;
     prsr_ctx *ctx;
     Record *cfg = nullptr;
-};
-
-// Fields that are read alike are rows, in reading order.
-struct prsr_string_field {
-    // The field of a record of plain layout.
-    template <typename Record>
-    [[nodiscard]] char **of(Record *cfg) const {
-        return reinterpret_cast<char **>(reinterpret_cast<char *>(cfg) + offset);
-    }
-
-    std::string_view key;
-    size_t offset;
 };
 
 #endif

@@ -1,5 +1,5 @@
-// The loaders of the parts of a database's record. They run under the lock of the fetch and take
-// none of their own; the caller vouches for ctx.
+// The loaders of the instances and services of a database's record. They run under the lock of the
+// fetch and take none of their own; ctx is live.
 #ifndef KEYVIEW_DATABASE_LOADERS_H
 #define KEYVIEW_DATABASE_LOADERS_H
 
@@ -8,9 +8,8 @@
 // Loads one instance.
 //
 // db_key     path of the database's key
-// inst_slot  out, the record; null or untouched if it could not be kept, else the caller's to
-// release,
-//            on failure as well
+// inst_slot  out, the record; null or untouched if there is none, else the caller frees it, on failure
+//            as well
 // key_name   the instance's element, as the enumeration delivered it
 //
 // Returns PRSR_ERR_REGISTRY if the instance's own name cannot be read; PRSR_ERR_ARGUMENT if a path
@@ -19,7 +18,7 @@
                                          prsr_inst_cfg **inst_slot, const char *key_name);
 
 // Frees an instance's record at any stage of its building. inst is not null.
-int32_t prsr_free_instance(void *mem, prsr_inst_cfg *inst);
+void prsr_free_instance(void *mem, prsr_inst_cfg *inst);
 
 // Loads one service: as prsr_fill_instance. dbname is the folded name of the database.
 //

@@ -39,20 +39,15 @@ static int32_t open_database(db_fetch *fetch) {
                    path);
         return PRSR_ERR_NO_DATABASE;
     }
-    fetch->reader().report("kvtc_open_key", path, kv);
+    fetch->fields.reader.report("kvtc_open_key", path, kv);
     return PRSR_ERR_REGISTRY;
 }
 
-// Reads the database's own value straight into sp_name.
 static int32_t load_sp_name(db_fetch *fetch) {
-    const size_t length = fetch->dbname.length;
     prsr_cfg *cfg = fetch->record.cfg;
-    cfg->sp_name = static_cast<char *>(fetch->alloc(length + 1));
-    if (cfg->sp_name == nullptr) return PRSR_ERR_MEMORY;
-    if (prsr_read_name_reported(fetch->reader(), fetch->db_key.text, fetch->key, cfg->sp_name,
-                                length) != KVTC_SUCCESS) {
-        return PRSR_ERR_REGISTRY;
-    }
+    const int32_t rc = prsr_load_name(fetch->fields.reader, fetch->db_key.text, &fetch->key,
+                                      fetch->dbname.length, &cfg->sp_name);
+    if (rc != PRSR_SUCCESS) return rc;
     trcdprintf(fetch->ctx->trc, TRCD_PROGRESS,
                "prsr_fetch_db_config: Database service provider(sp) name is %s", cfg->sp_name);
     fetch->key.close();
@@ -62,33 +57,22 @@ static int32_t load_sp_name(db_fetch *fetch) {
 }
 
 static int32_t alloc_buffers(db_fetch *fetch) {
-    if (!prsr_alloc_path(fetch->ctx, FETCH_DB, PATH_CAPACITY, &fetch->field_key))
+    if (!prsr_alloc_field_path(&fetch->fields) || !prsr_alloc_field_value(&fetch->fields)) {
         return PRSR_ERR_MEMORY;
-    fetch->value_buffer.text = static_cast<char *>(fetch->alloc(VALUE_CAPACITY));
-    if (fetch->value_buffer.text == nullptr) return PRSR_ERR_MEMORY;
-    fetch->value.buffer = fetch->value_buffer.text;
-    // All keys below start with the database's, and only what follows it changes.
-    const std::string_view db_key = fetch->db_key.text;
-    return prsr_start_path(&fetch->field_key, db_key) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
-}
-
-bool prsr_build_db_field(db_fetch *fetch, std::string_view element) {
-    const size_t kept = DB_ROOT.size() + 1 + fetch->dbname.length;
-    return prsr_extend_path(&fetch->field_key, kept, element);
+    }
+    return prsr_start_fields(&fetch->fields, fetch->db_key.text) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
 }
 
 // What is read under the lock, in the order that the trace shows.
 static int32_t load_database(db_fetch *fetch) {
-    static constexpr int32_t (*STEPS[])(db_fetch *) = {
-        open_database,        load_sp_name,           alloc_buffers,
-        prsr_load_db_strings, prsr_load_db_instances, prsr_load_db_services,
-        prsr_load_db_domain,  prsr_load_db_enabled,   prsr_load_db_env,
-    };
-    for (const auto step : STEPS) {
-        const int32_t rc = step(fetch);
-        if (rc != PRSR_SUCCESS) return rc;
-    }
-    return PRSR_SUCCESS;
+    int32_t rc = open_database(fetch);
+    if (rc == PRSR_SUCCESS) rc = load_sp_name(fetch);
+    if (rc == PRSR_SUCCESS) rc = alloc_buffers(fetch);
+    if (rc == PRSR_SUCCESS) rc = prsr_load_db_strings(fetch);
+    if (rc == PRSR_SUCCESS) rc = prsr_load_db_instances(fetch);
+    if (rc == PRSR_SUCCESS) rc = prsr_load_db_services(fetch);
+    if (rc == PRSR_SUCCESS) rc = prsr_load_db_settings(fetch);
+    return rc;
 }
 
 int32_t prsr_fetch_db_config(void *status, prsr_ctx *ctx, const char *dbname,

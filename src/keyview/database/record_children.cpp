@@ -1,58 +1,14 @@
 // The instances and services of a database's record: one record of its own for each subkey.
 #include "keyview/database/db_fetch.h"
 #include "keyview/database/loaders.h"
+#include "model/roots.h"
 #include "platform/trcd.h"
 
-// Loads one record of an enumeration into its slot.
-using record_loader = int32_t (*)(db_fetch *fetch, uint32_t slot);
-
-static int32_t load_instance(db_fetch *fetch, uint32_t slot) {
-    const int32_t rc = prsr_fill_instance(fetch->ctx, fetch->db_key.text,
-                                          &fetch->record.cfg->instances[slot], fetch->subkey.text);
-    if (rc != PRSR_SUCCESS) {
-        trcdprintf(fetch->ctx->trc, TRCD_FAILURE,
-                   "prsr_fetch_db_config: prsr_fill_instance failed, rc = %d", rc);
-    }
-    return rc;
-}
-
-static int32_t load_service(db_fetch *fetch, uint32_t slot) {
-    const int32_t rc = prsr_fill_service(fetch->ctx, fetch->dbname.text(), fetch->db_key.text,
-                                         &fetch->record.cfg->services[slot], fetch->subkey.text);
-    if (rc != PRSR_SUCCESS) {
-        trcdprintf(fetch->ctx->trc, TRCD_FAILURE,
-                   "prsr_fetch_db_config: prsr_fill_service failed, rc = %d", rc);
-    }
-    return rc;
-}
-
-// Loads count records, the first with the subkey name at hand. filled, the record's count, grows
-// with them: a release walks no further, whatever the enumeration promised. A promised subkey that
-// is missing now ends the fetch.
-static int32_t load_records(db_fetch *fetch, const char *path, uint32_t count, uint32_t *filled,
-                            record_loader load) {
-    for (uint32_t slot = 0;; ++slot) {
-        *filled = slot + 1;
-        const int32_t rc = load(fetch, slot);
-        if (rc != PRSR_SUCCESS) return rc;
-        if (slot + 1 == count) return PRSR_SUCCESS;
-
-        uint32_t length = 0;
-        int32_t unread = 0;
-        const int32_t kv =
-            prsr_next_subkey(fetch->key, fetch->subkey.text, NAME_CAPACITY, &length, &unread);
-        if (kv != KVTC_SUCCESS) {
-            fetch->reader().report("kvtc_enum_subkey", path, kv);
-            return PRSR_ERR_REGISTRY;
-        }
-    }
-}
-
-// Enumerates the key in field_key for the first time: *count is the number of its subkeys, and the
+// Enumerates the key of the path for the first time: *count is the number of its subkeys, and the
 // key stays open if that is not 0.
 static void open_enumeration(db_fetch *fetch, bool show_count, uint32_t *count) {
-    const prsr_reader reader = fetch->reader();
-    const char *path = fetch->field_key.text;
+    const prsr_reader &reader = fetch->fields.reader;
+    const char *path = fetch->fields.path.text;
     *count = 0;
     if (prsr_open_reported(reader, path, &fetch->key) != KVTC_SUCCESS) return;
 
@@ -75,10 +31,62 @@ static void open_enumeration(db_fetch *fetch, bool show_count, uint32_t *count) 
     fetch->key.close();
 }
 
+// Reads the name of the next subkey. One that was promised and is missing now ends the fetch.
+static int32_t next_subkey(db_fetch *fetch) {
+    uint32_t length = 0;
+    int32_t unread = 0;
+    const int32_t kv =
+        prsr_next_subkey(fetch->key, fetch->subkey.text, NAME_CAPACITY, &length, &unread);
+    if (kv == KVTC_SUCCESS) return PRSR_SUCCESS;
+    fetch->fields.reader.report("kvtc_enum_subkey", fetch->fields.path.text, kv);
+    return PRSR_ERR_REGISTRY;
+}
+
+// Loads the promised instances, the first one's subkey at hand. The record's count grows with them:
+// a release walks no further, whatever the enumeration promised.
+static int32_t load_instances(db_fetch *fetch, uint32_t promised) {
+    prsr_cfg *cfg = fetch->record.cfg;
+    for (uint32_t slot = 0;; ++slot) {
+        cfg->instance_count = slot + 1;
+        int32_t rc = prsr_fill_instance(fetch->ctx, fetch->db_key.text, &cfg->instances[slot],
+                                        fetch->subkey.text);
+        if (rc != PRSR_SUCCESS) {
+            trcdprintf(fetch->ctx->trc, TRCD_FAILURE,
+                       "prsr_fetch_db_config: prsr_fill_instance failed, rc = %d", rc);
+            return rc;
+        }
+        if (slot + 1 == promised) break;
+        rc = next_subkey(fetch);
+        if (rc != PRSR_SUCCESS) return rc;
+    }
+    fetch->key.close();
+    return PRSR_SUCCESS;
+}
+
+// The same for the services.
+static int32_t load_services(db_fetch *fetch, uint32_t promised) {
+    prsr_cfg *cfg = fetch->record.cfg;
+    for (uint32_t slot = 0;; ++slot) {
+        cfg->service_count = slot + 1;
+        int32_t rc = prsr_fill_service(fetch->ctx, fetch->dbname.text(), fetch->db_key.text,
+                                       &cfg->services[slot], fetch->subkey.text);
+        if (rc != PRSR_SUCCESS) {
+            trcdprintf(fetch->ctx->trc, TRCD_FAILURE,
+                       "prsr_fetch_db_config: prsr_fill_service failed, rc = %d", rc);
+            return rc;
+        }
+        if (slot + 1 == promised) break;
+        rc = next_subkey(fetch);
+        if (rc != PRSR_SUCCESS) return rc;
+    }
+    fetch->key.close();
+    return PRSR_SUCCESS;
+}
+
 int32_t prsr_load_db_instances(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, model::KEY_INSTANCE)) return PRSR_ERR_ARGUMENT;
-    const char *path = fetch->field_key.text;
-    trcdprintf(fetch->ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: Instance KEY = %s\n", path);
+    if (!prsr_build_field(&fetch->fields, model::KEY_INSTANCE)) return PRSR_ERR_ARGUMENT;
+    trcdprintf(fetch->ctx->trc, TRCD_PROGRESS, "prsr_fetch_db_config: Instance KEY = %s\n",
+               fetch->fields.path.text);
     fetch->subkey.text = static_cast<char *>(fetch->alloc(NAME_CAPACITY));
     if (fetch->subkey.text == nullptr) return PRSR_ERR_MEMORY;
 
@@ -87,22 +95,15 @@ int32_t prsr_load_db_instances(db_fetch *fetch) {
     if (count == 0) return PRSR_SUCCESS;
     prsr_cfg *cfg = fetch->record.cfg;
     cfg->instances = static_cast<prsr_inst_cfg **>(fetch->alloc(count * sizeof(prsr_inst_cfg *)));
-    if (cfg->instances == nullptr) return PRSR_ERR_MEMORY;
-    const int32_t rc = load_records(fetch, path, count, &cfg->instance_count, load_instance);
-    if (rc == PRSR_SUCCESS) fetch->key.close();
-    return rc;
+    return cfg->instances != nullptr ? load_instances(fetch, count) : PRSR_ERR_MEMORY;
 }
 
 int32_t prsr_load_db_services(db_fetch *fetch) {
-    if (!prsr_build_db_field(fetch, model::KEY_SERVICE)) return PRSR_ERR_ARGUMENT;
+    if (!prsr_build_field(&fetch->fields, model::KEY_SERVICE)) return PRSR_ERR_ARGUMENT;
     uint32_t count = 0;
     open_enumeration(fetch, false, &count);
     if (count == 0) return PRSR_SUCCESS;
     prsr_cfg *cfg = fetch->record.cfg;
     cfg->services = static_cast<prsr_srv_cfg **>(fetch->alloc(count * sizeof(prsr_srv_cfg *)));
-    if (cfg->services == nullptr) return PRSR_ERR_MEMORY;
-    const int32_t rc =
-        load_records(fetch, fetch->field_key.text, count, &cfg->service_count, load_service);
-    if (rc == PRSR_SUCCESS) fetch->key.close();
-    return rc;
+    return cfg->services != nullptr ? load_services(fetch, count) : PRSR_ERR_MEMORY;
 }

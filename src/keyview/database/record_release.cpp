@@ -4,12 +4,11 @@
 #include "keyview/database/loaders.h"
 #include "keyview/database/record.h"
 
-int32_t prsr_free_instance(void *mem, prsr_inst_cfg *inst) {
+void prsr_free_instance(void *mem, prsr_inst_cfg *inst) {
     prsr_free_block(mem, inst->node);
     prsr_free_block(mem, inst->name);
     prsr_free_strings(mem, inst->env, inst->env_n);
     tmem_freem(mem, inst);
-    return PRSR_SUCCESS;
 }
 
 void prsr_free_service(void *mem, prsr_srv_cfg *srv) {
@@ -26,7 +25,7 @@ void prsr_free_service(void *mem, prsr_srv_cfg *srv) {
 
 static void free_instances(void *mem, prsr_cfg *cfg) {
     for (uint32_t i = 0; i < cfg->instance_count; ++i) {
-        if (cfg->instances[i] != nullptr) (void)prsr_free_instance(mem, cfg->instances[i]);
+        if (cfg->instances[i] != nullptr) prsr_free_instance(mem, cfg->instances[i]);
     }
     cfg->instance_count = 0;
     prsr_free_block(mem, cfg->instances);

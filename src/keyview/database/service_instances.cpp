@@ -2,13 +2,13 @@
 // with a flag each. Two passes over the same subkeys: the first counts the kinds, so that each list
 // is one allocation, the second fills the lists. The lock makes both see the same types; where it
 // does not, a list takes no more than it has room for, and keeps null slots at its end.
+#include "keyview/database/service_instances.h"
 #include "keyview/core/lists.h"
-#include "keyview/database/service_load.h"
+
 #include "keyview/enablement/flag.h"
+#include "model/roots.h"
 #include "model/words.h"
 #include "platform/trcd.h"
-
-constexpr std::string_view TYPE = model::KEY_TYPE;
 
 namespace {
 enum class instance_kind { NEITHER, AVAILABLE, PREFERRED };
@@ -28,8 +28,8 @@ struct kind_counts {
 
 // A service's list of instances while it is read.
 struct list_reading {
-    service_load *load;
-    size_t key_length;  // of the list's own key in field_key
+    child_load *load;
+    size_t key_length;  // of the list's own key in the path
     named_instances *named;
 };
 
@@ -42,7 +42,7 @@ struct filling_list {
 };
 }  // namespace
 
-static void *alloc_array(service_load *load, size_t count, size_t slot_size) {
+static void *alloc_array(child_load *load, size_t count, size_t slot_size) {
     return prsr_alloc(load->ctx, FILL_SERVICE, count * slot_size);
 }
 
@@ -54,23 +54,22 @@ static instance_kind kind_of(const prsr_value &value) {
     return instance_kind::NEITHER;
 }
 
-// Reads the type of an instance; field_key becomes the path of that type. A missing type is
-// reported and counts as neither.
+// Reads the type of an instance. A missing type is reported and counts as neither.
 static int32_t read_kind(const list_reading &list, std::string_view subkey, instance_kind *kind) {
-    service_load *load = list.load;
+    prsr_field_reader *fields = &list.load->fields;
     *kind = instance_kind::NEITHER;
-    if (!prsr_extend_path(&load->field_key, list.key_length, subkey, TYPE)) {
+    if (!prsr_extend_path(&fields->path, list.key_length, subkey, model::KEY_TYPE)) {
         return PRSR_ERR_ARGUMENT;
     }
-    const char *path = load->field_key.text;
-    prsr_key key(load->ctx->reg);
-    const int32_t kv = prsr_open_reported(load->reader, path, &key);
+    const char *path = fields->path.text;
+    prsr_key key(fields->ctx->reg);
+    const int32_t kv = prsr_open_reported(fields->reader, path, &key);
     if (kv == KVTC_ERR_KEY_NOT_FOUND) return PRSR_SUCCESS;
     if (kv != KVTC_SUCCESS) return PRSR_ERR_REGISTRY;
-    if (prsr_read_reported(load->reader, path, key, &load->value) != KVTC_SUCCESS) {
+    if (prsr_read_reported(fields->reader, path, key, &fields->value) != KVTC_SUCCESS) {
         return PRSR_ERR_REGISTRY;
     }
-    *kind = kind_of(load->value);
+    *kind = kind_of(fields->value);
     return PRSR_SUCCESS;
 }
 
@@ -91,7 +90,7 @@ static int32_t count_kinds(const list_reading &list, kind_counts *counts) {
 // ---- The lists ----------------------------------------------------------------------------------
 
 // A list of names has a spare slot, its flags do not; both exist for a count of 0 as well.
-static int32_t alloc_list(service_load *load, uint32_t count, char ***names, int32_t **flags,
+static int32_t alloc_list(child_load *load, uint32_t count, char ***names, int32_t **flags,
                           uint32_t *list_count) {
     *names =
         static_cast<char **>(alloc_array(load, static_cast<size_t>(count) + 1, sizeof(char *)));
@@ -102,8 +101,7 @@ static int32_t alloc_list(service_load *load, uint32_t count, char ***names, int
     return PRSR_SUCCESS;
 }
 
-static int32_t alloc_lists(service_load *load, const kind_counts &counts) {
-    prsr_srv_cfg *srv = load->srv;
+static int32_t alloc_lists(child_load *load, const kind_counts &counts, prsr_srv_cfg *srv) {
     const int32_t rc = alloc_list(load, counts.available, &srv->available, &srv->available_enabled,
                                   &srv->available_count);
     if (rc != PRSR_SUCCESS) return rc;
@@ -113,42 +111,43 @@ static int32_t alloc_lists(service_load *load, const kind_counts &counts) {
 
 // ---- Second pass --------------------------------------------------------------------------------
 
-// Reads the flag of the instance whose type was read last. One that cannot be read has been
-// reported and stays 0.
-static int32_t read_flag(service_load *load, int32_t *flag) {
-    prsr_ctx *ctx = load->ctx;
-    const std::string_view type_key = load->field_key.view();
-    const std::string_view instance_key(type_key.data(), type_key.size() - TYPE.size() - 1);
-    prsr_block path(ctx->mem);
-    if (!prsr_join_path(ctx, FILL_SERVICE, 3, &path, instance_key, model::KEY_ENABLED)) {
+// Reads the flag of the instance whose own key has this length in the path. One that cannot be read
+// has been reported and stays 0.
+static int32_t read_flag(child_load *load, size_t key_length, int32_t *flag) {
+    prsr_path *path = &load->fields.path;
+    (void)prsr_extend_path(path, key_length);  // back from the type's key
+    prsr_block flag_path(load->ctx->mem);
+    if (!prsr_join_path(load->ctx, FILL_SERVICE, 3, &flag_path, path->view(), model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
-    (void)prsr_get_enabled_key(nullptr, ctx, load->dbname, path.text, flag);
+    (void)prsr_get_enabled_key(load->ctx, flag_path.text, flag);
     return PRSR_SUCCESS;
 }
 
 // Moves an instance's name to the end of a list, with its flag.
-static int32_t take_instance(service_load *load, char **preserved, filling_list *list) {
+static int32_t take_instance(child_load *load, size_t key_length, char **preserved,
+                             filling_list *list) {
     if (list->filled == list->room) return PRSR_SUCCESS;
     list->names[list->filled] = std::exchange(*preserved, nullptr);
-    const int32_t rc = read_flag(load, &list->flags[list->filled]);
+    const int32_t rc = read_flag(load, key_length, &list->flags[list->filled]);
     if (rc != PRSR_SUCCESS) return rc;
     ++list->filled;
     return PRSR_SUCCESS;
 }
 
-static int32_t fill_lists(const list_reading &list) {
-    const prsr_srv_cfg &srv = *list.load->srv;
+static int32_t fill_lists(const list_reading &list, const prsr_srv_cfg &srv) {
     filling_list available{srv.available, srv.available_enabled, srv.available_count};
     filling_list preferred{srv.preferred, srv.preferred_enabled, srv.preferred_count};
     const named_instances &named = *list.named;
     for (uint32_t i = 0; i < named.subkeys.count; ++i) {
         instance_kind kind;
-        int32_t rc = read_kind(list, named.subkeys.items[i], &kind);
+        const std::string_view subkey = named.subkeys.items[i];
+        int32_t rc = read_kind(list, subkey, &kind);
         if (rc != PRSR_SUCCESS) return rc;
         if (kind == instance_kind::NEITHER) continue;
         filling_list *filled = kind == instance_kind::AVAILABLE ? &available : &preferred;
-        rc = take_instance(list.load, &named.preserved.items[i], filled);
+        rc = take_instance(list.load, list.key_length + 1 + subkey.size(),
+                           &named.preserved.items[i], filled);
         if (rc != PRSR_SUCCESS) return rc;
     }
     return PRSR_SUCCESS;
@@ -157,7 +156,7 @@ static int32_t fill_lists(const list_reading &list) {
 // ---- The whole ----------------------------------------------------------------------------------
 
 // Reads the registered names of the subkeys at list_key.
-static int32_t read_preserved_names(service_load *load, const char *list_key,
+static int32_t read_preserved_names(child_load *load, const char *list_key,
                                     named_instances *named) {
     const prsr_ctx *ctx = load->ctx;
     const uint32_t count = named->subkeys.count;
@@ -173,11 +172,11 @@ static int32_t read_preserved_names(service_load *load, const char *list_key,
     return rc;
 }
 
-int32_t prsr_load_service_instances(service_load *load, bool *any) {
+int32_t prsr_load_service_instances(child_load *load, prsr_srv_cfg *srv, bool *any) {
     const prsr_ctx *ctx = load->ctx;
     *any = false;
-    if (!prsr_build_service_field(load, model::KEY_INSTANCES)) return PRSR_ERR_ARGUMENT;
-    const char *list_key = load->field_key.text;
+    if (!prsr_build_field(&load->fields, model::KEY_INSTANCES)) return PRSR_ERR_ARGUMENT;
+    const char *list_key = load->fields.path.text;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_fill_service: key name = [%s]", list_key);
     named_instances named(ctx->mem);
     int32_t rc = prsr_get_subkeys(ctx, list_key, &named.subkeys.items, &named.subkeys.count);
@@ -187,11 +186,11 @@ int32_t prsr_load_service_instances(service_load *load, bool *any) {
     *any = true;
     rc = read_preserved_names(load, list_key, &named);
     if (rc != PRSR_SUCCESS) return rc;
-    const list_reading list{load, load->field_key.length, &named};
+    const list_reading list{load, load->fields.path.length, &named};
     kind_counts counts;
     rc = count_kinds(list, &counts);
     if (rc != PRSR_SUCCESS) return rc;
-    rc = alloc_lists(load, counts);
+    rc = alloc_lists(load, counts, srv);
     if (rc != PRSR_SUCCESS) return rc;
-    return fill_lists(list);
+    return fill_lists(list, *srv);
 }

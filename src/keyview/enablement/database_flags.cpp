@@ -57,7 +57,7 @@ static int32_t set_under_lock(void *status, prsr_ctx *ctx, const prsr_name &dbna
     prsr_held_lock lock(ctx);
     const int32_t rc = prsr_lock_keyview(status, ctx, dbname.text(), LOCK_EXCLUSIVE, &lock.token);
     if (rc != PRSR_SUCCESS) return rc;
-    return prsr_set_enabled_key(status, ctx, dbname.text(), path.text, enabled);
+    return prsr_set_enabled_key(ctx, path.text, enabled);
 }
 
 int32_t prsr_set_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
@@ -70,15 +70,14 @@ int32_t prsr_set_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
     return set_under_lock(status, ctx, flag.dbname, flag.path, enabled);
 }
 
-int32_t prsr_get_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
-                            int32_t *enabled) noexcept {
+int32_t prsr_get_db_enabled(void *, prsr_ctx *ctx, const char *dbname, int32_t *enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
 
     database_flag flag(ctx);
     const int32_t rc = find_database_flag(ctx, __func__, dbname, &flag);
     if (rc != PRSR_SUCCESS) return rc;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_db_enabled: key_name = [%s]", flag.path.text);
-    return prsr_get_enabled_key(status, ctx, flag.dbname.text(), flag.path.text, enabled);
+    return prsr_get_enabled_key(ctx, flag.path.text, enabled);
 }
 
 int32_t prsr_set_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
@@ -96,8 +95,8 @@ int32_t prsr_set_instance_enabled(void *status, prsr_ctx *ctx, const char *dbnam
     return set_under_lock(status, ctx, flag.dbname, flag.path, enabled);
 }
 
-int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
-                                  const char *instname, int32_t *enabled) noexcept {
+int32_t prsr_get_instance_enabled(void *, prsr_ctx *ctx, const char *dbname, const char *instname,
+                                  int32_t *enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
 
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_instance_enabled: Inside function %s, %s", dbname,
@@ -109,5 +108,5 @@ int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const char *dbnam
                flag.dbname.text(), flag.instname.text());
     rc = join_instance_path(ctx, __func__, &flag);
     if (rc != PRSR_SUCCESS) return rc;
-    return prsr_get_enabled_key(status, ctx, flag.dbname.text(), flag.path.text, enabled);
+    return prsr_get_enabled_key(ctx, flag.path.text, enabled);
 }

@@ -8,8 +8,7 @@
 #include "platform/trcd.h"
 #include "platform/txt.h"
 
-int32_t prsr_set_enabled_key(void *, prsr_ctx *ctx, const char *, const char *key_name,
-                             int32_t enabled) {
+int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name, int32_t enabled) {
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_set_enabled_key: entered function");
     const prsr_reader reader(ctx, __func__);
     prsr_key key(ctx->reg);
@@ -30,8 +29,7 @@ int32_t prsr_set_enabled_key(void *, prsr_ctx *ctx, const char *, const char *ke
     return PRSR_SUCCESS;
 }
 
-int32_t prsr_get_enabled_key(void *, prsr_ctx *ctx, const char *, const char *key_name,
-                             int32_t *enabled) {
+int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name, int32_t *enabled) {
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_enabled_key: ENETERED FUNCTION %s", key_name);
     const prsr_reader reader(ctx, __func__);
     prsr_key key(ctx->reg);

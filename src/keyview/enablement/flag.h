@@ -1,5 +1,5 @@
-// The two primitives of an ENABLED flag, reached by the complete path of its key. Neither tests ctx
-// or takes a lock; neither reads status or dbname.
+// The two primitives of an ENABLED flag, found by the complete path of its key. Neither tests ctx or
+// takes a lock.
 #ifndef KEYVIEW_ENABLEMENT_FLAG_H
 #define KEYVIEW_ENABLEMENT_FLAG_H
 
@@ -8,15 +8,13 @@
 #include "keyview/core/context.h"
 
 // Writes a flag: "true" or "false". Returns PRSR_ERR_REGISTRY, for a missing key as well.
-[[nodiscard]] int32_t prsr_set_enabled_key(void *status, prsr_ctx *ctx, const char *dbname,
-                                           const char *key_name, int32_t enabled);
+[[nodiscard]] int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name, int32_t enabled);
 
 // Reads a flag.
 //
 // enabled  out, 1 if the stored word is TRUE in any case, else 0; written on PRSR_SUCCESS only
 //
 // Returns PRSR_ERR_NO_DATABASE if the key is missing; PRSR_ERR_REGISTRY.
-[[nodiscard]] int32_t prsr_get_enabled_key(void *status, prsr_ctx *ctx, const char *dbname,
-                                           const char *key_name, int32_t *enabled);
+[[nodiscard]] int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name, int32_t *enabled);
 
 #endif

@@ -14,9 +14,8 @@ constexpr char SET_SERVICE[] = "prsr_set_service_enabled";
 namespace {
 // One cascade. Read upwards, the members are the order of release.
 struct cascade {
-    cascade(prsr_ctx *owner, void *status_block, int32_t value)
+    cascade(prsr_ctx *owner, int32_t value)
         : ctx(owner),
-          status(status_block),
           enabled(value),
           subkey(owner->mem),
           names(owner),
@@ -25,11 +24,10 @@ struct cascade {
           lock(owner) {}
 
     [[nodiscard]] int32_t write(const char *flag_path) const {
-        return prsr_set_enabled_key(status, ctx, names.database.text(), flag_path, enabled);
+        return prsr_set_enabled_key(ctx, flag_path, enabled);
     }
 
     prsr_ctx *ctx;
-    void *status;
     int32_t enabled;
     prsr_block subkey;  // NAME_CAPACITY bytes
     prsr_service_names names;
@@ -107,7 +105,7 @@ int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
                                  const char *srvname, int32_t enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
 
-    cascade run(ctx, status, enabled);
+    cascade run(ctx, enabled);
     int32_t rc = prsr_fold_service_names(ctx, __func__, dbname, srvname, &run.names);
     if (rc != PRSR_SUCCESS) return rc;
     rc = alloc_cascade_path(&run);
@@ -120,8 +118,8 @@ int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
     return rc != PRSR_SUCCESS ? rc : own_rc;
 }
 
-int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,
-                                 const char *srvname, int32_t *enabled) noexcept {
+int32_t prsr_get_service_enabled(void *, prsr_ctx *ctx, const char *dbname, const char *srvname,
+                                 int32_t *enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
 
     prsr_service_names names(ctx);
@@ -132,5 +130,5 @@ int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
                         model::KEY_SERVICE, names.service.element(), model::KEY_ENABLED)) {
         return PRSR_ERR_MEMORY;
     }
-    return prsr_get_enabled_key(status, ctx, names.database.text(), path.text, enabled);
+    return prsr_get_enabled_key(ctx, path.text, enabled);
 }

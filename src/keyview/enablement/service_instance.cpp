@@ -63,7 +63,7 @@ int32_t prsr_set_service_instance_enabled(void *status, prsr_ctx *ctx, const cha
     if (!join_flag_path(ctx, TRACED_AS, names, &path)) return PRSR_ERR_MEMORY;
     rc = prsr_lock_keyview(status, ctx, names.database.text(), LOCK_SHARED, &lock.token);
     if (rc != PRSR_SUCCESS) return rc;
-    return prsr_set_enabled_key(status, ctx, names.database.text(), path.text, enabled);
+    return prsr_set_enabled_key(ctx, path.text, enabled);
 }
 
 static void log_names(const prsr_ctx *ctx, const char *dbname, const char *srvname,
@@ -74,7 +74,7 @@ static void log_names(const prsr_ctx *ctx, const char *dbname, const char *srvna
                dbname, srvname, instname);
 }
 
-int32_t prsr_get_service_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
+int32_t prsr_get_service_instance_enabled(void *, prsr_ctx *ctx, const char *dbname,
                                           const char *srvname, const char *instname,
                                           int32_t *enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
@@ -88,7 +88,7 @@ int32_t prsr_get_service_instance_enabled(void *status, prsr_ctx *ctx, const cha
     if (!join_flag_path(ctx, __func__, names, &path)) return PRSR_ERR_MEMORY;
     trcdprintf(ctx->trc, TRCD_PROGRESS, "prsr_get_service_instance_enabled: ENABLED KEY NAME = %s",
                path.text);
-    return prsr_get_enabled_key(status, ctx, names.database.text(), path.text, enabled);
+    return prsr_get_enabled_key(ctx, path.text, enabled);
 }
 
 // ---- Supported ----------------------------------------------------------------------------------
@@ -125,7 +125,7 @@ static int32_t alloc_query(support_query *query, const char *function, const cha
                                                                        : PRSR_ERR_MEMORY;
 }
 
-int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx, const char *dbname,
+int32_t prsr_get_service_instance_supported(void *, prsr_ctx *ctx, const char *dbname,
                                             const char *srvname, const char *instname,
                                             int32_t *supported) noexcept {
     *supported = 0;
@@ -144,7 +144,7 @@ int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx, const c
     int32_t enabled = 0;
     if (!prsr_start_path(&query.path, query.base.text, model::KEY_ENABLED))
         return PRSR_ERR_ARGUMENT;
-    rc = prsr_get_enabled_key(status, ctx, query.names.database.text(), query.path.text, &enabled);
+    rc = prsr_get_enabled_key(ctx, query.path.text, &enabled);
     if (rc == PRSR_SUCCESS) *supported = enabled;
     return rc;
 }

@@ -3,13 +3,12 @@
 
 #include <type_traits>
 
-#include "keyview/core/lists.h"
-#include "keyview/core/paths.h"
+#include "keyview/core/fields.h"
 #include "keyview/core/records.h"
-#include "keyview/core/registry.h"
 #include "keyview/enablement/flag.h"
 #include "keyview/names/stored_name.h"
 #include "model/locks.h"
+#include "model/roots.h"
 #include "platform/lksv.h"
 
 constexpr std::string_view STG_ROOT = model::STG_ROOT;
@@ -36,7 +35,8 @@ struct stg_fetch {
           names(owner),
           entry_key(owner->mem),
           lock_name(owner->mem),
-          field_key(owner->mem) {}
+          key(owner->reg),
+          fields(owner, FETCH_STG, &key) {}
 
     void *status;
     prsr_ctx *ctx;
@@ -44,18 +44,20 @@ struct stg_fetch {
     entry_names names;
     prsr_block entry_key;
     prsr_block lock_name;
-    prsr_path_block field_key;  // a key below the entry
+    prsr_key key;
+    prsr_field_reader fields;  // without a value buffer
 };
 }  // namespace
 
 static_assert(std::is_standard_layout_v<prsr_stg_cfg>, "offsetof needs a plain record");
 
-// In reading order, which the trace shows.
-static const prsr_string_field STG_FIELDS[] = {
-    {model::KEY_SPFILE, offsetof(prsr_stg_cfg, spfile)},
-    {model::KEY_HOME, offsetof(prsr_stg_cfg, home)},
-    {model::KEY_START_OPTIONS, offsetof(prsr_stg_cfg, start_options)},
-    {model::KEY_VERSION, offsetof(prsr_stg_cfg, version)},
+static const prsr_field STG_FIELDS[] = {
+    {model::KEY_SPFILE, prsr_rule::LONG_STRING, offsetof(prsr_stg_cfg, spfile)},
+    {model::KEY_HOME, prsr_rule::LONG_STRING, offsetof(prsr_stg_cfg, home)},
+    {model::KEY_START_OPTIONS, prsr_rule::LONG_STRING, offsetof(prsr_stg_cfg, start_options)},
+    {model::KEY_VERSION, prsr_rule::LONG_STRING, offsetof(prsr_stg_cfg, version)},
+    {model::KEY_ENVIRONMENT, prsr_rule::WHOLE_LIST, offsetof(prsr_stg_cfg, env),
+     offsetof(prsr_stg_cfg, env_n)},
 };
 
 static int32_t fold_names(const prsr_ctx *ctx, const char *function, const char *stg_scope,
@@ -99,33 +101,18 @@ static int32_t alloc_lock_and_path(stg_fetch *fetch) {
     if (!prsr_join_path(ctx, FETCH_STG, 1, &fetch->lock_name, STG_LOCK_HEAD, entry_key)) {
         return PRSR_ERR_MEMORY;
     }
-    if (!prsr_alloc_path(ctx, FETCH_STG, PATH_CAPACITY, &fetch->field_key)) {
-        return PRSR_ERR_MEMORY;
-    }
-    return PRSR_SUCCESS;
-}
-
-static bool build_field_key(stg_fetch *fetch, std::string_view element) {
-    const std::string_view entry_key = fetch->entry_key.text;
-    return prsr_start_path(&fetch->field_key, entry_key, element);
+    return prsr_alloc_field_path(&fetch->fields) ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 
 // What is read under the lock. Only the environment can end it.
 static int32_t load_entry(stg_fetch *fetch) {
-    prsr_ctx *ctx = fetch->ctx;
     prsr_stg_cfg *cfg = fetch->record.cfg;
-    for (const prsr_string_field &row : STG_FIELDS) {
-        if (!build_field_key(fetch, row.key)) return PRSR_ERR_ARGUMENT;
-        // A value that cannot be read leaves an empty string behind; the reader has logged it.
-        (void)prsr_open_get_value(ctx, fetch->field_key.text, row.of(cfg));
-    }
-    if (!build_field_key(fetch, model::KEY_ENVIRONMENT)) return PRSR_ERR_ARGUMENT;
-    const int32_t rc = prsr_get_multivalues(ctx, fetch->field_key.text, &cfg->env, &cfg->env_n);
+    if (!prsr_start_fields(&fetch->fields, fetch->entry_key.text)) return PRSR_ERR_ARGUMENT;
+    const int32_t rc = prsr_load_fields(&fetch->fields, STG_FIELDS, cfg);
     if (rc != PRSR_SUCCESS) return rc;
-    if (!build_field_key(fetch, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
-    int32_t enabled = 0;
-    (void)prsr_get_enabled_key(fetch->status, ctx, fetch->names.name.text(), fetch->field_key.text,
-                               &enabled);  // a flag that cannot be read has been reported: 0
+    if (!prsr_build_field(&fetch->fields, model::KEY_ENABLED)) return PRSR_ERR_ARGUMENT;
+    int32_t enabled = 0;  // if the flag cannot be read, which has been reported
+    (void)prsr_get_enabled_key(fetch->ctx, fetch->fields.path.text, &enabled);
     cfg->enabled = static_cast<uint32_t>(enabled);
     return PRSR_SUCCESS;
 }
@@ -146,15 +133,12 @@ int32_t prsr_fetch_stg_config(void *status, prsr_ctx *ctx, const char *stg_scope
 
     stg_fetch fetch(status, ctx);
     int32_t rc = fold_names(ctx, __func__, stg_scope, stg_name, &fetch.names);
-    if (rc != PRSR_SUCCESS) return rc;
-    static constexpr int32_t (*STEPS[])(stg_fetch *) = {make_record, find_entry,
-                                                        alloc_lock_and_path, load_under_lock};
-    for (const auto step : STEPS) {
-        rc = step(&fetch);
-        if (rc != PRSR_SUCCESS) return rc;
-    }
-    *cfg = fetch.record.take();
-    return PRSR_SUCCESS;
+    if (rc == PRSR_SUCCESS) rc = make_record(&fetch);
+    if (rc == PRSR_SUCCESS) rc = find_entry(&fetch);
+    if (rc == PRSR_SUCCESS) rc = alloc_lock_and_path(&fetch);
+    if (rc == PRSR_SUCCESS) rc = load_under_lock(&fetch);
+    if (rc == PRSR_SUCCESS) *cfg = fetch.record.take();
+    return rc;
 }
 
 int32_t prsr_release_stg_config(void *, prsr_ctx *ctx, prsr_stg_cfg *cfg) noexcept {
@@ -209,8 +193,8 @@ int32_t prsr_get_stg_name(void *, prsr_ctx *ctx, const char *stg_scope, const ch
                                  &query.value, bufsize, buf);
 }
 
-int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *stg_scope,
-                             const char *stg_name, int32_t *enabled) noexcept {
+int32_t prsr_get_stg_enabled(void *, prsr_ctx *ctx, const char *stg_scope, const char *stg_name,
+                             int32_t *enabled) noexcept {
     if (!prsr_ctx_live(ctx)) return PRSR_ERR_CONTEXT;
 
     entry_query query(ctx);
@@ -220,6 +204,6 @@ int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *stg_scope,
                          query.names.name.element(), model::KEY_ENABLED)) {
         return PRSR_ERR_ARGUMENT;
     }
-    rc = prsr_get_enabled_key(status, ctx, query.names.name.text(), query.path.text, enabled);
+    rc = prsr_get_enabled_key(ctx, query.path.text, enabled);
     return rc == PRSR_ERR_NO_DATABASE ? PRSR_ERR_NO_STG : rc;
 }
