@@ -8,13 +8,15 @@
 //
 // The leader is killed while calls go on: each must succeed soon, with the right result.
 //
-// Usage: fencing [--unfenced] [ROUNDS [LEADERS]], rounds of stopped holders, killed leaders.
+// Usage: fencing [--unfenced | --users] [ROUNDS [LEADERS]], rounds of stopped holders, killed
+// leaders; with users whose tokens soon expire.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 
 #include "cluster.h"
@@ -124,7 +126,10 @@ static std::string at_once(int count, work &&body) {
 
 class proving_ground {
   public:
-    proving_ground() : registry_(KEYVIEW_BACKEND_KIND.open(members_.url(), open_mode::create)) {
+    explicit proving_ground(bool users)
+        : members_(3, users ? short_lived_tokens(keys_.path) : std::vector<std::string>()) {
+        if (users) login_.emplace(members_);
+        registry_ = KEYVIEW_BACKEND_KIND.open(members_.url(), open_mode::create);
         std::vector<change> changes;
         for (int n = 0; n < AT_ONCE; ++n) {
             for (int k = 0; k < KEYS; ++k)
@@ -224,7 +229,9 @@ class proving_ground {
         return registry_.keys->now()->read(path, &value) ? value : "(none)";
     }
 
+    scratch_directory keys_;
     etcd_members members_;
+    std::optional<required_login> login_;
     backend registry_;
 
     friend class caller;
@@ -310,8 +317,8 @@ bool proving_ground::kill_leaders(int count) {
     return worst->worst_ms <= LONGEST_CALL_MS;
 }
 
-static bool run_all(bool unfenced, int rounds, int leaders) {
-    proving_ground ground;
+static bool run_all(bool unfenced, bool users, int rounds, int leaders) {
+    proving_ground ground(users);
     if (!ground.stop_holders(rounds, unfenced)) return false;
     if (unfenced) return true;  // which it should not be
     bool in_time = ground.kill_holders();
@@ -324,12 +331,12 @@ int main(int argc, char **argv) {
     using namespace keyview::test;
     if (argc == 6 && std::string(argv[1]) == "holder") return holder_main(argv + 2);
     bool unfenced = argc > 1 && std::string(argv[1]) == "--unfenced";
-    argc -= unfenced;
-    argv += unfenced;
+    bool users = argc > 1 && std::string(argv[1]) == "--users";
+    argc -= unfenced || users;
+    argv += unfenced || users;
+    int rounds = argc > 1 ? atoi(argv[1]) : AT_ONCE;
     try {
-        return run_all(unfenced, argc > 1 ? atoi(argv[1]) : AT_ONCE, argc > 2 ? atoi(argv[2]) : 1)
-                   ? 0
-                   : 1;
+        return run_all(unfenced, users, rounds, argc > 2 ? atoi(argv[2]) : 1) ? 0 : 1;
     } catch (const std::exception &error) {
         (void)fprintf(stderr, "fencing: %s\n", error.what());
         return 1;

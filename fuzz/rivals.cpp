@@ -6,11 +6,12 @@
 // One of the waiters is always stopped for longer than its lease, so that it wakes up without a
 // place when the lock is free. Who grants without looking at the own place is found by that.
 //
-// Usage: rivals [--unchecked] [ACQUISITIONS [SEED]]
+// Usage: rivals [--unchecked | --users] [ACQUISITIONS [SEED]]; with users their tokens soon expire.
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <random>
 
 #include "cluster.h"
@@ -203,8 +204,14 @@ class seat {
 
 class arena {
   public:
-    arena(bool unchecked, unsigned seed)
-        : unchecked_(unchecked), random_(seed), registry_(open_registry()) {}
+    arena(bool unchecked, bool users, unsigned seed)
+        : unchecked_(unchecked),
+          random_(seed),
+          members_(3, users ? short_lived_tokens(keys_.path) : std::vector<std::string>()) {
+        if (users) login_.emplace(members_);
+        events_.emplace(settings_of(url_));
+        registry_ = open_registry();
+    }
 
     // A waiter loses its place while it is stopped, and then the lock becomes free.
     void plant() {
@@ -250,7 +257,7 @@ class arena {
     // Whether all was right.
     bool verdict() {
         registry_ = {};  // leaves its queues
-        std::vector<std::string> found = judge_.judge(events_.all());
+        std::vector<std::string> found = judge_.judge(events_->all());
         wrong_.insert(wrong_.end(), found.begin(), found.end());
         for (const std::string &one : wrong_)
             (void)fprintf(stderr, "rivals: %s\n", one.c_str());
@@ -290,7 +297,7 @@ class arena {
 
     void await_places(const std::string &queue, size_t count) {
         stopwatch watch;
-        while (events_.count(queue) != count) {
+        while (events_->count(queue) != count) {
             require(watch.ms() < 30000, "a queue does not become what it should");
             usleep(20000);
         }
@@ -362,9 +369,11 @@ class arena {
 
     bool unchecked_;
     std::mt19937 random_;
+    scratch_directory keys_;
     etcd_members members_;
+    std::optional<required_login> login_;
     std::string url_ = members_.url(PREFIX);
-    event_log events_{settings_of(url_)};
+    std::optional<event_log> events_;
     lock_judge judge_{PREFIX};
     backend registry_;
     totals counts_;
@@ -377,8 +386,8 @@ class arena {
     double seconds_ = 0;
 };
 
-static bool run_all(bool unchecked, int64_t acquisitions, unsigned seed) {
-    arena one(unchecked, seed);
+static bool run_all(bool unchecked, bool users, int64_t acquisitions, unsigned seed) {
+    arena one(unchecked, users, seed);
     one.plant();
     one.run(acquisitions);
     return one.verdict();
@@ -390,13 +399,14 @@ int main(int argc, char **argv) {
     using namespace keyview::test;
     if (argc == 7 && std::string(argv[1]) == "client") return client_main(argv + 2);
     bool unchecked = argc > 1 && std::string(argv[1]) == "--unchecked";
-    argc -= unchecked;
-    argv += unchecked;
+    bool users = argc > 1 && std::string(argv[1]) == "--users";
+    argc -= unchecked || users;
+    argv += unchecked || users;
     (void)setenv("TMPDIR", "/dev/shm", 0);  // of the members: what is killed loses nothing there
     int64_t acquisitions = argc > 1 ? atoll(argv[1]) : 1000;
     auto seed = static_cast<unsigned>(argc > 2 ? strtoul(argv[2], nullptr, 10) : 20240607);
     try {
-        return run_all(unchecked, acquisitions, seed) ? 0 : 1;
+        return run_all(unchecked, users, acquisitions, seed) ? 0 : 1;
     } catch (const std::exception &error) {
         (void)fprintf(stderr, "rivals: seed %u: %s\n", seed, error.what());
         return 1;

@@ -24,6 +24,9 @@ static constexpr milliseconds SHORTEST_TRY{300};
 static constexpr milliseconds LONGEST_TRY{5000};
 static constexpr int TRY_PART = 5;  // of the time spent
 
+// A member that answers may take long for a login: the hash of a password is slow on purpose.
+static constexpr steady::duration SHORTEST_LOGIN_TRY = std::chrono::seconds(1);
+
 static constexpr milliseconds PAUSE{50};       // when all members failed once
 static constexpr milliseconds LAST_LOOK{200};  // at the members, when the time is over
 
@@ -125,9 +128,12 @@ std::string connection::token() {
     return token_;
 }
 
-// With the file as it is now: a password may have been changed.
-void connection::log_in(size_t at, steady::time_point end) {
+// Replaces a token that was refused, unless another thread did. Reads the file anew: the password
+// may have been changed.
+void connection::log_in(const std::string &refused, steady::time_point end) {
     if (settings_.login_file.empty()) return;
+    std::unique_lock one_at_a_time(login_mutex_, end);
+    if (token() != refused) return;
     std::string text = file_text(settings_.login_file, LOGIN_VARIABLE, true);
     text.resize(std::min(text.find_first_of("\r\n"), text.size()));
     size_t colon = text.find(':');
@@ -139,17 +145,10 @@ void connection::log_in(size_t at, steady::time_point end) {
     request.set_name(text.substr(0, colon));
     request.set_password(text.substr(colon + 1));
     wire::AuthenticateResponse response;
-    grpc::ClientContext context;
-    prepare(&context, end, "");
-    ++round_trips_;
-    grpc::Status status = members_[at]->users.Authenticate(&context, request, &response);
-    judgement row = judge(status);
-    if (!status.ok() && row.act == verdict::next_member) return next_member(at);
-    if (!status.ok()) {
-        throw etcd_error(row.kind, row.reason,
-                         members_[at]->name + " refuses the login: " + status.error_message() +
-                             ": " + row.what_to_do);
-    }
+    auto run = [&](member *one, grpc::ClientContext *context) {
+        return one->users.Authenticate(context, request, &response);
+    };
+    try_members(end, run, nullptr, call_kind::login);
     std::lock_guard guard(token_mutex_);
     token_ = response.token();
 }
@@ -165,48 +164,57 @@ static etcd_error refusal(const std::string &member, const grpc::Status &status)
 // failed is tried again after a while; only the patient wait for that.
 enum class after_failure { give_up, wait };
 
-static void connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
+// Returns whether the member has answered.
+static bool connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
     auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady::now());
     auto until = std::chrono::system_clock::now() + left;
     for (bool waits = true; waits;) {
         grpc_connectivity_state state = channel->GetState(true);
-        if (state == GRPC_CHANNEL_READY) return;
-        if (state == GRPC_CHANNEL_TRANSIENT_FAILURE && then == after_failure::give_up) return;
+        if (state == GRPC_CHANNEL_READY) return true;
+        if (state == GRPC_CHANNEL_TRANSIENT_FAILURE && then == after_failure::give_up) break;
         waits = channel->WaitForStateChange(state, until);
     }
+    return false;
 }
 
-// run makes one call: (member, context) -> status.
+// run makes one call: (member, context) -> status. A call waits for the login that it needs.
 template <typename one_try>
-void connection::try_members(steady::time_point end, const one_try &run, bool *repeated) {
+void connection::try_members(steady::time_point end, const one_try &run, bool *repeated,
+                             call_kind kind) {
     require_own_process();
+    const bool is_login = kind == call_kind::login;
     const steady::time_point start = steady::now();
     std::vector<std::string> failures(members_.size());
-    bool logged_in = false;
-    for (size_t tries = 1;; ++tries) {
+    for (size_t failed = 0, logins = 0;;) {
+        if (!is_login && token().empty()) log_in("", end);
+        const std::string used = is_login ? "" : token();
         size_t at = current_.load();
-        auto longest = std::clamp<steady::duration>((steady::now() - start) / TRY_PART,
-                                                    SHORTEST_TRY, LONGEST_TRY);
-        steady::time_point try_end = std::min(end, steady::now() + longest);
-        connect(members_[at]->channel.get(), try_end, after_failure::give_up);
-        if (token().empty()) log_in(at, try_end);
+        const steady::time_point now = steady::now();
+        auto longest =
+            std::clamp<steady::duration>((now - start) / TRY_PART, SHORTEST_TRY, LONGEST_TRY);
+        bool answers = connect(members_[at]->channel.get(), std::min(end, now + longest),
+                               after_failure::give_up);
+        if (is_login && answers) longest = std::max(now - start, SHORTEST_LOGIN_TRY);
         grpc::ClientContext context;
-        prepare(&context, try_end, token());
+        prepare(&context, std::min(end, now + longest), used);
         ++round_trips_;
         grpc::Status status = run(members_[at].get(), &context);
         if (status.ok()) return;
-        judgement row = judge(status);
-        if (row.act == verdict::log_in && !logged_in) {
-            log_in(at, try_end);
-            logged_in = true;
+        const verdict act = judge(status).act;
+        bool is_late = steady::now() + PAUSE >= end;
+        if (act == verdict::log_in && !used.empty() && !is_late) {
+            if (logins++ > 0) std::this_thread::sleep_for(PAUSE);  // the member is behind
+            log_in(used, end);
             continue;
         }
-        if (row.act != verdict::next_member) throw refusal(members_[at]->name, status);
+        if (act == verdict::final || (act == verdict::log_in && !is_login)) {
+            throw refusal(members_[at]->name, status);
+        }
         failures[at] = cause_of(status);
         if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
         next_member(at);
-        bool all_failed = tries % members_.size() == 0;
-        if (steady::now() + PAUSE >= end || (all_failed && tls_is_wrong(&failures))) {
+        bool all_failed = ++failed % members_.size() == 0;
+        if (is_late || (all_failed && tls_is_wrong(&failures))) {
             throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures));
         }
         if (all_failed) {
@@ -370,11 +378,12 @@ void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_
 // A member that was started again refuses those whom it knew before.
 void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
                         const std::function<bool(const wire::WatchResponse &)> &sink) {
+    const std::string used = token();
     try {
         follow_once(what, end, sink);
     } catch (const etcd_error &error) {
         if (error.kind != failure::denied || settings_.login_file.empty()) throw;
-        log_in(current_.load(), answer_end());
+        log_in(used, answer_end());
         follow_once(what, end, sink);
     }
 }

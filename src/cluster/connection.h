@@ -81,12 +81,14 @@ class connection {
   private:
     struct member;
 
+    enum class call_kind { usual, login };
     template <typename one_try>
-    void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr);
+    void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr,
+                     call_kind kind = call_kind::usual);
     void follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
                      const std::function<bool(const wire::WatchResponse &)> &sink);
     void next_member(size_t after);
-    void log_in(size_t at, steady::time_point end);
+    void log_in(const std::string &refused, steady::time_point end);
     std::string token();
     bool tls_is_wrong(std::vector<std::string> *failures) const;
     std::string why_no_answer(const std::vector<std::string> &failures);
@@ -98,6 +100,7 @@ class connection {
     std::unique_ptr<keepalives> keepalives_;  // ends before the channels
     std::atomic<size_t> current_{0};
     std::atomic<uint64_t> round_trips_{0};
+    std::timed_mutex login_mutex_;
     std::mutex token_mutex_;
     std::string token_;
 };

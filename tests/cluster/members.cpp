@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -173,6 +174,34 @@ std::string etcd_members::url(const std::string &prefix) const {
     for (size_t i = 0; i < members_.size(); ++i)
         all += (i > 0 ? "," : "") + members_[i].client;
     return all + prefix;
+}
+
+// ---- Users --------------------------------------------------------------------------------------
+
+static void run_quietly(const std::string &commands) {
+    if (std::system(("{ " + commands + "; } >/dev/null 2>&1").c_str()) != 0) {
+        throw std::runtime_error("fails: " + commands);
+    }
+}
+
+required_login::required_login(const etcd_members &members) {
+    std::string file = members.directory() + "/login";
+    std::string tool = "ETCDCTL_API=3 etcdctl --endpoints=" + members.address(0) + " ";
+    run_quietly("(umask 077; echo root:secret > " + file + ") && " + tool +
+                "user add root:secret && " + tool + "auth enable");
+    (void)setenv(host::LOGIN_VARIABLE, file.c_str(), 1);
+}
+
+required_login::~required_login() {
+    (void)unsetenv(host::LOGIN_VARIABLE);
+}
+
+std::vector<std::string> short_lived_tokens(const std::string &directory) {
+    std::string key = directory + "/token.key";
+    std::string pem = directory + "/token.pem";
+    run_quietly("openssl genrsa -out " + key + " 2048 && openssl rsa -in " + key +
+                " -pubout -out " + pem);
+    return {"--auth-token=jwt,pub-key=" + pem + ",priv-key=" + key + ",sign-method=RS256,ttl=2s"};
 }
 
 }  // namespace keyview::test

@@ -51,6 +51,17 @@ class etcd_members {
     std::vector<member> members_;
 };
 
+// Makes calls need a login: that of root, whose file LOGIN_VARIABLE names while the object lives.
+struct required_login {
+    explicit required_login(const etcd_members &members);
+    required_login(const required_login &) = delete;
+    required_login &operator=(const required_login &) = delete;
+    ~required_login();
+};
+
+// Arguments for members whose tokens end after two seconds, used or not. The directory keeps keys.
+std::vector<std::string> short_lived_tokens(const std::string &directory);
+
 }  // namespace keyview::test
 
 #endif

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 
+#include "../host/process.h"
 #include "cluster/cluster_settings.h"
 #include "shared.h"
 
@@ -154,6 +156,39 @@ TEST(Security, RolesMayDoTheirWorkAndNoMore) {
     EXPECT_EQ(value_at(worker, "a.b"), "new") << "logs in again";
     etcdctl(one, "--user root:secret role revoke-permission --prefix=true reader /test/kv/");
     expect_failure(look, failure::denied, "permission denied", 0.5);
+}
+
+// A hash of this cost takes longer than the first try of any other call.
+TEST(Security, ASlowLoginHasTheWholeAnswerWait) {
+    etcd_members one(1, {"--bcrypt-cost=13", "--auth-token-ttl=1"});
+    required_login root(one);
+    backend registry = open_cluster(one.url());
+    registry.keys->apply({put("a.b", "v")});
+    sleep(3);  // until the token has expired
+    in_threads(4, [&](int) { EXPECT_EQ(value_at(registry, "a.b"), "v") << "one login for all"; });
+    setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    one.stop(0);
+    expect_failure([&] { open_cluster(one.url()); }, failure::registry, "does not answer", 1);
+    one.go_on(0);
+}
+
+TEST(Security, AnExpiredTokenIsRenewedWhileTheLeaderDies) {
+    etcd_members three(3, {"--auth-token-ttl=1"});
+    required_login root(three);
+    backend registry = open_cluster(three.url());
+    registry.keys->apply({put("a.b", "v")});
+    const std::function<void()> CALLS[] = {
+        [&] { EXPECT_EQ(value_at(registry, "a.b"), "v"); },
+        [&] { registry.locks->acquire("LKRT.a", lock_mode::exclusive, 0); },
+        [&] { EXPECT_TRUE(registry.keys->set("a.b", "v", nullptr)); }};
+    for (const auto &call : CALLS) {
+        sleep(3);  // until the token has expired
+        size_t leader = three.leader();
+        three.kill(leader);
+        EXPECT_NO_THROW(call());
+        three.start(leader);
+        three.await_ready(leader);
+    }
 }
 
 TEST(Security, NoSecretIsShown) {
