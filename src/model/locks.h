@@ -4,8 +4,9 @@
 
 namespace model {
 
-// "LKRT.DATABASE.DATABASES.<db>" covers a database, "LKRT.DATABASE.NODEAPPS.<node>" the applications
-// of a node. "LKRT.DATABASE.DATABASES" covers the listing: the root and its children, no deeper.
+// "LKRT.DATABASE.DATABASES.<db>" covers a database, "LKRT.DATABASE.NODEAPPS.<node>" the
+// applications of a node. "LKRT.DATABASE.DATABASES" covers the listing: the root and its children,
+// no deeper.
 inline constexpr char LOCK_HEAD[] = "LKRT.";
 
 // "LKRT.STG.DATABASE.STG.<scope>.<name>" covers a storage manager entry.

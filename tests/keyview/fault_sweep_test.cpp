@@ -1,5 +1,5 @@
-// Each call that an operation makes is failed once with each code; faults.txt tells what then has
-// to come back, what is reported and what stays as it was.
+// Fails each call of an operation once with each code; faults.txt has the expected result, report
+// and untouched outputs.
 #include <algorithm>
 #include <cstring>
 #include <sstream>
@@ -107,7 +107,7 @@ static std::vector<std::string> new_failure_lines(const test_host &host, int32_t
     return found;
 }
 
-// The function that logs a failed allocation, if its line names the size that was asked for.
+// The function that logs a failed allocation, if its line names the requested size.
 static std::string logs_allocation(const std::vector<std::string> &lines, const fake_event &call) {
     size_t colon = lines.empty() ? 0 : lines[0].find(':');
     std::string size = call.text.substr(strlen("alloc "));
@@ -141,7 +141,7 @@ static void wanting(test_host *host) {
     }
 }
 
-// Runs an operation. What it writes counts as handed out.
+// Runs an operation. Its writes count as outputs.
 static outcome run_and_compare(const operation &op, test_host *host) {
     auto before = host->values;
     outcome got = op.run(*host);
@@ -178,7 +178,7 @@ static void fail_each_call(const operation &op, void (*variant)(test_host *)) {
     test_host host(CLUSTER);
     variant(&host);
     outcome success = run_and_compare(op, &host);
-    if (success.rc != PRSR_SUCCESS && variant == wanting) return;  // it insists on what is missing
+    if (success.rc != PRSR_SUCCESS && variant == wanting) return;  // it requires the missing key
     ASSERT_EQ(success.rc, PRSR_SUCCESS) << op.name;
     int nth = 0;
     for (const fake_event &call : host.events) {

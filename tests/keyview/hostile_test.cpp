@@ -1,5 +1,5 @@
 // Values, names and counts that no well-kept registry holds: the library keeps within its blocks
-// and still tells the best that can be told. A sanitizer sees the overruns.
+// and still returns what can be read. A sanitizer sees the overruns.
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -44,7 +44,7 @@ static const lie NAME_LIES[] = {
     [](fake_answer *given) { given->last = 1000; },
 };
 
-// Tells one lie at the nth read, and from there on if it is about a value. False past the last.
+// Falsifies the nth read, and all later ones if it concerns a value. False past the last.
 static bool survives(const operation &op, const std::string &call, lie told, int nth) {
     test_host host(CLUSTER);
     int count = 0;
@@ -71,7 +71,7 @@ TEST(Hostile, LiesOfTheRegistryAreSurvived) {
     }
 }
 
-// What the registry may do: report more than the length of a name.
+// Allowed to a registry: to report more than the length of a name.
 TEST(Hostile, ReportedLengthOfANameMayExceedIt) {
     for (const operation &op : OPERATIONS) {
         test_host exact(CLUSTER), host(CLUSTER);
@@ -118,7 +118,7 @@ TEST(Hostile, MemoryEndsBesideValuesWithoutTheirZeroByte) {
     }
 }
 
-// Nothing tells a value that fills its buffer from a longer string, but its length.
+// Only its length distinguishes a value that fills its buffer from a longer string.
 TEST(Hostile, TheTraceShowsAFullValueWhole) {
     const std::string full(1024, 'v');
     test_host host(ONE_DATABASE);
@@ -132,7 +132,7 @@ TEST(Hostile, TheTraceShowsAFullValueWhole) {
 
 // ---- Multi-values -------------------------------------------------------------------------------
 
-// What a multi-value means, said in another way than the library's walk: the strings before the
+// The meaning of a multi-value, computed in another way than the library's: the strings before the
 // first empty one, in as many slots as there are zero bytes less one.
 static std::string meant(const std::string &value, long slots) {
     std::string text = slots > 0 ? "" : "null";
@@ -180,7 +180,7 @@ TEST(Hostile, MultiValuesOfEveryShapeAreSplit) {
 
 // ---- Enumerations -------------------------------------------------------------------------------
 
-// The first answer tells how many subkeys there are, true or not.
+// The first answer has the number of subkeys, true or not.
 TEST(Hostile, FirstAnswerOfAnEnumerationRules) {
     static const struct {
         int32_t result, last;

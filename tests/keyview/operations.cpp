@@ -1,4 +1,4 @@
-// The operations as the tests call them: what each is given, and what it hands out as text.
+// The operations as the tests call them: the arguments of each, and its outputs as text.
 #include "operations.h"
 
 #include <algorithm>
@@ -150,7 +150,7 @@ static void show(const prsr_srv_cfg &srv, fields *out) {
 template <class RECORD>
 using text_fields = std::vector<std::pair<const char *, char * RECORD::*>>;
 
-// What the records have alike.
+// The fields that all records share.
 template <class RECORD>
 static fields shown(const RECORD &cfg, const char *tag, const text_fields<RECORD> &texts) {
     EXPECT_EQ(std::string(cfg.tag, 8), tag);
@@ -260,7 +260,7 @@ static outcome list_db(const caller &by) {
     return result;
 }
 
-// With a count of 0 the arrays are not looked at, but for whether they were cleared.
+// With a count of 0 only null is distinguished from other pointers.
 static outcome get_srv_instances(const caller &by) {
     char **insts = untouched<char *>(), **nodes = untouched<char *>();
     int32_t *avail = untouched<int32_t>();

@@ -1,6 +1,6 @@
-// What the tests of the library share: a context over a fake host, one tree, and the table of
+// Shared by the tests of the library: a context over a fake host, one tree, and the table of
 // operations that the sweeps run through. A further operation is a further row, with its faults in
-// faults.txt, its calls in transcripts.txt and what else it promises in cases.txt.
+// faults.txt, its calls in transcripts.txt and its further contract in cases.txt.
 #ifndef KEYVIEW_TESTS_OPERATIONS_H
 #define KEYVIEW_TESTS_OPERATIONS_H
 
@@ -27,7 +27,7 @@ struct test_host : fake_host {
     prsr_ctx *ctx = nullptr;
 };
 
-// Who calls, and with what.
+// A caller and its arguments.
 struct caller {
     caller(test_host &on) : host(on), ctx(on.ctx) {}  // NOLINT: a host is a caller by default
 
@@ -39,12 +39,12 @@ struct caller {
     const char *node = "NODE22";
     const char *scope = "NODE1";
     const char *stg = "Mgr1";
-    int32_t value = 0;      // what is set
+    int32_t value = 0;      // the value to set
     uint32_t bufsize = 80;  // of the buffer for a name
 };
 
 // The code of a call and all it handed out, as text; a record's fields are named by their keys.
-// "untouched" and "77" are what the caller had.
+// "untouched" and "77" are the values before the call.
 using fields = std::map<std::string, std::string>;
 
 struct outcome {
@@ -54,8 +54,8 @@ struct outcome {
 
 struct operation {
     const char *name;
-    outcome (*run)(const caller &by);  // gives back what it got
-    fields untouched;                  // what is handed out by a bad context
+    outcome (*run)(const caller &by);  // releases its results
+    fields untouched;                  // outputs for a bad context
 };
 
 extern const std::vector<operation> OPERATIONS;

@@ -1,4 +1,4 @@
-// What the single operations promise beyond what the sweeps and transcripts show: the cases of
+// The contracts of single operations beyond what the sweeps and transcripts cover: the cases of
 // cases.txt, and handles and releases.
 #include <algorithm>
 #include <cstring>

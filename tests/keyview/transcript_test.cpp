@@ -1,4 +1,4 @@
-// Compares the calls and log lines of the operations with transcripts.txt, which says how it is
+// Compares the calls and log lines of the operations with transcripts.txt, which explains how it is
 // read.
 #include <algorithm>
 #include <sstream>

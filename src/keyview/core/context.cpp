@@ -1,5 +1,5 @@
 // Makes and ends contexts. The services start in the order memory, registry client, trace, thread
-// support, lock service; what a failed start leaves behind is undone before it returns.
+// support, lock service; a failed start undoes the steps before it.
 #include "keyview/core/context.h"
 
 #include "platform/kvtc.h"
@@ -39,7 +39,7 @@ static int32_t start_lock_service(void *status, const prsr_ctx *ctx, void **lk) 
     return lksvsinit(status, lk, version, block, 272);
 }
 
-// Thread support and locks: what comes after the registry client.
+// Thread support and locks, which start after the registry client.
 static int32_t complete_context(void *status, prsr_ctx *ctx, void *lk) {
     ctx->thr = thrsini();
     if (ctx->thr == nullptr) return PRSR_ERR_THREADS;
@@ -72,7 +72,7 @@ int32_t prsr_init_ext(void *status, prsr_ctx **ctx_out, void *lk) noexcept {
 
     const int32_t rc = complete_context(status, ctx, lk);
     if (rc != PRSR_SUCCESS) {
-        (void)kvtc_terminate(reg);  // the failure that led here is the one to tell
+        (void)kvtc_terminate(reg);  // the earlier failure is the one to return
         tmem_freem(mem, ctx);
         *ctx_out = nullptr;
     }
@@ -88,7 +88,7 @@ int32_t prsr_terminate(void *status, prsr_ctx *ctx) noexcept {
 
     void *mem = ctx->mem;
     void *reg = ctx->reg;
-    // Nothing can be done about a service that does not end well.
+    // A failure to end a service has no remedy.
     if (ctx->owns_lk != 0) (void)lksvsterm(status, ctx->lk);
     (void)kvtc_terminate(reg);
     tmem_freem(mem, ctx);

@@ -50,7 +50,7 @@ int32_t prsr_keep_field(prsr_field_reader *fields, char **field) {
 }
 
 int32_t prsr_load_open_field(prsr_field_reader *fields, char **field) {
-    (void)prsr_read_field(fields);  // what cannot be read has been reported and is ""
+    (void)prsr_read_field(fields);  // an unreadable value has been reported and is ""
     return prsr_keep_field(fields, field);
 }
 

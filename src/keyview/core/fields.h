@@ -1,6 +1,6 @@
 // The reader of a record's fields. The keys below a record's own key are read one after the other
-// through one path and one value buffer. A table says which key fills which field by which rule; a
-// key with a rule of its own is read step by step with the same functions.
+// through one path and one value buffer. A table maps keys to fields and
+// rules; a key with a rule of its own is read step by step with the same functions.
 #ifndef KEYVIEW_CORE_FIELDS_H
 #define KEYVIEW_CORE_FIELDS_H
 
@@ -12,7 +12,7 @@
 #include "keyview/core/paths.h"
 #include "keyview/core/registry.h"
 
-// How a key fills its field. What does not open or cannot be read is reported.
+// How a key fills its field. A key that does not open or cannot be read is reported.
 enum class prsr_rule {
     STRING,       // null if the key does not open, "" if its value cannot be read
     LONG_STRING,  // a value of any length; "" in either case, null without memory

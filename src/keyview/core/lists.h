@@ -9,7 +9,8 @@
 
 // Lists the subkeys of a key in the order of the enumeration.
 //
-// list   out; null for a key without subkeys and after a failure, untouched if the key does not open
+// list   out; null for a key without subkeys and after a failure, untouched if the key does not
+//        open
 // count  out; 0 unless all subkeys were read
 //
 // A key that does not open has no subkeys: PRSR_SUCCESS.
@@ -29,7 +30,8 @@
 // Splits a multi-value. A missing key, an unreadable value and a single string without the extra
 // zero byte are an empty list.
 //
-// list   out; null for an empty list, untouched if the key does not open or the value cannot be read
+// list   out; null for an empty list, untouched if the key does not open or the value cannot be
+//        read
 // count  out; a string missing in the middle of the value leaves null slots at the end
 //
 // Returns PRSR_ERR_MEMORY.

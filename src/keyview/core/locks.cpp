@@ -37,9 +37,9 @@ static int32_t take_lock(void *status, prsr_ctx *ctx, const char *function, std:
 
 static void release_lock(prsr_ctx *ctx, char *token) {
     if (token == nullptr) return;
-    // The service may look at the whole block, so none of it is left to chance.
+    // The service may read the whole block, so all of it is initialized.
     uint64_t status[224 / sizeof(uint64_t)] = {};
-    (void)lksvlsunlock(status, ctx->lk, token);  // there is nothing else to try
+    (void)lksvlsunlock(status, ctx->lk, token);  // no other remedy exists
     tmem_freem(ctx->mem, token);
 }
 

@@ -1,6 +1,6 @@
 // Cluster-wide named locks over parts of the key tree. A token is the lock's name in a block of the
-// context's memory: the proof that the lock is held, and what it is released by. An operation holds
-// one lock at most.
+// context's memory: the proof that the lock is held, and the argument of its release. An operation
+// holds one lock at most.
 #ifndef KEYVIEW_CORE_LOCKS_H
 #define KEYVIEW_CORE_LOCKS_H
 

@@ -1,5 +1,5 @@
 // Memory of the context: the one allocation that reports its failure, copies of counted text, and
-// the guards that give blocks back. tmem_allocm gives zeroed blocks, and much rests on that: one
+// the guards that free blocks. tmem_allocm returns zeroed blocks, and callers depend on it: one
 // byte is an empty string, a copy of n bytes in n + 1 ends in zero, an array starts with null
 // slots.
 #ifndef KEYVIEW_CORE_MEMORY_H
@@ -12,10 +12,10 @@
 
 #include "keyview/core/context.h"
 
-// Writes the line that every failed allocation leads to.
+// Logs a failed allocation.
 void prsr_report_allocation(const prsr_ctx *ctx, const char *function, size_t size);
 
-// A zeroed block, or null after a line in the trace in the name of function.
+// A zeroed block, or null after a line in the trace under the name of function.
 [[nodiscard]] void *prsr_alloc(const prsr_ctx *ctx, const char *function, size_t size);
 
 // n bytes of source and a zero byte, or null: without memory, and for a null mem. Logs nothing.
@@ -25,7 +25,7 @@ void prsr_report_allocation(const prsr_ctx *ctx, const char *function, size_t si
 [[nodiscard]] char *prsr_copy_text(const prsr_ctx *ctx, const char *function, const char *source,
                                    size_t n);
 
-// One block, given back at the end of the scope. Empty until something fills text.
+// One block, freed at the end of the scope. Empty until text is set.
 struct prsr_block {
     explicit prsr_block(void *owner) : mem(owner) {}
     ~prsr_block() { release(); }
@@ -41,16 +41,16 @@ struct prsr_block {
     char *text = nullptr;
 };
 
-// Gives a block back if there is one.
+// Frees a block unless it is null.
 void prsr_free_block(void *mem, void *block);
 
-// Gives back the strings of an array, null slots allowed. strings may be null.
+// Frees the strings of an array, null slots allowed. strings may be null.
 void prsr_free_slots(void *mem, char *const *strings, uint32_t count);
 
 // The same, and then the array itself.
 void prsr_free_strings(void *mem, char **strings, uint32_t count);
 
-// A list of strings, given back at the end of the scope.
+// A list of strings, freed at the end of the scope.
 struct prsr_string_list {
     explicit prsr_string_list(void *owner) : mem(owner) {}
     ~prsr_string_list() { prsr_free_strings(mem, items, count); }

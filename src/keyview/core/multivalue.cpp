@@ -1,6 +1,6 @@
 // The reader of multi-values: strings with their zero bytes, one after the other, and one zero byte
-// more at the end. Nothing vouches for that shape, so every step is bounded by the value's size and
-// by the slots of the list.
+// more at the end. A stored value need not have that format, so each step is bounded by its size
+// and by the slots of the list.
 #include <string.h>
 
 #include "keyview/core/lists.h"
@@ -43,7 +43,7 @@ static bool alloc_buffer(multivalue *value, size_t size, prsr_block *buffer) {
     return buffer->text != nullptr;
 }
 
-// Reads the value, into a second buffer if it is long. *readable tells whether there is one.
+// Reads the value, into a second buffer if it is long. *readable becomes false after a report.
 static int32_t read_value(multivalue *value, bool *readable) {
     *readable = false;
     if (!alloc_buffer(value, VALUE_CAPACITY, &value->first)) return PRSR_ERR_MEMORY;
@@ -73,7 +73,7 @@ static void log_value(const multivalue &value, const char *text) {
                text);
 }
 
-// Shows the value in the trace as a string, which it need not be.
+// Writes the value to the trace as a string, which it need not be.
 static void show_value(const multivalue &value, bool has_zero) {
     if (value.size < value.room) {
         value.text[value.size] = '\0';

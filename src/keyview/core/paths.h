@@ -45,7 +45,7 @@ void prsr_map_service_name(prsr_name *copy);
 // ---- Paths in a buffer --------------------------------------------------------------------------
 
 // A path that is cut back and extended in place. Nothing is scanned: the length is known. The
-// buffer is somebody else's.
+// buffer has another owner.
 struct prsr_path {
     [[nodiscard]] std::string_view view() const { return {text, length}; }
 
@@ -54,7 +54,7 @@ struct prsr_path {
     size_t length = 0;
 };
 
-// A path in a block of ctx->mem, given back at the end of the scope.
+// A path in a block of ctx->mem, freed at the end of the scope.
 struct prsr_path_block : prsr_path {
     explicit prsr_path_block(void *owner) : mem(owner) {}
     ~prsr_path_block() { prsr_free_block(mem, text); }
@@ -68,7 +68,7 @@ struct prsr_path_block : prsr_path {
 [[nodiscard]] bool prsr_alloc_path(const prsr_ctx *ctx, const char *function, size_t block_capacity,
                                    prsr_path_block *path);
 
-// ---- How elements are written -------------------------------------------------------------------
+// ---- Writing elements ---------------------------------------------------------------------------
 
 inline char *prsr_put_element(char *to, std::string_view element) {
     *to = '.';

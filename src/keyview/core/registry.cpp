@@ -11,7 +11,7 @@ void prsr_reader::report(const char *operation, const char *path, int32_t kv) co
     uint32_t size = sizeof message;
     int32_t code = 0;
     (void)kvtc_get_last_error(ctx->reg, &code, message,
-                              &size);  // what it does not fill stays empty
+                              &size);  // unfilled fields stay empty
     message[sizeof message - 1] = '\0';
     trcdprintf(ctx->trc, TRCD_FAILURE, "%s: KVT api %s failed for key %s with %d", function,
                operation, path, kv);
@@ -81,7 +81,7 @@ struct growing_value {
 };
 
 static bool alloc_value(prsr_ctx *ctx, uint32_t capacity, growing_value *value) {
-    // A registry that asks for 0 bytes more than it has gets a block that still holds a zero byte.
+    // If the registry reports a length of 0, the block still holds a zero byte.
     const size_t size = capacity > 0 ? capacity : 1;
     *value->block = static_cast<char *>(prsr_alloc(ctx, OPEN_GET_VALUE, size));
     value->capacity = capacity;

@@ -29,7 +29,7 @@ struct prsr_key {
     void close() {
         if (!is_open) return;
         is_open = false;
-        (void)kvtc_close_key(reg, handle);  // no failure to close has ever meant anything
+        (void)kvtc_close_key(reg, handle);  // a failure to close has no consequence
     }
 
     void *reg;
@@ -37,14 +37,14 @@ struct prsr_key {
     bool is_open = false;
 };
 
-// A value in a buffer that is used again and again. size is what the registry reported last, which
-// nothing vouches for.
+// A value in a buffer that is reused. size is the one that the registry reported last, and is not
+// trusted.
 struct prsr_value {
-    // The bytes to go by: never more than the registry was offered.
+    // The bytes of the value: never more than the registry was offered.
     [[nodiscard]] uint32_t length() const { return size < VALUE_CAPACITY ? size : VALUE_CAPACITY; }
 
     // The value as a string. One that fills a block of VALUE_CAPACITY without a zero byte loses its
-    // last character: it is no word that anyone compares with.
+    // last character: no word that is compared with has that length.
     [[nodiscard]] const char *text() const {
         buffer[length() < room ? length() : room - 1] = '\0';
         return buffer;
@@ -70,8 +70,8 @@ struct prsr_value {
                                        uint32_t *length, int32_t *last);
 
 // The same for the first subkey, into NAME_CAPACITY bytes, by the strict rule: count is the number
-// of subkeys, and 0 with KVTC_SUCCESS for a key without any, in whichever of its two ways the
-// registry says so. "No more keys" that promises some is a failure.
+// of subkeys, and 0 with KVTC_SUCCESS for a key without any, with either code that the
+// registry may return for it. "No more keys" together with a positive count is a failure.
 [[nodiscard]] int32_t prsr_first_subkey(const prsr_key &key, char *name, uint32_t *length,
                                         uint32_t *count);
 
@@ -106,7 +106,8 @@ struct prsr_reader {
 // value  out, a string. The caller owns it on failure as well, unless it is null: a key that cannot
 //        be opened or read leaves an empty string behind, a lack of memory null.
 //
-// Failures are reported under this function's name; a missing key is no special case. Takes no lock.
+// Failures are reported under this function's name; a missing key is no special case. Takes no
+// lock.
 // Returns PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY.
 [[nodiscard]] int32_t prsr_open_get_value(prsr_ctx *ctx, const char *key_name, char **value);
 

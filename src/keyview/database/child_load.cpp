@@ -1,4 +1,4 @@
-// What the loads of instances and services have in common.
+// The steps that loads of instances and services share.
 #include "keyview/database/child_load.h"
 
 int32_t prsr_start_child(child_load *load, const char *db_key, const char *list,

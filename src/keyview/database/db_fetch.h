@@ -1,5 +1,5 @@
-// One fetch of a database's record: what record.cpp, record_fields.cpp and record_children.cpp work
-// with.
+// One fetch of a database's record: the state that record.cpp, record_fields.cpp and
+// record_children.cpp share.
 #ifndef KEYVIEW_DATABASE_DB_FETCH_H
 #define KEYVIEW_DATABASE_DB_FETCH_H
 

@@ -1,5 +1,5 @@
 // The listing of databases in their registered case: the folded subkeys first, then the own value
-// of each. The folded list never reaches the caller.
+// of each. The caller never receives the folded list.
 #include "keyview/core/lists.h"
 #include "keyview/core/locks.h"
 #include "keyview/core/memory.h"

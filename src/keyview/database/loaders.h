@@ -8,8 +8,8 @@
 // Loads one instance.
 //
 // db_key     path of the database's key
-// inst_slot  out, the record; null or untouched if there is none, else the caller frees it, on failure
-//            as well
+// inst_slot  out, the record; null or untouched if there is none, else the caller frees it, on
+//            failure as well
 // key_name   the instance's element, as the enumeration delivered it
 //
 // Returns PRSR_ERR_REGISTRY if the instance's own name cannot be read; PRSR_ERR_ARGUMENT if a path
@@ -17,7 +17,7 @@
 [[nodiscard]] int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
                                          prsr_inst_cfg **inst_slot, const char *key_name);
 
-// Frees an instance's record at any stage of its building. inst is not null.
+// Frees an instance's record, complete or not. inst is not null.
 void prsr_free_instance(void *mem, prsr_inst_cfg *inst);
 
 // Loads one service: as prsr_fill_instance. dbname is the folded name of the database.
@@ -26,7 +26,7 @@ void prsr_free_instance(void *mem, prsr_inst_cfg *inst);
 [[nodiscard]] int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,
                                         prsr_srv_cfg **srv_slot, const char *srvname);
 
-// Frees a service's record at any stage of its building. srv is not null.
+// Frees a service's record, complete or not. srv is not null.
 void prsr_free_service(void *mem, prsr_srv_cfg *srv);
 
 #endif

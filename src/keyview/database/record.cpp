@@ -1,6 +1,6 @@
 // Loads the whole configuration of a database into one record, under one shared lock. Only the
-// database's key and its own name are mandatory here; what else is missing costs a report and
-// leaves a field empty.
+// database's key and its own name are mandatory here; any other missing key is reported
+// and leaves a field empty.
 #include "keyview/database/record.h"
 
 #include "keyview/database/db_fetch.h"
@@ -63,7 +63,7 @@ static int32_t alloc_buffers(db_fetch *fetch) {
     return prsr_start_fields(&fetch->fields, fetch->db_key.text) ? PRSR_SUCCESS : PRSR_ERR_ARGUMENT;
 }
 
-// What is read under the lock, in the order that the trace shows.
+// The reads under the lock, in the order of the trace.
 static int32_t load_database(db_fetch *fetch) {
     int32_t rc = open_database(fetch);
     if (rc == PRSR_SUCCESS) rc = load_sp_name(fetch);

@@ -1,4 +1,4 @@
-// What the fetch of a database's record and its release share.
+// The tag of a database's record, which the fetch sets and the release checks.
 #ifndef KEYVIEW_DATABASE_RECORD_H
 #define KEYVIEW_DATABASE_RECORD_H
 

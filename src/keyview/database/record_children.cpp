@@ -31,7 +31,7 @@ static void open_enumeration(db_fetch *fetch, bool show_count, uint32_t *count) 
     fetch->key.close();
 }
 
-// Reads the name of the next subkey. One that was promised and is missing now ends the fetch.
+// Reads the name of the next subkey. An announced one that is missing ends the fetch.
 static int32_t next_subkey(db_fetch *fetch) {
     uint32_t length = 0;
     int32_t unread = 0;
@@ -42,9 +42,9 @@ static int32_t next_subkey(db_fetch *fetch) {
     return PRSR_ERR_REGISTRY;
 }
 
-// Loads the promised instances, the first one's subkey at hand. The record's count grows with them:
-// a release walks no further, whatever the enumeration promised.
-static int32_t load_instances(db_fetch *fetch, uint32_t promised) {
+// Loads the announced instances, the first one's subkey already read. The record's count grows with
+// them, so that a release walks no further than the loads went.
+static int32_t load_instances(db_fetch *fetch, uint32_t announced) {
     prsr_cfg *cfg = fetch->record.cfg;
     for (uint32_t slot = 0;; ++slot) {
         cfg->instance_count = slot + 1;
@@ -55,7 +55,7 @@ static int32_t load_instances(db_fetch *fetch, uint32_t promised) {
                        "prsr_fetch_db_config: prsr_fill_instance failed, rc = %d", rc);
             return rc;
         }
-        if (slot + 1 == promised) break;
+        if (slot + 1 == announced) break;
         rc = next_subkey(fetch);
         if (rc != PRSR_SUCCESS) return rc;
     }
@@ -64,7 +64,7 @@ static int32_t load_instances(db_fetch *fetch, uint32_t promised) {
 }
 
 // The same for the services.
-static int32_t load_services(db_fetch *fetch, uint32_t promised) {
+static int32_t load_services(db_fetch *fetch, uint32_t announced) {
     prsr_cfg *cfg = fetch->record.cfg;
     for (uint32_t slot = 0;; ++slot) {
         cfg->service_count = slot + 1;
@@ -75,7 +75,7 @@ static int32_t load_services(db_fetch *fetch, uint32_t promised) {
                        "prsr_fetch_db_config: prsr_fill_service failed, rc = %d", rc);
             return rc;
         }
-        if (slot + 1 == promised) break;
+        if (slot + 1 == announced) break;
         rc = next_subkey(fetch);
         if (rc != PRSR_SUCCESS) return rc;
     }

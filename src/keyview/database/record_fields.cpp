@@ -82,7 +82,7 @@ static int32_t load_domain(db_fetch *fetch) {
     if (prsr_open_reported(fields->reader, fields->path.text, &fetch->key) != KVTC_SUCCESS) {
         return PRSR_SUCCESS;
     }
-    (void)prsr_read_field(fields);  // what cannot be read has been reported and is ""
+    (void)prsr_read_field(fields);  // an unreadable value has been reported and is ""
     const uint32_t length = fields->value.length();
     auto *copy = static_cast<char *>(tmem_allocm(fetch->ctx->mem, length + 1));
     if (copy != nullptr) memcpy(copy, fields->value.buffer, length);

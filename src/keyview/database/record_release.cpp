@@ -1,5 +1,4 @@
-// Takes a database's record apart, at any stage of its building: every test is for null, and blocks
-// start zeroed.
+// Frees a database's record, complete or not: every test is for null, and blocks start zeroed.
 #include "keyview/core/memory.h"
 #include "keyview/database/loaders.h"
 #include "keyview/database/record.h"

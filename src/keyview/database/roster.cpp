@@ -1,5 +1,5 @@
-// The roster of a service: on which instances and nodes it runs, and which of these are the ones
-// that take over. All or nothing: any missing key ends it with an empty result.
+// The roster of a service: the instances and nodes on which it runs, and which of them take over.
+// All or nothing: any missing key ends it with an empty result.
 #include "keyview/core/locks.h"
 #include "keyview/core/registry.h"
 #include "keyview/core/service_names.h"
@@ -10,7 +10,7 @@
 constexpr char ROSTER[] = "prsr_get_srv_instances";
 
 namespace {
-// What the caller gets.
+// The out-arguments.
 struct roster_out {
     char ***inst_names;
     char ***node_names;
@@ -67,7 +67,7 @@ static int32_t count_instances(roster *run, uint32_t *count) {
     return PRSR_SUCCESS;
 }
 
-// All three arrays are asked for before any is looked at, so that the release may walk them.
+// Allocates all three arrays before it checks any, so that the release may walk them.
 static int32_t alloc_arrays(const roster &run, size_t count) {
     void *mem = run.ctx->mem;
     const size_t names_size = count * sizeof(char *);
@@ -116,7 +116,7 @@ static int32_t read_instance(roster *run, uint32_t slot) {
     return PRSR_SUCCESS;
 }
 
-// Reads the promised instances, the first one's element at hand. The count grows with them: an
+// Reads the promised instances, the first one's element already read. The count grows with them: an
 // enumeration that ends early leaves a shorter roster, and a release walks no further than was
 // read.
 static int32_t read_instances(roster *run, uint32_t promised) {
@@ -176,7 +176,7 @@ static int32_t read_roster(roster *run) {
     uint32_t count = 0;
     rc = count_instances(run, &count);
     if (rc != PRSR_SUCCESS || count == 0) return rc;
-    *run->out.inst_count = 1;  // there is one at least, and the arrays are to be given back
+    *run->out.inst_count = 1;  // there is at least one, and a failure releases the arrays
     rc = alloc_arrays(*run, count);
     if (rc != PRSR_SUCCESS) return rc;
     rc = read_instances(run, count);
@@ -193,7 +193,7 @@ static int32_t make_roster(void *status, prsr_ctx *ctx, const char *dbname, cons
                          run.names.service.element(), model::KEY_INSTANCES)) {
         return PRSR_ERR_ARGUMENT;
     }
-    // Whatever kept the roster from its lock, it could not read the registry.
+    // Every failure of the lock counts as an unreadable registry.
     if (prsr_lock_keyview(status, ctx, run.names.database.text(), LOCK_SHARED, &run.lock.token) !=
         PRSR_SUCCESS) {
         return PRSR_ERR_REGISTRY;
@@ -213,7 +213,7 @@ int32_t prsr_get_srv_instances(void *status, prsr_ctx *ctx, const char *dbname, 
     const int32_t rc =
         make_roster(status, ctx, dbname, srvname, {inst_names, node_names, avail, inst_count});
     if (rc != PRSR_SUCCESS) {
-        // With a count of 0 nothing was built, and the caller's pointers are not looked at.
+        // With a count of 0 nothing was built, and the caller's pointers are undefined.
         if (*inst_count > 0) {
             (void)prsr_release_srv_instances(status, ctx, *inst_names, *node_names, *avail,
                                              *inst_count);

@@ -153,7 +153,7 @@ static int32_t fill_lists(const list_reading &list, const prsr_srv_cfg &srv) {
     return PRSR_SUCCESS;
 }
 
-// ---- The whole ----------------------------------------------------------------------------------
+// ---- The lists of a service ---------------------------------------------------------------------
 
 // Reads the registered names of the subkeys at list_key.
 static int32_t read_preserved_names(child_load *load, const char *list_key,

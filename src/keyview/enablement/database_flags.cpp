@@ -6,7 +6,7 @@
 #include "platform/trcd.h"
 
 namespace {
-// What an operation on a database's flag works with.
+// The storage of an operation on a database's flag.
 struct database_flag {
     explicit database_flag(prsr_ctx *ctx) : dbname(ctx), path(ctx->mem) {}
 
@@ -14,7 +14,7 @@ struct database_flag {
     prsr_block path;
 };
 
-// What an operation on an instance's flag works with.
+// The storage of an operation on an instance's flag.
 struct instance_flag {
     explicit instance_flag(prsr_ctx *ctx) : instname(ctx), dbname(ctx), path(ctx->mem) {}
 

@@ -1,5 +1,5 @@
-// The two primitives of an ENABLED flag, found by the complete path of its key. Neither tests ctx or
-// takes a lock.
+// The two primitives of an ENABLED flag, found by the complete path of its key. Neither tests ctx
+// or takes a lock.
 #ifndef KEYVIEW_ENABLEMENT_FLAG_H
 #define KEYVIEW_ENABLEMENT_FLAG_H
 

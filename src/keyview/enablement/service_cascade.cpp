@@ -1,6 +1,6 @@
 // The flag of a service. Setting it runs a cascade: the service's own flag first, then the flag of
 // each instance that it names, all under one exclusive lock of the database. Nothing is undone when
-// the cascade stops; what follows stays as it was.
+// the cascade stops; the remaining flags stay as they were.
 #include <algorithm>
 
 #include "keyview/core/locks.h"
@@ -58,7 +58,7 @@ static int32_t report_enumeration(const cascade &run, int32_t kv) {
     return PRSR_ERR_REGISTRY;
 }
 
-// Writes the flag of the instance whose element is at hand.
+// Writes the flag of the instance whose element was read last.
 static int32_t write_instance(const cascade &run) {
     prsr_block flag_path(run.ctx->mem);
     if (!prsr_join_path(run.ctx, SET_SERVICE, 2, &flag_path, DB_ROOT, run.names.database.element(),
@@ -69,7 +69,7 @@ static int32_t write_instance(const cascade &run) {
     return run.write(flag_path.text);
 }
 
-// The instances in the order of the enumeration, the first one's element at hand.
+// The instances in the order of the enumeration, the first one's element already read.
 static int32_t write_instances(cascade *run, uint32_t count) {
     for (uint32_t i = 0;; ++i) {
         const int32_t rc = write_instance(*run);
@@ -112,7 +112,8 @@ int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname
     if (rc != PRSR_SUCCESS) return rc;
     rc = prsr_lock_keyview(status, ctx, run.names.database.text(), LOCK_EXCLUSIVE, &run.lock.token);
     if (rc != PRSR_SUCCESS) return rc;
-    // The instances follow whatever became of the service's own flag, but its failure is not lost.
+    // The instances are written even if the service's own flag failed; that failure is returned
+    // last.
     const int32_t own_rc = run.write(run.path.text);
     rc = run_cascade(&run);
     return rc != PRSR_SUCCESS ? rc : own_rc;

@@ -94,7 +94,7 @@ int32_t prsr_get_service_instance_enabled(void *, prsr_ctx *ctx, const char *dbn
 // ---- Supported ----------------------------------------------------------------------------------
 
 namespace {
-// One question. Read upwards, the members are the order of release.
+// One query. Read upwards, the members are the order of release.
 struct support_query {
     explicit support_query(prsr_ctx *owner)
         : ctx(owner), type(owner->mem), names(owner), path(owner->mem), base(owner->mem) {}

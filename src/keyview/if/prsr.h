@@ -1,19 +1,18 @@
 // keyview: a typed view of the database configuration of a cluster. The one header a caller
 // includes; usable from C99 and C++17.
 //
-// What holds everywhere, unless an operation says otherwise:
+// Rules for all operations, unless an operation documents an exception:
 //
 // status   The caller's status block. The library never reads, writes or tests it; it only hands it
 //          to the lock service. An operation that takes no lock ignores it.
 // ctx      From prsr_init or prsr_init_ext. Null, or a record that is no live context, gives
-//          PRSR_ERR_CONTEXT before anything else is looked at, and nothing is logged. Nothing
-//          orders two calls on one context: a thread has its own, or the caller takes turns.
+//          PRSR_ERR_CONTEXT before any other check, and nothing is logged. Calls on one context are
+//          not synchronized: each thread has its own, or the caller serializes them.
 // names    Zero-terminated, never null, in any case, never changed. A "." in a service name is part
-// of
-//          the name; in any other name it leads one level deeper into the tree. A name whose path
-//          would exceed 2,047 bytes gives PRSR_ERR_ARGUMENT where the operation works with paths of
-//          fixed size.
-// buf      A caller's buffer of bufsize bytes, at least 1. A text reaches it whole, its zero byte
+//          of the name; in any other name it leads one level deeper into the tree. A name whose
+//          path would exceed 2,047 bytes gives PRSR_ERR_ARGUMENT where the operation works with
+//          paths of fixed size.
+// buf      A caller's buffer of bufsize bytes, at least 1. It receives a text whole, its zero byte
 //          included, or not at all: with fewer than length + 1 bytes buf holds "" and the result is
 //          PRSR_ERR_ARGUMENT.
 // results  Records, lists and strings are snapshots from the context's memory. They belong to the
@@ -37,7 +36,7 @@ extern "C" {
 #define PRSR_NOEXCEPT
 #endif
 
-// What an operation returns.
+// Result codes.
 enum {
     PRSR_SUCCESS = 0,
     PRSR_ERR_ARGUMENT = 1,      // an argument cannot be used
@@ -46,7 +45,7 @@ enum {
     PRSR_ERR_CONTEXT = 4,       // ctx is no live context
     PRSR_ERR_LOCK = 5,          // the lock service refused
     PRSR_ERR_THREADS = 6,       // no thread support
-    PRSR_ERR_NO_DATABASE = 7,   // the key asked for by name does not exist
+    PRSR_ERR_NO_DATABASE = 7,   // no key has the requested name
     PRSR_ERR_NO_STG = 8,        // the storage manager entry does not exist
     PRSR_ERR_ROLE = 9,          // no such role
     PRSR_ERR_NO_NODEAPPS = 10,  // the node has no entry
@@ -72,11 +71,11 @@ typedef struct prsr_ctx prsr_ctx;
 
 // One instance of a database.
 typedef struct prsr_inst_cfg {
-    char *node;         // the node that runs it; null if it is not known
+    char *node;         // the node that runs it; null if unknown
     char *name;         // in its registered case; never null
     char **env;         // environment strings; null if there are none
     uint32_t env_n;     // slots of env; a slot may be null
-    int32_t enabled;    // 0 if the flag says FALSE or cannot be read, else 1
+    int32_t enabled;    // 0 if the flag is FALSE or cannot be read, else 1
     uint64_t reserved;  // 0
 } prsr_inst_cfg;
 
@@ -93,7 +92,7 @@ typedef struct prsr_srv_cfg {
     int32_t rcn_policy;  // PRSR_RCN_*; 0 if the policy cannot be read, a missing one included
     char **env;          // environment strings; null if there are none
     uint32_t env_n;      // slots of env; a slot may be null
-    int32_t enabled;     // 0 if the flag says FALSE or cannot be read, else 1
+    int32_t enabled;     // 0 if the flag is FALSE or cannot be read, else 1
     uint64_t reserved;   // 0
 } prsr_srv_cfg;
 
@@ -113,7 +112,7 @@ typedef struct prsr_cfg {
     prsr_srv_cfg **services;    // null if there are none
     uint32_t service_count;     // slots of services
     char *domain;               // domain; null as well if memory ran out for it
-    int32_t enabled;            // 0 if the flag says FALSE or cannot be read, else 1
+    int32_t enabled;            // 0 if the flag is FALSE or cannot be read, else 1
     char **env;                 // environment strings; null if there are none or memory ran out
     uint32_t env_n;             // slots of env; a slot may be null
     int32_t constant_one;       // 1
@@ -130,7 +129,7 @@ typedef struct prsr_stg_cfg {
     char *version;        // software version
     char **env;           // environment strings; null if there are none
     uint32_t env_n;       // slots of env; a slot may be null
-    uint32_t enabled;     // 1 if the flag says TRUE, else 0
+    uint32_t enabled;     // 1 if the flag is TRUE, else 0
     uint64_t reserved;    // 0
 } prsr_stg_cfg;
 
@@ -158,9 +157,8 @@ PRSR_API int32_t prsr_init(void *status, prsr_ctx **ctx_out) PRSR_NOEXCEPT;
 // Makes a context.
 //
 // ctx_out  out, the context; null after a failure
-// lk       a lock service handle of the caller's, which stays the caller's, or null: then the
-// context
-//          makes one and ends it. With a handle given, status is not used.
+// lk       a lock service handle, which the caller still owns, or null: then the context makes one
+//          and ends it. With a handle given, status is not used.
 //
 // A trace that cannot be registered is no failure: the context works without one.
 // Returns PRSR_ERR_MEMORY; PRSR_ERR_REGISTRY if the registry client does not start;
@@ -180,7 +178,7 @@ PRSR_API int32_t prsr_terminate(void *status, prsr_ctx *ctx) PRSR_NOEXCEPT;
 PRSR_API int32_t prsr_set_db_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                      int32_t enabled) PRSR_NOEXCEPT;
 
-// Tells whether a database is enabled: 1 if the stored word is TRUE in any case, else 0.
+// Reports whether a database is enabled: 1 if the stored word is TRUE in any case, else 0.
 //
 // Takes no lock.
 // Returns PRSR_ERR_NO_DATABASE if the flag, or the database, is missing; PRSR_ERR_REGISTRY if it
@@ -193,7 +191,7 @@ PRSR_API int32_t prsr_get_db_enabled(void *status, prsr_ctx *ctx, const char *db
 PRSR_API int32_t prsr_set_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                            const char *instname, int32_t enabled) PRSR_NOEXCEPT;
 
-// Tells whether an instance is enabled. Locks and codes as for prsr_get_db_enabled.
+// Reports whether an instance is enabled. Locks and codes as for prsr_get_db_enabled.
 PRSR_API int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                            const char *instname, int32_t *enabled) PRSR_NOEXCEPT;
 
@@ -209,7 +207,7 @@ PRSR_API int32_t prsr_get_instance_enabled(void *status, prsr_ctx *ctx, const ch
 PRSR_API int32_t prsr_set_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                           const char *srvname, int32_t enabled) PRSR_NOEXCEPT;
 
-// Tells whether a service itself is enabled; its instances are not consulted. Locks and codes as
+// Reports whether a service itself is enabled; its instances are not read. Locks and codes as
 // for prsr_get_db_enabled.
 PRSR_API int32_t prsr_get_service_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                           const char *srvname, int32_t *enabled) PRSR_NOEXCEPT;
@@ -223,12 +221,12 @@ PRSR_API int32_t prsr_set_service_instance_enabled(void *status, prsr_ctx *ctx, 
                                                    const char *srvname, const char *instname,
                                                    int32_t enabled) PRSR_NOEXCEPT;
 
-// Tells whether one instance of a service is enabled. Locks and codes as for prsr_get_db_enabled.
+// Reports whether one instance of a service is enabled. Locks and codes as for prsr_get_db_enabled.
 PRSR_API int32_t prsr_get_service_instance_enabled(void *status, prsr_ctx *ctx, const char *dbname,
                                                    const char *srvname, const char *instname,
                                                    int32_t *enabled) PRSR_NOEXCEPT;
 
-// Tells whether an instance of a service is supported: preferred or available, and enabled.
+// Reports whether an instance of a service is supported: preferred or available, and enabled.
 //
 // supported  out, 1 or 0; 0 after every failure, a bad context included
 //
@@ -253,11 +251,11 @@ PRSR_API int32_t prsr_get_service_instance_supported(void *status, prsr_ctx *ctx
 // Takes the lock of all databases, shared.
 // Returns the lock's code; PRSR_ERR_ARGUMENT if the list cannot be allocated: there is nothing to
 // release then; PRSR_ERR_REGISTRY or PRSR_ERR_MEMORY if a name cannot be read. A registry that
-// cannot be enumerated lists no databases; the trace tells why.
+// cannot be enumerated lists no databases; the trace has the reason.
 PRSR_API int32_t prsr_list_db(void *status, prsr_ctx *ctx, char ***db_list,
                               uint32_t *db_count) PRSR_NOEXCEPT;
 
-// Gives a list back, null slots allowed. db_list may be null if db_count is 0.
+// Releases a list, null slots allowed. db_list may be null if db_count is 0.
 PRSR_API int32_t prsr_release_db_list(void *status, prsr_ctx *ctx, char **db_list,
                                       uint32_t db_count) PRSR_NOEXCEPT;
 
@@ -266,20 +264,20 @@ PRSR_API int32_t prsr_release_db_list(void *status, prsr_ctx *ctx, char **db_lis
 // cfg  out, the record; null after a failure
 //
 // Only the database and its own name are mandatory, and the names of its instances and services.
-// All else may be missing, at the cost of lines in the trace; the record's fields tell. Takes the
-// database's lock, shared, for the whole load. Returns the lock's code; PRSR_ERR_NO_DATABASE if
-// there is none of this name; PRSR_ERR_REGISTRY if a mandatory name cannot be read, an instance or
-// service went away meanwhile, or a service instance's type cannot be read; PRSR_ERR_ARGUMENT if a
-// path does not fit; PRSR_ERR_MEMORY.
+// All else may be missing, which leaves lines in the trace and empty fields.
+// Takes the database's lock, shared, for the whole load.
+// Returns the lock's code; PRSR_ERR_NO_DATABASE if there is none of this name; PRSR_ERR_REGISTRY if
+// a mandatory name cannot be read, an instance or service went away meanwhile, or a service
+// instance's type cannot be read; PRSR_ERR_ARGUMENT if a path does not fit; PRSR_ERR_MEMORY.
 PRSR_API int32_t prsr_fetch_db_config(void *status, prsr_ctx *ctx, const char *dbname,
                                       prsr_cfg **cfg) PRSR_NOEXCEPT;
 
-// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+// Releases a record. Null, or a block that is no such record, is ignored: PRSR_SUCCESS.
 PRSR_API int32_t prsr_release_db_config(void *status, prsr_ctx *ctx, prsr_cfg *cfg) PRSR_NOEXCEPT;
 
 // ---- Roster -------------------------------------------------------------------------------------
 
-// Tells on which instances, and on which nodes, a service runs: three arrays of *inst_count
+// Lists the instances on which a service runs, and their nodes: three arrays of *inst_count
 // entries, in the order of the registry. All or nothing: unlike in a record, every key must be
 // there.
 //
@@ -297,7 +295,7 @@ PRSR_API int32_t prsr_get_srv_instances(void *status, prsr_ctx *ctx, const char 
                                         const char *srvname, char ***inst_names, char ***node_names,
                                         int32_t **avail, uint32_t *inst_count) PRSR_NOEXCEPT;
 
-// Gives a roster back. With inst_count 0 the pointers are not looked at; else any may be null.
+// Releases a roster. With inst_count 0 the pointers are not read; else any may be null.
 PRSR_API int32_t prsr_release_srv_instances(void *status, prsr_ctx *ctx, char **inst_names,
                                             char **node_names, int32_t *avail,
                                             uint32_t inst_count) PRSR_NOEXCEPT;
@@ -326,7 +324,7 @@ PRSR_API int32_t prsr_get_db_role(void *status, prsr_ctx *ctx, const char *dbnam
 
 // ---- Names --------------------------------------------------------------------------------------
 
-// Gives the registered name of a database.
+// Returns the registered name of a database.
 //
 // buf  untouched if memory ran out before the read or the database is missing or does not open
 //
@@ -336,14 +334,14 @@ PRSR_API int32_t prsr_get_db_role(void *status, prsr_ctx *ctx, const char *dbnam
 PRSR_API int32_t prsr_get_spname(void *status, prsr_ctx *ctx, const char *dbname, uint32_t bufsize,
                                  char *buf) PRSR_NOEXCEPT;
 
-// Gives the registered name of an instance. As prsr_get_spname; PRSR_ERR_NO_DATABASE does not tell
-// which of the two is missing.
+// Returns the registered name of an instance. As prsr_get_spname; PRSR_ERR_NO_DATABASE covers both
+// a missing database and a missing instance.
 PRSR_API int32_t prsr_get_instance_name(void *status, prsr_ctx *ctx, const char *dbname,
                                         const char *instname, uint32_t bufsize,
                                         char *buf) PRSR_NOEXCEPT;
 
-// Gives the registered name of the instance of a database on a node: of the first one whose stored
-// node equals the folded nodename.
+// Returns the registered name of the instance of a database on a node: of the first one whose
+// stored node equals the folded nodename.
 //
 // bufsize  must also hold every instance's key name that is met before
 // buf      "" on PRSR_SUCCESS if no instance is on the node, and after a failed read; untouched if
@@ -361,9 +359,8 @@ PRSR_API int32_t prsr_get_node_instance_name(void *status, prsr_ctx *ctx, const 
 
 // Reads the failover policy of a service.
 //
-// policy  out, PRSR_RCN_*; PRSR_RCN_NONE as well if nothing can be read: a missing service, a
-// missing
-//         database and a failing registry are told apart by the trace only
+// policy  out, PRSR_RCN_*; PRSR_RCN_NONE as well if nothing can be read: only the trace
+//         distinguishes a missing service, a missing database and a failing registry
 //
 // Takes no lock.
 // Returns PRSR_ERR_MEMORY; policy is then untouched.
@@ -382,7 +379,7 @@ PRSR_API int32_t prsr_get_service_rcn_policy(void *status, prsr_ctx *ctx, const 
 PRSR_API int32_t prsr_get_domain(void *status, prsr_ctx *ctx, const char *dbname,
                                  char **domain) PRSR_NOEXCEPT;
 
-// Gives a domain back. Null for either argument gives PRSR_ERR_CONTEXT.
+// Releases a domain. Null for either argument gives PRSR_ERR_CONTEXT.
 PRSR_API int32_t prsr_free_domain(prsr_ctx *ctx, char *domain) PRSR_NOEXCEPT;
 
 // ---- Storage managers ---------------------------------------------------------------------------
@@ -399,16 +396,16 @@ PRSR_API int32_t prsr_free_domain(prsr_ctx *ctx, char *domain) PRSR_NOEXCEPT;
 PRSR_API int32_t prsr_fetch_stg_config(void *status, prsr_ctx *ctx, const char *stg_scope,
                                        const char *stg_name, prsr_stg_cfg **cfg) PRSR_NOEXCEPT;
 
-// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+// Releases a record. Null, or a block that is no such record, is ignored: PRSR_SUCCESS.
 PRSR_API int32_t prsr_release_stg_config(void *status, prsr_ctx *ctx,
                                          prsr_stg_cfg *cfg) PRSR_NOEXCEPT;
 
-// Gives the registered name of a storage manager entry. As prsr_get_spname, with PRSR_ERR_NO_STG
+// Returns the registered name of a storage manager entry. As prsr_get_spname, with PRSR_ERR_NO_STG
 // for a missing entry.
 PRSR_API int32_t prsr_get_stg_name(void *status, prsr_ctx *ctx, const char *stg_scope,
                                    const char *stg_name, uint32_t bufsize, char *buf) PRSR_NOEXCEPT;
 
-// Tells whether a storage manager entry is enabled.
+// Reports whether a storage manager entry is enabled.
 //
 // Takes no lock.
 // Returns PRSR_ERR_NO_STG if the entry or its flag is missing; PRSR_ERR_REGISTRY if it cannot be
@@ -430,7 +427,7 @@ PRSR_API int32_t prsr_get_stg_enabled(void *status, prsr_ctx *ctx, const char *s
 PRSR_API int32_t prsr_fetch_nodeapps_config(void *status, prsr_ctx *ctx, const char *nodename,
                                             prsr_nodeapps_cfg **cfg) PRSR_NOEXCEPT;
 
-// Gives a record back. Null, or a block that is no such record, is left alone: PRSR_SUCCESS.
+// Releases a record. Null, or a block that is no such record, is ignored: PRSR_SUCCESS.
 PRSR_API int32_t prsr_release_nodeapps_config(void *status, prsr_ctx *ctx,
                                               prsr_nodeapps_cfg *cfg) PRSR_NOEXCEPT;
 

@@ -1,4 +1,4 @@
-// The domain of a database: the shortest complete road through the library.
+// The domain of a database.
 #include "keyview/core/paths.h"
 #include "keyview/core/registry.h"
 #include "platform/trcd.h"

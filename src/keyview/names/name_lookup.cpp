@@ -16,7 +16,7 @@ struct name_lookup {
 };
 }  // namespace
 
-// Reads what is at the path, if it fits.
+// Reads the name at the path, if the path fits.
 static int32_t look_up(prsr_ctx *ctx, const char *function, bool fits, name_lookup *lookup,
                        uint32_t bufsize, char *buf) {
     if (!fits) {

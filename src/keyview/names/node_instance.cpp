@@ -24,7 +24,7 @@ struct node_walk {
           key(owner->reg),
           lock(owner) {}
 
-    // The end of a walk that has no name to give.
+    // Ends a walk without a name.
     int32_t end(int32_t rc) const {
         buf[0] = '\0';
         return rc;

@@ -18,8 +18,8 @@ static bool join_role_path(const prsr_ctx *ctx, const char *function, const prsr
 // ---- Write --------------------------------------------------------------------------------------
 
 namespace {
-// One write. Read upwards, the members are the order of release: a waiting writer should not pay
-// for our way to the registry, so the lock goes before the key.
+// One write. Read upwards, the members are the order of release: the lock before the key, since a
+// waiting writer should not pay for our round trip to the registry.
 struct role_write {
     explicit role_write(prsr_ctx *ctx)
         : dbname(ctx), path(ctx->mem), key(ctx->reg), word(ctx->mem), lock(ctx) {}

@@ -1,4 +1,4 @@
-// The rule by which a stored name reaches a caller's buffer: whole or not at all.
+// Copies a stored name into a caller's buffer: whole or not at all.
 #ifndef KEYVIEW_NAMES_STORED_NAME_H
 #define KEYVIEW_NAMES_STORED_NAME_H
 
@@ -11,12 +11,12 @@
 // empty, unless the text's length is less than bufsize.
 [[nodiscard]] int32_t prsr_copy_out(const char *text, uint32_t bufsize, char *buf);
 
-// Reads the own value of the key at path into buf. A first open of the key, held meanwhile, tells a
-// missing key: it gives not_found, with buf untouched.
+// Reads the own value of the key at path into buf. A first open of the key, which stays open
+// meanwhile, detects a missing key: the result is not_found, with buf untouched.
 //
-// key, value  the caller's guards, which so decide when the key is closed and the block given back
+// key, value  the caller's guards: they decide when the key is closed and the block freed
 //
-// Returns also PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY, and what prsr_copy_out returns.
+// Returns also PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY and the codes of prsr_copy_out.
 [[nodiscard]] int32_t prsr_read_stored_name(prsr_ctx *ctx, const char *function, const char *path,
                                             int32_t not_found, prsr_key *key, prsr_block *value,
                                             uint32_t bufsize, char *buf);

@@ -80,7 +80,7 @@ static int32_t make_record(stg_fetch *fetch) {
     return PRSR_SUCCESS;
 }
 
-// Tells, before any lock is taken, whether the entry exists. A missing one is no line in the trace.
+// Checks that the entry exists, before any lock is taken. A missing one is not logged.
 static int32_t find_entry(stg_fetch *fetch) {
     const prsr_ctx *ctx = fetch->ctx;
     if (!prsr_join_path(ctx, FETCH_STG, 0, &fetch->entry_key, STG_ROOT,
@@ -104,7 +104,7 @@ static int32_t alloc_lock_and_path(stg_fetch *fetch) {
     return prsr_alloc_field_path(&fetch->fields) ? PRSR_SUCCESS : PRSR_ERR_MEMORY;
 }
 
-// What is read under the lock. Only the environment can end it.
+// The reads under the lock. Only the environment can end them.
 static int32_t load_entry(stg_fetch *fetch) {
     prsr_stg_cfg *cfg = fetch->record.cfg;
     if (!prsr_start_fields(&fetch->fields, fetch->entry_key.text)) return PRSR_ERR_ARGUMENT;
