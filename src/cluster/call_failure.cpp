@@ -8,9 +8,9 @@ static constexpr judgement JUDGEMENTS[] = {
     {"lease already exists", verdict::final, failure::registry, etcd_reason::lease_exists, ""},
     {"revision has been compacted", verdict::final, failure::changed, etcd_reason::compacted,
      "what was asked for is too old; start again"},
-    {"database space exceeded", verdict::final, failure::registry, etcd_reason::none,
-     "the database of the cluster is full (alarm NOSPACE), so nothing can be locked or written: "
-     "compact and defragment it, then disarm the alarm"},
+    {"database space exceeded", verdict::final, failure::registry, etcd_reason::no_space,
+     "the database of the cluster is full (alarm NOSPACE): it can be read, but nothing can be "
+     "written or locked; compact and defragment it, then disarm the alarm"},
     {"permission denied", verdict::final, failure::denied, etcd_reason::none,
      "the user of the login has no role that permits this"},
     {"invalid user ID or password", verdict::final, failure::denied, etcd_reason::none,

@@ -30,6 +30,7 @@ enum class etcd_reason {
     lease_gone,    // the lease is not there any more
     lease_exists,  // it was granted already
     compacted,     // the revision that was asked for is forgotten
+    no_space,      // the database is full: it takes no puts and no leases
 };
 
 class etcd_error : public host_error {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cluster/faults.h"
+#include "cluster/half_applied.h"
 #include "cluster/tree_part.h"
 
 namespace keyview::host {
@@ -31,17 +32,20 @@ class request_for_lock {
           reads_(!wanted.path.empty() && elements_of(wanted.path) <= MOST_ELEMENTS) {}
 
     std::shared_ptr<held_lock> acquire(wait_limit limit) {
-        steady::time_point start = steady::now();
-        std::optional<steady::time_point> end;
-        while (!enter()) {
-            if (!end) end = start + std::chrono::milliseconds(limit.ms());
-            while (place_ != nullptr) {
-                if (!blockers_.empty() && steady::now() >= *end) throw too_late(start);
-                if (!blockers_.empty()) wait(*end);
-                if (granted_now()) return granted();
+        try {
+            while (!enter()) {
+                while (place_ != nullptr) {
+                    wait(limit);
+                    if (granted_now()) return granted();
+                }
             }
+            return granted();
+        } catch (const etcd_error &error) {
+            bool observes = mode_ == lock_mode::shared && reads_;
+            if (error.reason != etcd_reason::no_space || !observes) throw;
         }
-        return granted();
+        place_.reset();
+        return observe(limit);
     }
 
   private:
@@ -113,12 +117,39 @@ class request_for_lock {
                   [](const blocker &a, const blocker &b) { return a.created < b.created; });
     }
 
-    // Also in between, in case that an event was missed; and the lease must live.
-    void wait(steady::time_point end) {
+    // Returns early, too, in case that an event was missed; and the lease must live.
+    void wait(wait_limit limit) {
+        if (blockers_.empty()) return;
+        if (!end_) end_ = start_ + std::chrono::milliseconds(limit.ms());
+        if (steady::now() >= *end_) throw too_late();
         std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
         cluster_->keep_alive();
         cluster_->calls().await_deletion(blockers_.back().key, seen_at_,
-                                         std::min(end, steady::now() + ttl / 3));
+                                         std::min(*end_, steady::now() + ttl / 3));
+    }
+
+    // A shared lock without a key: see observed_lock.
+    std::shared_ptr<held_lock> observe(wait_limit limit) {
+        half_applied_wait patience(cluster_.get());
+        for (;;) {
+            wire::TxnRequest request;
+            require_created(&request, conflicts(), 0);
+            part_.ask(keys_->deepest(), 0, request.mutable_success());
+            add_range(request.mutable_failure(), conflicts());
+            wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+            if (!response.succeeded()) {
+                const wire::KeyValue &writer = response.responses(0).response_range().kvs(0);
+                blockers_ = {{writer.key(), writer.create_revision(), writer.value()}};
+                seen_at_ = response.header().revision();
+                wait(limit);
+                continue;
+            }
+            bool whole = part_.take(&response, 0);
+            keys_->note_depth(part_);
+            if (whole && part_.marker().empty())
+                return std::make_shared<observed_lock>(keys_->shared_from_this(), part_);
+            if (whole) patience.wait(part_.marker());
+        }
     }
 
     bool granted_now() {
@@ -169,8 +200,8 @@ class request_for_lock {
         return std::make_shared<etcd_lock>(std::move(place_), std::move(seen));
     }
 
-    host_error too_late(steady::time_point start) const {
-        auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - start);
+    host_error too_late() const {
+        auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - start_);
         return {failure::lock, "the lock " + name_ + " was not granted within " +
                                    std::to_string(waited.count()) + " ms: held by " +
                                    blockers_.back().holder};
@@ -183,6 +214,8 @@ class request_for_lock {
     tree_part part_;
     bool reads_;          // whether the part is wanted
     bool whole_ = false;  // whether it has come
+    steady::time_point start_ = steady::now();
+    std::optional<steady::time_point> end_;  // of the wait, once there is something to wait for
     std::unique_ptr<queue_place> place_;
     int64_t seen_at_ = 0;
     std::vector<blocker> blockers_;  // the nearest last

@@ -88,6 +88,22 @@ class etcd_lock final : public held_lock {
     std::unique_ptr<moment> granted_;
 };
 
+// A shared lock for a reader of a cluster whose database is full, so that it takes no further key.
+// It has no key of its own: the transaction that granted it verified that no writer holds or awaits
+// the lock, and read the part. What it shows is as of that moment; no set is possible under it.
+class observed_lock final : public held_lock {
+  public:
+    observed_lock(std::shared_ptr<etcd_store> keys, tree_part part)
+        : keys_(std::move(keys)), part_(std::move(part)) {}
+
+    bool still_held() const override { return false; }
+    std::unique_ptr<moment> as_of_grant() override { return keys_->as_of(part_); }
+
+  private:
+    std::shared_ptr<etcd_store> keys_;
+    tree_part part_;
+};
+
 class etcd_locks final : public lock_service {
   public:
     explicit etcd_locks(std::shared_ptr<etcd_store> keys) : keys_(std::move(keys)) {}

@@ -141,7 +141,6 @@ void etcd_store::open(bool create) {
         (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
     }
     note_depth(tree_state(&cluster_->calls(), keys));
-    cluster_->require_lease(cluster_->calls().answer_end());  // so that no lock has to wait for one
 }
 
 // ---- Setting ------------------------------------------------------------------------------------

@@ -52,10 +52,7 @@ class session {
     // A name for a place in a queue or a change set, which nobody else uses.
     std::string unique_name();
 
-    // Sees that there is a lease that lives and takes places.
-    void require_lease(steady::time_point end);
-
-    // Such a lease, with one place more.
+    // A lease that lives and takes places, with one place more. The first lock brings the lease.
     std::shared_ptr<lease> take_place(steady::time_point end);
 
     bool lives(const lease &one) const;
@@ -77,6 +74,7 @@ class session {
     };
 
     std::shared_ptr<lease> open_lease();
+    void require_lease(steady::time_point end);
     void revoke_the_rest();
     bool drop_place(const std::shared_ptr<lease> &its) noexcept;
     void revoke(int64_t id, std::chrono::milliseconds patience) noexcept;

@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <thread>
 
 #include "shared.h"
 
@@ -130,10 +131,18 @@ TEST(Members, ADoctorTellsWhatIsGoodAndWhatIsBad) {
     EXPECT_EQ(found["registry"], health::bad);
 }
 
-TEST(Members, AFullDatabaseIsTold) {
+// Under the alarm NOSPACE etcd refuses puts and leases, and permits reads and deletes.
+TEST(Members, AFullDatabaseIsReadAndNeverWritten) {
     etcd_members one(1, {"--quota-backend-bytes=1048576"});
     backend registry = open_cluster(one.url());
-    registry.keys->apply({put("a.b", "0")});
+    auto tool = [&](const std::string &words) {
+        int status = std::system(
+            (KEYVIEWCTL " --registry " + one.url() + " " + words + " >/dev/null 2>&1").c_str());
+        return WEXITSTATUS(status);
+    };
+    ASSERT_EQ(tool("apply " EXAMPLE_DOCUMENT), 0);
+    registry.keys->apply({put("a.b", "0"), put("w.x", "0")});
+    auto writer = registry.locks->acquire("LKRT.w", lock_mode::exclusive, 0);
     auto fill = [&] {
         for (int n = 0; n < 100; ++n)
             registry.keys->set("a.b", std::string(100000, static_cast<char>('a' + n % 20)),
@@ -142,11 +151,34 @@ TEST(Members, AFullDatabaseIsTold) {
     std::string text;
     EXPECT_EQ(failure_of(fill, &text), failure::registry);
     EXPECT_NE(text.find("alarm NOSPACE"), text.npos) << text;
-    EXPECT_EQ(value_at(registry, "a.b").size(), 100000U) << "reads go on";
+    for (const char *words :
+         {"list", "get a", "ls", "tree", "export", "backup -", "enabled sales", "status sales",
+          "show sales", "role sales", "lock list", "check", "lint", "watch --for 1"})
+        EXPECT_EQ(tool(words), 0) << words;
+    for (const char *words : {"disable sales", "set a.b x --yes", "rm a --yes"})
+        EXPECT_NE(tool(words), 0) << words;
+    EXPECT_EQ(tool("lock run --shared LKRT.a true"), 4) << "nothing would keep a writer away";
+
+    auto read_under = [&](const char *name, const char *part, uint32_t wait_ms) {
+        return registry.locks->acquire(name, lock_mode::shared, wait_ms, {part, reach::all_below});
+    };
+    auto observed = read_under("LKRT.a", "a", 0);
+    for (int views = 0; views < 2; ++views) {
+        EXPECT_TRUE(observed->as_of_grant()->read("a.b", &text));
+        EXPECT_EQ(text.size(), 100000U);
+    }
+    expect_failure([&] { read_under("LKRT.w", "w", 0); }, failure::lock, "held by", 0);
+    std::thread reader([&] { EXPECT_NO_THROW(read_under("LKRT.w", "w", 10000)); });
+    usleep(200000);
+    writer.reset();
+    reader.join();
+
     uint64_t now = registry.keys->now()->current().tree;
     etcdctl(one, "compaction " + std::to_string(now));
     etcdctl(one, "defrag");
     etcdctl(one, "alarm disarm");
+    EXPECT_EQ(failure_of([&] { registry.keys->set("a.b", "1", observed.get()); }), failure::lock);
+    EXPECT_TRUE(observed->as_of_grant()->read("a.b", &text));
     EXPECT_TRUE(registry.keys->set("a.b", "1", nullptr));
 }
 
