@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/embedded/lmdb_rows.h"
 #include "host/embedded/lmdb_writer.h"
-#include "host/embedded/near_rows.h"
 #include "host/registry/lock_wait.h"
 #include "host/registry/path.h"
 #include "host/registry/snapshot.h"
@@ -19,39 +19,11 @@ namespace keyview::host {
 // them.
 static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
 
-host_error damaged_row(std::string_view place) {
-    std::string path;
-    append_path(&path, place.substr(0, place_is_cut(place) ? place.find('\x02') : place.npos));
-    return host_error(
-        failure::content,
-        "the registry is damaged: the stored bytes of " + path +
-            (place_is_cut(place) ? "..." : "") +
-            " are not those that were written; restore the registry from a saved cluster document");
-}
-
 static host_error damaged_list(std::string_view path) {
     return host_error(failure::content,
                       "the registry is damaged: keys below " + std::string(path) +
                           " are missing or not where they belong; restore the registry from a "
                           "saved cluster document");
-}
-
-bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
-    place_of place(path);
-    MDB_val key = bytes_of(place.view());
-    MDB_val data = {};
-    int rc = mdb_get(txn, environment::KEYS, &key, &data);
-    if (rc == MDB_NOTFOUND) {
-        require_sound_neighbours(env, txn, place.view());
-        return false;
-    }
-    env.check(rc, "mdb_get");
-    if (!read_row(place.view(), view_of(data), out)) throw damaged_row(place.view());
-    return !place_is_cut(place.view()) || out->path == path;
-}
-
-bool below(std::string_view path, std::string_view top, reach which) {
-    return path.size() > top.size() && path_within(path, top, which);
 }
 
 // ---- Copies -------------------------------------------------------------------------------------
@@ -71,6 +43,8 @@ class lmdb_moment final : public moment {
     revision current() override;
     bool read(std::string_view path, std::string *value) override;
     bool copy(std::string_view path, reach which, snapshot *out) override;
+    bool scan(std::string_view path, reach which, const row_sink &keys,
+              const damaged_key_sink &damaged) override;
 
   private:
     [[nodiscard]] bool copy_in_order(std::string_view path, reach which, snapshot *out);
@@ -159,7 +133,9 @@ bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *ou
         std::string_view place = rows.place();
         if (place_is_cut(place)) return false;
         row found;
-        if (!read_row(place, rows.bytes(), &found)) throw damaged_row(place);
+        if (!read_row(place, rows.bytes(), &found)) {
+            throw damaged_row(path_of_row(place, rows.bytes()));
+        }
         if (!list.has(place)) {
             if (!rows.in_range()) break;
             if (!list.begin_with(place)) throw damaged_list(path);
@@ -175,15 +151,12 @@ void lmdb_moment::copy_sorted(std::string_view path, reach which, snapshot *out)
         row found;
     };
     std::vector<whole_row> rows;
-    for (const place_range &range : place_ranges(path, which)) {
-        for (row_scan at(*env_, reading_.cursor(), range); at.more() && at.in_range(); at.next()) {
-            whole_row added;
-            if (!read_row(at.place(), at.bytes(), &added.found)) throw damaged_row(at.place());
-            added.path = added.found.path;
-            if (!place_is_cut(at.place())) append_path(&added.path, at.place());
-            if (below(added.path, path, which)) rows.push_back(std::move(added));
-        }
-    }
+    auto add = [&](std::string_view place, std::string_view bytes) {
+        whole_row added = {path_of_row(place, bytes), {}};
+        if (!read_row(place, bytes, &added.found)) throw damaged_row(added.path);
+        rows.push_back(std::move(added));
+    };
+    visit_below(*env_, reading_.cursor(), path, which, add);
     std::sort(rows.begin(), rows.end(),
               [](const whole_row &a, const whole_row &b) { return path_before(a.path, b.path); });
     std::string_view list;
@@ -196,6 +169,26 @@ void lmdb_moment::copy_sorted(std::string_view path, reach which, snapshot *out)
         std::string_view name = std::string_view(one.path).substr(parent.size() + 1);
         if (!out->add(name, one.found.value, one.found.children)) throw damaged_list(parent);
     }
+}
+
+bool lmdb_moment::scan(std::string_view path, reach which, const row_sink &keys,
+                       const damaged_key_sink &damaged) {
+    if (path_fault(path) != nullptr) return false;
+    bool any = false;
+    auto deliver = [&](std::string_view place, std::string_view bytes) {
+        row found;
+        std::string known = path_of_row(place, bytes);
+        any = true;
+        read_row(place, bytes, &found) ? keys(known, found.value) : damaged(known);
+    };
+    row top;
+    row_state state = look_up(*env_, reading_.txn(), path, &top);
+    any = state != row_state::absent;
+    if (state == row_state::sound) keys(path, top.value);
+    if (state == row_state::damaged) damaged(path);
+    if (!any) visit_damaged_neighbours(*env_, reading_.txn(), path, deliver);
+    if (which != reach::key_alone) visit_below(*env_, reading_.cursor(), path, which, deliver);
+    return any;
 }
 
 // ---- The store ----------------------------------------------------------------------------------

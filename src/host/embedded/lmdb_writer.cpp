@@ -1,7 +1,6 @@
 // Changes of the tree within one write transaction.
 #include "host/embedded/lmdb_writer.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,67 +10,91 @@ namespace keyview::host {
 
 void lmdb_writer::carry_out(const change &one) {
     if (one.what == change::kind::remove) return remove(one.path);
-    if (!replace(one.path, one.value)) create(one.path, one.value);
+    put(one.path, one.value);
 }
 
 bool lmdb_writer::replace(std::string_view path, std::string_view value) {
     row found;
     if (!find_row(env_, txn_, path, &found)) return false;
-    if (found.value == value) return true;
-    put_row(path, found.children, value);
-    ++counts_.replaced;
+    replace_row(path, found, value);
     return true;
 }
 
-// Makes the key, its missing parents first.
+void lmdb_writer::put(std::string_view path, std::string_view value) {
+    row found;
+    row_state state = state_of(path, &found);
+    if (state == row_state::sound) return replace_row(path, found, value);
+    ++(state == row_state::damaged ? counts_.replaced : counts_.created);
+    if (state == row_state::absent) (void)remove_strays(path);  // usually there is none
+    create(path, value);
+}
+
+void lmdb_writer::replace_row(std::string_view path, const row &found, std::string_view value) {
+    if (found.value == value) return;
+    put_row(path, found.children, value);
+    ++counts_.replaced;
+}
+
+// Writes the row of a key without a sound one, its missing parents first. Only damage leaves keys
+// below a key that is missing.
 void lmdb_writer::create(std::string_view path, std::string_view value) {
     std::string_view parent = parent_path(path);
     row found;
-    if (!parent.empty() && !find_row(env_, txn_, parent, &found)) create(parent, {});
-    put_row(path, 0, value);
+    if (!parent.empty() && state_of(parent, &found) == row_state::absent) put(parent, {});
+    put_row(path, damage_seen_ ? count_children(path) : 0, value);
     add_children(parent, 1);
-    ++counts_.created;
 }
 
-// Works on places, so that a damaged row can be removed.
+// The path may be that of no key, as damage leaves it.
 void lmdb_writer::remove(std::string_view path) {
-    if (path_fault(path) != nullptr || !exists(path)) return;
-    std::vector<std::string> places = {std::string(place_of(path).view())};
-    MDB_cursor *cursor = nullptr;
-    env_.check(mdb_cursor_open(txn_, environment::KEYS, &cursor), "mdb_cursor_open");
-    std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)> guard(cursor, &mdb_cursor_close);
-    for (const place_range &range : place_ranges(path, reach::all_below)) {
-        for (row_scan rows(env_, cursor, range); rows.more() && rows.in_range(); rows.next()) {
-            row found;
-            bool cut = place_is_cut(rows.place());
-            if (cut && !read_row(rows.place(), rows.bytes(), &found)) {
-                throw damaged_row(rows.place());
-            }
-            if (cut && !below(found.path, path, reach::all_below)) continue;
-            places.emplace_back(rows.place());
-        }
-    }
+    if (path.empty() || path.size() > MAX_PATH_LENGTH) return;
+    row found;
+    row_state state = state_of(path, &found);
+    if (state == row_state::absent && !remove_strays(path)) return;
+    if (state == row_state::sound && path_fault(path) != nullptr) return;
+    std::vector<std::string> places;
+    if (state != row_state::absent) places.emplace_back(place_of(path).view());
+    cursor_guard cursor(env_, txn_);
+    visit_below(env_, cursor.get(), path, reach::all_below,
+                [&](std::string_view place, std::string_view) { places.emplace_back(place); });
     for (const std::string &place : places)
         delete_place(place);
     add_children(parent_path(path), -1);
 }
 
-bool lmdb_writer::exists(std::string_view path) {
-    place_of whole(path);
-    std::string_view place = whole.view();
-    row found;
-    if (place_is_cut(place)) return find_row(env_, txn_, path, &found);
-    MDB_val key = bytes_of(place);
-    MDB_val data = {};
-    int rc = mdb_get(txn_, environment::KEYS, &key, &data);
-    if (rc != MDB_NOTFOUND) env_.check(rc, "mdb_get");
-    return rc == MDB_SUCCESS;
+row_state lmdb_writer::state_of(std::string_view path, row *found) {
+    row_state state = look_up(env_, txn_, path, found);
+    damage_seen_ = damage_seen_ || state == row_state::damaged;
+    return state;
+}
+
+// Removes the row of an absent key if it stands nearby because its LMDB key is damaged.
+bool lmdb_writer::remove_strays(std::string_view path) {
+    place_of true_place(path);
+    std::vector<std::string> strays;
+    visit_damaged_neighbours(env_, txn_, path, [&](std::string_view place, std::string_view bytes) {
+        row found;
+        damage_seen_ = true;
+        if (read_row(true_place.view(), bytes, &found)) strays.emplace_back(place);
+    });
+    for (const std::string &place : strays)
+        delete_place(place);
+    return !strays.empty();
 }
 
 void lmdb_writer::add_children(std::string_view path, int32_t more) {
     row found;
-    if (path.empty() || !find_row(env_, txn_, path, &found)) return;
-    put_row(path, found.children + static_cast<uint32_t>(more), found.value);
+    if (path.empty() || state_of(path, &found) != row_state::sound) return;
+    uint32_t children = found.children + static_cast<uint32_t>(more);
+    put_row(path, damage_seen_ ? count_children(path) : children, found.value);
+}
+
+uint32_t lmdb_writer::count_children(std::string_view path) {
+    uint32_t count = 0;
+    cursor_guard cursor(env_, txn_);
+    visit_below(env_, cursor.get(), path, reach::children,
+                [&](std::string_view, std::string_view) { ++count; });
+    return count;
 }
 
 void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value) {

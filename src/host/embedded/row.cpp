@@ -74,10 +74,14 @@ std::vector<place_range> place_ranges(std::string_view path, reach which) {
     std::vector<place_range> ranges;
     if (above.size() + 1 < LONGEST_PLACE) ranges.push_back({above + LAST, above + behind});
     if (above.size() + 1 > CUT_HEAD) {
-        above.resize(CUT_HEAD);
-        ranges.push_back({above + CUT, above + static_cast<char>(CUT + 1)});
+        ranges.push_back(cut_range(above));
     }
     return ranges;
+}
+
+place_range cut_range(std::string_view place) {
+    std::string head(place.substr(0, CUT_HEAD));
+    return {head + CUT, head + static_cast<char>(CUT + 1)};
 }
 
 // covered is the row without its checksum.
@@ -110,6 +114,36 @@ bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept
     out->children = head.children;
     out->value = rest.substr(head.path_length);
     return true;
+}
+
+// The stored path, which may be damaged with its row.
+static std::string_view stored_path(std::string_view bytes) {
+    row_head head;
+    if (bytes.size() < sizeof(head)) return {};
+    memcpy(&head, bytes.data(), sizeof(head));
+    return bytes.substr(sizeof(head), std::min<size_t>(head.path_length, MAX_PATH_LENGTH));
+}
+
+std::string path_of_row(std::string_view place, std::string_view bytes) {
+    std::string_view stored = place_is_cut(place) ? stored_path(bytes) : std::string_view();
+    if (!stored.empty() && place_of(stored).view() == place) return std::string(stored);
+    std::string path;
+    append_path(&path, place_is_cut(place) ? place.substr(0, CUT_HEAD) : place);
+    if (place_is_cut(place)) path += "...";
+    return path;
+}
+
+bool row_is_below(std::string_view place, std::string_view bytes, std::string_view path,
+                  reach which) {
+    if (!place_is_cut(place) || path.size() < CUT_HEAD) return true;
+    std::string found = path_of_row(place, bytes);
+    return found.size() > path.size() && path_within(found, path, which);
+}
+
+bool row_is_misplaced(std::string_view place, std::string_view bytes) {
+    std::string_view stored = place_is_cut(place) ? stored_path(bytes) : std::string_view();
+    row found;
+    return !stored.empty() && read_row(place_of(stored).view(), bytes, &found);
 }
 
 std::string write_row(std::string_view place, std::string_view path, uint32_t children,

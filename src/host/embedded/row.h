@@ -64,6 +64,9 @@ struct place_range {
 // The ranges that hold all rows of a key's children, or of all keys below it.
 std::vector<place_range> place_ranges(std::string_view path, reach which);
 
+// The range of all cut places with the head of one.
+place_range cut_range(std::string_view place);
+
 struct row {
     std::string_view path;  // "" unless the place is cut
     uint32_t children;
@@ -73,6 +76,18 @@ struct row {
 // Takes a row apart; false if its bytes are not those that were written at this place. It is quick
 // if the row follows its place in memory, as within a page of LMDB.
 [[nodiscard]] bool read_row(std::string_view place, std::string_view bytes, row *out) noexcept;
+
+// The path of a row, sound or damaged. Of a cut place it is the stored one if that has this place;
+// else the head of the place with "..." behind it, which is the path of no key.
+std::string path_of_row(std::string_view place, std::string_view bytes);
+
+// Whether a row of place_ranges(path, which) is that of a key below path. A damaged row with a cut
+// place and a damaged path counts as one if its place alone shows it.
+bool row_is_below(std::string_view place, std::string_view bytes, std::string_view path,
+                  reach which);
+
+// Whether a row is sound but for its place.
+bool row_is_misplaced(std::string_view place, std::string_view bytes);
 
 // The bytes of a row. path is that of the key, cut or not.
 std::string write_row(std::string_view place, std::string_view path, uint32_t children,

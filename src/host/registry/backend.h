@@ -87,9 +87,6 @@ enum class open_mode { existing, create };
 // without its subject.
 using damage_sink = std::function<void(const std::string &place, const std::string &reason)>;
 
-// Receives a key and its value. The views end with the call.
-using row_sink = std::function<void(std::string_view path, std::string_view value)>;
-
 struct check_counts {
     uint64_t keys = 0;
     uint64_t pages = 0;

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "host/registry/path.h"
-#include "host/registry/store.h"
 #include "host/support/export.h"
 
 namespace keyview::host {

@@ -1,6 +1,7 @@
 // What all stores refuse, in the same words.
 #include "host/registry/store.h"
 
+#include "host/registry/snapshot.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
@@ -32,6 +33,18 @@ host_error tree_changed(uint64_t revision, uint64_t wanted) {
     return {failure::changed, "the registry changed meanwhile: its revision is " +
                                   std::to_string(revision) + ", not " + std::to_string(wanted) +
                                   "; nothing was written"};
+}
+
+bool moment::scan(std::string_view path, reach which, const row_sink &keys,
+                  const damaged_key_sink &) {
+    snapshot all(path, which);
+    std::string value;
+    bool alone = which == reach::key_alone;
+    if (alone ? !read(path, &value) : !copy(path, which, &all)) return false;
+    if (alone) keys(path, value);
+    for (uint32_t key = 0; key < all.size(); ++key)
+        keys(all.path(key), all.value(key));
+    return true;
 }
 
 std::optional<change_batch> store::changes_since(std::string_view path, uint64_t since,

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,7 +28,8 @@ class snapshot;
 // One key of a change set. put creates the key, its missing parents (with empty values) included,
 // or replaces its value; a value that is there already is not written again. remove deletes the key
 // with all that is below it; a key that is not there is no failure. A put with a path that no key
-// can have (path.h), or a value above MAX_VALUE_SIZE, is failure::usage.
+// can have (path.h), or a value above MAX_VALUE_SIZE, is failure::usage. A key whose stored bytes
+// are damaged is replaced and deleted like any other, and a damaged parent of it is left as it is.
 struct change {
     enum class kind { put, remove };
     kind what;
@@ -57,6 +59,13 @@ struct revision {
     }
 };
 
+// Receives a key and its value. The views end with the call.
+using row_sink = std::function<void(std::string_view path, std::string_view value)>;
+
+// Receives the path of a key whose stored bytes are damaged. Where the path is damaged as well, it
+// is what the store can read of it, and may be the path of no key.
+using damaged_key_sink = std::function<void(std::string_view path)>;
+
 // The tree as of one moment, for the thread that asked for it. It may keep room in use that a
 // store wants back: for short work only.
 class KEYVIEW_HOST_API moment {
@@ -75,6 +84,12 @@ class KEYVIEW_HOST_API moment {
     // Copies a key with its children or all that is below it into a snapshot that was made for this
     // and holds nothing yet; false if there is no such key.
     virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
+
+    // Delivers the same keys in no order, and goes on after a key whose stored bytes are damaged,
+    // which only this function does: the others throw failure::content. False if there is no such
+    // key, sound or damaged. A store without damaged rows delivers a copy.
+    virtual bool scan(std::string_view path, reach which, const row_sink &keys,
+                      const damaged_key_sink &damaged);
 };
 
 // A change of one key, and the revision that the tree had with it. No value: no key.

@@ -1,0 +1,98 @@
+// Access to rows within one transaction of LMDB, for readers and writers.
+#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_ROWS_H
+#define KEYVIEW_HOST_EMBEDDED_LMDB_ROWS_H
+
+#include <lmdb.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "host/embedded/environment.h"
+#include "host/embedded/row.h"
+#include "host/support/error.h"
+
+namespace keyview::host {
+
+// Bytes as LMDB takes them; it does not write to them.
+inline MDB_val bytes_of(std::string_view text) {
+    return {text.size(), const_cast<char *>(text.data())};
+}
+
+inline std::string_view view_of(const MDB_val &bytes) {
+    return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
+}
+
+// A cursor that is closed at the end of the scope.
+class cursor_guard {
+  public:
+    cursor_guard(const environment &env, MDB_txn *txn) {
+        env.check(mdb_cursor_open(txn, environment::KEYS, &cursor_), "mdb_cursor_open");
+    }
+    cursor_guard(const cursor_guard &) = delete;
+    cursor_guard &operator=(const cursor_guard &) = delete;
+    ~cursor_guard() { mdb_cursor_close(cursor_); }
+
+    MDB_cursor *get() const { return cursor_; }
+
+  private:
+    MDB_cursor *cursor_ = nullptr;
+};
+
+// Iterates over the rows of a range and those behind it. The views end with the next change or with
+// the transaction.
+class row_scan {
+  public:
+    row_scan(const environment &env, MDB_cursor *cursor, const place_range &range)
+        : env_(env), cursor_(cursor), to_(range.to), key_(bytes_of(range.from)) {
+        step(MDB_SET_RANGE);
+    }
+
+    bool more() const { return more_; }
+    bool in_range() const { return place() < to_; }
+    void next() { step(MDB_NEXT); }
+    std::string_view place() const { return view_of(key_); }
+    std::string_view bytes() const { return view_of(data_); }
+
+  private:
+    void step(MDB_cursor_op op) {
+        int rc = mdb_cursor_get(cursor_, &key_, &data_, op);
+        if (rc != MDB_SUCCESS && rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
+        more_ = rc == MDB_SUCCESS;
+    }
+
+    const environment &env_;
+    MDB_cursor *cursor_;
+    std::string_view to_;
+    MDB_val key_;
+    MDB_val data_ = {};
+    bool more_;
+};
+
+enum class row_state { absent, sound, damaged };
+
+// Receives the place of a row and its bytes.
+using row_visitor = std::function<void(std::string_view place, std::string_view bytes)>;
+
+// Visits the rows of all keys below a key, damaged ones included.
+void visit_below(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
+                 const row_visitor &visit);
+
+// Finds the row of a key. What it delivers ends with the next change or with the transaction.
+row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out);
+
+// Visits the damaged rows that may be the one of an absent key. A damaged LMDB key stays where its
+// row was written: next to the place of the true key, and for a cut place among those with the same
+// head.
+void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
+                              const row_visitor &visit);
+
+// As look_up, for callers that need a sound row: false if there is no such key; throws
+// failure::content if its row is damaged or may be a damaged neighbour.
+bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out);
+
+host_error damaged_row(std::string_view path);
+
+}  // namespace keyview::host
+
+#endif
