@@ -30,7 +30,7 @@ namespace {
 // The cluster without the kit: one connection, and requests that were made before.
 class by_hand {
   public:
-    by_hand(const std::string &url, const std::string &top, host::reach reach,
+    by_hand(const std::string &url, const std::string &top, reach reach,
             const std::vector<tree_key> &keys)
         : calls_(host::settings_of(url)), keys_(calls_.settings().prefix) {
         calls_.grant(LEASE, std::chrono::seconds(600), calls_.answer_end());
@@ -39,7 +39,7 @@ class by_hand {
         host::require_created(&take_, writers, 0);
         host::add_put(take_.mutable_success(), place, "", LEASE);
         const uint32_t depth = host::elements_of(top);
-        const uint32_t last = reach == host::reach::children ? depth + 1 : deepest(keys);
+        const uint32_t last = reach == reach::children ? depth + 1 : deepest(keys);
         host::add_range(take_.mutable_success(), {keys_.key(top), ""});
         for (uint32_t n = depth + 1; n <= last; ++n)
             host::add_range(take_.mutable_success(), keys_.below(top, n));
@@ -50,7 +50,7 @@ class by_hand {
         }
         for (const tree_key &key : keys) {
             if (std::none_of(keys.begin(), keys.end(), [&](const tree_key &other) {
-                    return host::parent_path(other.path) == key.path;
+                    return parent_path(other.path) == key.path;
                 })) {
                 continue;
             }
@@ -105,7 +105,7 @@ void fetch_rows(report *to, const test::etcd_members &members, const std::vector
         const std::string where =
             first == members.leader() ? ", asking the leader" : ", asking a follower";
         session reader(url);
-        by_hand peer(url, keys.front().path, host::reach::all_below, keys);
+        by_hand peer(url, keys.front().path, reach::all_below, keys);
         const auto figures =
             interleave({101, 5}, {[&] { reader.fetch(TYPICAL.database); }, [&] { peer.in_two(); }});
         to->ratio((FETCH + where).c_str(), figures[0], figures[1], 1.3);
@@ -147,10 +147,9 @@ void list_rows(report *to, const test::etcd_members &members) {
     };
     trips_row(to, LIST_TRIPS, same.keys.get(), 3, list);
     if (!to->wants({LIST})) return;
-    by_hand peer(
-        url,
-        std::string(host::parent_path(keys.back().path.substr(0, keys.back().path.rfind('.')))),
-        host::reach::children, {});
+    by_hand peer(url,
+                 std::string(parent_path(keys.back().path.substr(0, keys.back().path.rfind('.')))),
+                 reach::children, {});
     const auto figures = interleave({15, 1}, {list, [&] { peer.in_two(); }});
     to->ratio(LIST, figures[0], figures[1], NO_GOAL);
 }

@@ -10,8 +10,8 @@
 #include <random>
 
 #include "admin/admin.h"
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
+#include "model/path.h"
 #include "registry.h"
 
 namespace keyview::test {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

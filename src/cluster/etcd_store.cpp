@@ -8,7 +8,7 @@
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
 #include "cluster/half_applied.h"
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -5,8 +5,8 @@
 #include <charconv>
 #include <cstdio>
 
-#include "host/registry/path.h"
 #include "host/support/error.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -12,8 +12,8 @@
 
 #include "cluster/connection.h"
 #include "cluster/layout.h"
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

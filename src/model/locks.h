@@ -2,6 +2,12 @@
 #ifndef MODEL_LOCKS_H
 #define MODEL_LOCKS_H
 
+#include <string>
+#include <string_view>
+
+#include "model/path.h"
+#include "model/roots.h"
+
 namespace model {
 
 // "LKRT.DATABASE.DATABASES.<db>" covers a database, "LKRT.DATABASE.NODEAPPS.<node>" the
@@ -11,6 +17,31 @@ inline constexpr char LOCK_HEAD[] = "LKRT.";
 
 // "LKRT.STG.DATABASE.STG.<scope>.<name>" covers a storage manager entry.
 inline constexpr char STG_LOCK_HEAD[] = "LKRT.STG.";
+
+// The part of the tree that a lock protects.
+struct lock_cover {
+    std::string_view path;  // a part of the lock's name, "" if it covers nothing
+    reach depth = reach::all_below;
+};
+
+constexpr lock_cover cover_of(std::string_view lock_name) noexcept {
+    constexpr std::string_view HEAD = LOCK_HEAD, STG_HEAD = STG_LOCK_HEAD;
+    if (lock_name.substr(0, HEAD.size()) != HEAD) return {};
+    bool stg = lock_name.substr(0, STG_HEAD.size()) == STG_HEAD;
+    std::string_view path = lock_name.substr(stg ? STG_HEAD.size() : HEAD.size());
+    if (path_fault(path) != nullptr) return {};
+    return {path, !stg && path == DB_ROOT ? reach::children : reach::all_below};
+}
+
+// The lock under which a key is changed: that of its database, entry or node; above those, one of
+// the key's own.
+inline std::string lock_of(std::string_view path) {
+    bool stg = path_within(path, STG_ROOT);
+    bool record = stg || path_within(path, DB_ROOT) || path_within(path, NODEAPPS_ROOT);
+    std::string_view cover = record ? first_elements(path, stg ? 4 : 3) : path;
+    bool entry = stg && cover != first_elements(path, 3);
+    return (entry ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(cover);
+}
 
 }  // namespace model
 

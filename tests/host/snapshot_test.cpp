@@ -5,7 +5,7 @@
 #include <fstream>
 #include <thread>
 
-#include "host/registry/path.h"
+#include "model/path.h"
 #include "process.h"
 #include "registry.h"
 

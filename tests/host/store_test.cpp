@@ -4,8 +4,8 @@
 #include <atomic>
 #include <memory>
 
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
+#include "model/path.h"
 #include "process.h"
 #include "registry.h"
 #include "store_test.h"

@@ -15,8 +15,8 @@
 
 #include "admin/change/key_map.h"
 #include "admin/change/plan.h"
+#include "admin/document/base64.h"
 #include "admin/entry.h"
-#include "host/support/base64.h"
 #include "host/support/error.h"
 
 namespace keyview::admin {
@@ -42,7 +42,7 @@ static std::string backup_of(const key_map &keys, uint64_t revision) {
     out += "revision " + std::to_string(revision) + "\n";
     out += "keys " + std::to_string(keys.size()) + "\n";
     for (const auto &[path, value] : keys)
-        out += path + " " + host::to_base64(value) + "\n";
+        out += path + " " + to_base64(value) + "\n";
     return out + checksum_line(out);
 }
 
@@ -52,7 +52,7 @@ backup_result backup_registry() noexcept {
         {
             auto present = open_present().keys->now();
             out->revision = present->current().tree;
-            read_below(present.get(), TOP, host::reach::all_below, &keys);
+            read_below(present.get(), TOP, reach::all_below, &keys);
         }
         out->keys = keys.size();
         out->content = backup_of(keys, out->revision);
@@ -106,7 +106,7 @@ static key_map keys_of(std::string_view content) {
         std::string_view line = lines.next();
         size_t blank = line.rfind(' ');
         std::string value;
-        bool sound = blank != line.npos && host::from_base64(line.substr(blank + 1), &value);
+        bool sound = blank != line.npos && from_base64(line.substr(blank + 1), &value);
         if (!sound) refuse("a line is no key with its value");
         keys.emplace(line.substr(0, blank), std::move(value));
     }
@@ -142,7 +142,7 @@ change_result copy_registry(const std::string &to_url, bool force,
                             const change_options &options) noexcept {
     return guarded<change_result>([&](change_result *out) {
         key_map keys;
-        read_below(open_present().keys->now().get(), TOP, host::reach::all_below, &keys);
+        read_below(open_present().keys->now().get(), TOP, reach::all_below, &keys);
         bring_to(to_url, keys, force, options, out);
     });
 }

@@ -6,7 +6,7 @@
 #include "admin/document/encoding.h"
 #include "admin/document/fields.h"
 #include "admin/entry.h"
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -75,8 +75,8 @@ class lint_walk {
     // The elements one level below a key.
     std::vector<std::string> children(const std::string &path) const {
         std::vector<std::string> out;
-        for (auto at = keys_.upper_bound(path);
-             at != keys_.end() && host::path_within(at->first, path); ++at) {
+        for (auto at = keys_.upper_bound(path); at != keys_.end() && path_within(at->first, path);
+             ++at) {
             std::string_view rest = std::string_view(at->first).substr(path.size() + 1);
             if (rest.find('.') == rest.npos) out.emplace_back(rest);
         }
@@ -213,7 +213,7 @@ class lint_walk {
 lint_result lint_registry() noexcept {
     return guarded<lint_result>([](lint_result *out) {
         key_map keys;
-        read_below(open_present().keys->now().get(), TOP, host::reach::all_below, &keys);
+        read_below(open_present().keys->now().get(), TOP, reach::all_below, &keys);
         out->keys = keys.size();
         lint_walk(keys, &out->findings).walk();
     });

@@ -46,7 +46,7 @@ static std::vector<std::string> known_names(host::store *keys) {
     for (const list_row &section : SECTIONS) {
         key_map found;
         read_below(now.get(), section.key,
-                   section.record->scoped ? host::reach::all_below : host::reach::children, &found);
+                   section.record->scoped ? reach::all_below : reach::children, &found);
         names.insert(lock_of(section.key));
         for (const auto &[path, value] : found)
             names.insert(lock_of(path));

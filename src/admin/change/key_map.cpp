@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "admin/document/fields.h"
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -16,8 +16,8 @@ bool path_order::operator()(std::string_view a, std::string_view b) const {
         [&](char one, char other) { return rank(one) < rank(other); });
 }
 
-void read_below(host::moment *from, std::string_view path, host::reach how_far, key_map *out) {
-    if (how_far == host::reach::key_alone) {
+void read_below(host::moment *from, std::string_view path, reach how_far, key_map *out) {
+    if (how_far == reach::key_alone) {
         std::string value;
         if (from->read(path, &value)) (*out)[std::string(path)] = std::move(value);
         return;
@@ -29,21 +29,20 @@ void read_below(host::moment *from, std::string_view path, host::reach how_far, 
 }
 
 bool below_a_root(std::string_view path) {
-    return std::any_of(SECTIONS.begin(), SECTIONS.end(), [&](const list_row &section) {
-        return host::path_within(path, section.key);
-    });
+    return std::any_of(SECTIONS.begin(), SECTIONS.end(),
+                       [&](const list_row &section) { return path_within(path, section.key); });
 }
 
 static void remove_below(const std::string &path, key_map *keys) {
     auto at = keys->lower_bound(path);
-    while (at != keys->end() && host::path_within(at->first, path))
+    while (at != keys->end() && path_within(at->first, path))
         at = keys->erase(at);
 }
 
 void carry_out(const host::change &one, key_map *keys) {
     if (one.what == host::change::kind::remove) return remove_below(one.path, keys);
-    for (std::string_view parent = host::parent_path(one.path); !parent.empty();
-         parent = host::parent_path(parent)) {
+    for (std::string_view parent = parent_path(one.path); !parent.empty();
+         parent = parent_path(parent)) {
         keys->emplace(parent, "");
     }
     (*keys)[one.path] = one.value;
@@ -69,24 +68,6 @@ std::vector<key_change> differences(const key_map &before, const key_map &after)
         }
     }
     return out;
-}
-
-// The first so many elements of a path.
-static std::string_view head_of(std::string_view path, size_t elements) {
-    size_t end = 0;
-    for (size_t n = 0; n < elements && end != path.npos; ++n)
-        end = path.find('.', end == 0 ? 0 : end + 1);
-    return path.substr(0, end);
-}
-
-std::string lock_of(std::string_view path) {
-    for (const list_row &section : SECTIONS) {
-        if (!host::path_within(path, section.key)) continue;
-        bool scoped = section.record->scoped;
-        std::string_view record = head_of(path, scoped ? 4 : 3);
-        return (scoped && head_of(path, 3) != record ? "LKRT.STG." : "LKRT.") + std::string(record);
-    }
-    return "LKRT." + std::string(path);
 }
 
 }  // namespace keyview::admin

@@ -25,7 +25,7 @@ using key_map = std::map<std::string, std::string, path_order>;
 constexpr const char *TOP = "DATABASE";
 
 // A key with what is below it, if it is there.
-void read_below(host::moment *from, std::string_view path, host::reach how_far, key_map *out);
+void read_below(host::moment *from, std::string_view path, reach how_far, key_map *out);
 
 // Whether a key is one of the tree's sections or below one.
 bool below_a_root(std::string_view path);
@@ -34,9 +34,6 @@ bool below_a_root(std::string_view path);
 void carry_out(const host::change &one, key_map *keys);
 
 std::vector<key_change> differences(const key_map &before, const key_map &after);
-
-// The lock that covers a key: that of its database, entry or node; above those, one of its own.
-std::string lock_of(std::string_view path);
 
 }  // namespace keyview::admin
 

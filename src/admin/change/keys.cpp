@@ -4,13 +4,13 @@
 
 #include "admin/change/key_map.h"
 #include "admin/change/plan.h"
+#include "admin/document/base64.h"
 #include "admin/document/encoding.h"
 #include "admin/document/fields.h"
 #include "admin/document/key_guide.h"
 #include "admin/entry.h"
-#include "host/registry/path.h"
-#include "host/support/base64.h"
 #include "host/support/error.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -24,7 +24,7 @@ keys_result read_keys(std::string_view path, depth how_far) noexcept {
     return guarded<keys_result>([&](keys_result *out) {
         auto keys = open_present().keys->now();
         key_map found;
-        read_below(keys.get(), path, static_cast<host::reach>(how_far), &found);
+        read_below(keys.get(), path, static_cast<reach>(how_far), &found);
         out->revision = keys->current().tree;
         if (found.empty()) {
             throw host_error(failure::not_found, "there is no key " + std::string(path));
@@ -33,8 +33,8 @@ keys_result read_keys(std::string_view path, depth how_far) noexcept {
             out->keys.push_back({key, std::move(value)});
     });
 }
-static_assert(static_cast<int>(depth::all) == static_cast<int>(host::reach::all_below) &&
-                  static_cast<int>(depth::children) == static_cast<int>(host::reach::children),
+static_assert(static_cast<int>(depth::all) == static_cast<int>(reach::all_below) &&
+                  static_cast<int>(depth::children) == static_cast<int>(reach::children),
               "a depth is a reach");
 
 keys_result read_revision() noexcept {
@@ -85,7 +85,7 @@ static std::string encode_name(const record_table &table, std::string_view path,
                                const std::vector<std::string> &values) {
     if (values.size() != 1) throw host_error(failure::usage, "this key takes one value");
     std::string stored = own_value(values[0]), name;
-    std::string_view element = path.substr(host::parent_path(path).size() + 1);
+    std::string_view element = path.substr(parent_path(path).size() + 1);
     std::optional<fault> wrong = decode_own_value(table, element, stored, &name);
     if (wrong) throw host_error(failure::content, std::string(path) + " " + wrong->reason);
     return stored;
@@ -157,11 +157,11 @@ std::string value_for_people(std::string_view value) {
 }
 
 std::string base64_of(std::string_view bytes) {
-    return host::to_base64(bytes);
+    return to_base64(bytes);
 }
 
 bool bytes_of_base64(std::string_view text, std::string *bytes) {
-    return host::from_base64(text, bytes);
+    return from_base64(text, bytes);
 }
 
 // ---- Changing -----------------------------------------------------------------------------------
@@ -169,7 +169,7 @@ bool bytes_of_base64(std::string_view text, std::string *bytes) {
 change_result set_key(std::string_view path, std::string_view value,
                       const change_options &options) noexcept {
     return guarded<change_result>([&](change_result *out) {
-        const char *fault = host::path_fault(path);
+        const char *fault = path_fault(path);
         if (fault != nullptr) {
             throw host_error(failure::usage, "no key can be '" + std::string(path) + "': " + fault);
         }

@@ -9,8 +9,8 @@
 #include "admin/change/key_map.h"
 #include "admin/entry.h"
 #include "host/registry/lock_wait.h"
-#include "host/registry/path.h"
 #include "host/support/error.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -80,16 +80,15 @@ static key_map present_keys(host::moment *keys, const wish &wanted, bool prune) 
     key_map before;
     if (keys == nullptr) return before;
     if (prune || wanted.changes.size() > FEW_CHANGES) {
-        read_below(keys, TOP, host::reach::all_below, &before);
+        read_below(keys, TOP, reach::all_below, &before);
         return before;
     }
     for (const change &one : wanted.changes) {
         bool removes = one.what == change::kind::remove;
-        read_below(keys, one.path, removes ? host::reach::all_below : host::reach::key_alone,
-                   &before);
-        for (std::string_view parent = host::parent_path(one.path); !parent.empty();
-             parent = host::parent_path(parent)) {
-            read_below(keys, parent, host::reach::key_alone, &before);
+        read_below(keys, one.path, removes ? reach::all_below : reach::key_alone, &before);
+        for (std::string_view parent = parent_path(one.path); !parent.empty();
+             parent = parent_path(parent)) {
+            read_below(keys, parent, reach::key_alone, &before);
         }
     }
     return before;
@@ -103,7 +102,7 @@ static std::vector<change> pruning(const key_map &before, const wish &wanted) {
     std::vector<change> out;
     for (const auto &[path, value] : before) {
         bool ours = wanted.within == wish::scope::all || below_a_root(path);
-        bool gone = !out.empty() && host::path_within(path, out.back().path);
+        bool gone = !out.empty() && path_within(path, out.back().path);
         if (ours && !gone && kept.count(path) == 0) out.push_back({change::kind::remove, path, ""});
     }
     return out;

@@ -1,7 +1,7 @@
 // See byte_strings.h.
 #include "admin/document/byte_strings.h"
 
-#include "host/support/base64.h"
+#include "admin/document/base64.h"
 
 namespace keyview::admin {
 
@@ -27,7 +27,7 @@ static const std::string &bytes_in(const json &text) {
 }
 
 static json base64_in(const json &text) {
-    return valid_utf8(bytes_in(text)) ? json() : json(host::to_base64(bytes_in(text)));
+    return valid_utf8(bytes_in(text)) ? json() : json(to_base64(bytes_in(text)));
 }
 
 static void put_list(const field_row &row, const json &list, ordered_json *record) {
@@ -53,7 +53,7 @@ void put_strings(const field_row &row, const json &value, ordered_json *record) 
 
 static std::optional<fault> take_bytes(const json &base64, json *text) {
     std::string bytes;
-    if (!base64.is_string() || !host::from_base64(bytes_in(base64), &bytes))
+    if (!base64.is_string() || !from_base64(bytes_in(base64), &bytes))
         return fault{"must be bytes in base64"};
     *text = bytes;
     return std::nullopt;

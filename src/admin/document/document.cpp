@@ -14,9 +14,9 @@
 #include "admin/entry.h"
 #include "host/registry/backend.h"
 #include "host/registry/diagnosis.h"
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -76,8 +76,8 @@ result check_document(std::string_view document) noexcept {
 // All roots in one read, so that they show one moment.
 static key_node read_tree(host::store *keys) {
     key_node tree;
-    host::snapshot all(TOP, host::reach::all_below);
-    (void)keys->now()->copy(TOP, host::reach::all_below, &all);  // none gives an empty tree
+    host::snapshot all(TOP, reach::all_below);
+    (void)keys->now()->copy(TOP, reach::all_below, &all);  // none gives an empty tree
     for (uint32_t key = 0; key < all.size(); ++key) {
         std::string_view path = all.path(key);
         if (below_a_root(path)) tree.make(path).value = all.value(key);
@@ -185,8 +185,8 @@ result recover_registry(recovery how) noexcept {
 result check_listing() noexcept {
     return guarded<result>([](result *) {
         // Only a failure is of interest, and it is thrown.
-        host::snapshot list(SECTIONS.first->key, host::reach::children);
-        (void)open_present().keys->now()->copy(SECTIONS.first->key, host::reach::children, &list);
+        host::snapshot list(SECTIONS.first->key, reach::children);
+        (void)open_present().keys->now()->copy(SECTIONS.first->key, reach::children, &list);
     });
 }
 

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::admin {
 
@@ -34,9 +34,9 @@ enum class value_kind {
 // Readers take most texts into a buffer of this many bytes; their zero byte counts.
 constexpr uint32_t READER_LIMIT = 1024;
 // The bound where readers grow their buffer.
-constexpr uint32_t GROWING_LIMIT = host::MAX_VALUE_SIZE;
+constexpr uint32_t GROWING_LIMIT = MAX_VALUE_SIZE;
 // The longest path that the readers' blocks hold.
-constexpr size_t PATH_LIMIT = host::MAX_PATH_LENGTH;
+constexpr size_t PATH_LIMIT = MAX_PATH_LENGTH;
 
 struct field_row {
     const char *field;  // in the document

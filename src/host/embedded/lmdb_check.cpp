@@ -10,7 +10,7 @@
 
 #include "host/embedded/page_walk.h"
 #include "host/embedded/row.h"
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

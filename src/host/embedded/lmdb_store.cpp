@@ -9,9 +9,9 @@
 #include "host/embedded/lmdb_rows.h"
 #include "host/embedded/lmdb_writer.h"
 #include "host/registry/lock_wait.h"
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

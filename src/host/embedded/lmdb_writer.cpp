@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

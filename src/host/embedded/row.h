@@ -30,8 +30,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/registry/path.h"
 #include "host/registry/store.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -10,10 +10,11 @@
 #include "host/registry/backend.h"
 #include "host/registry/handles.h"
 #include "host/registry/held_locks.h"
-#include "host/registry/path.h"
 #include "host/support/export.h"
 #include "host/support/last_error.h"
+#include "model/path.h"
 
+using namespace keyview;
 using namespace keyview::host;
 
 static constexpr uint16_t VERSION[] = {2, 1};

@@ -15,6 +15,7 @@
 
 #include "host/registry/store.h"
 #include "host/support/export.h"
+#include "model/locks.h"
 
 namespace keyview::host {
 

@@ -6,8 +6,8 @@
 
 #include "host/registry/handles.h"
 #include "host/registry/held_locks.h"
-#include "host/registry/path.h"
 #include "host/support/last_error.h"
+#include "model/path.h"
 #include "platform/kvtc.h"
 
 namespace keyview::host {

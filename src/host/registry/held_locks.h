@@ -12,7 +12,7 @@
 
 #include "host/registry/backend.h"
 #include "host/registry/locked_view.h"
-#include "host/registry/path.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/registry/path.h"
 #include "host/registry/snapshot.h"
 #include "host/registry/store.h"
+#include "model/locks.h"
 
 namespace keyview::host {
 

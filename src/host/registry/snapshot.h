@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/registry/path.h"
 #include "host/support/export.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -16,9 +16,9 @@
 #include <string_view>
 #include <vector>
 
-#include "host/registry/path.h"
 #include "host/support/error.h"
 #include "host/support/export.h"
+#include "model/path.h"
 
 namespace keyview::host {
 

@@ -1,9 +1,9 @@
 // See base64.h.
-#include "host/support/base64.h"
+#include "admin/document/base64.h"
 
 #include <cstdint>
 
-namespace keyview::host {
+namespace keyview::admin {
 
 static constexpr std::string_view DIGITS =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -39,4 +39,4 @@ bool from_base64(std::string_view text, std::string *bytes) {
     return to_base64(*bytes) == text;
 }
 
-}  // namespace keyview::host
+}  // namespace keyview::admin

@@ -1,17 +1,17 @@
 // Bytes as text of 64 letters, as RFC 4648 has it.
-#ifndef KEYVIEW_HOST_SUPPORT_BASE64_H
-#define KEYVIEW_HOST_SUPPORT_BASE64_H
+#ifndef KEYVIEW_ADMIN_DOCUMENT_BASE64_H
+#define KEYVIEW_ADMIN_DOCUMENT_BASE64_H
 
 #include <string>
 #include <string_view>
 
-namespace keyview::host {
+namespace keyview::admin {
 
 std::string to_base64(std::string_view bytes);
 
 // False if to_base64 would never give this text.
 [[nodiscard]] bool from_base64(std::string_view text, std::string *bytes);
 
-}  // namespace keyview::host
+}  // namespace keyview::admin
 
 #endif
