@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <string_view>
 
@@ -30,8 +31,9 @@ static host_error bad_url(const std::string &url, const std::string &why) {
 }
 
 static bool is_port(std::string_view text) {
-    return !text.empty() && text.size() <= 5 &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    uint16_t port = 0;  // larger numbers would be taken modulo 65536
+    auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    return error == std::errc() && stop == text.data() + text.size() && port != 0;
 }
 
 static void check_member(const std::string &url, std::string_view member) {

@@ -11,7 +11,7 @@
 #include "cluster/call_failure.h"
 #include "cluster/etcd.grpc.pb.h"
 #include "cluster/keepalives.h"
-#include "cluster/tls_look.h"
+#include "cluster/tls_probe.h"
 #include "host/support/fork.h"
 
 namespace keyview::host {
@@ -214,8 +214,9 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
         if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
         next_member(at);
         bool all_failed = ++failed % members_.size() == 0;
-        if (is_late || (all_failed && tls_is_wrong(&failures))) {
-            throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures));
+        bool tls = (is_late || all_failed) && tls_is_wrong(&failures);
+        if (is_late || tls) {
+            throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures, tls));
         }
         if (all_failed) {
             connect(members_[current_.load()]->channel.get(), steady::now() + PAUSE,
@@ -224,23 +225,25 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
     }
 }
 
-// Whether no member can prove who it is, which no further try changes; then failures tell why.
+// Replaces the failures that TLS may have caused by what a probe finds. Returns whether every member
+// has such a fault, which no further try changes.
 bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
-    if (!settings_.tls) return false;
-    for (const std::string &text : *failures) {
-        if (text.find("andshake") == text.npos && text.find("ertificate") == text.npos)
-            return false;
-    }
-    auto patience = LAST_LOOK / static_cast<int>(members_.size());
+    size_t faults = 0;
     for (size_t at = 0; at < members_.size(); ++at) {
-        tls_facts seen = look_at_tls(settings_, members_[at]->name, patience);
-        if (seen.fault.empty()) return false;
-        (*failures)[at] = seen.fault;
+        std::string &text = (*failures)[at];
+        bool ended = false;
+        for (const char *part : {"andshake", "ertificate", "Endpoint read failed", "ocket closed"})
+            ended = ended || text.find(part) != text.npos;
+        if (!ended) continue;
+        tls_facts seen = probe_tls(settings_, members_[at]->name, LAST_LOOK);
+        if (seen.fault.empty()) continue;
+        text = seen.fault;
+        ++faults;
     }
-    return true;
+    return faults == members_.size();
 }
 
-std::string connection::why_no_answer(const std::vector<std::string> &failures) {
+std::string connection::why_no_answer(const std::vector<std::string> &failures, bool tls) {
     std::string text = "the cluster does not answer:";
     size_t without_leader = 0;
     steady::time_point end = steady::now() + LAST_LOOK;
@@ -257,6 +260,7 @@ std::string connection::why_no_answer(const std::vector<std::string> &failures) 
         without_leader += lonely;
         text += (at == 0 ? " " : "; ") + members_[at]->name + ": " + why;
     }
+    if (tls) return text;
     return text + (without_leader > 0
                        ? ". More than half of the members must run and reach each other"
                        : ". See that its members run: keyviewctl doctor");

@@ -92,7 +92,7 @@ class connection {
     void log_in(const std::string &refused, steady::time_point end);
     std::string token();
     bool tls_is_wrong(std::vector<std::string> *failures) const;
-    std::string why_no_answer(const std::vector<std::string> &failures);
+    std::string why_no_answer(const std::vector<std::string> &failures, bool tls);
     void require_own_process() const;
 
     cluster_settings settings_;

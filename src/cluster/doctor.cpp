@@ -5,7 +5,7 @@
 #include "cluster/cluster_settings.h"
 #include "cluster/etcd_store.h"
 #include "cluster/half_applied.h"
-#include "cluster/tls_look.h"
+#include "cluster/tls_probe.h"
 
 namespace keyview::host {
 
@@ -50,9 +50,9 @@ class visit {
 
     void look_at_member(size_t n) {
         std::string subject = "member " + settings_.members[n];
-        if (settings_.tls) look_at_certificate(subject, settings_.members[n]);
+        if (settings_.tls && !look_at_certificate(subject, settings_.members[n])) return;
         diagnose(subject, sink_, [&] {
-            (void)calls_.status_of(n, steady::now() + PATIENCE);  // the connection is made first
+            connect(n);
             steady::time_point start = steady::now();
             wire::StatusResponse status = calls_.status_of(n, start + PATIENCE);
             std::string took = shown_ms(steady::now() - start);
@@ -68,17 +68,30 @@ class visit {
         });
     }
 
-    void look_at_certificate(const std::string &subject, const std::string &member) const {
-        tls_facts seen = look_at_tls(settings_, member, PATIENCE);
+    // Without TLS only a failure shows that the member may demand it.
+    void connect(size_t n) {
+        try {
+            (void)calls_.status_of(n, steady::now() + PATIENCE);
+        } catch (const etcd_error &error) {
+            std::string fault = probe_tls(settings_, settings_.members[n], PATIENCE).fault;
+            if (fault.empty()) throw;
+            throw etcd_error(error.kind, error.reason, fault);
+        }
+    }
+
+    // Returns whether the member can be asked further.
+    bool look_at_certificate(const std::string &subject, const std::string &member) const {
+        tls_facts seen = probe_tls(settings_, member, PATIENCE);
         int64_t days = seen.seconds_left / DAY_S;
         if (!seen.fault.empty()) {
             sink_({subject, health::bad, seen.fault});
-        } else {
+        } else if (seen.answered) {
             bool soon = days < LAST_DAYS;
             sink_({subject, soon ? health::doubtful : health::good,
                    "its certificate is good for " + std::to_string(days) + " days" +
                        (soon ? ": renew it" : "")});
         }
+        return seen.fault.empty();
     }
 
     void look_at_leader() const {

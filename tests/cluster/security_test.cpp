@@ -22,13 +22,15 @@ struct certificates {
         issue("named", "DNS:elsewhere.example", 2);
         issue("expired", "IP:127.0.0.1", 0);
         issue("client", "DNS:client", 2);
+        issue("foreign", "DNS:client", 2, "other");
     }
 
-    void issue(const std::string &name, const std::string &subject, int days) const {
+    void issue(const std::string &name, const std::string &subject, int days,
+               const std::string &ca = "ca") const {
         run(in("openssl req -newkey rsa:2048 -nodes -subj /CN=" + name + " -keyout " + name +
                ".key -out " + name + ".csr && printf 'subjectAltName=" + subject + "' > " + name +
-               ".ext && openssl x509 -req -in " + name + ".csr -CA ca.pem -CAkey ca.key " +
-               "-CAcreateserial -days " + std::to_string(days) + " -extfile " + name +
+               ".ext && openssl x509 -req -in " + name + ".csr -CA " + ca + ".pem -CAkey " + ca +
+               ".key " + "-CAcreateserial -days " + std::to_string(days) + " -extfile " + name +
                ".ext -out " + name + ".pem && chmod 600 *.key"));
     }
 
@@ -68,22 +70,45 @@ TEST(Security, ServersProveWhoTheyAre) {
     }
 }
 
+// What the connection reports at once and what the doctor reports, each with its cause.
+static void expect_tls_fault(const std::string &url, const std::string &told) {
+    expect_failure([&] { open_cluster(url); }, failure::registry, told, 1);
+    std::string found;
+    KEYVIEW_BACKEND_KIND.diagnose(url, [&](const diagnosis &one) { found += one.text + "\n"; });
+    EXPECT_NE(found.find(told), found.npos) << found;
+    EXPECT_EQ(found.find("no answer"), found.npos) << found;
+}
+
 TEST(Security, ClientsProveWhoTheyAreByFilesThatAreTheirsAlone) {
     certificates made;
-    setting wait("KEYVIEW_ANSWER_WAIT", "2");
     setting authority(CA_VARIABLE, made.file("ca.pem"));
     std::vector<std::string> arguments = made.server("good");
     arguments.insert(arguments.end(),
                      {"--client-cert-auth", "--trusted-ca-file=" + made.file("ca.pem")});
     etcd_members one(1, arguments, "https", etcd_members::wait_for::port);
     auto open = [&] { open_cluster(one.url()); };
-    expect_failure(open, failure::registry, one.address(0), 2);
+    expect_tls_fault(one.url(), "it requires a certificate of this program");
+    for (const auto &[name, told] : {std::pair{"expired", "which has expired: renew it"},
+                                     {"foreign", "of an authority that the member trusts"}}) {
+        setting certificate(CERT_VARIABLE, made.file(std::string(name) + ".pem"));
+        setting key(KEY_VARIABLE, made.file(std::string(name) + ".key"));
+        expect_tls_fault(one.url(), told);
+    }
     setting certificate(CERT_VARIABLE, made.file("client.pem"));
     expect_failure(open, failure::usage, KEY_VARIABLE, 0);
     setting key(KEY_VARIABLE, made.file("client.key"));
     EXPECT_NO_THROW(open());
     run("chmod 644 " + made.file("client.key"));
     expect_failure([&] { open_cluster(one.url("/2")); }, failure::usage, "chmod 600", 0);
+}
+
+TEST(Security, AUrlWithTheWrongSchemeIsReported) {
+    certificates made;
+    setting authority(CA_VARIABLE, made.file("ca.pem"));
+    etcd_members plain(1);
+    expect_tls_fault("etcds://" + plain.address(0), "it does not speak TLS: use etcd://");
+    etcd_members secure(1, made.server("good"), "https", etcd_members::wait_for::port);
+    expect_tls_fault("etcd://" + secure.address(0), "it speaks TLS: use etcds://");
 }
 
 // The roles that docs/keyview-cluster.md tells to make.
@@ -189,6 +214,14 @@ TEST(Security, AnExpiredTokenIsRenewedWhileTheLeaderDies) {
         three.start(leader);
         three.await_ready(leader);
     }
+}
+
+TEST(Security, APortThatDoesNotExistIsRefused) {
+    for (const char *port : {"65536", "67915", "0", "", "-1", "1x"}) {
+        expect_failure([&] { settings_of("etcd://127.0.0.1:" + std::string(port) + "/x"); },
+                       failure::usage, "is no host:port", 0);
+    }
+    EXPECT_NO_THROW(settings_of("etcd://127.0.0.1:65535/x"));
 }
 
 TEST(Security, NoSecretIsShown) {

@@ -1,5 +1,5 @@
-// One handshake with OpenSSL, under the same rules as the calls.
-#include "cluster/tls_look.h"
+// One handshake with OpenSSL, with the same settings as the calls.
+#include "cluster/tls_probe.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -32,8 +32,8 @@ template <typename T>
 using owned = std::unique_ptr<T, free_it>;
 
 // "host:port" or "[address]:port".
-struct place {
-    explicit place(const std::string &member)
+struct endpoint {
+    explicit endpoint(const std::string &member)
         : host(member.substr(0, member.rfind(':'))), port(member.substr(member.rfind(':') + 1)) {
         if (host.front() == '[') host = host.substr(1, host.size() - 2);
     }
@@ -54,7 +54,7 @@ bool wait_for(int fd, short events, steady::time_point end) {
     return left > 0 && poll(&ready, 1, static_cast<int>(left)) == 1;
 }
 
-unique_fd connect_to(const place &where, steady::time_point end) {
+unique_fd connect_to(const endpoint &where, steady::time_point end) {
     addrinfo wanted = {};
     wanted.ai_socktype = SOCK_STREAM;
     addrinfo *found = nullptr;
@@ -77,6 +77,7 @@ unique_fd connect_to(const place &where, steady::time_point end) {
 
 owned<SSL_CTX> rules_of(const cluster_settings &settings) {
     owned<SSL_CTX> rules(SSL_CTX_new(TLS_client_method()));
+    if (!settings.tls) return rules;
     SSL_CTX_set_verify(rules.get(), SSL_VERIFY_PEER, nullptr);
     (void)SSL_CTX_load_verify_locations(rules.get(), settings.ca_file.c_str(), nullptr);
     if (!settings.cert_file.empty()) {
@@ -86,32 +87,40 @@ owned<SSL_CTX> rules_of(const cluster_settings &settings) {
     return rules;
 }
 
-// 0 when it is done; else what OpenSSL wants, or failed with.
-int shake_hands(SSL *session, int fd, steady::time_point end) {
+// Repeats one step of OpenSSL until it is done: then SSL_ERROR_NONE, else what failed.
+template <typename function>
+int complete(SSL *session, int fd, steady::time_point end, function &&step) {
     for (;;) {
-        int rc = SSL_connect(session);
-        if (rc == 1) return 0;
-        int wants = SSL_get_error(session, rc);
-        bool more = (wants == SSL_ERROR_WANT_READ && wait_for(fd, POLLIN, end)) ||
-                    (wants == SSL_ERROR_WANT_WRITE && wait_for(fd, POLLOUT, end));
-        if (!more) return wants;
+        int rc = step();
+        if (rc > 0) return SSL_ERROR_NONE;
+        int error = SSL_get_error(session, rc);
+        bool more = (error == SSL_ERROR_WANT_READ && wait_for(fd, POLLIN, end)) ||
+                    (error == SSL_ERROR_WANT_WRITE && wait_for(fd, POLLOUT, end));
+        if (!more) return error;
     }
 }
 
-int64_t seconds_left(SSL *session) {
-    X509 *certificate = SSL_get0_peer_certificate(session);
+// TLS 1.3 lets a client finish before the member has checked its certificate: only the first bytes,
+// of HTTP/2, show that it was accepted.
+int shake_hands(SSL *session, int fd, steady::time_point end) {
+    static constexpr unsigned char HTTP2[] = {2, 'h', '2'};
+    (void)SSL_set_alpn_protos(session, HTTP2, sizeof(HTTP2));
+    int error = complete(session, fd, end, [&] { return SSL_connect(session); });
+    char first = 0;
+    if (error == SSL_ERROR_NONE)
+        error = complete(session, fd, end, [&] { return SSL_read(session, &first, 1); });
+    return error;
+}
+
+int64_t seconds_left(const X509 *certificate) {
     int days = 0;
     int seconds = 0;
-    if (certificate == nullptr) return 0;
-    if (ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate)) != 1) return 0;
+    (void)ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
     return int64_t{days} * 86400 + seconds;
 }
 
-std::string fault_of(SSL *session, const place &where, int wants) {
-    long verified = SSL_get_verify_result(session);
+std::string distrust(long verified, const endpoint &where) {
     switch (verified) {
-        case X509_V_OK:
-            break;
         case X509_V_ERR_CERT_HAS_EXPIRED:
             return "its certificate has expired: renew it";
         case X509_V_ERR_CERT_NOT_YET_VALID:
@@ -119,17 +128,46 @@ std::string fault_of(SSL *session, const place &where, int wants) {
         case X509_V_ERR_HOSTNAME_MISMATCH:
         case X509_V_ERR_IP_ADDRESS_MISMATCH:
             return "its certificate is not for the name " + where.host +
-                   ": use a name that it bears, or give it one with this name";
+                   ": use a name that it contains, or add this one";
         default:
             return std::string("its certificate is not trusted (") +
                    X509_verify_cert_error_string(verified) + "): name the right authority in " +
                    CA_VARIABLE;
     }
-    if (wants == SSL_ERROR_WANT_READ || wants == SSL_ERROR_WANT_WRITE) return "no answer";
-    unsigned long error = ERR_peek_last_error();
-    if (error == 0) return "it ends the connection: see that it speaks TLS";
-    const char *reason = ERR_reason_error_string(error);
-    return std::string("TLS fails: ") + (reason == nullptr ? "no reason given" : reason);
+}
+
+// The member refuses the certificate of this program. Its alert need not give the reason.
+std::string refusal(const SSL *session, const cluster_settings &settings) {
+    const X509 *own = SSL_get_certificate(session);
+    if (own == nullptr) {
+        return std::string("it requires a certificate of this program: name its files in ") +
+               CERT_VARIABLE + " and " + KEY_VARIABLE;
+    }
+    return "it refuses the certificate in " + settings.cert_file + ", which " +
+           (seconds_left(own) < 0
+                ? "has expired: renew it"
+                : "must be for a client and of an authority that the member trusts");
+}
+
+// error is what the handshake ended with. Empty if that does not come from TLS.
+std::string fault_of(const SSL *session, const cluster_settings &settings, const endpoint &where,
+                     int error) {
+    unsigned long cause = ERR_peek_last_error();
+    int alert = ERR_GET_REASON(cause) - SSL_AD_REASON_OFFSET;
+    bool is_alert = ERR_GET_LIB(cause) == ERR_LIB_SSL && alert > 0;
+    if (!settings.tls) {
+        bool speaks_tls = SSL_is_init_finished(session) || is_alert;
+        return speaks_tls ? "it speaks TLS: use etcds:// in the URL" : "";
+    }
+    long verified = SSL_get_verify_result(session);
+    if (verified != X509_V_OK) return distrust(verified, where);
+    bool about_certificate = (alert >= SSL_AD_NO_CERTIFICATE && alert <= SSL_AD_UNKNOWN_CA) ||
+                             alert == SSL_AD_CERTIFICATE_REQUIRED;
+    if (is_alert && about_certificate) return refusal(session, settings);
+    bool in_time = error == SSL_ERROR_SSL || error == SSL_ERROR_SYSCALL;
+    if (!in_time || SSL_is_init_finished(session)) return "";
+    if (!is_alert) return "it does not speak TLS: use etcd:// in the URL, or give it a certificate";
+    return std::string("TLS fails: ") + ERR_reason_error_string(cause);
 }
 
 // OpenSSL writes to a connection that may be closed; the program must not be ended by that.
@@ -155,17 +193,14 @@ class no_sigpipe {
 
 }  // namespace
 
-tls_facts look_at_tls(const cluster_settings &settings, const std::string &member,
-                      std::chrono::milliseconds patience) {
+tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
+                    std::chrono::milliseconds patience) {
     no_sigpipe quiet;
-    place where(member);
+    endpoint where(member);
     steady::time_point end = steady::now() + patience;
     tls_facts seen;
     unique_fd fd = connect_to(where, end);
-    if (!fd.valid()) {
-        seen.fault = "cannot be connected to";
-        return seen;
-    }
+    if (!fd.valid()) return seen;
     ERR_clear_error();
     owned<SSL_CTX> rules = rules_of(settings);
     owned<SSL> session(SSL_new(rules.get()));
@@ -176,9 +211,11 @@ tls_facts look_at_tls(const cluster_settings &settings, const std::string &membe
         (void)SSL_set_tlsext_host_name(session.get(), where.host.c_str());
     }
     (void)SSL_set_fd(session.get(), fd.get());
-    int wants = shake_hands(session.get(), fd.get(), end);
-    if (wants != 0) seen.fault = fault_of(session.get(), where, wants);
-    seen.seconds_left = seconds_left(session.get());
+    int error = shake_hands(session.get(), fd.get(), end);
+    seen.fault = fault_of(session.get(), settings, where, error);
+    const X509 *certificate = SSL_get0_peer_certificate(session.get());
+    seen.answered = certificate != nullptr;
+    if (seen.answered) seen.seconds_left = seconds_left(certificate);
     return seen;
 }
 

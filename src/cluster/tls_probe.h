@@ -1,0 +1,24 @@
+// One handshake with a member, to report why a connection fails: gRPC only reports that it ended.
+#ifndef KEYVIEW_CLUSTER_TLS_PROBE_H
+#define KEYVIEW_CLUSTER_TLS_PROBE_H
+
+#include <chrono>
+#include <string>
+
+#include "cluster/cluster_settings.h"
+
+namespace keyview::host {
+
+struct tls_facts {
+    std::string fault;         // of TLS, with its remedy; empty for none, and without an answer
+    bool answered = false;     // with a certificate
+    int64_t seconds_left = 0;  // of the member's certificate; negative if it has expired
+};
+
+// Connects to "host:port" as the settings demand. Without TLS a member that speaks TLS is the fault.
+tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
+                    std::chrono::milliseconds patience);
+
+}  // namespace keyview::host
+
+#endif
