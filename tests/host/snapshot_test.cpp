@@ -5,6 +5,7 @@
 #include <fstream>
 #include <thread>
 
+#include "host/registry/snapshot.h"
 #include "model/path.h"
 #include "process.h"
 #include "registry.h"
@@ -231,6 +232,15 @@ TEST_F(Snapshot, FindsEveryKeyInAnyOrder) {
         }
     }
     EXPECT_EQ(keys.list(SALES + ".I.i7.L"), "2:a 1:ab 0:b (16)0");
+}
+
+TEST_F(Snapshot, KeepsAValueThatItCannotReplace) {
+    snapshot part("A", reach::key_alone);
+    part.add_top("old", 0);
+    std::string_view longest("", UINT32_MAX);  // refused before it is read
+    EXPECT_EQ(failure_of([&] { part.set_value(snapshot::TOP, longest); }), failure::content);
+    ASSERT_EQ(part.value(snapshot::TOP).size(), 3u);
+    EXPECT_EQ(part.value(snapshot::TOP), "old");
 }
 
 }  // namespace keyview::test

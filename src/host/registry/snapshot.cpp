@@ -131,9 +131,10 @@ uint32_t snapshot::child(uint32_t parent, std::string_view name) const {
 }
 
 void snapshot::set_value(uint32_t key, std::string_view value) {
-    keys_[key].value_at = static_cast<uint32_t>(bytes_.size());
+    auto at = static_cast<uint32_t>(bytes_.size());
+    put(room(value.size()), value);  // may throw: then the row keeps its value
+    keys_[key].value_at = at;
     keys_[key].value_size = static_cast<uint32_t>(value.size());
-    put(room(value.size()), value);
 }
 
 }  // namespace keyview::host
