@@ -127,9 +127,12 @@ bool environment::try_open() {
 
 void environment::open(const data_head &head) {
     check(mdb_env_set_maxreaders(env_, MAX_READERS), "mdb_env_set_maxreaders");
-    check(mdb_env_open(env_, path_.c_str(), MDB_NOTLS, 0600), "mdb_env_open");
-    check(mdb_env_get_fd(env_, &data_fd_), "mdb_env_get_fd");
-    if (fcntl(data_fd_, F_SETFD, FD_CLOEXEC) != 0) check(errno, "FD_CLOEXEC");
+    {
+        std::lock_guard guard(fork_mutex());  // no child inherits the file without FD_CLOEXEC
+        check(mdb_env_open(env_, path_.c_str(), MDB_NOTLS, 0600), "mdb_env_open");
+        check(mdb_env_get_fd(env_, &data_fd_), "mdb_env_get_fd");
+        if (fcntl(data_fd_, F_SETFD, FD_CLOEXEC) != 0) check(errno, "FD_CLOEXEC");
+    }
     require_files();
     check(mdb_reader_check(env_, nullptr), "mdb_reader_check");
     idle_.reserve(1);
@@ -204,7 +207,7 @@ void environment::close() noexcept {
     mdb_env_close(env_);
 }
 
-std::shared_lock<std::shared_mutex> environment::keep_map_in_place() {
+std::shared_lock<map_mutex> environment::keep_map_in_place() {
     if (resize_waits_.load(std::memory_order_relaxed)) {
         let_go_of_moments();
         std::lock_guard let_it_go_first(resizing_);
@@ -347,16 +350,28 @@ environment_use::environment_use(const registry_directory &directory)
     // Of ancestors: never closed, which would free the readers of the ancestor, and kept reachable
     // for leak checkers.
     static auto &ancestors = *new std::vector<environment *>;
+    // One open at a time, outside of fork_mutex(): it may wait for writers.
+    static auto &opening = *new per_process<std::mutex>;
 
+    std::lock_guard turn(opening.get());
+    if (share_open()) return;
+    auto env = std::make_unique<environment>(directory);
     std::lock_guard guard(fork_mutex());
     shared_environment &shared = shared_environments()[id_];
-    if (shared.env == nullptr || shared.generation != generation_) {
-        auto env = std::make_unique<environment>(directory);
-        ancestors.push_back(shared.env.release());
-        shared = {generation_, 0, std::move(env)};
-    }
-    ++shared.users;
+    ancestors.push_back(shared.env.release());
+    shared = {generation_, 1, std::move(env)};
     env_ = shared.env.get();
+}
+
+// False if this process has not opened the environment.
+bool environment_use::share_open() {
+    std::lock_guard guard(fork_mutex());
+    auto found = shared_environments().find(id_);
+    if (found == shared_environments().end() || found->second.generation != generation_)
+        return false;
+    ++found->second.users;
+    env_ = found->second.env.get();
+    return true;
 }
 
 environment_use::~environment_use() {

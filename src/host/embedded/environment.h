@@ -18,6 +18,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/embedded/data_file.h"
@@ -25,6 +26,32 @@
 #include "host/support/error.h"
 
 namespace keyview::host {
+
+// A shared mutex that a thread may lock shared several times at once: a holder of one moment of the
+// tree may start a further one. The exclusive lock is only tried, and held for a short time.
+class map_mutex {
+  public:
+    void lock_shared() {
+        for (int32_t uses = uses_.load(std::memory_order_relaxed);;) {
+            if (uses == MOVING) {
+                std::this_thread::yield();
+                uses = uses_.load(std::memory_order_relaxed);
+            } else if (uses_.compare_exchange_weak(uses, uses + 1, std::memory_order_acquire)) {
+                return;
+            }
+        }
+    }
+    void unlock_shared() { uses_.fetch_sub(1, std::memory_order_release); }
+    bool try_lock() {
+        int32_t unused = 0;
+        return uses_.compare_exchange_strong(unused, MOVING, std::memory_order_acquire);
+    }
+    void unlock() { uses_.store(0, std::memory_order_release); }
+
+  private:
+    static constexpr int32_t MOVING = -1;
+    std::atomic<int32_t> uses_{0};
+};
 
 // A read transaction with its cursor. It keeps its slot among LMDB's readers between two uses.
 struct lmdb_reader {
@@ -62,7 +89,7 @@ class environment {
     void require_files_at_times();
     host_error too_fast() const;
     [[noreturn]] void refuse(const std::string &place, const std::string &reason) const;
-    std::shared_lock<std::shared_mutex> keep_map_in_place();
+    std::shared_lock<map_mutex> keep_map_in_place();
     void resize_map(size_t factor);
     lmdb_reader begin_read();
     void start_reader(lmdb_reader *reader);
@@ -76,7 +103,7 @@ class environment {
     std::atomic<int64_t> next_look_ms_{0};  // when the files are looked at again
 
     // The map moves only while no transaction is under way, and new ones let it go first.
-    std::shared_mutex map_;
+    map_mutex map_;
     std::mutex resizing_;
     std::atomic<bool> resize_waits_{false};
 
@@ -97,7 +124,7 @@ class environment::reading {
 
   private:
     environment *env_;
-    std::shared_lock<std::shared_mutex> in_place_;
+    std::shared_lock<map_mutex> in_place_;
     lmdb_reader reader_;
 };
 
@@ -112,9 +139,11 @@ class environment_use {
     environment *get() const { return env_; }
 
   private:
+    bool share_open();
+
     file_id id_;
     uint64_t generation_;
-    environment *env_;
+    environment *env_ = nullptr;
 };
 
 }  // namespace keyview::host

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
 #include "host/registry/lock_wait.h"
 #include "host/support/error.h"
@@ -29,11 +30,18 @@ held_locks &held_locks::of_thread() {
 }
 
 held_locks &held_locks::begin_thread() {
-    static thread_local held_locks mine;
-    if (!mine.entries_.empty()) leave_to_parent(&mine.entries_);
-    mine.generation_ = fork_generation();
-    of_this_thread = &mine;
-    return mine;
+    struct end_of_thread {
+        ~end_of_thread() { delete std::exchange(of_this_thread, nullptr); }
+    };
+    static thread_local end_of_thread end;
+    if (of_this_thread == nullptr) of_this_thread = new held_locks;
+    if (!of_this_thread->entries_.empty()) leave_to_parent(&of_this_thread->entries_);
+    of_this_thread->generation_ = fork_generation();
+    return *of_this_thread;
+}
+
+held_locks::~held_locks() {
+    if (generation_ != fork_generation() && !entries_.empty()) leave_to_parent(&entries_);
 }
 
 void held_locks::take(const void *service, const backend &registry, std::string_view name,

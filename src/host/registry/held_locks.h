@@ -34,8 +34,14 @@ struct held_entry {
 
 class held_locks {
   public:
-    // The table of this thread. In a forked child it starts empty.
+    // The table of this thread. In a forked child it starts empty. A thread that has run its
+    // destructors, as in an atexit handler, gets a new table, which is never destroyed.
     static held_locks &of_thread();
+
+    held_locks() = default;
+    held_locks(const held_locks &) = delete;
+    held_locks &operator=(const held_locks &) = delete;
+    ~held_locks();
 
     // Takes a lock and enters it. Throws failure::lock if it is not granted in time, or if this
     // thread itself stands in the way.

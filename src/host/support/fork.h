@@ -16,8 +16,8 @@ namespace keyview::host {
 // Changes in the child of a fork. What was made under another generation belongs to an ancestor.
 KEYVIEW_HOST_API uint64_t fork_generation() noexcept;
 
-// Held across every fork, so that what it guards is whole in the child. For short work only. The
-// one mutex that may be taken inside is that of an environment's idle readers.
+// Held across every fork, so that the data that it guards is consistent in the child. For short
+// work only; no other mutex is locked inside.
 KEYVIEW_HOST_API std::mutex &fork_mutex() noexcept;
 
 // A descriptor that a forked child closes at once; also closed by an exec.

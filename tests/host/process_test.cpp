@@ -1,0 +1,84 @@
+// The kit at the ends of a process: while it exits, and while another thread forks.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "process.h"
+#include "registry.h"
+
+using namespace std::chrono_literals;
+
+// Runs before each read of a file at an offset, which the kit uses while it opens a registry.
+static std::atomic<void (*)()> before_pread{nullptr};
+
+extern "C" ssize_t pread(int fd, void *to, size_t size, off_t offset) {
+    static const auto real = reinterpret_cast<decltype(&pread)>(dlsym(RTLD_NEXT, "pread"));
+    if (void (*hook)() = before_pread.load()) hook();
+    return real(fd, to, size, offset);
+}
+
+namespace keyview::test {
+
+static constexpr const char *NAME = "LKRT.DATABASE.DATABASES.sales";
+static constexpr const char *KEY = "DATABASE.DATABASES.sales.ROLE";
+
+class Process : public RegistryTest {};
+
+// Reads a key under a lock, and overwrites freed memory of all sizes meanwhile.
+static const client *late_client;
+static const locker *late_locker;
+
+static void fetch_and_exit() {
+    int32_t rc = late_locker->exclusive(NAME);
+    for (size_t size = 16; size <= 4096; size += 16) {
+        for (int i = 0; i < 8; ++i)
+            memset(malloc(size), 0xFF, size);
+    }
+    bool same = late_client->read(KEY) == "PRIMARY";
+    if (rc == 0) rc = late_locker->unlock(NAME);
+    _exit(rc == 0 && same ? 0 : 1);
+}
+
+TEST_F(Process, AnAtexitHandlerCanFetch) {
+    apply({put(KEY, "PRIMARY")});
+    child_process exiting([](const meeting &) {
+        late_client = new client;
+        late_locker = new locker;
+        (void)late_locker->exclusive(NAME);  // so that this thread has a table of locks
+        (void)late_locker->unlock(NAME);
+        (void)atexit(fetch_and_exit);
+        exit(2);
+        return 3;
+    });
+    EXPECT_EQ(exiting.status(), 0);
+}
+
+static std::atomic<bool> opening, forked;
+
+TEST_F(Process, ForksWhileARegistryIsOpened) {
+    close();
+    before_pread = [] {
+        opening = true;
+        for (int waited = 0; !forked && waited < 2000; ++waited)
+            std::this_thread::sleep_for(1ms);
+    };
+    std::thread slow([this] { open(); });
+    while (!opening)
+        std::this_thread::sleep_for(1ms);
+    auto start = std::chrono::steady_clock::now();
+    child_process child([](const meeting &) { return 0; });
+    auto took = std::chrono::steady_clock::now() - start;
+    forked = true;
+    before_pread = nullptr;
+    slow.join();
+    EXPECT_EQ(child.status(), 0);
+    EXPECT_LT(took, 1s) << "the fork waited for the open";
+    EXPECT_EQ(apply({put(KEY)}).created, 4u);
+}
+
+}  // namespace keyview::test
