@@ -2,11 +2,25 @@
 // by several processes at once, grown by one while others read.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <lmdb.h>
 #include <sys/stat.h>
+
+#include <fstream>
 
 #include "admin/admin.h"
 #include "process.h"
 #include "registry.h"
+
+static int lmdb_major = 0;
+
+// Stands before LMDB's own, so that a test can be run over another release.
+extern "C" char *mdb_version(int *major, int *minor, int *patch) {
+    static char text[] = "LMDB 1.9";
+    if (major != nullptr) *major = lmdb_major;
+    if (minor != nullptr) *minor = MDB_VERSION_MINOR;
+    if (patch != nullptr) *patch = 0;
+    return text;
+}
 
 namespace keyview::test {
 
@@ -15,6 +29,15 @@ namespace fs = std::filesystem;
 class Damage : public RegistryTest {
   protected:
     std::string file(const char *name) const { return directory + "/" + name; }
+
+    // What the check reports; empty if nothing.
+    static std::string check_of(const std::string &registry_url) {
+        std::string text;
+        check_backend(
+            registry_url, [&](auto &place, auto &reason) { text += place + " " + reason + "; "; },
+            [](auto, auto) {});
+        return text;
+    }
 
     void expect_sound() {
         admin::check_report report = admin::check_registry();
@@ -79,6 +102,62 @@ TEST_F(Damage, SeveralMayCreateItAtOnce) {
         backend made = open_backend(place, open_mode::existing);
         for (int i = 0; i < 5; ++i)
             EXPECT_TRUE(made.keys->now()->read("a.k" + std::to_string(i), &found)) << i;
+    }
+}
+
+// The file of a copy ends with its last page in use.
+TEST_F(Damage, ACopyThatLmdbMadeIsARegistry) {
+    apply({put("a.b", "v"), put("a.c", std::string(30000, 'v')), put("a.d", "w")});
+    for (int i = 0; i < 5; ++i)
+        apply({put("a.k" + std::to_string(i), std::string(9000, 'k')), removal("a.d")});
+    apply({removal("a.k1"), removal("a.k3")});
+    close();
+    for (unsigned flags : {0U, unsigned{MDB_CP_COMPACT}}) {
+        SCOPED_TRACE(flags);
+        std::string place = scratch.path + "/copy" + std::to_string(flags);
+        std::string copied = "lmdb:" + place;
+        fs::create_directory(place);
+        MDB_env *env = nullptr;
+        mdb_env_create(&env);
+        ASSERT_EQ(mdb_env_open(env, directory.c_str(), MDB_RDONLY, 0600), 0);
+        ASSERT_EQ(mdb_env_copy2(env, place.c_str(), flags), 0);
+        mdb_env_close(env);
+        EXPECT_LT(fs::file_size(place + "/data.mdb"), fs::file_size(file("data.mdb")));
+        EXPECT_EQ(check_of(copied), "");
+        for (size_t size : {2, 200, 400000}) {
+            backend made = open_backend(copied, open_mode::existing);
+            std::string value;
+            EXPECT_TRUE(made.keys->now()->read("a.c", &value));
+            EXPECT_EQ(value, std::string(30000, 'v'));
+            made.keys->apply({put("a.k" + std::to_string(size), std::string(size, 'x'))});
+            made = {};
+            EXPECT_EQ(check_of(copied), "") << size;
+        }
+    }
+}
+
+// Then LMDB alone decides, and the check says that it inspected no page.
+TEST_F(Damage, PagesOfAnotherFormatAreNotInspected) {
+    apply({put("a.b", "v")});
+    close();
+    lmdb_major = 1;
+    std::string text = check_of(url);
+    EXPECT_NE(text.find("was not inspected: LMDB 1.9"), text.npos) << text;
+    open();
+    apply({put("a.b", "w")});
+    EXPECT_EQ(stored("a.b"), "w");
+    close();
+    lmdb_major = 0;
+    EXPECT_EQ(check_of(url), "");
+
+    std::fstream data(file("data.mdb"), std::ios::in | std::ios::out | std::ios::binary);
+    for (int meta : {1, 0}) {
+        data.seekp(meta * 4096 + 16 + 4);
+        data.put(2).flush();
+        text = check_of(url);
+        const char *expected = meta == 1 ? "is not of a known kind" : "its format has version 2";
+        EXPECT_NE(text.find(expected), text.npos) << text;
+        EXPECT_EQ(failure_of([&] { open(); }), failure::content);
     }
 }
 

@@ -9,12 +9,12 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 
-#include "host/embedded/data_file.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
 
@@ -25,6 +25,7 @@ static constexpr const char *NEW_DATA_FILE = "data.new";
 static constexpr const char *LMDB_LOCK_FILE = "lock.mdb";
 static constexpr const char *FILES[] = {DATA_FILE, LMDB_LOCK_FILE, registry_directory::LOCK_FILE};
 static constexpr uint32_t CREATION_WAIT_MS = 30000;
+static constexpr size_t FIRST_MAP_SIZE = 64 << 10;
 static constexpr const char *WHAT_TO_DO =
     "; apply a cluster document with keyviewctl to create it, or set KEYVIEW_REGISTRY to where it is";
 
@@ -47,13 +48,30 @@ const char *network_file_system(int64_t type) noexcept {
     return nullptr;
 }
 
-bool look_at_file(int fd, const char *name, file_look *out) noexcept {
+bool read_status(int fd, const char *name, file_status *out) noexcept {
     struct statx found = {};
     int flags = AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW;
     if (statx(fd, name, flags, STATX_INO | STATX_SIZE, &found) != 0) return false;
     out->id = {makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
     out->size = found.stx_size;
     return true;
+}
+
+int lengthen(int fd, size_t size) {
+    static constexpr char ZEROS[64 << 10] = {};
+    struct stat found = {};
+    if (fstat(fd, &found) != 0) return errno;
+    auto at = static_cast<size_t>(found.st_size);
+    if (at >= size) return 0;
+    while (at < size) {
+        ssize_t wrote =
+            pwrite(fd, ZEROS, std::min(sizeof(ZEROS), size - at), static_cast<off_t>(at));
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) return errno;
+        at += static_cast<size_t>(wrote);
+    }
+    // The length must be on the disk before a commit tells of it.
+    return fsync(fd) == 0 ? 0 : errno;
 }
 
 static host_error refused(failure kind, const std::string &path, const std::string &why) {
@@ -148,6 +166,21 @@ static void make_file(const std::string &path, int directory, const char *name, 
     if (!fd.valid() || fchmod(fd.get(), mode) != 0) throw failed(path, name);
 }
 
+// Makes a whole, empty data file of an empty one, on the disk. Returns 0 or the error of the system or
+// of LMDB.
+static int fill_data_file(const std::string &path) {
+    MDB_env *made = nullptr;
+    int rc = mdb_env_create(&made);
+    if (rc != 0) return rc;
+    std::unique_ptr<MDB_env, decltype(&mdb_env_close)> env(made, &mdb_env_close);
+    int fd = -1;
+    rc = mdb_env_set_mapsize(made, FIRST_MAP_SIZE);
+    // Nobody else knows the file yet, so it needs no lock file.
+    if (rc == 0) rc = mdb_env_open(made, path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
+    if (rc == 0) rc = mdb_env_get_fd(made, &fd);
+    return rc == 0 ? lengthen(fd, FIRST_MAP_SIZE) : rc;
+}
+
 // The file gets its name when it is whole, so nobody ever meets one that is being made; two who
 // make it at once go one after the other. What an interrupted one left behind is taken away.
 static void make_data(const std::string &path, int directory, mode_t mode) {
@@ -161,7 +194,7 @@ static void make_data(const std::string &path, int directory, mode_t mode) {
     if (check_file(path, directory, DATA_FILE, &found)) return;
     if (unlinkat(directory, NEW_DATA_FILE, 0) != 0 && errno != ENOENT) throw failed(path, "unlink");
     make_file(path, directory, NEW_DATA_FILE, mode);
-    int rc = make_data_file(path + "/" + NEW_DATA_FILE);
+    int rc = fill_data_file(path + "/" + NEW_DATA_FILE);
     if (rc != 0)
         throw refused(failure::registry, path, std::string("data.mdb: ") + mdb_strerror(rc));
     if (renameat(directory, NEW_DATA_FILE, directory, DATA_FILE) != 0) throw failed(path, "rename");
@@ -194,8 +227,8 @@ void registry_directory::make(size_t file, open_mode mode, mode_t file_mode) {
 // LMDB's two files must not become empty either. The lock file is empty until a lock is taken.
 void registry_directory::require_in_place() const {
     for (size_t n = 0; n < std::size(FILES); ++n) {
-        file_look found;
-        bool same = look_at_file(fd(), FILES[n], &found) && found.id == ids_[n];
+        file_status found;
+        bool same = read_status(fd(), FILES[n], &found) && found.id == ids_[n];
         if (same && (found.size > 0 || FILES[n] == LOCK_FILE)) continue;
         throw host_error(failure::registry, "the registry in '" + path_ + "' failed: " + FILES[n] +
                                                 " was deleted, replaced or emptied while in use; "

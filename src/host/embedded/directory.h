@@ -25,15 +25,20 @@ namespace keyview::host {
 // Device and inode.
 using file_id = std::pair<dev_t, ino_t>;
 
-struct file_look {
+struct file_status {
     file_id id;
     size_t size = 0;
 };
 
-// Looks at a file of a directory, or with "" at an open file; false if the look failed, with errno.
-// It asks for no times: those that were told must differ after the next write, so that each sync
-// would have to bring them to the disk, too.
-[[nodiscard]] bool look_at_file(int fd, const char *name, file_look *out) noexcept;
+// Reads the status of a file of a directory, or with "" of an open file; false if that failed, with
+// errno. Does not query timestamps: once read, the kernel must update them at the next write, and
+// every later fdatasync would flush the inode as well.
+[[nodiscard]] bool read_status(int fd, const char *name, file_status *out) noexcept;
+
+// Makes a file at least so long, with zeros at its end: so a full disk is met here and not by a
+// later commit, and a commit changes nothing but bytes. Only for the holder of the right to write:
+// nobody else makes it longer meanwhile. Returns 0 or errno.
+[[nodiscard]] int lengthen(int fd, size_t size);
 
 class registry_directory : public std::enable_shared_from_this<registry_directory> {
   public:

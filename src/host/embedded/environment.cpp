@@ -20,7 +20,7 @@ namespace keyview::host {
 static constexpr unsigned MAX_READERS = 1022;
 static constexpr uint32_t MAP_WAIT_MS = 60000;
 static constexpr uint32_t STATE_WAIT_MS = 5000;
-static constexpr int64_t LOOK_EVERY_MS = 100;
+static constexpr int64_t INSPECT_EVERY_MS = 100;
 static constexpr page_number MOST_PAGES_WALKED = 1024;
 
 namespace {
@@ -67,7 +67,7 @@ static const char *advice(int rc) {
         case ENOSPC:
         case EDQUOT:
         case EFBIG:
-        case EIO:  // LMDB's word for a write that was cut short
+        case EIO:  // LMDB's code for a write that was cut short
             return "; nothing was changed: the disk may be full or failing";
         case MDB_PANIC:
             return "; restart the program";
@@ -90,8 +90,8 @@ void environment::check(int rc, const char *what) const {
                                       "): " + mdb_strerror(rc) + advice(rc));
 }
 
-void environment::refuse(const std::string &place, const std::string &reason) const {
-    throw host_error(failure::content, "the registry in '" + path_ + "' is damaged: " + place +
+void environment::refuse(const std::string &subject, const std::string &reason) const {
+    throw host_error(failure::content, "the registry in '" + path_ + "' is damaged: " + subject +
                                            " " + reason + RESTORE);
 }
 
@@ -110,8 +110,7 @@ host_error environment::too_fast() const {
 
 // False if a writer made the map larger meanwhile.
 bool environment::try_open() {
-    data_head head;
-    require_sound_head(&head);
+    std::optional<file_head> head = require_sound_head();
     check(mdb_env_create(&env_), "mdb_env_create");
     try {
         open(head);
@@ -125,7 +124,7 @@ bool environment::try_open() {
     }
 }
 
-void environment::open(const data_head &head) {
+void environment::open(const std::optional<file_head> &head) {
     check(mdb_env_set_maxreaders(env_, MAX_READERS), "mdb_env_set_maxreaders");
     {
         std::lock_guard guard(fork_mutex());  // no child inherits the file without FD_CLOEXEC
@@ -139,7 +138,7 @@ void environment::open(const data_head &head) {
     idle_.push_back(begin_read());
     MDB_dbi keys = 0;
     check(mdb_dbi_open(idle_.back().txn, nullptr, 0, &keys), "mdb_dbi_open");
-    require_sound_pages(idle_.back().txn, head);
+    if (head) require_sound_pages(idle_.back().txn, *head);
     mdb_txn_reset(idle_.back().txn);
 }
 
@@ -149,19 +148,29 @@ environment::~environment() {
 
 // ---- Files --------------------------------------------------------------------------------------
 
-// Before LMDB sees the file: it would believe the head whatever it says.
-void environment::require_sound_head(data_head *head) {
+// Before LMDB opens the file: it trusts any head. The file of a copy ends with the last page in use.
+// Unlike ftruncate, fallocate never shortens what another process made longer meanwhile.
+std::optional<file_head> environment::require_sound_head() {
     unique_fd data = directory_->open_data();
-    (void)read_head(data.get(), head, [this](auto &place, auto &reason) { refuse(place, reason); });
+    if (!foreign_format(data.get()).empty()) return std::nullopt;
+    file_head head;
+    (void)read_head(data.get(), &head,
+                    [this](auto &subject, auto &reason) { refuse(subject, reason); });
+    file_status found;
+    size_t size = head.newest().map_size;
+    bool whole = read_status(data.get(), "", &found) && found.size >= size;
+    if (!whole && fallocate(data.get(), 0, 0, static_cast<off_t>(size)) != 0)
+        check(errno, "fallocate");
+    return head;
 }
 
-// Not those of a large file, which would take longer than most who open it have to do: there LMDB
-// follows what it finds, and the checksums of rows stand alone until the registry is checked.
+// Skips a large file, whose walk would take longer than the work of most programs: there only the
+// checksums of rows protect a reader, until the registry is checked.
 //
-// The reader keeps the pages of its state as they are. Writers may have overwritten its meta before
-// it was read; then the reader starts anew.
-void environment::require_sound_pages(MDB_txn *reader, data_head head) {
-    auto refuse_it = [this](auto &place, auto &reason) { refuse(place, reason); };
+// The reader keeps writers off the pages of its state. They may have overwritten its meta before it
+// was read; then the reader starts anew.
+void environment::require_sound_pages(MDB_txn *reader, file_head head) {
+    auto refuse_it = [this](auto &subject, auto &reason) { refuse(subject, reason); };
     deadline wait(STATE_WAIT_MS);
     do {
         for (const meta &state : head.metas) {
@@ -180,22 +189,22 @@ void environment::require_sound_pages(MDB_txn *reader, data_head head) {
 void environment::require_files() {
     directory_->require_in_place();
     MDB_envinfo info = {};
-    file_look found;
+    file_status found;
     check(mdb_env_info(env_, &info), "mdb_env_info");
-    if (!look_at_file(data_fd_, "", &found)) check(errno, "statx");
+    if (!read_status(data_fd_, "", &found)) check(errno, "statx");
     if (found.size >= info.me_mapsize) return;
     refuse("data.mdb", "was cut short, to " + std::to_string(found.size) + " bytes of " +
                            std::to_string(info.me_mapsize));
 }
 
-// Readers come often, and each look costs system calls.
-void environment::require_files_at_times() {
+// Readers are frequent, and each inspection costs system calls.
+void environment::require_files_now_and_then() {
     timespec now = {};
     (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     int64_t now_ms = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-    if (now_ms < next_look_ms_.load(std::memory_order_relaxed)) return;
+    if (now_ms < next_inspection_ms_.load(std::memory_order_relaxed)) return;
     require_files();
-    next_look_ms_.store(now_ms + LOOK_EVERY_MS, std::memory_order_relaxed);
+    next_inspection_ms_.store(now_ms + INSPECT_EVERY_MS, std::memory_order_relaxed);
 }
 
 void environment::close() noexcept {
@@ -293,7 +302,7 @@ void environment::end_read(lmdb_reader reader) noexcept {
 environment::reading::reading(environment *env) : env_(env) {
     for (;;) {
         in_place_ = env->keep_map_in_place();
-        env->require_files_at_times();
+        env->require_files_now_and_then();
         try {
             reader_ = env->begin_read();
             return;

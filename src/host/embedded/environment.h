@@ -16,13 +16,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "host/embedded/data_file.h"
 #include "host/embedded/directory.h"
+#include "host/embedded/pages/file_head.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
@@ -81,14 +82,14 @@ class environment {
 
   private:
     bool try_open();
-    void open(const data_head &head);
+    void open(const std::optional<file_head> &head);
     void close() noexcept;
-    void require_sound_head(data_head *head);
-    void require_sound_pages(MDB_txn *reader, data_head head);
+    std::optional<file_head> require_sound_head();
+    void require_sound_pages(MDB_txn *reader, file_head head);
     void require_files();
-    void require_files_at_times();
+    void require_files_now_and_then();
     host_error too_fast() const;
-    [[noreturn]] void refuse(const std::string &place, const std::string &reason) const;
+    [[noreturn]] void refuse(const std::string &subject, const std::string &reason) const;
     std::shared_lock<map_mutex> keep_map_in_place();
     void resize_map(size_t factor);
     lmdb_reader begin_read();
@@ -99,8 +100,8 @@ class environment {
     std::shared_ptr<const registry_directory> directory_;
     const std::string &path_;
     MDB_env *env_ = nullptr;
-    int data_fd_ = -1;                      // LMDB's
-    std::atomic<int64_t> next_look_ms_{0};  // when the files are looked at again
+    int data_fd_ = -1;                            // LMDB's
+    std::atomic<int64_t> next_inspection_ms_{0};  // when the files are inspected again
 
     // The map moves only while no transaction is under way, and new ones let it go first.
     map_mutex map_;

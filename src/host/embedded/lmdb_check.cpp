@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/embedded/page_walk.h"
+#include "host/embedded/pages/page_walk.h"
 #include "host/embedded/row.h"
 #include "model/path.h"
 
@@ -106,7 +106,12 @@ void require_all_found(int fd, const meta &state, const damage_sink &damage) {
 
 check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &sink) {
     check_counts counts;
-    data_head head;
+    std::string foreign = foreign_format(fd);
+    if (!foreign.empty()) {
+        damage("data.mdb", "was not inspected: " + foreign);
+        return counts;
+    }
+    file_head head;
     if (!read_head(fd, &head, damage)) return counts;
     row_audit audit(damage, sink);
     page_walk walk(fd, head.newest(), damage);

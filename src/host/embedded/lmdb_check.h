@@ -4,7 +4,7 @@
 #ifndef KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 #define KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 
-#include "host/embedded/data_file.h"
+#include "host/embedded/pages/file_head.h"
 #include "host/registry/backend.h"
 
 namespace keyview::host {

@@ -1,31 +1,31 @@
-// The pages of one state of an LMDB data file, walked from the roots without LMDB: each page is
-// what the page above it says, no page serves twice, the free list has all the others, keys stand
-// in their order and where a search looks for them. After a walk without damage LMDB finds every
-// row, and no page number leads out of the file.
+// Walks the pages of one state of an LMDB data file from the roots, without LMDB: each page is what
+// the page above it states, no page is used twice, the free list has all the others, keys are in
+// order and within the bounds of their page. After a walk without damage LMDB finds every row, and
+// no page number leads out of the file.
 //
 // Everything is read with pread and bounded by the file's size, so no damage ends the process.
-#ifndef KEYVIEW_HOST_EMBEDDED_PAGE_WALK_H
-#define KEYVIEW_HOST_EMBEDDED_PAGE_WALK_H
+#ifndef KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_WALK_H
+#define KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_WALK_H
 
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "host/embedded/data_file.h"
+#include "host/embedded/pages/file_head.h"
 
 namespace keyview::host {
 
 class page_walk {
   public:
-    using row_visitor = std::function<void(std::string_view place, std::string_view bytes)>;
+    using row_visitor = std::function<void(std::string_view key, std::string_view bytes)>;
 
-    // The state's pages must stay as they are meanwhile: a reader of LMDB's stands in it, or no
-    // writer is at work.
+    // The state's pages must not change meanwhile: a reader of LMDB uses it, or no writer is at
+    // work.
     page_walk(int fd, const meta &state, damage_sink damage);
 
-    // Walks both trees. Rows are visited in the order of their places; where a page is damaged,
-    // what is below it is left out.
+    // Walks both trees. Rows are visited in the order of their keys; what is below a damaged page
+    // is left out.
     void run(const row_visitor &visit);
 
     size_t pages() const { return state_.last_page + 1; }
@@ -44,9 +44,9 @@ class page_walk {
     void compare_counts(const tree &which);
     void report_lost();
 
-    bool claim(page_number first, size_t count, const std::string &place);
+    bool claim(page_number first, size_t count, const std::string &owner);
     bool load(page_number number, size_t count, buffer *own, std::string_view *out);
-    bool load_value(page_number first, size_t size, const std::string &place, buffer *own,
+    bool load_value(page_number first, size_t size, const std::string &owner, buffer *own,
                     std::string_view *out);
     bool nodes_fit(std::string_view page, bool leaf, size_t *count);
     void report(page_number number, const std::string &reason) const;

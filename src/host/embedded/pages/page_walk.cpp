@@ -1,5 +1,5 @@
 // The walk over the pages of a data file.
-#include "host/embedded/page_walk.h"
+#include "host/embedded/pages/page_walk.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,28 +8,8 @@
 
 namespace keyview::host {
 
-static constexpr size_t NODE_HEAD = 8;
-static constexpr uint16_t LONG_VALUE = 1;  // the row's value stands in pages of its own
-static constexpr size_t LONGEST_KEY = 511;
-static constexpr unsigned MOST_LEVELS = 32;
 // Smaller files are read with one call.
 static constexpr size_t PAGES_AT_ONCE = 1024;
-
-namespace {
-
-// The head of a row, or of a branch to a page below.
-struct node {
-    uint16_t low;
-    uint16_t high;
-    uint16_t flags;
-    uint16_t key_size;
-
-    size_t value_size() const { return low | size_t{high} << 16; }
-    page_number child() const { return low | page_number{high} << 16 | page_number{flags} << 32; }
-};
-static_assert(sizeof(node) == NODE_HEAD, "the layout is LMDB's");
-
-}  // namespace
 
 // One of the two trees, and what was found of it.
 struct page_walk::tree {
@@ -55,7 +35,7 @@ struct page_walk::bounds {
     std::optional<std::string> behind;
 };
 
-static std::string place_of_page(page_number number) {
+static std::string name_of_page(page_number number) {
     return "page " + std::to_string(number) + " of data.mdb";
 }
 
@@ -71,14 +51,14 @@ static size_t offset_of(std::string_view page, size_t index) {
     return offset;
 }
 
-static node node_at(std::string_view page, size_t offset) {
-    node found;
+static node_head node_at(std::string_view page, size_t offset) {
+    node_head found;
     memcpy(&found, page.data() + offset, sizeof(found));
     return found;
 }
 
 static std::string_view key_at(std::string_view page, size_t offset) {
-    return page.substr(offset + NODE_HEAD, node_at(page, offset).key_size);
+    return page.substr(offset + sizeof(node_head), node_at(page, offset).key_size);
 }
 
 page_walk::page_walk(int fd, const meta &state, damage_sink damage)
@@ -90,7 +70,7 @@ page_walk::page_walk(int fd, const meta &state, damage_sink damage)
 }
 
 void page_walk::report(page_number number, const std::string &reason) const {
-    damage_(place_of_page(number), reason);
+    damage_(name_of_page(number), reason);
 }
 
 void page_walk::run(const row_visitor &visit) {
@@ -101,7 +81,7 @@ void page_walk::run(const row_visitor &visit) {
     tree free_list = {state_.free_list, "the free list", true, take};
     walk_tree(&keys);
     walk_tree(&free_list);
-    if (!whole_) return;  // the rest would only say the same again
+    if (!whole_) return;  // the rest follows from the damaged page
     compare_counts(keys);
     compare_counts(free_list);
     report_lost();
@@ -120,9 +100,9 @@ void page_walk::walk_tree(tree *which) {
 // ---- Pages --------------------------------------------------------------------------------------
 
 // Enters pages as used; false if one cannot be, or is used already.
-bool page_walk::claim(page_number first, size_t count, const std::string &place) {
+bool page_walk::claim(page_number first, size_t count, const std::string &owner) {
     if (first > state_.last_page + 1 || count > state_.last_page + 1 - first) {
-        damage_(place, "tells of page " + std::to_string(first) + ", which is outside the file");
+        damage_(owner, "names page " + std::to_string(first) + ", which is outside the file");
         return false;
     }
     auto from = claimed_.begin() + static_cast<std::ptrdiff_t>(first);
@@ -130,7 +110,7 @@ bool page_walk::claim(page_number first, size_t count, const std::string &place)
     auto twice = std::find(from, to, true);
     if (twice != to) {
         auto number = static_cast<page_number>(twice - claimed_.begin());
-        damage_(place, "tells of page " + std::to_string(number) + ", which is in use already");
+        damage_(owner, "names page " + std::to_string(number) + ", which is in use already");
         return false;
     }
     std::fill(from, to, true);
@@ -148,7 +128,7 @@ bool page_walk::load(page_number number, size_t count, buffer *own, std::string_
         *out = {own->data(), size};
     }
     if (head_of(*out).number == number) return true;
-    report(number, "does not bear its own number");
+    report(number, "has another number in its head");
     return false;
 }
 
@@ -162,9 +142,9 @@ bool page_walk::nodes_fit(std::string_view page, bool leaf, size_t *count) {
     *count = (lower - sizeof(head)) / 2;
     for (size_t n = 0; n < *count; ++n) {
         size_t offset = offset_of(page, n);
-        if (offset < upper || offset + NODE_HEAD > page.size()) return false;
-        node found = node_at(page, offset);
-        size_t size = NODE_HEAD + found.key_size;
+        if (offset < upper || offset + sizeof(node_head) > page.size()) return false;
+        node_head found = node_at(page, offset);
+        size_t size = sizeof(node_head) + found.key_size;
         if (leaf) size += found.flags == LONG_VALUE ? sizeof(page_number) : found.value_size();
         if (size > page.size() - offset) return false;
     }
@@ -189,14 +169,14 @@ void page_walk::walk_page(tree *which, page_number number, const bounds &within,
         whole_ = false;
     } else if (kind == LEAF_PAGE) {
         which->found.depth = std::max(which->found.depth, static_cast<uint16_t>(depth));
-        if (depth != which->head.depth) report(number, "is not as deep as its tree tells");
+        if (depth != which->head.depth) report(number, "is not as deep as its tree states");
         walk_leaf(which, page, within);
     } else {
         walk_branch(which, page, within, depth);
     }
 }
 
-// The first key of a branch page is never looked at.
+// The first key of a branch page has no meaning.
 void page_walk::walk_branch(tree *which, std::string_view page, const bounds &within,
                             unsigned depth) {
     page_number number = head_of(page).number;
@@ -211,7 +191,7 @@ void page_walk::walk_branch(tree *which, std::string_view page, const bounds &wi
             report(number, "has keys that are out of order");
         }
         page_number child = node_at(page, offset_of(page, n)).child();
-        if (claim(child, 1, place_of_page(number))) {
+        if (claim(child, 1, name_of_page(number))) {
             walk_page(which, child, below, depth + 1);
         } else {
             whole_ = false;
@@ -233,10 +213,10 @@ void page_walk::walk_leaf(tree *which, std::string_view page, const bounds &with
             report(number, "has a key of " + std::to_string(size) + " bytes");
             continue;
         }
-        bool placed = (n == 0 || which->before(before, key)) &&
-                      (!within.first || !which->before(key, *within.first)) &&
-                      (!within.behind || which->before(key, *within.behind));
-        if (!placed) report(number, "has a key where no search looks for it");
+        bool ordered = (n == 0 || which->before(before, key)) &&
+                       (!within.first || !which->before(key, *within.first)) &&
+                       (!within.behind || which->before(key, *within.behind));
+        if (!ordered) report(number, "has a key where no search looks for it");
         before = key;
         ++which->found.rows;
         walk_row(which, page, offset);
@@ -245,16 +225,16 @@ void page_walk::walk_leaf(tree *which, std::string_view page, const bounds &with
 
 void page_walk::walk_row(tree *which, std::string_view page, size_t offset) {
     page_number number = head_of(page).number;
-    node found = node_at(page, offset);
+    node_head found = node_at(page, offset);
     std::string_view key = key_at(page, offset);
-    std::string_view value = page.substr(offset + NODE_HEAD + key.size());
+    std::string_view value = page.substr(offset + sizeof(node_head) + key.size());
     if (found.flags == 0) return which->visit(key, value.substr(0, found.value_size()));
     if (found.flags != LONG_VALUE) return report(number, "has a row of another kind");
     page_number first = 0;
     memcpy(&first, value.data(), sizeof(first));
     buffer own;
     std::string_view bytes;
-    if (!load_value(first, found.value_size(), place_of_page(number), &own, &bytes)) {
+    if (!load_value(first, found.value_size(), name_of_page(number), &own, &bytes)) {
         whole_ = false;
         return;
     }
@@ -263,16 +243,16 @@ void page_walk::walk_row(tree *which, std::string_view page, size_t offset) {
 }
 
 // A value may have more pages than it needs, if it was longer before.
-bool page_walk::load_value(page_number first, size_t size, const std::string &place, buffer *own,
+bool page_walk::load_value(page_number first, size_t size, const std::string &owner, buffer *own,
                            std::string_view *out) {
-    if (!claim(first, 1, place) || !load(first, 1, own, out)) return false;
+    if (!claim(first, 1, owner) || !load(first, 1, own, out)) return false;
     page_head head = head_of(*out);
     size_t needed = (sizeof(head) - 1 + size) / state_.page_size() + 1;
     if (head.kind != VALUE_PAGE || head.pages < needed) {
         report(first, "is no value of such a size");
         return false;
     }
-    return claim(first + 1, head.pages - 1, place) && load(first, head.pages, own, out);
+    return claim(first + 1, head.pages - 1, owner) && load(first, head.pages, own, out);
 }
 
 // ---- Accounts -----------------------------------------------------------------------------------
@@ -282,25 +262,25 @@ void page_walk::take_free(std::string_view key, std::string_view bytes) {
     size_t commit = 0;
     size_t count = 0;
     memcpy(&commit, key.data(), sizeof(commit));
-    std::string place = "the pages that commit " + std::to_string(commit) + " freed";
+    std::string owner = "the pages that commit " + std::to_string(commit) + " freed";
     if (bytes.size() >= sizeof(count)) memcpy(&count, bytes.data(), sizeof(count));
     if (commit > state_.commit || count >= bytes.size() / sizeof(page_number)) {
-        return damage_(place, "are no list of pages");
+        return damage_(owner, "are no list of pages");
     }
     for (size_t n = 1; n <= count; ++n) {
         page_number number = 0;
         memcpy(&number, bytes.data() + n * sizeof(number), sizeof(number));
-        if (!claim(number, 1, place)) whole_ = false;
+        if (!claim(number, 1, owner)) whole_ = false;
     }
 }
 
 void page_walk::compare_counts(const tree &which) {
-    const tree_head &told = which.head;
+    const tree_head &stated = which.head;
     const tree_head &found = which.found;
-    bool same = told.depth == found.depth && told.branch_pages == found.branch_pages &&
-                told.leaf_pages == found.leaf_pages && told.value_pages == found.value_pages &&
-                told.rows == found.rows;
-    if (!same) damage_(which.name, "has other numbers of pages or rows than its meta tells");
+    bool same = stated.depth == found.depth && stated.branch_pages == found.branch_pages &&
+                stated.leaf_pages == found.leaf_pages && stated.value_pages == found.value_pages &&
+                stated.rows == found.rows;
+    if (!same) damage_(which.name, "has other numbers of pages or rows than its meta states");
 }
 
 void page_walk::report_lost() {
