@@ -161,6 +161,25 @@ TEST_F(Damage, PagesOfAnotherFormatAreNotInspected) {
     }
 }
 
+TEST_F(Damage, TheDoctorFindsADamagedValue) {
+    apply({put("a.b", "a value of its own"), put("a.c", "w")});
+    auto found = [&] {
+        std::string text;
+        diagnose_backend(url, [&](const diagnosis &one) {
+            if (one.state == health::bad) text += one.subject + ": " + one.text;
+        });
+        return text;
+    };
+    EXPECT_EQ(found(), "");
+    std::fstream data(file("data.mdb"), std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(data), {});
+    data.seekp(static_cast<std::streamoff>(bytes.rfind("value of its own")));
+    data.put('V').flush();
+    EXPECT_EQ(found().rfind("content: a.b has stored bytes", 0), 0U) << found();
+    apply({put("a.b", "back")});
+    EXPECT_EQ(found(), "");
+}
+
 // Two writers and a reader, each with the map it has come to know so far.
 TEST_F(Damage, TheFileGrowsBeforeItsMapAndNeverShrinks) {
     apply({put("a.b", "0")});
