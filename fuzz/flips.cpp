@@ -1,9 +1,9 @@
 // Damages the data file of a small registry, byte by byte and by cutting it short, and lets a
-// process read everything each time. Whatever the damage: nobody is told a different name or value,
-// or that a key is not there; no reader is ended by a signal; and the check reports all that a
+// process read everything each time. Whatever the damage: no reader gets another name or value, or
+// the answer that a stored key is missing; no signal ends a reader; and the check reports all that a
 // reader notices.
 //
-// Usage: flips [STEP [BITS [FROM [TO]]]]; every STEP-th byte (61; 1 for all) between two places of
+// Usage: flips [STEP [BITS [FROM [TO]]]]; every STEP-th byte (61; 1 for all) between two offsets of
 // the file (all of it), each with all its bits inverted and with BITS single ones (1; 8 for all).
 // It prints the counts.
 #include <fcntl.h>
@@ -49,7 +49,7 @@ static bool copy(store *keys, const std::string &top, reach which, tree *out) {
     return there;
 }
 
-// All that a registry holds, read in every way. Each way that fails, or tells something else than
+// All that a registry holds, read in every way. Each way that fails, or returns something else than
 // before, leaves its bit.
 class reading {
   public:
@@ -116,7 +116,7 @@ class reading {
         });
     }
 
-    // As a caller of the client does. It has codes, of which one tells of a missing key.
+    // As a caller of the client does. It has codes, of which one means a missing key.
     void read_under_lock(const std::string &top) {
         client keys;
         locker locks;
@@ -168,7 +168,7 @@ class Flips : public testing::Test {
         sound = bytes.str();
         ASSERT_EQ(sound.size(), 64U << 10) << "the run should stay short";
         learn();
-        ASSERT_EQ(look(), 0);
+        ASSERT_EQ(read_all(), 0);
         ASSERT_EQ(check(), 0);
     }
     void TearDown() override {
@@ -196,7 +196,7 @@ class Flips : public testing::Test {
         return WEXITSTATUS(status);
     }
 
-    int look() {
+    int read_all() {
         return in_process([&] { return reading(expected).run(url); });
     }
 
@@ -210,7 +210,7 @@ class Flips : public testing::Test {
     }
 
     void judge(const std::string &damage) {
-        int seen = look();
+        int seen = read_all();
         int reported = check();
         ++counts[seen == ENDED ? "ended" : seen & WRONG ? "WRONG" : seen ? "refused" : "unchanged"];
         ++counts[reported == 1 ? "reported" : "not reported"];

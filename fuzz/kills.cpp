@@ -1,4 +1,4 @@
-// Kills processes with SIGKILL in the middle of changes, and looks at what they leave. A change
+// Kills processes with SIGKILL in the middle of changes, and inspects what they leave. A change
 // that was reported is there; of the one under way a document is there in whole or not at all, and
 // a cascade up to one of its flags. The next writer goes on at once, and a context that was open
 // all the time sees what is stored.
@@ -82,8 +82,8 @@ class victim {
     int kill_it() {
         (void)::kill(process_.pid, SIGKILL);
         require(process_.status() == -1, std::string("a ") + what->name + " failed by itself");
-        char told[4096];
-        ssize_t more = recv(process_.here.fd, told, sizeof(told), MSG_DONTWAIT);
+        char notices[4096];
+        ssize_t more = recv(process_.here.fd, notices, sizeof(notices), MSG_DONTWAIT);
         begun_ += static_cast<int>(std::max<ssize_t>(more, 0));
         return std::max(begun_ - 1, 0);
     }
@@ -142,7 +142,7 @@ static std::vector<int32_t> cascade_flags(const client &keys) {
     return flags;
 }
 
-// Whether the flags are the new ones up to some place and the old ones from there on.
+// Whether the flags are the new ones up to one of them and the old ones behind it.
 static bool is_part_of_cascade(const std::vector<int32_t> &flags, int done) {
     auto turn = std::find(flags.begin(), flags.end(), flag_after(done));
     return std::count(turn, flags.end(), flag_after(done)) == flags.end() - turn;
@@ -172,8 +172,8 @@ static void require_version(const std::set<int> &possible) {
                                 nlohmann::json::diff(whole, found).dump().substr(0, 2000));
 }
 
-// The next writers, who find all locks free: first those of the same flags, which are all set then,
-// also if they were set before; then one who surely changes something.
+// The next writers, which find all locks free: first those of the same flags, which are all set then,
+// also if they were set before; then one that certainly changes something.
 static void go_on() {
     stopwatch watch;
     context mine;
@@ -254,8 +254,8 @@ class killing_ground {
         if (watcher_ != nullptr) watcher_->require_same();
         std::vector<killed> dead = kill_some(number % 10 == 9 ? 2 : 1, random);
         if (watcher_ != nullptr) watcher_->require_same();
-        child_process looker([&](const meeting &) { return look(dead), 0; });
-        require(looker.status() == 0, "see above, after killing a " + name_all(dead));
+        child_process inspector([&](const meeting &) { return inspect(dead), 0; });
+        require(inspector.status() == 0, "see above, after killing a " + name_all(dead));
         if (watcher_ != nullptr) watcher_->require_same();
     }
 
@@ -288,7 +288,7 @@ class killing_ground {
     }
 
     // In a process of its own, which opens the registry anew.
-    static void look(const std::vector<killed> &dead) {
+    static void inspect(const std::vector<killed> &dead) {
         registry_is_sound();
         if (dead.size() == 1) require_flags(client(), dead[0]);
         go_on();

@@ -13,7 +13,7 @@
 
 static int lmdb_major = 0;
 
-// Stands before LMDB's own, so that a test can be run over another release.
+// Replaces LMDB's own, so that a test can run over another release.
 extern "C" char *mdb_version(int *major, int *minor, int *patch) {
     static char text[] = "LMDB 1.9";
     if (major != nullptr) *major = lmdb_major;
@@ -34,7 +34,8 @@ class Damage : public RegistryTest {
     static std::string check_of(const std::string &registry_url) {
         std::string text;
         check_backend(
-            registry_url, [&](auto &place, auto &reason) { text += place + " " + reason + "; "; },
+            registry_url,
+            [&](auto &subject, auto &reason) { text += subject + " " + reason + "; "; },
             [](auto, auto) {});
         return text;
     }
@@ -84,12 +85,12 @@ TEST_F(Damage, ACreationThatWasInterruptedIsFinished) {
 
 TEST_F(Damage, SeveralMayCreateItAtOnce) {
     for (int round = 0; round < 10; ++round) {
-        std::string place = "lmdb:" + scratch.path + "/r" + std::to_string(round);
+        std::string made_url = "lmdb:" + scratch.path + "/r" + std::to_string(round);
         std::vector<std::unique_ptr<child_process>> creators;
         for (int i = 0; i < 5; ++i) {
             creators.push_back(std::make_unique<child_process>([&](const meeting &start) {
                 if (!start.wait()) return 1;
-                backend made = open_backend(place, open_mode::create);
+                backend made = open_backend(made_url, open_mode::create);
                 made.keys->apply({put("a.k" + std::to_string(i), "v")});
                 return 0;
             }));
@@ -99,7 +100,7 @@ TEST_F(Damage, SeveralMayCreateItAtOnce) {
         for (auto &one : creators)
             EXPECT_EQ(one->status(), 0);
         std::string found;
-        backend made = open_backend(place, open_mode::existing);
+        backend made = open_backend(made_url, open_mode::existing);
         for (int i = 0; i < 5; ++i)
             EXPECT_TRUE(made.keys->now()->read("a.k" + std::to_string(i), &found)) << i;
     }
@@ -114,15 +115,15 @@ TEST_F(Damage, ACopyThatLmdbMadeIsARegistry) {
     close();
     for (unsigned flags : {0U, unsigned{MDB_CP_COMPACT}}) {
         SCOPED_TRACE(flags);
-        std::string place = scratch.path + "/copy" + std::to_string(flags);
-        std::string copied = "lmdb:" + place;
-        fs::create_directory(place);
+        std::string target = scratch.path + "/copy" + std::to_string(flags);
+        std::string copied = "lmdb:" + target;
+        fs::create_directory(target);
         MDB_env *env = nullptr;
         mdb_env_create(&env);
         ASSERT_EQ(mdb_env_open(env, directory.c_str(), MDB_RDONLY, 0600), 0);
-        ASSERT_EQ(mdb_env_copy2(env, place.c_str(), flags), 0);
+        ASSERT_EQ(mdb_env_copy2(env, target.c_str(), flags), 0);
         mdb_env_close(env);
-        EXPECT_LT(fs::file_size(place + "/data.mdb"), fs::file_size(file("data.mdb")));
+        EXPECT_LT(fs::file_size(target + "/data.mdb"), fs::file_size(file("data.mdb")));
         EXPECT_EQ(check_of(copied), "");
         for (size_t size : {2, 200, 400000}) {
             backend made = open_backend(copied, open_mode::existing);
@@ -136,7 +137,7 @@ TEST_F(Damage, ACopyThatLmdbMadeIsARegistry) {
     }
 }
 
-// Then LMDB alone decides, and the check says that it inspected no page.
+// Then LMDB alone decides on the file, and the check reports that it inspected no page.
 TEST_F(Damage, PagesOfAnotherFormatAreNotInspected) {
     apply({put("a.b", "v")});
     close();
@@ -214,7 +215,7 @@ TEST_F(Damage, TheFileGrowsBeforeItsMapAndNeverShrinks) {
     EXPECT_EQ(reader.status(), 0);
 }
 
-// A look at the file while it changes must not take the change for damage.
+// An inspection of the file while it changes must not report the change as damage.
 TEST_F(Damage, NothingIsWrongBesideAWriter) {
     apply({put("a.b", "0")});
     close();
@@ -248,7 +249,7 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
     const struct {
         const char *name;
         std::function<void(const std::string &)> harm;
-        const char *told;
+        const char *expected;
     } ROWS[] = {
         {"data.mdb", remove, "data.mdb was deleted"}, {"data.mdb", replace, "data.mdb was deleted"},
         {"data.mdb", empty, "data.mdb was deleted"},  {"data.mdb", halve, "was cut short"},
@@ -257,7 +258,7 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
         {"locks", replace, "locks was deleted"},
     };
     for (const auto &row : ROWS) {
-        SCOPED_TRACE(std::string(row.name) + ": " + row.told);
+        SCOPED_TRACE(std::string(row.name) + ": " + row.expected);
         fs::copy(directory, directory + ".kept");
         child_process user([&](const meeting &) {
             open();
@@ -266,10 +267,10 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
             row.harm(file(row.name));
             for (bool writes : {true, false}) {
                 std::string text;
-                if (!writes) usleep(150000);  // readers look from time to time
+                if (!writes) usleep(150000);  // readers inspect the files from time to time
                 failure_of([&] { writes ? (void)apply({put("a.b", "w")}) : (void)stored("a.b"); },
                            &text);
-                if (text.find(row.told) == text.npos) return puts(text.c_str()), 2;
+                if (text.find(row.expected) == text.npos) return puts(text.c_str()), 2;
             }
             return 0;
         });
@@ -280,7 +281,7 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
 }
 
 // What two processes with one number, in two pid namespaces, do to each other's readers.
-TEST_F(Damage, AProcessOfTheSameNumberElsewhereIsToldOf) {
+TEST_F(Damage, AProcessOfTheSameNumberElsewhereIsReported) {
     apply({put("a.b", "v")});
     close();
     child_process second([&](const meeting &parent) {

@@ -1,4 +1,4 @@
-// The embedded registry as files: where it may lie, what damage and death do to it, how it grows.
+// The embedded registry as files: where it may be, what damage and death do to it, how it grows.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <lmdb.h>
@@ -49,9 +49,9 @@ class Embedded : public RegistryTest {
     }
 };
 
-// ---- Place and rights ---------------------------------------------------------------------------
+// ---- Directory and rights -----------------------------------------------------------------------
 
-TEST_F(Embedded, RefusesWhatIsNoSafePlace) {
+TEST_F(Embedded, RefusesUnsafeDirectories) {
     auto at = [&](const char *name) { return scratch.path + "/" + name; };
     for (const char *name : {"empty", "open", "fifo_data", "link_locks"})
         fs::create_directory(at(name));
@@ -65,7 +65,7 @@ TEST_F(Embedded, RefusesWhatIsNoSafePlace) {
         const char *name;
         open_mode mode;
         failure kind;
-        const char *told;
+        const char *expected;
     } const ROWS[] = {
         {"link", open_mode::existing, failure::denied, "symbolic link"},
         {"link//", open_mode::create, failure::denied, "symbolic link"},
@@ -82,7 +82,7 @@ TEST_F(Embedded, RefusesWhatIsNoSafePlace) {
         std::string text;
         EXPECT_EQ(failure_of([&] { open_backend("lmdb:" + at(row.name), row.mode); }, &text),
                   row.kind);
-        EXPECT_NE(text.find(row.told), text.npos) << text;
+        EXPECT_NE(text.find(row.expected), text.npos) << text;
         EXPECT_NE(text.find(scratch.path), text.npos) << text;
     }
     EXPECT_FALSE(fs::exists(at("none")));
@@ -92,13 +92,13 @@ TEST_F(Embedded, RefusesWhatIsNoSafePlace) {
 
 TEST_F(Embedded, IsPrivateWhateverTheUmask) {
     for (mode_t mask : {0U, 022U, 0777U}) {
-        std::string place = scratch.path + "/u" + std::to_string(mask);
+        std::string made = scratch.path + "/u" + std::to_string(mask);
         mode_t before = umask(mask);
-        open_backend("lmdb:" + place, open_mode::create);
+        open_backend("lmdb:" + made, open_mode::create);
         umask(before);
         for (const char *name : {"", "/data.mdb", "/lock.mdb", "/locks"}) {
             struct stat found = {};
-            ASSERT_EQ(stat((place + name).c_str(), &found), 0) << name;
+            ASSERT_EQ(stat((made + name).c_str(), &found), 0) << name;
             EXPECT_EQ(found.st_mode & 07777, *name == '\0' ? 0700U : 0600U) << name;
         }
     }
@@ -204,8 +204,8 @@ static std::string raw_row(const std::string &directory, const std::string &key,
 TEST_F(Embedded, NeverServesARowThatWasChanged) {
     apply({put("a.b", "value"), put("a.c", "other")});
     close();
-    const std::string place("a\0b", 3);
-    std::string good = raw_row(directory, place);
+    const std::string key("a\0b", 3);
+    std::string good = raw_row(directory, key);
     std::vector<std::string> bad = {"", good.substr(0, 8), good.substr(0, good.size() - 1),
                                     good + "x", raw_row(directory, std::string("a\0c", 3))};
     for (size_t bit = 0; bit < good.size() * 8; bit += 3) {
@@ -213,7 +213,7 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
         bad.back()[bit / 8] = static_cast<char>(good[bit / 8] ^ (1 << bit % 8));
     }
     for (const std::string &bytes : bad) {
-        raw_row(directory, place, &bytes);
+        raw_row(directory, key, &bytes);
         open();
         std::string text;
         EXPECT_EQ(failure_of([&] { stored("a.b"); }, &text), failure::content);
@@ -235,7 +235,7 @@ TEST_F(Embedded, NeverServesARowThatWasChanged) {
 }
 
 // One damaged byte at a time, in keys short and hashed, with and without children: each change that
-// stands for the key repairs it, numbers of children included.
+// covers the key repairs it, numbers of children included.
 class Repair : public Embedded {
   protected:
     using tree = std::map<std::string, std::string>;
@@ -266,8 +266,8 @@ class Repair : public Embedded {
     void expect(const tree &all, const std::string &after) {
         EXPECT_EQ(stored_tree(), all) << after;
         std::string found;
-        auto damage = [&](const std::string &place, const std::string &reason) {
-            found += place + " " + reason + "; ";
+        auto damage = [&](const std::string &subject, const std::string &reason) {
+            found += subject + " " + reason + "; ";
         };
         close();
         check_backend(url, damage, [](auto, auto) {});
@@ -406,7 +406,7 @@ TEST_F(Embedded, TakesBackTheSlotsOfDeadReaders) {
 }
 
 // A killed writer's last change may be on the disk and not be seen before the next change. It must
-// not come to light after somebody looked, or set what was there already.
+// not become visible after a reader ran, or after a set to the stored value.
 TEST_F(Embedded, ADeadWritersChangeNeverComesLate) {
     const std::string key = "D.B.a.FLAG";
     apply({put(key, "new"), put("D.B.b", "0")});
@@ -420,7 +420,7 @@ TEST_F(Embedded, ADeadWritersChangeNeverComesLate) {
             ASSERT_TRUE(writer.here.wait());
             usleep(static_cast<useconds_t>(round * 50));
         }
-        // Of those who come first one looks and one sets; then another key changes.
+        // The first process reads or sets; then another key changes.
         std::string seen = "new";
         bool there = round % 2 == 0 ? registry.keys->now(key)->read(key, &seen)
                                     : registry.keys->set(key, seen, nullptr);

@@ -1,4 +1,4 @@
-// Named locks: who excludes whom, across threads, contexts and processes, and what death does.
+// Named locks: which modes exclude each other, across threads, contexts and processes, and what death does.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,18 +24,18 @@ class Locks : public RegistryTest {
 
 TEST_F(Locks, ExcludeEachOtherByMode) {
     enum { SAME_THREAD, THREAD, PROCESS };
-    for (int place : {SAME_THREAD, THREAD, PROCESS}) {
+    for (int where : {SAME_THREAD, THREAD, PROCESS}) {
         for (lock_mode first : {lock_mode::shared, lock_mode::exclusive}) {
             for (lock_mode second : {lock_mode::shared, lock_mode::exclusive}) {
                 locker holder;
                 ASSERT_EQ(holder.take(first, NAME), 0);
-                int32_t rc = place == SAME_THREAD ? try_it(second) : -1;
-                if (place == THREAD) std::thread([&] { rc = try_it(second); }).join();
-                if (place == PROCESS) {
+                int32_t rc = where == SAME_THREAD ? try_it(second) : -1;
+                if (where == THREAD) std::thread([&] { rc = try_it(second); }).join();
+                if (where == PROCESS) {
                     rc = child_process([&](const meeting &) { return try_it(second); }).status();
                 }
                 bool both = first == lock_mode::shared && second == lock_mode::shared;
-                EXPECT_EQ(rc == 0, both) << place << int(first) << int(second);
+                EXPECT_EQ(rc == 0, both) << where << int(first) << int(second);
                 EXPECT_EQ(holder.unlock(NAME), 0);
                 EXPECT_TRUE(is_free());
             }
@@ -139,7 +139,7 @@ TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
     ASSERT_EQ(mine.shared(NAME), 0);
     std::thread writer(
         [&] { EXPECT_NO_THROW(registry.locks->acquire(NAME, lock_mode::exclusive, DEADLINE_MS)); });
-    try {  // until the writer stands at the gate
+    try {  // until the writer has the gate
         for (;;)
             registry.locks->acquire(NAME, lock_mode::shared, 0);
     } catch (const host_error &) {
@@ -151,7 +151,7 @@ TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
     writer.join();
 }
 
-// The words at the head of the lock file may be left in any state by whoever was killed.
+// A killed process may leave the words at the head of the lock file in any state.
 TEST_F(Locks, AWrongHintNeverDecides) {
     auto write_words = [&](char byte) {
         std::fstream words(directory + "/locks", std::ios::in | std::ios::out);

@@ -70,7 +70,7 @@ int lengthen(int fd, size_t size) {
         if (wrote < 0) return errno;
         at += static_cast<size_t>(wrote);
     }
-    // The length must be on the disk before a commit tells of it.
+    // The length must be on the disk before a commit states it.
     return fsync(fd) == 0 ? 0 : errno;
 }
 
@@ -129,15 +129,15 @@ static unique_fd open_directory(const std::string &path) {
     return fd;
 }
 
-// Gives the mode that new files get.
-static mode_t check_place(const std::string &path, int fd) {
+// Returns the mode of new files.
+static mode_t check_directory(const std::string &path, int fd) {
     struct stat found = {};
     struct statfs system = {};
     if (fstat(fd, &found) != 0) throw failed(path, "stat");
     if (fstatfs(fd, &system) != 0) throw failed(path, "statfs");
     if ((found.st_mode & S_IWOTH) != 0) {
         throw refused(failure::denied, path,
-                      "every user may write to the directory; take that right away (chmod o-w)");
+                      "every user may write to the directory; remove that right (chmod o-w)");
     }
     const char *network = network_file_system(system.f_type);
     if (network != nullptr) {
@@ -149,7 +149,7 @@ static mode_t check_place(const std::string &path, int fd) {
     return 0600 | (found.st_mode & 0060);
 }
 
-// An existing file is only looked at: to open and close LMDB's lock file would undo its protection.
+// Does not open an existing file: to open and close LMDB's lock file would undo its protection.
 static bool check_file(const std::string &path, int directory, const char *name,
                        struct stat *found) {
     if (fstatat(directory, name, found, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -175,14 +175,14 @@ static int fill_data_file(const std::string &path) {
     std::unique_ptr<MDB_env, decltype(&mdb_env_close)> env(made, &mdb_env_close);
     int fd = -1;
     rc = mdb_env_set_mapsize(made, FIRST_MAP_SIZE);
-    // Nobody else knows the file yet, so it needs no lock file.
+    // No other process knows the file yet, so it needs no lock file.
     if (rc == 0) rc = mdb_env_open(made, path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
     if (rc == 0) rc = mdb_env_get_fd(made, &fd);
     return rc == 0 ? lengthen(fd, FIRST_MAP_SIZE) : rc;
 }
 
-// The file gets its name when it is whole, so nobody ever meets one that is being made; two who
-// make it at once go one after the other. What an interrupted one left behind is taken away.
+// The file is renamed when it is whole, so no process opens an unfinished one; processes that make it
+// at once take turns. Removes what an interrupted one left behind.
 static void make_data(const std::string &path, int directory, mode_t mode) {
     deadline wait(CREATION_WAIT_MS);
     unique_fd turn(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -204,7 +204,7 @@ registry_directory::registry_directory(const std::string &path, open_mode mode)
     : path_(absolute(path)) {
     if (mode == open_mode::create) make_directory(path_);
     fd_ = open_directory(path_);
-    mode_t file_mode = check_place(path_, fd());
+    mode_t file_mode = check_directory(path_, fd());
     struct stat found = {};
     bool made = false;
     for (size_t n = 0; n < std::size(FILES); ++n) {

@@ -1,11 +1,11 @@
-// The directory of an embedded registry: found or made, and refused if it is not a safe place.
+// The directory of an embedded registry: found or made, and refused if it is not safe.
 //
 //     data.mdb, lock.mdb    LMDB's
 //     locks                 the byte ranges of the named locks
 //
-// The directory is made with mode 0700 and files with 0600, whatever the umask. An administrator
-// who gives the directory to a group (chmod g+rwxs) gets files that the group may use. Only
-// open_mode::create makes a data.mdb, and only where there is none: an empty one is a damaged one.
+// The directory is made with mode 0700 and files with 0600, whatever the umask. If an
+// administrator gives the directory to a group (chmod g+rwxs), the group may use the files. Only
+// open_mode::create makes a data.mdb, and only if none exists: an empty one is damaged.
 #ifndef KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 #define KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 
@@ -36,13 +36,13 @@ struct file_status {
 [[nodiscard]] bool read_status(int fd, const char *name, file_status *out) noexcept;
 
 // Makes a file at least so long, with zeros at its end: so a full disk is met here and not by a
-// later commit, and a commit changes nothing but bytes. Only for the holder of the right to write:
+// later commit, and a commit changes nothing but bytes. Only for the holder of the write lock:
 // nobody else makes it longer meanwhile. Returns 0 or errno.
 [[nodiscard]] int lengthen(int fd, size_t size);
 
 class registry_directory : public std::enable_shared_from_this<registry_directory> {
   public:
-    // Throws failure::not_found, ::denied or ::usage with a text that tells what to do.
+    // Throws failure::not_found, ::denied or ::usage with a text that names the remedy.
     registry_directory(const std::string &path, open_mode mode);
 
     const std::string &path() const { return path_; }  // absolute
@@ -50,11 +50,11 @@ class registry_directory : public std::enable_shared_from_this<registry_director
     file_id data_id() const { return ids_[0]; }
     file_id lock_id() const { return ids_[2]; }
 
-    // Throws failure::registry if a file is no longer the one that was there at first, or empty:
-    // then others see another registry, or the same one without our locks.
+    // Throws failure::registry if a file was replaced or emptied since the opening: other processes
+    // then use another registry, or the same one without our locks.
     void require_in_place() const;
 
-    // The data file, for what is done without LMDB.
+    // Opens the data file for access without LMDB.
     unique_fd open_data() const;
 
     static constexpr const char *LOCK_FILE = "locks";

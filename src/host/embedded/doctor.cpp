@@ -28,7 +28,7 @@ static void inspect_rights(const registry_directory &directory, const diagnosis_
     if (fstat(directory.fd(), &known) != 0) return;
     bool open = (known.st_mode & S_IRWXO) != 0;
     sink({"directory", open ? health::doubtful : health::good,
-          directory.path() + (open ? " may be entered by everybody: chmod o= it" : " is there")});
+          directory.path() + (open ? " is open to every user: chmod o= it" : " exists")});
 }
 
 static void inspect_content(const std::string &url, uint64_t size, const diagnosis_sink &sink) {
@@ -39,8 +39,8 @@ static void inspect_content(const std::string &url, uint64_t size, const diagnos
     }
     size_t faults = 0;
     std::string first;
-    auto count = [&](const std::string &place, const std::string &reason) {
-        if (faults++ == 0) first = place + " " + reason;
+    auto count = [&](const std::string &subject, const std::string &reason) {
+        if (faults++ == 0) first = subject + " " + reason;
     };
     uint64_t keys = EMBEDDED_KIND.check(url, count, [](auto, auto) {}).keys;
     if (faults == 0)

@@ -28,7 +28,7 @@ static std::shared_ptr<lmdb_store> known_store(file_id id) {
     return found == known_stores().end() ? nullptr : found->second.lock();
 }
 
-// Another thread may have been faster: then its store is the one.
+// Another thread may have been faster; then its store is used.
 static std::shared_ptr<lmdb_store> make_known(file_id id,
                                               const std::shared_ptr<lmdb_store> &fresh) {
     std::lock_guard guard(fork_mutex());
@@ -51,23 +51,25 @@ static void check_url(const std::string &url) {
 
 static backend open(const std::string &url, open_mode mode) {
     check_url(url);
-    auto place = std::make_shared<const registry_directory>(directory_of(url), mode);
-    std::shared_ptr<lmdb_store> keys = known_store(place->data_id());
+    auto directory = std::make_shared<const registry_directory>(directory_of(url), mode);
+    std::shared_ptr<lmdb_store> keys = known_store(directory->data_id());
     if (keys == nullptr) {
-        auto fresh = std::make_shared<lmdb_store>(place, std::make_shared<file_locks>(place));
-        keys = make_known(place->data_id(), fresh);
+        auto fresh =
+            std::make_shared<lmdb_store>(directory, std::make_shared<file_locks>(directory));
+        keys = make_known(directory->data_id(), fresh);
     }
     return {keys, keys->locks()};
 }
 
-// The files are read as bytes, so the writers must be kept out.
+// Reads the files as bytes, so no writer may be at work.
 static check_counts check(const std::string &url, const damage_sink &damage, const row_sink &sink) {
     check_url(url);
-    auto place = std::make_shared<const registry_directory>(directory_of(url), open_mode::existing);
-    auto locks = std::make_shared<file_locks>(place);
-    std::shared_ptr<held_lock> right =
+    auto directory =
+        std::make_shared<const registry_directory>(directory_of(url), open_mode::existing);
+    auto locks = std::make_shared<file_locks>(directory);
+    std::shared_ptr<held_lock> writing =
         locks->acquire(file_locks::WRITERS, lock_mode::exclusive, lock_wait_ms());
-    return check_data_file(place->open_data().get(), damage, sink);
+    return check_data_file(directory->open_data().get(), damage, sink);
 }
 
 const backend_kind EMBEDDED_KIND = {check_url, open, check, diagnose_embedded};

@@ -224,8 +224,8 @@ std::shared_lock<map_mutex> environment::keep_map_in_place() {
     return std::shared_lock(map_);
 }
 
-// factor 0 takes over what other processes made of the map. With another one a writer makes it
-// larger, the file first: once a commit tells of the map, the file must be as long.
+// factor 0 adopts the map size that another process set. Any other one enlarges the map for a writer,
+// the file first: once a commit states the map size, the file must be as long.
 void environment::resize_map(size_t factor) {
     let_go_of_moments();
     std::lock_guard turn(resizing_);
@@ -251,7 +251,7 @@ void environment::resize_map(size_t factor) {
 
 void environment::start_reader(lmdb_reader *reader) {
     if (reader->txn != nullptr) return check(mdb_txn_renew(reader->txn), "mdb_txn_renew");
-    // LMDB tells its processes apart by a lock for each process number.
+    // LMDB identifies a process by a lock at its process number.
     int rc = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &reader->txn);
     if (rc == MDB_READERS_FULL) {
         check(mdb_reader_check(env_, nullptr), "mdb_reader_check");

@@ -1,4 +1,4 @@
-// One LMDB environment, and transactions that give back what they took.
+// One LMDB environment and its transactions.
 //
 // A file may be open only once in a process, and an environment must not be used in the child of a
 // fork. So environments are counted and shared within one process (environment_use), and the child

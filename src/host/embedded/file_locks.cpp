@@ -96,7 +96,7 @@ static bool is_open(int fd, off_t at) {
 
 namespace {
 
-struct lock_place {
+struct lock_offsets {
     off_t byte;
     off_t gate;
     off_t turn;
@@ -105,7 +105,7 @@ struct lock_place {
 
 }  // namespace
 
-static lock_place place_of_name(std::string_view name, shared_words *words) {
+static lock_offsets offsets_of(std::string_view name, shared_words *words) {
     uint64_t hash = XXH3_64bits(name.data(), name.size());
     uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
     auto byte = static_cast<off_t>(hash >> 2);
@@ -137,34 +137,34 @@ class file_lock final : public held_lock {
 
     bool still_held() const override { return generation_ == fork_generation(); }
 
-    bool try_shared(const lock_place &place) {
-        return no_writer(place) && try_byte(fd_, place.byte, F_RDLCK);
+    bool try_shared(const lock_offsets &at) {
+        return no_writer(at) && try_byte(fd_, at.byte, F_RDLCK);
     }
 
-    bool try_exclusive(const lock_place &place) {
-        place.hint->store(1);
-        has_gate_ = has_gate_ || try_gate(place);
-        return has_gate_ && try_byte(fd_, place.byte, F_WRLCK);
+    bool try_exclusive(const lock_offsets &at) {
+        at.hint->store(1);
+        has_gate_ = has_gate_ || try_gate(at);
+        return has_gate_ && try_byte(fd_, at.byte, F_WRLCK);
     }
 
   private:
-    bool no_writer(const lock_place &place) const {
-        if (place.hint->load() == 0) return true;
-        if (!is_open(fd_, place.gate)) return false;
-        place.hint->store(0);  // a killed writer may have left it; one that waits sets it again
+    bool no_writer(const lock_offsets &at) const {
+        if (at.hint->load() == 0) return true;
+        if (!is_open(fd_, at.gate)) return false;
+        at.hint->store(0);  // a killed writer may have left it; one that waits sets it again
         return true;
     }
 
     // The first try needs no turn, unless another one waits with it.
-    bool try_gate(const lock_place &place) {
+    bool try_gate(const lock_offsets &at) {
         if (std::exchange(waits_, true)) {
-            has_turn_ = has_turn_ || try_byte(fd_, place.turn, F_WRLCK);
+            has_turn_ = has_turn_ || try_byte(fd_, at.turn, F_WRLCK);
             if (!has_turn_) return false;
-        } else if (!is_open(fd_, place.turn)) {
+        } else if (!is_open(fd_, at.turn)) {
             return false;
         }
-        if (!try_byte(fd_, place.gate, F_WRLCK)) return false;
-        if (has_turn_) (void)try_byte(fd_, place.turn, F_UNLCK);  // to release never conflicts
+        if (!try_byte(fd_, at.gate, F_WRLCK)) return false;
+        if (has_turn_) (void)try_byte(fd_, at.turn, F_UNLCK);  // to release never conflicts
         return true;
     }
 
@@ -176,12 +176,11 @@ class file_lock final : public held_lock {
     bool has_gate_ = false;
 };
 
-// ---- Who uses them ------------------------------------------------------------------------------
+// ---- Users of locks -----------------------------------------------------------------------------
 
 namespace {
 
-// Where the ranges of a process lie, as the kernel tells it in /proc. One that belongs to another
-// user is not told.
+// A range that a process holds, as /proc reports it; processes of other users are not reported.
 struct used_byte {
     off_t at;
     bool shared;
@@ -231,7 +230,7 @@ std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
     namespace fs = std::filesystem;
     std::map<off_t, const std::string *> bytes;
     for (const std::string &name : names)
-        bytes.emplace(place_of_name(name, &words_).byte, &name);
+        bytes.emplace(offsets_of(name, &words_).byte, &name);
     std::vector<lock_use> out;
     std::error_code ignored;  // processes come and go
     for (const fs::directory_entry &process : fs::directory_iterator("/proc", ignored)) {
@@ -261,14 +260,14 @@ static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wa
 
 std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted) {
-    (void)wanted;  // a look at the file is quick at any time
-    lock_place place = place_of_name(name, &words_);
+    (void)wanted;  // reading the file is fast at any time
+    lock_offsets at = offsets_of(name, &words_);
     auto lock = std::make_shared<file_lock>(shared_from_this());
     auto granted = [&] {
-        return mode == lock_mode::shared ? lock->try_shared(place) : lock->try_exclusive(place);
+        return mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at);
     };
     if (granted()) return lock;
-    let_go_of_moments();  // whoever holds the lock may have to wait for their end
+    let_go_of_moments();  // the holder of the lock may have to wait for their end
     uint32_t wait_ms = limit.ms();
     for (deadline wait(wait_ms); wait.pause();) {
         if (granted()) return lock;

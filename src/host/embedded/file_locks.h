@@ -1,15 +1,14 @@
 // Named locks of one machine: byte ranges of the registry's lock file.
 //
-// A name is the byte at a 62-bit hash of it. At that offset + 2^62 stands its gate: an exclusive
-// holder keeps the gate from before its wait for the byte until its release, and a shared one only
-// passes if nobody keeps it, so that a writer is not held up for ever by readers that come and go.
-// To ask for the gate is a system call, which a reader saves while the hint of the name says that
-// there is no writer. A hint is a word (shared_words.h) that a writer sets before each of its tries
-// and a reader that finds the gate open clears; a wrong one costs a call or lets a reader pass once
-// more, for only the byte decides who holds the lock. At a further hash + 2^62 lies the turn:
-// whoever could not have the gate at once waits for the turn first and gives it up with the gate in
-// hand, and nobody passes one who has the turn. So a writer that releases and asks again at once
-// does not shut out the others.
+// The lock of a name is the byte at a 62-bit hash of the name. Its gate is the byte 2^62 behind: a
+// writer holds the gate from before its wait for the lock byte until its release, and a reader passes
+// only an open gate, so that readers that come and go cannot starve a writer. Testing the gate is a
+// system call, which a reader saves while the hint of the name is 0. A hint is a word
+// (shared_words.h) that a writer sets before each try and that a reader clears when it finds the gate
+// open; a wrong hint costs a call or admits one reader more, for only the lock byte decides. The turn
+// is a byte at another hash + 2^62: a writer that finds the gate closed waits for the turn first and
+// releases it once it holds the gate, and no other writer passes the owner of the turn. So a writer
+// that releases the lock and requests it again at once does not shut out the others.
 //
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked

@@ -18,10 +18,10 @@ namespace {
 
 // What is known of one key.
 struct audited {
-    bool there = false;  // it has a row
-    bool sound = false;  // and that can be read
-    uint32_t told = 0;   // the number of children in it
-    uint32_t found = 0;  // the number of children that have rows
+    bool stored = false;  // it has a row
+    bool sound = false;   // and that can be read
+    uint32_t stated = 0;  // the number of children in it
+    uint32_t found = 0;   // the number of children that have rows
 };
 
 // Children by their parents. Rows may come in any order.
@@ -29,24 +29,24 @@ class row_audit {
   public:
     row_audit(const damage_sink &damage, const row_sink &sink) : damage_(damage), sink_(sink) {}
 
-    void add(std::string_view place, std::string_view bytes) {
+    void add(std::string_view key, std::string_view bytes) {
         row found = {};
-        bool sound = read_row(place, bytes, &found);
-        std::string path = path_of_row(place, bytes);
+        bool sound = read_row(key, bytes, &found);
+        std::string path = path_of_row(key, bytes);
         if (!sound) {
             damage_(path, "has stored bytes that are not those that were written");
-        } else if (path_fault(path) != nullptr || place_of(path).view() != place) {
-            return damage_(path, "stands at a place that is not its own");
+        } else if (path_fault(path) != nullptr || row_key(path).view() != key) {
+            return damage_(path, "has the LMDB key of another path");
         }
-        if (!sound && path_fault(path) != nullptr && place_is_cut(place) &&
-            !row_is_misplaced(place, bytes)) {
-            nameless_.emplace(place);
+        if (!sound && path_fault(path) != nullptr && key_is_hashed(key) &&
+            !row_is_misplaced(key, bytes)) {
+            nameless_.emplace(key);
             return;
         }
-        audited &key = keys_[path];
-        key.there = true;
-        key.sound = sound;
-        key.told = found.children;
+        audited &known = keys_[path];
+        known.stored = true;
+        known.sound = sound;
+        known.stated = found.children;
         std::string_view parent = parent_path(path);
         if (!parent.empty()) ++keys_[std::string(parent)].found;
         if (sound) sink_(path, found.value);
@@ -54,13 +54,13 @@ class row_audit {
 
     // Names what is missing.
     void compare(const damage_sink &damage) {
-        for (const auto &[path, key] : keys_) {
-            if (!key.there && nameless_.count(std::string(place_of(path).view())) == 0) {
+        for (const auto &[path, known] : keys_) {
+            if (!known.stored && nameless_.count(std::string(row_key(path).view())) == 0) {
                 damage(path, "is missing, though there are keys below it");
-            } else if (key.sound && key.told != key.found &&
-                       key.told - key.found > nameless_below(path)) {
-                damage(path, "has " + std::to_string(key.found) + " keys below it and had " +
-                                 std::to_string(key.told));
+            } else if (known.sound && known.stated != known.found &&
+                       known.stated - known.found > nameless_below(path)) {
+                damage(path, "has " + std::to_string(known.found) + " keys below it and had " +
+                                 std::to_string(known.stated));
             }
         }
     }
@@ -69,8 +69,8 @@ class row_audit {
     // How many rows without a path may be those of children of a key.
     uint32_t nameless_below(const std::string &path) const {
         uint32_t count = 0;
-        for (const std::string &place : nameless_) {
-            std::string head = path_of_row(place, {});
+        for (const std::string &key : nameless_) {
+            std::string head = path_of_row(key, {});
             size_t common = std::min(path.size(), head.size() - strlen("..."));
             if (head.compare(0, common, path, 0, common) == 0) ++count;
         }
@@ -80,24 +80,24 @@ class row_audit {
     damage_sink damage_;
     row_sink sink_;
     std::map<std::string, audited> keys_;
-    std::set<std::string> nameless_;  // places; a search for the true path still ends there
+    std::set<std::string> nameless_;  // LMDB keys; a search for the true path still ends there
 };
 
 }  // namespace
 
-// ---- For those who open it ----------------------------------------------------------------------
+// ---- On opening ---------------------------------------------------------------------------------
 
 void require_all_found(int fd, const meta &state, const damage_sink &damage) {
     bool all_sound = true;
-    page_walk(fd, state, damage).run([&](std::string_view place, std::string_view bytes) {
+    page_walk(fd, state, damage).run([&](std::string_view key, std::string_view bytes) {
         row found;
-        all_sound = all_sound && read_row(place, bytes, &found);
+        all_sound = all_sound && read_row(key, bytes, &found);
     });
     if (all_sound) return;
     // A damaged row may be one whose key was damaged: then its true key cannot be found.
     row_audit audit([](auto &, auto &) {}, [](auto, auto) {});
-    page_walk(fd, state, damage).run([&](std::string_view place, std::string_view bytes) {
-        audit.add(place, bytes);
+    page_walk(fd, state, damage).run([&](std::string_view key, std::string_view bytes) {
+        audit.add(key, bytes);
     });
     audit.compare(damage);
 }
@@ -115,9 +115,9 @@ check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &
     if (!read_head(fd, &head, damage)) return counts;
     row_audit audit(damage, sink);
     page_walk walk(fd, head.newest(), damage);
-    walk.run([&](std::string_view place, std::string_view bytes) {
+    walk.run([&](std::string_view key, std::string_view bytes) {
         ++counts.keys;
-        audit.add(place, bytes);
+        audit.add(key, bytes);
     });
     audit.compare(damage);
     counts.pages = walk.pages();

@@ -1,6 +1,5 @@
-// Whether a registry is sound: its pages (page_walk.h), its rows and what the rows say of each
-// other. Once for those who open it, who must only know that nothing is hidden from them, and once
-// in full, for administrators.
+// Checks a registry: its pages (page_walk.h), its rows, and the rows against each other. In brief on
+// opening, which must only ensure that no key is hidden, and in full for administrators.
 #ifndef KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 #define KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 
@@ -9,8 +8,8 @@
 
 namespace keyview::host {
 
-// Reports what could hide a key of a state from its readers. A damaged row that stands where it
-// should is none of that: it is refused when it is read, and may be replaced.
+// Reports what could hide a key of a state from its readers. A damaged row with an
+// undamaged LMDB key does not: reading refuses it, and a change may replace it.
 void require_all_found(int fd, const meta &state, const damage_sink &damage);
 
 // Reports all damage. Every row that is sound is delivered, in no order. No writer may be at work

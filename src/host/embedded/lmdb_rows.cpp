@@ -9,42 +9,42 @@ namespace keyview::host {
 
 void visit_below(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
                  const row_visitor &visit) {
-    for (const place_range &range : place_ranges(path, which)) {
+    for (const key_range &range : key_ranges(path, which)) {
         for (row_scan rows(env, cursor, range); rows.more() && rows.in_range(); rows.next()) {
-            if (row_is_below(rows.place(), rows.bytes(), path, which))
-                visit(rows.place(), rows.bytes());
+            if (row_is_below(rows.key(), rows.bytes(), path, which))
+                visit(rows.key(), rows.bytes());
         }
     }
 }
 
 row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
-    place_of place(path);
-    MDB_val key = bytes_of(place.view());
+    row_key key(path);
+    MDB_val at = bytes_of(key.view());
     MDB_val data = {};
-    int rc = mdb_get(txn, environment::KEYS, &key, &data);
+    int rc = mdb_get(txn, environment::KEYS, &at, &data);
     if (rc == MDB_NOTFOUND) return row_state::absent;
     env.check(rc, "mdb_get");
-    if (!read_row(place.view(), view_of(data), out)) return row_state::damaged;
-    bool other = place_is_cut(place.view()) && out->path != path;
+    if (!read_row(key.view(), view_of(data), out)) return row_state::damaged;
+    bool other = key_is_hashed(key.view()) && out->path != path;
     return other ? row_state::absent : row_state::sound;
 }
 
 void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
                               const row_visitor &visit) {
     cursor_guard cursor(env, txn);
-    auto visit_damaged = [&](std::string_view place, std::string_view bytes) {
+    auto visit_damaged = [&](std::string_view key, std::string_view bytes) {
         row found;
-        if (!read_row(place, bytes, &found)) visit(place, bytes);
+        if (!read_row(key, bytes, &found)) visit(key, bytes);
     };
-    place_of absent(path);
-    place_range near = {std::string(absent.view()), {}};
-    if (place_is_cut(absent.view())) near = cut_range(absent.view());
-    MDB_val key = bytes_of(near.from);
+    row_key absent(path);
+    key_range near = {std::string(absent.view()), {}};
+    if (key_is_hashed(absent.view())) near = hashed_range(absent.view());
+    MDB_val at = bytes_of(near.from);
     MDB_val data = {};
     auto step = [&](MDB_cursor_op op) {
-        int rc = mdb_cursor_get(cursor.get(), &key, &data, op);
+        int rc = mdb_cursor_get(cursor.get(), &at, &data, op);
         if (rc != MDB_NOTFOUND) env.check(rc, "mdb_cursor_get");
-        if (rc == MDB_SUCCESS) visit_damaged(view_of(key), view_of(data));
+        if (rc == MDB_SUCCESS) visit_damaged(view_of(at), view_of(data));
         return rc == MDB_SUCCESS;
     };
     bool behind = step(MDB_SET_RANGE);
@@ -53,15 +53,15 @@ void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_
     row_scan rows(env, cursor.get(), near);
     if (rows.more()) rows.next();  // visited above
     for (; rows.more() && rows.in_range(); rows.next())
-        visit_damaged(rows.place(), rows.bytes());
+        visit_damaged(rows.key(), rows.bytes());
 }
 
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
     row_state state = look_up(env, txn, path, out);
     if (state == row_state::damaged) throw damaged_row(path);
     if (state == row_state::sound) return true;
-    visit_damaged_neighbours(env, txn, path, [](std::string_view place, std::string_view bytes) {
-        throw damaged_row(path_of_row(place, bytes));
+    visit_damaged_neighbours(env, txn, path, [](std::string_view key, std::string_view bytes) {
+        throw damaged_row(path_of_row(key, bytes));
     });
     return false;
 }
@@ -69,8 +69,8 @@ bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *
 host_error damaged_row(std::string_view path) {
     return host_error(failure::content,
                       "the registry is damaged: the stored bytes of " + std::string(path) +
-                          " are not those that were written; restore the registry from a saved "
-                          "cluster document");
+                          " are not those that were written; set or remove the key, or restore "
+                          "the registry from a saved cluster document");
 }
 
 }  // namespace keyview::host

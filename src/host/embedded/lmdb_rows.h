@@ -43,15 +43,15 @@ class cursor_guard {
 // the transaction.
 class row_scan {
   public:
-    row_scan(const environment &env, MDB_cursor *cursor, const place_range &range)
+    row_scan(const environment &env, MDB_cursor *cursor, const key_range &range)
         : env_(env), cursor_(cursor), to_(range.to), key_(bytes_of(range.from)) {
         step(MDB_SET_RANGE);
     }
 
     bool more() const { return more_; }
-    bool in_range() const { return place() < to_; }
+    bool in_range() const { return key() < to_; }
     void next() { step(MDB_NEXT); }
-    std::string_view place() const { return view_of(key_); }
+    std::string_view key() const { return view_of(key_); }
     std::string_view bytes() const { return view_of(data_); }
 
   private:
@@ -71,23 +71,22 @@ class row_scan {
 
 enum class row_state { absent, sound, damaged };
 
-// Receives the place of a row and its bytes.
-using row_visitor = std::function<void(std::string_view place, std::string_view bytes)>;
+// Receives the row key and the bytes of a row.
+using row_visitor = std::function<void(std::string_view key, std::string_view bytes)>;
 
 // Visits the rows of all keys below a key, damaged ones included.
 void visit_below(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
                  const row_visitor &visit);
 
-// Finds the row of a key. What it delivers ends with the next change or with the transaction.
+// Finds the row of a key. Its views end with the next change or with the transaction.
 row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out);
 
-// Visits the damaged rows that may be the one of an absent key. A damaged LMDB key stays where its
-// row was written: next to the place of the true key, and for a cut place among those with the same
-// head.
+// Visits the damaged rows that may be the one of an absent key. A damaged row key stays where its
+// row was written: next to the true row key, and a hashed one among those with the same head.
 void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
                               const row_visitor &visit);
 
-// As look_up, for callers that need a sound row: false if there is no such key; throws
+// Like look_up, for callers that need a sound row: false if there is no such key; throws
 // failure::content if its row is damaged or may be a damaged neighbour.
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out);
 

@@ -15,8 +15,8 @@
 
 namespace keyview::host {
 
-// Writers follow each other within milliseconds; who does not want to wait for locks waits for
-// them.
+// Writers follow each other within milliseconds, so even a caller that does not wait for locks waits
+// for them.
 static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
 
 static host_error damaged_list(std::string_view path) {
@@ -57,45 +57,44 @@ class lmdb_moment final : public moment {
 
     std::shared_ptr<lmdb_store> keys_;
     environment *env_;
-    shared_words::change_count *part_;  // null if none is of interest
+    shared_words::change_count *part_;  // null if no revision is needed
     uint64_t before_;                   // its count before the transaction began
     environment::reading reading_;
 };
 
-// The list that rows are added to at present, known by the bytes that all places of it begin with.
+// The list that rows are added to at present, known by the common head of its LMDB keys.
 class open_list {
   public:
     explicit open_list(snapshot *out) : out_(out) {}
 
-    bool has(std::string_view place) const {
+    bool has(std::string_view key) const {
         size_t end = list_.size();
-        return place.size() > end && place[end] == '\0' &&
-               memcmp(place.data(), list_.data(), end) == 0;
+        return key.size() > end && key[end] == '\0' && memcmp(key.data(), list_.data(), end) == 0;
     }
 
     // False if another list should have come first.
-    [[nodiscard]] bool begin_with(std::string_view place) {
-        size_t end = place.rfind('\0');
-        if (end == place.npos) return false;
-        list_ = place.substr(0, end);
+    [[nodiscard]] bool begin_with(std::string_view key) {
+        size_t end = key.rfind('\0');
+        if (end == key.npos) return false;
+        list_ = key.substr(0, end);
         return out_->begin_list(list_, '\x01');
     }
 
     // False if the row should have come earlier.
-    [[nodiscard]] bool add(std::string_view place, const row &found) {
-        return out_->add(place.substr(list_.size() + 1), found.value, found.children);
+    [[nodiscard]] bool add(std::string_view key, const row &found) {
+        return out_->add(key.substr(list_.size() + 1), found.value, found.children);
     }
 
   private:
     snapshot *out_;
-    std::string_view list_;  // into the page of LMDB that holds the place
+    std::string_view list_;  // into the page of LMDB that holds the key
 };
 
 }  // namespace
 
 // The tree's revision is the number of the next transaction that writes, so it is never 0. The
-// part's count tells something if no change of it was under way when the transaction began. A
-// count of 0 does not: nothing was counted since the lock file was made.
+// part's count is valid if no change of it was under way when the transaction began. A count of 0 is
+// not: nothing was counted since the lock file was made.
 revision lmdb_moment::current() {
     bool quiet = before_ % 2 == 0 && count() == before_;
     return {mdb_txn_id(reading_.txn()) + 1, quiet ? before_ : 0};
@@ -123,24 +122,24 @@ bool lmdb_moment::copy(std::string_view path, reach which, snapshot *out) {
     return true;
 }
 
-// The usual way: rows come in the order of a snapshot. False, with a part of it copied, if some
-// places are cut, which stand apart from their lists.
+// Rows are usually in the order of a snapshot. False, with a part of it copied, if some
+// keys are hashed, which are apart from their lists.
 bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *out) {
-    std::vector<place_range> ranges = place_ranges(path, which);
+    std::vector<key_range> ranges = key_ranges(path, which);
     if (ranges.size() != 1) return false;
     open_list list(out);
     for (row_scan rows(*env_, reading_.cursor(), ranges.front()); rows.more(); rows.next()) {
-        std::string_view place = rows.place();
-        if (place_is_cut(place)) return false;
+        std::string_view key = rows.key();
+        if (key_is_hashed(key)) return false;
         row found;
-        if (!read_row(place, rows.bytes(), &found)) {
-            throw damaged_row(path_of_row(place, rows.bytes()));
+        if (!read_row(key, rows.bytes(), &found)) {
+            throw damaged_row(path_of_row(key, rows.bytes()));
         }
-        if (!list.has(place)) {
+        if (!list.has(key)) {
             if (!rows.in_range()) break;
-            if (!list.begin_with(place)) throw damaged_list(path);
+            if (!list.begin_with(key)) throw damaged_list(path);
         }
-        if (!list.add(place, found)) throw damaged_list(path);
+        if (!list.add(key, found)) throw damaged_list(path);
     }
     return true;
 }
@@ -151,9 +150,9 @@ void lmdb_moment::copy_sorted(std::string_view path, reach which, snapshot *out)
         row found;
     };
     std::vector<whole_row> rows;
-    auto add = [&](std::string_view place, std::string_view bytes) {
-        whole_row added = {path_of_row(place, bytes), {}};
-        if (!read_row(place, bytes, &added.found)) throw damaged_row(added.path);
+    auto add = [&](std::string_view key, std::string_view bytes) {
+        whole_row added = {path_of_row(key, bytes), {}};
+        if (!read_row(key, bytes, &added.found)) throw damaged_row(added.path);
         rows.push_back(std::move(added));
     };
     visit_below(*env_, reading_.cursor(), path, which, add);
@@ -175,11 +174,11 @@ bool lmdb_moment::scan(std::string_view path, reach which, const row_sink &keys,
                        const damaged_key_sink &damaged) {
     if (path_fault(path) != nullptr) return false;
     bool any = false;
-    auto deliver = [&](std::string_view place, std::string_view bytes) {
+    auto deliver = [&](std::string_view key, std::string_view bytes) {
         row found;
-        std::string known = path_of_row(place, bytes);
+        std::string known = path_of_row(key, bytes);
         any = true;
-        read_row(place, bytes, &found) ? keys(known, found.value) : damaged(known);
+        read_row(key, bytes, &found) ? keys(known, found.value) : damaged(known);
     };
     row top;
     row_state state = look_up(*env_, reading_.txn(), path, &top);
@@ -209,15 +208,15 @@ environment *lmdb_store::env() {
     return here.use->get();
 }
 
-// A count that is odd while nobody has the right to write was left by a killed writer. LMDB may
-// have that one's last commit on the disk and tell of it only to the next writer: so there is one,
-// who changes nothing.
-void lmdb_store::settle(std::string_view part) {
+// A count that is odd while the write lock is free was left by a killed writer. LMDB may have the last
+// commit of that writer on the disk and show it only after the next write transaction: so this runs
+// one that changes nothing.
+void lmdb_store::finish_killed_change(std::string_view part) {
     shared_words::change_count *count = locks_->words()->count_of(part);
     if (count == nullptr || count->load() % 2 == 0) return;
-    std::shared_ptr<held_lock> right;
+    std::shared_ptr<held_lock> writing;
     try {
-        right = locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, 0);
+        writing = locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, 0);
     } catch (const host_error &error) {
         if (error.kind != failure::lock) throw;
         return;  // a change is under way
@@ -228,11 +227,11 @@ void lmdb_store::settle(std::string_view part) {
 }
 
 std::unique_ptr<moment> lmdb_store::now(std::string_view part) {
-    if (!part.empty()) settle(part);
+    if (!part.empty()) finish_killed_change(part);
     return std::make_unique<lmdb_moment>(shared_from_this(), env(), part);
 }
 
-std::shared_ptr<held_lock> lmdb_store::right_to_write() {
+std::shared_ptr<held_lock> lmdb_store::write_lock() {
     uint32_t wait_ms = std::max(lock_wait_ms(), SHORTEST_WRITE_WAIT_MS);
     return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, wait_ms);
 }
@@ -249,13 +248,13 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     {
         std::unique_ptr<moment> present = now(path);
         if (!present->read(path, &stored)) return false;
-        // While a change is under way this tells nothing: its writer would not know of ours.
+        // Not valid while a change is under way: its writer would not know of ours.
         bool quiet = present->current().part != 0;
         if (quiet && stored == value) return true;
     }
     bool found = false;
     environment *keys = env();
-    std::shared_ptr<held_lock> right = right_to_write();
+    std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
     notice.add(path);
     keys->write([&](MDB_txn *txn) {
@@ -280,7 +279,7 @@ change_counts lmdb_store::apply(const std::vector<change> &changes, const apply_
     check_changes(changes);
     change_counts counts;
     environment *keys = env();
-    std::shared_ptr<held_lock> right = right_to_write();
+    std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
     for (const change &one : changes)
         notice.add(one.path);

@@ -1,4 +1,4 @@
-// The store of one machine: keys in LMDB, laid out as row.h tells.
+// The store of one machine: keys in LMDB, laid out as row.h describes.
 #ifndef KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
 #define KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
 
@@ -38,8 +38,8 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
     };
 
     environment *env();
-    void settle(std::string_view part);
-    std::shared_ptr<held_lock> right_to_write();
+    void finish_killed_change(std::string_view part);
+    std::shared_ptr<held_lock> write_lock();
 
     std::shared_ptr<const registry_directory> directory_;
     std::shared_ptr<file_locks> locks_;

@@ -52,13 +52,13 @@ void lmdb_writer::remove(std::string_view path) {
     row_state state = state_of(path, &found);
     if (state == row_state::absent && !remove_strays(path)) return;
     if (state == row_state::sound && path_fault(path) != nullptr) return;
-    std::vector<std::string> places;
-    if (state != row_state::absent) places.emplace_back(place_of(path).view());
+    std::vector<std::string> keys;
+    if (state != row_state::absent) keys.emplace_back(row_key(path).view());
     cursor_guard cursor(env_, txn_);
     visit_below(env_, cursor.get(), path, reach::all_below,
-                [&](std::string_view place, std::string_view) { places.emplace_back(place); });
-    for (const std::string &place : places)
-        delete_place(place);
+                [&](std::string_view key, std::string_view) { keys.emplace_back(key); });
+    for (const std::string &key : keys)
+        delete_row(key);
     add_children(parent_path(path), -1);
 }
 
@@ -68,17 +68,17 @@ row_state lmdb_writer::state_of(std::string_view path, row *found) {
     return state;
 }
 
-// Removes the row of an absent key if it stands nearby because its LMDB key is damaged.
+// Removes the row of an absent key if it is nearby because its LMDB key is damaged.
 bool lmdb_writer::remove_strays(std::string_view path) {
-    place_of true_place(path);
+    row_key true_key(path);
     std::vector<std::string> strays;
-    visit_damaged_neighbours(env_, txn_, path, [&](std::string_view place, std::string_view bytes) {
+    visit_damaged_neighbours(env_, txn_, path, [&](std::string_view key, std::string_view bytes) {
         row found;
         damage_seen_ = true;
-        if (read_row(true_place.view(), bytes, &found)) strays.emplace_back(place);
+        if (read_row(true_key.view(), bytes, &found)) strays.emplace_back(key);
     });
-    for (const std::string &place : strays)
-        delete_place(place);
+    for (const std::string &key : strays)
+        delete_row(key);
     return !strays.empty();
 }
 
@@ -98,17 +98,16 @@ uint32_t lmdb_writer::count_children(std::string_view path) {
 }
 
 void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value) {
-    place_of whole(path);
-    std::string_view place = whole.view();
-    std::string bytes = write_row(place, path, children, value);
-    MDB_val key = bytes_of(place);
+    row_key key(path);
+    std::string bytes = write_row(key.view(), path, children, value);
+    MDB_val at = bytes_of(key.view());
     MDB_val data = bytes_of(bytes);
-    env_.check(mdb_put(txn_, environment::KEYS, &key, &data, 0), "mdb_put");
+    env_.check(mdb_put(txn_, environment::KEYS, &at, &data, 0), "mdb_put");
 }
 
-void lmdb_writer::delete_place(std::string_view place) {
-    MDB_val key = bytes_of(place);
-    env_.check(mdb_del(txn_, environment::KEYS, &key, nullptr), "mdb_del");
+void lmdb_writer::delete_row(std::string_view key) {
+    MDB_val at = bytes_of(key);
+    env_.check(mdb_del(txn_, environment::KEYS, &at, nullptr), "mdb_del");
     ++counts_.removed;
 }
 

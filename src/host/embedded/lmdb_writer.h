@@ -36,7 +36,7 @@ class lmdb_writer {
     void add_children(std::string_view path, int32_t more);
     uint32_t count_children(std::string_view path);
     void put_row(std::string_view path, uint32_t children, std::string_view value);
-    void delete_place(std::string_view place);
+    void delete_row(std::string_view key);
 
     const environment &env_;
     MDB_txn *txn_;

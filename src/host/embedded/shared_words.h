@@ -1,12 +1,12 @@
 // The words at the head of the lock file, which all processes that use a registry share in memory.
 //
-//     1,024 of 4 bytes   hints: whether a writer asks for the locks of this hash
+//     1,024 of 4 bytes   hints: whether a writer requests a lock with this hash
 //     512 of 8 bytes     change counts of parts of the tree; odd while a change is under way
 //
 // A part is a key of three elements with all below it, as a database is; several parts share a
-// count. A count goes up before and after each change of a part. So two looks that found the same
-// even count saw the same part, also if a writer was killed in between: then the count stays odd
-// until the next change.
+// count. A count goes up before and after each change of a part. So two reads of
+// the same even count saw the same part, also if a writer was killed in between: then the count
+// stays odd until the next change.
 #ifndef KEYVIEW_HOST_EMBEDDED_SHARED_WORDS_H
 #define KEYVIEW_HOST_EMBEDDED_SHARED_WORDS_H
 
@@ -60,8 +60,8 @@ class shared_words {
     std::atomic<layout *> words_{nullptr};
 };
 
-// Tells readers of a change, from before it until it is done or given up. Only for who has the
-// right to write.
+// Notifies readers of a change, from before it until it is done or given up. Only for the holder of
+// the write lock.
 class change_notice {
   public:
     explicit change_notice(shared_words *words) : words_(words) {}

@@ -1,5 +1,5 @@
 // The file format of LMDB, as far as it is read here without LMDB. All that this folder assumes of
-// it is in this list; file_head.cpp stands aside where another format shows (foreign_format).
+// it is in this list; foreign_format() in file_head.h detects other formats.
 //
 //   - Format version 1, as LMDB 0.9 writes it; the release at run time is 0.9, too.
 //   - Words, page numbers and offsets have the byte order and size of the machine.

@@ -216,7 +216,7 @@ void page_walk::walk_leaf(tree *which, std::string_view page, const bounds &with
         bool ordered = (n == 0 || which->before(before, key)) &&
                        (!within.first || !which->before(key, *within.first)) &&
                        (!within.behind || which->before(key, *within.behind));
-        if (!ordered) report(number, "has a key where no search looks for it");
+        if (!ordered) report(number, "has a key that no search can find");
         before = key;
         ++which->found.rows;
         walk_row(which, page, offset);
