@@ -367,7 +367,8 @@ void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_
     if (response.compact_revision() > 0) {
         throw etcd_error(failure::changed, etcd_reason::compacted,
                          "the cluster remembers its changes from revision " +
-                             std::to_string(response.compact_revision()) + " on only");
+                             std::to_string(response.compact_revision()) + " on only",
+                         response.compact_revision());
     }
     if (response.canceled()) {
         throw refusal(members_[at]->name,

@@ -35,10 +35,12 @@ enum class etcd_reason {
 
 class etcd_error : public host_error {
   public:
-    etcd_error(failure what_kind, etcd_reason why, const std::string &text)
-        : host_error(what_kind, text), reason(why) {}
+    etcd_error(failure what_kind, etcd_reason why, const std::string &text,
+               int64_t its_revision = 0)
+        : host_error(what_kind, text), reason(why), revision(its_revision) {}
 
     etcd_reason reason;
+    int64_t revision;  // with compacted: the oldest that a read may be of
 };
 
 class keepalives;

@@ -108,7 +108,6 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
     wire::WatchCreateRequest what;
     what.set_key(all.begin);
     what.set_range_end(all.end);
-    what.set_start_revision(static_cast<int64_t>(since) + 1);
     what.set_prev_kv(true);
     change_batch out = {{}, since};
     auto take = [&](const wire::WatchResponse &response) {
@@ -119,10 +118,24 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
         }
         return out.changes.empty();
     };
+    const steady::time_point end = steady::now() + wait;
+    auto follow = [&](int64_t first) {
+        what.set_start_revision(first);
+        try {
+            cluster_->calls().follow(what, end, take);
+        } catch (const etcd_error &error) {
+            if (error.kind != failure::registry) throw;
+        }
+    };
     try {
-        cluster_->calls().follow(what, steady::now() + wait, take);
+        follow(static_cast<int64_t>(since) + 1);
     } catch (const etcd_error &error) {
-        if (error.kind != failure::registry) throw;
+        // Locks move the revision, too: what was compacted need not be a change of the tree.
+        if (error.reason != etcd_reason::compacted) throw;
+        tree_part oldest(keys, "", reach::key_alone);
+        read(&oldest, error.revision);
+        if (oldest.tree_revision() > static_cast<int64_t>(since)) throw;
+        follow(error.revision + 1);
     }
     // A member that says nothing may be gone or behind: a call that needs an answer leaves it.
     if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);

@@ -8,6 +8,7 @@
 
 #include "../host/process.h"
 #include "../host/store_test.h"
+#include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
@@ -186,6 +187,36 @@ TEST_F(Cluster, ChangesAreToldFromAnyRevisionThatIsNotForgotten) {
     etcdctl(shared_members(), "compaction " + std::to_string(first + 2));
     expect_failure([&] { told_since(mine, "c", first); }, failure::changed, "remembers", 1);
     EXPECT_EQ(told_since(mine, "a", first + 2), "1: a.b 1 > -\n1: a.b.x 2 > -\n");
+}
+
+// Locks move the revision of the cluster and not that of the tree.
+TEST_F(Cluster, OnlyAMissedChangeIsAGap) {
+    mine.keys->apply({put("a.b", "0")});
+    mine.keys->apply({put("a.b", "1")});
+    const uint64_t changed = mine.keys->now()->current().tree;
+    take(mine, lock_mode::shared, 0);
+    int64_t granted = dynamic_cast<etcd_lock &>(*take(mine, lock_mode::shared, 0)).place()->granted;
+    ASSERT_GT(granted, static_cast<int64_t>(changed));
+    etcdctl(shared_members(), "compaction " + std::to_string(granted));
+    const uint64_t before = theirs.keys->round_trips();
+    backend again = open_cluster(other_url(), open_mode::existing);
+    auto batch = again.keys->changes_since("a", changed, std::chrono::milliseconds(300));
+    EXPECT_TRUE(batch->changes.empty());
+    EXPECT_EQ(batch->up_to, changed);
+    EXPECT_LE(theirs.keys->round_trips() - before, 5U) << "and no lease";
+    std::thread writer([&] {
+        usleep(100000);
+        mine.keys->set("a.b", "2", nullptr);
+    });
+    batch = again.keys->changes_since("a", changed, std::chrono::milliseconds(DEADLINE_MS));
+    writer.join();
+    ASSERT_EQ(batch->changes.size(), 1U);
+    EXPECT_EQ(batch->changes[0].before, "1");
+
+    std::string watch = KEYVIEWCTL " --registry " + url + " watch a -o jsonl --for 1 --from ";
+    run("test $(" + watch + std::to_string(changed) + " | grep -vc '\"gap\"') = 1");
+    run("test $(" + watch + std::to_string(changed) + " | grep -c '\"gap\"') = 0");
+    run("test $(" + watch + std::to_string(changed - 1) + " | grep -c '\"gap\"') = 1");
 }
 
 // keyviewctl over the module, as a person uses both kinds of registry side by side.

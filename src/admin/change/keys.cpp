@@ -47,6 +47,8 @@ changes_result read_changes(std::string_view path, uint64_t since, uint32_t wait
         host::backend registry = open_present();
         auto batch = registry.keys->changes_since(path, since, std::chrono::milliseconds(wait_ms));
         if (!batch) return;
+        static thread_local host::backend connected;  // for the next call, which follows soon
+        connected = std::move(registry);
         out->keeps_history = true;
         out->up_to = batch->up_to;
         for (host::tree_change &one : batch->changes)
