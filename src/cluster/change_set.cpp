@@ -2,7 +2,6 @@
 #include "cluster/change_set.h"
 
 #include <algorithm>
-#include <new>
 
 #include "cluster/change_plan.h"
 #include "cluster/etcd_locks.h"
@@ -115,6 +114,7 @@ class marked_run {
 
     // Moves the marker to next and leaves the keys of a piece so.
     void step(uint32_t next, const Piece &piece) {
+        faults.step();
         Marker moved = marker_;
         moved.set_next(next);
         wire::TxnRequest request = of_marker();
@@ -128,13 +128,32 @@ class marked_run {
     }
 
     void end(const std::string &tree) {
+        faults.step();
         wire::TxnRequest request = of_marker();
         add_delete(request.mutable_success(), {cluster_->keys().marker(), ""});
         add_delete(request.mutable_success(), cluster_->keys().journals());
         add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         wire::TxnResponse response = send(cluster_, request);
-        if (!response.succeeded() && value_in(response, 1) != tree) throw taken_over();
+        // While there is a marker the tree has its value of before.
+        bool ended_before =
+            !response.succeeded() && value_in(response, 0).empty() && value_in(response, 1) == tree;
+        if (!response.succeeded() && !ended_before) throw taken_over();
+    }
+
+    // Reads a piece of the journal, which goes with the marker.
+    Piece piece(uint32_t n, bool undo) {
+        wire::TxnRequest request = of_marker();
+        add_range(request.mutable_success(), {cluster_->keys().journal(marker_.id(), n, undo), ""});
+        wire::TxnResponse response = send(cluster_, request);
+        if (!response.succeeded()) throw taken_over();
+        Piece found;
+        if (response.responses(0).response_range().kvs_size() > 0 &&
+            found.ParseFromString(value_in(response, 0)))
+            return found;
+        throw host_error(failure::content,
+                         "the journal of the change set is damaged: apply the whole document anew, "
+                         "or restore a backup");
     }
 
   private:
@@ -215,10 +234,8 @@ class change_set {
             run.end(plan_.tree_before());
             throw lock_lost({});
         }
-        for (uint32_t n = 0; n < pieces_.size(); ++n) {
-            if (static_cast<int>(n) == faults.most_pieces) throw std::bad_alloc();
+        for (uint32_t n = 0; n < pieces_.size(); ++n)
             run.step(n + 1, pieces_[n].to_do);
-        }
         run.end(marker.tree());
         return outcome::done;
     }
@@ -294,21 +311,6 @@ change_counts carry_out(etcd_store *keys, const std::vector<change> &changes,
 
 // ---- What stopped half-way ----------------------------------------------------------------------
 
-static Piece piece_of(session *cluster, const Marker &marker, uint32_t n, bool undo) {
-    wire::TxnRequest request;
-    add_range(request.mutable_success(), {cluster->keys().journal(marker.id(), n, undo), ""});
-    wire::TxnResponse response = send(cluster, request);
-    Piece piece;
-    if (response.responses(0).response_range().kvs_size() == 0 ||
-        !piece.ParseFromString(value_in(response, 0))) {
-        throw host_error(
-            failure::content,
-            "the journal of the change set is damaged: apply the whole document anew, or "
-            "restore a backup");
-    }
-    return piece;
-}
-
 bool finish_half_applied(session *cluster, finish how) {
     wire::TxnRequest request;
     add_range(request.mutable_success(), {cluster->keys().marker(), ""});
@@ -321,11 +323,11 @@ bool finish_half_applied(session *cluster, finish how) {
     marked_run run(cluster, marker);
     if (how == finish::resume) {
         for (uint32_t n = marker.next(); n < marker.pieces(); ++n)
-            run.step(n + 1, piece_of(cluster, marker, n, false));
+            run.step(n + 1, run.piece(n, false));
         run.end(marker.tree());
     } else {
         for (uint32_t n = marker.next(); n-- > 0;)
-            run.step(n, piece_of(cluster, marker, n, true));
+            run.step(n, run.piece(n, true));
         run.end(marker.tree_before());
     }
     return true;

@@ -1,16 +1,33 @@
-// Protections that a test can take away, to see that it notices. Nothing else sets them.
+// Protections that a test takes away, to prove that it notices. The product is compiled without
+// KEYVIEW_CLUSTER_FAULTS: it contains no such switch.
 #ifndef KEYVIEW_CLUSTER_FAULTS_H
 #define KEYVIEW_CLUSTER_FAULTS_H
 
+#ifdef KEYVIEW_CLUSTER_FAULTS
+#include <functional>
+#endif
+
 namespace keyview::host {
 
+#ifdef KEYVIEW_CLUSTER_FAULTS
 struct planted_faults {
-    bool set_unfenced = false;     // a set does not look whether its lock is held
-    bool grant_unchecked = false;  // a waiter does not look whether its place is still there
-    int most_pieces = -1;          // a change set stops after so many, as if it were killed
-};
+    bool set_unfenced = false;          // a set does not require that its lock is held
+    bool grant_unchecked = false;       // a waiter does not require that its own key exists
+    std::function<void()> before_step;  // of a change set in pieces; throws to stop it
 
+    void step() const {
+        if (before_step) before_step();
+    }
+};
 inline planted_faults faults;
+#else
+struct no_faults {
+    bool set_unfenced = false;
+    bool grant_unchecked = false;
+    static void step() {}
+};
+constexpr no_faults faults;
+#endif
 
 }  // namespace keyview::host
 
