@@ -21,6 +21,7 @@ void list_rows(const bench_setup &setup);
 void trace_rows(const bench_setup &setup);
 void write_rows(const bench_setup &setup);
 void lock_rows(const bench_setup &setup);
+void shortcut_rows(const bench_setup &setup);
 void handover_rows(const bench_setup &setup);
 void process_rows(const bench_setup &setup);
 
