@@ -105,13 +105,12 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
 
 bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
     bool only = entries_.size() == 1 && entries_.front().keys.get() == reader.keys;
-    if (only) {
-        locked_view &view = entries_.front().view;
-        if (view.find_again(path, found) || view.find_next(path, found)) return true;
-    }
-    held_entry *lock = covering(reader.keys, path);
-    if (lock == nullptr || !locked_view::tells(lock->cover(), path)) return false;
-    *found = lock->view.find(reader, lock->cover(), path);
+    if (only && entries_.front().view.find_again(path, found)) return true;
+    held_entry *lock = only ? &entries_.front() : covering(reader.keys, path);
+    if (lock == nullptr) return false;
+    lock_cover cover = lock->cover();
+    if (!locked_view::tells(cover, path)) return false;
+    lock->view.find(reader, cover, path, found);
     return true;
 }
 

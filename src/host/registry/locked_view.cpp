@@ -104,20 +104,13 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     return false;
 }
 
-bool locked_view::find_next(std::string_view path, copied_key *found) {
-    uint32_t key = copies_ == nullptr ? snapshot::NONE : copies_->parts[latest_]->guess(path);
-    if (key == snapshot::NONE) return false;
-    *found = note_asked(key);
-    return true;
-}
-
 // For a key of the latest part.
-copied_key locked_view::note_asked(uint32_t key) {
+void locked_view::note_asked(uint32_t key, copied_key *found) {
     auto &asked = copies_->asked;
     if (next_ < asked.size()) asked.resize(next_);
     asked.emplace_back(latest_, key);
     next_ = asked.size();
-    return {copies_->parts[latest_], key};
+    *found = {copies_->parts[latest_], key};
 }
 
 // The key alone, as a part.
@@ -137,14 +130,17 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
     return snapshot::TOP;
 }
 
-copied_key locked_view::find(const tree_reader &reader, const lock_cover &cover,
-                             std::string_view path) {
+void locked_view::find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
+                       copied_key *found) {
     look(reader, cover);
-    copied_key found;
-    if (find_again(path, &found) || find_next(path, &found)) return found;
+    if (find_again(path, found)) return;
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
-    return key == snapshot::NONE ? found : note_asked(key);
+    if (key == snapshot::NONE) {
+        *found = {};
+    } else {
+        note_asked(key, found);
+    }
 }
 
 copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,

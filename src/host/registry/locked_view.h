@@ -70,7 +70,8 @@ class locked_view {
     static bool tells_children(const lock_cover &cover, std::string_view path);
 
     // Answers for what the view tells.
-    copied_key find(const tree_reader &reader, const lock_cover &cover, std::string_view path);
+    void find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
+              copied_key *found);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
     // Finds a key quickly if it is the one that the reader before asked for at this point.
@@ -84,9 +85,6 @@ class locked_view {
         return true;
     }
 
-    // The same if it is where a reader of the latest part goes next.
-    bool find_next(std::string_view path, copied_key *found);
-
     // Brings a value that the holder set into the view.
     void note_value(std::string_view path, std::string_view value);
 
@@ -96,7 +94,7 @@ class locked_view {
   private:
     void look(const tree_reader &reader, const lock_cover &cover);
     bool find_copy(std::string_view path, uint32_t *key);
-    copied_key note_asked(uint32_t key);
+    void note_asked(uint32_t key, copied_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
     void add_part(const std::shared_ptr<snapshot> &part);

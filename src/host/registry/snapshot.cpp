@@ -102,6 +102,10 @@ bool snapshot::begin_list(std::string_view key, char separator) {
 // Up from the latest key to one that leads there, and down from that, element by element.
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
+    for (uint32_t step : {step_, step_before_}) {
+        uint32_t next = latest_ + step;
+        if (next < size() && this->path(next) == path) return found(next);
+    }
     uint32_t key = latest_;
     while (key != TOP && !path_within(path, this->path(key)))
         key = keys_[key].parent;

@@ -79,15 +79,6 @@ class KEYVIEW_HOST_API snapshot {
     // A key that the copy tells about; NONE if it is not there.
     uint32_t find(std::string_view path);
 
-    // The same, quickly, for any path; NONE if it is not where a reader goes next, too.
-    uint32_t guess(std::string_view path) {
-        for (uint32_t step : {step_, step_before_}) {
-            uint32_t key = latest_ + step;
-            if (key < size() && this->path(key) == path) return found(key);
-        }
-        return NONE;
-    }
-
     uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
     std::string_view path(uint32_t key) const {
         return {bytes_.at(keys_[key].path_at), keys_[key].path_size};
