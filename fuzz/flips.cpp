@@ -1,7 +1,7 @@
 // Damages the data file of a small registry, byte by byte and by cutting it short, and lets a
 // process read everything each time. Whatever the damage: no reader gets another name or value, or
-// the answer that a stored key is missing; no signal ends a reader; and the check reports all that a
-// reader notices.
+// the answer that a stored key is missing; no signal ends a reader; and the check reports all that
+// a reader notices.
 //
 // Usage: flips [STEP [BITS [FROM [TO]]]]; every STEP-th byte (61; 1 for all) between two offsets of
 // the file (all of it), each with all its bits inverted and with BITS single ones (1; 8 for all).

@@ -172,8 +172,8 @@ static void require_version(const std::set<int> &possible) {
                                 nlohmann::json::diff(whole, found).dump().substr(0, 2000));
 }
 
-// The next writers, which find all locks free: first those of the same flags, which are all set then,
-// also if they were set before; then one that certainly changes something.
+// The next writers, which find all locks free: first those of the same flags, which are all set
+// then, also if they were set before; then one that certainly changes something.
 static void go_on() {
     stopwatch watch;
     context mine;
@@ -246,7 +246,7 @@ class killing_ground {
             step_us_[one] = step_us(one);
     }
 
-    // In half of the rounds this process has the registry open meanwhile: then those who come do
+    // In half of the rounds this process has the registry open meanwhile: then new processes do
     // not begin with fresh reader slots and mutexes.
     void round(int number, std::mt19937 *random) {
         if (number % 4 == 0) watcher_ = std::make_unique<watcher>();

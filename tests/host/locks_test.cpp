@@ -1,4 +1,5 @@
-// Named locks: which modes exclude each other, across threads, contexts and processes, and what death does.
+// Named locks: which modes exclude each other, across threads, contexts and processes, and what
+// death does.
 #include <gtest/gtest.h>
 
 #include <atomic>

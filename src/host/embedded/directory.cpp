@@ -166,8 +166,8 @@ static void make_file(const std::string &path, int directory, const char *name, 
     if (!fd.valid() || fchmod(fd.get(), mode) != 0) throw failed(path, name);
 }
 
-// Makes a whole, empty data file of an empty one, on the disk. Returns 0 or the error of the system or
-// of LMDB.
+// Makes a whole, empty data file of an empty one, on the disk. Returns 0 or the error of the system
+// or of LMDB.
 static int fill_data_file(const std::string &path) {
     MDB_env *made = nullptr;
     int rc = mdb_env_create(&made);
@@ -181,8 +181,8 @@ static int fill_data_file(const std::string &path) {
     return rc == 0 ? lengthen(fd, FIRST_MAP_SIZE) : rc;
 }
 
-// The file is renamed when it is whole, so no process opens an unfinished one; processes that make it
-// at once take turns. Removes what an interrupted one left behind.
+// The file is renamed when it is whole, so no process opens an unfinished one; processes that make
+// it at once take turns. Removes what an interrupted one left behind.
 static void make_data(const std::string &path, int directory, mode_t mode) {
     deadline wait(CREATION_WAIT_MS);
     unique_fd turn(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -148,8 +148,8 @@ environment::~environment() {
 
 // ---- Files --------------------------------------------------------------------------------------
 
-// Before LMDB opens the file: it trusts any head. The file of a copy ends with the last page in use.
-// Unlike ftruncate, fallocate never shortens what another process made longer meanwhile.
+// Before LMDB opens the file: it trusts any head. The file of a copy ends with the last page in
+// use. Unlike ftruncate, fallocate never shortens what another process made longer meanwhile.
 std::optional<file_head> environment::require_sound_head() {
     unique_fd data = directory_->open_data();
     if (!foreign_format(data.get()).empty()) return std::nullopt;
@@ -224,8 +224,8 @@ std::shared_lock<map_mutex> environment::keep_map_in_place() {
     return std::shared_lock(map_);
 }
 
-// factor 0 adopts the map size that another process set. Any other one enlarges the map for a writer,
-// the file first: once a commit states the map size, the file must be as long.
+// factor 0 adopts the map size that another process set. Any other one enlarges the map for a
+// writer, the file first: once a commit states the map size, the file must be as long.
 void environment::resize_map(size_t factor) {
     let_go_of_moments();
     std::lock_guard turn(resizing_);

@@ -1,14 +1,14 @@
 // Named locks of one machine: byte ranges of the registry's lock file.
 //
 // The lock of a name is the byte at a 62-bit hash of the name. Its gate is the byte 2^62 behind: a
-// writer holds the gate from before its wait for the lock byte until its release, and a reader passes
-// only an open gate, so that readers that come and go cannot starve a writer. Testing the gate is a
-// system call, which a reader saves while the hint of the name is 0. A hint is a word
-// (shared_words.h) that a writer sets before each try and that a reader clears when it finds the gate
-// open; a wrong hint costs a call or admits one reader more, for only the lock byte decides. The turn
-// is a byte at another hash + 2^62: a writer that finds the gate closed waits for the turn first and
-// releases it once it holds the gate, and no other writer passes the owner of the turn. So a writer
-// that releases the lock and requests it again at once does not shut out the others.
+// writer holds the gate from before its wait for the lock byte until its release, and a reader
+// passes only an open gate, so that readers that come and go cannot starve a writer. Testing the
+// gate is a system call, which a reader saves while the hint of the name is 0. A hint is a word
+// (shared_words.h) that a writer sets before each try and that a reader clears when it finds the
+// gate open; a wrong hint costs a call or admits one reader more, for only the lock byte decides.
+// The turn is a byte at another hash + 2^62: a writer that finds the gate closed waits for the turn
+// first and releases it once it holds the gate, and no other writer passes the owner of the turn.
+// So a writer that releases the lock and requests it again at once does not shut out the others.
 //
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked

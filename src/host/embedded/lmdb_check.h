@@ -1,5 +1,5 @@
-// Checks a registry: its pages (page_walk.h), its rows, and the rows against each other. In brief on
-// opening, which must only ensure that no key is hidden, and in full for administrators.
+// Checks a registry: its pages (page_walk.h), its rows, and the rows against each other. In brief
+// on opening, which must only ensure that no key is hidden, and in full for administrators.
 #ifndef KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 #define KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
 

@@ -15,8 +15,8 @@
 
 namespace keyview::host {
 
-// Writers follow each other within milliseconds, so even a caller that does not wait for locks waits
-// for them.
+// Writers follow each other within milliseconds, so even a caller that does not wait for locks
+// waits for them.
 static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
 
 static host_error damaged_list(std::string_view path) {
@@ -93,8 +93,8 @@ class open_list {
 }  // namespace
 
 // The tree's revision is the number of the next transaction that writes, so it is never 0. The
-// part's count is valid if no change of it was under way when the transaction began. A count of 0 is
-// not: nothing was counted since the lock file was made.
+// part's count is valid if no change of it was under way when the transaction began. A count of 0
+// is not: nothing was counted since the lock file was made.
 revision lmdb_moment::current() {
     bool quiet = before_ % 2 == 0 && count() == before_;
     return {mdb_txn_id(reading_.txn()) + 1, quiet ? before_ : 0};
@@ -208,9 +208,9 @@ environment *lmdb_store::env() {
     return here.use->get();
 }
 
-// A count that is odd while the write lock is free was left by a killed writer. LMDB may have the last
-// commit of that writer on the disk and show it only after the next write transaction: so this runs
-// one that changes nothing.
+// A count that is odd while the write lock is free was left by a killed writer. LMDB may have the
+// last commit of that writer on the disk and show it only after the next write transaction: so this
+// runs one that changes nothing.
 void lmdb_store::finish_killed_change(std::string_view part) {
     shared_words::change_count *count = locks_->words()->count_of(part);
     if (count == nullptr || count->load() % 2 == 0) return;

@@ -1,12 +1,12 @@
 // How a key of the tree is stored in LMDB: its row key and its row.
 //
-// Row key. The elements of the path with 0x01 between them and 0x00 before the last one, compared by
-// memcmp: a.b.c is "a 01 b 00 c". So the children of a key are one range, and so is all that is
+// Row key. The elements of the path with 0x01 between them and 0x00 before the last one, compared
+// by memcmp: a.b.c is "a 01 b 00 c". So the children of a key are one range, and so is all that is
 // below it, its own list first. No element has a byte below 0x20.
 //
 // A row key is as long as its path. LMDB takes 511 bytes. A longer one is hashed: its first 494
-// bytes, 0x02, and the 128-bit XXH3 of all its bytes; the row then holds the path, which is compared
-// whenever the row is read. Such rows are
+// bytes, 0x02, and the 128-bit XXH3 of all its bytes; the row then holds the path, which is
+// compared whenever the row is read. Such rows are
 //   - within the range of an upper key whose range prefix has at most 494 bytes, for they keep that
 //     prefix, though not in order among each other;
 //   - for a longer prefix, in one range behind the common 494 bytes and 0x02, together with other
@@ -72,12 +72,12 @@ struct row {
     std::string_view value;
 };
 
-// Splits a row; false if its bytes are not those that were written at this key. It is fast if the row
-// follows its key in memory, as within a page of LMDB.
+// Splits a row; false if its bytes are not those that were written at this key. It is fast if the
+// row follows its key in memory, as within a page of LMDB.
 [[nodiscard]] bool read_row(std::string_view key, std::string_view bytes, row *out) noexcept;
 
-// The path of a row, sound or damaged. For a hashed row key it is the stored path if that has this row
-// key; else the head with "..." behind it, which is the path of no key.
+// The path of a row, sound or damaged. For a hashed row key it is the stored path if that has this
+// row key; else the head with "..." behind it, which is the path of no key.
 std::string path_of_row(std::string_view key, std::string_view bytes);
 
 // Whether a row of key_ranges(path, which) is that of a key below path. A damaged row with a hashed

@@ -3,15 +3,19 @@
 //
 //   - Format version 1, as LMDB 0.9 writes it; the release at run time is 0.9, too.
 //   - Words, page numbers and offsets have the byte order and size of the machine.
-//   - The file is a row of pages of one size, a power of two from 512 bytes to 32 KiB. A page begins
-//     with page_head; its number is its index in the file. A long value has one head for all pages.
+//   - The file is a row of pages of one size, a power of two from 512 bytes to 32 KiB. A page
+//     begins with page_head; its number is its index in the file. A long value has one head for all
+//     pages.
 //   - Pages 0 and 1 are metas. A commit with the number n writes meta n % 2 last, so the two have
-//     commits that follow each other; a new file has commit 0 in both, and a compacted copy 0 and 1.
+//     commits that follow each other; a new file has commit 0 in both, and a compacted copy 0 and
+//     1.
 //   - A meta names the roots of two trees: the keys of the unnamed database in the order of memcmp,
 //     and the free list with commit numbers as keys. Their statistics are exact.
-//   - Branch and leaf pages hold 2-byte offsets behind the head, in key order, and nodes from the end
-//     of the page. A node has 8 bytes before its key. The first key of a branch page means nothing.
-//   - A value that does not fit a leaf is in pages of its own; its node has flag 1 and their number.
+//   - Branch and leaf pages hold 2-byte offsets behind the head, in key order, and nodes from the
+//     end of the page. A node has 8 bytes before its key. The first key of a branch page means
+//     nothing.
+//   - A value that does not fit a leaf is in pages of its own; its node has flag 1 and their
+//     number.
 //   - Each commit enters the pages that it freed into the free list under its own number, or under
 //     the number before if that is the last entry. Entries are a count and page numbers.
 //   - Every page up to the last one of the meta is in one tree, in the free list, or a meta.
