@@ -119,6 +119,27 @@ TEST_F(Embedded, OpensItsFilesOnceForAllUsers) {
     EXPECT_EQ(descriptors(), 0);
 }
 
+// LMDB must not open a file that another thread still closes: its locks would be lost.
+TEST_F(Embedded, ThreadsOpenAndCloseItAtWill) {
+    apply({put("a.b", "value")});
+    close();
+    in_threads(4, [&](int thread) {
+        for (int i = 0; i < 150; ++i) {
+            backend mine = open_backend(url, open_mode::existing);
+            std::string found;
+            EXPECT_TRUE(mine.keys->now()->read("a.b", &found));
+            if (i % 50 == thread) mine.keys->set("a.b", std::to_string(i), nullptr);
+            int open_files = 0;
+            for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+                std::error_code gone;
+                open_files += fs::read_symlink(entry.path(), gone) == directory + "/lock.mdb";
+            }
+            EXPECT_EQ(open_files, 1);
+        }
+    });
+    EXPECT_EQ(descriptors(), 0);
+}
+
 // A handle goes on working in a forked child, over files of the child's own, and in the parent.
 TEST_F(Embedded, AForkedChildOpensItsOwn) {
     apply({put("a.b", "start")});

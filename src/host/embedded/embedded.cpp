@@ -3,6 +3,8 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "host/embedded/directory.h"
 #include "host/embedded/file_locks.h"
@@ -14,30 +16,51 @@
 
 namespace keyview::host {
 
-using shared_stores = std::map<file_id, std::weak_ptr<lmdb_store>>;
+struct known_store {
+    uint64_t generation;
+    std::weak_ptr<lmdb_store> store;
+};
 
 // Guarded by fork_mutex().
-static shared_stores &known_stores() {
-    static auto &all = *new shared_stores;
+static std::map<file_id, known_store> &known_stores() {
+    static auto &all = *new std::map<file_id, known_store>;
     return all;
 }
 
-static std::shared_ptr<lmdb_store> known_store(file_id id) {
+// Deletes a store, and only then makes it unknown: LMDB must not open a file that the process still
+// has open.
+static void close_store(lmdb_store *store, file_id id) {
+    delete store;
     std::lock_guard guard(fork_mutex());
     auto found = known_stores().find(id);
-    return found == known_stores().end() ? nullptr : found->second.lock();
+    if (found != known_stores().end() && found->second.store.expired()) known_stores().erase(found);
 }
 
-// Another thread may have been faster; then its store is used.
-static std::shared_ptr<lmdb_store> make_known(file_id id,
-                                              const std::shared_ptr<lmdb_store> &fresh) {
+// The store that the process has open, if any. Waits while a thread of this process closes it; one
+// that an ancestor was closing at the fork stays as it is.
+static std::shared_ptr<lmdb_store> find_store(file_id id) {
+    for (;; std::this_thread::yield()) {
+        std::lock_guard guard(fork_mutex());
+        auto found = known_stores().find(id);
+        if (found == known_stores().end()) return nullptr;
+        std::shared_ptr<lmdb_store> known = found->second.store.lock();
+        if (known != nullptr || found->second.generation != fork_generation()) return known;
+    }
+}
+
+// One open at a time, outside of fork_mutex(): it may wait for writers.
+static std::shared_ptr<lmdb_store> open_store(
+    const std::shared_ptr<const registry_directory> &directory) {
+    static auto &opening = *new per_process<std::mutex>;
+    std::lock_guard turn(opening.get());
+    file_id id = directory->data_id();
+    std::shared_ptr<lmdb_store> store = find_store(id);
+    if (store != nullptr) return store;
+    store.reset(new lmdb_store(directory, std::make_shared<file_locks>(directory)),
+                [id](lmdb_store *old) { close_store(old, id); });
     std::lock_guard guard(fork_mutex());
-    shared_stores &all = known_stores();
-    for (auto at = all.begin(); at != all.end();)
-        at = at->second.expired() ? all.erase(at) : std::next(at);
-    std::shared_ptr<lmdb_store> known = all[id].lock();
-    if (known == nullptr) all[id] = known = fresh;
-    return known;
+    known_stores()[id] = {fork_generation(), store};
+    return store;
 }
 
 static std::string directory_of(const std::string &url) {
@@ -52,12 +75,7 @@ static void check_url(const std::string &url) {
 static backend open(const std::string &url, open_mode mode) {
     check_url(url);
     auto directory = std::make_shared<const registry_directory>(directory_of(url), mode);
-    std::shared_ptr<lmdb_store> keys = known_store(directory->data_id());
-    if (keys == nullptr) {
-        auto fresh =
-            std::make_shared<lmdb_store>(directory, std::make_shared<file_locks>(directory));
-        keys = make_known(directory->data_id(), fresh);
-    }
+    std::shared_ptr<lmdb_store> keys = open_store(directory);
     return {keys, keys->locks()};
 }
 

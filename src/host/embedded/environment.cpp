@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <map>
 #include <utility>
 
 #include "host/embedded/lmdb_check.h"
@@ -338,56 +337,6 @@ void environment::write(const std::function<bool(MDB_txn *)> &work) {
             resize_map(0);
         }
     }
-}
-
-// ---- Sharing ------------------------------------------------------------------------------------
-
-struct shared_environment {
-    uint64_t generation;
-    size_t users;
-    std::unique_ptr<environment> env;
-};
-
-// Guarded by fork_mutex().
-static std::map<file_id, shared_environment> &shared_environments() {
-    static auto &all = *new std::map<file_id, shared_environment>;
-    return all;
-}
-
-environment_use::environment_use(const registry_directory &directory)
-    : id_(directory.data_id()), generation_(fork_generation()) {
-    // Of ancestors: never closed, which would free the readers of the ancestor, and kept reachable
-    // for leak checkers.
-    static auto &ancestors = *new std::vector<environment *>;
-    // One open at a time, outside of fork_mutex(): it may wait for writers.
-    static auto &opening = *new per_process<std::mutex>;
-
-    std::lock_guard turn(opening.get());
-    if (share_open()) return;
-    auto env = std::make_unique<environment>(directory);
-    std::lock_guard guard(fork_mutex());
-    shared_environment &shared = shared_environments()[id_];
-    ancestors.push_back(shared.env.release());
-    shared = {generation_, 1, std::move(env)};
-    env_ = shared.env.get();
-}
-
-// False if this process has not opened the environment.
-bool environment_use::share_open() {
-    std::lock_guard guard(fork_mutex());
-    auto found = shared_environments().find(id_);
-    if (found == shared_environments().end() || found->second.generation != generation_)
-        return false;
-    ++found->second.users;
-    env_ = found->second.env.get();
-    return true;
-}
-
-environment_use::~environment_use() {
-    if (generation_ != fork_generation()) return;
-    std::lock_guard guard(fork_mutex());
-    auto found = shared_environments().find(id_);
-    if (--found->second.users == 0) shared_environments().erase(found);
 }
 
 }  // namespace keyview::host

@@ -1,8 +1,8 @@
 // One LMDB environment and its transactions.
 //
 // A file may be open only once in a process, and an environment must not be used in the child of a
-// fork. So environments are counted and shared within one process (environment_use), and the child
-// opens its own.
+// fork. So a process has one store of a registry (embedded.cpp), and the child opens an environment
+// of its own for it.
 //
 // The data file is as long as its map, so that no page of the map lies behind the file's end, where
 // to read it would end the process. A file that is shorter was cut short and is refused.
@@ -127,24 +127,6 @@ class environment::reading {
     environment *env_;
     std::shared_lock<map_mutex> in_place_;
     lmdb_reader reader_;
-};
-
-// One user of the environment of a registry in this process; the last one closes it.
-class environment_use {
-  public:
-    explicit environment_use(const registry_directory &directory);
-    environment_use(const environment_use &) = delete;
-    environment_use &operator=(const environment_use &) = delete;
-    ~environment_use();
-
-    environment *get() const { return env_; }
-
-  private:
-    bool share_open();
-
-    file_id id_;
-    uint64_t generation_;
-    environment *env_ = nullptr;
 };
 
 }  // namespace keyview::host

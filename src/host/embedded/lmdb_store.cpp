@@ -200,12 +200,12 @@ lmdb_store::lmdb_store(std::shared_ptr<const registry_directory> directory,
 
 environment *lmdb_store::env() {
     opened &here = opened_.get();
-    environment *found = here.env.load(std::memory_order_acquire);
+    environment *found = here.ready.load(std::memory_order_acquire);
     if (found != nullptr) return found;
     std::lock_guard guard(here.mutex);
-    if (!here.use) here.use.emplace(*directory_);
-    here.env.store(here.use->get(), std::memory_order_release);
-    return here.use->get();
+    if (!here.env) here.env.emplace(*directory_);
+    here.ready.store(&*here.env, std::memory_order_release);
+    return &*here.env;
 }
 
 // A count that is odd while the write lock is free was left by a killed writer. LMDB may have the

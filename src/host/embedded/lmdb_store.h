@@ -33,8 +33,8 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
   private:
     struct opened {
         std::mutex mutex;
-        std::optional<environment_use> use;
-        std::atomic<environment *> env{nullptr};
+        std::optional<environment> env;
+        std::atomic<environment *> ready{nullptr};
     };
 
     environment *env();
