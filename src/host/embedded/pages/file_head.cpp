@@ -103,23 +103,20 @@ static bool read_mark(int fd, const meta &state, size_t *mark) {
     std::vector<char> bytes(state.page_size());
     page_number next = state.free_list.root;
     for (unsigned level = 0; level < MOST_LEVELS; ++level) {
-        page_head page;
         if (next > state.last_page) return false;
         if (!read_bytes(fd, bytes.data(), bytes.size(), next * bytes.size())) return false;
-        memcpy(&page, bytes.data(), sizeof(page));
+        std::string_view text(bytes.data(), bytes.size());
+        auto page = value_at<page_head>(text, 0);
         size_t lower = page.nodes.lower;
-        if (page.number != next || lower <= sizeof(page) || lower > bytes.size()) return false;
-        uint16_t offset = 0;
-        memcpy(&offset, bytes.data() + lower - sizeof(offset), sizeof(offset));
-        node_head node;
-        if (offset + sizeof(node) + sizeof(*mark) > bytes.size()) return false;
-        memcpy(&node, bytes.data() + offset, sizeof(node));
+        if (page.number != next || lower <= sizeof(page) || lower > text.size()) return false;
+        size_t offset = value_at<uint16_t>(text, lower - sizeof(uint16_t));
+        if (offset + sizeof(node_head) + sizeof(*mark) > text.size()) return false;
         if (page.kind == LEAF_PAGE) {
-            memcpy(mark, bytes.data() + offset + sizeof(node), sizeof(*mark));
+            *mark = value_at<size_t>(text, offset + sizeof(node_head));
             return true;
         }
         if (page.kind != BRANCH_PAGE) return false;
-        next = node.child();
+        next = value_at<node_head>(text, offset).child();
     }
     return false;
 }

@@ -25,8 +25,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 
 namespace keyview::host {
+
+// A value at an offset, which need not be aligned. The bytes must have it in whole.
+template <typename T>
+T value_at(std::string_view bytes, size_t offset) {
+    T value;
+    memcpy(&value, bytes.data() + offset, sizeof(value));
+    return value;
+}
 
 using page_number = size_t;
 constexpr page_number NO_PAGE = ~page_number{0};

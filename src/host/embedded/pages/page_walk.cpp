@@ -2,7 +2,6 @@
 #include "host/embedded/pages/page_walk.h"
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -20,12 +19,7 @@ struct page_walk::tree {
     tree_head found = {};
 
     bool before(std::string_view a, std::string_view b) const {
-        if (!numbers) return a < b;
-        size_t first = 0;
-        size_t second = 0;
-        memcpy(&first, a.data(), std::min(a.size(), sizeof(first)));
-        memcpy(&second, b.data(), std::min(b.size(), sizeof(second)));
-        return first < second;
+        return numbers ? value_at<size_t>(a, 0) < value_at<size_t>(b, 0) : a < b;
     }
 };
 
@@ -40,21 +34,19 @@ static std::string name_of_page(page_number number) {
 }
 
 static page_head head_of(std::string_view page) {
-    page_head head;
-    memcpy(&head, page.data(), sizeof(head));
-    return head;
+    return value_at<page_head>(page, 0);
+}
+
+static size_t nodes_of(std::string_view page) {
+    return (head_of(page).nodes.lower - sizeof(page_head)) / sizeof(uint16_t);
 }
 
 static size_t offset_of(std::string_view page, size_t index) {
-    uint16_t offset = 0;
-    memcpy(&offset, page.data() + sizeof(page_head) + index * sizeof(offset), sizeof(offset));
-    return offset;
+    return value_at<uint16_t>(page, sizeof(page_head) + index * sizeof(uint16_t));
 }
 
 static node_head node_at(std::string_view page, size_t offset) {
-    node_head found;
-    memcpy(&found, page.data() + offset, sizeof(found));
-    return found;
+    return value_at<node_head>(page, offset);
 }
 
 static std::string_view key_at(std::string_view page, size_t offset) {
@@ -73,45 +65,40 @@ void page_walk::report(page_number number, const std::string &reason) const {
     damage_(name_of_page(number), reason);
 }
 
+// Reports damage behind which pages are not reached. Returns false.
+bool page_walk::give_up(const std::string &subject, const std::string &reason) {
+    damage_(subject, reason);
+    return whole_ = false;
+}
+
 void page_walk::run(const row_visitor &visit) {
     row_visitor take = [this](std::string_view key, std::string_view bytes) {
         take_free(key, bytes);
     };
     tree keys = {state_.keys, "the tree of keys", false, visit};
     tree free_list = {state_.free_list, "the free list", true, take};
-    walk_tree(&keys);
-    walk_tree(&free_list);
+    for (tree *each : {&keys, &free_list}) {
+        if (each->head.root != NO_PAGE) walk_page(each, each->head.root, each->name, {}, 1);
+    }
     if (!whole_) return;  // the rest follows from the damaged page
     compare_counts(keys);
     compare_counts(free_list);
     report_lost();
 }
 
-void page_walk::walk_tree(tree *which) {
-    page_number root = which->head.root;
-    if (root == NO_PAGE) return;
-    if (claim(root, 1, which->name)) {
-        walk_page(which, root, {}, 1);
-    } else {
-        whole_ = false;
-    }
-}
-
 // ---- Pages --------------------------------------------------------------------------------------
 
 // Enters pages as used; false if one cannot be, or is used already.
 bool page_walk::claim(page_number first, size_t count, const std::string &owner) {
-    if (first > state_.last_page + 1 || count > state_.last_page + 1 - first) {
-        damage_(owner, "names page " + std::to_string(first) + ", which is outside the file");
-        return false;
-    }
+    if (first > state_.last_page + 1 || count > state_.last_page + 1 - first)
+        return give_up(owner,
+                       "names page " + std::to_string(first) + ", which is outside the file");
     auto from = claimed_.begin() + static_cast<std::ptrdiff_t>(first);
     auto to = from + static_cast<std::ptrdiff_t>(count);
     auto twice = std::find(from, to, true);
     if (twice != to) {
         auto number = static_cast<page_number>(twice - claimed_.begin());
-        damage_(owner, "names page " + std::to_string(number) + ", which is in use already");
-        return false;
+        return give_up(owner, "names page " + std::to_string(number) + ", which is in use already");
     }
     std::fill(from, to, true);
     return true;
@@ -120,27 +107,26 @@ bool page_walk::claim(page_number first, size_t count, const std::string &owner)
 bool page_walk::load(page_number number, size_t count, buffer *own, std::string_view *out) {
     size_t at = number * state_.page_size();
     size_t size = count * state_.page_size();
-    if (!all_.empty()) {
-        *out = std::string_view(all_.data(), all_.size()).substr(at, size);
-    } else {
+    if (all_.empty()) {
         own->resize(size);
-        if (!read_bytes(fd_, own->data(), size, at)) return report(number, "cannot be read"), false;
+        if (!read_bytes(fd_, own->data(), size, at))
+            return give_up(name_of_page(number), "cannot be read");
         *out = {own->data(), size};
+    } else {
+        *out = std::string_view(all_.data(), all_.size()).substr(at, size);
     }
     if (head_of(*out).number == number) return true;
-    report(number, "has another number in its head");
-    return false;
+    return give_up(name_of_page(number), "has another number in its head");
 }
 
 // Whether every node of a page lies within it.
-bool page_walk::nodes_fit(std::string_view page, bool leaf, size_t *count) {
+bool page_walk::nodes_fit(std::string_view page, bool leaf) {
     page_head head = head_of(page);
     size_t lower = head.nodes.lower;
     size_t upper = head.nodes.upper;
     if (lower <= sizeof(head) || lower % 2 != 0 || lower > upper || upper > page.size())
         return false;
-    *count = (lower - sizeof(head)) / 2;
-    for (size_t n = 0; n < *count; ++n) {
+    for (size_t n = 0; n < nodes_of(page); ++n) {
         size_t offset = offset_of(page, n);
         if (offset < upper || offset + sizeof(node_head) > page.size()) return false;
         node_head found = node_at(page, offset);
@@ -148,32 +134,27 @@ bool page_walk::nodes_fit(std::string_view page, bool leaf, size_t *count) {
         if (leaf) size += found.flags == LONG_VALUE ? sizeof(page_number) : found.value_size();
         if (size > page.size() - offset) return false;
     }
-    return leaf || *count > 1;
+    return leaf || nodes_of(page) > 1;
 }
 
-void page_walk::walk_page(tree *which, page_number number, const bounds &within, unsigned depth) {
+void page_walk::walk_page(tree *which, page_number number, const std::string &owner,
+                          const bounds &within, unsigned depth) {
     buffer own;
     std::string_view page;
-    size_t count = 0;
-    bool sound = depth <= MOST_LEVELS && load(number, 1, &own, &page);
-    uint16_t kind = sound ? head_of(page).kind : uint16_t{0};
-    if (sound && kind != LEAF_PAGE && kind != BRANCH_PAGE) {
-        report(number, std::string("is no page of ") + which->name);
-        sound = false;
+    if (!claim(number, 1, owner) || !load(number, 1, &own, &page)) return;
+    uint16_t kind = head_of(page).kind;
+    bool leaf = kind == LEAF_PAGE;
+    std::string fault;
+    if ((!leaf && kind != BRANCH_PAGE) || depth > MOST_LEVELS) {
+        fault = std::string("is no page of ") + which->name;
+    } else if (!nodes_fit(page, leaf)) {
+        fault = "has entries that do not lie within it";
     }
-    if (sound && !nodes_fit(page, kind == LEAF_PAGE, &count)) {
-        report(number, "has entries that do not lie within it");
-        sound = false;
-    }
-    if (!sound) {
-        whole_ = false;
-    } else if (kind == LEAF_PAGE) {
-        which->found.depth = std::max(which->found.depth, static_cast<uint16_t>(depth));
-        if (depth != which->head.depth) report(number, "is not as deep as its tree states");
-        walk_leaf(which, page, within);
-    } else {
-        walk_branch(which, page, within, depth);
-    }
+    if (!fault.empty()) return (void)give_up(name_of_page(number), fault);
+    if (!leaf) return walk_branch(which, page, within, depth);
+    which->found.depth = std::max(which->found.depth, static_cast<uint16_t>(depth));
+    if (depth != which->head.depth) report(number, "is not as deep as its tree states");
+    walk_leaf(which, page, within);
 }
 
 // The first key of a branch page has no meaning.
@@ -181,30 +162,25 @@ void page_walk::walk_branch(tree *which, std::string_view page, const bounds &wi
                             unsigned depth) {
     page_number number = head_of(page).number;
     ++which->found.branch_pages;
-    size_t count = (head_of(page).nodes.lower - sizeof(page_head)) / 2;
     bounds below = within;
-    for (size_t n = 0; n < count; ++n) {
+    for (size_t n = 0; n < nodes_of(page); ++n) {
         if (n > 0) below.first = below.behind;
         below.behind = within.behind;
-        if (n + 1 < count) below.behind = std::string(key_at(page, offset_of(page, n + 1)));
+        if (n + 1 < nodes_of(page))
+            below.behind = std::string(key_at(page, offset_of(page, n + 1)));
         if (below.first && below.behind && !which->before(*below.first, *below.behind)) {
             report(number, "has keys that are out of order");
         }
         page_number child = node_at(page, offset_of(page, n)).child();
-        if (claim(child, 1, name_of_page(number))) {
-            walk_page(which, child, below, depth + 1);
-        } else {
-            whole_ = false;
-        }
+        walk_page(which, child, name_of_page(number), below, depth + 1);
     }
 }
 
 void page_walk::walk_leaf(tree *which, std::string_view page, const bounds &within) {
     page_number number = head_of(page).number;
     ++which->found.leaf_pages;
-    size_t count = (head_of(page).nodes.lower - sizeof(page_head)) / 2;
     std::string_view before;
-    for (size_t n = 0; n < count; ++n) {
+    for (size_t n = 0; n < nodes_of(page); ++n) {
         size_t offset = offset_of(page, n);
         std::string_view key = key_at(page, offset);
         size_t size = key.size();
@@ -230,28 +206,23 @@ void page_walk::walk_row(tree *which, std::string_view page, size_t offset) {
     std::string_view value = page.substr(offset + sizeof(node_head) + key.size());
     if (found.flags == 0) return which->visit(key, value.substr(0, found.value_size()));
     if (found.flags != LONG_VALUE) return report(number, "has a row of another kind");
-    page_number first = 0;
-    memcpy(&first, value.data(), sizeof(first));
     buffer own;
     std::string_view bytes;
-    if (!load_value(first, found.value_size(), name_of_page(number), &own, &bytes)) {
-        whole_ = false;
+    if (!load_value(value_at<page_number>(value, 0), found.value_size(), number, &own, &bytes))
         return;
-    }
     which->found.value_pages += bytes.size() / state_.page_size();
     which->visit(key, bytes.substr(sizeof(page_head), found.value_size()));
 }
 
 // A value may have more pages than it needs, if it was longer before.
-bool page_walk::load_value(page_number first, size_t size, const std::string &owner, buffer *own,
+bool page_walk::load_value(page_number first, size_t size, page_number leaf, buffer *own,
                            std::string_view *out) {
+    std::string owner = name_of_page(leaf);
     if (!claim(first, 1, owner) || !load(first, 1, own, out)) return false;
     page_head head = head_of(*out);
     size_t needed = (sizeof(head) - 1 + size) / state_.page_size() + 1;
-    if (head.kind != VALUE_PAGE || head.pages < needed) {
-        report(first, "is no value of such a size");
-        return false;
-    }
+    if (head.kind != VALUE_PAGE || head.pages < needed)
+        return give_up(name_of_page(first), "is no value of such a size");
     return claim(first + 1, head.pages - 1, owner) && load(first, head.pages, own, out);
 }
 
@@ -259,19 +230,14 @@ bool page_walk::load_value(page_number first, size_t size, const std::string &ow
 
 // A row of the free list: how many pages, and their numbers.
 void page_walk::take_free(std::string_view key, std::string_view bytes) {
-    size_t commit = 0;
-    size_t count = 0;
-    memcpy(&commit, key.data(), sizeof(commit));
+    auto commit = value_at<size_t>(key, 0);
+    size_t count = bytes.size() < sizeof(count) ? 0 : value_at<size_t>(bytes, 0);
     std::string owner = "the pages that commit " + std::to_string(commit) + " freed";
-    if (bytes.size() >= sizeof(count)) memcpy(&count, bytes.data(), sizeof(count));
     if (commit > state_.commit || count >= bytes.size() / sizeof(page_number)) {
         return damage_(owner, "are no list of pages");
     }
-    for (size_t n = 1; n <= count; ++n) {
-        page_number number = 0;
-        memcpy(&number, bytes.data() + n * sizeof(number), sizeof(number));
-        if (!claim(number, 1, owner)) whole_ = false;
-    }
+    for (size_t n = 1; n <= count; ++n)
+        (void)claim(value_at<page_number>(bytes, n * sizeof(page_number)), 1, owner);
 }
 
 void page_walk::compare_counts(const tree &which) {

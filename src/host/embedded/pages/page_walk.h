@@ -35,8 +35,8 @@ class page_walk {
     struct bounds;
     using buffer = std::vector<char>;
 
-    void walk_tree(tree *which);
-    void walk_page(tree *which, page_number number, const bounds &within, unsigned depth);
+    void walk_page(tree *which, page_number number, const std::string &owner, const bounds &within,
+                   unsigned depth);
     void walk_branch(tree *which, std::string_view page, const bounds &within, unsigned depth);
     void walk_leaf(tree *which, std::string_view page, const bounds &within);
     void walk_row(tree *which, std::string_view page, size_t offset);
@@ -46,9 +46,10 @@ class page_walk {
 
     bool claim(page_number first, size_t count, const std::string &owner);
     bool load(page_number number, size_t count, buffer *own, std::string_view *out);
-    bool load_value(page_number first, size_t size, const std::string &owner, buffer *own,
+    bool load_value(page_number first, size_t size, page_number leaf, buffer *own,
                     std::string_view *out);
-    bool nodes_fit(std::string_view page, bool leaf, size_t *count);
+    static bool nodes_fit(std::string_view page, bool leaf);
+    bool give_up(const std::string &subject, const std::string &reason);
     void report(page_number number, const std::string &reason) const;
 
     int fd_;
