@@ -246,4 +246,10 @@ unique_fd registry_directory::open_data() const {
     return data;
 }
 
+host_error registry_directory::lock_file_failed(const char *action) const {
+    failure kind = errno == EACCES ? failure::denied : failure::lock;
+    return host_error(kind, "the lock file of the registry in '" + path_ + "' cannot be " + action +
+                                ": " + strerror(errno));
+}
+
 }  // namespace keyview::host

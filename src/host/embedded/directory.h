@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "host/registry/backend.h"
+#include "host/support/error.h"
 #include "host/support/fd.h"
 
 namespace keyview::host {
@@ -56,6 +57,9 @@ class registry_directory : public std::enable_shared_from_this<registry_director
 
     // Opens the data file for access without LMDB.
     unique_fd open_data() const;
+
+    // For a call on the lock file that failed with errno.
+    host_error lock_file_failed(const char *action) const;
 
     static constexpr const char *LOCK_FILE = "locks";
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <utility>
+#include <memory>
 
 #include "host/embedded/lmdb_check.h"
 #include "host/registry/store.h"
@@ -28,18 +28,6 @@ namespace {
 struct map_full {};
 struct map_outgrown {};
 
-// A write transaction that is undone unless it was committed.
-struct writing {
-    writing() = default;
-    writing(const writing &) = delete;
-    writing &operator=(const writing &) = delete;
-    ~writing() {
-        if (txn != nullptr) mdb_txn_abort(txn);
-    }
-
-    MDB_txn *txn = nullptr;
-};
-
 }  // namespace
 
 static failure kind_of(int rc) {
@@ -59,6 +47,11 @@ static failure kind_of(int rc) {
         default:
             return failure::registry;
     }
+}
+
+static void close_reader(const lmdb_reader &reader) noexcept {
+    if (reader.cursor != nullptr) mdb_cursor_close(reader.cursor);
+    if (reader.txn != nullptr) mdb_txn_abort(reader.txn);
 }
 
 static const char *advice(int rc) {
@@ -207,10 +200,8 @@ void environment::require_files_now_and_then() {
 }
 
 void environment::close() noexcept {
-    for (lmdb_reader &reader : idle_) {
-        mdb_cursor_close(reader.cursor);
-        mdb_txn_abort(reader.txn);
-    }
+    for (const lmdb_reader &reader : idle_)
+        close_reader(reader);
     idle_.clear();
     mdb_env_close(env_);
 }
@@ -280,8 +271,7 @@ lmdb_reader environment::begin_read() {
                                           : mdb_cursor_renew(reader.txn, reader.cursor);
         check(rc, "mdb_cursor_open");
     } catch (...) {
-        if (reader.cursor != nullptr) mdb_cursor_close(reader.cursor);
-        if (reader.txn != nullptr) mdb_txn_abort(reader.txn);
+        close_reader(reader);
         throw;
     }
     return reader;
@@ -293,8 +283,7 @@ void environment::end_read(lmdb_reader reader) noexcept {
     try {
         idle_.push_back(reader);
     } catch (const std::bad_alloc &) {
-        mdb_cursor_close(reader.cursor);
-        mdb_txn_abort(reader.txn);
+        close_reader(reader);
     }
 }
 
@@ -317,11 +306,12 @@ environment::reading::reading(environment *env) : env_(env) {
 void environment::write_once(const std::function<bool(MDB_txn *)> &work) {
     std::shared_lock in_place = keep_map_in_place();
     require_files();
-    writing current;
-    check(mdb_txn_begin(env_, nullptr, 0, &current.txn), "mdb_txn_begin");
-    if (!work(current.txn)) return;
+    MDB_txn *begun = nullptr;
+    check(mdb_txn_begin(env_, nullptr, 0, &begun), "mdb_txn_begin");
+    std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)> current(begun, &mdb_txn_abort);
+    if (!work(begun)) return;
     // A commit ends the transaction, whatever comes of it.
-    check(mdb_txn_commit(std::exchange(current.txn, nullptr)), "mdb_txn_commit");
+    check(mdb_txn_commit(current.release()), "mdb_txn_commit");
 }
 
 void environment::write(const std::function<bool(MDB_txn *)> &work) {

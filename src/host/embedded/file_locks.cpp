@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -32,12 +31,6 @@ lock_descriptors::~lock_descriptors() {
         close_parent_only(fd);
 }
 
-static host_error cannot_open(const registry_directory &directory) {
-    failure kind = errno == EACCES ? failure::denied : failure::lock;
-    return host_error(kind, "the lock file of the registry in '" + directory.path() +
-                                "' cannot be opened: " + strerror(errno));
-}
-
 int lock_descriptors::take(const registry_directory &directory) {
     {
         std::lock_guard guard(mutex_);
@@ -48,7 +41,7 @@ int lock_descriptors::take(const registry_directory &directory) {
         }
     }
     int fd = open_parent_only(directory.fd(), registry_directory::LOCK_FILE, O_RDWR);
-    if (fd < 0) throw cannot_open(directory);
+    if (fd < 0) throw directory.lock_file_failed("opened");
     return fd;
 }
 
@@ -178,19 +171,13 @@ class file_lock final : public held_lock {
 
 // ---- Users of locks -----------------------------------------------------------------------------
 
-namespace {
-
-// A range that a process holds, as /proc reports it; processes of other users are not reported.
-struct used_byte {
-    off_t at;
-    bool shared;
-};
-
-}  // namespace
+// The ranges that a descriptor holds, as /proc reports them: whether each is shared, by its offset.
+// Processes of other users are not reported.
+using held_ranges = std::map<off_t, bool>;
 
 // "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
-static std::vector<used_byte> used_bytes(const std::filesystem::path &descriptor) {
-    std::vector<used_byte> out;
+static held_ranges ranges_of(const std::filesystem::path &descriptor) {
+    held_ranges out;
     std::ifstream text(descriptor);
     for (std::string line; std::getline(text, line);) {
         if (line.rfind("lock:", 0) != 0) continue;
@@ -198,7 +185,7 @@ static std::vector<used_byte> used_bytes(const std::filesystem::path &descriptor
         std::string number, kind, advice, mode, pid, file;
         off_t first = 0;
         if (words >> number >> kind >> advice >> mode >> pid >> file >> first)
-            out.push_back({first, mode == "READ"});
+            out[first] = mode == "READ";
     }
     return out;
 }
@@ -210,18 +197,13 @@ static std::string process_label(const std::filesystem::path &process) {
 }
 
 // A writer that has the gate of a lock and not its byte waits for it.
-static void add_uses(const std::map<off_t, const std::string *> &bytes,
-                     const std::vector<used_byte> &used, const std::string &holder,
-                     std::vector<lock_use> *out) {
-    auto holds = [&](off_t at) {
-        return std::any_of(used.begin(), used.end(),
-                           [&](const used_byte &one) { return one.at == at; });
-    };
-    for (const used_byte &one : used) {
-        bool gate = one.at >= GATE;
-        auto found = bytes.find(gate ? one.at - GATE : one.at);
-        if (found == bytes.end() || (gate && holds(one.at - GATE))) continue;
-        lock_mode mode = one.shared ? lock_mode::shared : lock_mode::exclusive;
+static void add_uses(const std::map<off_t, const std::string *> &bytes, const held_ranges &held,
+                     const std::string &holder, std::vector<lock_use> *out) {
+    for (auto [at, shared] : held) {
+        bool gate = at >= GATE;
+        auto found = bytes.find(gate ? at - GATE : at);
+        if (found == bytes.end() || (gate && held.count(at - GATE) > 0)) continue;
+        lock_mode mode = shared ? lock_mode::shared : lock_mode::exclusive;
         out->push_back({*found->second, mode, gate, holder});
     }
 }
@@ -242,9 +224,8 @@ std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
             bool ours = stat(fd.path().c_str(), &file) == 0 &&
                         file_id(file.st_dev, file.st_ino) == directory_->lock_id();
             if (!ours) continue;
-            std::vector<used_byte> used =
-                used_bytes(process.path() / "fdinfo" / fd.path().filename());
-            add_uses(bytes, used, process_label(process.path()), &out);
+            add_uses(bytes, ranges_of(process.path() / "fdinfo" / fd.path().filename()),
+                     process_label(process.path()), &out);
         }
     }
     return out;
@@ -252,7 +233,7 @@ std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
 
 static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wait_ms) {
     std::string what = mode == lock_mode::shared ? "shared lock " : "exclusive lock ";
-    if (name == file_locks::WRITERS) what = "right to write";
+    if (name == file_locks::WRITERS) what = "write lock";
     return host_error(failure::lock, "the " + what + std::string(name) +
                                          " was not granted within " + std::to_string(wait_ms) +
                                          " ms: another one holds it");

@@ -7,6 +7,12 @@
 
 namespace keyview::host {
 
+cursor_guard open_cursor(const environment &env, MDB_txn *txn) {
+    MDB_cursor *cursor = nullptr;
+    env.check(mdb_cursor_open(txn, environment::KEYS, &cursor), "mdb_cursor_open");
+    return {cursor, &mdb_cursor_close};
+}
+
 void visit_below(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
                  const row_visitor &visit) {
     for (const key_range &range : key_ranges(path, which)) {
@@ -31,7 +37,7 @@ row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, r
 
 void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
                               const row_visitor &visit) {
-    cursor_guard cursor(env, txn);
+    cursor_guard cursor = open_cursor(env, txn);
     auto visit_damaged = [&](std::string_view key, std::string_view bytes) {
         row found;
         if (!read_row(key, bytes, &found)) visit(key, bytes);

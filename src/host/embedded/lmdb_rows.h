@@ -5,6 +5,7 @@
 #include <lmdb.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -24,20 +25,8 @@ inline std::string_view view_of(const MDB_val &bytes) {
 }
 
 // A cursor that is closed at the end of the scope.
-class cursor_guard {
-  public:
-    cursor_guard(const environment &env, MDB_txn *txn) {
-        env.check(mdb_cursor_open(txn, environment::KEYS, &cursor_), "mdb_cursor_open");
-    }
-    cursor_guard(const cursor_guard &) = delete;
-    cursor_guard &operator=(const cursor_guard &) = delete;
-    ~cursor_guard() { mdb_cursor_close(cursor_); }
-
-    MDB_cursor *get() const { return cursor_; }
-
-  private:
-    MDB_cursor *cursor_ = nullptr;
-};
+using cursor_guard = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
+cursor_guard open_cursor(const environment &env, MDB_txn *txn);
 
 // Iterates over the rows of a range and those behind it. The views end with the next change or with
 // the transaction.

@@ -62,34 +62,6 @@ class lmdb_moment final : public moment {
     environment::reading reading_;
 };
 
-// The list that rows are added to at present, known by the common head of its LMDB keys.
-class open_list {
-  public:
-    explicit open_list(snapshot *out) : out_(out) {}
-
-    bool has(std::string_view key) const {
-        size_t end = list_.size();
-        return key.size() > end && key[end] == '\0' && memcmp(key.data(), list_.data(), end) == 0;
-    }
-
-    // False if another list should have come first.
-    [[nodiscard]] bool begin_with(std::string_view key) {
-        size_t end = key.rfind('\0');
-        if (end == key.npos) return false;
-        list_ = key.substr(0, end);
-        return out_->begin_list(list_, '\x01');
-    }
-
-    // False if the row should have come earlier.
-    [[nodiscard]] bool add(std::string_view key, const row &found) {
-        return out_->add(key.substr(list_.size() + 1), found.value, found.children);
-    }
-
-  private:
-    snapshot *out_;
-    std::string_view list_;  // into the page of LMDB that holds the key
-};
-
 }  // namespace
 
 // The tree's revision is the number of the next transaction that writes, so it is never 0. The
@@ -127,19 +99,22 @@ bool lmdb_moment::copy(std::string_view path, reach which, snapshot *out) {
 bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *out) {
     std::vector<key_range> ranges = key_ranges(path, which);
     if (ranges.size() != 1) return false;
-    open_list list(out);
+    std::string_view list;  // the head that the keys of a list share, within the page of LMDB
     for (row_scan rows(*env_, reading_.cursor(), ranges.front()); rows.more(); rows.next()) {
         std::string_view key = rows.key();
         if (key_is_hashed(key)) return false;
         row found;
-        if (!read_row(key, rows.bytes(), &found)) {
-            throw damaged_row(path_of_row(key, rows.bytes()));
-        }
-        if (!list.has(key)) {
+        if (!read_row(key, rows.bytes(), &found)) throw damaged_row(path_of_row(key, rows.bytes()));
+        size_t end = list.size();
+        bool goes_on =
+            key.size() > end && key[end] == '\0' && memcmp(key.data(), list.data(), end) == 0;
+        if (!goes_on) {
             if (!rows.in_range()) break;
-            if (!list.begin_with(key)) throw damaged_list(path);
+            end = key.rfind('\0');
+            list = key.substr(0, end);
+            if (end == key.npos || !out->begin_list(list, '\x01')) throw damaged_list(path);
         }
-        if (!list.add(key, found)) throw damaged_list(path);
+        if (!out->add(key.substr(end + 1), found.value, found.children)) throw damaged_list(path);
     }
     return true;
 }

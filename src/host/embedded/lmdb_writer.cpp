@@ -54,7 +54,7 @@ void lmdb_writer::remove(std::string_view path) {
     if (state == row_state::sound && path_fault(path) != nullptr) return;
     std::vector<std::string> keys;
     if (state != row_state::absent) keys.emplace_back(row_key(path).view());
-    cursor_guard cursor(env_, txn_);
+    cursor_guard cursor = open_cursor(env_, txn_);
     visit_below(env_, cursor.get(), path, reach::all_below,
                 [&](std::string_view key, std::string_view) { keys.emplace_back(key); });
     for (const std::string &key : keys)
@@ -91,7 +91,7 @@ void lmdb_writer::add_children(std::string_view path, int32_t more) {
 
 uint32_t lmdb_writer::count_children(std::string_view path) {
     uint32_t count = 0;
-    cursor_guard cursor(env_, txn_);
+    cursor_guard cursor = open_cursor(env_, txn_);
     visit_below(env_, cursor.get(), path, reach::children,
                 [&](std::string_view, std::string_view) { ++count; });
     return count;

@@ -8,11 +8,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstring>
-#include <string>
-
-#include "host/support/error.h"
 #include "host/support/fd.h"
 
 namespace keyview::host {
@@ -23,22 +18,16 @@ shared_words::~shared_words() {
     if (words_ != nullptr) munmap(words_, sizeof(layout));
 }
 
-// For a call that failed with errno.
-static host_error cannot_map(const registry_directory &directory) {
-    failure kind = errno == EACCES ? failure::denied : failure::lock;
-    return host_error(kind, "the lock file of the registry in '" + directory.path() +
-                                "' cannot be mapped: " + strerror(errno));
-}
-
 shared_words::layout *shared_words::map() {
     unique_fd fd(
         openat(directory_->fd(), registry_directory::LOCK_FILE, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     struct stat found = {};
     constexpr auto SIZE = static_cast<off_t>(sizeof(layout));
-    if (!fd.valid() || fstat(fd.get(), &found) != 0) throw cannot_map(*directory_);
-    if (found.st_size < SIZE && ftruncate(fd.get(), SIZE) != 0) throw cannot_map(*directory_);
+    if (!fd.valid() || fstat(fd.get(), &found) != 0) throw directory_->lock_file_failed("mapped");
+    if (found.st_size < SIZE && ftruncate(fd.get(), SIZE) != 0)
+        throw directory_->lock_file_failed("mapped");
     void *mapped = mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (mapped == MAP_FAILED) throw cannot_map(*directory_);
+    if (mapped == MAP_FAILED) throw directory_->lock_file_failed("mapped");
     auto *words = static_cast<layout *>(mapped);
     layout *known = nullptr;
     if (words_.compare_exchange_strong(known, words)) return words;
