@@ -59,8 +59,10 @@ wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_poi
 
 // ---- Leases -------------------------------------------------------------------------------------
 
-// Null if a new one must be asked for. Forgets those that are of no further use.
-std::shared_ptr<session::lease> session::open_lease() {
+// Adds the new places in the same step: without a place, another thread could close the lease and
+// forget it, and nothing would keep it alive. Null if a new lease is needed. Forgets those that are
+// of no further use.
+std::shared_ptr<session::lease> session::open_lease(size_t new_places) {
     std::lock_guard guard(leases_->mutex);
     auto &all = leases_->all;
     auto is_over = [](const std::shared_ptr<lease> &one) {
@@ -68,12 +70,14 @@ std::shared_ptr<session::lease> session::open_lease() {
     };
     all.erase(std::remove_if(all.begin(), all.end(), is_over), all.end());
     bool usable = !all.empty() && !all.back()->closed && steady::now() < all.back()->end;
-    return usable ? all.back() : nullptr;
+    if (!usable) return nullptr;
+    all.back()->places += new_places;
+    return all.back();
 }
 
 void session::require_lease(steady::time_point end) {
     std::lock_guard one_at_a_time(granting_);
-    if (open_lease() != nullptr) return;
+    if (open_lease(0) != nullptr) return;
     revoke_the_rest();
     auto fresh = std::make_shared<lease>();
     fresh->id = random_number();
@@ -85,15 +89,10 @@ void session::require_lease(steady::time_point end) {
 }
 
 std::shared_ptr<session::lease> session::take_place(steady::time_point end) {
-    for (;;) {
-        std::shared_ptr<lease> found = open_lease();
-        if (found != nullptr) {
-            std::lock_guard guard(leases_->mutex);
-            ++found->places;
-            return found;
-        }
+    std::shared_ptr<lease> found;
+    while ((found = open_lease(1)) == nullptr)
         require_lease(end);
-    }
+    return found;
 }
 
 bool session::lives(const lease &one) const {

@@ -73,7 +73,7 @@ class session {
         std::vector<int64_t> to_revoke;
     };
 
-    std::shared_ptr<lease> open_lease();
+    std::shared_ptr<lease> open_lease(size_t new_places);
     void require_lease(steady::time_point end);
     void revoke_the_rest();
     bool drop_place(const std::shared_ptr<lease> &its) noexcept;
