@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "cluster/connection.h"
+#include "cluster/cluster_settings.h"
 
 namespace keyview::host {
 

@@ -5,12 +5,32 @@
 
 #include <grpcpp/support/status.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "cluster/connection.h"
+#include "host/support/error.h"
 
 namespace keyview::host {
+
+// A failure that a caller may know how to go on from.
+enum class etcd_reason {
+    none,
+    lease_gone,    // the lease is not there any more
+    lease_exists,  // it was granted already
+    compacted,     // the revision that was asked for is forgotten
+    no_space,      // the database is full: it takes no puts and no leases
+};
+
+class etcd_error : public host_error {
+  public:
+    etcd_error(failure what_kind, etcd_reason why, const std::string &text,
+               int64_t its_revision = 0)
+        : host_error(what_kind, text), reason(why), revision(its_revision) {}
+
+    etcd_reason reason;
+    int64_t revision;  // with compacted: the oldest that a read may be of
+};
 
 enum class verdict { final, next_member, log_in };
 

@@ -3,13 +3,14 @@
 
 #include <algorithm>
 
+#include "cluster/etcd_moment.h"
 #include "model/path.h"
 
 namespace keyview::host {
 
-change_plan::change_plan(etcd_store *keys, const std::vector<change> &changes)
-    : keys_(keys), state_(keys->cluster()->keys(), "", reach::key_alone) {
-    keys_->read(&state_, 0);
+change_plan::change_plan(session *cluster, const std::vector<change> &changes)
+    : cluster_(cluster), state_(cluster->keys(), "", reach::key_alone) {
+    read_part(cluster_, &state_, 0);
     std::set<std::string> single;
     for (const change &one : changes) {
         if (one.what == change::kind::remove) {
@@ -35,10 +36,9 @@ void change_plan::read_keys(const std::set<std::string> &paths) {
         wire::TxnRequest request;
         auto first = next;
         for (; next != paths.end() && request.success_size() < AT_ONCE; ++next)
-            add_range(request.mutable_success(), {keys_->cluster()->keys().key(*next), ""},
+            add_range(request.mutable_success(), {cluster_->keys().key(*next), ""},
                       state_.revision());
-        wire::TxnResponse response =
-            keys_->cluster()->txn(request, keys_->cluster()->calls().answer_end());
+        wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
         for (int n = 0; first != next; ++first, ++n) {
             const wire::RangeResponse &found = response.responses(n).response_range();
             if (found.kvs_size() == 0) continue;
@@ -49,11 +49,11 @@ void change_plan::read_keys(const std::set<std::string> &paths) {
 
 void change_plan::read_below(const std::string &path) {
     if (path_fault(path.c_str()) != nullptr || elements_of(path) > MOST_ELEMENTS) return;
-    tree_part below(keys_->cluster()->keys(), path, reach::all_below);
-    keys_->read(&below, state_.revision());
+    tree_part below(cluster_->keys(), path, reach::all_below);
+    read_part(cluster_, &below, state_.revision());
     for (const wire_rows &rows : below.rows()) {
         for (const wire::KeyValue &row : rows) {
-            auto elements = keys_->cluster()->keys().elements(row.key());
+            auto elements = cluster_->keys().elements(row.key());
             if (elements) tree_[path_of_elements(*elements)] = {row.value(), row.value()};
         }
     }
@@ -91,7 +91,7 @@ std::vector<change_plan::key_change> change_plan::key_changes() const {
     std::vector<key_change> changes;
     for (const auto &[path, key] : tree_) {
         if (key.before == key.after) continue;
-        changes.push_back({keys_->cluster()->keys().key(path), key.before, key.after});
+        changes.push_back({cluster_->keys().key(path), key.before, key.after});
     }
     return changes;
 }

@@ -10,14 +10,16 @@
 #include <string_view>
 #include <vector>
 
-#include "cluster/etcd_store.h"
+#include "cluster/session.h"
+#include "cluster/tree_part.h"
+#include "host/registry/store.h"
 
 namespace keyview::host {
 
 class change_plan {
   public:
     // Reads what the changes are about.
-    change_plan(etcd_store *keys, const std::vector<change> &changes);
+    change_plan(session *cluster, const std::vector<change> &changes);
 
     struct key_change {
         std::string key;  // of the cluster
@@ -44,7 +46,7 @@ class change_plan {
     void put(const change &one);
     void remove(const std::string &path);
 
-    etcd_store *keys_;
+    session *cluster_;
     tree_part state_;
     std::map<std::string, key_state> tree_;  // as far as it matters, by path
     change_counts counts_;

@@ -176,8 +176,8 @@ enum class outcome { done, tree_moved };
 
 class change_set {
   public:
-    change_set(etcd_store *keys, const change_plan &plan, const apply_terms &terms)
-        : cluster_(keys->cluster().get()),
+    change_set(session *cluster, const change_plan &plan, const apply_terms &terms)
+        : cluster_(cluster),
           plan_(plan),
           places_(places_of(terms)),
           id_(cluster_->unique_name()),
@@ -295,16 +295,16 @@ class change_set {
 
 }  // namespace
 
-change_counts carry_out(etcd_store *keys, const std::vector<change> &changes,
+change_counts carry_out(session *cluster, const std::vector<change> &changes,
                         const apply_terms &terms) {
     steady::time_point end = steady::now() + PATIENCE;
     do {
-        change_plan plan(keys, changes);
+        change_plan plan(cluster, changes);
         auto revision = static_cast<uint64_t>(plan.tree_revision());
         if (terms.revision != 0 && terms.revision != revision) {
             throw tree_changed(revision, terms.revision);
         }
-        if (change_set(keys, plan, terms).run() == outcome::done) return plan.counts();
+        if (change_set(cluster, plan, terms).run() == outcome::done) return plan.counts();
     } while (steady::now() < end);
     throw host_error(failure::changed, "others change the tree too often; nothing was written");
 }

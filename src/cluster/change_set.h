@@ -11,11 +11,12 @@
 
 #include <vector>
 
-#include "cluster/etcd_store.h"
+#include "cluster/session.h"
+#include "host/registry/store.h"
 
 namespace keyview::host {
 
-change_counts carry_out(etcd_store *keys, const std::vector<change> &changes,
+change_counts carry_out(session *cluster, const std::vector<change> &changes,
                         const apply_terms &terms);
 
 // Ends a change set that stopped half-way; false if there is none.

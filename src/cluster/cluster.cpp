@@ -46,7 +46,7 @@ static void check_url(const std::string &url) {
 static backend open(const std::string &url, open_mode mode) {
     std::shared_ptr<etcd_store> keys = store_of(settings_of(url));
     keys->open(mode == open_mode::create);
-    return {keys, std::make_shared<etcd_locks>(keys)};
+    return {keys, std::make_shared<etcd_locks>(keys->cluster())};
 }
 
 const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster, diagnose_cluster};

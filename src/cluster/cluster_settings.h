@@ -14,6 +14,8 @@
 
 namespace keyview::host {
 
+using steady = std::chrono::steady_clock;
+
 struct cluster_settings {
     std::string url;
     std::vector<std::string> members;  // "host:port"

@@ -16,32 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "cluster/call_failure.h"
 #include "cluster/cluster_settings.h"
 #include "cluster/request.h"
-#include "host/support/error.h"
 
 namespace keyview::host {
-
-using steady = std::chrono::steady_clock;
-
-// A failure that a caller may know how to go on from.
-enum class etcd_reason {
-    none,
-    lease_gone,    // the lease is not there any more
-    lease_exists,  // it was granted already
-    compacted,     // the revision that was asked for is forgotten
-    no_space,      // the database is full: it takes no puts and no leases
-};
-
-class etcd_error : public host_error {
-  public:
-    etcd_error(failure what_kind, etcd_reason why, const std::string &text,
-               int64_t its_revision = 0)
-        : host_error(what_kind, text), reason(why), revision(its_revision) {}
-
-    etcd_reason reason;
-    int64_t revision;  // with compacted: the oldest that a read may be of
-};
 
 class keepalives;
 

@@ -3,9 +3,9 @@
 
 #include "cluster/cluster.h"
 #include "cluster/cluster_settings.h"
-#include "cluster/etcd_store.h"
 #include "cluster/half_applied.h"
 #include "cluster/tls_probe.h"
+#include "cluster/tree_part.h"
 
 namespace keyview::host {
 

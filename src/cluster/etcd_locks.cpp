@@ -22,10 +22,9 @@ struct blocker {
 
 class request_for_lock {
   public:
-    request_for_lock(etcd_store *keys, std::string_view name, lock_mode mode,
+    request_for_lock(std::shared_ptr<session> cluster, std::string_view name, lock_mode mode,
                      const lock_cover &wanted)
-        : keys_(keys),
-          cluster_(keys->cluster()),
+        : cluster_(std::move(cluster)),
           name_(name),
           mode_(mode),
           part_(cluster_->keys(), std::string(wanted.path), wanted.depth),
@@ -80,7 +79,7 @@ class request_for_lock {
         require_created(&request, {place_->key(), ""}, 0);
         add_place(request.mutable_success());
         add_range(request.mutable_success(), {place_->key(), ""});
-        if (reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
+        if (reads_) part_.ask(cluster_->deepest(), 0, request.mutable_success());
         // Sent twice, it leaves the place as it is: only sets change it.
         wire::TxnRequest *once = request.add_failure()->mutable_request_txn();
         require_created(once, {place_->key(), ""}, 0);
@@ -134,7 +133,7 @@ class request_for_lock {
         for (;;) {
             wire::TxnRequest request;
             require_created(&request, conflicts(), 0);
-            part_.ask(keys_->deepest(), 0, request.mutable_success());
+            part_.ask(cluster_->deepest(), 0, request.mutable_success());
             add_range(request.mutable_failure(), conflicts());
             wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
             if (!response.succeeded()) {
@@ -145,9 +144,9 @@ class request_for_lock {
                 continue;
             }
             bool whole = part_.take(&response, 0);
-            keys_->note_depth(part_);
+            cluster_->note_depth(part_.deepest());
             if (whole && part_.marker().empty())
-                return std::make_shared<observed_lock>(keys_->shared_from_this(), part_);
+                return std::make_shared<observed_lock>(cluster_, part_);
             if (whole) patience.wait(part_.marker());
         }
     }
@@ -172,7 +171,7 @@ class request_for_lock {
         for (size_t n = 0; n < compared; ++n)
             require_created(&request, {blockers_[blockers_.size() - 1 - n].key, ""}, 0);
         bool grants = compared == blockers_.size();
-        if (grants && reads_) part_.ask(keys_->deepest(), 0, request.mutable_success());
+        if (grants && reads_) part_.ask(cluster_->deepest(), 0, request.mutable_success());
         for (wire_ops *ops : {request.mutable_failure(), request.mutable_success()}) {
             if (ops == request.mutable_success() && grants) continue;
             add_range(ops, {place_->key(), ""});
@@ -196,7 +195,10 @@ class request_for_lock {
 
     std::shared_ptr<held_lock> granted() {
         std::unique_ptr<moment> seen;
-        if (whole_) seen = keys_->as_of(std::move(part_));
+        if (whole_) {
+            cluster_->note_depth(part_.deepest());
+            seen = moment_of(cluster_, std::move(part_));
+        }
         return std::make_shared<etcd_lock>(std::move(place_), std::move(seen));
     }
 
@@ -207,7 +209,6 @@ class request_for_lock {
                                    blockers_.back().holder};
     }
 
-    etcd_store *keys_;
     std::shared_ptr<session> cluster_;
     std::string name_;
     lock_mode mode_;
@@ -225,16 +226,15 @@ class request_for_lock {
 
 std::shared_ptr<held_lock> etcd_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted) {
-    return request_for_lock(keys_.get(), name, mode, wanted).acquire(limit);
+    return request_for_lock(cluster_, name, mode, wanted).acquire(limit);
 }
 
 // A place waits if one before it in its queue conflicts with it.
 std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
     (void)names;
-    session *cluster = keys_->cluster().get();
     wire::TxnRequest request;
-    add_range(request.mutable_success(), cluster->keys().all_locks());
-    wire::TxnResponse response = cluster->txn(request, cluster->calls().answer_end());
+    add_range(request.mutable_success(), cluster_->keys().all_locks());
+    wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
     std::vector<wire::KeyValue> places(response.responses(0).response_range().kvs().begin(),
                                        response.responses(0).response_range().kvs().end());
     std::sort(places.begin(), places.end(), [](const wire::KeyValue &a, const wire::KeyValue &b) {
@@ -243,7 +243,7 @@ std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
     std::vector<lock_use> all;
     for (const wire::KeyValue &place : places) {
         lock_use use;
-        if (!cluster->keys().lock_of_place(place.key(), &use.name, &use.mode)) continue;
+        if (!cluster_->keys().lock_of_place(place.key(), &use.name, &use.mode)) continue;
         use.holder = place.value();
         use.waits = std::any_of(all.begin(), all.end(), [&](const lock_use &before) {
             bool both_share = before.mode == lock_mode::shared && use.mode == lock_mode::shared;

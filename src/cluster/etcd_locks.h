@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cluster/etcd_store.h"
+#include "cluster/etcd_moment.h"
 #include "cluster/session.h"
 #include "host/registry/backend.h"
 
@@ -93,20 +93,20 @@ class etcd_lock final : public held_lock {
 // the lock, and read the part. What it shows is as of that moment; no set is possible under it.
 class observed_lock final : public held_lock {
   public:
-    observed_lock(std::shared_ptr<etcd_store> keys, tree_part part)
-        : keys_(std::move(keys)), part_(std::move(part)) {}
+    observed_lock(std::shared_ptr<session> cluster, tree_part part)
+        : cluster_(std::move(cluster)), part_(std::move(part)) {}
 
     bool still_held() const override { return false; }
-    std::unique_ptr<moment> as_of_grant() override { return keys_->as_of(part_); }
+    std::unique_ptr<moment> as_of_grant() override { return moment_of(cluster_, part_); }
 
   private:
-    std::shared_ptr<etcd_store> keys_;
+    std::shared_ptr<session> cluster_;
     tree_part part_;
 };
 
 class etcd_locks final : public lock_service {
   public:
-    explicit etcd_locks(std::shared_ptr<etcd_store> keys) : keys_(std::move(keys)) {}
+    explicit etcd_locks(std::shared_ptr<session> cluster) : cluster_(std::move(cluster)) {}
 
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted) override;
@@ -115,7 +115,7 @@ class etcd_locks final : public lock_service {
     std::vector<lock_use> users(const std::vector<std::string> &names) override;
 
   private:
-    std::shared_ptr<etcd_store> keys_;
+    std::shared_ptr<session> cluster_;
 };
 
 }  // namespace keyview::host

@@ -6,82 +6,16 @@
 
 #include "cluster/change_set.h"
 #include "cluster/etcd_locks.h"
+#include "cluster/etcd_moment.h"
 #include "cluster/faults.h"
 #include "cluster/half_applied.h"
 #include "model/path.h"
 
 namespace keyview::host {
 
-// ---- Reading ------------------------------------------------------------------------------------
-
-void etcd_store::note_depth(const tree_part &part) {
-    deepest_ = std::max(part.deepest(), USUAL_DEPTH);
-}
-
-void etcd_store::read(tree_part *part, int64_t revision) {
-    half_applied_wait patience(cluster_.get());
-    for (;;) {
-        wire::TxnRequest request;
-        part->ask(deepest_, revision, request.mutable_success());
-        wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
-        bool whole = part->take(&response, 0);
-        note_depth(*part);
-        if (!whole) continue;
-        if (revision != 0 || part->marker().empty()) return;
-        patience.wait(part->marker());
-    }
-}
-
-namespace {
-
-bool can_be_there(std::string_view path) {
-    return path_fault(path) == nullptr && elements_of(path) <= MOST_ELEMENTS;
-}
-
-// Reads at the revision of its first answer.
-class etcd_moment final : public moment {
-  public:
-    etcd_moment(std::shared_ptr<etcd_store> keys, tree_part part)
-        : keys_(std::move(keys)), part_(std::move(part)) {}
-
-    revision current() override {
-        if (part_.revision() == 0) keys_->read(&part_, 0);
-        return {static_cast<uint64_t>(part_.tree_revision()), 0};
-    }
-
-    bool read(std::string_view path, std::string *value) override {
-        return can_be_there(path) && part_with(path, reach::key_alone).read(path, value);
-    }
-
-    bool copy(std::string_view path, reach which, snapshot *out) override {
-        return can_be_there(path) && part_with(path, which).copy(path, which, out);
-    }
-
-  private:
-    const tree_part &part_with(std::string_view path, reach which) {
-        if (part_.revision() == 0 || !part_.tells(path, which)) {
-            int64_t at = part_.revision();
-            part_ = tree_part(keys_->cluster()->keys(), std::string(path), which);
-            keys_->read(&part_, at);
-        }
-        return part_;
-    }
-
-    std::shared_ptr<etcd_store> keys_;
-    tree_part part_;  // what was read last
-};
-
-}  // namespace
-
-std::unique_ptr<moment> etcd_store::as_of(tree_part part) {
-    note_depth(part);
-    return std::make_unique<etcd_moment>(shared_from_this(), std::move(part));
-}
-
 std::unique_ptr<moment> etcd_store::now(std::string_view part) {
     (void)part;  // the revision of the whole tree is as cheap
-    return std::make_unique<etcd_moment>(shared_from_this(),
-                                         tree_part(cluster_->keys(), "", reach::key_alone));
+    return moment_of(cluster_, tree_part(cluster_->keys(), "", reach::key_alone));
 }
 
 // ---- Following ----------------------------------------------------------------------------------
@@ -133,7 +67,7 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
         // Locks move the revision, too: what was compacted need not be a change of the tree.
         if (error.reason != etcd_reason::compacted) throw;
         tree_part oldest(keys, "", reach::key_alone);
-        read(&oldest, error.revision);
+        read_part(cluster_.get(), &oldest, error.revision);
         if (oldest.tree_revision() > static_cast<int64_t>(since)) throw;
         follow(error.revision + 1);
     }
@@ -153,7 +87,7 @@ void etcd_store::open(bool create) {
                 tree_facts{0, cluster_->unique_name()}.text());
         (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
     }
-    note_depth(tree_state(&cluster_->calls(), keys));
+    cluster_->note_depth(tree_state(&cluster_->calls(), keys).deepest());
 }
 
 // ---- Setting ------------------------------------------------------------------------------------
@@ -238,7 +172,7 @@ class set_request {
 }  // namespace
 
 bool etcd_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
-    if (!can_be_there(path)) return false;
+    if (!can_be_key(path)) return false;
     check_value(path, value);
     const auto *lock = dynamic_cast<const etcd_lock *>(fence);
     if (fence != nullptr && lock == nullptr && !fence->still_held()) throw lock_lost(path);
@@ -254,7 +188,7 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
             request.fence(lock->place());
         } else {
             tree_part there(cluster_->keys(), std::string(path), reach::key_alone);
-            read(&there, 0);
+            read_part(cluster_.get(), &there, 0);
             if (there.rows().front().empty()) return false;
             request.expect(there.rows().front().Get(0).mod_revision());
         }
@@ -284,7 +218,7 @@ change_counts etcd_store::apply(const std::vector<change> &changes, const apply_
                                              "': a path in a cluster has " +
                                              std::to_string(MOST_ELEMENTS) + " elements at most");
     }
-    return carry_out(this, changes, terms);
+    return carry_out(cluster_.get(), changes, terms);
 }
 
 bool etcd_store::finish_apply(finish how) {

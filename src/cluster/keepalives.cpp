@@ -7,6 +7,7 @@
 
 #include "cluster/call_context.h"
 #include "cluster/etcd.grpc.pb.h"
+#include "cluster/request.h"
 
 namespace keyview::host {
 

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-#include "cluster/connection.h"
+#include "cluster/cluster_settings.h"
 
 namespace keyview::host {
 

@@ -4,8 +4,6 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 

@@ -11,6 +11,8 @@
 #ifndef KEYVIEW_CLUSTER_SESSION_H
 #define KEYVIEW_CLUSTER_SESSION_H
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -44,6 +46,10 @@ class session {
 
     connection &calls() { return calls_; }
     const layout &keys() const { return keys_; }
+
+    // The depth of the tree when it was read last, and at least that of a tree with a service.
+    uint32_t deepest() const { return deepest_; }
+    void note_depth(uint32_t deepest) { deepest_ = std::max(deepest, USUAL_DEPTH); }
 
     // One call, while which the leases are kept alive.
     wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
@@ -79,8 +85,11 @@ class session {
     bool drop_place(const std::shared_ptr<lease> &its) noexcept;
     void revoke(int64_t id, std::chrono::milliseconds patience) noexcept;
 
+    static constexpr uint32_t USUAL_DEPTH = 8;
+
     connection calls_;
     layout keys_;
+    std::atomic<uint32_t> deepest_{USUAL_DEPTH};
     uint64_t generation_;
     std::shared_ptr<leases> leases_ = std::make_shared<leases>();
     std::mutex granting_;

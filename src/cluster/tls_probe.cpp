@@ -18,8 +18,6 @@
 
 namespace keyview::host {
 
-using steady = std::chrono::steady_clock;
-
 namespace {
 
 struct free_it {

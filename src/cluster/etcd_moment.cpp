@@ -1,0 +1,70 @@
+// Reads of the tree and the moments that they are as of.
+#include "cluster/etcd_moment.h"
+
+#include <utility>
+
+#include "cluster/half_applied.h"
+#include "model/path.h"
+
+namespace keyview::host {
+
+void read_part(session *cluster, tree_part *part, int64_t revision) {
+    half_applied_wait patience(cluster);
+    for (;;) {
+        wire::TxnRequest request;
+        part->ask(cluster->deepest(), revision, request.mutable_success());
+        wire::TxnResponse response = cluster->txn(request, cluster->calls().answer_end());
+        bool whole = part->take(&response, 0);
+        cluster->note_depth(part->deepest());
+        if (!whole) continue;
+        if (revision != 0 || part->marker().empty()) return;
+        patience.wait(part->marker());
+    }
+}
+
+bool can_be_key(std::string_view path) {
+    return path_fault(path) == nullptr && elements_of(path) <= MOST_ELEMENTS;
+}
+
+namespace {
+
+// Reads at the revision of its first answer.
+class etcd_moment final : public moment {
+  public:
+    etcd_moment(std::shared_ptr<session> cluster, tree_part part)
+        : cluster_(std::move(cluster)), part_(std::move(part)) {}
+
+    revision current() override {
+        if (part_.revision() == 0) read_part(cluster_.get(), &part_, 0);
+        return {static_cast<uint64_t>(part_.tree_revision()), 0};
+    }
+
+    bool read(std::string_view path, std::string *value) override {
+        return can_be_key(path) && part_with(path, reach::key_alone).read(path, value);
+    }
+
+    bool copy(std::string_view path, reach which, snapshot *out) override {
+        return can_be_key(path) && part_with(path, which).copy(path, which, out);
+    }
+
+  private:
+    const tree_part &part_with(std::string_view path, reach which) {
+        if (part_.revision() == 0 || !part_.tells(path, which)) {
+            int64_t at = part_.revision();
+            part_ = tree_part(cluster_->keys(), std::string(path), which);
+            read_part(cluster_.get(), &part_, at);
+        }
+        return part_;
+    }
+
+    std::shared_ptr<session> cluster_;
+    tree_part part_;  // what was read last
+};
+
+}  // namespace
+
+std::unique_ptr<moment> moment_of(std::shared_ptr<session> cluster, tree_part part) {
+    return std::make_unique<etcd_moment>(std::move(cluster), std::move(part));
+}
+
+}  // namespace keyview::host
