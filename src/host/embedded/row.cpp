@@ -50,15 +50,6 @@ bool key_is_hashed(std::string_view key) noexcept {
     return key.size() == LONGEST_KEY && key[HASHED_HEAD] == HASHED;
 }
 
-void append_path(std::string *out, std::string_view key) {
-    size_t start = out->size();
-    out->append(key);
-    for (size_t i = start; i < out->size(); ++i) {
-        char &c = (*out)[i];
-        if (c == INNER || c == LAST) c = '.';
-    }
-}
-
 bool path_before(std::string_view a, std::string_view b) {
     char place_a[MAX_PATH_LENGTH];
     char place_b[MAX_PATH_LENGTH];
@@ -127,10 +118,10 @@ static std::string_view stored_path(std::string_view bytes) {
 std::string path_of_row(std::string_view key, std::string_view bytes) {
     std::string_view stored = key_is_hashed(key) ? stored_path(bytes) : std::string_view();
     if (!stored.empty() && row_key(stored).view() == key) return std::string(stored);
-    std::string path;
-    append_path(&path, key_is_hashed(key) ? key.substr(0, HASHED_HEAD) : key);
-    if (key_is_hashed(key)) path += "...";
-    return path;
+    std::string path(key.substr(0, key_is_hashed(key) ? HASHED_HEAD : key.size()));
+    std::replace_if(
+        path.begin(), path.end(), [](char c) { return c == INNER || c == LAST; }, '.');
+    return key_is_hashed(key) ? path + "..." : path;
 }
 
 bool row_is_below(std::string_view key, std::string_view bytes, std::string_view path,

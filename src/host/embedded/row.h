@@ -49,9 +49,6 @@ class row_key {
 
 bool key_is_hashed(std::string_view key) noexcept;
 
-// Appends the path of a row key that is not hashed.
-void append_path(std::string *out, std::string_view key);
-
 // Whether a comes before b in the order of row keys before hashing.
 bool path_before(std::string_view a, std::string_view b);
 
