@@ -29,12 +29,7 @@ static constexpr size_t FIRST_MAP_SIZE = 64 << 10;
 static constexpr const char *WHAT_TO_DO =
     "; apply a cluster document with keyviewctl to create it, or set KEYVIEW_REGISTRY to where it is";
 
-struct network_row {
-    int64_t type;
-    const char *name;
-};
-
-static constexpr network_row NETWORK_FILE_SYSTEMS[] = {
+static constexpr std::pair<int64_t, const char *> NETWORK_FILE_SYSTEMS[] = {
     {0x6969, "NFS"},      {0xFF534D42, "CIFS"},   {0xFE534D42, "SMB"},      {0x517B, "SMB"},
     {0x5346414F, "AFS"},  {0x6B414653, "AFS"},    {0x73757245, "Coda"},     {0x00C36400, "Ceph"},
     {0x01021997, "9P"},   {0x0BD00BD0, "Lustre"}, {0x01161970, "GFS2"},     {0x7461636F, "OCFS2"},
@@ -42,9 +37,8 @@ static constexpr network_row NETWORK_FILE_SYSTEMS[] = {
 };
 
 const char *network_file_system(int64_t type) noexcept {
-    for (const network_row &row : NETWORK_FILE_SYSTEMS) {
-        if (row.type == (type & 0xFFFFFFFF)) return row.name;
-    }
+    for (auto [known, name] : NETWORK_FILE_SYSTEMS)
+        if (known == (type & 0xFFFFFFFF)) return name;
     return nullptr;
 }
 

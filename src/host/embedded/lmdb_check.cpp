@@ -89,16 +89,15 @@ class row_audit {
 
 void require_all_found(int fd, const meta &state, const damage_sink &damage) {
     bool all_sound = true;
-    page_walk(fd, state, damage).run([&](std::string_view key, std::string_view bytes) {
+    walk_pages(fd, state, damage, [&](std::string_view key, std::string_view bytes) {
         row found;
         all_sound = all_sound && read_row(key, bytes, &found);
     });
     if (all_sound) return;
     // A damaged row may be one whose key was damaged: then its true key cannot be found.
     row_audit audit([](auto &, auto &) {}, [](auto, auto) {});
-    page_walk(fd, state, damage).run([&](std::string_view key, std::string_view bytes) {
-        audit.add(key, bytes);
-    });
+    walk_pages(fd, state, damage,
+               [&](std::string_view key, std::string_view bytes) { audit.add(key, bytes); });
     audit.compare(damage);
 }
 
@@ -114,13 +113,12 @@ check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &
     file_head head;
     if (!read_head(fd, &head, damage)) return counts;
     row_audit audit(damage, sink);
-    page_walk walk(fd, head.newest(), damage);
-    walk.run([&](std::string_view key, std::string_view bytes) {
+    walk_pages(fd, head.newest(), damage, [&](std::string_view key, std::string_view bytes) {
         ++counts.keys;
         audit.add(key, bytes);
     });
     audit.compare(damage);
-    counts.pages = walk.pages();
+    counts.pages = head.newest().last_page + 1;
     return counts;
 }
 
