@@ -324,8 +324,8 @@ class Repair : public Embedded {
         copy_data("/data.mdb", "/data.bad");
     }
 
-    // Every other key is delivered, and the damaged one named.
-    void expect_scan_goes_on(const std::string &path, bool in_key) {
+    // Every other key is delivered, and the damaged one named. Returns whether its path is known.
+    bool expect_scan_goes_on(const std::string &path, bool in_key) {
         tree found;
         std::string lost;
         EXPECT_TRUE(registry.keys->now()->scan(
@@ -336,15 +336,23 @@ class Repair : public Embedded {
         EXPECT_TRUE(in_key || lost.substr(0, 490) == path.substr(0, 490)) << lost;
         EXPECT_EQ(failure_of([&] { stored(path); }), failure::content);
         EXPECT_EQ(failure_of([&] { stored_tree(); }), failure::content);
+        return lost == path;
     }
 
     const std::string x = std::string(240, 'x');
     const std::string long_key = "t." + x + "." + x + "." + x + "1";
     const std::string SHORT_VALUE = "the value of the short key";
     const std::string LONG_VALUE = "the value of the long key";
-    const tree keys = {{"t", "top"},           {"t.a", SHORT_VALUE},  {"t.a.b", "below"},
-                       {"t.c", "other"},       {"t." + x, ""},        {"t." + x + "." + x, ""},
-                       {long_key, LONG_VALUE}, {long_key + ".d", ""}, {long_key + "2", "beside"}};
+    const std::string DEEP_VALUE = "the value of the key below the long one";
+    const tree keys = {{"t", "top"},
+                       {"t.a", SHORT_VALUE},
+                       {"t.a.b", "below"},
+                       {"t.c", "other"},
+                       {"t." + x, ""},
+                       {"t." + x + "." + x, ""},
+                       {long_key, LONG_VALUE},
+                       {long_key + ".d", DEEP_VALUE},
+                       {long_key + "2", "beside"}};
 };
 
 TEST_F(Repair, EachChangeOfADamagedKeyRepairsIt) {
@@ -353,7 +361,9 @@ TEST_F(Repair, EachChangeOfADamagedKeyRepairsIt) {
     copy_data("/data.mdb", "/data.good");
     const struct {
         std::string path, value, parent;
-    } ROWS[] = {{"t.a", SHORT_VALUE, "t"}, {long_key, LONG_VALUE, "t." + x}};
+    } ROWS[] = {{"t.a", SHORT_VALUE, "t"},
+                {long_key, LONG_VALUE, "t." + x},
+                {long_key + ".d", DEEP_VALUE, long_key}};
     for (const auto &row : ROWS) {
         copy_data("/data.good", "/data.mdb");
         std::string key = raw_registry(directory).key_with(row.value);
@@ -373,11 +383,13 @@ TEST_F(Repair, EachChangeOfADamagedKeyRepairsIt) {
                 EXPECT_TRUE(in_key && error.kind == failure::content) << error.what();
                 continue;
             }
-            expect_scan_goes_on(row.path, in_key);
+            bool known = expect_scan_goes_on(row.path, in_key);
             repair("put", {put(row.path, row.value)}, keys);
             repair("put of all", puts(keys), keys);
             repair("removal", {removal(row.path)}, without(keys, row.path));
-            repair("removal of the parent", {removal(row.parent)}, without(keys, row.parent));
+            // Below a parent with a hashed key, a row whose path is lost cannot be attributed.
+            if (known || row.parent.size() < 494)
+                repair("removal of the parent", {removal(row.parent)}, without(keys, row.parent));
             close();
         }
     }

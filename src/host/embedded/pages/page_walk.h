@@ -17,9 +17,9 @@ namespace keyview::host {
 // Receives the key and the value of a row.
 using node_visitor = std::function<void(std::string_view key, std::string_view value)>;
 
-// Walks the trees of the state. Rows are visited in the order of their keys; what is below a damaged
-// page is left out. The state's pages must not change meanwhile: a reader of LMDB uses it, or no
-// writer is at work.
+// Walks the trees of the state. Rows are visited in the order of their keys; what is below a
+// damaged page is left out. The state's pages must not change meanwhile: a reader of LMDB uses it,
+// or no writer is at work.
 void walk_pages(int fd, const meta &state, const damage_sink &damage, const node_visitor &visit);
 
 }  // namespace keyview::host
