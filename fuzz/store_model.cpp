@@ -59,7 +59,7 @@ static void expect_same(store *keys, const tree &model, const std::string &path)
             std::string here(copy.path(key));
             EXPECT_TRUE(seen.emplace(here, copy.value(key)).second) << "twice";
             EXPECT_EQ(copy.find(here), key);
-            if (!copy.tells_children(key)) continue;
+            if (!copy.covers_children(key)) continue;
             snapshot::range list = copy.children(key);
             for (uint32_t i = 0; i < list.count; ++i) {
                 EXPECT_EQ(parent_of(std::string(copy.path(list.first + i))), here);

@@ -208,7 +208,7 @@ void environment::close() noexcept {
 
 std::shared_lock<map_mutex> environment::keep_map_in_place() {
     if (resize_waits_.load(std::memory_order_relaxed)) {
-        let_go_of_moments();
+        release_moments();
         std::lock_guard let_it_go_first(resizing_);
     }
     return std::shared_lock(map_);
@@ -217,7 +217,7 @@ std::shared_lock<map_mutex> environment::keep_map_in_place() {
 // factor 0 adopts the map size that another process set. Any other one enlarges the map for a
 // writer, the file first: once a commit states the map size, the file must be as long.
 void environment::resize_map(size_t factor) {
-    let_go_of_moments();
+    release_moments();
     std::lock_guard turn(resizing_);
     resize_waits_.store(true);
     deadline wait(MAP_WAIT_MS);

@@ -248,7 +248,7 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
         return mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at);
     };
     if (granted()) return lock;
-    let_go_of_moments();  // the holder of the lock may have to wait for their end
+    release_moments();  // the holder of the lock may have to wait for their end
     uint32_t wait_ms = limit.ms();
     for (deadline wait(wait_ms); wait.pause();) {
         if (granted()) return lock;

@@ -35,12 +35,12 @@ KEYVIEW_HOST_API void tmem_freem(void *mem, void *block) {
 
 KEYVIEW_HOST_API void *tmem_allocm(void *mem, uint64_t size) {
     (void)mem;
-    return keyview::host::take_block(size);
+    return keyview::host::allocate_block(size);
 }
 
 KEYVIEW_HOST_API void tmem_freem(void *mem, void *block) {
     (void)mem;
-    if (block != nullptr) keyview::host::give_back_block(block);
+    if (block != nullptr) keyview::host::free_block(block);
 }
 
 #endif

@@ -1,4 +1,4 @@
-// What a lock service does unless it knows more.
+// The defaults of a lock service.
 #include "host/registry/backend.h"
 
 namespace keyview::host {

@@ -1,4 +1,4 @@
-// A registry as the rest of the host kit sees it: its keys and its named locks, chosen by a URL.
+// The interface of a registry within the host kit: its keys and its named locks, chosen by a URL.
 //
 //     lmdb:<directory>                      this machine
 //     etcd://host:port,host:port/prefix     a cluster; etcds:// with TLS
@@ -21,7 +21,7 @@ namespace keyview::host {
 
 enum class lock_mode { shared, exclusive };
 
-// A lock that is held. The destructor releases it; so does the death of the process.
+// A held lock. The destructor releases it; so does the end of the process, however it ends.
 class KEYVIEW_HOST_API held_lock {
   public:
     held_lock() = default;
@@ -29,19 +29,19 @@ class KEYVIEW_HOST_API held_lock {
     held_lock &operator=(const held_lock &) = delete;
     virtual ~held_lock() = default;
 
-    // Whether the lock is held, as far as this process can tell without asking.
+    // Whether the lock is still held, as far as this process knows without a call.
     virtual bool still_held() const = 0;
 
-    // The part of the tree that was wanted with the lock, as of its grant. Null at the second call,
-    // and for a service that does not bring it: then the store is asked.
+    // The part of the tree that was requested with the lock, as of its grant. Null at the second
+    // call, and for a service that does not deliver it: then the store is read.
     virtual std::unique_ptr<moment> as_of_grant() { return nullptr; }
 };
 
-// How long a lock is waited for, in milliseconds: a number, or a function that is asked once there
-// is something to wait for. 0 tries once.
+// The longest wait for a lock, in milliseconds: a number, or a function that is called once a wait
+// is necessary. 0 tries once.
 class wait_limit {
   public:
-    // Implicit, so that a number can be given where a limit is asked for.
+    // Implicit, so that a number converts to a limit.
     wait_limit(uint32_t wait_ms) : wait_ms_(wait_ms) {}
     explicit wait_limit(uint32_t (*ask)()) : ask_(ask) {}
 
@@ -56,7 +56,7 @@ struct lock_use {
     std::string name;
     lock_mode mode = lock_mode::exclusive;
     bool waits = false;
-    std::string holder;  // "" if the service cannot tell
+    std::string holder;  // "" if the service does not know it
 };
 
 class KEYVIEW_HOST_API lock_service {
@@ -66,14 +66,14 @@ class KEYVIEW_HOST_API lock_service {
     lock_service &operator=(const lock_service &) = delete;
     virtual ~lock_service() = default;
 
-    // Takes the named lock, in the name of this process: threads exclude each other too. Throws
-    // host_error(failure::lock) if it is not granted in time. wanted is what the holder is going to
-    // read, for a service that can bring it with the lock.
+    // Acquires the named lock; threads of one process exclude each other, too. Throws
+    // host_error(failure::lock) if it is not granted in time. wanted is the part that the holder
+    // will read, for a service that can deliver it with the lock.
     virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted = {}) = 0;
 
-    // Who holds or waits for a lock, as far as the service can tell. A service that does not know
-    // the names of its locks tells of those in names.
+    // The holders and waiters of locks, as far as the service knows them. A service that does not
+    // store the names of its locks reports on those in names.
     virtual std::vector<lock_use> users(const std::vector<std::string> &names);
 };
 
@@ -84,7 +84,7 @@ struct backend {
 
 enum class open_mode { existing, create };
 
-// Receives what is wrong with a registry: a place in its files or the path of a key, and a sentence
+// Receives a damage of a registry: an offset in its files or the path of a key, and a sentence
 // without its subject.
 using damage_sink = std::function<void(const std::string &place, const std::string &reason)>;
 

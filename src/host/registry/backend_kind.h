@@ -1,5 +1,5 @@
-// A kind of registry, as the choice by URL sees it: a row of its functions. The embedded kind is
-// part of the kit; a cluster's comes from a module that is loaded at its first use.
+// A kind of registry, as a row of functions for the choice by URL. The embedded kind is part of the
+// kit; the one for clusters comes from a module that is loaded at its first use.
 #ifndef KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
 #define KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
 
@@ -10,7 +10,7 @@
 
 namespace keyview::host {
 
-// Each is given the whole URL.
+// Each takes the whole URL.
 struct backend_kind {
     void (*check_url)(const std::string &url);  // throws failure::usage
     backend (*open)(const std::string &url, open_mode mode);
@@ -18,7 +18,7 @@ struct backend_kind {
     void (*diagnose)(const std::string &url, const diagnosis_sink &sink);
 };
 
-// A module exports its row under this name; the number is that of the row's form.
+// A module exports its row under this name; the number is the version of the row.
 #define KEYVIEW_BACKEND_KIND keyview_backend_kind_1
 
 }  // namespace keyview::host

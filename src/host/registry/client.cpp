@@ -43,7 +43,7 @@ registry_client::open_key *registry_client::free_slot() {
     return first_free_;
 }
 
-// 16 bits tell the client, 24 the use of the slot, 24 the slot; never 0.
+// 16 bits for the client, 24 for the use of the slot, 24 for the slot; never 0.
 void *registry_client::begin_use(open_key *key) {
     first_free_ = key->next_free;
     key->uses = (key->uses + 1) & LOW_24;
@@ -64,7 +64,7 @@ int32_t registry_client::close(void *handle) {
 
 // ---- Opening and values -------------------------------------------------------------------------
 
-// From what the holder of a lock sees, else from the store.
+// From the view of a held lock, else from the store.
 bool registry_client::read(std::string_view path, open_key *key) {
     if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &key->copied)) {
         return key->copied.part != nullptr;
@@ -112,11 +112,11 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
     if (!keys_->set(path, value, mine.fence(keys_.get(), path))) {
         return no_such_key("set", path, "there is no such key any more");
     }
-    mine.note_value(keys_.get(), path, value);
+    mine.update_value(keys_.get(), path, value);
     if (key->copied.part == nullptr) {
         key->value = value;
     } else if (key->copied.part->value(key->copied.key) != value) {
-        key->copied.part->set_value(key->copied.key, value);  // of a lock that was released
+        key->copied.part->set_value(key->copied.key, value);  // the copy belongs to a released lock
     }
     return KVTC_SUCCESS;
 }
@@ -125,7 +125,7 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 
 int32_t registry_client::list_children(open_key *key) {
     uint32_t index = key->copied.key;
-    if (key->copied.part != nullptr && key->copied.part->tells_children(index)) {
+    if (key->copied.part != nullptr && key->copied.part->covers_children(index)) {
         key->list = key->copied.part;
     } else {
         std::string_view path = path_of(*key);

@@ -1,7 +1,7 @@
-// One handle of the registry client: its open keys over a store. Within the part of the tree that a
-// lock of the calling thread covers it reads what the holder sees, elsewhere the store.
+// One handle of the registry client: its open keys over a store. Keys that a lock of the calling
+// thread covers are read from the view of that lock, all others from the store.
 //
-// The functions return what the kvtc_ operations return; they may throw host_error.
+// The functions return the codes of the kvtc_ operations; they may throw host_error.
 #ifndef KEYVIEW_HOST_REGISTRY_CLIENT_H
 #define KEYVIEW_HOST_REGISTRY_CLIENT_H
 

@@ -1,4 +1,4 @@
-// What the looks at all kinds of registries share.
+// The inspections that all kinds of registries share.
 #include "host/registry/diagnosis.h"
 
 #include <cstdio>

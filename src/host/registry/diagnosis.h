@@ -1,4 +1,4 @@
-// What a look at a registry and its surroundings found, for who has to mend it.
+// Findings about a registry and its environment, for its administrator.
 #ifndef KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
 #define KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
 
@@ -20,10 +20,10 @@ struct diagnosis {
 
 using diagnosis_sink = std::function<void(const diagnosis &found)>;
 
-// Takes and gives back a lock that nobody else uses, and tells how long that took.
+// Acquires and releases a lock without other users, and reports how long that took.
 KEYVIEW_HOST_API void diagnose_locks(lock_service *locks, const diagnosis_sink &sink);
 
-// Runs a part of the look; what it throws is its finding.
+// Runs one inspection; its exception becomes a finding.
 template <typename look>
 void diagnose(const std::string &subject, const diagnosis_sink &sink, look &&run) {
     try {

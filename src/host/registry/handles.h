@@ -1,6 +1,5 @@
-// Handles that can be checked: a token names a slot and the use of the slot, so a handle that was
-// closed, belongs to another table or is no handle at all is told from a live one without touching
-// what it points to.
+// Handles that can be checked: a token contains a slot and the use count of the slot. So a closed
+// handle, a handle of another table and any other value are recognized without dereferencing them.
 #ifndef KEYVIEW_HOST_REGISTRY_HANDLES_H
 #define KEYVIEW_HOST_REGISTRY_HANDLES_H
 
@@ -19,7 +18,7 @@ inline void *handle_of(uint64_t token) noexcept {
 }
 
 // The live handles of one kind in the process. T has a member token. The kind keeps the handles of
-// two tables apart.
+// two tables distinct.
 template <typename T>
 class handle_table {
   public:
@@ -40,7 +39,7 @@ class handle_table {
         return nullptr;
     }
 
-    // Null for what is no live handle.
+    // Null unless it is a live handle.
     T *find(const void *handle) const {
         auto token = reinterpret_cast<uint64_t>(handle);
         T *object = slots_[token % SLOTS].load(std::memory_order_acquire);

@@ -11,16 +11,16 @@
 
 namespace keyview::host {
 
-// What a child inherits belongs to its parent: it ends neither a lock nor a moment of the parent's,
-// and is only kept reachable for leak checkers.
-static void leave_to_parent(std::vector<held_entry> *entries) {
+// Inherited locks and moments belong to the parent: the child ends neither, and only keeps them
+// reachable for leak checkers.
+static void abandon_inherited(std::vector<held_entry> *entries) {
     static auto &inherited = *new std::vector<std::vector<held_entry>>;
     std::lock_guard guard(fork_mutex());
     inherited.push_back(std::move(*entries));
     entries->clear();
 }
 
-// Found without a call: one is needed for every key that is opened.
+// Accessed without a call: each open of a key needs it.
 static thread_local held_locks *of_this_thread __attribute__((tls_model("initial-exec"))) = nullptr;
 
 held_locks &held_locks::of_thread() {
@@ -35,13 +35,13 @@ held_locks &held_locks::begin_thread() {
     };
     static thread_local end_of_thread end;
     if (of_this_thread == nullptr) of_this_thread = new held_locks;
-    if (!of_this_thread->entries_.empty()) leave_to_parent(&of_this_thread->entries_);
+    if (!of_this_thread->entries_.empty()) abandon_inherited(&of_this_thread->entries_);
     of_this_thread->generation_ = fork_generation();
     return *of_this_thread;
 }
 
 held_locks::~held_locks() {
-    if (generation_ != fork_generation() && !entries_.empty()) leave_to_parent(&entries_);
+    if (generation_ != fork_generation() && !entries_.empty()) abandon_inherited(&entries_);
 }
 
 void held_locks::take(const void *service, const backend &registry, std::string_view name,
@@ -53,7 +53,7 @@ void held_locks::take(const void *service, const backend &registry, std::string_
             throw host_error(failure::lock,
                              "the lock " + mine.name + " is held by this thread already");
         }
-        lock = mine.lock;  // asking again could wait for a writer that waits for this thread
+        lock = mine.lock;  // a second request could wait for a writer that waits for this thread
     }
     entries_.reserve(entries_.size() + 1);
     spare_name_.assign(name);
@@ -105,37 +105,37 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
 
 bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
     bool only = entries_.size() == 1 && entries_.front().keys.get() == reader.keys;
-    if (only && entries_.front().view.find_again(path, found)) return true;
+    if (only && entries_.front().view.find_in_order(path, found)) return true;
     held_entry *lock = only ? &entries_.front() : covering(reader.keys, path);
     if (lock == nullptr) return false;
     lock_cover cover = lock->cover();
-    if (!locked_view::tells(cover, path)) return false;
+    if (!locked_view::covers(cover, path)) return false;
     lock->view.find(reader, cover, path, found);
     return true;
 }
 
 bool held_locks::find_list(const tree_reader &reader, std::string_view path, copied_key *found) {
     held_entry *lock = covering(reader.keys, path);
-    if (lock == nullptr || !locked_view::tells_children(lock->cover(), path)) return false;
+    if (lock == nullptr || !locked_view::covers_children(lock->cover(), path)) return false;
     *found = lock->view.find_list(reader, lock->cover(), path);
     return true;
 }
 
-void held_locks::note_value(const store *keys, std::string_view path, std::string_view value) {
+void held_locks::update_value(const store *keys, std::string_view path, std::string_view value) {
     for (held_entry &e : entries_) {
-        if (e.keys.get() == keys && locked_view::tells(e.cover(), path)) {
-            e.view.note_value(path, value);
+        if (e.keys.get() == keys && locked_view::covers(e.cover(), path)) {
+            e.view.update_value(path, value);
         }
     }
 }
 
-void held_locks::copy_out() {
+void held_locks::detach() {
     for (held_entry &e : entries_)
-        e.view.copy_out(e.cover());
+        e.view.detach(e.cover());
 }
 
-void let_go_of_moments() {
-    held_locks::of_thread().copy_out();
+void release_moments() {
+    held_locks::of_thread().detach();
 }
 
 }  // namespace keyview::host

@@ -1,5 +1,5 @@
-// The locks that this thread holds, each with what its holder sees of the tree. The lock operations
-// keep the table, the registry client reads through it. A lock belongs to the thread that took it,
+// The locks that this thread holds, each with its view of the tree. The lock operations maintain
+// the table, the registry client reads through it. A lock belongs to the thread that acquired it,
 // and is released when that thread ends.
 #ifndef KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
 #define KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
@@ -17,12 +17,12 @@
 namespace keyview::host {
 
 struct held_entry {
-    const void *service;  // the lock service handle it was taken with
+    const void *service;  // the lock service handle that acquired it
     std::string name;
     lock_mode mode;
     std::shared_ptr<held_lock> lock;
-    std::shared_ptr<store> keys;  // what the lock protects
-    size_t cover_at;              // where the path that it covers begins in the name; npos for none
+    std::shared_ptr<store> keys;  // the store that the lock protects
+    size_t cover_at;              // offset in the name of the path that it covers; npos for none
     reach depth;
     locked_view view;
 
@@ -43,8 +43,8 @@ class held_locks {
     held_locks &operator=(const held_locks &) = delete;
     ~held_locks();
 
-    // Takes a lock and enters it. Throws failure::lock if it is not granted in time, or if this
-    // thread itself stands in the way.
+    // Acquires a lock and adds it. Throws failure::lock if it is not granted in time, or if another
+    // lock of this thread conflicts with it.
     void take(const void *service, const backend &registry, std::string_view name, lock_mode mode);
 
     // Releases the latest lock of that name, or all locks of a service; false if there is none.
@@ -54,16 +54,16 @@ class held_locks {
     // The lock that covers a path most closely; null if none does.
     const held_lock *fence(const store *keys, std::string_view path);
 
-    // Looks for a key, or for its list, in the view of the closest lock that covers it; false if
-    // no view tells about it.
+    // Finds a key, or its list, in the view of the closest lock that covers it; false if no view
+    // covers it.
     bool find(const tree_reader &reader, std::string_view path, copied_key *found);
     bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
 
-    // Brings a value that was set into the views.
-    void note_value(const store *keys, std::string_view path, std::string_view value);
+    // Updates a value in the views after a set.
+    void update_value(const store *keys, std::string_view path, std::string_view value);
 
-    // See let_go_of_moments().
-    void copy_out();
+    // Detaches the views from the store, as release_moments() does.
+    void detach();
 
   private:
     static held_locks &begin_thread();
@@ -71,7 +71,7 @@ class held_locks {
 
     uint64_t generation_ = 0;
     std::vector<held_entry> entries_;
-    std::string spare_name_;  // room for the next name
+    std::string spare_name_;  // storage for the next name
 };
 
 }  // namespace keyview::host

@@ -1,21 +1,21 @@
-// What the holder of a lock sees.
+// The view of the holder of a lock.
 #include "host/registry/locked_view.h"
 
 #include <algorithm>
 
 namespace keyview::host {
 
-// Whoever looks up more keys than this one by one is on the way to read everything.
-static constexpr size_t MOST_SINGLE_KEYS = 32;
+// A reader that looks up more single keys than this is assumed to read everything.
+static constexpr size_t MAX_SINGLE_KEYS = 32;
 
-// What a registry handle keeps.
-static constexpr size_t MOST_KEPT = 8;
-static constexpr size_t MOST_KEPT_BYTES = size_t{16} << 20;
+// The bounds of the cache of a registry handle.
+static constexpr size_t MAX_KEPT = 8;
+static constexpr size_t MAX_KEPT_BYTES = size_t{16} << 20;
 
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
 size_t copies::bytes() const {
-    size_t sum = asked.capacity() * sizeof(asked.front());
+    size_t sum = order.capacity() * sizeof(order.front());
     for (const auto &part : parts)
         sum += part->bytes();
     return sum;
@@ -37,27 +37,27 @@ std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &
     return taken;
 }
 
-// The latest ones stay, as far as there is room for them.
+// Keeps the latest ones within the bounds.
 void kept_copies::drop_oldest() {
     size_t kept = 0;
-    for (size_t bytes = 0; kept < std::min(all_.size(), MOST_KEPT); ++kept) {
+    for (size_t bytes = 0; kept < std::min(all_.size(), MAX_KEPT); ++kept) {
         bytes += all_[all_.size() - 1 - kept]->bytes();
-        if (bytes > MOST_KEPT_BYTES) break;
+        if (bytes > MAX_KEPT_BYTES) break;
     }
     all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
 }
 
 // ---- The view -----------------------------------------------------------------------------------
 
-bool locked_view::tells(const lock_cover &cover, std::string_view path) {
+bool locked_view::covers(const lock_cover &cover, std::string_view path) {
     return !cover.path.empty() && path_within(path, cover.path, cover.depth);
 }
 
-bool locked_view::tells_children(const lock_cover &cover, std::string_view path) {
-    return tells(cover, path) && (cover.depth == reach::all_below || path == cover.path);
+bool locked_view::covers_children(const lock_cover &cover, std::string_view path) {
+    return covers(cover, path) && (cover.depth == reach::all_below || path == cover.path);
 }
 
-void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
+void locked_view::begin(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
     if (moment_ == nullptr) moment_ = reader.keys->now(cover.path);
     copies_ = reader.kept->take(cover.path, moment_->current());
@@ -71,8 +71,8 @@ void locked_view::look(const tree_reader &reader, const lock_cover &cover) {
     }
 }
 
-void locked_view::bring(snapshot *part, std::string_view path, std::string_view value) {
-    uint32_t key = part->tells(path) ? part->find(path) : snapshot::NONE;
+void locked_view::update(snapshot *part, std::string_view path, std::string_view value) {
+    uint32_t key = part->covers(path) ? part->find(path) : snapshot::NONE;
     if (key != snapshot::NONE) part->set_value(key, value);
 }
 
@@ -84,19 +84,19 @@ copied_key locked_view::copy(std::string_view path, reach which) {
     return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
 }
 
-// With what the holder changed since the moment.
+// Applies the changes that the holder made since the moment.
 void locked_view::add_part(const std::shared_ptr<snapshot> &part) {
     for (const auto &[changed, value] : changes_)
-        bring(part.get(), changed, value);
+        update(part.get(), changed, value);
     latest_ = copies_->parts.size();
     copies_->parts.push_back(part);
 }
 
-// From the latest part that tells about the key, which becomes latest_; false if none does.
+// Searches the latest part that covers the key, which becomes latest_; false if none does.
 bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
     for (size_t i = parts.size(); i-- > 0;) {
-        if (!parts[i]->tells(path)) continue;
+        if (!parts[i]->covers(path)) continue;
         latest_ = i;
         *key = parts[i]->find(path);
         return true;
@@ -104,23 +104,23 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     return false;
 }
 
-// For a key of the latest part.
-void locked_view::note_asked(uint32_t key, copied_key *found) {
-    auto &asked = copies_->asked;
-    if (next_ < asked.size()) asked.resize(next_);
-    asked.emplace_back(latest_, key);
-    next_ = asked.size();
+// Appends a key of the latest part to the order of reads.
+void locked_view::record_order(uint32_t key, copied_key *found) {
+    auto &order = copies_->order;
+    if (next_ < order.size()) order.resize(next_);
+    order.emplace_back(latest_, key);
+    next_ = order.size();
     *found = {copies_->parts[latest_], key};
 }
 
-// The key alone, as a part.
+// Adds a part with this key alone.
 uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
     uint32_t key = snapshot::NONE;
     std::string value;
     if (moment_ == nullptr || !moment_->read(path, &value)) return key;
-    if (copies_->single_keys == MOST_SINGLE_KEYS) {
-        copy_out(cover);
-        (void)find_copy(path, &key);  // a part tells about everything now
+    if (copies_->single_keys == MAX_SINGLE_KEYS) {
+        detach(cover);
+        (void)find_copy(path, &key);  // one part covers everything now
         return key;
     }
     auto part = std::make_shared<snapshot>(path, reach::key_alone);
@@ -132,47 +132,47 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
 
 void locked_view::find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
                        copied_key *found) {
-    look(reader, cover);
-    if (find_again(path, found)) return;
+    begin(reader, cover);
+    if (find_in_order(path, found)) return;
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
     if (key == snapshot::NONE) {
         *found = {};
     } else {
-        note_asked(key, found);
+        record_order(key, found);
     }
 }
 
 copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,
                                   std::string_view path) {
-    look(reader, cover);
+    begin(reader, cover);
     const auto &parts = copies_->parts;
     for (size_t i = parts.size(); i-- > 0;) {
-        if (!parts[i]->tells(path)) continue;
+        if (!parts[i]->covers(path)) continue;
         uint32_t key = parts[i]->find(path);
-        if (key == snapshot::NONE || !parts[i]->tells_children(key)) continue;
+        if (key == snapshot::NONE || !parts[i]->covers_children(key)) continue;
         latest_ = i;
         return {parts[i], key};
     }
     return moment_ == nullptr ? copied_key() : copy(path, reach::all_below);
 }
 
-void locked_view::note_value(std::string_view path, std::string_view value) {
+void locked_view::update_value(std::string_view path, std::string_view value) {
     if (copies_ == nullptr) {
-        moment_.reset();  // of the grant, before the change: the first look is at the store
+        moment_.reset();  // as of the grant, before the change: the first read uses the store
         return;
     }
-    copies_->as_of = {};  // nobody else may go on with them
+    copies_->as_of = {};  // not to be used under a later lock
     for (const auto &part : copies_->parts)
-        bring(part.get(), path, value);
+        update(part.get(), path, value);
     if (moment_ != nullptr) changes_.emplace_back(path, value);
 }
 
-void locked_view::copy_out(const lock_cover &cover) {
+void locked_view::detach(const lock_cover &cover) {
     if (moment_ == nullptr || copies_ == nullptr) return;
     bool whole = cover.depth == reach::children;
     for (const auto &part : copies_->parts)
-        whole = whole || (part->tells_all() && part->top() == cover.path);
+        whole = whole || (part->covers_all() && part->top() == cover.path);
     if (!whole) (void)copy(cover.path, reach::all_below);
     moment_.reset();
     changes_.clear();

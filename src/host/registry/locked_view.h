@@ -1,12 +1,12 @@
-// What the holder of a lock sees of the part of the tree that the lock covers: one moment, that of
-// its first look, with its own changes.
+// The view that the holder of a lock has of the part of the tree that the lock covers: one moment,
+// that of its first read, with its own changes.
 //
-// The top and its children are copied at the first look, because that is where most questions go.
-// A key further down is looked up alone, until its children are asked for: then all below it is
-// copied in one pass, because a reader of a list goes through what is in it.
+// The first read copies the top and its children, which most reads concern. A key further down is
+// looked up alone. An enumeration of its children copies everything below it in one pass, because a
+// reader of a list reads its entries.
 //
-// A registry handle keeps the copies. Whoever takes the lock again while the part still has the
-// same revision goes on with them.
+// A registry handle caches the copies. They are used again under the next lock if the part still
+// has the same revision.
 #ifndef KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
 #define KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
 
@@ -23,29 +23,29 @@
 
 namespace keyview::host {
 
-// A key of a copy; without a part, or with NONE, if there is no such key.
+// A key of a copy; without a part, or with NONE, if the key does not exist.
 struct copied_key {
     std::shared_ptr<snapshot> part;
     uint32_t key = snapshot::NONE;
 };
 
-// What was copied of one part of the tree, as of one revision.
+// The copies of one part of the tree, as of one revision.
 struct copies {
     std::string top;
     revision as_of;
     std::vector<std::shared_ptr<snapshot>> parts;  // the top with its children first
-    size_t single_keys = 0;                        // how many parts are a key alone
+    size_t single_keys = 0;                        // number of parts with one key only
 
-    // What the latest reader asked for, in order: a part and a key of it.
-    std::vector<std::pair<uint32_t, uint32_t>> asked;
+    // The keys that the latest reader read, in order: a part and a key of it.
+    std::vector<std::pair<uint32_t, uint32_t>> order;
 
     size_t bytes() const;
 };
 
-// The copies that a registry handle keeps, up to a bound.
+// The copies that a registry handle caches, up to a bound.
 class kept_copies {
   public:
-    // Those of that revision, or new ones without a part.
+    // The cached copies of that revision, or new ones without a part.
     std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
 
   private:
@@ -54,7 +54,7 @@ class kept_copies {
     std::vector<std::shared_ptr<copies>> all_;  // the latest last
 };
 
-// Who reads: where the keys are and what was copied before.
+// The source of a read: the store, and the copies made before.
 struct tree_reader {
     store *keys;
     kept_copies *kept;
@@ -62,22 +62,22 @@ struct tree_reader {
 
 class locked_view {
   public:
-    // With the moment that came with the lock; null if the store is to be asked.
+    // granted is the moment that came with the lock; null if the store delivers it.
     explicit locked_view(std::unique_ptr<moment> granted) : moment_(std::move(granted)) {}
 
-    // Whether the view has the answer for a key, or for its list.
-    static bool tells(const lock_cover &cover, std::string_view path);
-    static bool tells_children(const lock_cover &cover, std::string_view path);
+    // Whether the view covers a key, or its list.
+    static bool covers(const lock_cover &cover, std::string_view path);
+    static bool covers_children(const lock_cover &cover, std::string_view path);
 
-    // Answers for what the view tells.
+    // Find a key, or its list, that the view covers.
     void find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
               copied_key *found);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Finds a key quickly if it is the one that the reader before asked for at this point.
-    bool find_again(std::string_view path, copied_key *found) {
-        if (copies_ == nullptr || next_ >= copies_->asked.size()) return false;
-        auto [part, key] = copies_->asked[next_];
+    // Finds a key without a search if the reader before read the same key at this point.
+    bool find_in_order(std::string_view path, copied_key *found) {
+        if (copies_ == nullptr || next_ >= copies_->order.size()) return false;
+        auto [part, key] = copies_->order[next_];
         const std::shared_ptr<snapshot> &copy = copies_->parts[part];
         if (copy->path(key) != path) return false;
         *found = {copy, key};
@@ -85,25 +85,25 @@ class locked_view {
         return true;
     }
 
-    // Brings a value that the holder set into the view.
-    void note_value(std::string_view path, std::string_view value);
+    // Updates a value that the holder set.
+    void update_value(std::string_view path, std::string_view value);
 
-    // Copies what was not copied yet and lets go of the store.
-    void copy_out(const lock_cover &cover);
+    // Copies the rest of the part and ends the moment of the store.
+    void detach(const lock_cover &cover);
 
   private:
-    void look(const tree_reader &reader, const lock_cover &cover);
+    void begin(const tree_reader &reader, const lock_cover &cover);
     bool find_copy(std::string_view path, uint32_t *key);
-    void note_asked(uint32_t key, copied_key *found);
+    void record_order(uint32_t key, copied_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
     void add_part(const std::shared_ptr<snapshot> &part);
-    void bring(snapshot *part, std::string_view path, std::string_view value);
+    void update(snapshot *part, std::string_view path, std::string_view value);
 
-    std::unique_ptr<moment> moment_;  // null before the look at the store, and after copy_out
-    std::shared_ptr<copies> copies_;  // null before the first look
-    size_t latest_ = 0;               // the part that had the latest answer
-    size_t next_ = 0;                 // in copies_->asked
+    std::unique_ptr<moment> moment_;  // null before the first read of the store, and after detach
+    std::shared_ptr<copies> copies_;  // null before the first read
+    size_t latest_ = 0;               // the part that contains the key found last
+    size_t next_ = 0;                 // in copies_->order
     std::vector<std::pair<std::string, std::string>> changes_;  // since the moment
 };
 

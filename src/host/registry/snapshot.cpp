@@ -51,7 +51,7 @@ bool snapshot::add(std::string_view name, std::string_view value, uint32_t child
     return true;
 }
 
-// Behind the path of the list's key, if there is a list.
+// The row's path is the path of the list's key, if any, and the name.
 void snapshot::put_row(std::string_view name, std::string_view value, uint32_t children) {
     size_t name_at = list_of_ == NONE ? 0 : keys_[list_of_].path_size + size_t{1};
     size_t path_size = name_at + name.size();
@@ -64,8 +64,8 @@ void snapshot::put_row(std::string_view name, std::string_view value, uint32_t c
                      list_of_, 0, children});
 }
 
-// Ends a list and gives the key whose list must follow; NONE if there is none, or if the list that
-// ends is not complete.
+// Ends a list and returns the key whose list must follow; NONE if there is none, or if the list
+// that ends is not complete.
 uint32_t snapshot::next_key() {
     if (list_of_ != NONE) {
         const row &parent = keys_[list_of_];
@@ -89,7 +89,7 @@ bool snapshot::begin_list(std::string_view key, char separator) {
     std::string_view name = this->name(parent);
     bool follows = key.size() == above.size() + 1 + name.size() && key[above.size()] == separator &&
                    key.substr(0, above.size()) == above && key.substr(above.size() + 1) == name;
-    // Who reads the top's list asks for no other.
+    // The list of the top may be filled without its path as key.
     if (parent != TOP && !follows) return false;
     list_of_ = parent;
     list_ = key;
@@ -99,7 +99,8 @@ bool snapshot::begin_list(std::string_view key, char separator) {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-// Up from the latest key to one that leads there, and down from that, element by element.
+// The predicted keys first; then up from the latest key to an ancestor of the path, and down from
+// there, element by element.
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
     for (uint32_t step : {step_, step_before_}) {
@@ -136,7 +137,7 @@ uint32_t snapshot::child(uint32_t parent, std::string_view name) const {
 
 void snapshot::set_value(uint32_t key, std::string_view value) {
     auto at = static_cast<uint32_t>(bytes_.size());
-    put(room(value.size()), value);  // may throw: then the row keeps its value
+    put(room(value.size()), value);  // may throw; the row then keeps its value
     keys_[key].value_at = at;
     keys_[key].value_size = static_cast<uint32_t>(value.size());
 }

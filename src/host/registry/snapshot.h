@@ -1,8 +1,8 @@
-// A private copy of a key and of what is below it, as of one moment.
+// A private copy of a key and of the keys below it, as of one moment.
 //
 // Flat: one block of bytes with all paths and values, and a row for each key. The children of a key
-// are rows side by side, in order of their names. A search tries the steps that led to the latest
-// keys first: a reader goes through lists of one shape, and asks for the same of each.
+// are adjacent rows, ordered by name. A search first tries the two distances between the keys found
+// last, because a reader reads the same fields of each entry of a list.
 #ifndef KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
 #define KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
 
@@ -17,14 +17,14 @@
 
 namespace keyview::host {
 
-// Bytes that are only ever added.
+// A block of bytes that only grows.
 class byte_block {
   public:
     size_t size() const { return size_; }
     size_t capacity() const { return capacity_; }
     const char *at(size_t offset) const { return bytes_.get() + offset; }
 
-    // Room for that many bytes behind all others. It is valid until the next call.
+    // Appends that many bytes, to be filled by the caller before the next call.
     char *add(size_t more) {
         if (more > capacity_ - size_) grow(more);
         size_ += more;
@@ -53,10 +53,10 @@ class KEYVIEW_HOST_API snapshot {
     void add_top(std::string_view value, uint32_t children);
 
     // Begins a list. key is the path of the key that it belongs to, with a separator of the
-    // store's; it is kept by reference until all is filled. False if another list must come first.
+    // store's; it is referenced until the copy is complete. False if another list must come first.
     [[nodiscard]] bool begin_list(std::string_view key, char separator);
 
-    // Adds a key to the list; false if it does not come behind the one before.
+    // Adds a key to the list; false if its name is not greater than the one before.
     [[nodiscard]] bool add(std::string_view name, std::string_view value, uint32_t children);
 
     // Ends the filling; false if a list is not complete.
@@ -64,19 +64,19 @@ class KEYVIEW_HOST_API snapshot {
 
     // ---- Reading ----
 
-    // Whether the copy knows about a key, be it there or not; and about its children.
-    bool tells(std::string_view path) const { return path_within(path, top_, depth_); }
-    bool tells_children(uint32_t key) const {
+    // Whether the copy covers a key, existing or not; and its children.
+    bool covers(std::string_view path) const { return path_within(path, top_, depth_); }
+    bool covers_children(uint32_t key) const {
         return depth_ == reach::all_below || (depth_ == reach::children && key == TOP);
     }
 
-    bool tells_all() const { return depth_ == reach::all_below; }
+    bool covers_all() const { return depth_ == reach::all_below; }
     std::string_view top() const { return top_; }
 
-    // What the copy takes of memory.
+    // The memory that the copy occupies.
     size_t bytes() const { return bytes_.capacity() + keys_.capacity() * sizeof(row); }
 
-    // A key that the copy tells about; NONE if it is not there.
+    // Finds a covered key; NONE if it does not exist.
     uint32_t find(std::string_view path);
 
     uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
@@ -107,7 +107,7 @@ class KEYVIEW_HOST_API snapshot {
         uint32_t first;
         uint32_t count;
     };
-    // Keys of one list whose own lists are still to come.
+    // Keys of one list whose own lists are not filled yet.
     struct open_range {
         uint32_t next;
         uint32_t end;

@@ -1,4 +1,4 @@
-// What all stores refuse, in the same words.
+// The checks of all stores, with common texts.
 #include "host/registry/store.h"
 
 #include "host/registry/snapshot.h"

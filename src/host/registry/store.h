@@ -26,8 +26,8 @@ class held_lock;
 class snapshot;
 
 // One key of a change set. put creates the key, its missing parents (with empty values) included,
-// or replaces its value; a value that is there already is not written again. remove deletes the key
-// with all that is below it; a key that is not there is no failure. A put with a path that no key
+// or replaces its value; an unchanged value is not written again. remove deletes the key
+// with all keys below it; a missing key is no failure. A put with a path that no key
 // can have (path.h), or a value above MAX_VALUE_SIZE, is failure::usage. A key whose stored bytes
 // are damaged is replaced and deleted like any other, and a damaged parent of it is left as it is.
 struct change {
@@ -40,16 +40,16 @@ struct change {
 struct change_counts {
     uint64_t created = 0;   // missing parents included
     uint64_t replaced = 0;  // of those that changed
-    uint64_t removed = 0;   // what was below included
+    uint64_t removed = 0;   // keys below included
 };
 
-// What must still be so when a change set is carried out.
+// The conditions under which a change set is applied.
 struct apply_terms {
     std::vector<const held_lock *> fences;  // locks that are held, else failure::lock
     uint64_t revision = 0;                  // of the whole tree, else failure::changed; 0 for any
 };
 
-// What tells that a part of the tree is still the same. A number of 0 tells nothing.
+// Identifies the state of a part of the tree. A number of 0 identifies none.
 struct revision {
     uint64_t tree = 0;  // of the whole tree
     uint64_t part = 0;  // of the part alone
@@ -66,8 +66,8 @@ using row_sink = std::function<void(std::string_view path, std::string_view valu
 // is what the store can read of it, and may be the path of no key.
 using damaged_key_sink = std::function<void(std::string_view path)>;
 
-// The tree as of one moment, for the thread that asked for it. It may keep room in use that a
-// store wants back: for short work only.
+// The tree as of one moment, for the thread that requested it. It may prevent the store from
+// reusing storage: for short work only.
 class KEYVIEW_HOST_API moment {
   public:
     moment() = default;
@@ -75,7 +75,7 @@ class KEYVIEW_HOST_API moment {
     moment &operator=(const moment &) = delete;
     virtual ~moment() = default;
 
-    // The revision of the part that was asked for.
+    // The revision of the requested part.
     virtual revision current() = 0;
 
     // Reads the value of one key; false if there is no such key.
@@ -101,10 +101,10 @@ struct tree_change {
 
 struct change_batch {
     std::vector<tree_change> changes;  // in their order
-    uint64_t up_to = 0;                // what comes next is after this revision
+    uint64_t up_to = 0;                // the next changes are after this revision
 };
 
-// What every store refuses: a value or a change that no key can take (failure::usage), a set or a
+// Every store refuses: a value or a change that no key can take (failure::usage), a set or a
 // change set whose lock was lost, a change set for another revision. path is "" for a change set.
 KEYVIEW_HOST_API void check_value(std::string_view path, std::string_view value);
 KEYVIEW_HOST_API void check_changes(const std::vector<change> &changes);
@@ -114,9 +114,9 @@ KEYVIEW_HOST_API host_error tree_changed(uint64_t revision, uint64_t wanted);
 // Two ways to end a change set that stopped half-way.
 enum class finish { resume, undo };
 
-// Ends the moments that the views of this thread's locks still need, by copying what they show. A
-// store calls it before it waits: for the end of all moments, or for somebody who may.
-void let_go_of_moments();
+// Ends the moments that the views of this thread's locks still use, after copying the rest of them.
+// A store calls it before it waits for the end of all moments, or for another waiter that does.
+void release_moments();
 
 class KEYVIEW_HOST_API store {
   public:
@@ -132,8 +132,7 @@ class KEYVIEW_HOST_API store {
     // nothing is written unless that lock is still held.
     virtual bool set(std::string_view path, std::string_view value, const held_lock *fence) = 0;
 
-    // Carries out all changes in order, or none of them. The tree's revision moves if anything
-    // changed.
+    // Applies all changes in order, or none of them. The tree's revision moves if anything changed.
     virtual change_counts apply(const std::vector<change> &changes,
                                 const apply_terms &terms = {}) = 0;
 

@@ -1,4 +1,4 @@
-// Blocks that each thread keeps for itself.
+// The cache of free blocks of each thread.
 #include "host/support/block_cache.h"
 
 #include <pthread.h>
@@ -10,19 +10,19 @@
 
 namespace keyview::host {
 
-// Classes of 16, 32, 64 ... 4096 bytes. Larger blocks are not kept.
+// Classes of 16, 32, 64 ... 4096 bytes. Larger blocks are not cached.
 static constexpr unsigned SMALLEST_BITS = 4;
 static constexpr unsigned CLASSES = 9;
 static constexpr size_t LARGEST = size_t{1} << (SMALLEST_BITS + CLASSES - 1);
-static constexpr size_t MOST_KEPT_BYTES = size_t{16} << 20;  // of one thread
+static constexpr size_t MAX_KEPT_BYTES = size_t{16} << 20;  // of one thread
 
 namespace {
 
-// Stands before each block.
+// Precedes each block.
 struct alignas(alignof(max_align_t)) head {
     uint32_t state;
     uint32_t size_class;
-    head *next;  // of the blocks that are kept
+    head *next;  // of the cached blocks
 };
 
 enum : uint32_t { TAKEN = 0x4B56746B, GIVEN_BACK = 0x4B566766 };
@@ -36,7 +36,8 @@ struct kept_blocks {
 
 }  // namespace
 
-// Found without a call; small enough for the room that programs have for libraries loaded later.
+// Accessed without a call; small enough for the static TLS that programs reserve for libraries
+// loaded later.
 static thread_local kept_blocks mine __attribute__((tls_model("initial-exec"))) = {};
 
 static void end_of_thread(void *blocks) {
@@ -52,7 +53,7 @@ static void end_of_thread(void *blocks) {
     }
 }
 
-// False if the end of this thread would not be noticed.
+// False if the end of this thread cannot be observed.
 static bool register_thread() {
     struct end_key {
         end_key() : made(pthread_key_create(&key, end_of_thread) == 0) {}
@@ -82,7 +83,7 @@ static void *fresh_block(uint64_t size, uint32_t size_class) {
     return made + 1;
 }
 
-void *take_block(uint64_t size) noexcept {
+void *allocate_block(uint64_t size) noexcept {
     if (size > LARGEST) return fresh_block(size, CLASSES);
     unsigned size_class = class_of(size);
     head *kept = mine.first[size_class];
@@ -94,7 +95,7 @@ void *take_block(uint64_t size) noexcept {
     return memset(kept + 1, 0, size);
 }
 
-void give_back_block(void *block) noexcept {
+void free_block(void *block) noexcept {
     head *given = static_cast<head *>(block) - 1;
     if (given->state != TAKEN) {
         (void)fputs("keyview: a block of memory was given back twice, or was never taken\n",
@@ -103,7 +104,7 @@ void give_back_block(void *block) noexcept {
     }
     given->state = GIVEN_BACK;
     uint32_t size_class = given->size_class;
-    bool full = size_class == CLASSES || mine.bytes + bytes_of(size_class) > MOST_KEPT_BYTES;
+    bool full = size_class == CLASSES || mine.bytes + bytes_of(size_class) > MAX_KEPT_BYTES;
     if (full || mine.ended || (!mine.registered && !register_thread())) return free(given);
     given->next = mine.first[size_class];
     mine.first[size_class] = given;

@@ -1,9 +1,9 @@
-// Zeroed blocks of memory for callers that take and give back thousands of them in a row. Each
-// thread keeps some of the blocks that it gave back, in classes by size, and takes them again
-// without asking the allocator of the process.
+// Zeroed blocks of memory for callers that allocate and free thousands of them in a row. Each
+// thread caches freed blocks in classes by size, and reuses them without a call of the process's
+// allocator.
 //
-// A block may be given back by another thread than the one that took it: it then stays with that
-// one. What a thread keeps has a bound, and goes back to the process when the thread ends.
+// Another thread than the one that allocated a block may free it: its cache receives the block. The
+// cache of a thread is bounded, and freed when the thread ends.
 #ifndef KEYVIEW_HOST_SUPPORT_BLOCK_CACHE_H
 #define KEYVIEW_HOST_SUPPORT_BLOCK_CACHE_H
 
@@ -13,10 +13,10 @@ namespace keyview::host {
 
 // A block of size bytes, 0 included, every byte zero, aligned for any type; null if there is no
 // memory.
-void *take_block(uint64_t size) noexcept;
+void *allocate_block(uint64_t size) noexcept;
 
-// block is one that take_block gave, and was not given back yet: the process ends if it is not.
-void give_back_block(void *block) noexcept;
+// block comes from allocate_block and is not free yet: otherwise the process aborts.
+void free_block(void *block) noexcept;
 
 }  // namespace keyview::host
 

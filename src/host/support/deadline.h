@@ -1,4 +1,4 @@
-// Bounded waiting for what another process or thread has to give up: short sleeps, an eighth of
+// Bounded waiting until another process or thread releases something: short sleeps, an eighth of
 // the time waited so far, so that the wait ends soon after its cause, also if the other one was
 // killed.
 #ifndef KEYVIEW_HOST_SUPPORT_DEADLINE_H

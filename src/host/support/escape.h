@@ -1,4 +1,4 @@
-// Text from outside made fit for a line that people and programs read.
+// Escapes text from outside for a line of output.
 #ifndef KEYVIEW_HOST_SUPPORT_ESCAPE_H
 #define KEYVIEW_HOST_SUPPORT_ESCAPE_H
 
@@ -8,8 +8,8 @@
 namespace keyview::host {
 
 // Appends the text with everything escaped that could forge or hide a line or a part of one:
-// control characters, line and paragraph separators, bidirectional controls and whatever is not
-// UTF-8 become \xNN byte by byte; a backslash is doubled, so that the original can be told.
+// control characters, line and paragraph separators, bidirectional controls and bytes that are
+// not UTF-8 become \xNN; a backslash is doubled, so that the original can be restored.
 void append_escaped(std::string *out, std::string_view text);
 
 }  // namespace keyview::host

@@ -1,4 +1,4 @@
-// What leaves libkeyview-host.so. Everything is hidden unless it carries this mark.
+// Marks the exports of libkeyview-host.so. All else is hidden.
 #ifndef KEYVIEW_HOST_SUPPORT_EXPORT_H
 #define KEYVIEW_HOST_SUPPORT_EXPORT_H
 

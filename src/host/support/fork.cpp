@@ -48,7 +48,7 @@ static bool set_handlers() noexcept {
     return pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
 }
 
-// With the library's loading. Without memory for it, no lock is ever opened.
+// Set when the library is loaded. If that fails, no lock can be opened.
 static const bool handlers_set = set_handlers();
 
 int open_parent_only(int directory, const char *name, int flags) {

@@ -1,6 +1,6 @@
-// What a fork means to the kit. The child of a program goes on with the memory of its parent, but
-// must neither use the parent's registry files nor keep the parent's locks alive. So a descriptor
-// that carries a lock is closed in the child, and what belongs to one process is made anew there.
+// Handling of fork. A child inherits the memory of its parent, but must neither use the parent's
+// registry files nor keep the parent's locks alive. So a descriptor that holds a lock is closed in
+// the child, and objects that belong to one process are created anew there.
 #ifndef KEYVIEW_HOST_SUPPORT_FORK_H
 #define KEYVIEW_HOST_SUPPORT_FORK_H
 
@@ -13,7 +13,7 @@
 
 namespace keyview::host {
 
-// Changes in the child of a fork. What was made under another generation belongs to an ancestor.
+// Changes in the child of a fork. Objects of another generation belong to an ancestor.
 KEYVIEW_HOST_API uint64_t fork_generation() noexcept;
 
 // Held across every fork, so that the data that it guards is consistent in the child. For short
@@ -25,7 +25,7 @@ int open_parent_only(int directory, const char *name, int flags);
 void close_parent_only(int fd) noexcept;
 
 // One T for each process that a fork makes, built at its first use there. The T of an ancestor is
-// left as it is, never destroyed: another thread of the ancestor may have been inside.
+// never destroyed: another thread of the ancestor may have been using it.
 template <typename T>
 class per_process {
   public:

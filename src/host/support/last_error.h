@@ -1,5 +1,5 @@
-// The latest failure of each thread, as a code and a text for a person, and the border at which
-// exceptions become such failures.
+// The latest failure of each thread, as a code and a text for users, and the function that
+// converts exceptions to such failures.
 #ifndef KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
 #define KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
 
@@ -13,7 +13,7 @@
 
 namespace keyview::host {
 
-// What the operations of the kit return for a failure that their contract has no code for.
+// Codes of the kit for failures that the contract of an operation does not define.
 enum : int32_t {
     FAILED = 1,         // the registry or the lock service failed
     BAD_ARGUMENT = 2,   // an argument cannot be used: a handle, a null pointer, a setting
@@ -22,7 +22,7 @@ enum : int32_t {
     NO_MEMORY = 6,
 };
 
-// A text is kept up to the size that callers have room for.
+// Texts are cut to the size of the callers' buffers.
 struct last_failure {
     int32_t code;
     failure kind;
@@ -31,7 +31,7 @@ struct last_failure {
 
 last_failure &thread_failure() noexcept;
 
-// Keeps the text, composed of its pieces, as the thread's latest failure; returns the code.
+// Stores the text, joined from its pieces, as the thread's latest failure; returns the code.
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept;
 
 // The same for an exception; the code is that of its kind.

@@ -1,5 +1,5 @@
-// Sinks of the trace. A sink, once known, lives as long as the process, so that a line may be under
-// way to it while the program chooses another; a file is opened anew under its old descriptor.
+// Sinks of the trace. A sink lives as long as the process, so that a line may be written to it
+// while the program chooses another; a file is opened anew under its old descriptor.
 #include "host/support/trace_sink.h"
 
 #include <fcntl.h>
@@ -153,7 +153,7 @@ void load_trace_settings() {
         std::lock_guard guard(fork_mutex());
         if (state().loaded) return;
         state().loaded = true;
-        update_threshold();  // silent, should one of the settings be refused
+        update_threshold();  // silent if one of the settings is refused
     }
     load_level();
     std::unique_ptr<trace_sink> sink = open_sink(environment_text("KEYVIEW_TRACE"));
@@ -185,7 +185,7 @@ static void write_stream(const trace_sink &sink, std::string_view component, int
     line += " " + std::to_string(level) + ": ";
     append_escaped(&line, text);
     line += "\n";
-    // One write, so that lines of several processes never mix. A line that is lost is lost.
+    // One write, so that lines of several processes never mix. A failed write is not repeated.
     ssize_t ignored = write(sink.fd, line.data(), line.size());
     (void)ignored;
 }

@@ -1,5 +1,5 @@
-// Where trace lines go, and which. Set by KEYVIEW_TRACE and KEYVIEW_TRACE_LEVEL, or by the program
-// (keyview_host.h).
+// The destination and level of trace lines. Set by KEYVIEW_TRACE and KEYVIEW_TRACE_LEVEL, or by the
+// program (keyview_host.h).
 #ifndef KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
 #define KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
 
@@ -9,11 +9,11 @@
 
 namespace keyview::host {
 
-// Lines above this level are dropped. While nothing is set yet it lets all pass.
+// Lines above this level are dropped. Before any setting, all lines pass.
 extern std::atomic<int64_t> trace_threshold;
 
-// Brings the settings of the environment into force, once. Throws failure::usage if they cannot be
-// used: nothing is traced then.
+// Applies the settings of the environment, once. Throws failure::usage if they cannot be used:
+// nothing is traced then.
 void load_trace_settings();
 
 // Writes one line, whatever its level. Never throws; errno stays as it was.
