@@ -34,16 +34,16 @@ class by_hand {
             const std::vector<tree_key> &keys)
         : calls_(host::settings_of(url)), keys_(calls_.settings().prefix) {
         calls_.grant(LEASE, std::chrono::seconds(600), calls_.answer_end());
-        std::string place = keys_.lock_place("by hand", host::lock_mode::shared, "1");
+        std::string entry = keys_.lock_entry("by hand", host::lock_mode::shared, "1");
         host::key_range writers = keys_.lock_writers("by hand");
         host::require_created(&take_, writers, 0);
-        host::add_put(take_.mutable_success(), place, "", LEASE);
+        host::add_put(take_.mutable_success(), entry, "", LEASE);
         const uint32_t depth = host::elements_of(top);
         const uint32_t last = reach == reach::children ? depth + 1 : deepest(keys);
         host::add_range(take_.mutable_success(), {keys_.key(top), ""});
         for (uint32_t n = depth + 1; n <= last; ++n)
             host::add_range(take_.mutable_success(), keys_.below(top, n));
-        host::add_delete(give_back_.mutable_success(), {place, ""});
+        host::add_delete(give_back_.mutable_success(), {entry, ""});
         for (const tree_key &key : keys) {
             singles_.emplace_back();
             host::add_range(singles_.back().mutable_success(), {keys_.key(key.path), ""});

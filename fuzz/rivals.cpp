@@ -1,10 +1,10 @@
 // Processes that are rivals for a few locks of a cluster, while processes and members are killed
 // and stopped at random. Afterwards the history of the cluster is looked at: no lock may have been
-// granted, and no value written, while the place of its owner was not the first of those that
+// granted, and no value written, while the entry of its owner was not the first of those that
 // conflict; what was reported is there, once; nobody waited without end.
 //
 // One of the waiters is always stopped for longer than its lease, so that it wakes up without a
-// place when the lock is free. Who grants without looking at the own place is found by that.
+// entry when the lock is free. Who grants without looking at the own entry is found by that.
 //
 // Usage: rivals [--unchecked | --users] [ACQUISITIONS [SEED]]; with users their tokens soon expire.
 #include <cstdio>
@@ -48,7 +48,7 @@ static std::string path_below(const std::string &name, unsigned key) {
 
 static volatile sig_atomic_t asked_to_end = 0;
 
-// Reports "G mode, created, granted, place" for a grant, "S value" for a set, "L" for a set that
+// Reports "G mode, created, granted, entry" for a grant, "S value" for a set, "L" for a set that
 // was refused since the lock was lost, and "E text" for what must not happen.
 class rival {
   public:
@@ -74,12 +74,12 @@ class rival {
 
     void hold(const std::string &name, lock_mode mode) {
         auto held = registry_.locks->acquire(lock_name(name), mode, LONGEST_WAIT_MS);
-        const queue_place &place = *dynamic_cast<const etcd_lock &>(*held).place();
+        const queue_entry &entry = *dynamic_cast<const etcd_lock &>(*held).entry();
         report_.line(std::string("G\t") + (mode == lock_mode::shared ? "r" : "w") + '\t' +
-                     std::to_string(place.created()) + '\t' + std::to_string(place.granted) + '\t' +
-                     place.key());
+                     std::to_string(entry.created()) + '\t' + std::to_string(entry.granted) + '\t' +
+                     entry.key());
         for (unsigned left = any_of(MOST_SETS + 1); left > 0; --left) {
-            if (!set(path_below(name, any_of(KEYS)), {place.key(), place.created()}, held.get()))
+            if (!set(path_below(name, any_of(KEYS)), {entry.key(), entry.created()}, held.get()))
                 return;
         }
     }
@@ -213,16 +213,16 @@ class arena {
         registry_ = open_registry();
     }
 
-    // A waiter loses its place while it is stopped, and then the lock becomes free.
+    // A waiter loses its entry while it is stopped, and then the lock becomes free.
     void plant() {
         std::string queue = layout(PREFIX).lock_queue(lock_name(PLANTED)).begin;
         auto held = registry_.locks->acquire(lock_name(PLANTED), lock_mode::exclusive, 1000);
         seat waiter(maker(PLANTED), &counts_, &judge_);
-        await_places(queue, 2);
+        await_entries(queue, 2);
         waiter.stop();
-        await_places(queue, 1);
+        await_entries(queue, 1);
         held.reset();
-        await_places(queue, 0);
+        await_entries(queue, 0);
         waiter.go_on();
         stopwatch watch;
         for (int64_t before = counts_.acquisitions; counts_.acquisitions == before; usleep(1000)) {
@@ -251,7 +251,7 @@ class arena {
             one->ask_to_end();
         for (auto &one : seats_)
             one->end(&wrong_);
-        await_places(PREFIX + std::string("/lk/"), 0);  // of those killed last, too
+        await_entries(PREFIX + std::string("/lk/"), 0);  // of those killed last, too
     }
 
     // Whether all was right.
@@ -295,7 +295,7 @@ class arena {
         };
     }
 
-    void await_places(const std::string &queue, size_t count) {
+    void await_entries(const std::string &queue, size_t count) {
         stopwatch watch;
         while (events_->count(queue) != count) {
             require(watch.ms() < 30000, "a queue does not become what it should");
@@ -359,7 +359,7 @@ class arena {
         if (kind > 0) members_.stop(victim);
         later(length_ms, [this, kind, victim] {
             if (kind == 0) members_.start(victim);
-            if (kind > 0) members_.go_on(victim);
+            if (kind > 0) members_.resume(victim);
             later(2000, [this, victim] {
                 members_.await_ready(victim);
                 member_is_harmed_ = false;

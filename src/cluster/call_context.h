@@ -1,4 +1,4 @@
-// What every call to a member carries: when it must be answered, and the token of the login.
+// The deadline and the token of a call to a member.
 #ifndef KEYVIEW_CLUSTER_CALL_CONTEXT_H
 #define KEYVIEW_CLUSTER_CALL_CONTEXT_H
 

@@ -1,5 +1,5 @@
-// What the failure of a call to a member of the cluster means: whether another try is worth it, and
-// what a person should do.
+// The meaning of a failed call to a member of the cluster: whether to try again, and the remedy for
+// an administrator.
 #ifndef KEYVIEW_CLUSTER_CALL_FAILURE_H
 #define KEYVIEW_CLUSTER_CALL_FAILURE_H
 
@@ -13,12 +13,12 @@
 
 namespace keyview::host {
 
-// A failure that a caller may know how to go on from.
+// Failures that callers handle.
 enum class etcd_reason {
     none,
-    lease_gone,    // the lease is not there any more
+    lease_gone,    // the lease does not exist any more
     lease_exists,  // it was granted already
-    compacted,     // the revision that was asked for is forgotten
+    compacted,     // the revision to read is no longer kept
     no_space,      // the database is full: it takes no puts and no leases
 };
 
@@ -29,22 +29,22 @@ class etcd_error : public host_error {
         : host_error(what_kind, text), reason(why), revision(its_revision) {}
 
     etcd_reason reason;
-    int64_t revision;  // with compacted: the oldest that a read may be of
+    int64_t revision;  // with compacted: the oldest that can be read
 };
 
-enum class verdict { final, next_member, log_in };
+enum class reaction { final, next_member, log_in };
 
-struct judgement {
+struct failure_rule {
     std::string_view part;  // of the server's text
-    verdict act;
+    reaction act;
     failure kind;
     etcd_reason reason;
-    const char *what_to_do;
+    const char *remedy;
 };
 
-judgement judge(const grpc::Status &status);
+failure_rule rule_for(const grpc::Status &status);
 
-// A cause in few words, of which this is one: then nothing was sent.
+// A short text of the cause. With REFUSED nothing was sent.
 constexpr const char *REFUSED = "connection refused";
 std::string cause_of(const grpc::Status &status);
 

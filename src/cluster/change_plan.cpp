@@ -1,4 +1,4 @@
-// Carries changes out in memory, over what was read.
+// Applies changes in memory, to the keys that were read.
 #include "cluster/change_plan.h"
 
 #include <algorithm>
@@ -59,7 +59,7 @@ void change_plan::read_below(const std::string &path) {
     }
 }
 
-void change_plan::make(const std::string &path) {
+void change_plan::create(const std::string &path) {
     key_state &parent = tree_[path];
     if (parent.after) return;
     parent.after = "";
@@ -68,7 +68,7 @@ void change_plan::make(const std::string &path) {
 
 void change_plan::put(const change &one) {
     for (size_t end = one.path.find('.'); end != one.path.npos; end = one.path.find('.', end + 1))
-        make(one.path.substr(0, end));
+        create(one.path.substr(0, end));
     key_state &key = tree_[one.path];
     if (!key.after) ++counts_.created;
     if (key.after && *key.after != one.value) ++counts_.replaced;

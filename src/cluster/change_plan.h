@@ -1,4 +1,4 @@
-// What a change set comes to for the tree as it is at one revision.
+// The keys that a change set changes in the tree of one revision.
 #ifndef KEYVIEW_CLUSTER_CHANGE_PLAN_H
 #define KEYVIEW_CLUSTER_CHANGE_PLAN_H
 
@@ -18,7 +18,7 @@ namespace keyview::host {
 
 class change_plan {
   public:
-    // Reads what the changes are about.
+    // Reads the keys that the changes concern.
     change_plan(session *cluster, const std::vector<change> &changes);
 
     struct key_change {
@@ -42,13 +42,13 @@ class change_plan {
 
     void read_keys(const std::set<std::string> &paths);
     void read_below(const std::string &path);
-    void make(const std::string &path);
+    void create(const std::string &path);
     void put(const change &one);
     void remove(const std::string &path);
 
     session *cluster_;
     tree_part state_;
-    std::map<std::string, key_state> tree_;  // as far as it matters, by path
+    std::map<std::string, key_state> tree_;  // the keys that the changes concern, by path
     change_counts counts_;
 };
 

@@ -20,8 +20,8 @@ static constexpr size_t MOST_KEYS = 100;
 static constexpr size_t MOST_BYTES = 1000000;
 static constexpr size_t MOST_FENCES = 100;
 
-// Other writers of the tree may be faster again and again.
-static constexpr std::chrono::seconds PATIENCE{60};
+// How long a change set is planned anew because other writers were faster.
+static constexpr std::chrono::seconds LONGEST_RETRY{60};
 
 // ---- Parts of transactions ----------------------------------------------------------------------
 
@@ -39,7 +39,7 @@ static wire::TxnResponse send(session *cluster, const wire::TxnRequest &request)
     return cluster->txn(request, cluster->calls().answer_end());
 }
 
-// "" for a key that is not there.
+// "" for a key that does not exist.
 static std::string value_in(const wire::TxnResponse &response, int op) {
     const wire::RangeResponse &found = response.responses(op).response_range();
     return found.kvs_size() == 0 ? "" : found.kvs(0).value();
@@ -47,28 +47,28 @@ static std::string value_in(const wire::TxnResponse &response, int op) {
 
 // ---- The locks that must be held ----------------------------------------------------------------
 
-static std::vector<const queue_place *> places_of(const apply_terms &terms) {
-    std::vector<const queue_place *> places;
+static std::vector<const queue_entry *> entries_of(const apply_terms &terms) {
+    std::vector<const queue_entry *> entries;
     for (const held_lock *fence : terms.fences) {
         if (!fence->still_held()) throw lock_lost({});
         const auto *lock = dynamic_cast<const etcd_lock *>(fence);
-        if (lock != nullptr) places.push_back(lock->place());
+        if (lock != nullptr) entries.push_back(lock->entry());
     }
-    return places;
+    return entries;
 }
 
-static void add_fences(wire::TxnRequest *request, const std::vector<const queue_place *> &places,
+static void add_fences(wire::TxnRequest *request, const std::vector<const queue_entry *> &entries,
                        size_t first) {
-    for (size_t n = first; n < std::min(places.size(), first + MOST_FENCES); ++n) {
-        require_created(request, {places[n]->key(), ""}, places[n]->created());
-        add_range(request->mutable_failure(), {places[n]->key(), ""});
+    for (size_t n = first; n < std::min(entries.size(), first + MOST_FENCES); ++n) {
+        require_created(request, {entries[n]->key(), ""}, entries[n]->created());
+        add_range(request->mutable_failure(), {entries[n]->key(), ""});
     }
 }
 
 // ---- Pieces -------------------------------------------------------------------------------------
 
-// How the keys of a piece are left, to do the change or to undo it.
-struct two_ways {
+// The keys of a piece after and before the change.
+struct piece_pair {
     Piece to_do;
     Piece to_undo;
 };
@@ -84,8 +84,8 @@ static size_t size_of(const std::string &key, const std::optional<std::string> &
     return key.size() + (value ? value->size() : 0);
 }
 
-static std::vector<two_ways> pieces_of(const std::vector<key_change> &changes) {
-    std::vector<two_ways> pieces;
+static std::vector<piece_pair> pieces_of(const std::vector<key_change> &changes) {
+    std::vector<piece_pair> pieces;
     size_t to_do = 0;
     size_t to_undo = 0;
     for (const key_change &one : changes) {
@@ -112,7 +112,7 @@ class marked_run {
   public:
     marked_run(session *cluster, Marker marker) : cluster_(cluster), marker_(std::move(marker)) {}
 
-    // Moves the marker to next and leaves the keys of a piece so.
+    // Moves the marker to next and writes the keys of a piece.
     void step(uint32_t next, const Piece &piece) {
         faults.step();
         Marker moved = marker_;
@@ -135,7 +135,7 @@ class marked_run {
         add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         wire::TxnResponse response = send(cluster_, request);
-        // While there is a marker the tree has its value of before.
+        // While the marker exists, the key of the tree still has its value of before.
         bool ended_before =
             !response.succeeded() && value_in(response, 0).empty() && value_in(response, 1) == tree;
         if (!response.succeeded() && !ended_before) throw taken_over();
@@ -165,7 +165,7 @@ class marked_run {
     }
 
     static host_error taken_over() {
-        return {failure::changed, "somebody else finished the change set, or took it back"};
+        return {failure::changed, "another program finished or undid the change set"};
     }
 
     session *cluster_;
@@ -179,33 +179,33 @@ class change_set {
     change_set(session *cluster, const change_plan &plan, const apply_terms &terms)
         : cluster_(cluster),
           plan_(plan),
-          places_(places_of(terms)),
+          entries_(entries_of(terms)),
           id_(cluster_->unique_name()),
           pieces_(pieces_of(plan.key_changes())) {}
 
     outcome run() {
-        bool at_once = pieces_.size() <= 1 && places_.size() <= MOST_FENCES;
+        bool at_once = pieces_.size() <= 1 && entries_.size() <= MOST_FENCES;
         return at_once ? run_at_once() : run_in_pieces();
     }
 
   private:
-    // What must be so for the change set to begin, and what tells afterwards why it did not.
+    // The conditions under which the change set begins, and reads that show which one failed.
     wire::TxnRequest of_plan() const {
         wire::TxnRequest request;
         require_changed(&request, cluster_->keys().tree(), plan_.tree_revision());
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
-        add_fences(&request, places_, 0);
+        add_fences(&request, entries_, 0);
         return request;
     }
 
-    // For an answer to what of_plan asked.
+    // For a response to a request of of_plan.
     void require_fences(const wire::TxnResponse &response) const {
         for (int op = 2; op < response.responses_size(); ++op) {
             auto n = static_cast<size_t>(op - 2);
-            const wire::RangeResponse &place = response.responses(op).response_range();
+            const wire::RangeResponse &entry = response.responses(op).response_range();
             bool held =
-                place.kvs_size() == 1 && place.kvs(0).create_revision() == places_[n]->created();
+                entry.kvs_size() == 1 && entry.kvs(0).create_revision() == entries_[n]->created();
             if (!held) throw lock_lost({});
         }
     }
@@ -260,7 +260,7 @@ class change_set {
         return marker;
     }
 
-    // The marker appears; journals that others left without one go.
+    // Creates the marker and deletes journals that other programs left without one.
     bool begin(const Marker &marker) {
         wire::TxnRequest request = of_plan();
         add_put(request.mutable_success(), cluster_->keys().marker(), marker.SerializeAsString());
@@ -276,11 +276,11 @@ class change_set {
         return false;
     }
 
-    // Those that did not fit into the transaction that began it.
+    // Checks the fences that did not fit into the transaction that began it.
     bool all_fences_hold() {
-        for (size_t first = MOST_FENCES; first < places_.size(); first += MOST_FENCES) {
+        for (size_t first = MOST_FENCES; first < entries_.size(); first += MOST_FENCES) {
             wire::TxnRequest request;
-            add_fences(&request, places_, first);
+            add_fences(&request, entries_, first);
             if (!send(cluster_, request).succeeded()) return false;
         }
         return true;
@@ -288,16 +288,16 @@ class change_set {
 
     session *cluster_;
     const change_plan &plan_;
-    std::vector<const queue_place *> places_;
+    std::vector<const queue_entry *> entries_;
     std::string id_;
-    std::vector<two_ways> pieces_;
+    std::vector<piece_pair> pieces_;
 };
 
 }  // namespace
 
-change_counts carry_out(session *cluster, const std::vector<change> &changes,
-                        const apply_terms &terms) {
-    steady::time_point end = steady::now() + PATIENCE;
+change_counts apply_changes(session *cluster, const std::vector<change> &changes,
+                            const apply_terms &terms) {
+    steady::time_point end = steady::now() + LONGEST_RETRY;
     do {
         change_plan plan(cluster, changes);
         auto revision = static_cast<uint64_t>(plan.tree_revision());
@@ -306,7 +306,8 @@ change_counts carry_out(session *cluster, const std::vector<change> &changes,
         }
         if (change_set(cluster, plan, terms).run() == outcome::done) return plan.counts();
     } while (steady::now() < end);
-    throw host_error(failure::changed, "others change the tree too often; nothing was written");
+    throw host_error(failure::changed,
+                     "other programs change the tree too often; nothing was written");
 }
 
 // ---- What stopped half-way ----------------------------------------------------------------------

@@ -1,11 +1,10 @@
-// A change set on its way into the cluster: in one transaction if it fits, else in pieces.
+// Applies a change set: in one transaction if it fits, else in pieces.
 //
-// In pieces it goes like this. The journal is written first: for each piece how its keys should be,
-// and how they were. Then the marker appears, in a transaction that looks whether the tree is still
-// the one that was planned for. While there is a marker nobody reads or sets: they wait. Each piece
-// moves the marker on in its own transaction, so it is carried out once. The last transaction
-// removes marker and journal. If the writer dies between, what is left can be finished or taken
-// back by anyone, from where it stands.
+// First the journal is written: for each piece its keys after and before the change. Then a
+// transaction that requires the planned revision of the tree creates the marker. While it exists,
+// readers and writers wait. Each piece is applied in a transaction of its own, which advances the
+// marker, so that it is applied once. The last transaction deletes marker and journal. If the writer
+// dies in between, any program can resume or undo the rest from the position of the marker.
 #ifndef KEYVIEW_CLUSTER_CHANGE_SET_H
 #define KEYVIEW_CLUSTER_CHANGE_SET_H
 
@@ -16,8 +15,8 @@
 
 namespace keyview::host {
 
-change_counts carry_out(session *cluster, const std::vector<change> &changes,
-                        const apply_terms &terms);
+change_counts apply_changes(session *cluster, const std::vector<change> &changes,
+                            const apply_terms &terms);
 
 // Ends a change set that stopped half-way; false if there is none.
 bool finish_half_applied(session *cluster, finish how);

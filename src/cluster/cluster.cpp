@@ -1,4 +1,4 @@
-// Sessions by URL, and the door of the module.
+// Sessions by URL, and the functions that the module exports.
 #include "cluster/cluster.h"
 
 #include <map>
@@ -13,7 +13,7 @@
 
 namespace keyview::host {
 
-// What the sessions of two contexts must have in common to be one.
+// Contexts with the same identity share a session.
 static std::string identity_of(const cluster_settings &settings) {
     std::string all = settings.url;
     for (const std::string *file :
@@ -29,11 +29,11 @@ static std::shared_ptr<etcd_store> store_of(const cluster_settings &settings) {
     std::lock_guard guard(fork_mutex());
     for (auto at = known.begin(); at != known.end();)
         at = at->second.expired() ? known.erase(at) : std::next(at);
-    std::weak_ptr<etcd_store> &place = known[identity_of(settings)];
-    std::shared_ptr<etcd_store> found = place.lock();
+    std::weak_ptr<etcd_store> &slot = known[identity_of(settings)];
+    std::shared_ptr<etcd_store> found = slot.lock();
     if (found == nullptr) {
         found = std::make_shared<etcd_store>(std::make_shared<session>(settings));
-        place = found;
+        slot = found;
     }
     return found;
 }

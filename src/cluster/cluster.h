@@ -8,10 +8,10 @@
 
 namespace keyview::host {
 
-// What the module of clusters exports.
+// The export of the module.
 extern "C" __attribute__((visibility("default"))) const backend_kind KEYVIEW_BACKEND_KIND;
 
-// See check_backend; nobody waits meanwhile.
+// See check_backend. No other program has to wait.
 check_counts check_cluster(const std::string &url, const damage_sink &damage, const row_sink &sink);
 
 // See diagnose_backend.

@@ -1,4 +1,4 @@
-// A walk through all keys of the tree in a cluster, as of one moment.
+// Checks all keys of the tree in a cluster, as of one moment.
 #include <set>
 
 #include "cluster/cluster.h"
@@ -18,7 +18,7 @@ class walk {
     walk(session *cluster, const damage_sink &damage, const row_sink &sink)
         : cluster_(cluster), damage_(damage), sink_(sink) {}
 
-    // A parent stands before its children: it has fewer elements.
+    // A parent is read before its children: it has fewer elements.
     uint64_t run() {
         key_range rest = cluster_->keys().all_keys();
         int64_t revision = 0;
@@ -30,7 +30,7 @@ class walk {
             if (revision == 0) revision = response.header().revision();
             const wire::RangeResponse &found = response.responses(0).response_range();
             for (const wire::KeyValue &row : found.kvs())
-                look_at(row);
+                check_row(row);
             more = found.more() && found.kvs_size() > 0;
             if (more) rest.begin = found.kvs(found.kvs_size() - 1).key() + '\0';
         }
@@ -38,14 +38,14 @@ class walk {
     }
 
   private:
-    void look_at(const wire::KeyValue &row) {
+    void check_row(const wire::KeyValue &row) {
         ++keys_;
         auto elements = cluster_->keys().elements(row.key());
-        if (!elements) return damage_(row.key(), "is no key that a path can have");
+        if (!elements) return damage_(row.key(), "is not the key of any path");
         std::string path = path_of_elements(*elements);
         std::string_view parent = parent_path(path);
         if (!parent.empty() && known_.count(std::string(parent)) == 0) {
-            damage_(path, "stands alone: its parent is missing");
+            damage_(path, "has no parent");
         }
         sink_(path, row.value());
         known_.insert(std::move(path));

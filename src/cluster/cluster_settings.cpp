@@ -1,4 +1,4 @@
-// From a URL and the environment to the settings of a cluster.
+// Parses the URL and the environment.
 #include "cluster/cluster_settings.h"
 
 #include <fcntl.h>
@@ -42,9 +42,9 @@ static void check_member(const std::string &url, std::string_view member) {
     if (!sound) throw bad_url(url, "'" + std::string(member) + "' is no host:port");
 }
 
-// "//a:1,b:2/prefix" gives the members and the prefix.
+// Splits "//a:1,b:2/prefix" into the members and the prefix.
 static void split_address(std::string_view address, cluster_settings *out) {
-    if (address.find('@') != address.npos) {  // without showing it
+    if (address.find('@') != address.npos) {  // the text must not contain it
         throw host_error(failure::usage, std::string("the URL of the cluster holds a login: put it "
                                                      "into a file that ") +
                                              LOGIN_VARIABLE + " names");
@@ -82,7 +82,7 @@ cluster_settings settings_of(const std::string &url) {
     made.login_file = environment_text(LOGIN_VARIABLE);
     if (made.cert_file.empty() != made.key_file.empty()) {
         throw host_error(failure::usage, std::string(CERT_VARIABLE) + " and " + KEY_VARIABLE +
-                                             " go together: only one of them is set");
+                                             " must be set together: only one of them is");
     }
     uint32_t answer_wait_s =
         environment_number("KEYVIEW_ANSWER_WAIT", USUAL_ANSWER_WAIT_S, LONGEST_ANSWER_WAIT_S);
@@ -104,7 +104,7 @@ std::string file_text(const std::string &path, const char *variable, bool secret
     }
     if (!S_ISREG(known.st_mode)) throw refuse("is no regular file");
     if (secret && (known.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        throw refuse("may be used by others than its owner: chmod 600 it");
+        throw refuse("must be readable by its owner alone: chmod 600 it");
     }
     std::string text(LARGEST_FILE, '\0');
     size_t size = 0;

@@ -1,4 +1,4 @@
-// Where a cluster is, and how this program may speak to it.
+// The endpoints of a cluster, and the settings of its connections.
 //
 //     etcd://host:port,host:port/prefix     without TLS
 //     etcds://host:port,host:port/prefix    with TLS
@@ -22,19 +22,19 @@ struct cluster_settings {
     std::string prefix;                // of all keys, "/keyview"
 
     bool tls = false;
-    std::string ca_file;    // whom to believe
-    std::string cert_file;  // who we are; empty for no certificate
+    std::string ca_file;    // authorities of the members
+    std::string cert_file;  // of this program; empty for none
     std::string key_file;
     std::string login_file;  // "user:password"; empty for no login
 
-    std::chrono::milliseconds answer_wait{0};  // how long the cluster has for an answer, in all
-    std::chrono::seconds lease_ttl{0};         // how long a lock outlives a silent holder
+    std::chrono::milliseconds answer_wait{0};  // for one call, with all its tries
+    std::chrono::seconds lease_ttl{0};         // how long a lock outlives its holder
 };
 
 // From a URL and the environment. Throws failure::usage.
 cluster_settings settings_of(const std::string &url);
 
-// The whole of a small file. A secret must be readable by nobody but its owner. Throws
+// The whole of a small file. A secret must be readable by its owner alone. Throws
 // failure::usage with the name of the variable that names the file.
 std::string file_text(const std::string &path, const char *variable, bool secret);
 

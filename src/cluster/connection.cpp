@@ -18,8 +18,8 @@ namespace keyview::host {
 
 using std::chrono::milliseconds;
 
-// A try begins short, so that a dead member costs little, and grows with the time that is spent, so
-// that a slow cluster can answer at all.
+// The first tries are short, so that a dead member costs little; later ones grow with the time spent,
+// so that a slow cluster can answer.
 static constexpr milliseconds SHORTEST_TRY{300};
 static constexpr milliseconds LONGEST_TRY{5000};
 static constexpr int TRY_PART = 5;  // of the time spent
@@ -27,8 +27,8 @@ static constexpr int TRY_PART = 5;  // of the time spent
 // A member that answers may take long for a login: the hash of a password is slow on purpose.
 static constexpr steady::duration SHORTEST_LOGIN_TRY = std::chrono::seconds(1);
 
-static constexpr milliseconds PAUSE{50};       // when all members failed once
-static constexpr milliseconds LAST_LOOK{200};  // at the members, when the time is over
+static constexpr milliseconds PAUSE{50};        // after a round in which all members failed
+static constexpr milliseconds LAST_CHECK{200};  // of each member, for the text of the failure
 
 static constexpr int RECONNECT_MS = 100;
 static constexpr int LONGEST_RECONNECT_MS = 1000;
@@ -37,7 +37,7 @@ static constexpr int LONGEST_RECONNECT_MS = 1000;
 
 namespace {
 
-// gRPC has threads, which a forked child does not inherit.
+// gRPC runs threads, which a forked child does not inherit.
 std::atomic<uint64_t> used_by_generation{0};
 
 host_error inherited() {
@@ -105,7 +105,7 @@ connection::connection(const cluster_settings &settings)
         members_.push_back(std::make_unique<member>(name, credentials));
 }
 
-// What a child inherits is its parent's, and never touched.
+// A forked child must not touch the connections of its parent.
 connection::~connection() {
     if (generation_ == fork_generation()) return;
     (void)keepalives_.release();
@@ -153,18 +153,18 @@ void connection::log_in(const std::string &refused, steady::time_point end) {
     token_ = response.token();
 }
 
-// What a member answers that is no failure of its own.
+// The failure of a call that a member refuses for a reason of the call.
 static etcd_error refusal(const std::string &member, const grpc::Status &status) {
-    judgement row = judge(status);
-    std::string todo = row.what_to_do[0] == '\0' ? "" : std::string(": ") + row.what_to_do;
-    return {row.kind, row.reason, member + " refuses: " + status.error_message() + todo};
+    failure_rule row = rule_for(status);
+    std::string remedy = row.remedy[0] == '\0' ? "" : std::string(": ") + row.remedy;
+    return {row.kind, row.reason, member + " refuses: " + status.error_message() + remedy};
 }
 
-// Waits while a connection is being made, which goes on only while somebody waits for it. One that
-// failed is tried again after a while; only the patient wait for that.
+// Waits for the connection, which gRPC establishes only while a caller waits. After a failure gRPC
+// tries again a little later: the caller gives up or waits for that, too.
 enum class after_failure { give_up, wait };
 
-// Returns whether the member has answered.
+// Returns whether the member answered.
 static bool connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
     auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady::now());
     auto until = std::chrono::system_clock::now() + left;
@@ -200,23 +200,23 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
         ++round_trips_;
         grpc::Status status = run(members_[at].get(), &context);
         if (status.ok()) return;
-        const verdict act = judge(status).act;
+        const reaction act = rule_for(status).act;
         bool is_late = steady::now() + PAUSE >= end;
-        if (act == verdict::log_in && !used.empty() && !is_late) {
+        if (act == reaction::log_in && !used.empty() && !is_late) {
             if (logins++ > 0) std::this_thread::sleep_for(PAUSE);  // the member is behind
             log_in(used, end);
             continue;
         }
-        if (act == verdict::final || (act == verdict::log_in && !is_login)) {
+        if (act == reaction::final || (act == reaction::log_in && !is_login)) {
             throw refusal(members_[at]->name, status);
         }
         failures[at] = cause_of(status);
         if (repeated != nullptr && failures[at] != REFUSED) *repeated = true;
         next_member(at);
         bool all_failed = ++failed % members_.size() == 0;
-        bool tls = (is_late || all_failed) && tls_is_wrong(&failures);
+        bool tls = (is_late || all_failed) && find_tls_faults(&failures);
         if (is_late || tls) {
-            throw etcd_error(failure::registry, etcd_reason::none, why_no_answer(failures, tls));
+            throw etcd_error(failure::registry, etcd_reason::none, no_answer_text(failures, tls));
         }
         if (all_failed) {
             connect(members_[current_.load()]->channel.get(), steady::now() + PAUSE,
@@ -225,9 +225,9 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
     }
 }
 
-// Replaces the failures that TLS may have caused by what a probe finds. Returns whether every member
-// has such a fault, which no further try changes.
-bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
+// Replaces the failures that TLS may have caused by the faults that a probe finds. Returns whether
+// every member has such a fault: then no further try can succeed.
+bool connection::find_tls_faults(std::vector<std::string> *failures) const {
     size_t faults = 0;
     for (size_t at = 0; at < members_.size(); ++at) {
         std::string &text = (*failures)[at];
@@ -235,7 +235,7 @@ bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
         for (const char *part : {"andshake", "ertificate", "Endpoint read failed", "ocket closed"})
             ended = ended || text.find(part) != text.npos;
         if (!ended) continue;
-        tls_facts seen = probe_tls(settings_, members_[at]->name, LAST_LOOK);
+        tls_facts seen = probe_tls(settings_, members_[at]->name, LAST_CHECK);
         if (seen.fault.empty()) continue;
         text = seen.fault;
         ++faults;
@@ -243,21 +243,21 @@ bool connection::tls_is_wrong(std::vector<std::string> *failures) const {
     return faults == members_.size();
 }
 
-std::string connection::why_no_answer(const std::vector<std::string> &failures, bool tls) {
+std::string connection::no_answer_text(const std::vector<std::string> &failures, bool tls) {
     std::string text = "the cluster does not answer:";
     size_t without_leader = 0;
-    steady::time_point end = steady::now() + LAST_LOOK;
+    steady::time_point end = steady::now() + LAST_CHECK;
     for (size_t at = 0; at < members_.size(); ++at) {
-        std::string why = failures[at].empty() ? "was not asked" : failures[at];
-        bool lonely = false;
+        std::string why = failures[at].empty() ? "was not tried" : failures[at];
+        bool leaderless = false;
         try {
             bool connected = members_[at]->channel->GetState(false) == GRPC_CHANNEL_READY;
-            lonely = connected && status_of(at, end).leader() == 0;
+            leaderless = connected && status_of(at, end).leader() == 0;
         } catch (const etcd_error &) {
-            lonely = false;  // its failure is known already
+            leaderless = false;  // its failure is in the list already
         }
-        if (lonely) why = "has no leader";
-        without_leader += lonely;
+        if (leaderless) why = "has no leader";
+        without_leader += leaderless;
         text += (at == 0 ? " " : "; ") + members_[at]->name + ": " + why;
     }
     if (tls) return text;
@@ -268,7 +268,7 @@ std::string connection::why_no_answer(const std::vector<std::string> &failures, 
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-// An answer for each operation, so that callers may go by their order.
+// Guarantees a response for each operation, so that callers can index them.
 wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
                                   bool *repeated) {
     wire::TxnResponse response;
@@ -279,7 +279,7 @@ wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_
     int asked = response.succeeded() ? request.success_size() : request.failure_size();
     if (response.responses_size() != asked) {
         throw etcd_error(failure::registry, etcd_reason::none,
-                         "the cluster answers less than it was asked for");
+                         "the cluster returned fewer results than requested");
     }
     return response;
 }
@@ -331,12 +331,12 @@ wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
 
 // ---- Keepalives ---------------------------------------------------------------------------------
 
-void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &told) {
+void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &on_ttl) {
     require_own_process();
     size_t at = current_.load();
-    auto answer = [this, at, told](int64_t ttl) {
+    auto answer = [this, at, on_ttl](int64_t ttl) {
         if (ttl < 0) next_member(at);
-        told(ttl);
+        on_ttl(ttl);
     };
     steady::time_point end = steady::now() + settings_.lease_ttl / 3;
     keepalives_->start(members_[at]->channel, token(), end, lease, answer);
@@ -366,7 +366,7 @@ void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_
     grpc::Status status = stream->Finish();
     if (response.compact_revision() > 0) {
         throw etcd_error(failure::changed, etcd_reason::compacted,
-                         "the cluster remembers its changes from revision " +
+                         "the cluster keeps its changes from revision " +
                              std::to_string(response.compact_revision()) + " on only",
                          response.compact_revision());
     }
@@ -380,7 +380,7 @@ void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_
                      members_[at]->name + ": " + cause_of(status));
 }
 
-// A member that was started again refuses those whom it knew before.
+// A member that was restarted has lost its tokens.
 void connection::follow(const wire::WatchCreateRequest &what, steady::time_point end,
                         const std::function<bool(const wire::WatchResponse &)> &sink) {
     const std::string used = token();
@@ -406,7 +406,7 @@ void connection::await_deletion(const std::string &key, int64_t after_revision,
     try {
         follow(what, end, [&](const wire::WatchResponse &seen) { return !is_deletion(seen); });
     } catch (const etcd_error &) {
-        std::this_thread::sleep_for(PAUSE);  // the caller looks again
+        std::this_thread::sleep_for(PAUSE);  // the caller reads the queue again
     }
 }
 

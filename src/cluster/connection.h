@@ -1,9 +1,9 @@
 // Calls to the members of an etcd cluster, one channel to each.
 //
-// A call tries the members in turn until one gives an answer or the time is over; a try that is not
-// answered soon goes on at the next member. So a request may be carried out twice, or late, and
-// must bear it. Which failure is worth another try, and what a person should do about the others,
-// is one table in call_failure.cpp.
+// A call tries the members in turn until one answers or the time is over; a try without an answer is
+// soon repeated at the next member. So a request may be carried out twice, or late, and must be
+// idempotent. One table in call_failure.cpp contains the failures that are tried again, and the
+// remedies for the others.
 #ifndef KEYVIEW_CLUSTER_CONNECTION_H
 #define KEYVIEW_CLUSTER_CONNECTION_H
 
@@ -31,17 +31,17 @@ class connection {
     connection &operator=(const connection &) = delete;
     ~connection();
 
-    // Calls that any member may answer. They throw etcd_error. repeated tells whether a try before
-    // the one that was answered may have been carried out, or still will be.
+    // Calls that any member may answer. They throw etcd_error. repeated is set if an earlier
+    // try than the answered one may have been carried out, or still may be.
     wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
                           bool *repeated = nullptr);
     void grant(int64_t lease, std::chrono::seconds ttl, steady::time_point end);
     void revoke(int64_t lease, steady::time_point end);
     wire::AlarmResponse alarms(steady::time_point end);
 
-    // Sends a keepalive and goes on. told is called once, on another thread: with the seconds that
-    // the lease has, 0 if it is lost, or -1 if there was no answer.
-    void keep_alive(int64_t lease, const std::function<void(int64_t ttl)> &told);
+    // Sends a keepalive and returns at once. on_ttl is called once, on another thread: with the
+    // remaining seconds of the lease, 0 if it is lost, or -1 without an answer.
+    void keep_alive(int64_t lease, const std::function<void(int64_t ttl)> &on_ttl);
 
     // Waits until the key is deleted after that revision, the wait fails, or the time is over.
     void await_deletion(const std::string &key, int64_t after_revision, steady::time_point end);
@@ -57,7 +57,7 @@ class connection {
     const cluster_settings &settings() const { return settings_; }
     steady::time_point answer_end() const { return steady::now() + settings_.answer_wait; }
 
-    // Answers that this process waited for so far.
+    // The number of answers that this process has waited for.
     uint64_t round_trips() const { return round_trips_.load(); }
 
   private:
@@ -72,8 +72,8 @@ class connection {
     void next_member(size_t after);
     void log_in(const std::string &refused, steady::time_point end);
     std::string token();
-    bool tls_is_wrong(std::vector<std::string> *failures) const;
-    std::string why_no_answer(const std::vector<std::string> &failures, bool tls);
+    bool find_tls_faults(std::vector<std::string> *failures) const;
+    std::string no_answer_text(const std::vector<std::string> &failures, bool tls);
     void require_own_process() const;
 
     cluster_settings settings_;

@@ -1,4 +1,4 @@
-// A look at a cluster: how it is reached, its members one by one, what they agree on, its locks.
+// Diagnoses a cluster: the settings, each member, the leader, the alarms, the registry, a lock.
 #include <set>
 
 #include "cluster/cluster.h"
@@ -11,27 +11,27 @@ namespace keyview::host {
 
 namespace {
 
-constexpr std::chrono::milliseconds PATIENCE{1000};  // for one member
+constexpr std::chrono::milliseconds CHECK_WAIT{1000};  // for one member
 constexpr int64_t DAY_S = 86400;
-constexpr int64_t LAST_DAYS = 14;  // of a certificate, from which on it is time
+constexpr int64_t LAST_DAYS = 14;  // of a certificate, in which it should be renewed
 constexpr int64_t MIB = int64_t{1} << 20;
 
-class visit {
+class inspection {
   public:
-    visit(const cluster_settings &settings, const diagnosis_sink &sink)
+    inspection(const cluster_settings &settings, const diagnosis_sink &sink)
         : settings_(settings), sink_(sink), calls_(settings) {}
 
     void run() {
-        look_at_settings();
+        check_settings();
         for (size_t n = 0; n < settings_.members.size(); ++n)
-            look_at_member(n);
-        look_at_leader();
-        diagnose("alarms", sink_, [&] { look_at_alarms(); });
-        diagnose("registry", sink_, [&] { look_at_registry(); });
+            check_member(n);
+        check_leader();
+        diagnose("alarms", sink_, [&] { check_alarms(); });
+        diagnose("registry", sink_, [&] { check_registry(); });
     }
 
   private:
-    void look_at_settings() const {
+    void check_settings() const {
         std::string text = std::to_string(settings_.members.size()) + " members, keys below " +
                            settings_.prefix + ", an answer within " +
                            std::to_string(settings_.answer_wait.count() / 1000) +
@@ -40,21 +40,21 @@ class visit {
         sink_({"configuration", health::good, text});
         if (settings_.members.size() == 1) {
             sink_({"configuration", health::doubtful,
-                   "only one member is named: when it is down, the others are not asked"});
+                   "only one member is named: when it is down, no other one is tried"});
         }
         if (!settings_.tls && !settings_.login_file.empty()) {
             sink_({"configuration", health::doubtful,
-                   "the password goes over the network in the clear: use etcds:// with TLS"});
+                   "the password is sent unencrypted: use etcds:// with TLS"});
         }
     }
 
-    void look_at_member(size_t n) {
+    void check_member(size_t n) {
         std::string subject = "member " + settings_.members[n];
-        if (settings_.tls && !look_at_certificate(subject, settings_.members[n])) return;
+        if (settings_.tls && !check_certificate(subject, settings_.members[n])) return;
         diagnose(subject, sink_, [&] {
             connect(n);
             steady::time_point start = steady::now();
-            wire::StatusResponse status = calls_.status_of(n, start + PATIENCE);
+            wire::StatusResponse status = calls_.status_of(n, start + CHECK_WAIT);
             std::string took = shown_ms(steady::now() - start);
             bool leads = status.leader() == status.header().member_id();
             if (leads) leader_ = settings_.members[n];
@@ -71,17 +71,17 @@ class visit {
     // Without TLS only a failure shows that the member may demand it.
     void connect(size_t n) {
         try {
-            (void)calls_.status_of(n, steady::now() + PATIENCE);
+            (void)calls_.status_of(n, steady::now() + CHECK_WAIT);
         } catch (const etcd_error &error) {
-            std::string fault = probe_tls(settings_, settings_.members[n], PATIENCE).fault;
+            std::string fault = probe_tls(settings_, settings_.members[n], CHECK_WAIT).fault;
             if (fault.empty()) throw;
             throw etcd_error(error.kind, error.reason, fault);
         }
     }
 
-    // Returns whether the member can be asked further.
-    bool look_at_certificate(const std::string &subject, const std::string &member) const {
-        tls_facts seen = probe_tls(settings_, member, PATIENCE);
+    // Returns whether calls to the member can succeed.
+    bool check_certificate(const std::string &subject, const std::string &member) const {
+        tls_facts seen = probe_tls(settings_, member, CHECK_WAIT);
         int64_t days = seen.seconds_left / DAY_S;
         if (!seen.fault.empty()) {
             sink_({subject, health::bad, seen.fault});
@@ -94,7 +94,7 @@ class visit {
         return seen.fault.empty();
     }
 
-    void look_at_leader() const {
+    void check_leader() const {
         if (leaders_.size() == 1) {
             sink_({"leader", health::good,
                    leader_.empty() ? "a member that the URL does not name" : leader_});
@@ -103,13 +103,13 @@ class visit {
                 {"leader", health::bad,
                  leaders_.empty()
                      ? "there is none: more than half of the members must run and reach each other"
-                     : "the members do not agree on one: an election is on, or they are of "
-                       "different clusters"});
+                     : "the members do not agree on one: an election is under way, or they "
+                       "belong to different clusters"});
         }
     }
 
-    void look_at_alarms() {
-        wire::AlarmResponse found = calls_.alarms(steady::now() + PATIENCE);
+    void check_alarms() {
+        wire::AlarmResponse found = calls_.alarms(steady::now() + CHECK_WAIT);
         for (const wire::AlarmMember &one : found.alarms()) {
             bool full = one.alarm() == wire::NOSPACE;
             sink_(
@@ -121,7 +121,7 @@ class visit {
         if (found.alarms().empty()) sink_({"alarms", health::good, "none"});
     }
 
-    void look_at_registry() {
+    void check_registry() {
         layout keys(settings_.prefix);
         tree_part state = tree_state(&calls_, keys);
         if (!state.marker().empty()) {
@@ -144,7 +144,7 @@ class visit {
 }  // namespace
 
 void diagnose_cluster(const std::string &url, const diagnosis_sink &sink) {
-    visit(settings_of(url), sink).run();
+    inspection(settings_of(url), sink).run();
 }
 
 }  // namespace keyview::host

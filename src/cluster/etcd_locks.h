@@ -1,11 +1,10 @@
-// Named locks of a cluster: queues of keys that live as long as the sessions of those who wait.
+// Named locks of a cluster: queues of keys that exist as long as the sessions of their owners.
 //
-// Who asks puts a key of its own into the queue of the name; the order of the queue is that of the
-// keys' creation. The lock is granted once no key before the own one conflicts with it: none at all
-// for an exclusive lock, no exclusive one for a shared lock. When the queue is free, one
-// transaction does it all and brings the part of the tree that the holder wants. Otherwise the key
-// waits for the nearest one that conflicts, and the transaction that grants looks whether the own
-// key is still there: it goes with its session.
+// Each waiter adds its own key to the queue of the name; the queue is ordered by creation. The lock
+// is granted once no earlier key conflicts with it: none at all for an exclusive lock, no exclusive
+// one for a shared lock. If none does, one transaction adds the key, grants the lock and reads the
+// part of the tree that it covers. Otherwise the waiter watches the nearest conflicting key, and the
+// granting transaction requires that its own key still exists: the key is deleted with its session.
 #ifndef KEYVIEW_CLUSTER_ETCD_LOCKS_H
 #define KEYVIEW_CLUSTER_ETCD_LOCKS_H
 
@@ -21,20 +20,20 @@
 
 namespace keyview::host {
 
-// A key in the queue of a lock; given up at the end.
-class queue_place {
+// A key in the queue of a lock. The destructor deletes it.
+class queue_entry {
   public:
-    queue_place(std::shared_ptr<session> cluster, std::string key,
+    queue_entry(std::shared_ptr<session> cluster, std::string key,
                 std::shared_ptr<session::lease> lease)
         : cluster_(std::move(cluster)), key_(std::move(key)), lease_(std::move(lease)) {}
-    queue_place(const queue_place &) = delete;
-    queue_place &operator=(const queue_place &) = delete;
-    ~queue_place() { known_ ? cluster_->leave(key_, lease_) : cluster_->leave_unknown(lease_); }
+    queue_entry(const queue_entry &) = delete;
+    queue_entry &operator=(const queue_entry &) = delete;
+    ~queue_entry() { known_ ? cluster_->release(key_, lease_) : cluster_->release_unknown(lease_); }
 
     const std::string &key() const { return key_; }
     session::lease *lease() const { return lease_.get(); }
 
-    // Who asks wants to keep it: its lease is kept alive, too.
+    // Also keeps the lease alive: the caller still needs the lock.
     bool lives() const {
         cluster_->keep_alive();
         return cluster_->lives(*lease_);
@@ -43,8 +42,8 @@ class queue_place {
     // The revision of its creation, which no other key of the same name ever has.
     int64_t created() const { return created_; }
 
-    // The revision of its latest change: each set under the lock changes it, so that a set that was
-    // sent twice is carried out once.
+    // The revision of its latest change. Each set under the lock changes it, so that a set that
+    // is sent twice is carried out once.
     int64_t changed() const { return changed_; }
 
     void note(const wire::KeyValue &known) {
@@ -60,8 +59,8 @@ class queue_place {
 
     int64_t granted = 0;  // the revision at which the lock was granted; 0 before
 
-    // The cluster does not answer: the end should not wait for it once more.
-    void note_silence() { known_ = false; }
+    // The cluster does not answer: the destructor must not wait for it again.
+    void note_no_answer() { known_ = false; }
 
   private:
     std::shared_ptr<session> cluster_;
@@ -70,27 +69,27 @@ class queue_place {
     int64_t created_ = 0;
     int64_t changed_ = 0;
     bool in_doubt_ = false;
-    bool known_ = false;  // whether the cluster told about it last
+    bool known_ = false;  // whether the latest answer contained it
 };
 
 class etcd_lock final : public held_lock {
   public:
-    etcd_lock(std::unique_ptr<queue_place> place, std::unique_ptr<moment> granted)
-        : place_(std::move(place)), granted_(std::move(granted)) {}
+    etcd_lock(std::unique_ptr<queue_entry> entry, std::unique_ptr<moment> granted)
+        : entry_(std::move(entry)), granted_(std::move(granted)) {}
 
-    bool still_held() const override { return place_->lives(); }
+    bool still_held() const override { return entry_->lives(); }
     std::unique_ptr<moment> as_of_grant() override { return std::move(granted_); }
 
-    queue_place *place() const { return place_.get(); }
+    queue_entry *entry() const { return entry_.get(); }
 
   private:
-    std::unique_ptr<queue_place> place_;
+    std::unique_ptr<queue_entry> entry_;
     std::unique_ptr<moment> granted_;
 };
 
 // A shared lock for a reader of a cluster whose database is full, so that it takes no further key.
 // It has no key of its own: the transaction that granted it verified that no writer holds or awaits
-// the lock, and read the part. What it shows is as of that moment; no set is possible under it.
+// the lock, and read the part. Reads under it are as of that moment; sets are refused.
 class observed_lock final : public held_lock {
   public:
     observed_lock(std::shared_ptr<session> cluster, tree_part part)
@@ -111,7 +110,7 @@ class etcd_locks final : public lock_service {
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted) override;
 
-    // Those of all locks: the queues are told by the cluster.
+    // Returns the users of all locks, whatever the names: the cluster contains their queues.
     std::vector<lock_use> users(const std::vector<std::string> &names) override;
 
   private:

@@ -9,7 +9,7 @@
 namespace keyview::host {
 
 void read_part(session *cluster, tree_part *part, int64_t revision) {
-    half_applied_wait patience(cluster);
+    half_applied_wait pending(cluster);
     for (;;) {
         wire::TxnRequest request;
         part->ask(cluster->deepest(), revision, request.mutable_success());
@@ -18,7 +18,7 @@ void read_part(session *cluster, tree_part *part, int64_t revision) {
         cluster->note_depth(part->deepest());
         if (!whole) continue;
         if (revision != 0 || part->marker().empty()) return;
-        patience.wait(part->marker());
+        pending.wait(part->marker());
     }
 }
 
@@ -49,7 +49,7 @@ class etcd_moment final : public moment {
 
   private:
     const tree_part &part_with(std::string_view path, reach which) {
-        if (part_.revision() == 0 || !part_.tells(path, which)) {
+        if (part_.revision() == 0 || !part_.covers(path, which)) {
             int64_t at = part_.revision();
             part_ = tree_part(cluster_->keys(), std::string(path), which);
             read_part(cluster_.get(), &part_, at);

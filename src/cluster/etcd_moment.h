@@ -11,7 +11,7 @@
 
 namespace keyview::host {
 
-// Reads a part, as of a revision or, with 0, as it is once no change set is half applied.
+// Reads a part, as of a revision or, with 0, the present one once no change set is half applied.
 void read_part(session *cluster, tree_part *part, int64_t revision);
 
 // Whether a key in a cluster can have this path.

@@ -20,7 +20,7 @@ std::unique_ptr<moment> etcd_store::now(std::string_view part) {
 
 // ---- Following ----------------------------------------------------------------------------------
 
-// Nothing if it is of no interest.
+// Nothing if it is not a change below top.
 static std::optional<tree_change> change_in(const layout &keys, const wire::Event &event,
                                             std::string_view top) {
     std::optional<std::string_view> elements = keys.elements(event.kv().key());
@@ -64,14 +64,14 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
     try {
         follow(static_cast<int64_t>(since) + 1);
     } catch (const etcd_error &error) {
-        // Locks move the revision, too: what was compacted need not be a change of the tree.
+        // Locks move the revision, too: the compacted revisions need not contain a change of the tree.
         if (error.reason != etcd_reason::compacted) throw;
         tree_part oldest(keys, "", reach::key_alone);
         read_part(cluster_.get(), &oldest, error.revision);
         if (oldest.tree_revision() > static_cast<int64_t>(since)) throw;
         follow(error.revision + 1);
     }
-    // A member that says nothing may be gone or behind: a call that needs an answer leaves it.
+    // A silent member may be dead or behind: a call that requires an answer moves on from it.
     if (out.changes.empty()) (void)tree_state(&cluster_->calls(), keys);
     return out;
 }
@@ -85,7 +85,8 @@ void etcd_store::open(bool create) {
         require_created(&request, {keys.tree(), ""}, 0);
         add_put(request.mutable_success(), keys.tree(),
                 tree_facts{0, cluster_->unique_name()}.text());
-        (void)cluster_->txn(request, cluster_->calls().answer_end());  // or it was there
+        (void)cluster_->txn(request,
+                            cluster_->calls().answer_end());  // it fails if the registry exists
     }
     cluster_->note_depth(tree_state(&cluster_->calls(), keys).deepest());
 }
@@ -94,7 +95,7 @@ void etcd_store::open(bool create) {
 
 namespace {
 
-// One value, written only where all that must be so is so. Sent again, it does the same.
+// Sets one value under conditions. Sending it twice has the effect of sending it once.
 class set_request {
   public:
     set_request(const layout &keys, std::string_view path, std::string_view value)
@@ -108,13 +109,13 @@ class set_request {
         add_range(request_.mutable_failure(), {keys.marker(), ""});
     }
 
-    // Under a lock, whose place the set changes: a try that is carried out late finds it changed.
-    void fence(queue_place *place) {
-        lock_ = place;
-        require_created(&request_, {place->key(), ""}, place->created());
-        require_changed(&request_, place->key(), place->changed());
-        add_touch(request_.mutable_success(), place->key());
-        add_range(request_.mutable_failure(), {place->key(), ""});
+    // Under a lock, whose entry the set changes, so that a late try fails on the changed entry.
+    void fence(queue_entry *entry) {
+        lock_ = entry;
+        require_created(&request_, {entry->key(), ""}, entry->created());
+        require_changed(&request_, entry->key(), entry->changed());
+        add_touch(request_.mutable_success(), entry->key());
+        add_range(request_.mutable_failure(), {entry->key(), ""});
     }
 
     // Without a lock: only over the value that was read.
@@ -130,11 +131,11 @@ class set_request {
         }
         const wire::RangeResponse &stored = response.responses(0).response_range();
         if (lock_ != nullptr) {
-            const wire::RangeResponse &place = response.responses(2).response_range();
-            bool held = place.kvs_size() == 1 && place.kvs(0).create_revision() == lock_->created();
+            const wire::RangeResponse &entry = response.responses(2).response_range();
+            bool held = entry.kvs_size() == 1 && entry.kvs(0).create_revision() == lock_->created();
             if (!held) return outcome::lock_lost;
-            bool by_us = place.kvs(0).mod_revision() != lock_->changed();
-            lock_->note_changed(place.kvs(0).mod_revision());
+            bool by_us = entry.kvs(0).mod_revision() != lock_->changed();
+            lock_->note_changed(entry.kvs(0).mod_revision());
             if (by_us) return outcome::done;  // by an earlier try
         }
         const wire::RangeResponse &marker = response.responses(1).response_range();
@@ -149,7 +150,7 @@ class set_request {
     const std::string &marker() const { return marker_; }
 
   private:
-    // A request has room for a large value once only; such a one is written in any case.
+    // A request has room for one copy of a large value: such a value is always written.
     static constexpr size_t MOST_COMPARED = size_t{64} << 10;
 
     wire::TxnResponse send(session *cluster) {
@@ -165,7 +166,7 @@ class set_request {
     std::string key_;
     std::string value_;
     wire::TxnRequest request_;
-    queue_place *lock_ = nullptr;
+    queue_entry *lock_ = nullptr;
     std::string marker_;
 };
 
@@ -176,16 +177,16 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
     check_value(path, value);
     const auto *lock = dynamic_cast<const etcd_lock *>(fence);
     if (fence != nullptr && lock == nullptr && !fence->still_held()) throw lock_lost(path);
-    if (lock != nullptr && lock->place()->in_doubt()) {
+    if (lock != nullptr && lock->entry()->in_doubt()) {
         throw host_error(failure::lock, "cannot set " + std::string(path) +
                                             ": an earlier set under this lock got no answer; take "
                                             "the lock anew");
     }
-    half_applied_wait patience(cluster_.get());
+    half_applied_wait pending(cluster_.get());
     for (;;) {
         set_request request(cluster_->keys(), path, value);
         if (lock != nullptr && !faults.set_unfenced) {
-            request.fence(lock->place());
+            request.fence(lock->entry());
         } else {
             tree_part there(cluster_->keys(), std::string(path), reach::key_alone);
             read_part(cluster_.get(), &there, 0);
@@ -200,7 +201,7 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
             case set_request::outcome::lock_lost:
                 throw lock_lost(path);
             case set_request::outcome::half_applied:
-                patience.wait(request.marker());
+                pending.wait(request.marker());
                 break;
             case set_request::outcome::changed:
                 break;
@@ -214,11 +215,11 @@ change_counts etcd_store::apply(const std::vector<change> &changes, const apply_
     check_changes(changes);
     for (const change &one : changes) {
         if (one.what == change::kind::remove || elements_of(one.path) <= MOST_ELEMENTS) continue;
-        throw host_error(failure::usage, "no key can be '" + one.path +
-                                             "': a path in a cluster has " +
+        throw host_error(failure::usage, "'" + one.path +
+                                             "' is too long: a path in a cluster has " +
                                              std::to_string(MOST_ELEMENTS) + " elements at most");
     }
-    return carry_out(cluster_.get(), changes, terms);
+    return apply_changes(cluster_.get(), changes, terms);
 }
 
 bool etcd_store::finish_apply(finish how) {

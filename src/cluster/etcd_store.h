@@ -1,4 +1,4 @@
-// The store of a cluster: keys in etcd, laid out as layout.h tells.
+// The store of a cluster: keys in etcd, in the layout of layout.h.
 #ifndef KEYVIEW_CLUSTER_ETCD_STORE_H
 #define KEYVIEW_CLUSTER_ETCD_STORE_H
 
@@ -16,7 +16,7 @@ class etcd_store final : public store {
   public:
     explicit etcd_store(std::shared_ptr<session> cluster) : cluster_(std::move(cluster)) {}
 
-    // Looks whether there is a registry, and makes one if asked to.
+    // Requires that the registry exists, or creates it.
     void open(bool create);
 
     std::unique_ptr<moment> now(std::string_view part) override;

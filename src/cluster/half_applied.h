@@ -1,4 +1,4 @@
-// Waiting while a change set is carried out in pieces, so that nobody takes a part of it for all.
+// Waits while a change set is applied in pieces, so that no reader sees a part of it.
 #ifndef KEYVIEW_CLUSTER_HALF_APPLIED_H
 #define KEYVIEW_CLUSTER_HALF_APPLIED_H
 
@@ -12,7 +12,7 @@ class half_applied_wait {
   public:
     explicit half_applied_wait(session *cluster) : cluster_(cluster) {}
 
-    // A little. Throws failure::content if the marker stays as it is: then its writer is gone.
+    // Waits for a moment. Throws failure::content if the marker does not move: its writer is dead.
     void wait(const std::string &marker);
 
   private:
@@ -21,7 +21,7 @@ class half_applied_wait {
     steady::time_point end_;
 };
 
-// What a person is told of a marker.
+// The text about a marker for users.
 std::string half_applied_text(const std::string &marker);
 
 }  // namespace keyview::host

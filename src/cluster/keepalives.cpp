@@ -16,8 +16,8 @@ using keep_alive_reactor =
 
 struct keepalives::one_call final : keep_alive_reactor {
     one_call(keepalives *its_owner, const std::shared_ptr<grpc::Channel> &channel,
-             std::function<void(int64_t)> whom)
-        : owner(its_owner), leases(channel), told(std::move(whom)) {}
+             std::function<void(int64_t)> its_on_ttl)
+        : owner(its_owner), leases(channel), on_ttl(std::move(its_on_ttl)) {}
 
     void start() noexcept {
         leases.async()->LeaseKeepAlive(&context, this);
@@ -27,12 +27,12 @@ struct keepalives::one_call final : keep_alive_reactor {
     }
 
     void OnReadDone(bool ok) override {
-        if (ok && told) std::exchange(told, nullptr)(response.ttl());
+        if (ok && on_ttl) std::exchange(on_ttl, nullptr)(response.ttl());
         if (ok) context.TryCancel();
     }
 
     void OnDone(const grpc::Status &) override {
-        if (told) told(-1);
+        if (on_ttl) on_ttl(-1);
         owner->end(this);
     }
 
@@ -41,7 +41,7 @@ struct keepalives::one_call final : keep_alive_reactor {
     grpc::ClientContext context;
     wire::LeaseKeepAliveRequest request;
     wire::LeaseKeepAliveResponse response;
-    std::function<void(int64_t)> told;
+    std::function<void(int64_t)> on_ttl;
 };
 
 keepalives::keepalives() = default;
@@ -54,8 +54,8 @@ keepalives::~keepalives() {
 }
 
 void keepalives::start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
-                       steady::time_point end, int64_t lease, std::function<void(int64_t)> told) {
-    auto made = std::make_unique<one_call>(this, channel, std::move(told));
+                       steady::time_point end, int64_t lease, std::function<void(int64_t)> on_ttl) {
+    auto made = std::make_unique<one_call>(this, channel, std::move(on_ttl));
     made->request.set_id(lease);
     prepare(&made->context, end, token);
     one_call *call = made.get();

@@ -1,5 +1,5 @@
-// Keepalives under way: each one question and one answer on a stream of its own, which nobody waits
-// for.
+// Keepalives under way: each is one request and one response on a stream of its own, without a
+// waiting thread.
 #ifndef KEYVIEW_CLUSTER_KEEPALIVES_H
 #define KEYVIEW_CLUSTER_KEEPALIVES_H
 
@@ -23,13 +23,13 @@ class keepalives {
     keepalives(const keepalives &) = delete;
     keepalives &operator=(const keepalives &) = delete;
 
-    // Ends those that are under way. The last reference to a channel must not go in a callback:
-    // gRPC would wait there for the thread that it runs on. So the channels must live longer.
+    // Cancels those that are under way. The channels must outlive it: if a callback dropped the
+    // last reference to a channel, gRPC would wait for the thread that the callback runs on.
     ~keepalives();
 
-    // told is called once, on another thread, as connection::keep_alive() has it.
+    // See connection::keep_alive().
     void start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
-               steady::time_point end, int64_t lease, std::function<void(int64_t)> told);
+               steady::time_point end, int64_t lease, std::function<void(int64_t)> on_ttl);
 
   private:
     struct one_call;

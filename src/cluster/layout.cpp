@@ -74,7 +74,7 @@ static std::string queue_of(const std::string &prefix, std::string_view name) {
     return made;
 }
 
-std::string layout::lock_place(std::string_view name, lock_mode mode, std::string_view id) const {
+std::string layout::lock_entry(std::string_view name, lock_mode mode, std::string_view id) const {
     std::string made = queue_of(prefix_, name);
     made += mode == lock_mode::shared ? "r/" : "w/";
     made += id;
@@ -89,7 +89,7 @@ key_range layout::lock_writers(std::string_view name) const {
     return beginning_with(queue_of(prefix_, name) + "w/");
 }
 
-bool layout::lock_of_place(std::string_view key, std::string *name, lock_mode *mode) const {
+bool layout::lock_of_entry(std::string_view key, std::string *name, lock_mode *mode) const {
     size_t head = prefix_.size() + 4;
     size_t end = key.find('\0', std::min(head, key.size()));
     if (end == key.npos || end + 1 == key.size()) return false;

@@ -1,18 +1,18 @@
-// How the tree and the locks lie in the cluster, below a prefix that is the registry's own:
+// The keys of a registry in the cluster, below its prefix:
 //
-//     /tree                      that there is a registry: the format, how deep the tree is, and
-//                                who applied the latest change set. Every change of the tree
+//     /tree                      exists with the registry: the format, the depth of the tree, and
+//                                the writer of the latest change set. Each change of the tree
 //                                writes it, so its revision is that of the tree
 //     /kv/<depth><path>          a key of the tree: the number of its elements as one byte, then
-//                                its elements, each with 0x01 behind it; the value as given. So
-//                                the children of a key are one range, and so is what is below it
-//                                at any depth
-//     /lk/<name>\0r/<id>         a place in the queue of a lock, "w" for an exclusive one
+//                                its elements, each followed by 0x01; the value as given. So the
+//                                children of a key are one range, as are its descendants of each
+//                                depth
+//     /lk/<name>\0r/<id>         an entry in the queue of a lock, "w" for an exclusive one
 //     /apply                     the marker of a change set that is carried out in pieces
 //     /journal/<id>/<piece>/...  what those pieces do and undo
 //
-// A reader needs to read /tree, /kv/ and /apply and to write below /lk/; who sets values also
-// writes /tree and /kv/; who applies documents writes all of it.
+// Readers read /tree, /kv/ and /apply and write below /lk/; setting values also writes /tree and
+// /kv/; applying documents writes all of them.
 #ifndef KEYVIEW_CLUSTER_LAYOUT_H
 #define KEYVIEW_CLUSTER_LAYOUT_H
 
@@ -48,7 +48,7 @@ class layout {
     key_range journals() const { return beginning_with(prefix_ + "/journal/"); }
     std::string journal(std::string_view id, uint32_t piece, bool undo) const;
 
-    // path is one that a key can have, of no more than MOST_ELEMENTS.
+    // path is valid for a key and has no more than MOST_ELEMENTS.
     std::string key(std::string_view path) const;
 
     // The keys below path that have that many elements, which are more than the path's.
@@ -57,17 +57,17 @@ class layout {
     // All keys of the tree.
     key_range all_keys() const { return beginning_with(kv_); }
 
-    // The elements of a key with 0x01 between them, as long as the key lives; nothing for a key
-    // that no path can have.
+    // The elements of a key, separated by 0x01, as a view into the key; nothing if it is not the
+    // key of any path.
     std::optional<std::string_view> elements(std::string_view key) const;
 
-    std::string lock_place(std::string_view name, lock_mode mode, std::string_view id) const;
+    std::string lock_entry(std::string_view name, lock_mode mode, std::string_view id) const;
     key_range lock_queue(std::string_view name) const;
     key_range lock_writers(std::string_view name) const;
     key_range all_locks() const { return beginning_with(prefix_ + "/lk/"); }
 
-    // The name and the mode of the lock that a place is in the queue of; false for another key.
-    bool lock_of_place(std::string_view key, std::string *name, lock_mode *mode) const;
+    // The name and the mode of the lock of an entry; false for another key.
+    bool lock_of_entry(std::string_view key, std::string *name, lock_mode *mode) const;
 
   private:
     std::string prefix_;

@@ -1,4 +1,4 @@
-// Parts of transactions as the wire has them.
+// Parts of transactions as messages of etcd.
 #include "cluster/request.h"
 
 namespace keyview::host {

@@ -1,4 +1,4 @@
-// The parts that transactions are made of: what must be so, and what is then done.
+// The parts of transactions: conditions and operations.
 #ifndef KEYVIEW_CLUSTER_REQUEST_H
 #define KEYVIEW_CLUSTER_REQUEST_H
 
@@ -17,20 +17,20 @@ using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
 // Every key of the range was created at that revision; with 0 there is none.
 void require_created(wire::TxnRequest *request, const key_range &range, int64_t revision);
 
-// The key is there; was changed last at that revision; has that value, or another one.
+// The key exists; was last changed at that revision; has that value, or another one.
 void require_there(wire::TxnRequest *request, const std::string &key);
 void require_changed(wire::TxnRequest *request, const std::string &key, int64_t revision);
 void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value);
 void require_other_value(wire::TxnRequest *request, const std::string &key,
                          const std::string &value);
 
-// Reads a range, as of a revision or, with 0, as it is.
+// Reads a range as of a revision; 0 for the present one.
 void add_range(wire_ops *ops, const key_range &range, int64_t revision = 0);
 
-// With a lease the key goes when that ends.
+// With a lease the key is deleted when the lease ends.
 void add_put(wire_ops *ops, const std::string &key, const std::string &value, int64_t lease = 0);
 
-// Moves the revision of a key's latest change and leaves all else as it is.
+// Updates only the revision of a key's latest change.
 void add_touch(wire_ops *ops, const std::string &key);
 
 void add_delete(wire_ops *ops, const key_range &range);

@@ -1,4 +1,4 @@
-// The leases of a session, and the places under them.
+// The leases of a session, and their entries.
 #include "cluster/session.h"
 
 #include <sys/random.h>
@@ -11,16 +11,16 @@
 
 namespace keyview::host {
 
-// How long a release may take: others wait for it, so it goes on while the members elect a leader.
+// How long a release may take: longer than an election, because other programs wait for it.
 static constexpr std::chrono::milliseconds RELEASE{4000};
 
-// How long what only clears up may take of a program's time.
-static constexpr std::chrono::milliseconds FAREWELL{1500};
+// How long the revocation of an unused lease may take.
+static constexpr std::chrono::milliseconds CLEANUP{1500};
 
 static int64_t random_number() {
     uint64_t number = 0;
     if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
-        throw host_error(failure::internal, "the system gives no random numbers");
+        throw host_error(failure::internal, "the system returns no random numbers");
     }
     return static_cast<int64_t>(number >> 1 | 1);
 }
@@ -38,7 +38,7 @@ session::session(const cluster_settings &settings)
 session::~session() {
     if (generation_ != fork_generation()) return;
     for (const std::shared_ptr<lease> &one : leases_->all)
-        revoke(one->id, FAREWELL);
+        revoke(one->id, CLEANUP);
 }
 
 std::string session::unique_name() {
@@ -57,36 +57,35 @@ wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_poi
 
 // ---- Leases -------------------------------------------------------------------------------------
 
-// Adds the new places in the same step: without a place, another thread could close the lease and
-// forget it, and nothing would keep it alive. Null if a new lease is needed. Forgets those that are
-// of no further use.
-std::shared_ptr<session::lease> session::open_lease(size_t new_places) {
+// Adds the new entries in the same step: otherwise another thread could close and drop the lease in
+// between, and it would not be kept alive. Null if a new lease is needed. Drops unused leases.
+std::shared_ptr<session::lease> session::open_lease(size_t new_entries) {
     std::lock_guard guard(leases_->mutex);
     auto &all = leases_->all;
     auto is_over = [](const std::shared_ptr<lease> &one) {
-        return one->places == 0 && (one->closed || steady::now() >= one->end);
+        return one->entries == 0 && (one->closed || steady::now() >= one->end);
     };
     all.erase(std::remove_if(all.begin(), all.end(), is_over), all.end());
     bool usable = !all.empty() && !all.back()->closed && steady::now() < all.back()->end;
     if (!usable) return nullptr;
-    all.back()->places += new_places;
+    all.back()->entries += new_entries;
     return all.back();
 }
 
 void session::require_lease(steady::time_point end) {
     std::lock_guard one_at_a_time(granting_);
     if (open_lease(0) != nullptr) return;
-    revoke_the_rest();
+    revoke_pending();
     auto fresh = std::make_shared<lease>();
     fresh->id = random_number();
-    fresh->asked = steady::now();
+    fresh->requested = steady::now();
     calls_.grant(fresh->id, calls_.settings().lease_ttl, end);
-    fresh->end = fresh->asked + calls_.settings().lease_ttl;
+    fresh->end = fresh->requested + calls_.settings().lease_ttl;
     std::lock_guard guard(leases_->mutex);
     leases_->all.push_back(std::move(fresh));
 }
 
-std::shared_ptr<session::lease> session::take_place(steady::time_point end) {
+std::shared_ptr<session::lease> session::add_entry(steady::time_point end) {
     std::shared_ptr<lease> found;
     while ((found = open_lease(1)) == nullptr)
         require_lease(end);
@@ -116,18 +115,18 @@ void session::keep_alive() {
     {
         std::lock_guard guard(leases_->mutex);
         for (const std::shared_ptr<lease> &one : leases_->all) {
-            bool used = !one->closed || one->places > 0;
-            if (!used || one->asking || now < one->asked + part || now >= one->end) continue;
-            one->asking = true;
+            bool used = !one->closed || one->entries > 0;
+            if (!used || one->renewing || now < one->requested + part || now >= one->end) continue;
+            one->renewing = true;
             due.push_back(one);
         }
     }
     for (const std::shared_ptr<lease> &one : due) {
         calls_.keep_alive(one->id, [state = leases_, one, now](int64_t seconds) {
             std::lock_guard guard(state->mutex);
-            one->asking = false;
+            one->renewing = false;
             if (seconds < 0) return;
-            one->asked = now;
+            one->requested = now;
             one->end =
                 seconds == 0 ? steady::time_point::min() : now + std::chrono::seconds(seconds);
         });
@@ -136,49 +135,49 @@ void session::keep_alive() {
 
 // ---- Places -------------------------------------------------------------------------------------
 
-void session::revoke(int64_t id, std::chrono::milliseconds patience) noexcept {
+void session::revoke(int64_t id, std::chrono::milliseconds wait) noexcept {
     try {
-        calls_.revoke(id, steady::now() + patience);
+        calls_.revoke(id, steady::now() + wait);
     } catch (const std::exception &) {
         return;  // it ends by itself
     }
 }
 
-void session::revoke_the_rest() {
+void session::revoke_pending() {
     std::vector<int64_t> ids;
     {
         std::lock_guard guard(leases_->mutex);
         ids.swap(leases_->to_revoke);
     }
     for (int64_t id : ids)
-        revoke(id, FAREWELL);
+        revoke(id, CLEANUP);
 }
 
-// Whether the lease goes with it.
-bool session::drop_place(const std::shared_ptr<lease> &its) noexcept {
+// Returns whether the lease is to be revoked with it.
+bool session::drop_entry(const std::shared_ptr<lease> &its) noexcept {
     std::lock_guard guard(leases_->mutex);
-    return --its->places == 0 && its->closed;
+    return --its->entries == 0 && its->closed;
 }
 
-void session::leave(const std::string &place, const std::shared_ptr<lease> &its) noexcept {
+void session::release(const std::string &entry, const std::shared_ptr<lease> &its) noexcept {
     if (generation_ != fork_generation()) return;  // it is the parent's
-    if (drop_place(its)) return revoke(its->id, RELEASE);
+    if (drop_entry(its)) return revoke(its->id, RELEASE);
     try {
         wire::TxnRequest request;
-        add_delete(request.mutable_success(), {place, ""});
-        (void)calls_.txn(request, steady::now() + RELEASE);  // only a failure is of interest
+        add_delete(request.mutable_success(), {entry, ""});
+        (void)calls_.txn(request, steady::now() + RELEASE);  // its result is not needed
     } catch (const std::exception &) {
         close(its.get());
         std::lock_guard guard(leases_->mutex);
-        if (its->places == 0) leases_->to_revoke.push_back(its->id);
+        if (its->entries == 0) leases_->to_revoke.push_back(its->id);
     }
 }
 
-// The next lock, which needs a new lease, revokes this one first.
-void session::leave_unknown(const std::shared_ptr<lease> &its) noexcept {
+// The next lock needs a new lease and revokes this one first.
+void session::release_unknown(const std::shared_ptr<lease> &its) noexcept {
     if (generation_ != fork_generation()) return;
     close(its.get());
-    if (!drop_place(its)) return;
+    if (!drop_entry(its)) return;
     std::lock_guard guard(leases_->mutex);
     leases_->to_revoke.push_back(its->id);
 }

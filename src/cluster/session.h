@@ -1,13 +1,13 @@
-// One session of this process with a cluster: its connections, and the leases under which its locks
-// lie. Shared by all contexts and threads that use the same cluster.
+// One session of this process with a cluster: its connections, and the leases of its locks. Shared by
+// all contexts and threads that use the same cluster.
 //
-// The session has no thread of its own. A lease that is due is kept alive from within calls and
-// waits, without waiting for the answer; when nobody calls it ends, and the next lock begins a new
-// one. A lease is counted from before it was asked for, so it ends here before it ends there.
+// The session has no thread of its own. Calls and waits send the keepalives that are due, without
+// waiting for the answer; without calls a lease ends, and the next lock takes a new one. The time of
+// a lease is counted from before its request, so that it ends here before it ends in the cluster.
 //
-// A request that was sent twice may be carried out late, and put a place into a queue that was
-// given up long ago. So a lease under which that can happen takes no further places, and is revoked
-// with its last one: under a revoked lease nothing can appear.
+// A request that was sent twice may be carried out late, and create an entry that was given up long
+// ago. So a lease under which that can happen is closed to further entries, and revoked with its last
+// one: under a revoked lease no key can be created.
 #ifndef KEYVIEW_CLUSTER_SESSION_H
 #define KEYVIEW_CLUSTER_SESSION_H
 
@@ -24,7 +24,7 @@
 
 namespace keyview::host {
 
-// Who we are, for those who wait for us: "keyviewctl, process 17 on db1".
+// The name of this process for waiters: "keyviewctl, process 17 on db1".
 std::string this_process();
 
 class session {
@@ -32,11 +32,11 @@ class session {
     // Guarded by the session.
     struct lease {
         int64_t id = 0;
-        steady::time_point asked;
+        steady::time_point requested;
         steady::time_point end;
-        bool asking = false;
-        bool closed = false;  // takes no further places
-        size_t places = 0;
+        bool renewing = false;
+        bool closed = false;  // to further entries
+        size_t entries = 0;
     };
 
     explicit session(const cluster_settings &settings);
@@ -51,39 +51,39 @@ class session {
     uint32_t deepest() const { return deepest_; }
     void note_depth(uint32_t deepest) { deepest_ = std::max(deepest, USUAL_DEPTH); }
 
-    // One call, while which the leases are kept alive.
+    // Runs one call and sends due keepalives before it.
     wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
                           bool *repeated = nullptr);
 
-    // A name for a place in a queue or a change set, which nobody else uses.
+    // A unique name for an entry of a queue or a change set.
     std::string unique_name();
 
-    // A lease that lives and takes places, with one place more. The first lock brings the lease.
-    std::shared_ptr<lease> take_place(steady::time_point end);
+    // Adds an entry to a living lease. The first entry takes the lease.
+    std::shared_ptr<lease> add_entry(steady::time_point end);
 
     bool lives(const lease &one) const;
     void close(lease *one);
     void note_lost(lease *one);
     void keep_alive();
 
-    // Gives up a place, which must be one of the lease's. A place that the cluster may not know, or
-    // does not answer about, goes with its lease.
-    void leave(const std::string &place, const std::shared_ptr<lease> &its) noexcept;
-    void leave_unknown(const std::shared_ptr<lease> &its) noexcept;
+    // Gives up an entry of the lease. An entry that may not exist, or about which the cluster does
+    // not answer, is deleted with its lease.
+    void release(const std::string &entry, const std::shared_ptr<lease> &its) noexcept;
+    void release_unknown(const std::shared_ptr<lease> &its) noexcept;
 
   private:
     // Shared with the answers to keepalives, which may come late.
     struct leases {
         std::mutex mutex;
-        std::vector<std::shared_ptr<lease>> all;  // the one that takes places last
+        std::vector<std::shared_ptr<lease>> all;  // the open one last
         std::vector<int64_t> to_revoke;
     };
 
-    std::shared_ptr<lease> open_lease(size_t new_places);
+    std::shared_ptr<lease> open_lease(size_t new_entries);
     void require_lease(steady::time_point end);
-    void revoke_the_rest();
-    bool drop_place(const std::shared_ptr<lease> &its) noexcept;
-    void revoke(int64_t id, std::chrono::milliseconds patience) noexcept;
+    void revoke_pending();
+    bool drop_entry(const std::shared_ptr<lease> &its) noexcept;
+    void revoke(int64_t id, std::chrono::milliseconds wait) noexcept;
 
     static constexpr uint32_t USUAL_DEPTH = 8;
 

@@ -122,7 +122,7 @@ std::string distrust(long verified, const endpoint &where) {
         case X509_V_ERR_CERT_HAS_EXPIRED:
             return "its certificate has expired: renew it";
         case X509_V_ERR_CERT_NOT_YET_VALID:
-            return "its certificate is not valid yet: see that the clocks are right";
+            return "its certificate is not valid yet: check the clocks";
         case X509_V_ERR_HOSTNAME_MISMATCH:
         case X509_V_ERR_IP_ADDRESS_MISMATCH:
             return "its certificate is not for the name " + where.host +
@@ -168,7 +168,7 @@ std::string fault_of(const SSL *session, const cluster_settings &settings, const
     return std::string("TLS fails: ") + ERR_reason_error_string(cause);
 }
 
-// OpenSSL writes to a connection that may be closed; the program must not be ended by that.
+// A write of OpenSSL to a closed connection must not end the program.
 class no_sigpipe {
   public:
     no_sigpipe() {
@@ -192,10 +192,10 @@ class no_sigpipe {
 }  // namespace
 
 tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
-                    std::chrono::milliseconds patience) {
+                    std::chrono::milliseconds wait) {
     no_sigpipe quiet;
     endpoint where(member);
-    steady::time_point end = steady::now() + patience;
+    steady::time_point end = steady::now() + wait;
     tls_facts seen;
     unique_fd fd = connect_to(where, end);
     if (!fd.valid()) return seen;

@@ -17,7 +17,7 @@ struct tls_facts {
 
 // Connects to "host:port" as the settings demand. Without TLS a member that speaks TLS is the fault.
 tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
-                    std::chrono::milliseconds patience);
+                    std::chrono::milliseconds wait);
 
 }  // namespace keyview::host
 

@@ -1,4 +1,4 @@
-// From lists of keys, one for each depth, to single keys and snapshots.
+// Finds keys in the lists of each depth, and copies them into snapshots.
 #include "cluster/tree_part.h"
 
 #include <algorithm>
@@ -31,7 +31,7 @@ bool tree_part::take(wire::TxnResponse *response, int first_op) {
         throw host_error(
             failure::not_found,
             "there is no registry in the cluster below the prefix of the URL: the first "
-            "'keyviewctl apply' makes one");
+            "'keyviewctl apply' creates it");
     }
     revision_ = asked_revision_ != 0 ? asked_revision_ : response->header().revision();
     tree_revision_ = answer(0)->Get(0).mod_revision();
@@ -72,7 +72,7 @@ const wire::KeyValue *tree_part::find(std::string_view path) const {
     return at == rows.end() || at->key() != key ? nullptr : &*at;
 }
 
-bool tree_part::tells(std::string_view path, reach which) const {
+bool tree_part::covers(std::string_view path, reach which) const {
     if (path_.empty() || !path_within(path, path_, which_)) return false;
     return which == reach::key_alone || which_ == reach::all_below ||
            (which_ == reach::children && which == reach::children && path == path_);

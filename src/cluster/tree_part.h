@@ -1,7 +1,7 @@
-// A part of the tree as of one transaction: what to ask of the cluster for it, and the answer.
+// A part of the tree as of one transaction: the reads that it needs, and their results.
 //
-// The keys of each depth come as a list of their own. So children stand in the order of their
-// parents, and one pass over two lists finds how many each parent has.
+// The keys of each depth are read as a list of their own. So children have the order of their
+// parents, and one pass over two lists counts the children of each.
 #ifndef KEYVIEW_CLUSTER_TREE_PART_H
 #define KEYVIEW_CLUSTER_TREE_PART_H
 
@@ -21,30 +21,30 @@ using wire_rows = google::protobuf::RepeatedPtrField<wire::KeyValue>;
 
 class tree_part {
   public:
-    // path may be empty, for nothing but the state of the tree, or one that a key can have. keys is
-    // kept by reference.
+    // path is valid for a key, or empty to read only the state of the tree. keys must outlive the
+    // part.
     tree_part(const layout &keys, std::string path, reach which)
         : keys_(&keys), path_(std::move(path)), which_(which) {}
 
-    // Adds what must be read to a transaction, for a tree of that depth, as of a revision or, with
-    // 0, as it is.
+    // Adds the reads to a transaction, for a tree of that depth, as of a revision; 0 for the present
+    // one.
     void ask(uint32_t deepest, int64_t revision, wire_ops *ops);
 
-    // Takes the answers to what was asked, from that one on. False if the tree has become deeper:
-    // then that part must be asked for anew. Throws failure::not_found if there is no registry.
+    // Takes the results, which begin with that operation. False if the tree has become deeper: then
+    // the part must be read again. Throws failure::not_found if there is no registry.
     [[nodiscard]] bool take(wire::TxnResponse *response, int first_op);
 
     uint32_t deepest() const { return deepest_; }
-    int64_t revision() const { return revision_; }            // that the rows are of; 0 for none
+    int64_t revision() const { return revision_; }            // of the rows; 0 before take()
     int64_t tree_revision() const { return tree_revision_; }  // of the latest change of the tree
     const std::string &tree_value() const { return tree_value_; }
 
     // The marker of a change set that is under way; empty if there is none.
     const std::string &marker() const { return marker_; }
 
-    bool tells(std::string_view path, reach which) const;
+    bool covers(std::string_view path, reach which) const;
 
-    // For what the part tells. False if there is no such key.
+    // For keys that the part covers. False if there is no such key.
     bool read(std::string_view path, std::string *value) const;
     bool copy(std::string_view path, reach which, snapshot *out) const;
 
@@ -66,7 +66,7 @@ class tree_part {
     std::vector<wire_rows> rows_;  // of the path itself, of its children, and so on
 };
 
-// Reads nothing but the state of the tree. keys must live as long as what is returned.
+// Reads only the state of the tree. keys must outlive the result.
 tree_part tree_state(connection *calls, const layout &keys);
 
 }  // namespace keyview::host

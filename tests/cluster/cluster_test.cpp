@@ -1,4 +1,4 @@
-// Registries in a cluster whose members are well: the store, the locks, change sets in pieces.
+// Registries in a healthy cluster: the store, the locks, change sets in pieces.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -26,10 +26,10 @@ std::vector<backend_row> backends_under_test() {
              }}};
 }
 
-// Two sessions over one tree: to the cluster they are two programs.
+// Two sessions on one tree, as two programs have.
 class Cluster : public testing::Test {
   protected:
-    // The members in another order are another session.
+    // Another order of the members gives another session.
     std::string other_url() const {
         const etcd_members &all = shared_members();
         return "etcd://" + all.address(2) + "," + all.address(0) + "," + all.address(1) + prefix;
@@ -101,8 +101,8 @@ TEST_F(Cluster, LocksExcludeEachOtherByMode) {
     }
 }
 
-// The order of the queue is that of asking: no reader passes a writer that waits.
-TEST_F(Cluster, ThoseWhoWaitAreServedInTheirOrder) {
+// The queue keeps the order of arrival: no reader passes a waiting writer.
+TEST_F(Cluster, WaitersAreServedInOrder) {
     auto held = take(mine, lock_mode::shared, 1000);
     std::string order;
     std::mutex guard;
@@ -123,7 +123,7 @@ TEST_F(Cluster, ThoseWhoWaitAreServedInTheirOrder) {
     EXPECT_EQ(order, "wrrw");
 }
 
-TEST_F(Cluster, TheGrantBringsWhatIsThereThen) {
+TEST_F(Cluster, AGrantReadsTheTreeOfItsMoment) {
     mine.keys->apply({put("a.b", "old")});
     auto held = take(mine, lock_mode::exclusive, 1000);
     std::thread waiter([&] {
@@ -141,8 +141,8 @@ TEST_F(Cluster, TheGrantBringsWhatIsThereThen) {
     waiter.join();
 }
 
-// Also when what it waits for is forgotten by the cluster meanwhile.
-TEST_F(Cluster, CompactionBreaksNoWaitAndTellsAReader) {
+// Even if the revision that it waits from is compacted meanwhile.
+TEST_F(Cluster, CompactionBreaksNoWaitAndIsReported) {
     mine.keys->apply({put("a.b", "0")});
     auto old = mine.keys->now();
     uint64_t revision = old->current().tree;
@@ -160,8 +160,8 @@ TEST_F(Cluster, CompactionBreaksNoWaitAndTellsAReader) {
     expect_failure([&] { old->read("a.b", &value); }, failure::changed, "compacted", 1);
 }
 
-// "revision after the first: key before > after" of each change from there to the present.
-static std::string told_since(const backend &from, const std::string &path, uint64_t first) {
+// One line for each change from first to the present: "revision - first: key before > after".
+static std::string changes_from(const backend &from, const std::string &path, uint64_t first) {
     std::string out;
     const uint64_t last = from.keys->now()->current().tree;
     for (uint64_t since = first; since < last;) {
@@ -175,19 +175,20 @@ static std::string told_since(const backend &from, const std::string &path, uint
     return out;
 }
 
-TEST_F(Cluster, ChangesAreToldFromAnyRevisionThatIsNotForgotten) {
+TEST_F(Cluster, ChangesAreReportedFromAnyKeptRevision) {
     mine.keys->apply({put("a.b", "0"), put("c", "0")});
     uint64_t first = mine.keys->now()->current().tree;
     theirs.keys->apply({put("a.b", "1"), put("a.b.x", "2"), put("c", "2")});
     EXPECT_TRUE(theirs.keys->set("c", "3", nullptr));
     theirs.keys->apply({removal("a.b")});
-    EXPECT_EQ(told_since(mine, "a", first),
+    EXPECT_EQ(changes_from(mine, "a", first),
               "1: a.b 0 > 1\n1: a.b.x - > 2\n3: a.b 1 > -\n3: a.b.x 2 > -\n");
-    EXPECT_EQ(told_since(mine, "a.b.x", first + 1), "2: a.b.x 2 > -\n");
-    EXPECT_EQ(told_since(mine, "c", first), "1: c 0 > 2\n2: c 2 > 3\n");
+    EXPECT_EQ(changes_from(mine, "a.b.x", first + 1), "2: a.b.x 2 > -\n");
+    EXPECT_EQ(changes_from(mine, "c", first), "1: c 0 > 2\n2: c 2 > 3\n");
     etcdctl(shared_members(), "compaction " + std::to_string(first + 2));
-    expect_failure([&] { told_since(mine, "c", first); }, failure::changed, "remembers", 1);
-    EXPECT_EQ(told_since(mine, "a", first + 2), "1: a.b 1 > -\n1: a.b.x 2 > -\n");
+    expect_failure([&] { changes_from(mine, "c", first); }, failure::changed, "keeps its changes",
+                   1);
+    EXPECT_EQ(changes_from(mine, "a", first + 2), "1: a.b 1 > -\n1: a.b.x 2 > -\n");
 }
 
 // Locks move the revision of the cluster and not that of the tree.
@@ -196,7 +197,7 @@ TEST_F(Cluster, OnlyAMissedChangeIsAGap) {
     mine.keys->apply({put("a.b", "1")});
     const uint64_t changed = mine.keys->now()->current().tree;
     take(mine, lock_mode::shared, 0);
-    int64_t granted = dynamic_cast<etcd_lock &>(*take(mine, lock_mode::shared, 0)).place()->granted;
+    int64_t granted = dynamic_cast<etcd_lock &>(*take(mine, lock_mode::shared, 0)).entry()->granted;
     ASSERT_GT(granted, static_cast<int64_t>(changed));
     etcdctl(shared_members(), "compaction " + std::to_string(granted));
     const uint64_t before = theirs.keys->round_trips();
@@ -220,8 +221,8 @@ TEST_F(Cluster, OnlyAMissedChangeIsAGap) {
     run("test $(" + watch + std::to_string(changed - 1) + " | grep -c '\"gap\"') = 1");
 }
 
-// keyviewctl over the module, as a person uses both kinds of registry side by side.
-TEST_F(Cluster, TheToolKeepsTreesInAnyRegistry) {
+// keyviewctl over the module, with both kinds of registry side by side.
+TEST_F(Cluster, TheToolWorksOnAnyRegistry) {
     scratch_directory folder;
     std::string script =
         "set -e; cd " + folder.path +
@@ -245,8 +246,8 @@ TEST_F(Cluster, TheToolKeepsTreesInAnyRegistry) {
     run(script);
 }
 
-// Someone takes the session's lease away: what a stop beyond its time comes to.
-TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksAreGood) {
+// The lease of the session is revoked, as after a stop beyond its time.
+TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksWork) {
     mine.keys->apply({put("a.b", "old")});
     auto held = take(mine, lock_mode::exclusive, 1000);
     std::string leases = "ETCDCTL_API=3 etcdctl --endpoints=" + shared_members().address(0) +
@@ -265,8 +266,8 @@ TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksAreGood) {
     EXPECT_TRUE(mine.keys->set("a.b", "new", again.get()));
 }
 
-// Runs what carries a change set on, and stops it as if it were killed after so many steps. Returns
-// whether it ended before.
+// Runs a change set or its recovery and stops it after so many steps, as if it were killed. Returns
+// whether it ended earlier.
 template <typename work>
 static bool stop_after(int steps, work &&body) {
     auto outer = std::exchange(faults.before_step, [&] {
@@ -282,8 +283,8 @@ static bool stop_after(int steps, work &&body) {
     return ended;
 }
 
-// One recovery is held at each of its steps while another one, the other way, is stopped at each of
-// its own: the first one reports success only if there is nothing left to recover.
+// One recovery pauses at each of its steps while another one in the other direction is stopped at
+// each of its own: the first one reports success only if nothing is left to recover.
 TEST_F(Cluster, ARecoveryBesideAnotherOneIsNeverTakenForDone) {
     constexpr int KEYS = 150;
     std::vector<change> old = {put("t")}, fresh = {put("t")};
@@ -300,7 +301,7 @@ TEST_F(Cluster, ARecoveryBesideAnotherOneIsNeverTakenForDone) {
     };
     struct {
         finish first, second;
-        const char *value;  // that the first one leaves
+        const char *value;  // after the first one
     } const ROWS[] = {{finish::undo, finish::resume, "old"}, {finish::resume, finish::undo, "new"}};
     int refused = 0, done = 0;
     for (const auto &row : ROWS) {
@@ -335,8 +336,8 @@ TEST_F(Cluster, ARecoveryBesideAnotherOneIsNeverTakenForDone) {
     EXPECT_GT(done, 0);
 }
 
-// Whoever looks waits for the end of a change set, and is told if nobody carries it on.
-TEST_F(Cluster, AHalfAppliedChangeSetIsFinishedOrTakenBack) {
+// Readers wait for the end of a change set, and report it if no program continues it.
+TEST_F(Cluster, AHalfAppliedChangeSetIsResumedOrUndone) {
     constexpr int KEYS = 450;
     auto all_are = [&](const std::string &value) {
         snapshot all("t", reach::all_below);
@@ -382,17 +383,17 @@ TEST_F(Cluster, AHalfAppliedChangeSetIsFinishedOrTakenBack) {
     EXPECT_EQ(all_are("new"), KEYS + 1U);
 }
 
-TEST_F(Cluster, WhatOthersBrokeIsToldAndNeverServed) {
+TEST_F(Cluster, DamageIsReportedAndNeverServed) {
     mine.keys->apply({put("a.b.c", "v")});
     std::string head = prefix + "/kv/";
     auto at = [&](const std::string &escaped) { return "\"$(printf '" + head + escaped + "')\""; };
     struct {
         const char *key;
         const char *told;
-    } const ROWS[] = {{"\\003a\\001x\\001y\\001", "stands alone"},
-                      {"\\003a\\001b\\001y", "no key that a path can have"},
-                      {"\\003a\\001b\\001\\005\\001", "no key that a path can have"},
-                      {"\\002a\\001b\\001y\\001", "no key that a path can have"}};
+    } const ROWS[] = {{"\\003a\\001x\\001y\\001", "has no parent"},
+                      {"\\003a\\001b\\001y", "not the key of any path"},
+                      {"\\003a\\001b\\001\\005\\001", "not the key of any path"},
+                      {"\\002a\\001b\\001y\\001", "not the key of any path"}};
     for (const auto &row : ROWS) {
         etcdctl(shared_members(), "put " + at(row.key) + " v");
         snapshot all("a", reach::all_below);
@@ -417,7 +418,7 @@ TEST_F(Cluster, AForkedChildIsRefusedAndItsParentGoesOn) {
         std::string text;
         bool refused = failure_of([&] { value_at(mine, "a.b"); }, &text) == failure::registry &&
                        text.find("forked") != text.npos;
-        held.reset();  // gives up nothing of the parent's
+        held.reset();  // must not release the lock of the parent
         mine = {};
         return refused && failure_of([&] { open_cluster(url + "2"); }) == failure::registry ? 0 : 1;
     });

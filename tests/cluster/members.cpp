@@ -20,16 +20,16 @@ namespace keyview::test {
 
 static constexpr int READY_S = 30;
 
-// Members listen below the range from which the kernel gives ports to others.
+// Members listen below the range of ephemeral ports.
 static uint16_t free_port() {
     static uint16_t next = static_cast<uint16_t>(12000 + getpid() * 16 % 8000);
     for (;; ++next) {
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in place = {};
-        place.sin_family = AF_INET;
-        place.sin_port = htons(next);
-        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bool is_free = bind(fd, reinterpret_cast<sockaddr *>(&place), sizeof(place)) == 0;
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(next);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bool is_free = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
         close(fd);
         if (is_free) return next++;
     }
@@ -48,7 +48,7 @@ etcd_members::etcd_members(size_t count, std::vector<std::string> more, const st
         if (what == wait_for::leader) await_ready(i);
         for (int waited_ms = 0; !listens(i); waited_ms += 10, usleep(10000)) {
             if (waited_ms > READY_S * 1000)
-                throw std::runtime_error("nobody, or somebody else, listens");
+                throw std::runtime_error("no process, or another one, listens");
         }
     }
 }
@@ -105,7 +105,7 @@ void etcd_members::stop(size_t i) const {
     ::kill(members_[i].pid, SIGSTOP);
 }
 
-void etcd_members::go_on(size_t i) const {
+void etcd_members::resume(size_t i) const {
     ::kill(members_[i].pid, SIGCONT);
 }
 

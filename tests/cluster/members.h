@@ -1,5 +1,5 @@
-// A real etcd cluster on this machine for as long as the object lives: its members are processes of
-// ours, on ports that were free, with their files in a temporary directory.
+// A real etcd cluster on this machine while the object lives: its members are child processes on free
+// ports, with their files in a temporary directory.
 #ifndef KEYVIEW_TESTS_CLUSTER_MEMBERS_H
 #define KEYVIEW_TESTS_CLUSTER_MEMBERS_H
 
@@ -14,7 +14,7 @@ namespace keyview::test {
 
 class etcd_members {
   public:
-    // A member whose certificate is bad only comes to listen.
+    // A member with an invalid certificate never gets further than to listen.
     enum class wait_for { leader, port };
 
     // more: further arguments for etcd.
@@ -26,9 +26,9 @@ class etcd_members {
 
     void kill(size_t i);
     void start(size_t i);
-    void stop(size_t i) const;  // answers nothing from now on
-    void go_on(size_t i) const;
-    void await_ready(size_t i) const;  // until it takes part in a cluster with a leader
+    void stop(size_t i) const;  // it is silent until resume()
+    void resume(size_t i) const;
+    void await_ready(size_t i) const;  // until it knows a leader
 
     size_t count() const { return members_.size(); }
     size_t leader() const;
@@ -51,7 +51,7 @@ class etcd_members {
     std::vector<member> members_;
 };
 
-// Makes calls need a login: that of root, whose file LOGIN_VARIABLE names while the object lives.
+// Turns authentication on, with LOGIN_VARIABLE set to a login of root while the object lives.
 struct required_login {
     explicit required_login(const etcd_members &members);
     required_login(const required_login &) = delete;
@@ -59,7 +59,7 @@ struct required_login {
     ~required_login();
 };
 
-// Arguments for members whose tokens end after two seconds, used or not. The directory keeps keys.
+// Arguments for members whose tokens expire after two seconds, used or not. Writes keys to the directory.
 std::vector<std::string> short_lived_tokens(const std::string &directory);
 
 }  // namespace keyview::test

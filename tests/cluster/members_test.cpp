@@ -1,4 +1,4 @@
-// What becomes of calls when members of the cluster do not do their part.
+// Calls while members of the cluster are dead, silent or full.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -9,8 +9,8 @@
 
 namespace keyview::test {
 
-// Every call goes on at another member, whichever is gone or silent.
-TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
+// Every call moves on to another member, whichever is dead or silent.
+TEST(Members, ADeadOrSilentMemberIsSkipped) {
     etcd_members three;
     backend registry = open_cluster(three.url());
     registry.keys->apply({put("a.b", "0")});
@@ -36,7 +36,7 @@ TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
     for (size_t one = 0; one < three.count(); ++one) {
         three.stop(one);
         works_on();
-        three.go_on(one);
+        three.resume(one);
         three.await_ready(one);
         three.kill(one);
         works_on();
@@ -45,8 +45,8 @@ TEST(Members, OneThatIsGoneOrSilentIsPassedOver) {
     }
 }
 
-// Nothing but its keepalives is sent, and they go to a member that has fallen silent.
-TEST(Members, ALockIsKeptThoughItsMemberIsSilent) {
+// The program sends only keepalives, and to a member that does not answer.
+TEST(Members, ALockIsKeptWhileItsMemberIsSilent) {
     setting lease("KEYVIEW_LEASE_TTL", "5");
     etcd_members three;
     size_t follower = (three.leader() + 1) % three.count();
@@ -63,14 +63,14 @@ TEST(Members, ALockIsKeptThoughItsMemberIsSilent) {
     EXPECT_TRUE(registry.keys->set("a.b", "1", held.get()));
 }
 
-TEST(Members, WithoutAMajorityTheTextSaysSo) {
+TEST(Members, AMissingMajorityIsReported) {
     setting wait("KEYVIEW_ANSWER_WAIT", "2");
     etcd_members three;
     backend registry = open_cluster(three.url());
     registry.keys->apply({put("a.b", "0")});
     three.kill(1);
     three.kill(2);
-    sleep(2);  // until the one that is left knows
+    sleep(2);  // until the last member notices
     expect_failure([&] { value_at(registry, "a.b"); }, failure::registry, "More than half", 2);
     expect_failure([&] { registry.locks->acquire("LKRT.a", lock_mode::shared, 0); },
                    failure::registry, three.address(1) + ": connection refused", 2);
@@ -83,8 +83,8 @@ TEST(Members, WithoutAMajorityTheTextSaysSo) {
     EXPECT_EQ(value_at(registry, "a.b"), "0");
 }
 
-// What gRPC has of its own ends with the last session, and must not end in a thread of its own.
-TEST(Members, ASessionMayEndWhileItsKeepaliveIsUnderWay) {
+// The library state of gRPC ends with the last session, and must not end in a thread of gRPC.
+TEST(Members, ASessionEndsWhileItsKeepaliveIsUnderWay) {
     setting wait("KEYVIEW_ANSWER_WAIT", "1");
     setting lease("KEYVIEW_LEASE_TTL", "9");
     etcd_members three;
@@ -97,11 +97,11 @@ TEST(Members, ASessionMayEndWhileItsKeepaliveIsUnderWay) {
     }
     sleep(1);
     for (size_t one = 0; one < three.count(); ++one)
-        three.go_on(one);
+        three.resume(one);
     EXPECT_EQ(value_at(open_cluster(three.url()), "a"), "(none)");
 }
 
-// The worst of each subject, as a doctor finds it.
+// The worst state of each subject in the diagnosis.
 static std::map<std::string, health> found_by_doctor(const std::string &url) {
     std::map<std::string, health> worst;
     KEYVIEW_BACKEND_KIND.diagnose(url, [&](const diagnosis &found) {
@@ -112,7 +112,7 @@ static std::map<std::string, health> found_by_doctor(const std::string &url) {
     return worst;
 }
 
-TEST(Members, ADoctorTellsWhatIsGoodAndWhatIsBad) {
+TEST(Members, ADoctorReportsTheStateOfEachMember) {
     setting wait("KEYVIEW_ANSWER_WAIT", "1");
     etcd_members three;
     std::string url = three.url();
@@ -125,7 +125,7 @@ TEST(Members, ADoctorTellsWhatIsGoodAndWhatIsBad) {
     EXPECT_EQ(found["member " + three.address(2)], health::bad);
     EXPECT_EQ(found["member " + three.address(0)], health::good);
     three.kill(1);
-    sleep(2);  // until the one that is left knows
+    sleep(2);  // until the last member notices
     found = found_by_doctor(url);
     EXPECT_EQ(found["leader"], health::bad);
     EXPECT_EQ(found["registry"], health::bad);

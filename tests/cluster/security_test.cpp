@@ -1,4 +1,4 @@
-// Who may speak to the cluster, and whom the kit believes.
+// Authentication of members, clients and users.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,7 +11,7 @@
 
 namespace keyview::test {
 
-// Certificates of two authorities, made anew for each run.
+// Certificates of two authorities, created for each run.
 struct certificates {
     certificates() {
         for (const char *ca : {"ca", "other"}) {
@@ -46,13 +46,13 @@ struct certificates {
     scratch_directory scratch;
 };
 
-TEST(Security, ServersProveWhoTheyAre) {
+TEST(Security, ServersAreAuthenticated) {
     certificates made;
     setting wait("KEYVIEW_ANSWER_WAIT", "2");
     struct {
         const char *server;
         const char *authority;
-        const char *told;  // null if all is well
+        const char *told;  // null without a fault
     } const ROWS[] = {{"good", "ca.pem", nullptr},
                       {"good", "other.pem", "its certificate is not trusted"},
                       {"named", "ca.pem", "its certificate is not for the name 127.0.0.1"},
@@ -70,7 +70,7 @@ TEST(Security, ServersProveWhoTheyAre) {
     }
 }
 
-// What the connection reports at once and what the doctor reports, each with its cause.
+// The connection reports the cause at once, and so does the doctor.
 static void expect_tls_fault(const std::string &url, const std::string &told) {
     expect_failure([&] { open_cluster(url); }, failure::registry, told, 1);
     std::string found;
@@ -79,7 +79,7 @@ static void expect_tls_fault(const std::string &url, const std::string &told) {
     EXPECT_EQ(found.find("no answer"), found.npos) << found;
 }
 
-TEST(Security, ClientsProveWhoTheyAreByFilesThatAreTheirsAlone) {
+TEST(Security, ClientsAreAuthenticatedByPrivateFiles) {
     certificates made;
     setting authority(CA_VARIABLE, made.file("ca.pem"));
     std::vector<std::string> arguments = made.server("good");
@@ -111,8 +111,8 @@ TEST(Security, AUrlWithTheWrongSchemeIsReported) {
     expect_tls_fault("etcd://" + secure.address(0), "it speaks TLS: use etcds://");
 }
 
-// The roles that docs/keyview-cluster.md tells to make.
-TEST(Security, RolesMayDoTheirWorkAndNoMore) {
+// The roles of docs/keyview-cluster.md.
+TEST(Security, RolesPermitTheirWorkOnly) {
     etcd_members one(1);
     etcdctl(one, "user add root:secret");
     struct {
@@ -173,7 +173,7 @@ TEST(Security, RolesMayDoTheirWorkAndNoMore) {
     expect_failure([&] { open_cluster(one.url(), open_mode::existing); }, failure::denied,
                    LOGIN_VARIABLE, 0);
 
-    one.kill(0);  // which forgets whom it knew
+    one.kill(0);  // which loses its tokens
     one.start(0);
     one.await_ready(0);
     auto look = [&] { reader.keys->changes_since("a", 1, std::chrono::milliseconds(500)); };
@@ -194,7 +194,7 @@ TEST(Security, ASlowLoginHasTheWholeAnswerWait) {
     setting wait("KEYVIEW_ANSWER_WAIT", "1");
     one.stop(0);
     expect_failure([&] { open_cluster(one.url()); }, failure::registry, "does not answer", 1);
-    one.go_on(0);
+    one.resume(0);
 }
 
 TEST(Security, AnExpiredTokenIsRenewedWhileTheLeaderDies) {

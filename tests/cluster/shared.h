@@ -1,5 +1,5 @@
-// What the tests of clusters share: one cluster for all that harm none of its members, and the
-// tools of etcd beside it.
+// Helpers of the tests of clusters: one cluster for all tests that leave its members alone, and the
+// tools of etcd.
 #ifndef KEYVIEW_TESTS_CLUSTER_SHARED_H
 #define KEYVIEW_TESTS_CLUSTER_SHARED_H
 
@@ -23,7 +23,7 @@ inline std::string fresh_prefix() {
     return "/test" + std::to_string(++prefixes);
 }
 
-// With the parts that are linked into the tests, not with the module.
+// Uses the objects that are linked into the tests, not the module.
 inline backend open_cluster(const std::string &url, open_mode mode = open_mode::create) {
     return KEYVIEW_BACKEND_KIND.open(url, mode);
 }
@@ -59,7 +59,7 @@ inline std::string value_at(const backend &registry, const std::string &path) {
     return registry.keys->now()->read(path, &value) ? value : "(none)";
 }
 
-// A call that must fail so, within the answer wait plus half a second.
+// Expects a failure with that text within the answer wait plus half a second.
 template <typename work>
 void expect_failure(work &&body, failure kind, const std::string &part, double answer_wait_s) {
     std::string text;
