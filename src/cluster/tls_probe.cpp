@@ -1,20 +1,13 @@
 // One handshake with OpenSSL, with the same settings as the calls.
 #include "cluster/tls_probe.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <memory>
-
-#include "host/support/fd.h"
 
 namespace keyview::host {
 
@@ -22,56 +15,11 @@ namespace {
 
 struct free_it {
     void operator()(SSL_CTX *rules) const { SSL_CTX_free(rules); }
-    void operator()(SSL *session) const { SSL_free(session); }
-    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+    void operator()(BIO *connection) const { BIO_free_all(connection); }
 };
 
 template <typename T>
 using owned = std::unique_ptr<T, free_it>;
-
-// "host:port" or "[address]:port".
-struct endpoint {
-    explicit endpoint(const std::string &member)
-        : host(member.substr(0, member.rfind(':'))), port(member.substr(member.rfind(':') + 1)) {
-        if (host.front() == '[') host = host.substr(1, host.size() - 2);
-    }
-
-    bool is_address() const {
-        unsigned char bytes[sizeof(in6_addr)];
-        return inet_pton(AF_INET, host.c_str(), bytes) == 1 ||
-               inet_pton(AF_INET6, host.c_str(), bytes) == 1;
-    }
-
-    std::string host;
-    std::string port;
-};
-
-bool wait_for(int fd, short events, steady::time_point end) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - steady::now()).count();
-    pollfd ready = {fd, events, 0};
-    return left > 0 && poll(&ready, 1, static_cast<int>(left)) == 1;
-}
-
-unique_fd connect_to(const endpoint &where, steady::time_point end) {
-    addrinfo wanted = {};
-    wanted.ai_socktype = SOCK_STREAM;
-    addrinfo *found = nullptr;
-    if (getaddrinfo(where.host.c_str(), where.port.c_str(), &wanted, &found) != 0) return {};
-    owned<addrinfo> list(found);
-    for (addrinfo *one = found; one != nullptr; one = one->ai_next) {
-        unique_fd fd(socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!fd.valid()) continue;
-        bool started =
-            connect(fd.get(), one->ai_addr, one->ai_addrlen) == 0 || errno == EINPROGRESS;
-        int error = -1;
-        socklen_t size = sizeof(error);
-        if (started && wait_for(fd.get(), POLLOUT, end) &&
-            getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0) {
-            return fd;
-        }
-    }
-    return {};
-}
 
 owned<SSL_CTX> rules_of(const cluster_settings &settings) {
     owned<SSL_CTX> rules(SSL_CTX_new(TLS_client_method()));
@@ -85,29 +33,28 @@ owned<SSL_CTX> rules_of(const cluster_settings &settings) {
     return rules;
 }
 
-// Repeats one step of OpenSSL until it is done: then SSL_ERROR_NONE, else what failed.
+// Repeats a step of OpenSSL until it is done or the time is over. Returns whether it was in time.
 template <typename function>
-int complete(SSL *session, int fd, steady::time_point end, function &&step) {
-    for (;;) {
-        int rc = step();
-        if (rc > 0) return SSL_ERROR_NONE;
-        int error = SSL_get_error(session, rc);
-        bool more = (error == SSL_ERROR_WANT_READ && wait_for(fd, POLLIN, end)) ||
-                    (error == SSL_ERROR_WANT_WRITE && wait_for(fd, POLLOUT, end));
-        if (!more) return error;
+bool complete(BIO *connection, steady::time_point end, function &&step) {
+    while (step() <= 0) {
+        if (BIO_should_retry(connection) == 0) return true;
+        short events = BIO_should_read(connection) != 0 ? POLLIN : POLLOUT;
+        pollfd ready = {static_cast<int>(BIO_get_fd(connection, nullptr)), events, 0};
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - steady::now());
+        if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) != 1) return false;
     }
+    return true;
 }
 
 // TLS 1.3 lets a client finish before the member has checked its certificate: only the first bytes,
 // of HTTP/2, show that it was accepted.
-int shake_hands(SSL *session, int fd, steady::time_point end) {
+bool shake_hands(BIO *connection, SSL *session, steady::time_point end) {
     static constexpr unsigned char HTTP2[] = {2, 'h', '2'};
     (void)SSL_set_alpn_protos(session, HTTP2, sizeof(HTTP2));
-    int error = complete(session, fd, end, [&] { return SSL_connect(session); });
+    if (!complete(connection, end, [&] { return BIO_do_handshake(connection); })) return false;
     char first = 0;
-    if (error == SSL_ERROR_NONE)
-        error = complete(session, fd, end, [&] { return SSL_read(session, &first, 1); });
-    return error;
+    return SSL_is_init_finished(session) == 0 ||
+           complete(connection, end, [&] { return BIO_read(connection, &first, 1); });
 }
 
 int64_t seconds_left(const X509 *certificate) {
@@ -117,7 +64,7 @@ int64_t seconds_left(const X509 *certificate) {
     return int64_t{days} * 86400 + seconds;
 }
 
-std::string distrust(long verified, const endpoint &where) {
+std::string distrust(long verified, const std::string &host) {
     switch (verified) {
         case X509_V_ERR_CERT_HAS_EXPIRED:
             return "its certificate has expired: renew it";
@@ -125,7 +72,7 @@ std::string distrust(long verified, const endpoint &where) {
             return "its certificate is not valid yet: check the clocks";
         case X509_V_ERR_HOSTNAME_MISMATCH:
         case X509_V_ERR_IP_ADDRESS_MISMATCH:
-            return "its certificate is not for the name " + where.host +
+            return "its certificate is not for the name " + host +
                    ": use a name that it contains, or add this one";
         default:
             return std::string("its certificate is not trusted (") +
@@ -147,9 +94,9 @@ std::string refusal(const SSL *session, const cluster_settings &settings) {
                 : "must be for a client and of an authority that the member trusts");
 }
 
-// error is what the handshake ended with. Empty if that does not come from TLS.
-std::string fault_of(const SSL *session, const cluster_settings &settings, const endpoint &where,
-                     int error) {
+// Empty if the connection did not fail because of TLS.
+std::string fault_of(const SSL *session, const cluster_settings &settings, const std::string &host,
+                     bool in_time) {
     unsigned long cause = ERR_peek_last_error();
     int alert = ERR_GET_REASON(cause) - SSL_AD_REASON_OFFSET;
     bool is_alert = ERR_GET_LIB(cause) == ERR_LIB_SSL && alert > 0;
@@ -158,12 +105,12 @@ std::string fault_of(const SSL *session, const cluster_settings &settings, const
         return speaks_tls ? "it speaks TLS: use etcds:// in the URL" : "";
     }
     long verified = SSL_get_verify_result(session);
-    if (verified != X509_V_OK) return distrust(verified, where);
+    if (verified != X509_V_OK) return distrust(verified, host);
     bool about_certificate = (alert >= SSL_AD_NO_CERTIFICATE && alert <= SSL_AD_UNKNOWN_CA) ||
                              alert == SSL_AD_CERTIFICATE_REQUIRED;
     if (is_alert && about_certificate) return refusal(session, settings);
-    bool in_time = error == SSL_ERROR_SSL || error == SSL_ERROR_SYSCALL;
-    if (!in_time || SSL_is_init_finished(session)) return "";
+    bool began = SSL_get_state(session) != TLS_ST_BEFORE;  // after the connection was made
+    if (!in_time || !began || SSL_is_init_finished(session)) return "";
     if (!is_alert) return "it does not speak TLS: use etcd:// in the URL, or give it a certificate";
     return std::string("TLS fails: ") + ERR_reason_error_string(cause);
 }
@@ -194,24 +141,24 @@ class no_sigpipe {
 tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
                     std::chrono::milliseconds wait) {
     no_sigpipe quiet;
-    endpoint where(member);
     steady::time_point end = steady::now() + wait;
-    tls_facts seen;
-    unique_fd fd = connect_to(where, end);
-    if (!fd.valid()) return seen;
     ERR_clear_error();
     owned<SSL_CTX> rules = rules_of(settings);
-    owned<SSL> session(SSL_new(rules.get()));
-    if (where.is_address()) {
-        (void)X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session.get()), where.host.c_str());
-    } else {
-        (void)SSL_set1_host(session.get(), where.host.c_str());
-        (void)SSL_set_tlsext_host_name(session.get(), where.host.c_str());
+    owned<BIO> connection(BIO_new_ssl_connect(rules.get()));
+    SSL *session = nullptr;
+    (void)BIO_get_ssl(connection.get(), &session);
+    (void)BIO_set_conn_hostname(connection.get(), member.c_str());
+    (void)BIO_set_nbio(connection.get(), 1);
+    std::string host = member.substr(0, member.rfind(':'));
+    if (host.front() == '[') host = host.substr(1, host.size() - 2);
+    if (X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) != 1) {
+        (void)SSL_set1_host(session, host.c_str());
+        (void)SSL_set_tlsext_host_name(session, host.c_str());
     }
-    (void)SSL_set_fd(session.get(), fd.get());
-    int error = shake_hands(session.get(), fd.get(), end);
-    seen.fault = fault_of(session.get(), settings, where, error);
-    const X509 *certificate = SSL_get0_peer_certificate(session.get());
+    tls_facts seen;
+    bool in_time = shake_hands(connection.get(), session, end);
+    seen.fault = fault_of(session, settings, host, in_time);
+    const X509 *certificate = SSL_get0_peer_certificate(session);
     seen.answered = certificate != nullptr;
     if (seen.answered) seen.seconds_left = seconds_left(certificate);
     return seen;
