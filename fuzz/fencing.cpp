@@ -87,10 +87,14 @@ class holder {
     void await_sets(int count) {
         stopwatch watch;
         for (int lines = 0; lines <= count; usleep(200)) {
-            lines += static_cast<int>(process_->news().size());
-            require(watch.ms() < DEADLINE_MS, "a holder does not set");
+            std::vector<std::string> news = process_->news();
+            lines += static_cast<int>(news.size());
+            if (!news.empty()) last = news.back();
+            require(watch.ms() < DEADLINE_MS, "a holder does not set, after: " + last);
         }
     }
+
+    std::string last = "nothing";  // that await_sets read
 
   private:
     std::unique_ptr<own_process> process_;
@@ -184,7 +188,8 @@ class proving_ground {
                 require(registry_.keys->set(key_of(name, k), "rival", held.get()),
                         "no key of the rival");
             }
-            (void)one->news();  // of before it stopped
+            for (const std::string &line : one->news())  // of before it stopped
+                one.last = line;
             one->send(SIGCONT);
             usleep(300000);  // also while the rival still has the lock
         }
@@ -199,7 +204,10 @@ class proving_ground {
         auto sets = std::count(told.begin(), told.end(), "set");
         std::string last = told.empty() ? "nothing" : told.back();
         bool refused = status == 1 && last.find("the cluster lock was lost") != last.npos;
-        return refused && sets <= 1 ? "" : "the holder of " + name + " was told: " + last;
+        return refused && sets <= 1
+                   ? ""
+                   : "the holder of " + name + " was told: " + last + ", before it: " + one.last +
+                         ", status " + std::to_string(status);
     }
 
     int64_t kill_a_holder(const std::string &name) {
@@ -334,6 +342,7 @@ int main(int argc, char **argv) {
     bool users = argc > 1 && std::string(argv[1]) == "--users";
     argc -= unfenced || users;
     argv += unfenced || users;
+    (void)setenv("TMPDIR", "/dev/shm", 0);  // of the members: a slow disk must not end a lease
     int rounds = argc > 1 ? atoi(argv[1]) : AT_ONCE;
     try {
         return run_all(unfenced, users, rounds, argc > 2 ? atoi(argv[2]) : 1) ? 0 : 1;
