@@ -35,7 +35,7 @@ class acquisition {
             while (!enter()) {
                 while (entry_ != nullptr) {
                     wait(limit);
-                    if (granted_now()) return granted();
+                    if (recheck()) return granted();
                 }
             }
             return granted();
@@ -151,15 +151,6 @@ class acquisition {
         }
     }
 
-    bool granted_now() {
-        try {
-            return recheck();
-        } catch (const etcd_error &) {
-            entry_->note_no_answer();
-            throw;
-        }
-    }
-
     // True if the lock is granted. Else blockers_ is new; entry_ is null if the own key is gone.
     bool recheck() {
         static constexpr size_t MOST_COMPARED = 100;
@@ -177,7 +168,9 @@ class acquisition {
             add_range(ops, {entry_->key(), ""});
             add_range(ops, cluster_->keys().lock_queue(name_));
         }
+        entry_->note_answer(false);
         wire::TxnResponse response = cluster_->txn(request, end);
+        entry_->note_answer(true);
         if (response.succeeded() && grants) {
             entry_->granted = response.header().revision();
             whole_ = reads_ && part_.take(&response, 0) && part_.marker().empty();

@@ -59,8 +59,8 @@ class queue_entry {
 
     int64_t granted = 0;  // the revision at which the lock was granted; 0 before
 
-    // The cluster does not answer: the destructor must not wait for it again.
-    void note_no_answer() { known_ = false; }
+    // If the cluster does not answer, the destructor must not wait for it again.
+    void note_answer(bool answered) { known_ = answered; }
 
   private:
     std::shared_ptr<session> cluster_;
