@@ -5,13 +5,14 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <memory>
 
 #include "bench/failure.h"
 #include "bench/registry.h"
 #include "bench/report.h"
 #include "bench/scratch.h"
 #include "cluster/tree_part.h"
-#include "host/entry/backends.h"
+#include "host/if/keyview_registry.h"
 #include "members.h"
 
 namespace keyview::bench {
@@ -115,16 +116,24 @@ void fetch_rows(report *to, const test::etcd_members &members, const std::vector
     }
 }
 
+using registry_handle = std::unique_ptr<keyview_registry, decltype(&keyview_registry_close)>;
+
+registry_handle open_registry(const std::string &url) {
+    keyview_registry *registry = nullptr;
+    require(keyview_registry_open(url.c_str(), 0, &registry) == 0, keyview_host_last_error());
+    return {registry, keyview_registry_close};
+}
+
 // The most round trips of twenty calls.
-void trips_row(report *to, const char *name, host::store *keys, double goal,
+void trips_row(report *to, const char *name, const keyview_registry *keys, double goal,
                const std::function<void()> &call) {
     if (!to->wants({name})) return;
     uint64_t most = 0;
     call();  // the first lock of a session brings its lease
     for (int n = 0; n < 20; ++n) {
-        const uint64_t before = keys->round_trips();
+        const uint64_t before = keyview_registry_round_trips(keys);
         call();
-        most = std::max(most, keys->round_trips() - before);
+        most = std::max(most, keyview_registry_round_trips(keys) - before);
     }
     to->figure(name, std::to_string(most) + " round trips", "20 calls, the most",
                static_cast<double>(most), goal);
@@ -136,7 +145,7 @@ void list_rows(report *to, const test::etcd_members &members) {
     const std::vector<tree_key> keys = list_keys(LISTED);
     fill_registry(url, keys);
     session reader(url);
-    const host::backend same = host::open_backend(url, host::open_mode::existing);
+    const registry_handle same = open_registry(url);
     const auto list = [&] {
         char **names = nullptr;
         uint32_t count = 0;
@@ -145,7 +154,7 @@ void list_rows(report *to, const test::etcd_members &members) {
                 "the listing failed");
         (void)prsr_release_db_list(reader.status, reader.ctx, names, count);
     };
-    trips_row(to, LIST_TRIPS, same.keys.get(), 3, list);
+    trips_row(to, LIST_TRIPS, same.get(), 3, list);
     if (!to->wants({LIST})) return;
     by_hand peer(url,
                  std::string(parent_path(keys.back().path.substr(0, keys.back().path.rfind('.')))),
@@ -156,9 +165,9 @@ void list_rows(report *to, const test::etcd_members &members) {
 
 void set_rows(report *to, const std::string &url) {
     session writer(url);
-    const host::backend same = host::open_backend(url, host::open_mode::existing);
-    trips_row(to, FETCH_TRIPS, same.keys.get(), 2, [&] { writer.fetch(TYPICAL.database); });
-    trips_row(to, SET_TRIPS, same.keys.get(), 3, [&] {
+    const registry_handle same = open_registry(url);
+    trips_row(to, FETCH_TRIPS, same.get(), 2, [&] { writer.fetch(TYPICAL.database); });
+    trips_row(to, SET_TRIPS, same.get(), 3, [&] {
         static int32_t enabled = 0;
         enabled = 1 - enabled;
         require(prsr_set_db_enabled(writer.status, writer.ctx, TYPICAL.database, enabled) ==

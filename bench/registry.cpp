@@ -1,17 +1,22 @@
-// Fills registries through the host kit's store, which takes exact keys.
+// Fills registries through the host kit, which takes exact keys.
 #include "bench/registry.h"
 
 #include "bench/failure.h"
-#include "host/entry/backends.h"
-#include "host/if/keyview_host.h"
+#include "host/if/keyview_registry.h"
 
 namespace keyview::bench {
 
 void fill_registry(const std::string &url, const std::vector<tree_key> &keys) {
-    std::vector<host::change> changes;
-    for (const tree_key &key : keys)
-        changes.push_back({host::change::kind::put, key.path, key.value});
-    host::open_backend(url, host::open_mode::create).keys->apply(changes);
+    std::vector<keyview_change> changes;
+    for (const tree_key &key : keys) {
+        changes.push_back(
+            {{key.path.data(), key.path.size()}, {key.value.data(), key.value.size()}, 0});
+    }
+    keyview_registry *registry = nullptr;
+    require(keyview_registry_open(url.c_str(), 1, &registry) == 0, keyview_host_last_error());
+    int32_t rc = keyview_registry_apply(registry, changes.data(), changes.size(), nullptr, 0, 0);
+    keyview_registry_close(registry);
+    require(rc == 0, keyview_host_last_error());
 }
 
 std::string make_registry(const std::string &directory, const std::vector<tree_key> &keys) {

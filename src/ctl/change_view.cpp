@@ -5,8 +5,8 @@
 
 #include <iostream>
 
-#include "ctl/file_io.h"
-#include "ctl/output.h"
+#include "admin/document/base64.h"
+#include "admin/document/values.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 
@@ -19,10 +19,6 @@ admin::change_options options_of(const tool &shared, bool dry_run) {
     options.if_revision = shared.if_revision;
     options.step = [&shared](const std::string &text) { shared.told->step(text); };
     return options;
-}
-
-std::string place_of(const tool &shared, const admin::result &result, const std::string &file) {
-    return result.code == admin::status::content ? file_label(file) : shared.registry;
 }
 
 static view value_view(const std::optional<std::string> &value) {
@@ -51,7 +47,7 @@ std::string set_command(const std::string &path, const std::string &value) {
     bool text = !value.empty() && value.back() == '\0' &&
                 escaped(std::string_view(value).substr(0, value.size() - 1)) ==
                     value.substr(0, value.size() - 1);
-    if (!text) return out + " --as base64 " + shell_word(admin::base64_of(value));
+    if (!text) return out + " --as base64 " + shell_word(admin::to_base64(value));
     return out + " --as text -- " + shell_word(value.substr(0, value.size() - 1));
 }
 
@@ -84,7 +80,7 @@ static change_counts counts_of(const admin::change_result &changed) {
 }
 
 static std::string list_for_people(const admin::change_result &changed) {
-    if (changed.changes.empty()) return "nothing to change: it is so already\n";
+    if (changed.changes.empty()) return "nothing to change: all of it is stored already\n";
     std::string out;
     for (const admin::key_change &one : changed.changes)
         out += change_for_people(one) + "\n";
@@ -120,15 +116,21 @@ void show_changes(const tool &shared, const admin::change_result &changed) {
 void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run) {
     if (shared.yes || shared.dry_run || !is_terminal(STDIN_FILENO) || !is_terminal(STDOUT_FILENO))
         return;
-    admin::change_result planned = dry_run();
-    if (planned.code != admin::status::done || planned.changes.empty()) return;
+    admin::change_result planned;
+    try {
+        planned = dry_run();
+    } catch (const admin::error &) {
+        return;  // the change itself reports it
+    }
+    if (planned.changes.empty()) return;
     shared.told->stop();
     std::cerr << list_for_people(planned) << "Do this? [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     shared.told->start();
     if (answer == "y" || answer == "yes") return;
-    throw tool_error{EXIT_NO, "nothing was done", "", "the answer was no", "use --yes"};
+    throw tool_error{EXIT_NO, "nothing was changed", "", "the answer was no",
+                     "--yes answers with yes"};
 }
 
 }  // namespace keyview::ctl

@@ -6,16 +6,28 @@
 #include <string>
 #include <vector>
 
-#include "admin/admin.h"
+#include "admin/change/plan.h"
 #include "ctl/command.h"
+#include "ctl/file_io.h"
+#include "ctl/output.h"
 
 namespace keyview::ctl {
 
 // What the command line asks of a change.
 admin::change_options options_of(const tool &shared, bool dry_run);
 
-// The place of a failure: the file, if its content is at fault, else the registry.
-std::string place_of(const tool &shared, const admin::result &result, const std::string &file);
+// Runs a change that reads a file. A failure is located in the file if its content is at fault, else
+// in the registry.
+template <typename work>
+admin::change_result attempt_with_file(const tool &shared, const std::string &what,
+                                       const std::string &file, work &&run) {
+    try {
+        return run();
+    } catch (const admin::error &failed) {
+        fail(failed, what,
+             failed.kind == KEYVIEW_FAILURE_CONTENT ? file_label(file) : shared.registry);
+    }
+}
 
 void show_changes(const tool &shared, const admin::change_result &changed);
 

@@ -41,19 +41,19 @@ struct tool {
 // main.cpp.
 using command_group = void (*)(CLI::App *app, tool *shared);
 
-void add_look_commands(CLI::App *app, tool *shared);       // list, show
-void add_fact_commands(CLI::App *app, tool *shared);       // roster, role, name, ...
-void add_enable_commands(CLI::App *app, tool *shared);     // enable, disable, enabled, supported
-void add_companion_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
-void add_tree_commands(CLI::App *app, tool *shared);       // apply, diff, export, set, rm
-void add_key_commands(CLI::App *app, tool *shared);        // get, ls, tree, explain
-void add_watch_command(CLI::App *app, tool *shared);       // watch
-void add_status_command(CLI::App *app, tool *shared);      // status
-void add_keep_commands(CLI::App *app, tool *shared);       // backup, restore, copy, lint
-void add_lock_commands(CLI::App *app, tool *shared);       // lock
-void add_check_command(CLI::App *app, tool *shared);       // check
-void add_care_commands(CLI::App *app, tool *shared);       // doctor, recover
-void add_help_commands(CLI::App *app, tool *shared);       // errors, config, completion, manual
+void add_show_commands(CLI::App *app, tool *shared);          // list, show
+void add_query_commands(CLI::App *app, tool *shared);         // roster, role, name, ...
+void add_enable_commands(CLI::App *app, tool *shared);        // enable, disable, enabled, supported
+void add_stg_nodeapps_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
+void add_document_commands(CLI::App *app, tool *shared);      // apply, diff, export
+void add_key_commands(CLI::App *app, tool *shared);           // get, ls, tree, set, rm, explain
+void add_watch_command(CLI::App *app, tool *shared);          // watch
+void add_status_command(CLI::App *app, tool *shared);         // status
+void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore, copy
+void add_lock_commands(CLI::App *app, tool *shared);          // lock
+void add_check_commands(CLI::App *app, tool *shared);         // check, lint
+void add_doctor_commands(CLI::App *app, tool *shared);        // doctor, recover
+void add_help_commands(CLI::App *app, tool *shared);          // errors, config, completion, manual
 
 // One command: run takes no arguments, what it needs is bound to it.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,

@@ -1,11 +1,13 @@
-// check: whether the registry is damaged, and where.
-#include "admin/admin.h"
+// check and lint: whether the registry is damaged, and what its readers misread.
+#include "admin/care/inspection.h"
+#include "admin/care/lint.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
+#include "ctl/text.h"
 
 namespace keyview::ctl {
 
-static view finding_view(const admin::problem &found) {
+static view damage_view(const admin::problem &found) {
     return {view_fields{{"place", {found.place}}, {"reason", {found.reason}}}};
 }
 
@@ -16,36 +18,89 @@ static std::string sound_text(const admin::check_report &report) {
 
 // The findings are the result; a check that could not be made is an error.
 static exit_code run_check(const tool &shared) {
-    admin::check_report report = admin::check_registry();
-    if (report.problems.empty()) {
-        check_result(report, "the registry cannot be checked", shared.registry);
-    }
+    admin::check_report report =
+        attempt("the registry cannot be checked", shared.registry, admin::check_registry);
     view_list findings;
-    for (const admin::problem &found : report.problems)
-        findings.push_back(finding_view(found));
+    for (const admin::problem &found : report.damage.kept())
+        findings.push_back(damage_view(found));
     bool people = shared.format == output_format::table;
     if (people && findings.empty()) {
         write_result(sound_text(report));
         return EXIT_DONE;
     }
-    if (people && report.more_problems > 0) {
+    if (people && report.damage.more() > 0) {
         findings.push_back(
-            finding_view({"...", "and " + std::to_string(report.more_problems) + " more"}));
+            damage_view({"...", "and " + std::to_string(report.damage.more()) + " more"}));
     }
     bool sound = findings.empty();
     show_answer(shared.format, "check",
                 {{"keys", count_view(report.keys)},
                  {"pages", count_view(report.pages)},
-                 {"more_findings", count_view(report.more_problems)},
+                 {"more_findings", count_view(report.damage.more())},
                  {"findings", {std::move(findings)}}});
     return sound ? EXIT_DONE : EXIT_CONTENT;
 }
 
-void add_check_command(CLI::App *app, tool *shared) {
+// ---- lint ---------------------------------------------------------------------------------------
+
+// "" where a person has to decide.
+static std::string remedy_of(const admin::finding &found) {
+    if (found.remedy.empty()) return "";
+    std::string out = "keyviewctl";
+    for (const std::string &word : found.remedy)
+        out += " " + shell_word(word);
+    return out;
+}
+
+static view finding_view(const admin::finding &found) {
+    return {view_fields{{"rule", {found.rule}},
+                        {"severity", {found.severity}},
+                        {"path", {found.path}},
+                        {"readers_see", {found.readers_see}},
+                        {"mend", optional_view(remedy_of(found))},
+                        {"decide", optional_view(found.decision)}}};
+}
+
+static std::string findings_for_people(const admin::lint_result &result) {
+    if (result.findings.empty())
+        return "nothing to mend: " + std::to_string(result.keys) + " keys inspected\n";
+    std::string out;
+    for (const admin::finding &found : result.findings) {
+        out += std::string(found.severity) + " " + found.rule + ": " + escaped(found.path) +
+               "\n  readers see: " + escaped(found.readers_see) +
+               (found.remedy.empty() ? "\n  decide:      " + escaped(found.decision)
+                                     : "\n  mend:        " + escaped(remedy_of(found))) +
+               "\n";
+    }
+    return out;
+}
+
+static exit_code run_lint(const tool &shared) {
+    admin::lint_result result =
+        attempt("the registry cannot be inspected", shared.registry, admin::lint_registry);
+    exit_code code = result.findings.empty() ? EXIT_DONE : EXIT_CONTENT;
+    if (shared.format == output_format::table) {
+        write_result(findings_for_people(result));
+        return code;
+    }
+    view_list findings;
+    for (const admin::finding &found : result.findings)
+        findings.push_back(finding_view(found));
+    show_answer(shared.format, "lint",
+                {{"keys", count_view(result.keys)}, {"findings", {std::move(findings)}}});
+    return code;
+}
+
+// ---- The commands -------------------------------------------------------------------------------
+
+void add_check_commands(CLI::App *app, tool *shared) {
     add_command(
         app, shared, "check",
-        "Look for damage in the whole registry: exit code 0 if there is none, 8 with findings",
+        "Inspect the whole registry for damage: exit code 0 if there is none, 8 with findings",
         [shared] { return run_check(*shared); });
+    add_command(app, shared, "lint",
+                "Find what readers misread: exit code 0 if there is nothing, 8 with findings",
+                [shared] { return run_lint(*shared); });
 }
 
 }  // namespace keyview::ctl

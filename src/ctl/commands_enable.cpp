@@ -1,10 +1,13 @@
 // enable, disable, enabled and supported: the flags of databases, instances, services and the
 // instances of services.
+#include "admin/change/keys.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
-#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/session.h"
+#include "model/folding.h"
+#include "model/locks.h"
+#include "model/words.h"
 
 namespace keyview::ctl {
 
@@ -67,44 +70,45 @@ static void show_answer_for(const tool &shared, const flag_holder &holder, const
 
 // The key of a holder's flag.
 static std::string flag_key(const flag_holder &holder) {
-    std::string key = database_key(holder.dbname);
-    if (!holder.srvname.empty()) key += ".SERVICE." + service_element(holder.srvname);
-    if (!holder.instname.empty()) {
-        key += holder.srvname.empty() ? ".INSTANCE." : ".INSTANCES.";
-        key += folded(holder.instname);
-    }
-    return key + ".ENABLED";
+    std::string record = database_key(holder.dbname);
+    auto append = [&](const char *list, const std::string &element) {
+        if (!element.empty()) record += std::string(".") + list + "." + element;
+    };
+    append(KEY_SERVICE, element_of(holder.srvname, true));
+    append(holder.srvname.empty() ? KEY_INSTANCE : KEY_INSTANCES, element_of(holder.instname));
+    return record + "." + KEY_ENABLED;
 }
 
-// The flags that are set: for a service, those of all its instances, too.
-static admin::change_result flag_changes(const flag_holder &holder, int32_t enabled) {
+// What would be set: for a service, the flags of all its instances, too.
+static admin::change_result planned_changes(const flag_holder &holder, int32_t enabled) {
     std::string own = flag_key(holder);
-    std::string record = own.substr(0, own.rfind('.'));
     bool cascade = !holder.srvname.empty() && holder.instname.empty();
-    admin::keys_result keys =
-        admin::read_keys(cascade ? record : own, cascade ? admin::depth::all : admin::depth::key);
-    admin::change_result changed;
-    changed.revision = keys.revision;
-    changed.locks = {admin::lock_of_key(own)};
-    const std::string value = std::string(enabled != 0 ? "true" : "false") + '\0';
-    for (const admin::key_row &key : keys.keys) {
-        bool flag = key.path.size() > 8 && key.path.substr(key.path.size() - 8) == ".ENABLED";
-        if (flag && key.value != value) changed.changes.push_back({key.path, key.value, value});
-    }
-    return changed;
+    admin::read_keys_result found =
+        cascade ? admin::read_keys(std::string(parent_path(own)), reach::all_below)
+                : admin::read_keys(own, reach::key_alone);
+    admin::change_result planned = {{}, {lock_of(own)}, found.revision};
+    const std::string stored = element_of(enabled != 0 ? FLAG_TRUE : FLAG_FALSE) + '\0';
+    for (const auto &[path, value] : found.keys)
+        if (last_element(path) == KEY_ENABLED && value != stored)
+            planned.changes.push_back({path, value, stored});
+    return planned;
 }
 
 static exit_code change_flag(const tool &shared, const given_names &names, int32_t enabled) {
     session library(shared);
     flag_holder holder(names);
-    int32_t present = 0;
-    int32_t rc = get_flag(library, holder, &present);
     const std::string what =
         words_for(holder) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
-    library.check(rc, what);
-    admin::change_result changed = flag_changes(holder, enabled);
+    int32_t present = 0;
+    library.check(get_flag(library, holder, &present), what);
+    admin::change_result changed =
+        attempt(what, shared.registry, [&] { return planned_changes(holder, enabled); });
     shared.told->step("works under the lock " + changed.locks.front());
-    if (!shared.dry_run) library.check(set_flag(library, holder, enabled), what);
+    if (!shared.dry_run) {
+        admin::set_recorder recorder;
+        library.check(set_flag(library, holder, enabled), what);
+        changed.changes = recorder.changes();
+    }
     show_changes(shared, changed);
     return EXIT_DONE;
 }
@@ -122,7 +126,7 @@ static exit_code run_enabled(const tool &shared, const given_names &names) {
     flag_holder holder(names);
     int32_t enabled = 0;
     library.check(get_flag(library, holder, &enabled),
-                  "whether " + words_for(holder) + " is enabled cannot be told");
+                  "whether " + words_for(holder) + " is enabled cannot be read");
     show_answer_for(shared, holder, "enabled", enabled_view(enabled));
     return exit_of_answer(enabled);
 }
@@ -138,7 +142,7 @@ static exit_code run_supported(const tool &shared, const given_names &names) {
         int32_t ignored = 0;
         return get_flag(library, holder, &ignored);
     });
-    library.check(rc, "whether " + words_for(holder) + " is supported cannot be told");
+    library.check(rc, "whether " + words_for(holder) + " is supported cannot be read");
     show_answer_for(shared, holder, "supported", flag_view(supported));
     return exit_of_answer(supported);
 }
@@ -150,10 +154,10 @@ static constexpr name_command COMMANDS[] = {
     {"disable",
      "Disable a database, an instance, a service with all its instances, or one instance of it",
      "DB --service --instance", run_disable, true},
-    {"enabled", "Tell whether one of these is enabled: exit code 0, or disabled: 1",
+    {"enabled", "Report whether one of these is enabled: exit code 0, or disabled: 1",
      "DB --service --instance", run_enabled},
     {"supported",
-     "Tell whether an instance of a service is preferred or available, and enabled: exit code 0, "
+     "Report whether an instance of a service is preferred or available, and enabled: exit code 0, "
      "or not: 1",
      "DB SERVICE INSTANCE", run_supported},
 };

@@ -9,7 +9,7 @@
 #include <memory>
 #include <optional>
 
-#include "admin/admin.h"
+#include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 
@@ -40,52 +40,51 @@ static pid_t start(std::vector<std::string> command) {
     _exit(127);
 }
 
-// What was sent to this process alone, for the command.
-static volatile sig_atomic_t to_hand_on = 0;
+// A signal that was sent to this process alone, for the command.
+static volatile sig_atomic_t to_forward = 0;
 
-// Waits for the child; hands signals on to it, and tells it, once, that the lock is lost.
-static int wait_for(pid_t child, const admin::lock_hold &lock) {
-    constexpr useconds_t LOOK_EVERY_US = 20000;
-    bool told = false;
-    for (int status = 0;; usleep(LOOK_EVERY_US)) {
+// Waits for the child; forwards signals to it, and terminates it, once, if the lock is lost.
+static int wait_for(pid_t child, const admin::held_lock &lock) {
+    constexpr useconds_t POLL_US = 20000;
+    bool signalled = false;
+    for (int status = 0;; usleep(POLL_US)) {
         pid_t ended = waitpid(child, &status, WNOHANG);
         if (ended == child) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         if (ended < 0 && errno != EINTR) return EXIT_INTERNAL;
-        if (int number = to_hand_on; number != 0) {
-            to_hand_on = 0;
+        if (int number = to_forward; number != 0) {
+            to_forward = 0;
             (void)kill(child, number);
         }
-        if (told || lock.still_held()) continue;
-        told = true;
-        tell("the lock was lost; the command is told by a termination signal");
+        if (signalled || lock.still_held()) continue;
+        signalled = true;
+        tell("the lock was lost; the command gets a termination signal");
         (void)kill(child, SIGTERM);
     }
 }
 
 static exit_code run_lock(const tool &shared, const run_options &options) {
     shared.told->step("waits for the lock " + options.name);
-    std::optional<uint32_t> wait_ms;
-    if (options.wait_s) wait_ms = static_cast<uint32_t>(*options.wait_s * 1000);
-    admin::lock_result taken = admin::take_lock(options.name, options.shared, wait_ms);
-    check_result(taken, "the lock is not taken", shared.registry);
+    int64_t wait_ms = options.wait_s ? static_cast<int64_t>(*options.wait_s * 1000) : -1;
+    admin::held_lock lock = attempt("the lock is not taken", shared.registry, [&] {
+        return admin::registry::open().lock(options.name, options.shared, wait_ms);
+    });
     shared.told->stop();
     // The lock is kept until the command has ended. A terminal's interrupt reaches both.
     (void)signal(SIGINT, SIG_IGN);
     for (int number : {SIGTERM, SIGHUP})
-        (void)signal(number, [](int its_number) { to_hand_on = its_number; });
+        (void)signal(number, [](int its_number) { to_forward = its_number; });
     pid_t child = start(options.command);
     if (child < 0) {
         throw tool_error{EXIT_INTERNAL, "the command is not run", "", strerror(errno),
                          "try again when there is room for a process"};
     }
-    return static_cast<exit_code>(wait_for(child, *taken.lock));
+    return static_cast<exit_code>(wait_for(child, lock));
 }
 
 static exit_code run_list(const tool &shared) {
-    admin::locks_result locks = admin::list_locks();
-    check_result(locks, "the locks cannot be listed", shared.registry);
     view_list rows;
-    for (const admin::lock_user &user : locks.users) {
+    for (const admin::lock_user &user :
+         attempt("the locks cannot be listed", shared.registry, admin::list_locks)) {
         rows.push_back({view_fields{{"lock", {user.name}},
                                     {"mode", {user.shared ? "shared" : "exclusive"}},
                                     {"state", {user.waits ? "waits" : "holds"}},
@@ -113,7 +112,7 @@ void add_lock_commands(CLI::App *app, tool *shared) {
     run->add_option("CMD", options->command, "The command with its arguments, behind --")
         ->required();
     add_command(lock, shared, "list",
-                "List who holds or waits for a lock, as far as it can be told",
+                "List the holders of locks and those who wait, as far as the registry knows",
                 [shared] { return run_list(*shared); });
 }
 

@@ -4,13 +4,16 @@
 
 #include <iterator>
 
+#include "admin/change/keys.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
-#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
 #include "host/if/keyview_host.h"
+#include "model/folding.h"
+#include "model/locks.h"
+#include "model/words.h"
 
 namespace keyview::ctl {
 
@@ -44,7 +47,7 @@ static exit_code run_roster(const tool &shared, const given_names &names) {
                                &inst_names, &node_names, &avail, &inst_count);
     rc = tell_missing(rc, [&] { return ask_for_service(library, names); });
     library.check(
-        rc, "the roster of service " + names[1] + " of database " + names[0] + " cannot be told");
+        rc, "the roster of service " + names[1] + " of database " + names[0] + " cannot be read");
     view_list roster;
     for (uint32_t n = 0; n < inst_count; ++n) {
         roster.push_back({view_fields{{"instance", text_view(inst_names[n])},
@@ -67,7 +70,7 @@ static exit_code run_policy(const tool &shared, const given_names &names) {
     bool nothing_read = rc == PRSR_SUCCESS && *keyview_host_last_error() != '\0';
     if (nothing_read) rc = ask_for_service(library, names);
     library.check(rc, "the failover policy of service " + names[1] + " of database " + names[0] +
-                          " cannot be told");
+                          " cannot be read");
     show_answer(
         shared.format, "rcn_policy",
         {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"rcn_policy", policy_view(policy)}});
@@ -76,17 +79,13 @@ static exit_code run_policy(const tool &shared, const given_names &names) {
 
 // ---- Role and domain ----------------------------------------------------------------------------
 
-// By code.
-static constexpr const char *ROLES[] = {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
-                                        "SNAPSHOT_STANDBY"};
-
 static int32_t role_of(const std::string &word) {
     std::string all;
     for (size_t role = 0; role < std::size(ROLES); ++role) {
         if (strcasecmp(word.c_str(), ROLES[role]) == 0) return static_cast<int32_t>(role);
         all += (role > 0 ? ", " : "") + std::string(ROLES[role]);
     }
-    throw tool_error{EXIT_USAGE, word + " is no role", "", "the roles are " + all,
+    throw tool_error{EXIT_USAGE, word + " is not a role", "", "the roles are " + all,
                      "use one of them, in any case"};
 }
 
@@ -98,17 +97,18 @@ static exit_code set_role(const tool &shared, const given_names &names) {
     rc = tell_missing(rc, [&] { return ask_for_field(library, names[0], &prsr_cfg::role); });
     const std::string what = "the role of database " + names[0] + " cannot be set";
     library.check(rc, what);
-    admin::change_result changed;
-    std::string key = database_key(names[0]) + ".ROLE", value = ROLES[role];
-    value += '\0';
-    changed.locks = {admin::lock_of_key(key)};
-    admin::keys_result keys = admin::read_keys(key, admin::depth::key);
-    changed.revision = keys.revision;
-    for (const admin::key_row &row : keys.keys)
-        if (row.value != value) changed.changes.push_back({row.path, row.value, value});
-    if (!shared.dry_run) {
+    const std::string key = database_key(names[0]) + "." + KEY_ROLE;
+    admin::read_keys_result found =
+        attempt(what, shared.registry, [&] { return admin::read_keys(key, reach::key_alone); });
+    admin::change_result changed = {{}, {lock_of(key)}, found.revision};
+    const std::string stored = ROLES[role] + std::string(1, '\0');
+    if (shared.dry_run && found.keys[key] != stored) {
+        changed.changes.push_back({key, found.keys[key], stored});
+    } else if (!shared.dry_run) {
+        admin::set_recorder recorder;
         rc = prsr_set_db_role(library.status, library.ctx, names[0].c_str(), role);
         library.check(rc, what);
+        changed.changes = recorder.changes();
     }
     show_changes(shared, changed);
     return EXIT_DONE;
@@ -120,7 +120,7 @@ static exit_code run_role(const tool &shared, const given_names &names) {
     session library(shared);
     int32_t rc = prsr_get_db_role(library.status, library.ctx, names[0].c_str(), &role);
     rc = tell_missing(rc, [&] { return ask_for_field(library, names[0], &prsr_cfg::role); });
-    library.check(rc, "the role of database " + names[0] + " cannot be told");
+    library.check(rc, "the role of database " + names[0] + " cannot be read");
     show_answer(shared.format, "role",
                 {{"dbname", {names[0]}}, {"role", {coded{role, ROLES[role]}}}});
     return EXIT_DONE;
@@ -131,7 +131,7 @@ static exit_code run_domain(const tool &shared, const given_names &names) {
     char *domain = nullptr;
     int32_t rc = prsr_get_domain(library.status, library.ctx, names[0].c_str(), &domain);
     rc = tell_missing(rc, [&] { return ask_for_field(library, names[0], &prsr_cfg::domain); });
-    library.check(rc, "the domain of database " + names[0] + " cannot be told");
+    library.check(rc, "the domain of database " + names[0] + " cannot be read");
     view shown = text_view(domain);
     (void)prsr_free_domain(library.ctx, domain);  // null does no harm
     show_answer(shared.format, "domain", {{"dbname", {names[0]}}, {"domain", std::move(shown)}});
@@ -154,7 +154,7 @@ static exit_code run_name(const tool &shared, const given_names &names) {
         &name);
     library.check(rc, "the registered name of " +
                           (names[1].empty() ? "" : "instance " + names[1] + " of ") + "database " +
-                          names[0] + " cannot be told");
+                          names[0] + " cannot be read");
     show_answer(shared.format, "name",
                 {{"dbname", {names[0]}}, {"instname", optional_view(names[1])}, {"name", {name}}});
     return EXIT_DONE;
@@ -172,7 +172,7 @@ static exit_code run_instance_on(const tool &shared, const given_names &names) {
         &name);
     rc = tell_missing(rc, [&] { return ask_for_field(library, names[1], &prsr_cfg::sp_name); });
     library.check(
-        rc, "the instance of database " + names[1] + " on node " + names[0] + " cannot be told");
+        rc, "the instance of database " + names[1] + " on node " + names[0] + " cannot be read");
     show_answer(
         shared.format, "instance",
         {{"nodename", {names[0]}}, {"dbname", {names[1]}}, {"instance", optional_view(name)}});
@@ -180,18 +180,18 @@ static exit_code run_instance_on(const tool &shared, const given_names &names) {
 }
 
 static constexpr name_command COMMANDS[] = {
-    {"roster", "Tell on which instances and nodes a service runs; available: it takes over",
+    {"roster", "List on which instances and nodes a service runs; available: it takes over",
      "DB SERVICE", run_roster},
-    {"policy", "Tell the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
+    {"policy", "Show the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
      run_policy},
-    {"role", "Tell the role of a database, or set it", "DB [ROLE]", run_role, true},
-    {"domain", "Tell the domain of a database", "DB", run_domain},
-    {"name", "Tell the registered name of a database or of an instance", "DB [INSTANCE]", run_name},
-    {"instance-on", "Tell which instance of a database is on a node; exit code 1 if none is",
+    {"role", "Show the role of a database, or set it", "DB [ROLE]", run_role, true},
+    {"domain", "Show the domain of a database", "DB", run_domain},
+    {"name", "Show the registered name of a database or of an instance", "DB [INSTANCE]", run_name},
+    {"instance-on", "Show which instance of a database is on a node; exit code 1 if none is",
      "NODE DB", run_instance_on},
 };
 
-void add_fact_commands(CLI::App *app, tool *shared) {
+void add_query_commands(CLI::App *app, tool *shared) {
     add_name_commands(app, shared, COMMANDS);
 }
 

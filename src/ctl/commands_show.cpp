@@ -1,4 +1,5 @@
-// list and show: what the registry says, through the library's own operations.
+// list and show: the databases and the whole record of one.
+#include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/record_view.h"
@@ -22,7 +23,7 @@ static exit_code run_list(const tool &shared, const given_names &) {
     }
     library.check(rc, CANNOT_LIST);
     // A registry that cannot be enumerated looks empty to this operation.
-    if (db_count == 0) check_result(admin::check_listing(), CANNOT_LIST, shared.registry);
+    if (db_count == 0) attempt(CANNOT_LIST, shared.registry, admin::check_listing);
     show_result(shared.format, "db_list", "db_list", names);
     return EXIT_DONE;
 }
@@ -40,7 +41,7 @@ static constexpr name_command COMMANDS[] = {
     {"show", "Show the whole record of a database", "DB", run_show},
 };
 
-void add_look_commands(CLI::App *app, tool *shared) {
+void add_show_commands(CLI::App *app, tool *shared) {
     add_name_commands(app, shared, COMMANDS);
 }
 

@@ -1,11 +1,12 @@
 // status: the picture of a database, or of all of them, on one screen.
+#include "admin/care/inspection.h"
 #include "ctl/command.h"
-#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/people_writer.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
 #include "ctl/text.h"
+#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -59,7 +60,7 @@ static std::string section(const view_list &rows) {
 static exit_code show_database(const tool &shared, const session &library,
                                const std::string &dbname) {
     fetched_record found(library, dbname);
-    library.check(found.rc, "the status of database " + dbname + " cannot be told");
+    library.check(found.rc, "the status of database " + dbname + " cannot be read");
     const prsr_cfg &record = *found.record;
     if (shared.format == output_format::table) {
         std::string head = "database " + escaped(text_of(record.sp_name)) + ": " +
@@ -112,6 +113,7 @@ static view database_row(const prsr_cfg &record, bool people) {
 }
 
 static exit_code show_all(const tool &shared, const session &library) {
+    static constexpr const char *WHAT = "the status of the cluster cannot be read";
     char **names = nullptr;
     uint32_t count = 0;
     int32_t rc = prsr_list_db(library.status, library.ctx, &names, &count);
@@ -126,11 +128,8 @@ static exit_code show_all(const tool &shared, const session &library) {
             rc = found.rc;
     }
     if (names != nullptr) (void)prsr_release_db_list(library.status, library.ctx, names, count);
-    library.check(rc, "the status of the cluster cannot be told");
-    if (count == 0) {
-        check_result(admin::check_listing(), "the status of the cluster cannot be told",
-                     shared.registry);
-    }
+    library.check(rc, WHAT);
+    if (count == 0) attempt(WHAT, shared.registry, admin::check_listing);
     show_result(shared.format, "cluster_status", "databases", {std::move(rows)});
     return EXIT_DONE;
 }

@@ -71,7 +71,7 @@ static constexpr name_command COMMANDS[] = {
     {"nodeapps", "Show the whole record of a node's applications", "NODE", run_nodeapps},
 };
 
-void add_companion_commands(CLI::App *app, tool *shared) {
+void add_stg_nodeapps_commands(CLI::App *app, tool *shared) {
     add_name_commands(app, shared, COMMANDS);
 }
 

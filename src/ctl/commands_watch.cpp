@@ -8,14 +8,21 @@
 #include <memory>
 #include <thread>
 
-#include "admin/admin.h"
+#include "admin/change/keys.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
-#include "ctl/key_names.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
+#include "model/folding.h"
+#include "model/roots.h"
 
 namespace keyview::ctl {
+
+// Runs a call of the administration for the command.
+template <typename work>
+static auto on_registry(const tool &shared, work &&run) {
+    return attempt("the tree cannot be watched", shared.registry, run);
+}
 
 namespace {
 
@@ -34,7 +41,8 @@ class watcher {
     watcher(const tool &shared, watch_options options)
         : shared_(shared),
           options_(std::move(options)),
-          path_(options_.path.empty() ? WHOLE_TREE : options_.path) {}
+          path_(options_.path.empty() ? ROOT : options_.path),
+          registry_(on_registry(shared_, [] { return admin::registry::open(); })) {}
 
     void run() {
         revision_ = options_.from != 0 ? options_.from : present_revision();
@@ -44,14 +52,8 @@ class watcher {
   private:
     static constexpr uint32_t WAIT_MS = 2000, LOOK_EVERY_MS = 50;
 
-    void check(const admin::result &result) const {
-        check_result(result, "the tree cannot be watched", shared_.registry);
-    }
-
     uint64_t present_revision() const {
-        admin::keys_result present = admin::read_revision();
-        check(present);
-        return present.revision;
+        return on_registry(shared_, [&] { return registry_.revision(); });
     }
 
     // So many milliseconds more, or so many as are left.
@@ -64,44 +66,48 @@ class watcher {
     bool told_all() const { return options_.count != 0 && told_ >= options_.count; }
     bool goes_on() const { return !told_all() && time_left(WAIT_MS) > 0; }
 
-    // False, at once, if there is none.
+    // False, at once, if the registry keeps none.
     bool follow_history() {
         for (bool first = true; first || goes_on(); first = false) {
-            admin::changes_result next = admin::read_changes(path_, revision_, time_left(WAIT_MS));
-            if (next.code == admin::status::changed) {
+            std::optional<admin::change_batch> next;
+            try {
+                next = registry_.changes_since(path_, revision_, time_left(WAIT_MS));
+            } catch (const admin::error &failed) {
+                if (failed.kind != KEYVIEW_FAILURE_CHANGED)
+                    fail(failed, "the tree cannot be watched", shared_.registry);
                 tell_jump("gap", "is forgotten", present_revision());
                 continue;
             }
-            check(next);
-            if (!next.keeps_history) return false;
-            for (const admin::noted_change &one : next.changes)
+            if (!next) return false;
+            for (const admin::noted_change &one : next->changes)
                 tell_change(revision_, one.revision, one.change);
-            revision_ = next.up_to;
+            revision_ = next->up_to;
         }
         return true;
     }
 
     void look_again_and_again() {
-        admin::keys_result seen = look();
+        admin::read_keys_result seen = look();
         if (seen.revision != revision_) tell_jump("gap", "is not told", seen.revision);
         while (goes_on()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(time_left(LOOK_EVERY_MS)));
             if (present_revision() == revision_) continue;
-            admin::keys_result now = look();
+            admin::read_keys_result now = look();
             uint64_t before = revision_;
             if (now.revision > before + 1) tell_jump("merged", "is told as one", now.revision);
-            for (const admin::key_change &change : admin::compare_keys(seen.keys, now.keys))
+            for (const admin::key_change &change : admin::differences(seen.keys, now.keys))
                 tell_change(before, now.revision, change);
             revision_ = now.revision;
             seen = std::move(now);
         }
     }
 
-    // A key that is not there yet is waited for.
-    admin::keys_result look() const {
-        admin::keys_result found = admin::read_keys(path_, admin::depth::all);
-        if (found.code == admin::status::not_found) found = admin::read_revision();
-        check(found);
+    // A key that does not exist yet is waited for.
+    admin::read_keys_result look() const {
+        admin::read_keys_result found;
+        found.revision = on_registry(shared_, [&] {
+            return registry_.read({{path_, reach::all_below}}, &found.keys);
+        });
         return found;
     }
 
@@ -153,6 +159,7 @@ class watcher {
     const tool &shared_;
     watch_options options_;
     std::string path_;
+    admin::registry registry_;
     std::chrono::steady_clock::time_point end_ =
         std::chrono::steady_clock::now() +
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(

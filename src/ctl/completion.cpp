@@ -3,10 +3,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "admin/admin.h"
-#include "ctl/key_names.h"
 #include "ctl/suggest.h"
 #include "ctl/text.h"
+#include "model/folding.h"
+#include "model/path.h"
+#include "model/words.h"
 
 namespace keyview::ctl {
 
@@ -56,27 +57,27 @@ static walked walk(const CLI::App &app, const words &line) {
 
 // Keys one level below what is written of a path.
 static words keys_like(const std::string &path) {
-    size_t end = path.rfind('.');
-    std::string top = end == path.npos ? "DATABASE" : path.substr(0, end);
+    std::string_view parent = parent_path(path);
+    std::string top(parent.empty() ? ROOT : parent);
     words out;
-    for (const admin::key_row &key : admin::read_keys(top, admin::depth::children).keys)
-        if (escaped(key.path) == key.path && (key.path != top || end == path.npos))
-            out.push_back(key.path);
+    for (const auto &[key, value] : readable_children(top))
+        if (escaped(key) == key && (key != top || parent.empty())) out.push_back(key);
     return out;
 }
 
 static words values_for(const std::string &name, const walked &at, const std::string &begun) {
     const std::string first = at.arguments.empty() ? "" : at.arguments[0];
     const std::string database = database_key(first);
-    if (name == "DB") return registered_names("DATABASE.DATABASES");
-    if (name == "SERVICE" || name == "--service") return registered_names(database + ".SERVICE");
-    if (name == "INSTANCE" || name == "--instance") return registered_names(database + ".INSTANCE");
-    if (name == "NODE") return registered_names("DATABASE.NODEAPPS");
-    if (name == "SCOPE") return registered_names("DATABASE.STG");
-    if (name == "NAME") return registered_names("DATABASE.STG." + folded(first));
+    if (name == "DB") return registered_names(DB_ROOT);
+    if (name == "SERVICE" || name == "--service")
+        return registered_names(database + "." + KEY_SERVICE);
+    if (name == "INSTANCE" || name == "--instance")
+        return registered_names(database + "." + KEY_INSTANCE);
+    if (name == "NODE") return registered_names(NODEAPPS_ROOT);
+    if (name == "SCOPE") return registered_names(STG_ROOT);
+    if (name == "NAME") return registered_names(STG_ROOT + std::string(".") + element_of(first));
     if (name == "KEY") return keys_like(begun);
-    if (name == "ROLE")
-        return {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY", "SNAPSHOT_STANDBY"};
+    if (name == "ROLE") return {std::begin(ROLES), std::end(ROLES)};
     if (name == "--output" || name == "-o") return {"table", "json", "jsonl", "tsv", "raw", "cmd"};
     if (name == "--color") return {"auto", "always", "never"};
     if (name == "--as") return {"text", "list", "base64"};
@@ -115,7 +116,7 @@ std::string candidates_for(const CLI::App &app, words line) {
     }
     std::string out;
     for (const std::string &word : next_words(walk(app, line), begun))
-        if (folded(word).rfind(folded(begun), 0) == 0) out += word + "\n";
+        if (element_of(word).rfind(element_of(begun), 0) == 0) out += word + "\n";
     return out;
 }
 

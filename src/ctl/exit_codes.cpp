@@ -77,8 +77,8 @@ const library_failure &library_failure_of(int32_t rc) {
     return LIBRARY_FAILURES[rc];
 }
 
-// By status, from admin::status::done on.
-static constexpr admin_failure ADMIN_FAILURES[] = {
+// By KEYVIEW_FAILURE_*; the first row is for a success.
+static constexpr host_failure HOST_FAILURES[] = {
     {EXIT_DONE, ""},
     {EXIT_USAGE,
      "see the command's --help; --registry or KEYVIEW_REGISTRY chooses a registry, such as "
@@ -92,23 +92,16 @@ static constexpr admin_failure ADMIN_FAILURES[] = {
     {EXIT_INTERNAL, TRY_MEMORY},
 };
 
-const admin_failure &admin_failure_of(admin::status code) {
-    return ADMIN_FAILURES[static_cast<size_t>(code)];
+static_assert(std::size(HOST_FAILURES) == KEYVIEW_FAILURE_INTERNAL + 1, "a row for each kind");
+
+const host_failure &host_failure_of(int32_t kind) {
+    return HOST_FAILURES[kind];
 }
 
 exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
-    switch (kind) {
-        case KEYVIEW_FAILURE_LOCK:
-            return EXIT_LOCK;
-        case KEYVIEW_FAILURE_CHANGED:
-            return EXIT_CHANGED;
-        case KEYVIEW_FAILURE_DENIED:
-            return EXIT_DENIED;
-        case KEYVIEW_FAILURE_CONTENT:
-            return EXIT_CONTENT;
-        default:
-            return otherwise;
-    }
+    bool tells_more = kind == KEYVIEW_FAILURE_LOCK || kind == KEYVIEW_FAILURE_CHANGED ||
+                      kind == KEYVIEW_FAILURE_DENIED || kind == KEYVIEW_FAILURE_CONTENT;
+    return tells_more ? host_failure_of(kind).code : otherwise;
 }
 
 exit_code exit_of_errno(int error) {

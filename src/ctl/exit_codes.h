@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <string>
 
-#include "admin/admin.h"
-
 namespace keyview::ctl {
 
 // exit_codes.cpp has their meanings.
@@ -56,12 +54,12 @@ struct library_failure {
 };
 const library_failure &library_failure_of(int32_t rc);
 
-// The same for the administration; its result has the words.
-struct admin_failure {
+// What a KEYVIEW_FAILURE_* means for the exit; the failure itself has the words.
+struct host_failure {
     exit_code code;
     const char *todo;
 };
-const admin_failure &admin_failure_of(admin::status code);
+const host_failure &host_failure_of(int32_t kind);
 
 // For the host kit's latest failure where the library has one code for all of them.
 exit_code exit_of_host_failure(int32_t kind, exit_code otherwise);

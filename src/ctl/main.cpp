@@ -20,9 +20,9 @@
 namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
-    add_look_commands,  add_fact_commands, add_enable_commands, add_companion_commands,
-    add_tree_commands,  add_check_command, add_care_commands,   add_help_commands,
-    add_status_command, add_key_commands,  add_watch_command,   add_keep_commands,
+    add_show_commands,     add_query_commands, add_enable_commands, add_stg_nodeapps_commands,
+    add_document_commands, add_check_commands, add_doctor_commands, add_help_commands,
+    add_status_command,    add_key_commands,   add_watch_command,   add_backup_commands,
     add_lock_commands,
 };
 

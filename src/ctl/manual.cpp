@@ -3,7 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "admin/admin.h"
+#include "admin/document/meanings.h"
 #include "ctl/exit_codes.h"
 
 namespace keyview::ctl {

@@ -12,6 +12,7 @@
 #include "ctl/program_writer.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
+#include "model/text.h"
 
 namespace keyview::ctl {
 
@@ -92,11 +93,10 @@ void tell(const std::string &text) {
 
 // ---- Errors -------------------------------------------------------------------------------------
 
-void check_result(const admin::result &result, const std::string &what, const std::string &where) {
-    if (result.code == admin::status::done) return;
-    const admin_failure &failure = admin_failure_of(result.code);
-    throw tool_error{failure.code,        what, where, result.text, failure.todo, result.problems,
-                     result.more_problems};
+void fail(const admin::error &failed, const std::string &what, const std::string &where) {
+    const host_failure &failure = host_failure_of(failed.kind);
+    throw tool_error{failure.code,        what, where, failed.what(), failure.todo, failed.problems,
+                     failed.more_problems};
 }
 
 static std::string error_text(const tool_error &error) {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "admin/admin.h"
+#include "admin/error.h"
 #include "ctl/exit_codes.h"
 #include "ctl/view.h"
 
@@ -45,8 +45,19 @@ void show_result(output_format format, const char *kind, const char *value_name,
 // Formats other than table and JSON show the last field, too.
 void show_answer(output_format format, const char *kind, const view_fields &fields);
 
-// Throws the tool_error of a result other than done.
-void check_result(const admin::result &result, const std::string &what, const std::string &where);
+// Throws what the administration failed with as the tool's error.
+[[noreturn]] void fail(const admin::error &failed, const std::string &what,
+                       const std::string &where);
+
+// Runs a call of the administration, and gives its result. what: "the registry is not backed up".
+template <typename work>
+auto attempt(const std::string &what, const std::string &where, work &&run) {
+    try {
+        return run();
+    } catch (const admin::error &failed) {
+        fail(failed, what, where);
+    }
+}
 
 void report_error(output_format format, const tool_error &error);
 

@@ -3,8 +3,9 @@
 
 #include <algorithm>
 
-#include "admin/admin.h"
+#include "admin/document/base64.h"
 #include "ctl/text.h"
+#include "model/text.h"
 
 namespace keyview::ctl {
 
@@ -20,7 +21,7 @@ static bool is_raw(const view &shown) {
 }
 
 static ordered_json base64_of(const view &shown) {
-    return is_raw(shown) ? ordered_json(admin::base64_of(std::get<std::string>(shown.value)))
+    return is_raw(shown) ? ordered_json(admin::to_base64(std::get<std::string>(shown.value)))
                          : nullptr;
 }
 

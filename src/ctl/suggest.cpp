@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-#include "admin/admin.h"
-#include "ctl/key_names.h"
+#include "admin/change/keys.h"
 #include "ctl/text.h"
+#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -34,7 +34,7 @@ std::string nearest(const std::string &word, const std::vector<std::string> &can
     std::string best;
     for (const std::string &candidate : candidates) {
         if (word.size() > LONGEST || candidate.size() > LONGEST) continue;
-        size_t distance = distance_between(folded(word), folded(candidate));
+        size_t distance = distance_between(element_of(word), element_of(candidate));
         if (distance < least) {
             least = distance;
             best = candidate;
@@ -43,24 +43,32 @@ std::string nearest(const std::string &word, const std::vector<std::string> &can
     return best;
 }
 
+admin::key_map readable_children(const std::string &path) {
+    try {
+        return admin::read_keys(path, reach::children).keys;
+    } catch (const admin::error &) {
+        return {};
+    }
+}
+
 std::vector<std::string> registered_names(const std::string &section) {
     std::vector<std::string> names;
-    admin::keys_result found = admin::read_keys(section, admin::depth::children);
-    for (const admin::key_row &key : found.keys) {
-        if (key.path == section) continue;
-        std::string name = key.value.empty() ? key.path.substr(section.size() + 1)
-                                             : key.value.substr(0, key.value.find('\0'));
+    for (const auto &[path, value] : readable_children(section)) {
+        if (path == section) continue;
+        std::string name(value.empty() ? last_element(path)
+                                       : std::string_view(value).substr(0, value.find('\0')));
         if (escaped(name) == name) names.push_back(name);
     }
     return names;
 }
 
 std::string database_meant(const std::vector<std::string> &words) {
-    std::vector<std::string> names = registered_names("DATABASE.DATABASES");
+    std::vector<std::string> names = registered_names(DB_ROOT);
     for (const std::string &word : words) {
         if (word.empty() || word[0] == '-') continue;
         std::string meant = nearest(word, names);
-        if (!meant.empty() && folded(meant) != folded(word)) return "did you mean " + meant + "?";
+        if (!meant.empty() && element_of(meant) != element_of(word))
+            return "did you mean " + meant + "?";
     }
     return "";
 }

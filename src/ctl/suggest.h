@@ -5,10 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "admin/key_map.h"
+
 namespace keyview::ctl {
 
 // The candidate that is least far from a word, whatever the case; "" if none is near.
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
+
+// A key with its children; nothing if it cannot be read.
+admin::key_map readable_children(const std::string &path);
 
 // The registered names of a section, such as "DATABASE.DATABASES"; none if it cannot be read. Names
 // that a terminal must not see are left out.

@@ -1,59 +1,12 @@
-// A decoder of UTF-8 that trusts nothing, and what stands on it.
+// See text.h.
 #include "ctl/text.h"
 
 #include <cstdint>
 #include <cstdio>
 
+#include "model/text.h"
+
 namespace keyview::ctl {
-
-namespace {
-struct character {
-    size_t length;  // 0 if the text begins with no character
-    uint32_t code;
-};
-}  // namespace
-
-// The character that a text, not empty, begins with. Overlong forms, surrogates and what lies
-// beyond U+10FFFF are none.
-static character first_character(std::string_view text) {
-    auto at = [&](size_t n) { return static_cast<unsigned char>(text[n]); };
-    unsigned char lead = at(0);
-    if (lead < 0x80) return {1, lead};
-    size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-    if (lead < 0xc2 || lead > 0xf4 || text.size() < length) return {0, 0};
-    uint32_t code = lead & (0x7fu >> length);
-    for (size_t n = 1; n < length; ++n) {
-        if ((at(n) & 0xc0) != 0x80) return {0, 0};
-        code = code << 6 | (at(n) & 0x3fu);
-    }
-    constexpr uint32_t SMALLEST[] = {0, 0, 0x80, 0x800, 0x10000};
-    bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    if (code < SMALLEST[length] || surrogate || code > 0x10ffff) return {0, 0};
-    return {length, code};
-}
-
-bool valid_utf8(std::string_view text) {
-    while (!text.empty()) {
-        size_t length = first_character(text).length;
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-// Beside control characters: what turns the direction of writing, separates lines or is not seen.
-static constexpr struct {
-    uint32_t first, last;
-} HARMFUL[] = {{0x7f, 0x9f},     {0x61c, 0x61c},   {0x200b, 0x200b}, {0x200e, 0x200f},
-               {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xe0000, 0xe007f}};
-
-static bool harmful(uint32_t code) {
-    if (code < 0x20) return true;
-    for (const auto &range : HARMFUL) {
-        if (code >= range.first && code <= range.last) return true;
-    }
-    return false;
-}
 
 static std::string numbered(const char *form, uint32_t number) {
     char text[16];

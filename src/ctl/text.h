@@ -7,8 +7,6 @@
 
 namespace keyview::ctl {
 
-bool valid_utf8(std::string_view text);
-
 // The text as people see it: control characters, bytes that are no UTF-8, line separators and what
 // turns the direction of writing come out as "\x1b" or "\u202e", a "\" is doubled. Never more than
 // one line.

@@ -48,4 +48,8 @@ inline constexpr char KEY_VIP_NETMASK[] = "VIP.NETMASK";
 
 }  // namespace model
 
+namespace keyview {
+using namespace model;
+}
+
 #endif

@@ -36,4 +36,8 @@ inline constexpr char DEFAULT_POLICY[] = "AUTOMATIC";
 
 }  // namespace model
 
+namespace keyview {
+using namespace model;
+}
+
 #endif

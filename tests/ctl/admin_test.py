@@ -303,27 +303,72 @@ class Keeping(Administrator):
             self.good("restore", self.path("full"), "--force")
         self.assertEqual(sorted(os.listdir(self.folder)), ["full", "registry", "saved"])
 
-    def test_lint_finds_each_fault_and_what_mends_it(self):
+    def test_lint_finds_each_fault_and_mends_what_needs_no_decision(self):
         self.assertEqual(self.json("lint")["findings"], [])
         instance, service = SALES + ".INSTANCE.sales2", SALES + ".SERVICE.reporting.INSTANCES.sales3"
-        faults = [("name-missing", SALES, b""), ("name-other", SALES, b"Soles\0"),
-                  ("name-long", instance, b"Sales2\0\0"), ("type-case", service + ".TYPE", b"available\0"),
-                  ("type-missing", service + ".TYPE", None), ("flag-two-ways", SALES + ".ENABLED", b"yes\0"),
-                  ("list-single", SALES + ".ENVIRONMENT", b"A=1\0"), ("list-form", SALES + ".ENVIRONMENT", b"A\0B\0"),
-                  ("value-long", SALES + ".SPFILE", b"x" * 1025), ("word-unknown", SALES + ".ROLE", b"MASTER\0"),
-                  ("node-twice", instance + ".NODE", b"node1\0"), ("node-case", instance + ".NODE", b"Node2\0"),
-                  ("instance-missing", SALES + ".SERVICE.reporting.INSTANCES.sales9", b"Sales9\0")]
-        for rule, path, value in faults:
+        missing = SALES + ".SERVICE.reporting.INSTANCES.sales9"
+        # The words that a decision names; None where there is one remedy.
+        faults = [("name-missing", SALES, b"", None), ("name-other", SALES, b"Soles\0", "Soles"),
+                  ("name-long", instance, b"Sales2\0\0", None), ("type-case", service + ".TYPE", b"available\0", None),
+                  ("type-case", service + ".TYPE", b"both\0", "PREFERRED or AVAILABLE"),
+                  ("type-missing", service + ".TYPE", None, "PREFERRED or AVAILABLE"),
+                  ("flag-two-ways", SALES + ".ENABLED", b"yes\0", "true or false"),
+                  ("list-single", SALES + ".ENVIRONMENT", b"A=1\0", None), ("list-form", SALES + ".ENVIRONMENT", b"A\0B\0", None),
+                  ("value-long", SALES + ".SPFILE", b"x" * 1025, "1,024 bytes"),
+                  ("word-unknown", SALES + ".ROLE", b"MASTER\0", "SNAPSHOT_STANDBY"),
+                  ("word-unknown", SALES + ".SERVICE.reporting.RCNPOLICY", b"SOME\0", "BASIC, PRECONNECT"),
+                  ("node-twice", instance + ".NODE", b"node1\0", "sales2"), ("node-case", instance + ".NODE", b"Node2\0", None),
+                  ("instance-missing", missing, b"Sales9\0", "leaves it out")]
+        for rule, path, value, decision in faults:
             if rule == "instance-missing":
                 self.store(path + ".TYPE", b"AVAILABLE\0")
             self.good("rm", path) if value is None else self.store(path, value)
             found = self.json("lint", code=8)["findings"]
             self.assertEqual([one["rule"] for one in found], [rule])
             self.assertIn(found[0]["path"].split(".TYPE")[0].split(".NODE")[0], path)
-            subprocess.run(found[0]["mend"].replace("keyviewctl", TOOL, 1), shell=True, check=True, env=self.env,
-                           stdout=subprocess.DEVNULL)
-            self.assertEqual(self.json("lint")["findings"], [], rule)
+            if decision is None:
+                self.assertIsNone(found[0]["decide"], rule)
+                subprocess.run(found[0]["mend"].replace("keyviewctl", TOOL, 1), shell=True, check=True, env=self.env,
+                               stdout=subprocess.DEVNULL)
+                self.assertEqual(self.json("lint")["findings"], [], rule)
+            else:
+                self.assertIsNone(found[0]["mend"], rule)
+                self.assertIn(decision, found[0]["decide"])
+            self.good("apply", EXAMPLE, "--prune")
+
+    def test_what_is_reported_is_what_was_done(self):
+        def start(*arguments):
+            return subprocess.Popen([TOOL, *arguments, "-o", "json"], env=self.env, stdout=subprocess.PIPE, text=True)
+        # All wait for the lock when it is released: each flips, or finds nothing to flip.
+        for words, possible in ((["disable Sales"] * 2, ([0, 1],)), (["disable Sales", "enable Sales"], ([0, 1], [1, 1])),
+                                (["role Sales LOGICAL_STANDBY"] * 2, ([0, 1],))):
+            holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sleep", "1"], env=self.env)
+            time.sleep(0.3)
+            waiting = [start(*line.split()) for line in words]
+            reports = [json.loads(one.communicate()[0])["changes"] for one in waiting]
+            holder.wait()
+            self.assertIn(sorted(map(len, reports)), possible, words)
             self.good("apply", EXAMPLE)
+
+    def test_a_damaged_value_is_found_and_replaced_or_removed(self):
+        saved, key = self.path("saved"), SALES + ".START_OPTIONS"
+        self.good("set", key, "recognisable")
+        self.good("backup", saved)
+        for repair in (["set", key, "again"], ["rm", key, "--yes"], ["apply", EXAMPLE], ["restore", saved, "--force", "--yes"],
+                       ["rm", SALES, "--yes"]):
+            self.good("set", key, "recognisable")
+            name = os.path.join(self.url.split(":")[1], "data.mdb")
+            with open(name, "r+b") as data:
+                content = data.read()
+                for at in (m.start() for m in re.finditer(b"recognisable", content)):
+                    data.seek(at)
+                    data.write(b"R")
+            self.assertIn(key, self.good("doctor", code=4))
+            self.good("show", "Sales", code=8)
+            self.good(*repair)
+            self.good("doctor")
+            self.good("check")
+            self.good("restore", saved, "--force")
 
     def test_random_bytes_survive_export_and_apply(self):
         random.seed(11)

@@ -18,11 +18,9 @@ static std::string example() {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-static std::string listed(problem_list problems) {
-    result all;
-    if (!problems.empty()) problems.report("", &all);
+static std::string listed(const problem_list &problems) {
     std::string text;
-    for (const problem &wrong : all.problems)
+    for (const problem &wrong : problems.kept())
         text += wrong.place + ": " + wrong.reason + "\n";
     return text;
 }
@@ -32,9 +30,8 @@ static key_node tree_of(const std::string &document) {
     document_plan plan = read_document(document, &problems);
     EXPECT_EQ(listed(problems), "");
     key_node tree;
-    for (const keyview::host::change &change : plan.changes) {
-        tree.make(change.path).value = change.value;
-    }
+    for (const change &one : plan.changes)
+        tree.make(one.path).value = *one.value;
     return tree;
 }
 

@@ -9,12 +9,12 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
-#include "host/entry/backends.h"
+#include "admin/registry.h"
 #include "table.h"
 
 using namespace std::string_literals;
 using nlohmann::json;
-namespace host = keyview::host;
+using namespace keyview;
 
 struct outcome {
     int code;  // the exit code; 124 if it did not end within a minute
@@ -93,8 +93,7 @@ class Tool : public testing::Test {
 
     // What no document can say goes in here.
     void put(const std::string &path, const std::string &value) const {
-        host::open_backend(url_, host::open_mode::existing)
-            .keys->apply({{host::change::kind::put, path, value}});
+        admin::registry::open(url_).apply({{path, value}}, {}, 0);
     }
 
     std::string folder_;
@@ -106,7 +105,7 @@ TEST_F(Tool, WhatIsAppliedComesBackByteForByte) {
     EXPECT_EQ(first.code, 0) << first.err;
     EXPECT_NE(first.out.find(" keys created, 0 changed, 0 removed\n"), std::string::npos)
         << first.out;
-    EXPECT_EQ(apply(EXAMPLE).out, "nothing to change: it is so already\n");
+    EXPECT_EQ(apply(EXAMPLE).out, "nothing to change: all of it is stored already\n");
     EXPECT_EQ(exported(), EXAMPLE);
 
     std::string file = folder_ + "/saved.json";
@@ -319,11 +318,11 @@ TEST_F(Tool, FailuresHaveOneCodeAndTellWhatWhereWhy) {
 
 TEST_F(Tool, ALockThatAnotherHoldsIsWaitedForNoLongerThanChosen) {
     apply_example();
-    host::backend registry = host::open_backend(url_, host::open_mode::existing);
+    admin::registry registry = admin::registry::open(url_);
     const surroundings IMPATIENT = {EXAMPLE, "", "KEYVIEW_LOCK_WAIT=0"};
     for (const char *name : {"LKRT.DATABASE.DATABASES.sales", "LKRT.STG.DATABASE.STG.node8.stg8",
                              "LKRT.DATABASE.NODEAPPS.node3"}) {
-        auto held = registry.locks->acquire(name, host::lock_mode::shared, 0);
+        admin::held_lock held = registry.lock(name, true, 0);
         outcome ended = run({"apply", "-"}, IMPATIENT);
         EXPECT_EQ(ended.code, 5) << name << ended.err;
         EXPECT_NE(ended.err.find(name), std::string::npos) << ended.err;

@@ -13,16 +13,12 @@
 
 #include <cstdio>
 
-#include "admin/change/key_map.h"
-#include "admin/change/plan.h"
+#include "admin/care/backup.h"
 #include "admin/document/base64.h"
-#include "admin/entry.h"
-#include "host/support/error.h"
+#include "admin/key_map.h"
+#include "model/roots.h"
 
 namespace keyview::admin {
-
-using host::failure;
-using host::host_error;
 
 static constexpr std::string_view HEAD = "keyview-backup ";
 static constexpr std::string_view FIRST_LINE = "keyview-backup 1\n";
@@ -46,17 +42,13 @@ static std::string backup_of(const key_map &keys, uint64_t revision) {
     return out + checksum_line(out);
 }
 
-backup_result backup_registry() noexcept {
-    return guarded<backup_result>([](backup_result *out) {
-        key_map keys;
-        {
-            auto present = open_present().keys->now();
-            out->revision = present->current().tree;
-            read_below(present.get(), TOP, reach::all_below, &keys);
-        }
-        out->keys = keys.size();
-        out->content = backup_of(keys, out->revision);
-    });
+backup backup_registry() {
+    backup out;
+    key_map keys;
+    out.revision = registry::open().read({{ROOT, reach::all_below}}, &keys);
+    out.keys = keys.size();
+    out.content = backup_of(keys, out.revision);
+    return out;
 }
 
 bool is_backup(std::string_view content) {
@@ -64,7 +56,8 @@ bool is_backup(std::string_view content) {
 }
 
 [[noreturn]] static void refuse(const std::string &why) {
-    throw host_error(failure::content, "this is no sound backup: " + why + "; nothing was written");
+    throw error(KEYVIEW_FAILURE_CONTENT,
+                "the backup is not sound: " + why + "; nothing was written");
 }
 
 namespace {
@@ -114,37 +107,31 @@ static key_map keys_of(std::string_view content) {
     return keys;
 }
 
-static void bring_to(const std::string &url, const key_map &keys, bool force,
-                     change_options options, change_result *out) {
-    wish wanted = {};
-    wanted.within = wish::scope::all;
+static change_result bring_to(const std::string &url, key_map keys, bool force,
+                              change_options options) {
+    change_request request = {};
+    request.prunes_all = true;
     options.prune = true;
-    for (const auto &[path, value] : keys)
-        wanted.changes.push_back({host::change::kind::put, path, value});
-    wanted.check = [&](host::moment *present, problem_list *) {
-        std::string value;
-        if (force || present == nullptr || !present->read(TOP, &value)) return;
-        throw host_error(failure::usage, "the registry " + url +
-                                             " is not empty; nothing was written; with --force "
-                                             "what is in it goes");
+    for (auto &[path, value] : keys)
+        request.changes.push_back({path, std::move(value)});
+    request.check = [&](const key_map &present) {
+        if (force || present.empty()) return;
+        throw error(KEYVIEW_FAILURE_USAGE,
+                    "the registry" + (url.empty() ? "" : " " + url) +
+                        " is not empty; nothing was written; --force removes what is in it");
     };
-    change_registry(url, wanted, options, out);
+    return change_registry(url, request, options);
 }
 
-change_result restore_registry(std::string_view backup, bool force,
-                               const change_options &options) noexcept {
-    return guarded<change_result>([&](change_result *out) {
-        bring_to(host::registry_url(), keys_of(backup), force, options, out);
-    });
+change_result restore_registry(std::string_view content, bool force,
+                               const change_options &options) {
+    return bring_to("", keys_of(content), force, options);
 }
 
-change_result copy_registry(const std::string &to_url, bool force,
-                            const change_options &options) noexcept {
-    return guarded<change_result>([&](change_result *out) {
-        key_map keys;
-        read_below(open_present().keys->now().get(), TOP, reach::all_below, &keys);
-        bring_to(to_url, keys, force, options, out);
-    });
+change_result copy_registry(const std::string &to_url, bool force, const change_options &options) {
+    key_map keys;
+    (void)registry::open().read({{ROOT, reach::all_below}}, &keys);
+    return bring_to(to_url, std::move(keys), force, options);
 }
 
 }  // namespace keyview::admin

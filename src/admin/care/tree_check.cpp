@@ -2,7 +2,7 @@
 #include "admin/care/tree_check.h"
 
 #include "admin/document/encoding.h"
-#include "admin/document/fields.h"
+#include "model/records.h"
 
 namespace keyview::admin {
 

@@ -5,7 +5,7 @@
 #define KEYVIEW_ADMIN_CARE_TREE_CHECK_H
 
 #include "admin/document/key_tree.h"
-#include "admin/problems.h"
+#include "admin/error.h"
 
 namespace keyview::admin {
 

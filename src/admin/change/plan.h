@@ -1,33 +1,46 @@
-// From a wish to what happens in the registry: which keys change and how, under which locks. The
-// same plan is told by a dry run and carried out by a real one.
+// From a request to what happens in the registry: which keys change and how, under which locks. A
+// dry run reports the same plan that a real run carries out.
 #ifndef KEYVIEW_ADMIN_CHANGE_PLAN_H
 #define KEYVIEW_ADMIN_CHANGE_PLAN_H
 
+#include <cstdint>
 #include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "admin/admin.h"
-#include "admin/problems.h"
-#include "host/registry/backend.h"
+#include "admin/registry.h"
 
 namespace keyview::admin {
 
-struct wish {
-    std::vector<host::change> changes;
-    std::set<std::string> locks = {};  // at least these
-    // Where the rest goes if it is to be pruned.
-    enum class scope { sections, all } within = scope::sections;
-    // Throws, or adds problems, if the wish does not fit the tree; keys may be null for a registry
-    // that does not exist.
-    std::function<void(host::moment *keys, problem_list *problems)> check = {};
-    const char *refusal = "";  // the text of a refusal with problems
+struct change_options {
+    bool dry_run = false;      // report what would change, write nothing, take no lock
+    bool prune = false;        // remove what is not requested
+    uint64_t if_revision = 0;  // the tree must be at this revision, else KEYVIEW_FAILURE_CHANGED
+    // Receives, on the calling thread, each step, such as "writes 17 changes".
+    std::function<void(const std::string &)> step = {};
 };
 
-// Carries a wish out in the registry of a URL, or tells what that would do. Throws host_error.
-void change_registry(const std::string &url, const wish &wanted, const change_options &options,
-                     change_result *out);
+struct change_result {
+    std::vector<key_change> changes;  // in the order of the paths, parents before their children
+    std::vector<std::string> locks;   // exclusive ones, taken for it
+    uint64_t revision = 0;            // the tree's, before the change
+};
+
+struct change_request {
+    std::vector<change> changes;
+    std::set<std::string> locks = {};        // at least these
+    std::vector<std::string> examines = {};  // keys that check reads
+    bool prunes_all = false;                 // pruning covers keys outside the sections, too
+    // Throws if the request does not fit the tree. present holds at least the keys that change or
+    // are examined; it is empty for a registry that does not exist.
+    std::function<void(const key_map &present)> check = {};
+};
+
+// Carries a request out in the registry of a URL ("": the one in force), or reports what that would
+// do. A registry that does not exist is created. All of it happens or nothing does.
+change_result change_registry(const std::string &url, const change_request &request,
+                              const change_options &options);
 
 }  // namespace keyview::admin
 

@@ -2,6 +2,7 @@
 #include "admin/document/byte_strings.h"
 
 #include "admin/document/base64.h"
+#include "model/text.h"
 
 namespace keyview::admin {
 

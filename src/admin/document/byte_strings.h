@@ -8,7 +8,7 @@
 #include <string>
 
 #include "admin/document/encoding.h"
-#include "admin/document/fields.h"
+#include "model/records.h"
 
 namespace keyview::admin {
 

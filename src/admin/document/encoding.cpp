@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "model/folding.h"
+#include "model/text.h"
+
 namespace keyview::admin {
 
 using nlohmann::json;
@@ -12,24 +15,13 @@ static constexpr std::string_view ZERO("\0", 1);
 static constexpr std::string_view TRUE_WORD("true\0", 5);
 static constexpr std::string_view FALSE_WORD("false\0", 6);
 
-// "1,024 bytes".
-static std::string bytes_text(size_t count) {
+std::string bytes_text(size_t count) {
     std::string digits = std::to_string(count);
     for (size_t at = digits.size(); at > 3;) {
         at -= 3;
         digits.insert(at, ",");
     }
     return digits + " bytes";
-}
-
-// The serializer refuses what is not UTF-8, and the document goes through it in the end.
-bool valid_utf8(std::string_view text) {
-    try {
-        (void)json(std::string(text)).dump();
-        return true;
-    } catch (const json::type_error &) {
-        return false;
-    }
 }
 
 std::optional<fault> check_name(std::string_view name, bool dotted, size_t limit) {
@@ -70,15 +62,6 @@ std::string path_below(const std::string &path, std::string_view element) {
     return below.append(element);
 }
 
-std::string element_of(std::string_view name, bool dotted) {
-    std::string element(name);
-    for (char &byte : element) {
-        if (byte >= 'A' && byte <= 'Z') byte = static_cast<char>(byte - 'A' + 'a');
-        if (byte == '.' && dotted) byte = '*';
-    }
-    return element;
-}
-
 std::string own_value(std::string_view name) {
     return std::string(name) + '\0';
 }
@@ -91,10 +74,10 @@ static std::optional<fault> check_text(std::string_view text) {
 }
 
 static std::optional<fault> check_word(const field_row &row, const std::string &text) {
-    std::string folded = element_of(text, false);
+    std::string folded = element_of(text);
     std::string known;
     for (const char *word : row.words) {
-        if (element_of(word, false) == folded) return std::nullopt;
+        if (element_of(word) == folded) return std::nullopt;
         known += (known.empty() ? "" : ", ") + std::string(word);
     }
     return fault{"is none of the words that its readers know: " + known};
@@ -209,7 +192,7 @@ std::optional<fault> decode_value(const field_row &row, std::string_view stored,
     return wrong;
 }
 
-static std::optional<fault> check_stored_list(std::string_view stored) {
+std::optional<fault> check_stored_list(std::string_view stored) {
     if (stored == ZERO) return std::nullopt;
     size_t first_end = stored.find(std::string_view("\0\0", 2));
     if (stored.size() > 2 && stored[0] != '\0' && first_end == stored.size() - 2)
@@ -227,7 +210,7 @@ std::optional<fault> check_stored(const field_row &row, std::string_view stored)
     if (stored.empty() || stored.back() != '\0') return fault{"does not end with a zero byte"};
     stored.remove_suffix(1);
     if (stored.find('\0') != stored.npos) return fault{"holds a zero byte before its end"};
-    std::string text = element_of(stored, false);
+    std::string text = element_of(stored);
     if (row.kind == value_kind::flag && text != "true" && text != "false") {
         return fault{"is neither TRUE nor FALSE"};
     }

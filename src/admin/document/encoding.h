@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "admin/document/fields.h"
+#include "model/records.h"
 
 namespace keyview::admin {
 
@@ -18,19 +18,17 @@ struct fault {
     int item = -1;
 };
 
-bool valid_utf8(std::string_view text);
-
 // What keeps a text from being a registered name, if anything does. limit counts the zero byte.
 std::optional<fault> check_name(std::string_view name, bool dotted, size_t limit);
 
 // What keeps readers from composing the paths of a record at path, if anything does.
 std::optional<fault> check_path(const record_table &table, std::string_view path);
 
+// "1,024 bytes".
+std::string bytes_text(size_t count);
+
 // The path of a key below another one.
 std::string path_below(const std::string &path, std::string_view element);
-
-// The path element of a name: ASCII letters in lower case, and "*" for "." if names may be dotted.
-std::string element_of(std::string_view name, bool dotted);
 
 // The stored form of a name, its zero byte included.
 std::string own_value(std::string_view name);
@@ -47,6 +45,9 @@ std::optional<fault> decode_value(const field_row &row, std::string_view stored,
 // What keeps the readers of a field from reading a stored value as it was meant, if anything does:
 // less than a document asks for.
 std::optional<fault> check_stored(const field_row &row, std::string_view stored);
+
+// What keeps readers from reading a stored list of strings, if anything does.
+std::optional<fault> check_stored_list(std::string_view stored);
 
 // The name in a stored own value of the key of this element.
 std::optional<fault> decode_own_value(const record_table &table, std::string_view element,

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "admin/problems.h"
+#include "admin/error.h"
 
 namespace keyview::admin {
 

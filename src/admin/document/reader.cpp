@@ -7,8 +7,9 @@
 
 #include "admin/document/byte_strings.h"
 #include "admin/document/encoding.h"
-#include "admin/document/fields.h"
 #include "admin/document/json_text.h"
+#include "model/folding.h"
+#include "model/locks.h"
 
 namespace keyview::admin {
 
@@ -40,7 +41,7 @@ class document_walk {
     void unknown(const pointer &place) { refuse(place, "is no field of a document here"); }
 
     void put(std::string path, std::string value) {
-        plan_->changes.push_back({host::change::kind::put, std::move(path), std::move(value)});
+        plan_->changes.push_back({std::move(path), std::move(value)});
     }
 
     // Another format or version would only give follow-up problems.
@@ -101,14 +102,14 @@ class document_walk {
         std::optional<fault> wrong = check_path(table, path);
         if (wrong) return refuse(place / "name", wrong->reason);
         if (!claim(list, path, place)) return;
-        if (place.parent_pointer().parent_pointer().empty()) start_section_record(table, path);
+        if (place.parent_pointer().parent_pointer().empty()) start_section_record(path);
         write_record(list, record, path, place);
     }
 
     // A database, a storage manager entry or a node: only these have a lock of their own.
-    void start_section_record(const record_table &table, const std::string &path) {
+    void start_section_record(const std::string &path) {
         section_record_ = path;
-        plan_->locks.insert((table.scoped ? "LKRT.STG." : "LKRT.") + path);
+        plan_->locks.insert(lock_of(path));
     }
 
     bool append_name(const record_table &table, const json &record, const char *field,
@@ -142,8 +143,9 @@ class document_walk {
         put(path, own_value(name));
         if (table.dotted_name) plan_->services.push_back({name_place, path, name});
         if (list.type != nullptr) {
-            put(path_below(path, TYPE_KEY), own_value(list.type));
-            std::string instance = section_record_ + ".INSTANCE." + element_of(name, false);
+            put(path_below(path, KEY_TYPE), own_value(list.type));
+            std::string instance =
+                path_below(path_below(section_record_, KEY_INSTANCE), element_of(name));
             plan_->instances.push_back({name_place, instance, name});
         }
         for (const field_row &row : table.fields)

@@ -7,8 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "admin/problems.h"
-#include "host/registry/store.h"
+#include "admin/registry.h"
 
 namespace keyview::admin {
 
@@ -20,7 +19,7 @@ struct question {
 };
 
 struct document_plan {
-    std::vector<host::change> changes;  // parents before their children
+    std::vector<change> changes;  // parents before their children
     std::set<std::string> locks;
     std::vector<question> instances;  // named by a service only: the key must exist
     std::vector<question> services;   // the key may hold another service's name

@@ -6,7 +6,8 @@
 
 #include "admin/document/byte_strings.h"
 #include "admin/document/encoding.h"
-#include "admin/document/fields.h"
+#include "model/folding.h"
+#include "model/records.h"
 
 namespace keyview::admin {
 
@@ -49,7 +50,7 @@ class tree_walk {
     }
 
     static bool has_type(const key_node &node, const char *type) {
-        auto stored = node.children.find(TYPE_KEY);
+        auto stored = node.children.find(KEY_TYPE);
         return stored != node.children.end() && stored->second.value == own_value(type);
     }
 
@@ -65,7 +66,7 @@ class tree_walk {
                      const std::string &root, ordered_json *items) {
         std::string path = path_below(root, scope);
         std::optional<fault> wrong = check_name(scope, false, row.record->name_limit);
-        if (!wrong && element_of(scope, false) != scope) wrong = fault{"is not in lower case"};
+        if (!wrong && element_of(scope) != scope) wrong = fault{"is not in lower case"};
         if (!wrong && node->children.empty()) wrong = fault{"is a scope without an entry"};
         if (wrong) problems_->add(path, wrong->reason);
         tell_parent(node, path);
@@ -85,7 +86,7 @@ class tree_walk {
         if (!wrong) wrong = check_path(table, path);
         if (wrong) problems_->add(path, wrong->reason);
         node->told = true;
-        if (list.type != nullptr) node->find(TYPE_KEY)->told = true;
+        if (list.type != nullptr) node->find(KEY_TYPE)->told = true;
 
         ordered_json record = {{"name", name}};
         for (const field_row &row : table.fields)
@@ -111,14 +112,14 @@ class tree_walk {
 
     // A service instance that went into neither list.
     void report_typeless(key_node *service, const std::string &path) {
-        key_node *list = service->find("INSTANCES");
+        key_node *list = service->find(KEY_INSTANCES);
         if (list == nullptr) return;
-        std::string list_path = path_below(path, "INSTANCES");
+        std::string list_path = path_below(path, KEY_INSTANCES);
         for (auto &[element, node] : list->children) {
             if (node.told) continue;
             tell_all(&node);
             problems_->add(
-                path_below(path_below(list_path, element), TYPE_KEY),
+                path_below(path_below(list_path, element), KEY_TYPE),
                 "is neither PREFERRED nor AVAILABLE, in upper case and with its zero byte");
         }
     }

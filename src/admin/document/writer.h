@@ -5,7 +5,7 @@
 #include <string>
 
 #include "admin/document/key_tree.h"
-#include "admin/problems.h"
+#include "admin/error.h"
 
 namespace keyview::admin {
 

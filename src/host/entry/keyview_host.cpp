@@ -30,6 +30,15 @@ int32_t keyview_host_set_lock_wait(int64_t wait_ms) {
     return 0;
 }
 
+int64_t keyview_host_lock_wait(void) {
+    int64_t wait_ms = -1;
+    (void)at_border([&] {
+        wait_ms = lock_wait_ms();
+        return 0;
+    });
+    return wait_ms;
+}
+
 int32_t keyview_host_set_trace(const char *sink) {
     return at_border([&] {
         set_trace_sink(sink == nullptr ? "none" : sink);

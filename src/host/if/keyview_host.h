@@ -43,6 +43,9 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_registry(const char *url);
 // wait goes back to the environment.
 KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_lock_wait(int64_t wait_ms);
 
+// How long a lock is waited for, in milliseconds; -1 if KEYVIEW_LOCK_WAIT cannot be used.
+KEYVIEW_HOST_FUNCTION int64_t keyview_host_lock_wait(void);
+
 // Chooses where trace lines go, in the words of KEYVIEW_TRACE; null means none. Choosing the file
 // in use again opens it anew, as after a rotation. A sink that cannot be used is refused.
 KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_trace(const char *sink);

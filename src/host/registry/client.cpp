@@ -88,11 +88,14 @@ std::string_view registry_client::path_of(const open_key &key) {
     return key.copied.part != nullptr ? key.copied.part->path(key.copied.key) : key.path;
 }
 
+std::string_view registry_client::value_of(const open_key &key) {
+    return key.copied.part != nullptr ? key.copied.part->value(key.copied.key) : key.value;
+}
+
 int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
-    std::string_view stored =
-        key->copied.part != nullptr ? key->copied.part->value(key->copied.key) : key->value;
+    std::string_view stored = value_of(*key);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(stored.size());
     if (stored.size() > capacity) {
@@ -104,6 +107,24 @@ int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     return KVTC_SUCCESS;
 }
 
+namespace {
+struct set_observer {
+    keyview_change_callback callback = nullptr;
+    void *arg = nullptr;
+
+    void report(std::string_view path, std::string_view before, std::string_view after) const {
+        keyview_bytes old = {before.data(), before.size()}, fresh = {after.data(), after.size()};
+        callback(arg, 0, {path.data(), path.size()}, &old, &fresh);
+    }
+};
+}  // namespace
+
+static thread_local set_observer observer;
+
+void observe_sets(keyview_change_callback callback, void *arg) noexcept {
+    observer = {callback, arg};
+}
+
 int32_t registry_client::set_value(void *handle, std::string_view value) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
@@ -112,6 +133,7 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
     if (!keys_->set(path, value, mine.fence(keys_.get(), path))) {
         return no_such_key("set", path, "there is no such key any more");
     }
+    if (observer.callback != nullptr) observer.report(path, value_of(*key), value);
     mine.update_value(keys_.get(), path, value);
     if (key->copied.part == nullptr) {
         key->value = value;

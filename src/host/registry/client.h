@@ -11,11 +11,15 @@
 #include <string_view>
 #include <vector>
 
+#include "host/if/keyview_registry.h"
 #include "host/registry/backend.h"
 #include "host/registry/locked_view.h"
 #include "host/registry/snapshot.h"
 
 namespace keyview::host {
+
+// Delivers each value that this thread sets to a callback, until it is null.
+void observe_sets(keyview_change_callback callback, void *arg) noexcept;
 
 class registry_client {
   public:
@@ -55,6 +59,7 @@ class registry_client {
     bool read(std::string_view path, open_key *key);
     int32_t list_children(open_key *key);
     static std::string_view path_of(const open_key &key);
+    static std::string_view value_of(const open_key &key);
 
     std::shared_ptr<store> keys_;
     kept_copies kept_;

@@ -1,0 +1,38 @@
+// What readers misread in a sound registry.
+#ifndef KEYVIEW_ADMIN_CARE_LINT_H
+#define KEYVIEW_ADMIN_CARE_LINT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace keyview::admin {
+
+struct lint_rule {
+    const char *rule;
+    const char *severity;  // "error": readers fail or differ; "warning": something is out of sight
+    const char *meaning;
+};
+std::vector<lint_rule> lint_rules();
+
+// One thing that readers misread. It has a remedy where there is one way to mend it, else the
+// decision that a person has to make.
+struct finding {
+    const char *rule;
+    const char *severity;
+    std::string path;
+    std::string readers_see;
+    std::vector<std::string> remedy = {};  // the arguments of keyviewctl that mend it
+    std::string decision = {};             // such as "which of PRIMARY, ... it is"
+};
+struct lint_result {
+    std::vector<finding> findings;
+    uint64_t keys = 0;  // that were inspected
+};
+
+// Inspects the registry in force.
+lint_result lint_registry();
+
+}  // namespace keyview::admin
+
+#endif

@@ -1,0 +1,65 @@
+// How the administration fails: one exception, with the kind of failure, a text for a person and,
+// where content is invalid, what is wrong in it.
+#ifndef KEYVIEW_ADMIN_ERROR_H
+#define KEYVIEW_ADMIN_ERROR_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/if/keyview_host.h"
+
+namespace keyview::admin {
+
+// One thing that is wrong.
+struct problem {
+    std::string place;   // in a document a JSON pointer, or line and column; in the tree a key path
+    std::string reason;  // a sentence without its subject, such as "must be a string"
+};
+
+class error : public std::runtime_error {
+  public:
+    error(int32_t failure, const std::string &text) : std::runtime_error(text), kind(failure) {}
+
+    int32_t kind;                   // KEYVIEW_FAILURE_*
+    std::vector<problem> problems;  // of KEYVIEW_FAILURE_CONTENT: the first ones, in their order
+    uint64_t more_problems = 0;     // how many more there are
+};
+
+// The problems found in a document or in the tree, in their order, up to a limit; beyond it they
+// are only counted.
+class problem_list {
+  public:
+    static constexpr size_t LIMIT = 20;
+
+    void add(std::string place, std::string reason) {
+        if (kept_.size() < LIMIT) {
+            kept_.push_back({std::move(place), std::move(reason)});
+        } else {
+            ++more_;
+        }
+    }
+
+    bool empty() const { return kept_.empty(); }
+    const std::vector<problem> &kept() const { return kept_; }
+    uint64_t more() const { return more_; }
+
+    // Throws the problems, if there are any, as the failure of this text.
+    void throw_if_any(const std::string &text) const {
+        if (kept_.empty()) return;
+        error failed(KEYVIEW_FAILURE_CONTENT, text);
+        failed.problems = kept_;
+        failed.more_problems = more_;
+        throw failed;
+    }
+
+  private:
+    std::vector<problem> kept_;
+    uint64_t more_ = 0;
+};
+
+}  // namespace keyview::admin
+
+#endif

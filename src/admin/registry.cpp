@@ -1,0 +1,179 @@
+// See registry.h.
+#include "admin/registry.h"
+
+#include <exception>
+#include <utility>
+
+namespace keyview::admin {
+
+void check(int32_t rc) {
+    if (rc != 0) throw error(rc, keyview_host_last_error());
+}
+
+static keyview_bytes bytes_of(std::string_view text) {
+    return {text.data(), text.size()};
+}
+
+static std::optional<std::string> optional_text(const keyview_bytes *bytes) {
+    if (bytes == nullptr) return std::nullopt;
+    return text_of(*bytes);
+}
+
+// ---- Callbacks ----------------------------------------------------------------------------------
+
+void callback_guard::finish(int32_t rc) const {
+    check(rc);
+    if (thrown_ != nullptr) std::rethrow_exception(thrown_);
+}
+
+namespace {
+
+struct rows_read : callback_guard {
+    key_map *out;
+    std::vector<std::string> *damaged;
+};
+
+struct changes_read : callback_guard {
+    change_batch batch;
+};
+
+struct users_read : callback_guard {
+    std::vector<lock_user> users;
+};
+
+}  // namespace
+
+static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
+    auto *rows = static_cast<rows_read *>(arg);
+    rows->run([&] {
+        if (value == nullptr) rows->damaged->push_back(text_of(path));
+        if (value != nullptr) rows->out->insert_or_assign(text_of(path), text_of(*value));
+    });
+}
+
+static void add_change(void *arg, uint64_t revision, keyview_bytes path,
+                       const keyview_bytes *before, const keyview_bytes *after) {
+    auto *read = static_cast<changes_read *>(arg);
+    read->run([&] {
+        read->batch.changes.push_back(
+            {revision, {text_of(path), optional_text(before), optional_text(after)}});
+    });
+}
+
+static void add_user(void *arg, keyview_bytes name, int32_t shared, int32_t waits,
+                     keyview_bytes holder) {
+    auto *read = static_cast<users_read *>(arg);
+    read->run([&] {
+        read->users.push_back({text_of(name), shared != 0, waits != 0, text_of(holder)});
+    });
+}
+
+// ---- The registry -------------------------------------------------------------------------------
+
+static keyview_registry *opened(const std::string &url, bool create) {
+    keyview_registry *handle = nullptr;
+    check(keyview_registry_open(url.empty() ? nullptr : url.c_str(), create ? 1 : 0, &handle));
+    return handle;
+}
+
+registry registry::open(const std::string &url) {
+    try {
+        return registry(opened(url, false));
+    } catch (error &failed) {
+        if (failed.kind == KEYVIEW_FAILURE_NOT_FOUND) failed.kind = KEYVIEW_FAILURE_REGISTRY;
+        throw;
+    }
+}
+
+std::optional<registry> registry::open_if_present(const std::string &url) {
+    try {
+        return registry(opened(url, false));
+    } catch (const error &failed) {
+        if (failed.kind != KEYVIEW_FAILURE_NOT_FOUND) throw;
+        return std::nullopt;
+    }
+}
+
+registry registry::create(const std::string &url) {
+    return registry(opened(url, true));
+}
+
+uint64_t registry::read(const std::vector<part> &parts, key_map *out,
+                        std::vector<std::string> *damaged) const {
+    std::vector<keyview_part> wanted;
+    wanted.reserve(parts.size());
+    for (const part &one : parts)
+        wanted.push_back({bytes_of(one.path), static_cast<int32_t>(one.depth)});
+    rows_read rows{{}, out, damaged};
+    uint64_t revision = 0;
+    rows.finish(keyview_registry_read(handle_.get(), wanted.data(), wanted.size(),
+                                      damaged != nullptr ? 1 : 0, add_row, &rows, &revision));
+    return revision;
+}
+
+std::optional<change_batch> registry::changes_since(std::string_view path, uint64_t since,
+                                                    uint32_t wait_ms) const {
+    changes_read read;
+    read.batch.up_to = since;
+    int32_t keeps_history = 0;
+    read.finish(keyview_registry_follow(handle_.get(), bytes_of(path), &read.batch.up_to, wait_ms,
+                                        add_change, &read, &keeps_history));
+    if (keeps_history == 0) return std::nullopt;
+    return std::move(read.batch);
+}
+
+void registry::apply(const std::vector<change> &changes, const std::vector<held_lock> &locks,
+                     uint64_t revision) const {
+    std::vector<keyview_change> all;
+    all.reserve(changes.size());
+    for (const change &one : changes) {
+        all.push_back({bytes_of(one.path), one.value ? bytes_of(*one.value) : keyview_bytes{},
+                       one.value ? 0 : 1});
+    }
+    std::vector<keyview_lock *> fences;
+    for (const held_lock &lock : locks)
+        fences.push_back(lock.get());
+    check(keyview_registry_apply(handle_.get(), all.data(), all.size(), fences.data(),
+                                 fences.size(), revision));
+}
+
+// ---- Locks --------------------------------------------------------------------------------------
+
+held_lock::held_lock(keyview_registry *registry, std::string_view name, bool shared,
+                     int64_t wait_ms) {
+    keyview_lock *lock = nullptr;
+    check(keyview_lock_acquire(registry, bytes_of(name), shared ? 1 : 0, wait_ms, &lock));
+    lock_.reset(lock);
+}
+
+std::vector<lock_user> registry::lock_users(const std::vector<std::string> &names) const {
+    std::vector<keyview_bytes> known;
+    known.reserve(names.size());
+    for (const std::string &name : names)
+        known.push_back(bytes_of(name));
+    users_read read;
+    read.finish(keyview_lock_list(handle_.get(), known.data(), known.size(), add_user, &read));
+    return std::move(read.users);
+}
+
+// ---- Sets of the library ------------------------------------------------------------------------
+
+set_recorder::set_recorder() {
+    keyview_registry_observe_sets(add, this);
+}
+
+void set_recorder::add(void *arg, uint64_t, keyview_bytes path, const keyview_bytes *before,
+                       const keyview_bytes *after) {
+    auto *recorder = static_cast<set_recorder *>(arg);
+    recorder->run([&] {
+        key_change one = {text_of(path), text_of(*before), text_of(*after)};
+        if (one.before != one.after) recorder->changes_.push_back(std::move(one));
+    });
+}
+
+std::vector<key_change> set_recorder::changes() const {
+    finish(0);
+    return changes_;
+}
+
+}  // namespace keyview::admin

@@ -1,0 +1,207 @@
+// The functions of keyview_registry.h: arguments become the kit's own types, failures become codes.
+#include "host/if/keyview_registry.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/entry/backends.h"
+#include "host/entry/settings.h"
+#include "host/registry/client.h"
+#include "host/registry/lock_wait.h"
+#include "host/registry/snapshot.h"
+#include "host/support/last_error.h"
+
+using namespace keyview;
+using namespace keyview::host;
+
+struct keyview_registry {
+    backend opened;
+};
+
+struct keyview_lock {
+    backend registry;  // outlives the lock
+    std::shared_ptr<held_lock> held;
+};
+
+static std::string_view view_of(keyview_bytes bytes) {
+    return bytes.size == 0 ? std::string_view() : std::string_view(bytes.data, bytes.size);
+}
+
+static keyview_bytes bytes_of(std::string_view text) {
+    return {text.data(), text.size()};
+}
+
+// Runs the body of a function; what it throws becomes its code.
+template <typename work>
+static int32_t coded(work &&body) {
+    int32_t rc = at_border([&]() -> int32_t {
+        body();
+        return 0;
+    });
+    return rc == 0 ? 0 : keyview_host_last_error_kind();
+}
+
+static void read_part(moment *now, std::string_view path, reach depth, bool salvage,
+                      keyview_row_callback row, void *arg) {
+    auto deliver_row = [&](std::string_view key, std::string_view value) {
+        keyview_bytes bytes = bytes_of(value);
+        row(arg, bytes_of(key), &bytes);
+    };
+    std::string value;
+    if (salvage) {
+        (void)now->scan(path, depth, deliver_row,
+                        [&](std::string_view key) { row(arg, bytes_of(key), nullptr); });
+    } else if (depth == reach::key_alone) {
+        if (now->read(path, &value)) deliver_row(path, value);
+    } else {
+        snapshot copy(path, depth);
+        if (!now->copy(path, depth, &copy)) return;
+        for (uint32_t key = 0; key < copy.size(); ++key)
+            deliver_row(copy.path(key), copy.value(key));
+    }
+}
+
+static void deliver(const tree_change &one, keyview_change_callback change, void *arg) {
+    keyview_bytes before = bytes_of(one.before ? *one.before : ""),
+                  after = bytes_of(one.after ? *one.after : "");
+    change(arg, one.revision, bytes_of(one.path), one.before ? &before : nullptr,
+           one.after ? &after : nullptr);
+}
+
+extern "C" {
+
+int32_t keyview_registry_open(const char *url, int32_t create, keyview_registry **registry) {
+    return coded([&] {
+        backend opened = open_backend(url == nullptr ? registry_url() : url,
+                                      create != 0 ? open_mode::create : open_mode::existing);
+        *registry = new keyview_registry{std::move(opened)};
+    });
+}
+
+void keyview_registry_close(keyview_registry *registry) {
+    delete registry;
+}
+
+uint64_t keyview_registry_round_trips(const keyview_registry *registry) {
+    return registry->opened.keys->round_trips();
+}
+
+int32_t keyview_registry_read(keyview_registry *registry, const keyview_part *parts, size_t count,
+                              int32_t salvage, keyview_row_callback row, void *arg,
+                              uint64_t *revision) {
+    return coded([&] {
+        std::unique_ptr<moment> now = registry->opened.keys->now();
+        for (size_t n = 0; n < count; ++n) {
+            read_part(now.get(), view_of(parts[n].path), static_cast<reach>(parts[n].depth),
+                      salvage != 0, row, arg);
+        }
+        if (revision != nullptr) *revision = now->current().tree;
+    });
+}
+
+int32_t keyview_registry_follow(keyview_registry *registry, keyview_bytes path, uint64_t *since,
+                                uint32_t wait_ms, keyview_change_callback change, void *arg,
+                                int32_t *keeps_history) {
+    return coded([&] {
+        auto batch = registry->opened.keys->changes_since(view_of(path), *since,
+                                                          std::chrono::milliseconds(wait_ms));
+        *keeps_history = batch ? 1 : 0;
+        if (!batch) return;
+        for (const tree_change &one : batch->changes)
+            deliver(one, change, arg);
+        *since = batch->up_to;
+    });
+}
+
+void keyview_registry_observe_sets(keyview_change_callback set, void *arg) {
+    observe_sets(set, arg);
+}
+
+int32_t keyview_registry_apply(keyview_registry *registry, const keyview_change *changes,
+                               size_t count, keyview_lock *const *locks, size_t lock_count,
+                               uint64_t revision) {
+    return coded([&] {
+        std::vector<change> all;
+        all.reserve(count);
+        for (const keyview_change *one = changes; one != changes + count; ++one) {
+            all.push_back({one->remove != 0 ? change::kind::remove : change::kind::put,
+                           std::string(view_of(one->path)), std::string(view_of(one->value))});
+        }
+        apply_terms terms;
+        terms.revision = revision;
+        for (size_t n = 0; n < lock_count; ++n)
+            terms.fences.push_back(locks[n]->held.get());
+        registry->opened.keys->apply(all, terms);
+    });
+}
+
+int32_t keyview_registry_recover(keyview_registry *registry, int32_t undo) {
+    return coded([&] {
+        if (registry->opened.keys->finish_apply(undo != 0 ? finish::undo : finish::resume)) return;
+        throw host_error(failure::not_found, "no change set stopped half-way");
+    });
+}
+
+int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int32_t shared,
+                             int64_t wait_ms, keyview_lock **lock) {
+    return coded([&] {
+        auto limit = wait_ms < 0 ? lock_wait_ms() : static_cast<uint32_t>(wait_ms);
+        auto held = registry->opened.locks->acquire(
+            view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive, limit);
+        *lock = new keyview_lock{registry->opened, std::move(held)};
+    });
+}
+
+// The members go in the reverse of their order: first the lock, then what it belongs to.
+void keyview_lock_release(keyview_lock *lock) {
+    delete lock;
+}
+
+int32_t keyview_lock_held(const keyview_lock *lock) {
+    return lock->held->still_held() ? 1 : 0;
+}
+
+int32_t keyview_lock_list(keyview_registry *registry, const keyview_bytes *names, size_t count,
+                          keyview_lock_callback use, void *arg) {
+    return coded([&] {
+        std::vector<std::string> known;
+        for (size_t n = 0; n < count; ++n)
+            known.emplace_back(view_of(names[n]));
+        for (const lock_use &one : registry->opened.locks->users(known)) {
+            use(arg, bytes_of(one.name), one.mode == lock_mode::shared ? 1 : 0, one.waits ? 1 : 0,
+                bytes_of(one.holder));
+        }
+    });
+}
+
+int32_t keyview_registry_check(keyview_damage_callback damage, keyview_row_callback row, void *arg,
+                               uint64_t *keys, uint64_t *pages) {
+    return coded([&] {
+        check_counts counts = check_backend(
+            registry_url(),
+            [&](const std::string &location, const std::string &reason) {
+                damage(arg, bytes_of(location), bytes_of(reason));
+            },
+            [&](std::string_view path, std::string_view value) {
+                keyview_bytes bytes = bytes_of(value);
+                row(arg, bytes_of(path), &bytes);
+            });
+        *keys = counts.keys;
+        *pages = counts.pages;
+    });
+}
+
+int32_t keyview_registry_diagnose(keyview_diagnosis_callback found, void *arg) {
+    return coded([&] {
+        diagnose_backend(registry_url(), [&](const diagnosis &one) {
+            found(arg, bytes_of(one.subject), static_cast<int32_t>(one.state), bytes_of(one.text));
+        });
+    });
+}
+
+}  // extern "C"
+
+static_assert(static_cast<int32_t>(health::bad) == KEYVIEW_HEALTH_BAD &&
+                  static_cast<int32_t>(reach::all_below) == KEYVIEW_DEPTH_ALL,
+              "the numbers are those of the header");
