@@ -9,12 +9,13 @@
 #   make bench     the benchmarks
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make format    formats the sources
+#   make docs      writes what docs/ say of the fields from the tool's tables
 
 PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: all demo demo-cluster cluster test check gate-static gate-tests bench install format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench install format clean
 
 all:
 	@packaging/install-packages build
@@ -62,6 +63,9 @@ bench:
 
 install: all
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
+
+docs: all
+	@docs/generate $(BUILD)/release/bin/keyviewctl
 
 format:
 	@packaging/install-packages check
