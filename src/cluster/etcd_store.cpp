@@ -104,6 +104,7 @@ class set_request {
         if (value_.size() <= MOST_COMPARED) require_other_value(&request_, key_, value_);
         require_created(&request_, {keys.marker(), ""}, 0);
         add_put(request_.mutable_success(), key_, value_);
+        request_.mutable_success(0)->mutable_request_put()->set_prev_kv(true);
         add_touch(request_.mutable_success(), keys.tree());
         add_range(request_.mutable_failure(), {key_, ""});
         add_range(request_.mutable_failure(), {keys.marker(), ""});
@@ -123,9 +124,11 @@ class set_request {
 
     enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
 
-    outcome run(session *cluster) {
+    outcome run(session *cluster, std::string *replaced) {
         wire::TxnResponse response = send(cluster);
         if (response.succeeded()) {
+            if (replaced != nullptr)
+                *replaced = response.responses(0).response_put().prev_kv().value();
             if (lock_ != nullptr) lock_->note_changed(response.header().revision());
             return outcome::done;
         }
@@ -144,7 +147,9 @@ class set_request {
             marker_ = marker.kvs(0).value();
             return outcome::half_applied;
         }
-        return stored.kvs(0).value() == value_ ? outcome::done : outcome::changed;
+        if (stored.kvs(0).value() != value_) return outcome::changed;
+        if (replaced != nullptr) *replaced = value_;
+        return outcome::done;
     }
 
     const std::string &marker() const { return marker_; }
@@ -172,7 +177,8 @@ class set_request {
 
 }  // namespace
 
-bool etcd_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
+bool etcd_store::set(std::string_view path, std::string_view value, const held_lock *fence,
+                     std::string *replaced) {
     if (!can_be_key(path)) return false;
     check_value(path, value);
     const auto *lock = dynamic_cast<const etcd_lock *>(fence);
@@ -193,7 +199,7 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
             if (there.rows().front().empty()) return false;
             request.expect(there.rows().front().Get(0).mod_revision());
         }
-        switch (request.run(cluster_.get())) {
+        switch (request.run(cluster_.get(), replaced)) {
             case set_request::outcome::done:
                 return true;
             case set_request::outcome::no_such_key:

@@ -65,10 +65,13 @@ TEST_P(Store, SetsOnlyWhatExistsAndOnlyUnderALockThatIsHeld) {
     EXPECT_EQ(value("a.b"), "old");
 
     auto held = fresh->opened.locks->acquire("LKRT.a", lock_mode::exclusive, 1000);
-    for (const std::string &odd :
-         {std::string("\0v\xff\n", 4), std::string(), std::string(MAX_VALUE_SIZE, 'v')}) {
-        EXPECT_TRUE(keys->set("a.b", odd, held.get()));
+    std::string before = "old", replaced;
+    for (const std::string &odd : {std::string("\0v\xff\n", 4), std::string(), std::string(),
+                                   std::string(MAX_VALUE_SIZE, 'v')}) {
+        EXPECT_TRUE(keys->set("a.b", odd, held.get(), &replaced));
         EXPECT_EQ(value("a.b"), odd);
+        EXPECT_EQ(replaced, before);
+        before = odd;
     }
 }
 

@@ -215,7 +215,8 @@ static void check_fence(std::string_view path, const held_lock *fence) {
     if (fence != nullptr && !fence->still_held()) throw lock_lost(path);
 }
 
-bool lmdb_store::set(std::string_view path, std::string_view value, const held_lock *fence) {
+bool lmdb_store::set(std::string_view path, std::string_view value, const held_lock *fence,
+                     std::string *replaced) {
     if (path_fault(path) != nullptr) return false;
     check_value(path, value);
     check_fence(path, fence);
@@ -225,7 +226,10 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
         if (!present->read(path, &stored)) return false;
         // Not valid while a change is under way: its writer would not know of ours.
         bool quiet = present->current().part != 0;
-        if (quiet && stored == value) return true;
+        if (quiet && stored == value) {
+            if (replaced != nullptr) *replaced = value;
+            return true;
+        }
     }
     bool found = false;
     environment *keys = env();
@@ -235,7 +239,7 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     keys->write([&](MDB_txn *txn) {
         check_fence(path, fence);
         lmdb_writer writer(*keys, txn);
-        found = writer.replace(path, value);
+        found = writer.replace(path, value, replaced);
         return writer.changed();
     });
     return found;

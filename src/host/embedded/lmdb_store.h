@@ -25,7 +25,8 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
                std::shared_ptr<file_locks> locks);
 
     std::unique_ptr<moment> now(std::string_view part) override;
-    bool set(std::string_view path, std::string_view value, const held_lock *fence) override;
+    bool set(std::string_view path, std::string_view value, const held_lock *fence,
+             std::string *replaced) override;
     change_counts apply(const std::vector<change> &changes, const apply_terms &terms) override;
 
     const std::shared_ptr<file_locks> &locks() const { return locks_; }

@@ -13,9 +13,10 @@ void lmdb_writer::carry_out(const change &one) {
     put(one.path, one.value);
 }
 
-bool lmdb_writer::replace(std::string_view path, std::string_view value) {
+bool lmdb_writer::replace(std::string_view path, std::string_view value, std::string *replaced) {
     row found;
     if (!find_row(env_, txn_, path, &found)) return false;
+    if (replaced != nullptr) *replaced = found.value;
     replace_row(path, found, value);
     return true;
 }

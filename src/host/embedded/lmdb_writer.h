@@ -21,7 +21,7 @@ class lmdb_writer {
 
     // Replaces the value of a key; false if there is none. A value that is there already is not
     // written again.
-    bool replace(std::string_view path, std::string_view value);
+    bool replace(std::string_view path, std::string_view value, std::string *replaced);
 
     bool changed() const { return counts_.created + counts_.replaced + counts_.removed > 0; }
     const change_counts &counts() const { return counts_; }

@@ -130,10 +130,11 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
     if (key == nullptr) return not_open();
     held_locks &mine = held_locks::of_thread();
     std::string path(path_of(*key));
-    if (!keys_->set(path, value, mine.fence(keys_.get(), path))) {
+    std::string replaced(value_of(*key));
+    if (!keys_->set(path, value, mine.fence(keys_.get(), path), &replaced)) {
         return no_such_key("set", path, "there is no such key any more");
     }
-    if (observer.callback != nullptr) observer.report(path, value_of(*key), value);
+    if (observer.callback != nullptr) observer.report(path, replaced, value);
     mine.update_value(keys_.get(), path, value);
     if (key->copied.part == nullptr) {
         key->value = value;
