@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <thread>
@@ -146,7 +147,9 @@ class watcher {
         (void)setenv("KEYVIEW_PATH", change.path.c_str(), 1);  // without memory it goes without
         (void)setenv("KEYVIEW_REVISION", std::to_string(revision).c_str(), 1);
         // What runs is the administrator's own command; nothing of the tree goes into it.
+        (void)signal(SIGPIPE, SIG_DFL);  // the command inherits it; nothing is written meanwhile
         FILE *input = popen(options_.command.c_str(), "we");  // NOLINT(cert-env33-c)
+        (void)signal(SIGPIPE, SIG_IGN);
         if (input == nullptr) return tell("the command cannot be run: " + options_.command);
         (void)fwrite(line.data(), 1, line.size(), input);  // a command need not read it
         int status = pclose(input);

@@ -230,6 +230,15 @@ class Changes(Administrator):
         self.assertEqual([line.split(" ", 2)[1:] for line in told if "merged" not in line][:1], [["-", "DATABASE.STG = (no value)"]])
         self.assertEqual(len(told), 2)
 
+    def test_a_command_of_watch_starts_with_the_default_signals(self):
+        child = subprocess.Popen([TOOL, "watch", SALES, "--from", "1", "--count", "1", "--exec",
+                                  "grep SigIgn /proc/self/status"], env=self.env, stdout=subprocess.PIPE)
+        child.stdout.readline()
+        self.good("set", SALES + ".DOMAIN", "x")
+        printed = child.communicate(timeout=60)[0].decode()
+        ignored = int(re.search(r"SigIgn:\s*(\w+)", printed).group(1), 16)
+        self.assertEqual(ignored >> (signal.SIGPIPE - 1) & 1, 0, printed)
+
 
 class Keeping(Administrator):
     def test_a_backup_with_any_byte_changed_is_refused(self):
