@@ -5,10 +5,12 @@
 
 #include <iostream>
 
+#include "admin/change/keys.h"
 #include "admin/document/base64.h"
 #include "admin/document/values.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
+#include "model/locks.h"
 
 namespace keyview::ctl {
 
@@ -92,25 +94,46 @@ static std::string list_for_people(const admin::change_result &changed) {
            " removed\n";
 }
 
-void show_changes(const tool &shared, const admin::change_result &changed) {
+exit_code show_changes(const tool &shared, const admin::change_result &changed) {
     if (shared.dry_run && !shared.compares) tell("a dry run: nothing was written");
     if (shared.format == output_format::table) write_result(list_for_people(changed));
     if (shared.format == output_format::cmd) write_lines(commands_of(changed));
-    if (shared.format == output_format::table || shared.format == output_format::cmd) return;
+    if (shared.format == output_format::table || shared.format == output_format::cmd)
+        return EXIT_DONE;
     view_list locks, changes;
     for (const std::string &lock : changed.locks)
         locks.push_back({lock});
     for (const admin::key_change &one : changed.changes)
         changes.push_back(change_view(one));
     change_counts counts = counts_of(changed);
-    show_answer(shared.format, "changes",
-                {{"dry_run", number_view(shared.dry_run ? 1 : 0)},
-                 {"revision", count_view(changed.revision)},
-                 {"created", number_view(counts.created)},
-                 {"replaced", number_view(counts.replaced)},
-                 {"removed", number_view(counts.removed)},
-                 {"locks", {std::move(locks)}},
-                 {"changes", {std::move(changes)}}});
+    return show_answer(shared.format, "changes",
+                       {{"dry_run", number_view(shared.dry_run ? 1 : 0)},
+                        {"revision", count_view(changed.revision)},
+                        {"created", number_view(counts.created)},
+                        {"replaced", number_view(counts.replaced)},
+                        {"removed", number_view(counts.removed)},
+                        {"locks", {std::move(locks)}},
+                        {"changes", {std::move(changes)}}});
+}
+
+exit_code change_words(const session &library, const std::string &what, const word_change &wanted,
+                       const std::function<int32_t()> &operation) {
+    const std::string &key = wanted.key, stored = wanted.word + '\0';
+    admin::read_keys_result found = attempt(what, library.shared.registry, [&] {
+        return wanted.all_below ? admin::read_keys(std::string(parent_path(key)), reach::all_below)
+                                : admin::read_keys(key, reach::key_alone);
+    });
+    admin::change_result changed = {{}, {lock_of(key)}, found.revision};
+    for (const auto &[path, value] : found.keys)
+        if (last_element(path) == last_element(key) && value != stored)
+            changed.changes.push_back({path, value, stored});
+    library.shared.told->step("works under the lock " + changed.locks.front());
+    if (!library.shared.dry_run) {
+        admin::set_recorder recorder;
+        library.check(operation(), what);
+        changed.changes = recorder.changes();
+    }
+    return show_changes(library.shared, changed);
 }
 
 void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run) {

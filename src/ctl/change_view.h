@@ -10,6 +10,7 @@
 #include "ctl/command.h"
 #include "ctl/file_io.h"
 #include "ctl/output.h"
+#include "ctl/session.h"
 
 namespace keyview::ctl {
 
@@ -29,7 +30,19 @@ admin::change_result attempt_with_file(const tool &shared, const std::string &wh
     }
 }
 
-void show_changes(const tool &shared, const admin::change_result &changed);
+exit_code show_changes(const tool &shared, const admin::change_result &changed);
+
+// A key whose text an operation of the library replaces; with all_below, every key of the same last
+// element below its parent, too.
+struct word_change {
+    std::string key;
+    bool all_below;
+    std::string word;
+};
+
+// Runs the operation, or only plans it for a dry run, and shows the changes.
+exit_code change_words(const session &library, const std::string &what, const word_change &wanted,
+                       const std::function<int32_t()> &operation);
 
 // One change: path, before and after; no key is null. revision and since stand before them where
 // they are told.

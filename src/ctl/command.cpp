@@ -6,6 +6,8 @@
 #include <memory>
 #include <sstream>
 
+#include "model/words.h"
+
 namespace keyview::ctl {
 
 // No key path is longer.
@@ -19,9 +21,7 @@ static constexpr struct {
     {"INSTANCE", "Name of the instance, in any case"},
     {"--service", "Of this service, not of the database"},
     {"--instance", "Of this instance; with --service, of the service's instance"},
-    {"ROLE",
-     "The new role, in any case: PRIMARY, PHYSICAL_STANDBY, LOGICAL_STANDBY or "
-     "SNAPSHOT_STANDBY"},
+    {"ROLE", "The new role, in any case"},
     {"NODE", "Name of the node"},
     {"SCOPE", "Scope of the storage manager entry, such as its node"},
     {"NAME", "Name of the storage manager entry, in any case"},
@@ -82,7 +82,11 @@ static void add_argument(CLI::App *command, std::string word, std::string *value
     for (const auto &row : ARGUMENTS) {
         if (word == row.word) description = row.description;
     }
-    command->add_option(word, *value, description)->required(needed)->check(name_fault, "", "");
+    CLI::Option *option = command->add_option(word, *value, description);
+    option->required(needed)->check(name_fault, "", "");
+    if (word == "ROLE")
+        option->transform(CLI::IsMember(
+            std::vector<std::string>(std::begin(ROLES), std::end(ROLES)), CLI::ignore_case));
 }
 
 void add_name_command(CLI::App *app, tool *shared, const name_command &command) {

@@ -17,11 +17,10 @@ static exit_code run_backup(const tool &shared, const std::string &file) {
         return EXIT_DONE;
     }
     replace_file(file, saved.content, PRIVATE_FILE);
-    show_answer(shared.format, "backup",
-                {{"file", {file}},
-                 {"revision", count_view(saved.revision)},
-                 {"keys", count_view(saved.keys)}});
-    return EXIT_DONE;
+    return show_answer(shared.format, "backup",
+                       {{"file", {file}},
+                        {"revision", count_view(saved.revision)},
+                        {"keys", count_view(saved.keys)}});
 }
 
 static exit_code run_restore(const tool &shared, const std::string &file, bool force) {

@@ -35,9 +35,8 @@ static exit_code run_recover(const tool &shared, bool resume, bool undo) {
     }
     attempt("no change set is completed or taken back", shared.registry,
             [&] { admin::registry::open().recover(undo); });
-    show_result(shared.format, "recover", "done",
-                {std::string(resume ? "finished" : "taken back")});
-    return EXIT_DONE;
+    return show_result(shared.format, "recover", "done",
+                       {std::string(resume ? "finished" : "taken back")});
 }
 
 void add_doctor_commands(CLI::App *app, tool *shared) {

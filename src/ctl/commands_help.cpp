@@ -32,8 +32,7 @@ static exit_code run_errors(const tool &shared, const std::string &code) {
         throw tool_error{EXIT_NOT_FOUND, "there is no exit code " + code, "", "",
                          "\"keyviewctl errors\" shows all of them"};
     }
-    show_result(shared.format, "errors", "errors", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(shared.format, "errors", "errors", {std::move(rows)});
 }
 
 static exit_code run_config(tool *shared) {
@@ -44,8 +43,7 @@ static exit_code run_config(tool *shared) {
                                     {"origin", {one->origin}},
                                     {"variable", {one->variable}}}});
     }
-    show_result(shared->format, "config", "config", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(shared->format, "config", "config", {std::move(rows)});
 }
 
 static exit_code show_text(const std::string &text, const std::string &what,

@@ -37,11 +37,10 @@ static exit_code run_get(const tool &shared, const std::string &path) {
         return EXIT_DONE;
     }
     bool bare = shared.format == output_format::table || shared.format == output_format::raw;
-    show_answer(shared.format, "key",
-                {{"path", {path}},
-                 {"revision", count_view(found.revision)},
-                 {"value", bare ? people_value(value) : view{value}}});
-    return EXIT_DONE;
+    return show_answer(shared.format, "key",
+                       {{"path", {path}},
+                        {"revision", count_view(found.revision)},
+                        {"value", bare ? people_value(value) : view{value}}});
 }
 
 static std::string indented(const admin::key_map &keys) {
@@ -69,9 +68,8 @@ static exit_code show_keys(const tool &shared, const admin::read_keys_result &fo
     view_list rows;
     for (const auto &[path, value] : found.keys)
         rows.push_back({view_fields{{"path", {path}}, {"value", {value}}}});
-    show_answer(shared.format, "keys",
-                {{"revision", count_view(found.revision)}, {"keys", {std::move(rows)}}});
-    return EXIT_DONE;
+    return show_answer(shared.format, "keys",
+                       {{"revision", count_view(found.revision)}, {"keys", {std::move(rows)}}});
 }
 
 static exit_code run_ls(const tool &shared, const std::string &path) {
@@ -82,8 +80,7 @@ static exit_code run_ls(const tool &shared, const std::string &path) {
     view_list children;
     for (const auto &[child, value] : found.keys)
         children.push_back({std::string(last_element(child))});
-    show_result(shared.format, "keys", "keys", {std::move(children)});
-    return EXIT_DONE;
+    return show_result(shared.format, "keys", "keys", {std::move(children)});
 }
 
 static exit_code run_tree(const tool &shared, const std::string &path) {
@@ -117,8 +114,7 @@ static exit_code show_fields(const tool &shared) {
                                     {"limit", count_view(row.limit)},
                                     {"words", {std::move(words)}}}});
     }
-    show_result(shared.format, "fields", "fields", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(shared.format, "fields", "fields", {std::move(rows)});
 }
 
 static exit_code run_explain(const tool &shared, const std::string &path, bool fields) {
@@ -130,8 +126,7 @@ static exit_code run_explain(const tool &shared, const std::string &path, bool f
                              "it belongs to other programs, or is misspelt",
                              "\"keyviewctl explain\" shows all keys that have one"};
         }
-        show_result(shared.format, "meaning", "meaning", meaning_view(*meaning));
-        return EXIT_DONE;
+        return show_result(shared.format, "meaning", "meaning", meaning_view(*meaning));
     }
     view_list rows;
     bool people = shared.format == output_format::table;
@@ -139,8 +134,7 @@ static exit_code run_explain(const tool &shared, const std::string &path, bool f
         rows.push_back(people ? view{view_fields{{"path", {row.path}}, {"meaning", {row.meaning}}}}
                               : meaning_view(row));
     }
-    show_result(shared.format, "meanings", "meanings", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(shared.format, "meanings", "meanings", {std::move(rows)});
 }
 
 // ---- set, rm ------------------------------------------------------------------------------------

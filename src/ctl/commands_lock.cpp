@@ -90,8 +90,7 @@ static exit_code run_list(const tool &shared) {
                                     {"state", {user.waits ? "waits" : "holds"}},
                                     {"by", optional_view(user.holder)}}});
     }
-    show_result(shared.format, "locks", "locks", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(shared.format, "locks", "locks", {std::move(rows)});
 }
 
 void add_lock_commands(CLI::App *app, tool *shared) {

@@ -1,5 +1,4 @@
 // status: the picture of a database, or of all of them, on one screen.
-#include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/people_writer.h"
@@ -57,12 +56,11 @@ static std::string section(const view_list &rows) {
     return rows.empty() ? "" : "\n" + text_for_people({rows});
 }
 
-static exit_code show_database(const tool &shared, const session &library,
-                               const std::string &dbname) {
-    fetched_record found(library, dbname);
+static exit_code show_database(const session &library, const std::string &dbname) {
+    fetched_database found(library, dbname);
     library.check(found.rc, "the status of database " + dbname + " cannot be read");
     const prsr_cfg &record = *found.record;
-    if (shared.format == output_format::table) {
+    if (library.shared.format == output_format::table) {
         std::string head = "database " + escaped(text_of(record.sp_name)) + ": " +
                            (record.enabled != 0 ? "enabled" : "disabled") + ", role " +
                            escaped(text_of(record.role)) + ", policy " +
@@ -70,14 +68,13 @@ static exit_code show_database(const tool &shared, const session &library,
         write_result(head + section(instance_rows(record)) + section(service_rows(record)));
         return EXIT_DONE;
     }
-    show_result(shared.format, "database_status", "status",
-                {view_fields{{"database", text_view(record.sp_name)},
-                             {"enabled", flag_view(record.enabled)},
-                             {"role", text_view(record.role)},
-                             {"policy", text_view(record.policy)},
-                             {"instances", {instance_rows(record)}},
-                             {"services", {service_rows(record)}}}});
-    return EXIT_DONE;
+    return show_result(library.shared.format, "database_status", "status",
+                       {view_fields{{"database", text_view(record.sp_name)},
+                                    {"enabled", flag_view(record.enabled)},
+                                    {"role", text_view(record.role)},
+                                    {"policy", text_view(record.policy)},
+                                    {"instances", {instance_rows(record)}},
+                                    {"services", {service_rows(record)}}}});
 }
 
 // ---- All of them --------------------------------------------------------------------------------
@@ -112,37 +109,26 @@ static view database_row(const prsr_cfg &record, bool people) {
     return {std::move(fields)};
 }
 
-static exit_code show_all(const tool &shared, const session &library) {
+static exit_code show_all(const session &library) {
     static constexpr const char *WHAT = "the status of the cluster cannot be read";
-    char **names = nullptr;
-    uint32_t count = 0;
-    int32_t rc = prsr_list_db(library.status, library.ctx, &names, &count);
-    if (rc == PRSR_ERR_ARGUMENT) rc = PRSR_ERR_MEMORY;
+    output_format format = library.shared.format;
     view_list rows;
-    for (uint32_t n = 0; rc == PRSR_SUCCESS && names != nullptr && n < count; ++n) {
-        fetched_record found(library, names[n]);
-        // One that is gone meanwhile is no failure.
-        if (found.rc == PRSR_SUCCESS)
-            rows.push_back(database_row(*found.record, shared.format == output_format::table));
-        else if (found.rc != PRSR_ERR_NO_DATABASE)
-            rc = found.rc;
+    for (const view &name : database_names(library, WHAT)) {
+        fetched_database found(library, std::get<std::string>(name.value));
+        if (found.rc == PRSR_ERR_NO_DATABASE) continue;  // removed meanwhile
+        library.check(found.rc, WHAT);
+        rows.push_back(database_row(*found.record, format == output_format::table));
     }
-    if (names != nullptr) (void)prsr_release_db_list(library.status, library.ctx, names, count);
-    library.check(rc, WHAT);
-    if (count == 0) attempt(WHAT, shared.registry, admin::check_listing);
-    show_result(shared.format, "cluster_status", "databases", {std::move(rows)});
-    return EXIT_DONE;
+    return show_result(format, "cluster_status", "databases", {std::move(rows)});
 }
 
-static exit_code run_status(const tool &shared, const given_names &names) {
-    session library(shared);
-    if (names[0].empty()) return show_all(shared, library);
-    return show_database(shared, library, names[0]);
+static exit_code run_status(const session &library, const given_names &names) {
+    return names[0].empty() ? show_all(library) : show_database(library, names[0]);
 }
 
 static constexpr name_command COMMANDS[] = {
     {"status", "Show the services, instances and nodes of a database, or sum up the cluster",
-     "[DB]", run_status},
+     "[DB]", with_library<run_status>},
 };
 
 void add_status_command(CLI::App *app, tool *shared) {

@@ -62,29 +62,35 @@ static std::string bare_text(const char *kind, const view &shown) {
                      "use -o json or -o tsv"};
 }
 
-void show_answer(output_format format, const char *kind, const view_fields &fields) {
+exit_code show_answer(output_format format, const char *kind, const view_fields &fields) {
     const view &last = fields.back().second;
     switch (format) {
         case output_format::table:
-            return write_result(text_for_people(last));
+            write_result(text_for_people(last));
+            break;
         case output_format::json:
-            return write_json(document_of(kind, fields).dump(2) + "\n");
+            write_json(document_of(kind, fields).dump(2) + "\n");
+            break;
         case output_format::jsonl:
-            return write_json(lines_of(kind, fields));
+            write_json(lines_of(kind, fields));
+            break;
         case output_format::tsv:
-            return write_result(cells_of(last));
+            write_result(cells_of(last));
+            break;
         case output_format::raw:
-            return write_lines(bare_text(kind, last));
+            write_lines(bare_text(kind, last));
+            break;
         case output_format::cmd:
             throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
                              "only keys and their changes can be told as commands",
                              "use -o json, or \"tree\", \"get\" or \"diff\" with -o cmd"};
     }
+    return EXIT_DONE;
 }
 
-void show_result(output_format format, const char *kind, const char *value_name,
-                 const view &value) {
-    show_answer(format, kind, {{value_name, value}});
+exit_code show_result(output_format format, const char *kind, const char *value_name,
+                      const view &value) {
+    return show_answer(format, kind, {{value_name, value}});
 }
 
 void tell(const std::string &text) {

@@ -38,12 +38,13 @@ void tell(const std::string &text);
 
 // Shows a result: for people its value alone, for programs an object with kind and version and,
 // under value_name, the value.
-void show_result(output_format format, const char *kind, const char *value_name, const view &value);
+exit_code show_result(output_format format, const char *kind, const char *value_name,
+                      const view &value);
 
 // Shows the answer to a question: for people the last field alone, records in it as rows of a
 // table, for programs all fields, the names that were given included, beside kind and version.
 // Formats other than table and JSON show the last field, too.
-void show_answer(output_format format, const char *kind, const view_fields &fields);
+exit_code show_answer(output_format format, const char *kind, const view_fields &fields);
 
 // Throws what the administration failed with as the tool's error.
 [[noreturn]] void fail(const admin::error &failed, const std::string &what,

@@ -3,19 +3,20 @@
 
 #include <cstring>
 
+#include "admin/care/inspection.h"
 #include "ctl/output.h"
 #include "host/if/keyview_host.h"
 
 namespace keyview::ctl {
 
-session::session(const tool &shared) : status(status_block_), registry_(shared.registry) {
-    check(prsr_init(status, &ctx), "the registry cannot be opened");
+session::session(const tool &tool_in_use) : shared(tool_in_use) {
+    check(prsr_init(status_, &ctx_), "the registry cannot be opened");
     shared.told->step("reads, or waits for a lock that \"keyviewctl lock list\" shows");
 }
 
 session::~session() {
     // The lock service goes with the process if it refuses to end here.
-    if (ctx != nullptr) (void)prsr_terminate(status, ctx);
+    if (ctx_ != nullptr) (void)prsr_terminate(status_, ctx_);
 }
 
 void session::check(int32_t rc, const std::string &what) const {
@@ -26,21 +27,13 @@ void session::check(int32_t rc, const std::string &what) const {
     exit_code code = failure.code;
     if (failure.host_knows) code = exit_of_host_failure(keyview_host_last_error_kind(), code);
     bool same = code == failure.code;
-    throw tool_error{code, what, registry_, why, same ? failure.todo : begin_exits()[code].todo};
-}
-
-fetched_record::fetched_record(const session &library, const std::string &dbname)
-    : library_(library) {
-    rc = prsr_fetch_db_config(library.status, library.ctx, dbname.c_str(), &record);
-}
-
-// Giving it back has no other failure than a bad context.
-fetched_record::~fetched_record() {
-    if (rc == PRSR_SUCCESS) (void)prsr_release_db_config(library_.status, library_.ctx, record);
+    throw tool_error{code, what, shared.registry, why,
+                     same ? failure.todo : begin_exits()[code].todo};
 }
 
 // A path's length is enough but for a value that was written by other means.
-int32_t read_name(const name_reader &read, std::string *name) {
+int32_t session::fill(std::string *name,
+                      const std::function<int32_t(uint32_t size, char *buf)> &read) {
     constexpr size_t FIRST_SIZE = 4096, GROWTH = 16, LAST_SIZE = 1 << 20;
     int32_t rc = PRSR_ERR_ARGUMENT;
     for (size_t size = FIRST_SIZE; rc == PRSR_ERR_ARGUMENT && size <= LAST_SIZE; size *= GROWTH) {
@@ -50,6 +43,21 @@ int32_t read_name(const name_reader &read, std::string *name) {
         *name = std::move(buf);
     }
     return rc;
+}
+
+view_list database_names(const session &library, const std::string &what) {
+    char **names = nullptr;
+    uint32_t count = 0;
+    int32_t rc = library.call(prsr_list_db, &names, &count);
+    view_list out;
+    for (uint32_t n = 0; names != nullptr && n < count; ++n)
+        out.push_back(text_view(names[n]));
+    if (names != nullptr) (void)library.call(prsr_release_db_list, names, count);
+    // This operation reports a list that cannot be allocated as a bad argument.
+    library.check(rc == PRSR_ERR_ARGUMENT ? PRSR_ERR_MEMORY : rc, what);
+    // A registry that cannot be enumerated looks empty to it.
+    if (out.empty()) attempt(what, library.shared.registry, admin::check_listing);
+    return out;
 }
 
 }  // namespace keyview::ctl
