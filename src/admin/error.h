@@ -21,11 +21,16 @@ struct problem {
 
 class error : public std::runtime_error {
   public:
-    error(int32_t failure, const std::string &text) : std::runtime_error(text), kind(failure) {}
+    error(int32_t failure, const std::string &text, std::vector<problem> found = {},
+          uint64_t more = 0)
+        : std::runtime_error(text),
+          kind(failure),
+          problems(std::move(found)),
+          more_problems(more) {}
 
     int32_t kind;                   // KEYVIEW_FAILURE_*
     std::vector<problem> problems;  // of KEYVIEW_FAILURE_CONTENT: the first ones, in their order
-    uint64_t more_problems = 0;     // how many more there are
+    uint64_t more_problems;         // how many more there are
 };
 
 // The problems found in a document or in the tree, in their order, up to a limit; beyond it they
@@ -48,11 +53,7 @@ class problem_list {
 
     // Throws the problems, if there are any, as the failure of this text.
     void throw_if_any(const std::string &text) const {
-        if (kept_.empty()) return;
-        error failed(KEYVIEW_FAILURE_CONTENT, text);
-        failed.problems = kept_;
-        failed.more_problems = more_;
-        throw failed;
+        if (!kept_.empty()) throw error(KEYVIEW_FAILURE_CONTENT, text, kept_, more_);
     }
 
   private:

@@ -131,6 +131,7 @@ void registry::apply(const std::vector<change> &changes, const std::vector<held_
                        one.value ? 0 : 1});
     }
     std::vector<keyview_lock *> fences;
+    fences.reserve(locks.size());
     for (const held_lock &lock : locks)
         fences.push_back(lock.get());
     check(keyview_registry_apply(handle_.get(), all.data(), all.size(), fences.data(),

@@ -45,7 +45,8 @@ inline constexpr size_t PATH_LIMIT = MAX_PATH_LENGTH;
 inline constexpr char BY_TREE[] = "apply, set";
 inline constexpr char BY_FLAG[] = "apply, set, enable, disable";
 
-struct field_row {
+// In the order in which rows are written.
+struct field_row {      // NOLINT(clang-analyzer-optin.performance.Padding)
     const char *field;  // in a document
     const char *key;    // elements below the record's own key
     value_kind kind;

@@ -107,7 +107,7 @@ static key_map keys_of(std::string_view content) {
     return keys;
 }
 
-static change_result bring_to(const std::string &url, key_map keys, bool force,
+static change_result bring_to(const std::string &url, key_map &&keys, bool force,
                               change_options options) {
     change_request request = {};
     request.prunes_all = true;

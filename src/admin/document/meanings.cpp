@@ -70,7 +70,7 @@ static std::string words_text(const rows<const char *const> &words) {
 
 static std::string encoding_of(const field_row &row) {
     if (row.encoding != nullptr) return row.encoding;
-    const std::string text = "text with its zero byte, " + bytes_text(row.limit);
+    std::string text = "text with its zero byte, " + bytes_text(row.limit);
     switch (row.kind) {
         case value_kind::flag:
             return "true or false with its zero byte, read in any case";
