@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
-#include "cluster/call_context.h"
 #include "cluster/call_failure.h"
 #include "cluster/etcd.grpc.pb.h"
 #include "cluster/keepalives.h"
@@ -66,27 +66,31 @@ std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings 
     return grpc::SslCredentials(options);
 }
 
+std::unique_ptr<grpc::ClientContext> context_of(steady::time_point end, const std::string &token) {
+    auto context = std::make_unique<grpc::ClientContext>();
+    context->set_deadline(std::chrono::system_clock::now() +
+                          std::max(end - steady::now(), steady::duration::zero()));
+    if (!token.empty()) context->AddMetadata("token", token);
+    return context;
+}
+
 }  // namespace
 
 // ---- Members ------------------------------------------------------------------------------------
 
+static grpc::ChannelArguments channel_options() {
+    grpc::ChannelArguments options;
+    options.SetMaxReceiveMessageSize(-1);  // the list of all databases may be large
+    options.SetMaxSendMessageSize(-1);
+    options.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    options.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    options.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, RECONNECT_MS);
+    options.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+    options.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
+    return options;
+}
+
 struct connection::member {
-    member(std::string its_name, const std::shared_ptr<grpc::ChannelCredentials> &credentials)
-        : name(std::move(its_name)), channel(channel_to(name, credentials)) {}
-
-    static std::shared_ptr<grpc::Channel> channel_to(
-        const std::string &name, const std::shared_ptr<grpc::ChannelCredentials> &credentials) {
-        grpc::ChannelArguments options;
-        options.SetMaxReceiveMessageSize(-1);  // the list of all databases may be large
-        options.SetMaxSendMessageSize(-1);
-        options.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-        options.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-        options.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, RECONNECT_MS);
-        options.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
-        options.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, LONGEST_RECONNECT_MS);
-        return grpc::CreateCustomChannel("dns:///" + name, credentials, options);
-    }
-
     std::string name;
     std::shared_ptr<grpc::Channel> channel;
     wire::KV::Stub keys{channel};
@@ -102,19 +106,20 @@ connection::connection(const cluster_settings &settings)
     : settings_(settings), generation_(begin_use()), keepalives_(std::make_unique<keepalives>()) {
     std::shared_ptr<grpc::ChannelCredentials> credentials = credentials_of(settings_);
     for (const std::string &name : settings_.members)
-        members_.push_back(std::make_unique<member>(name, credentials));
+        members_.emplace_back(new member{
+            name, grpc::CreateCustomChannel("dns:///" + name, credentials, channel_options())});
 }
 
 // A forked child must not touch the connections of its parent.
 connection::~connection() {
-    if (generation_ == fork_generation()) return;
+    if (of_this_process()) return;
     (void)keepalives_.release();
     for (std::unique_ptr<member> &one : members_)
         (void)one.release();
 }
 
-void connection::require_own_process() const {
-    if (generation_ != fork_generation()) throw inherited();
+bool connection::of_this_process() const {
+    return generation_ == fork_generation();
 }
 
 void connection::next_member(size_t after) {
@@ -145,10 +150,7 @@ void connection::log_in(const std::string &refused, steady::time_point end) {
     request.set_name(text.substr(0, colon));
     request.set_password(text.substr(colon + 1));
     wire::AuthenticateResponse response;
-    auto run = [&](member *one, grpc::ClientContext *context) {
-        return one->users.Authenticate(context, request, &response);
-    };
-    try_members(end, run, nullptr, call_kind::login);
+    call(&member::users, &wire::Auth::Stub::Authenticate, request, &response, end);
     std::lock_guard guard(token_mutex_);
     token_ = response.token();
 }
@@ -177,12 +179,12 @@ static bool connect(grpc::Channel *channel, steady::time_point end, after_failur
     return false;
 }
 
-// run makes one call: (member, context) -> status. A call waits for the login that it needs.
-template <typename one_try>
-void connection::try_members(steady::time_point end, const one_try &run, bool *repeated,
-                             call_kind kind) {
-    require_own_process();
-    const bool is_login = kind == call_kind::login;
+// A call waits for the login that it needs.
+template <typename service, typename method, typename question, typename answer>
+void connection::call(service member::*stub, method rpc, const question &asked, answer *response,
+                      steady::time_point end, bool *repeated) {
+    if (!of_this_process()) throw inherited();
+    constexpr bool is_login = std::is_same_v<question, wire::AuthenticateRequest>;
     const steady::time_point start = steady::now();
     std::vector<std::string> failures(members_.size());
     for (size_t failed = 0, logins = 0;;) {
@@ -195,10 +197,9 @@ void connection::try_members(steady::time_point end, const one_try &run, bool *r
         bool answers = connect(members_[at]->channel.get(), std::min(end, now + longest),
                                after_failure::give_up);
         if (is_login && answers) longest = std::max(now - start, SHORTEST_LOGIN_TRY);
-        grpc::ClientContext context;
-        prepare(&context, std::min(end, now + longest), used);
+        auto context = context_of(std::min(end, now + longest), used);
         ++round_trips_;
-        grpc::Status status = run(members_[at].get(), &context);
+        grpc::Status status = ((*members_[at]).*stub.*rpc)(context.get(), asked, response);
         if (status.ok()) return;
         const reaction act = rule_for(status).act;
         bool is_late = steady::now() + PAUSE >= end;
@@ -272,10 +273,7 @@ std::string connection::no_answer_text(const std::vector<std::string> &failures,
 wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
                                   bool *repeated) {
     wire::TxnResponse response;
-    auto run = [&](member *one, grpc::ClientContext *context) {
-        return one->keys.Txn(context, request, &response);
-    };
-    try_members(end, run, repeated);
+    call(&member::keys, &wire::KV::Stub::Txn, request, &response, end, repeated);
     int asked = response.succeeded() ? request.success_size() : request.failure_size();
     if (response.responses_size() != asked) {
         throw etcd_error(failure::registry, etcd_reason::none,
@@ -290,9 +288,7 @@ void connection::grant(int64_t lease, std::chrono::seconds ttl, steady::time_poi
     request.set_ttl(ttl.count());
     wire::LeaseGrantResponse response;
     try {
-        try_members(end, [&](member *one, grpc::ClientContext *context) {
-            return one->leases.LeaseGrant(context, request, &response);
-        });
+        call(&member::leases, &wire::Lease::Stub::LeaseGrant, request, &response, end);
     } catch (const etcd_error &error) {
         if (error.reason != etcd_reason::lease_exists) throw;  // else an earlier try made it
     }
@@ -302,27 +298,22 @@ void connection::revoke(int64_t lease, steady::time_point end) {
     wire::LeaseRevokeRequest request;
     request.set_id(lease);
     wire::LeaseRevokeResponse response;
-    try_members(end, [&](member *one, grpc::ClientContext *context) {
-        return one->leases.LeaseRevoke(context, request, &response);
-    });
+    call(&member::leases, &wire::Lease::Stub::LeaseRevoke, request, &response, end);
 }
 
 wire::AlarmResponse connection::alarms(steady::time_point end) {
     wire::AlarmResponse response;
-    try_members(end, [&](member *one, grpc::ClientContext *context) {
-        return one->operation.Alarm(context, {}, &response);
-    });
+    call(&member::operation, &wire::Maintenance::Stub::Alarm, wire::AlarmRequest(), &response, end);
     return response;
 }
 
 wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
-    require_own_process();
-    grpc::ClientContext context;
-    prepare(&context, end, token());
+    if (!of_this_process()) throw inherited();
+    auto context = context_of(end, token());
     wire::StatusResponse response;
     connect(members_.at(at)->channel.get(), end, after_failure::wait);
     ++round_trips_;
-    grpc::Status status = members_[at]->operation.Status(&context, {}, &response);
+    grpc::Status status = members_[at]->operation.Status(context.get(), {}, &response);
     if (!status.ok()) {
         throw etcd_error(failure::registry, etcd_reason::none, cause_of(status));
     }
@@ -332,28 +323,27 @@ wire::StatusResponse connection::status_of(size_t at, steady::time_point end) {
 // ---- Keepalives ---------------------------------------------------------------------------------
 
 void connection::keep_alive(int64_t lease, const std::function<void(int64_t)> &on_ttl) {
-    require_own_process();
+    if (!of_this_process()) throw inherited();
     size_t at = current_.load();
     auto answer = [this, at, on_ttl](int64_t ttl) {
         if (ttl < 0) next_member(at);
         on_ttl(ttl);
     };
     steady::time_point end = steady::now() + settings_.lease_ttl / 3;
-    keepalives_->start(members_[at]->channel, token(), end, lease, answer);
+    keepalives_->start(members_[at]->channel, context_of(end, token()), lease, answer);
 }
 
 // ---- Watches ------------------------------------------------------------------------------------
 
 void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
                              const std::function<bool(const wire::WatchResponse &)> &sink) {
-    require_own_process();
+    if (!of_this_process()) throw inherited();
     size_t at = current_.load();
-    grpc::ClientContext context;
-    prepare(&context, end, token());
+    auto context = context_of(end, token());
     connect(members_[at]->channel.get(), std::min(end, steady::now() + SHORTEST_TRY),
             after_failure::give_up);
     ++round_trips_;
-    auto stream = members_[at]->watches.Watch(&context);
+    auto stream = members_[at]->watches.Watch(context.get());
     wire::WatchRequest request;
     *request.mutable_create_request() = what;
     bool stopped = false;
@@ -362,7 +352,7 @@ void connection::follow_once(const wire::WatchCreateRequest &what, steady::time_
         stopped = response.canceled();
         if (response.events_size() > 0) stopped = !sink(response);
     }
-    context.TryCancel();
+    context->TryCancel();
     grpc::Status status = stream->Finish();
     if (response.compact_revision() > 0) {
         throw etcd_error(failure::changed, etcd_reason::compacted,

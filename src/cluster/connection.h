@@ -54,6 +54,8 @@ class connection {
     // One try at one member.
     wire::StatusResponse status_of(size_t at, steady::time_point end);
 
+    // False in a forked child, which must not use it.
+    bool of_this_process() const;
     const cluster_settings &settings() const { return settings_; }
     steady::time_point answer_end() const { return steady::now() + settings_.answer_wait; }
 
@@ -63,10 +65,9 @@ class connection {
   private:
     struct member;
 
-    enum class call_kind { usual, login };
-    template <typename one_try>
-    void try_members(steady::time_point end, const one_try &run, bool *repeated = nullptr,
-                     call_kind kind = call_kind::usual);
+    template <typename service, typename method, typename question, typename answer>
+    void call(service member::*stub, method rpc, const question &asked, answer *response,
+              steady::time_point end, bool *repeated = nullptr);
     void follow_once(const wire::WatchCreateRequest &what, steady::time_point end,
                      const std::function<bool(const wire::WatchResponse &)> &sink);
     void next_member(size_t after);
@@ -74,7 +75,6 @@ class connection {
     std::string token();
     bool find_tls_faults(std::vector<std::string> *failures) const;
     std::string no_answer_text(const std::vector<std::string> &failures, bool tls);
-    void require_own_process() const;
 
     cluster_settings settings_;
     uint64_t generation_;  // of the process that made it

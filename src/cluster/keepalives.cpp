@@ -5,7 +5,6 @@
 
 #include <utility>
 
-#include "cluster/call_context.h"
 #include "cluster/etcd.grpc.pb.h"
 #include "cluster/request.h"
 
@@ -16,11 +15,17 @@ using keep_alive_reactor =
 
 struct keepalives::one_call final : keep_alive_reactor {
     one_call(keepalives *its_owner, const std::shared_ptr<grpc::Channel> &channel,
+             std::unique_ptr<grpc::ClientContext> its_context, int64_t lease,
              std::function<void(int64_t)> its_on_ttl)
-        : owner(its_owner), leases(channel), on_ttl(std::move(its_on_ttl)) {}
+        : owner(its_owner),
+          leases(channel),
+          context(std::move(its_context)),
+          on_ttl(std::move(its_on_ttl)) {
+        request.set_id(lease);
+    }
 
     void start() noexcept {
-        leases.async()->LeaseKeepAlive(&context, this);
+        leases.async()->LeaseKeepAlive(context.get(), this);
         StartRead(&response);
         StartWrite(&request);
         StartCall();
@@ -28,7 +33,7 @@ struct keepalives::one_call final : keep_alive_reactor {
 
     void OnReadDone(bool ok) override {
         if (ok && on_ttl) std::exchange(on_ttl, nullptr)(response.ttl());
-        if (ok) context.TryCancel();
+        if (ok) context->TryCancel();
     }
 
     void OnDone(const grpc::Status &) override {
@@ -38,7 +43,7 @@ struct keepalives::one_call final : keep_alive_reactor {
 
     keepalives *owner;
     wire::Lease::Stub leases;
-    grpc::ClientContext context;
+    std::unique_ptr<grpc::ClientContext> context;
     wire::LeaseKeepAliveRequest request;
     wire::LeaseKeepAliveResponse response;
     std::function<void(int64_t)> on_ttl;
@@ -49,20 +54,18 @@ keepalives::keepalives() = default;
 keepalives::~keepalives() {
     std::unique_lock guard(mutex_);
     for (std::unique_ptr<one_call> &one : under_way_)
-        one->context.TryCancel();
+        one->context->TryCancel();
     ended_.wait(guard, [this] { return under_way_.empty(); });
 }
 
-void keepalives::start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
-                       steady::time_point end, int64_t lease, std::function<void(int64_t)> on_ttl) {
-    auto made = std::make_unique<one_call>(this, channel, std::move(on_ttl));
-    made->request.set_id(lease);
-    prepare(&made->context, end, token);
-    one_call *call = made.get();
-    {
-        std::lock_guard guard(mutex_);
-        under_way_.push_back(std::move(made));
-    }
+void keepalives::start(const std::shared_ptr<grpc::Channel> &channel,
+                       std::unique_ptr<grpc::ClientContext> context, int64_t lease,
+                       std::function<void(int64_t)> on_ttl) {
+    auto made =
+        std::make_unique<one_call>(this, channel, std::move(context), lease, std::move(on_ttl));
+    std::unique_lock guard(mutex_);
+    one_call *call = under_way_.emplace_back(std::move(made)).get();
+    guard.unlock();
     call->start();
 }
 

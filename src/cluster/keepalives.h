@@ -4,6 +4,7 @@
 #define KEYVIEW_CLUSTER_KEEPALIVES_H
 
 #include <grpcpp/channel.h>
+#include <grpcpp/client_context.h>
 
 #include <condition_variable>
 #include <cstdint>
@@ -11,9 +12,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <string>
-
-#include "cluster/cluster_settings.h"
 
 namespace keyview::host {
 
@@ -28,8 +26,9 @@ class keepalives {
     ~keepalives();
 
     // See connection::keep_alive().
-    void start(const std::shared_ptr<grpc::Channel> &channel, const std::string &token,
-               steady::time_point end, int64_t lease, std::function<void(int64_t)> on_ttl);
+    void start(const std::shared_ptr<grpc::Channel> &channel,
+               std::unique_ptr<grpc::ClientContext> context, int64_t lease,
+               std::function<void(int64_t)> on_ttl);
 
   private:
     struct one_call;

@@ -5,9 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-
-#include "host/support/fork.h"
 
 namespace keyview::host {
 
@@ -32,21 +29,17 @@ std::string this_process() {
            " on " + host;
 }
 
-session::session(const cluster_settings &settings)
-    : calls_(settings), keys_(settings.prefix), generation_(fork_generation()) {}
+session::session(const cluster_settings &settings) : calls_(settings), keys_(settings.prefix) {}
 
 session::~session() {
-    if (generation_ != fork_generation()) return;
+    if (!calls_.of_this_process()) return;
     for (const std::shared_ptr<lease> &one : leases_->all)
-        revoke(one->id, CLEANUP);
+        if (lives(*one)) revoke(one.get(), CLEANUP);
 }
 
 std::string session::unique_name() {
     static std::atomic<uint32_t> latest{0};
-    char name[32];
-    (void)snprintf(name, sizeof(name), "%016llx-%x",
-                   static_cast<unsigned long long>(random_number()), ++latest);
-    return name;
+    return std::to_string(random_number()) + "-" + std::to_string(++latest);
 }
 
 wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_point end,
@@ -58,14 +51,10 @@ wire::TxnResponse session::txn(const wire::TxnRequest &request, steady::time_poi
 // ---- Leases -------------------------------------------------------------------------------------
 
 // Adds the new entries in the same step: otherwise another thread could close and drop the lease in
-// between, and it would not be kept alive. Null if a new lease is needed. Drops unused leases.
+// between, and it would not be kept alive. Null if a new lease is needed.
 std::shared_ptr<session::lease> session::open_lease(size_t new_entries) {
     std::lock_guard guard(leases_->mutex);
     auto &all = leases_->all;
-    auto is_over = [](const std::shared_ptr<lease> &one) {
-        return one->entries == 0 && (one->closed || steady::now() >= one->end);
-    };
-    all.erase(std::remove_if(all.begin(), all.end(), is_over), all.end());
     bool usable = !all.empty() && !all.back()->closed && steady::now() < all.back()->end;
     if (!usable) return nullptr;
     all.back()->entries += new_entries;
@@ -75,7 +64,7 @@ std::shared_ptr<session::lease> session::open_lease(size_t new_entries) {
 void session::require_lease(steady::time_point end) {
     std::lock_guard one_at_a_time(granting_);
     if (open_lease(0) != nullptr) return;
-    revoke_pending();
+    drop_unused();
     auto fresh = std::make_shared<lease>();
     fresh->id = random_number();
     fresh->requested = steady::now();
@@ -133,53 +122,55 @@ void session::keep_alive() {
     }
 }
 
-// ---- Places -------------------------------------------------------------------------------------
+// ---- Entries ------------------------------------------------------------------------------------
 
-void session::revoke(int64_t id, std::chrono::milliseconds wait) noexcept {
+void session::revoke(lease *one, std::chrono::milliseconds wait) noexcept {
+    note_lost(one);
     try {
-        calls_.revoke(id, steady::now() + wait);
+        calls_.revoke(one->id, steady::now() + wait);
     } catch (const std::exception &) {
         return;  // it ends by itself
     }
 }
 
-void session::revoke_pending() {
-    std::vector<int64_t> ids;
+// Drops the leases without entries, none of which is open, and revokes those that still live.
+void session::drop_unused() {
+    std::vector<std::shared_ptr<lease>> unused;
     {
         std::lock_guard guard(leases_->mutex);
-        ids.swap(leases_->to_revoke);
+        auto &all = leases_->all;
+        auto first = std::stable_partition(all.begin(), all.end(),
+                                           [](const auto &one) { return one->entries > 0; });
+        unused.assign(first, all.end());
+        all.erase(first, all.end());
     }
-    for (int64_t id : ids)
-        revoke(id, CLEANUP);
+    for (const std::shared_ptr<lease> &one : unused)
+        if (lives(*one)) revoke(one.get(), CLEANUP);
 }
 
 // Returns whether the lease is to be revoked with it.
-bool session::drop_entry(const std::shared_ptr<lease> &its) noexcept {
+bool session::drop_entry(lease *its) noexcept {
     std::lock_guard guard(leases_->mutex);
     return --its->entries == 0 && its->closed;
 }
 
 void session::release(const std::string &entry, const std::shared_ptr<lease> &its) noexcept {
-    if (generation_ != fork_generation()) return;  // it is the parent's
-    if (drop_entry(its)) return revoke(its->id, RELEASE);
+    if (!calls_.of_this_process()) return;  // it is the parent's
+    if (drop_entry(its.get())) return revoke(its.get(), RELEASE);
     try {
         wire::TxnRequest request;
         add_delete(request.mutable_success(), {entry, ""});
         (void)calls_.txn(request, steady::now() + RELEASE);  // its result is not needed
     } catch (const std::exception &) {
         close(its.get());
-        std::lock_guard guard(leases_->mutex);
-        if (its->entries == 0) leases_->to_revoke.push_back(its->id);
     }
 }
 
 // The next lock needs a new lease and revokes this one first.
 void session::release_unknown(const std::shared_ptr<lease> &its) noexcept {
-    if (generation_ != fork_generation()) return;
+    if (!calls_.of_this_process()) return;
     close(its.get());
-    if (!drop_entry(its)) return;
-    std::lock_guard guard(leases_->mutex);
-    leases_->to_revoke.push_back(its->id);
+    (void)drop_entry(its.get());  // not revoked now: the cluster does not answer
 }
 
 }  // namespace keyview::host

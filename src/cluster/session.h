@@ -54,6 +54,9 @@ class session {
     // Runs one call and sends due keepalives before it.
     wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
                           bool *repeated = nullptr);
+    wire::TxnResponse txn(const wire::TxnRequest &request, bool *repeated = nullptr) {
+        return txn(request, calls_.answer_end(), repeated);
+    }
 
     // A unique name for an entry of a queue or a change set.
     std::string unique_name();
@@ -76,21 +79,19 @@ class session {
     struct leases {
         std::mutex mutex;
         std::vector<std::shared_ptr<lease>> all;  // the open one last
-        std::vector<int64_t> to_revoke;
     };
 
     std::shared_ptr<lease> open_lease(size_t new_entries);
     void require_lease(steady::time_point end);
-    void revoke_pending();
-    bool drop_entry(const std::shared_ptr<lease> &its) noexcept;
-    void revoke(int64_t id, std::chrono::milliseconds wait) noexcept;
+    void drop_unused();
+    bool drop_entry(lease *its) noexcept;
+    void revoke(lease *one, std::chrono::milliseconds wait) noexcept;
 
     static constexpr uint32_t USUAL_DEPTH = 8;
 
     connection calls_;
     layout keys_;
     std::atomic<uint32_t> deepest_{USUAL_DEPTH};
-    uint64_t generation_;
     std::shared_ptr<leases> leases_ = std::make_shared<leases>();
     std::mutex granting_;
 };
