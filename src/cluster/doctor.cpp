@@ -82,10 +82,10 @@ class inspection {
     // Returns whether calls to the member can succeed.
     bool check_certificate(const std::string &subject, const std::string &member) const {
         tls_facts seen = probe_tls(settings_, member, CHECK_WAIT);
-        int64_t days = seen.seconds_left / DAY_S;
         if (!seen.fault.empty()) {
             sink_({subject, health::bad, seen.fault});
-        } else if (seen.answered) {
+        } else if (seen.seconds_left) {
+            int64_t days = *seen.seconds_left / DAY_S;
             bool soon = days < LAST_DAYS;
             sink_({subject, soon ? health::doubtful : health::good,
                    "its certificate is good for " + std::to_string(days) + " days" +

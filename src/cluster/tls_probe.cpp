@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <future>
 #include <memory>
 
 namespace keyview::host {
@@ -115,34 +116,8 @@ std::string fault_of(const SSL *session, const cluster_settings &settings, const
     return std::string("TLS fails: ") + ERR_reason_error_string(cause);
 }
 
-// A write of OpenSSL to a closed connection must not end the program.
-class no_sigpipe {
-  public:
-    no_sigpipe() {
-        (void)sigemptyset(&only_);
-        (void)sigaddset(&only_, SIGPIPE);
-        (void)pthread_sigmask(SIG_BLOCK, &only_, &before_);
-    }
-    no_sigpipe(const no_sigpipe &) = delete;
-    no_sigpipe &operator=(const no_sigpipe &) = delete;
-    ~no_sigpipe() {
-        timespec at_once = {};
-        if (sigismember(&before_, SIGPIPE) == 0) (void)sigtimedwait(&only_, nullptr, &at_once);
-        (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-
-  private:
-    sigset_t only_;
-    sigset_t before_;
-};
-
-}  // namespace
-
-tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
-                    std::chrono::milliseconds wait) {
-    no_sigpipe quiet;
-    steady::time_point end = steady::now() + wait;
-    ERR_clear_error();
+tls_facts probe(const cluster_settings &settings, const std::string &member,
+                steady::time_point end) {
     owned<SSL_CTX> rules = rules_of(settings);
     owned<BIO> connection(BIO_new_ssl_connect(rules.get()));
     SSL *session = nullptr;
@@ -159,9 +134,23 @@ tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
     bool in_time = shake_hands(connection.get(), session, end);
     seen.fault = fault_of(session, settings, host, in_time);
     const X509 *certificate = SSL_get0_peer_certificate(session);
-    seen.answered = certificate != nullptr;
-    if (seen.answered) seen.seconds_left = seconds_left(certificate);
+    if (certificate != nullptr) seen.seconds_left = seconds_left(certificate);
     return seen;
+}
+
+}  // namespace
+
+// On a thread of its own, which ends with its errors of OpenSSL and with the SIGPIPE that a write
+// to a closed connection raises.
+tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
+                    std::chrono::milliseconds wait) {
+    auto seen = std::async(std::launch::async, [&] {
+        sigset_t all;
+        (void)sigfillset(&all);
+        (void)pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        return probe(settings, member, steady::now() + wait);
+    });
+    return seen.get();
 }
 
 }  // namespace keyview::host

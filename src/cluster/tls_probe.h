@@ -3,6 +3,7 @@
 #define KEYVIEW_CLUSTER_TLS_PROBE_H
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "cluster/cluster_settings.h"
@@ -10,9 +11,8 @@
 namespace keyview::host {
 
 struct tls_facts {
-    std::string fault;         // of TLS, with its remedy; empty for none, and without an answer
-    bool answered = false;     // with a certificate
-    int64_t seconds_left = 0;  // of the member's certificate; negative if it has expired
+    std::string fault;  // of TLS, with its remedy; empty for none, and without an answer
+    std::optional<int64_t> seconds_left;  // of the member's certificate, if it sent one
 };
 
 // Connects to "host:port" as the settings demand. Without TLS a member that speaks TLS is the fault.
