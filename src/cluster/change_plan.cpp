@@ -38,9 +38,9 @@ void change_plan::read_keys(const std::set<std::string> &paths) {
         for (; next != paths.end() && request.success_size() < AT_ONCE; ++next)
             add_range(request.mutable_success(), {cluster_->keys().key(*next), ""},
                       state_.revision());
-        wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+        wire::TxnResponse response = cluster_->txn(request);
         for (int n = 0; first != next; ++first, ++n) {
-            const wire::RangeResponse &found = response.responses(n).response_range();
+            const wire::RangeResponse &found = range_in(response, n);
             if (found.kvs_size() == 0) continue;
             tree_[*first] = {found.kvs(0).value(), found.kvs(0).value()};
         }
@@ -59,16 +59,12 @@ void change_plan::read_below(const std::string &path) {
     }
 }
 
-void change_plan::create(const std::string &path) {
-    key_state &parent = tree_[path];
-    if (parent.after) return;
-    parent.after = "";
-    ++counts_.created;
-}
-
 void change_plan::put(const change &one) {
-    for (size_t end = one.path.find('.'); end != one.path.npos; end = one.path.find('.', end + 1))
-        create(one.path.substr(0, end));
+    for (size_t end = one.path.find('.'); end != one.path.npos; end = one.path.find('.', end + 1)) {
+        key_state &parent = tree_[one.path.substr(0, end)];
+        if (!parent.after) ++counts_.created;
+        if (!parent.after) parent.after = "";
+    }
     key_state &key = tree_[one.path];
     if (!key.after) ++counts_.created;
     if (key.after && *key.after != one.value) ++counts_.replaced;
@@ -76,15 +72,13 @@ void change_plan::put(const change &one) {
 }
 
 void change_plan::remove(const std::string &path) {
-    auto drop = [&](key_state *key) {
-        if (key->after) ++counts_.removed;
-        key->after.reset();
-    };
-    auto top = tree_.find(path);
-    if (top != tree_.end()) drop(&top->second);
-    std::string head = path + ".";
-    for (auto at = tree_.lower_bound(head); at != tree_.end() && path_within(at->first, path); ++at)
-        drop(&at->second);
+    for (auto at = tree_.lower_bound(path); at != tree_.end(); ++at) {
+        auto &[below, key] = *at;
+        if (below.compare(0, path.size(), path) != 0) break;
+        if (!path_within(below, path)) continue;  // "a!" is between "a" and "a.b"
+        if (key.after) ++counts_.removed;
+        key.after.reset();
+    }
 }
 
 std::vector<change_plan::key_change> change_plan::key_changes() const {

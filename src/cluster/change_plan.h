@@ -7,7 +7,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "cluster/session.h"
@@ -42,7 +41,6 @@ class change_plan {
 
     void read_keys(const std::set<std::string> &paths);
     void read_below(const std::string &path);
-    void create(const std::string &path);
     void put(const change &one);
     void remove(const std::string &path);
 

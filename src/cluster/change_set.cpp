@@ -6,7 +6,6 @@
 #include "cluster/change_plan.h"
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
-#include "cluster/half_applied.h"
 #include "cluster/journal.pb.h"
 
 namespace keyview::host {
@@ -16,34 +15,12 @@ using journal::Piece;
 using key_change = change_plan::key_change;
 
 // etcd takes 128 operations and 1.5 MiB in one request.
-static constexpr size_t MOST_KEYS = 100;
+static constexpr int MOST_KEYS = 100;
 static constexpr size_t MOST_BYTES = 1000000;
 static constexpr size_t MOST_FENCES = 100;
 
 // How long a change set is planned anew because other writers were faster.
 static constexpr std::chrono::seconds LONGEST_RETRY{60};
-
-// ---- Parts of transactions ----------------------------------------------------------------------
-
-static void add_keys(wire::TxnRequest *request, const Piece &piece) {
-    for (const Piece::Key &one : piece.keys()) {
-        if (one.there()) {
-            add_put(request->mutable_success(), one.key(), one.value());
-        } else {
-            add_delete(request->mutable_success(), {one.key(), ""});
-        }
-    }
-}
-
-static wire::TxnResponse send(session *cluster, const wire::TxnRequest &request) {
-    return cluster->txn(request, cluster->calls().answer_end());
-}
-
-// "" for a key that does not exist.
-static std::string value_in(const wire::TxnResponse &response, int op) {
-    const wire::RangeResponse &found = response.responses(op).response_range();
-    return found.kvs_size() == 0 ? "" : found.kvs(0).value();
-}
 
 // ---- The locks that must be held ----------------------------------------------------------------
 
@@ -67,37 +44,32 @@ static void add_fences(wire::TxnRequest *request, const std::vector<const queue_
 
 // ---- Pieces -------------------------------------------------------------------------------------
 
-// The keys of a piece after and before the change.
+// The operations that bring the keys of a piece into the state after and before the change.
 struct piece_pair {
     Piece to_do;
     Piece to_undo;
 };
 
-static void add_key(Piece *piece, const std::string &key, const std::optional<std::string> &value) {
-    Piece::Key *one = piece->add_keys();
-    one->set_key(key);
-    one->set_there(value.has_value());
-    if (value) one->set_value(*value);
+static bool has_room(const Piece &piece, const std::string &key,
+                     const std::optional<std::string> &value) {
+    return piece.operations_size() < MOST_KEYS &&
+           piece.ByteSizeLong() + key.size() + (value ? value->size() : 0) <= MOST_BYTES;
 }
 
-static size_t size_of(const std::string &key, const std::optional<std::string> &value) {
-    return key.size() + (value ? value->size() : 0);
+static void add_key(Piece *piece, const std::string &key, const std::optional<std::string> &value) {
+    if (value) {
+        add_put(piece->mutable_operations(), key, *value);
+    } else {
+        add_delete(piece->mutable_operations(), {key, ""});
+    }
 }
 
 static std::vector<piece_pair> pieces_of(const std::vector<key_change> &changes) {
     std::vector<piece_pair> pieces;
-    size_t to_do = 0;
-    size_t to_undo = 0;
     for (const key_change &one : changes) {
-        to_do += size_of(one.key, one.after);
-        to_undo += size_of(one.key, one.before);
-        bool full = pieces.empty() || pieces.back().to_do.keys_size() == MOST_KEYS ||
-                    std::max(to_do, to_undo) > MOST_BYTES;
-        if (full) {
-            pieces.emplace_back();
-            to_do = size_of(one.key, one.after);
-            to_undo = size_of(one.key, one.before);
-        }
+        bool fits = !pieces.empty() && has_room(pieces.back().to_do, one.key, one.after) &&
+                    has_room(pieces.back().to_undo, one.key, one.before);
+        if (!fits) pieces.emplace_back();
         add_key(&pieces.back().to_do, one.key, one.after);
         add_key(&pieces.back().to_undo, one.key, one.before);
     }
@@ -118,11 +90,10 @@ class marked_run {
         Marker moved = marker_;
         moved.set_next(next);
         wire::TxnRequest request = of_marker();
-        add_keys(&request, piece);
+        request.mutable_success()->MergeFrom(piece.operations());
         add_put(request.mutable_success(), cluster_->keys().marker(), moved.SerializeAsString());
-        wire::TxnResponse response = send(cluster_, request);
-        bool moved_before =
-            !response.succeeded() && value_in(response, 0) == moved.SerializeAsString();
+        wire::TxnResponse response = cluster_->txn(request);
+        bool moved_before = value_in(response, 0) == moved.SerializeAsString();
         if (!response.succeeded() && !moved_before) throw taken_over();
         marker_ = std::move(moved);
     }
@@ -134,10 +105,9 @@ class marked_run {
         add_delete(request.mutable_success(), cluster_->keys().journals());
         add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
-        wire::TxnResponse response = send(cluster_, request);
+        wire::TxnResponse response = cluster_->txn(request);
         // While the marker exists, the key of the tree still has its value of before.
-        bool ended_before =
-            !response.succeeded() && value_in(response, 0).empty() && value_in(response, 1) == tree;
+        bool ended_before = value_in(response, 0).empty() && value_in(response, 1) == tree;
         if (!response.succeeded() && !ended_before) throw taken_over();
     }
 
@@ -145,11 +115,10 @@ class marked_run {
     Piece piece(uint32_t n, bool undo) {
         wire::TxnRequest request = of_marker();
         add_range(request.mutable_success(), {cluster_->keys().journal(marker_.id(), n, undo), ""});
-        wire::TxnResponse response = send(cluster_, request);
+        wire::TxnResponse response = cluster_->txn(request);
         if (!response.succeeded()) throw taken_over();
         Piece found;
-        if (response.responses(0).response_range().kvs_size() > 0 &&
-            found.ParseFromString(value_in(response, 0)))
+        if (range_in(response, 0).kvs_size() > 0 && found.ParseFromString(value_in(response, 0)))
             return found;
         throw host_error(failure::content,
                          "the journal of the change set is damaged: apply the whole document anew, "
@@ -202,10 +171,7 @@ class change_set {
     // For a response to a request of of_plan.
     void require_fences(const wire::TxnResponse &response) const {
         for (int op = 2; op < response.responses_size(); ++op) {
-            auto n = static_cast<size_t>(op - 2);
-            const wire::RangeResponse &entry = response.responses(op).response_range();
-            bool held =
-                entry.kvs_size() == 1 && entry.kvs(0).create_revision() == entries_[n]->created();
+            bool held = entries_[static_cast<size_t>(op) - 2]->is_in(range_in(response, op));
             if (!held) throw lock_lost({});
         }
     }
@@ -214,10 +180,10 @@ class change_set {
         std::string tree = plan_.tree_after(id_);
         wire::TxnRequest request = of_plan();
         if (!pieces_.empty()) {
-            add_keys(&request, pieces_.front().to_do);
+            request.mutable_success()->MergeFrom(pieces_.front().to_do.operations());
             add_put(request.mutable_success(), cluster_->keys().tree(), tree);
         }
-        wire::TxnResponse response = send(cluster_, request);
+        wire::TxnResponse response = cluster_->txn(request);
         if (response.succeeded()) return outcome::done;
         if (tree_facts::parse(value_in(response, 0)).writer == id_) return outcome::done;
         require_fences(response);
@@ -246,7 +212,7 @@ class change_set {
             const Piece &piece = undo ? pieces_[n].to_undo : pieces_[n].to_do;
             add_put(request.mutable_success(), cluster_->keys().journal(id_, n, undo),
                     piece.SerializeAsString());
-            (void)send(cluster_, request);  // without a condition
+            (void)cluster_->txn(request);  // without a condition
         }
     }
 
@@ -269,7 +235,7 @@ class change_set {
         key_range mine = beginning_with(all.begin + id_ + "/");
         add_delete(request.mutable_success(), {all.begin, mine.begin});
         add_delete(request.mutable_success(), {mine.end, all.end});
-        wire::TxnResponse response = send(cluster_, request);
+        wire::TxnResponse response = cluster_->txn(request);
         if (response.succeeded() || value_in(response, 1) == marker.SerializeAsString())
             return true;
         require_fences(response);
@@ -281,7 +247,7 @@ class change_set {
         for (size_t first = MOST_FENCES; first < entries_.size(); first += MOST_FENCES) {
             wire::TxnRequest request;
             add_fences(&request, entries_, first);
-            if (!send(cluster_, request).succeeded()) return false;
+            if (!cluster_->txn(request).succeeded()) return false;
         }
         return true;
     }
@@ -315,8 +281,8 @@ change_counts apply_changes(session *cluster, const std::vector<change> &changes
 bool finish_half_applied(session *cluster, finish how) {
     wire::TxnRequest request;
     add_range(request.mutable_success(), {cluster->keys().marker(), ""});
-    wire::TxnResponse response = send(cluster, request);
-    if (response.responses(0).response_range().kvs_size() == 0) return false;
+    wire::TxnResponse response = cluster->txn(request);
+    if (range_in(response, 0).kvs_size() == 0) return false;
     Marker marker;
     if (!marker.ParseFromString(value_in(response, 0)) || marker.next() > marker.pieces()) {
         throw host_error(failure::content, "the marker of a change set is damaged");

@@ -4,7 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <utility>
+#include <tuple>
 
 #include "cluster/cluster_settings.h"
 #include "cluster/etcd_locks.h"
@@ -14,18 +14,13 @@
 namespace keyview::host {
 
 // Contexts with the same identity share a session.
-static std::string identity_of(const cluster_settings &settings) {
-    std::string all = settings.url;
-    for (const std::string *file :
-         {&settings.ca_file, &settings.cert_file, &settings.key_file, &settings.login_file}) {
-        all += '\n' + *file;
-    }
-    all += '\n' + std::to_string(settings.answer_wait.count());
-    return all + '\n' + std::to_string(settings.lease_ttl.count());
+static auto identity_of(const cluster_settings &settings) {
+    return std::tuple(settings.url, settings.ca_file, settings.cert_file, settings.key_file,
+                      settings.login_file, settings.answer_wait, settings.lease_ttl);
 }
 
 static std::shared_ptr<etcd_store> store_of(const cluster_settings &settings) {
-    static auto &known = *new std::map<std::string, std::weak_ptr<etcd_store>>;
+    static auto &known = *new std::map<decltype(identity_of({})), std::weak_ptr<etcd_store>>;
     std::lock_guard guard(fork_mutex());
     for (auto at = known.begin(); at != known.end();)
         at = at->second.expired() ? known.erase(at) : std::next(at);
@@ -38,10 +33,6 @@ static std::shared_ptr<etcd_store> store_of(const cluster_settings &settings) {
     return found;
 }
 
-static void check_url(const std::string &url) {
-    (void)settings_of(url);
-}
-
 // Backends of one URL share one session in this process.
 static backend open(const std::string &url, open_mode mode) {
     std::shared_ptr<etcd_store> keys = store_of(settings_of(url));
@@ -49,6 +40,7 @@ static backend open(const std::string &url, open_mode mode) {
     return {keys, std::make_shared<etcd_locks>(keys->cluster())};
 }
 
-const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster, diagnose_cluster};
+const backend_kind KEYVIEW_BACKEND_KIND = {[](const std::string &url) { (void)settings_of(url); },
+                                           open, check_cluster, diagnose_cluster};
 
 }  // namespace keyview::host

@@ -1,64 +1,32 @@
 // Checks all keys of the tree in a cluster, as of one moment.
+#include <functional>
 #include <set>
 
 #include "cluster/cluster.h"
 #include "cluster/cluster_settings.h"
-#include "cluster/half_applied.h"
-#include "cluster/session.h"
-#include "cluster/tree_part.h"
+#include "cluster/etcd_moment.h"
 
 namespace keyview::host {
 
-namespace {
+static constexpr int64_t AT_ONCE = 5000;
 
-constexpr int64_t AT_ONCE = 5000;
-
-class walk {
-  public:
-    walk(session *cluster, const damage_sink &damage, const row_sink &sink)
-        : cluster_(cluster), damage_(damage), sink_(sink) {}
-
-    // A parent is read before its children: it has fewer elements.
-    uint64_t run() {
-        key_range rest = cluster_->keys().all_keys();
-        int64_t revision = 0;
-        for (bool more = true; more;) {
-            wire::TxnRequest request;
-            add_range(request.mutable_success(), rest, revision);
-            request.mutable_success(0)->mutable_request_range()->set_limit(AT_ONCE);
-            wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
-            if (revision == 0) revision = response.header().revision();
-            const wire::RangeResponse &found = response.responses(0).response_range();
-            for (const wire::KeyValue &row : found.kvs())
-                check_row(row);
-            more = found.more() && found.kvs_size() > 0;
-            if (more) rest.begin = found.kvs(found.kvs_size() - 1).key() + '\0';
-        }
-        return keys_;
+// Reads all keys in their order: a parent before its children, since it has fewer elements.
+static void read_all(session *cluster, const std::function<void(const wire::KeyValue &)> &sink) {
+    key_range rest = cluster->keys().all_keys();
+    int64_t revision = 0;
+    for (bool more = true; more;) {
+        wire::TxnRequest request;
+        add_range(request.mutable_success(), rest, revision);
+        request.mutable_success(0)->mutable_request_range()->set_limit(AT_ONCE);
+        wire::TxnResponse response = cluster->txn(request);
+        if (revision == 0) revision = response.header().revision();
+        const wire::RangeResponse &found = range_in(response, 0);
+        for (const wire::KeyValue &row : found.kvs())
+            sink(row);
+        more = found.more() && found.kvs_size() > 0;
+        if (more) rest.begin = found.kvs(found.kvs_size() - 1).key() + '\0';
     }
-
-  private:
-    void check_row(const wire::KeyValue &row) {
-        ++keys_;
-        auto elements = cluster_->keys().elements(row.key());
-        if (!elements) return damage_(row.key(), "is not the key of any path");
-        std::string path = path_of_elements(*elements);
-        std::string_view parent = parent_path(path);
-        if (!parent.empty() && known_.count(std::string(parent)) == 0) {
-            damage_(path, "has no parent");
-        }
-        sink_(path, row.value());
-        known_.insert(std::move(path));
-    }
-
-    session *cluster_;
-    const damage_sink &damage_;
-    const row_sink &sink_;
-    std::set<std::string> known_;
-    uint64_t keys_ = 0;
-};
-
-}  // namespace
+}
 
 check_counts check_cluster(const std::string &url, const damage_sink &damage,
                            const row_sink &sink) {
@@ -66,7 +34,17 @@ check_counts check_cluster(const std::string &url, const damage_sink &damage,
     tree_part state = tree_state(&cluster.calls(), cluster.keys());
     if (!state.marker().empty()) damage(cluster.keys().marker(), half_applied_text(state.marker()));
     check_counts counts;
-    counts.keys = walk(&cluster, damage, sink).run();
+    std::set<std::string, std::less<>> known;
+    read_all(&cluster, [&](const wire::KeyValue &row) {
+        ++counts.keys;
+        auto elements = cluster.keys().elements(row.key());
+        if (!elements) return damage(row.key(), "is not the key of any path");
+        std::string path = path_of_elements(*elements);
+        std::string_view parent = parent_path(path);
+        if (!parent.empty() && known.count(parent) == 0) damage(path, "has no parent");
+        sink(path, row.value());
+        known.insert(std::move(path));
+    });
     return counts;
 }
 

@@ -8,7 +8,6 @@
 #define KEYVIEW_CLUSTER_CLUSTER_SETTINGS_H
 
 #include <chrono>
-#include <cstdint>
 #include <string>
 #include <vector>
 

@@ -3,9 +3,8 @@
 
 #include "cluster/cluster.h"
 #include "cluster/cluster_settings.h"
-#include "cluster/half_applied.h"
+#include "cluster/etcd_moment.h"
 #include "cluster/tls_probe.h"
-#include "cluster/tree_part.h"
 
 namespace keyview::host {
 

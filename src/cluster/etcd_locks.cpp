@@ -6,19 +6,18 @@
 #include <vector>
 
 #include "cluster/faults.h"
-#include "cluster/half_applied.h"
-#include "cluster/tree_part.h"
 
 namespace keyview::host {
 
 namespace {
 
-// An earlier key that conflicts with the own one.
-struct blocker {
-    std::string key;
-    int64_t created;
-    std::string holder;
-};
+using queue = std::vector<wire::KeyValue>;
+
+void sort_by_creation(queue *entries) {
+    std::sort(entries->begin(), entries->end(), [](const auto &a, const auto &b) {
+        return a.create_revision() < b.create_revision();
+    });
+}
 
 class acquisition {
   public:
@@ -89,7 +88,7 @@ class acquisition {
         bool repeated = false;
         wire::TxnResponse response = cluster_->txn(request, end, &repeated);
         if (repeated) cluster_->close(entry_->lease());
-        const wire::RangeResponse &own = response.responses(1).response_range();
+        const wire::RangeResponse &own = range_in(response, 1);
         if (own.kvs_size() != 1)
             throw host_error(failure::registry, "the cluster lost the key of a lock at once");
         entry_->note(own.kvs(0));
@@ -106,14 +105,13 @@ class acquisition {
         seen_at_ = response.header().revision();
         blockers_.clear();
         key_range against = conflicts();
-        for (const wire::KeyValue &one : response.responses(op).response_range().kvs()) {
+        for (const wire::KeyValue &one : range_in(response, op).kvs()) {
             bool conflicting = one.key() >= against.begin && one.key() < against.end;
             if (conflicting && one.create_revision() < entry_->created()) {
-                blockers_.push_back({one.key(), one.create_revision(), one.value()});
+                blockers_.push_back(one);
             }
         }
-        std::sort(blockers_.begin(), blockers_.end(),
-                  [](const blocker &a, const blocker &b) { return a.created < b.created; });
+        sort_by_creation(&blockers_);
     }
 
     // Returns after a part of the TTL at the latest: an event may be missed, and the lease is renewed.
@@ -123,7 +121,7 @@ class acquisition {
         if (steady::now() >= *end_) throw too_late();
         std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
         cluster_->keep_alive();
-        cluster_->calls().await_deletion(blockers_.back().key, seen_at_,
+        cluster_->calls().await_deletion(blockers_.back().key(), seen_at_,
                                          std::min(*end_, steady::now() + ttl / 3));
     }
 
@@ -135,10 +133,9 @@ class acquisition {
             require_created(&request, conflicts(), 0);
             part_.ask(cluster_->deepest(), 0, request.mutable_success());
             add_range(request.mutable_failure(), conflicts());
-            wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
+            wire::TxnResponse response = cluster_->txn(request);
             if (!response.succeeded()) {
-                const wire::KeyValue &writer = response.responses(0).response_range().kvs(0);
-                blockers_ = {{writer.key(), writer.create_revision(), writer.value()}};
+                blockers_ = {range_in(response, 0).kvs(0)};
                 seen_at_ = response.header().revision();
                 wait(limit);
                 continue;
@@ -154,13 +151,12 @@ class acquisition {
     // True if the lock is granted. Else blockers_ is new; entry_ is null if the own key is gone.
     bool recheck() {
         static constexpr size_t MOST_COMPARED = 100;
-        steady::time_point end = cluster_->calls().answer_end();
         wire::TxnRequest request;
         if (!faults.grant_unchecked)
             require_created(&request, {entry_->key(), ""}, entry_->created());
         size_t compared = std::min(blockers_.size(), MOST_COMPARED);
         for (size_t n = 0; n < compared; ++n)
-            require_created(&request, {blockers_[blockers_.size() - 1 - n].key, ""}, 0);
+            require_created(&request, {blockers_[blockers_.size() - 1 - n].key(), ""}, 0);
         bool grants = compared == blockers_.size();
         if (grants && reads_) part_.ask(cluster_->deepest(), 0, request.mutable_success());
         for (wire_ops *ops : {request.mutable_failure(), request.mutable_success()}) {
@@ -169,15 +165,14 @@ class acquisition {
             add_range(ops, cluster_->keys().lock_queue(name_));
         }
         entry_->note_answer(false);
-        wire::TxnResponse response = cluster_->txn(request, end);
+        wire::TxnResponse response = cluster_->txn(request);
         entry_->note_answer(true);
         if (response.succeeded() && grants) {
             entry_->granted = response.header().revision();
             whole_ = reads_ && part_.take(&response, 0) && part_.marker().empty();
             return true;
         }
-        const wire::RangeResponse &own = response.responses(0).response_range();
-        if (own.kvs_size() == 0 || own.kvs(0).create_revision() != entry_->created()) {
+        if (!entry_->is_in(range_in(response, 0))) {
             cluster_->note_lost(entry_->lease());
             entry_.reset();
         } else {
@@ -199,7 +194,7 @@ class acquisition {
         auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - start_);
         return {failure::lock, "the lock " + name_ + " was not granted within " +
                                    std::to_string(waited.count()) + " ms: held by " +
-                                   blockers_.back().holder};
+                                   blockers_.back().value()};
     }
 
     std::shared_ptr<session> cluster_;
@@ -212,7 +207,7 @@ class acquisition {
     std::optional<steady::time_point> end_;  // of the wait, once there is something to wait for
     std::unique_ptr<queue_entry> entry_;
     int64_t seen_at_ = 0;
-    std::vector<blocker> blockers_;  // the nearest last
+    queue blockers_;  // earlier entries that conflict with the own one, the nearest last
 };
 
 }  // namespace
@@ -227,12 +222,10 @@ std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
     (void)names;
     wire::TxnRequest request;
     add_range(request.mutable_success(), cluster_->keys().all_locks());
-    wire::TxnResponse response = cluster_->txn(request, cluster_->calls().answer_end());
-    std::vector<wire::KeyValue> entries(response.responses(0).response_range().kvs().begin(),
-                                        response.responses(0).response_range().kvs().end());
-    std::sort(entries.begin(), entries.end(), [](const wire::KeyValue &a, const wire::KeyValue &b) {
-        return a.create_revision() < b.create_revision();
-    });
+    wire::TxnResponse response = cluster_->txn(request);
+    const auto &found = range_in(response, 0).kvs();
+    queue entries(found.begin(), found.end());
+    sort_by_creation(&entries);
     std::vector<lock_use> all;
     for (const wire::KeyValue &entry : entries) {
         lock_use use;

@@ -42,6 +42,11 @@ class queue_entry {
     // The revision of its creation, which no other key of the same name ever has.
     int64_t created() const { return created_; }
 
+    // Whether a read of its key found this entry, not a later one of the same key.
+    bool is_in(const wire::RangeResponse &found) const {
+        return found.kvs_size() == 1 && found.kvs(0).create_revision() == created_;
+    }
+
     // The revision of its latest change. Each set under the lock changes it, so that a set that
     // is sent twice is carried out once.
     int64_t changed() const { return changed_; }

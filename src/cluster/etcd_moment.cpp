@@ -1,19 +1,45 @@
 // Reads of the tree and the moments that they are as of.
 #include "cluster/etcd_moment.h"
 
+#include <thread>
 #include <utility>
 
-#include "cluster/half_applied.h"
+#include "cluster/journal.pb.h"
 #include "model/path.h"
 
 namespace keyview::host {
+
+// ---- Half-applied change sets -------------------------------------------------------------------
+
+static constexpr std::chrono::milliseconds PAUSE{10};
+
+std::string half_applied_text(const std::string &marker) {
+    journal::Marker state;
+    if (!state.ParseFromString(marker)) return "the marker of a change set is damaged";
+    return "a change set stopped half-way, after " + std::to_string(state.next()) + " of " +
+           std::to_string(state.pieces()) + " pieces, when carried out by " + state.by() +
+           ": finish it with 'keyviewctl recover --resume' or undo it with "
+           "'keyviewctl recover --undo'";
+}
+
+void half_applied_wait::wait(const std::string &marker) {
+    steady::time_point now = steady::now();
+    if (marker != seen_) {
+        seen_ = marker;
+        end_ = now + cluster_->calls().settings().answer_wait;
+    }
+    if (now >= end_) throw host_error(failure::content, half_applied_text(marker));
+    std::this_thread::sleep_for(PAUSE);
+}
+
+// ---- Moments ------------------------------------------------------------------------------------
 
 void read_part(session *cluster, tree_part *part, int64_t revision) {
     half_applied_wait pending(cluster);
     for (;;) {
         wire::TxnRequest request;
         part->ask(cluster->deepest(), revision, request.mutable_success());
-        wire::TxnResponse response = cluster->txn(request, cluster->calls().answer_end());
+        wire::TxnResponse response = cluster->txn(request);
         bool whole = part->take(&response, 0);
         cluster->note_depth(part->deepest());
         if (!whole) continue;

@@ -8,7 +8,6 @@
 #include "cluster/etcd_locks.h"
 #include "cluster/etcd_moment.h"
 #include "cluster/faults.h"
-#include "cluster/half_applied.h"
 #include "model/path.h"
 
 namespace keyview::host {
@@ -85,8 +84,7 @@ void etcd_store::open(bool create) {
         require_created(&request, {keys.tree(), ""}, 0);
         add_put(request.mutable_success(), keys.tree(),
                 tree_facts{0, cluster_->unique_name()}.text());
-        (void)cluster_->txn(request,
-                            cluster_->calls().answer_end());  // it fails if the registry exists
+        (void)cluster_->txn(request);  // it fails if the registry exists
     }
     cluster_->note_depth(tree_state(&cluster_->calls(), keys).deepest());
 }
@@ -99,9 +97,11 @@ namespace {
 class set_request {
   public:
     set_request(const layout &keys, std::string_view path, std::string_view value)
-        : key_(keys.key(path)), value_(value) {
+        : path_(path), key_(keys.key(path)), value_(value) {
         require_there(&request_, key_);
-        if (value_.size() <= MOST_COMPARED) require_other_value(&request_, key_, value_);
+        if (value_.size() <= MOST_COMPARED) {
+            require_value(&request_, key_, value_, wire::Compare::NOT_EQUAL);
+        }
         require_created(&request_, {keys.marker(), ""}, 0);
         add_put(request_.mutable_success(), key_, value_);
         request_.mutable_success(0)->mutable_request_put()->set_prev_kv(true);
@@ -122,37 +122,32 @@ class set_request {
     // Without a lock: only over the value that was read.
     void expect(int64_t revision) { require_changed(&request_, key_, revision); }
 
-    enum class outcome { done, no_such_key, lock_lost, changed, half_applied };
-
-    outcome run(session *cluster, std::string *replaced) {
+    // Whether the key exists and has the value now; nothing if the set must be tried again.
+    std::optional<bool> run(session *cluster, half_applied_wait *pending, std::string *replaced) {
         wire::TxnResponse response = send(cluster);
         if (response.succeeded()) {
             if (replaced != nullptr)
                 *replaced = response.responses(0).response_put().prev_kv().value();
             if (lock_ != nullptr) lock_->note_changed(response.header().revision());
-            return outcome::done;
+            return true;
         }
-        const wire::RangeResponse &stored = response.responses(0).response_range();
+        const wire::RangeResponse &stored = range_in(response, 0);
         if (lock_ != nullptr) {
-            const wire::RangeResponse &entry = response.responses(2).response_range();
-            bool held = entry.kvs_size() == 1 && entry.kvs(0).create_revision() == lock_->created();
-            if (!held) return outcome::lock_lost;
+            const wire::RangeResponse &entry = range_in(response, 2);
+            if (!lock_->is_in(entry)) throw lock_lost(path_);
             bool by_us = entry.kvs(0).mod_revision() != lock_->changed();
             lock_->note_changed(entry.kvs(0).mod_revision());
-            if (by_us) return outcome::done;  // by an earlier try
+            if (by_us) return true;  // by an earlier try
         }
-        const wire::RangeResponse &marker = response.responses(1).response_range();
-        if (stored.kvs_size() == 0) return outcome::no_such_key;
-        if (marker.kvs_size() > 0) {
-            marker_ = marker.kvs(0).value();
-            return outcome::half_applied;
+        if (stored.kvs_size() == 0) return false;
+        if (range_in(response, 1).kvs_size() > 0) {
+            pending->wait(value_in(response, 1));
+            return std::nullopt;
         }
-        if (stored.kvs(0).value() != value_) return outcome::changed;
+        if (stored.kvs(0).value() != value_) return std::nullopt;
         if (replaced != nullptr) *replaced = value_;
-        return outcome::done;
+        return true;
     }
-
-    const std::string &marker() const { return marker_; }
 
   private:
     // A request has room for one copy of a large value: such a value is always written.
@@ -161,18 +156,18 @@ class set_request {
     wire::TxnResponse send(session *cluster) {
         bool repeated = false;
         try {
-            return cluster->txn(request_, cluster->calls().answer_end(), &repeated);
+            return cluster->txn(request_, &repeated);
         } catch (const etcd_error &) {
             if (lock_ != nullptr && repeated) lock_->note_doubt();
             throw;
         }
     }
 
+    std::string_view path_;
     std::string key_;
     std::string value_;
     wire::TxnRequest request_;
     queue_entry *lock_ = nullptr;
-    std::string marker_;
 };
 
 }  // namespace
@@ -199,19 +194,8 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
             if (there.rows().front().empty()) return false;
             request.expect(there.rows().front().Get(0).mod_revision());
         }
-        switch (request.run(cluster_.get(), replaced)) {
-            case set_request::outcome::done:
-                return true;
-            case set_request::outcome::no_such_key:
-                return false;
-            case set_request::outcome::lock_lost:
-                throw lock_lost(path);
-            case set_request::outcome::half_applied:
-                pending.wait(request.marker());
-                break;
-            case set_request::outcome::changed:
-                break;
-        }
+        std::optional<bool> done = request.run(cluster_.get(), &pending, replaced);
+        if (done) return *done;
     }
 }
 

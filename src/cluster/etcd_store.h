@@ -3,7 +3,6 @@
 #define KEYVIEW_CLUSTER_ETCD_STORE_H
 
 #include <memory>
-#include <string>
 #include <string_view>
 #include <vector>
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 
 #include "host/support/error.h"
 #include "model/path.h"
@@ -22,25 +21,12 @@ uint32_t elements_of(std::string_view path) {
     return path.empty() ? 0 : static_cast<uint32_t>(std::count(path.begin(), path.end(), '.')) + 1;
 }
 
-static void append_elements(std::string *key, std::string_view path) {
-    size_t at = key->size();
-    key->append(path);
-    std::replace(key->begin() + static_cast<ptrdiff_t>(at), key->end(), '.', SEPARATOR);
-    *key += SEPARATOR;
-}
-
-std::string layout::key(std::string_view path) const {
-    std::string made = kv_;
-    made += static_cast<char>(elements_of(path));
-    append_elements(&made, path);
-    return made;
-}
-
-key_range layout::below(std::string_view path, uint32_t elements) const {
+std::string layout::row(uint32_t elements, std::string_view path) const {
     std::string made = kv_;
     made += static_cast<char>(elements);
-    append_elements(&made, path);
-    return beginning_with(std::move(made));
+    for (char c : path)
+        made += c == '.' ? SEPARATOR : c;
+    return made + SEPARATOR;
 }
 
 std::optional<std::string_view> layout::elements(std::string_view key) const {
@@ -62,23 +48,16 @@ std::string path_of_elements(std::string_view elements) {
 }
 
 std::string layout::journal(std::string_view id, uint32_t piece, bool undo) const {
-    char number[16];
-    (void)snprintf(number, sizeof(number), "%08u", piece);
-    return prefix_ + "/journal/" + std::string(id) + "/" + number + (undo ? "/undo" : "/do");
+    return prefix_ + "/journal/" + std::string(id) + "/" + std::to_string(piece) +
+           (undo ? "/undo" : "/do");
 }
 
 static std::string queue_of(const std::string &prefix, std::string_view name) {
-    std::string made = prefix + "/lk/";
-    made += name;
-    made += '\0';
-    return made;
+    return prefix + "/lk/" + std::string(name) + '\0';
 }
 
 std::string layout::lock_entry(std::string_view name, lock_mode mode, std::string_view id) const {
-    std::string made = queue_of(prefix_, name);
-    made += mode == lock_mode::shared ? "r/" : "w/";
-    made += id;
-    return made;
+    return queue_of(prefix_, name) + (mode == lock_mode::shared ? "r/" : "w/") + std::string(id);
 }
 
 key_range layout::lock_queue(std::string_view name) const {

@@ -49,10 +49,12 @@ class layout {
     std::string journal(std::string_view id, uint32_t piece, bool undo) const;
 
     // path is valid for a key and has no more than MOST_ELEMENTS.
-    std::string key(std::string_view path) const;
+    std::string key(std::string_view path) const { return row(elements_of(path), path); }
 
     // The keys below path that have that many elements, which are more than the path's.
-    key_range below(std::string_view path, uint32_t elements) const;
+    key_range below(std::string_view path, uint32_t elements) const {
+        return beginning_with(row(elements, path));
+    }
 
     // All keys of the tree.
     key_range all_keys() const { return beginning_with(kv_); }
@@ -70,6 +72,8 @@ class layout {
     bool lock_of_entry(std::string_view key, std::string *name, lock_mode *mode) const;
 
   private:
+    std::string row(uint32_t elements, std::string_view path) const;
+
     std::string prefix_;
     std::string kv_;
 };

@@ -29,14 +29,9 @@ void require_changed(wire::TxnRequest *request, const std::string &key, int64_t 
         ->set_mod_revision(revision);
 }
 
-void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value) {
-    add_compare(request, {key, ""}, wire::Compare::VALUE, wire::Compare::EQUAL)->set_value(value);
-}
-
-void require_other_value(wire::TxnRequest *request, const std::string &key,
-                         const std::string &value) {
-    add_compare(request, {key, ""}, wire::Compare::VALUE, wire::Compare::NOT_EQUAL)
-        ->set_value(value);
+void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value,
+                   wire::Compare::CompareResult result) {
+    add_compare(request, {key, ""}, wire::Compare::VALUE, result)->set_value(value);
 }
 
 void add_range(wire_ops *ops, const key_range &range, int64_t revision) {
@@ -64,6 +59,15 @@ void add_delete(wire_ops *ops, const key_range &range) {
     wire::DeleteRangeRequest *removal = ops->Add()->mutable_request_delete_range();
     removal->set_key(range.begin);
     if (!range.end.empty()) removal->set_range_end(range.end);
+}
+
+const wire::RangeResponse &range_in(const wire::TxnResponse &response, int op) {
+    return response.responses(op).response_range();
+}
+
+std::string value_in(const wire::TxnResponse &response, int op) {
+    const wire::RangeResponse &found = range_in(response, op);
+    return found.kvs_size() == 0 ? "" : found.kvs(0).value();
 }
 
 }  // namespace keyview::host

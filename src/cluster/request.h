@@ -17,12 +17,12 @@ using wire_ops = google::protobuf::RepeatedPtrField<wire::RequestOp>;
 // Every key of the range was created at that revision; with 0 there is none.
 void require_created(wire::TxnRequest *request, const key_range &range, int64_t revision);
 
-// The key exists; was last changed at that revision; has that value, or another one.
+// The key exists; was last changed at that revision; has that value, or with NOT_EQUAL
+// another one.
 void require_there(wire::TxnRequest *request, const std::string &key);
 void require_changed(wire::TxnRequest *request, const std::string &key, int64_t revision);
-void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value);
-void require_other_value(wire::TxnRequest *request, const std::string &key,
-                         const std::string &value);
+void require_value(wire::TxnRequest *request, const std::string &key, const std::string &value,
+                   wire::Compare::CompareResult result = wire::Compare::EQUAL);
 
 // Reads a range as of a revision; 0 for the present one.
 void add_range(wire_ops *ops, const key_range &range, int64_t revision = 0);
@@ -34,6 +34,10 @@ void add_put(wire_ops *ops, const std::string &key, const std::string &value, in
 void add_touch(wire_ops *ops, const std::string &key);
 
 void add_delete(wire_ops *ops, const key_range &range);
+
+// The result of a read among the operations; the first value of it, "" if there is none.
+const wire::RangeResponse &range_in(const wire::TxnResponse &response, int op);
+std::string value_in(const wire::TxnResponse &response, int op);
 
 }  // namespace keyview::host
 

@@ -147,10 +147,6 @@ class copier {
             parents->children_before[static_cast<size_t>(parent - parents->first) + 1] = passed;
     }
 
-    static bool is_name(std::string_view name) {
-        return name.find('.') == name.npos && path_fault(name) == nullptr;
-    }
-
     void copy_list(size_t depth, int row) {
         const level &above = levels_[depth];
         const level &below = levels_[depth + 1];
@@ -166,9 +162,9 @@ class copier {
             std::string_view name = elements(one.key()).substr(list.size() + 1);
             bool closed = !name.empty() && name.back() == SEPARATOR;
             if (closed) name.remove_suffix(1);
-            if (!closed || !is_name(name) || !out_->add(name, one.value(), below.children(child))) {
+            bool sound = closed && name.find('.') == name.npos && path_fault(name) == nullptr;
+            if (!sound || !out_->add(name, one.value(), below.children(child)))
                 throw damaged(one.key(), head_);
-            }
         }
         for (int child = first; child < last; ++child) {
             if (below.children(child) > 0) copy_list(depth + 1, child);
