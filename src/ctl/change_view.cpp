@@ -14,7 +14,7 @@
 
 namespace keyview::ctl {
 
-admin::change_options options_of(const tool &shared, bool dry_run) {
+static admin::change_options options_of(const tool &shared, bool dry_run) {
     admin::change_options options;
     options.dry_run = dry_run;
     options.prune = shared.prune;
@@ -94,8 +94,9 @@ static std::string list_for_people(const admin::change_result &changed) {
            " removed\n";
 }
 
-exit_code show_changes(const tool &shared, const admin::change_result &changed) {
-    if (shared.dry_run && !shared.compares) tell("a dry run: nothing was written");
+static exit_code show_changes(const tool &shared, const admin::change_result &changed,
+                              bool compares = false) {
+    if (shared.dry_run && !compares) tell("a dry run: nothing was written");
     if (shared.format == output_format::table) write_result(list_for_people(changed));
     if (shared.format == output_format::cmd) write_lines(commands_of(changed));
     if (shared.format == output_format::table || shared.format == output_format::cmd)
@@ -107,7 +108,7 @@ exit_code show_changes(const tool &shared, const admin::change_result &changed) 
         changes.push_back(change_view(one));
     change_counts counts = counts_of(changed);
     return show_answer(shared.format, "changes",
-                       {{"dry_run", number_view(shared.dry_run ? 1 : 0)},
+                       {{"dry_run", number_view(shared.dry_run || compares ? 1 : 0)},
                         {"revision", count_view(changed.revision)},
                         {"created", number_view(counts.created)},
                         {"replaced", number_view(counts.replaced)},
@@ -136,12 +137,13 @@ exit_code change_words(const session &library, const std::string &what, const wo
     return show_changes(library.shared, changed);
 }
 
-void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run) {
+// Asks a person at a terminal; throws if the answer is no.
+static void confirm(const tool &shared, const change_function &run) {
     if (shared.yes || shared.dry_run || !is_terminal(STDIN_FILENO) || !is_terminal(STDOUT_FILENO))
         return;
     admin::change_result planned;
     try {
-        planned = dry_run();
+        planned = run(options_of(shared, true));
     } catch (const admin::error &) {
         return;  // the change itself reports it
     }
@@ -154,6 +156,20 @@ void confirm(const tool &shared, const std::function<admin::change_result()> &dr
     if (answer == "y" || answer == "yes") return;
     throw tool_error{EXIT_NO, "nothing was changed", "", "the answer was no",
                      "--yes answers with yes"};
+}
+
+exit_code carry_out(const tool &shared, const change_command &command, const change_function &run) {
+    if (command.confirms) confirm(shared, run);
+    admin::change_result changed;
+    try {
+        changed = run(options_of(shared, shared.dry_run || command.compares));
+    } catch (const admin::error &failed) {
+        bool in_file = failed.kind == KEYVIEW_FAILURE_CONTENT && !command.file.empty();
+        const std::string &where = command.where.empty() ? shared.registry : command.where;
+        fail(failed, command.what, in_file ? file_label(command.file) : where);
+    }
+    (void)show_changes(shared, changed, command.compares);  // always EXIT_DONE
+    return command.compares && !changed.changes.empty() ? EXIT_NO : EXIT_DONE;
 }
 
 }  // namespace keyview::ctl

@@ -14,23 +14,18 @@
 
 namespace keyview::ctl {
 
-// What the command line asks of a change.
-admin::change_options options_of(const tool &shared, bool dry_run);
+// A change of the administration, as a command runs it.
+struct change_command {
+    std::string what;        // "the document is not applied"
+    std::string file = "";   // that it reads: there is the fault if the content is invalid
+    bool confirms = false;   // asks a person at a terminal first, unless --yes is given
+    bool compares = false;   // always a dry run; EXIT_NO if anything differs
+    std::string where = "";  // else the registry
+};
+using change_function = std::function<admin::change_result(const admin::change_options &)>;
 
-// Runs a change that reads a file. A failure is located in the file if its content is at fault, else
-// in the registry.
-template <typename work>
-admin::change_result attempt_with_file(const tool &shared, const std::string &what,
-                                       const std::string &file, work &&run) {
-    try {
-        return run();
-    } catch (const admin::error &failed) {
-        fail(failed, what,
-             failed.kind == KEYVIEW_FAILURE_CONTENT ? file_label(file) : shared.registry);
-    }
-}
-
-exit_code show_changes(const tool &shared, const admin::change_result &changed);
+// Runs a change and shows what it changed.
+exit_code carry_out(const tool &shared, const change_command &command, const change_function &run);
 
 // A key whose text an operation of the library replaces; with all_below, every key of the same last
 // element below its parent, too.
@@ -44,17 +39,13 @@ struct word_change {
 exit_code change_words(const session &library, const std::string &what, const word_change &wanted,
                        const std::function<int32_t()> &operation);
 
-// One change: path, before and after; no key is null. revision and since stand before them where
-// they are told.
+// One change: path, before and after; no key is null. revision and since precede them where
+// they are shown.
 view change_view(const admin::key_change &change);
 std::string change_for_people(const admin::key_change &change);
 
 // The command that makes a key what it is.
 std::string set_command(const std::string &path, const std::string &value);
-
-// Asks a person who sits at a terminal on both ends; throws if the answer is no. changed is what
-// will happen.
-void confirm(const tool &shared, const std::function<admin::change_result()> &dry_run);
 
 }  // namespace keyview::ctl
 

@@ -13,60 +13,51 @@ namespace keyview::ctl {
 // No key path is longer.
 static constexpr size_t MAX_NAME = 2047;
 
-static constexpr struct {
+namespace {
+struct argument_row {
     const char *word, *description;
-} ARGUMENTS[] = {
-    {"DB", "Name of the database, in any case"},
-    {"SERVICE", "Name of the service, in any case"},
-    {"INSTANCE", "Name of the instance, in any case"},
-    {"--service", "Of this service, not of the database"},
-    {"--instance", "Of this instance; with --service, of the service's instance"},
-    {"ROLE", "The new role, in any case"},
-    {"NODE", "Name of the node"},
-    {"SCOPE", "Scope of the storage manager entry, such as its node"},
-    {"NAME", "Name of the storage manager entry, in any case"},
+    bool is_name = false;
+    bool tool::*flag = nullptr;  // of an option without a value
+};
+}  // namespace
+
+static constexpr argument_row ARGUMENTS[] = {
+    {"DB", "Name of the database, in any case", true},
+    {"SERVICE", "Name of the service, in any case", true},
+    {"INSTANCE", "Name of the instance, in any case", true},
+    {"--service", "Of this service, not of the database", true},
+    {"--instance", "Of this instance; with --service, of the service's instance", true},
+    {"ROLE", "The new role, in any case", true},
+    {"NODE", "Name of the node", true},
+    {"SCOPE", "Scope of the storage manager entry, such as its node", true},
+    {"NAME", "Name of the storage manager entry, in any case", true},
+    {"KEY", "The key's path"},
+    {"FILE", "The file to read or write; - for standard input or output"},
+    {"CODE", "The exit code, or its word"},
+    {"SHELL", "bash, zsh or fish"},
+    {"PAGE", "keyviewctl, keyview-document or keyview-keys"},
+    {"--to", "URL of the other registry"},
+    {"--dry-run", "Show what would change and write nothing", false, &tool::dry_run},
+    {"--yes", "Do not ask for a confirmation", false, &tool::yes},
+    {"--prune", "Also remove what the document does not contain", false, &tool::prune},
+    {"--force", "Also if it holds keys: those that are not in the copy are removed", false,
+     &tool::force},
+    {"--resume", "Complete it", false, &tool::resume},
+    {"--undo", "Take it back", false, &tool::undo},
+    {"--fields", "The fields of a cluster document instead", false, &tool::fields},
 };
 
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                      const std::function<exit_code()> &run) {
+                      const std::function<exit_code()> &run, bool plain) {
     CLI::App *command = app->add_subcommand(name, description);
     command->fallthrough();
     std::string group = app->get_parent() == nullptr ? "" : app->get_name() + " ";
-    command->callback([shared, run, full_name = group + name] {
+    command->callback([shared, run, plain, full_name = group + name] {
         shared->command = full_name;
+        shared->needs_registry = !plain;
         shared->run = run;
     });
     return command;
-}
-
-CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                            const std::function<exit_code()> &run) {
-    CLI::App *command = add_command(app, shared, name, description, run);
-    command->callback([shared, run] {
-        shared->needs_registry = false;
-        shared->run = run;
-    });
-    return command;
-}
-
-void add_text(CLI::App *command, const char *name, std::string *text, const char *description,
-              need needed) {
-    command->add_option(name, *text, description)->required(needed == need::required);
-}
-
-void add_flag(CLI::App *command, const char *name, bool *flag, const char *description) {
-    command->add_flag(name, *flag, description);
-}
-
-static void add_dry_run(CLI::App *command, tool *shared) {
-    command->add_flag("--dry-run", shared->dry_run, "Tell what would change and write nothing");
-}
-
-void add_write_options(CLI::App *command, tool *shared) {
-    add_dry_run(command, shared);
-    command->add_option("--if-revision", shared->if_revision,
-                        "Write only if the tree is still at this revision");
-    command->add_flag("--yes", shared->yes, "Do not ask");
 }
 
 // What is wrong with a name; empty if nothing is.
@@ -75,31 +66,35 @@ static std::string name_fault(const std::string &name) {
     return name.size() > MAX_NAME ? "the name is too long" : "";
 }
 
-static void add_argument(CLI::App *command, std::string word, std::string *value) {
-    bool needed = word.front() != '[' && word.front() != '-';
-    if (word.front() == '[') word = word.substr(1, word.size() - 2);
-    const char *description = "";
-    for (const auto &row : ARGUMENTS) {
-        if (word == row.word) description = row.description;
+static void add_argument(CLI::App *command, tool *shared, const argument_row &row, bool needed,
+                         std::string *value) {
+    if (row.flag != nullptr) {
+        command->add_flag(row.word, shared->*row.flag, row.description);
+        return;
     }
-    CLI::Option *option = command->add_option(word, *value, description);
-    option->required(needed)->check(name_fault, "", "");
-    if (word == "ROLE")
-        option->transform(CLI::IsMember(
-            std::vector<std::string>(std::begin(ROLES), std::end(ROLES)), CLI::ignore_case));
+    CLI::Option *option = command->add_option(row.word, *value, row.description)->required(needed);
+    if (row.is_name) option->check(name_fault, "", "");
+    if (row.word == std::string("ROLE")) {
+        std::vector<std::string> roles(std::begin(ROLES), std::end(ROLES));
+        option->transform(CLI::IsMember(roles, CLI::ignore_case));
+    }
 }
 
-void add_name_command(CLI::App *app, tool *shared, const name_command &command) {
-    std::istringstream split(command.arguments);
+void add_arguments(CLI::App *command, tool *shared, const char *arguments,
+                   const std::shared_ptr<given_names> &names) {
+    std::istringstream split(arguments);
     using words = std::istream_iterator<std::string>;
-    const std::vector<std::string> arguments(words(split), words{});
-    auto names = std::make_shared<given_names>(arguments.size());
-    CLI::App *added =
-        add_command(app, shared, command.name, command.description,
-                    [shared, names, &command] { return command.run(*shared, *names); });
-    for (size_t n = 0; n < arguments.size(); ++n)
-        add_argument(added, arguments[n], &(*names)[n]);
-    if (command.writes) add_dry_run(added, shared);
+    const std::vector<std::string> all(words(split), words{});
+    names->resize(all.size());
+    for (size_t n = 0; n < all.size(); ++n) {
+        bool optional = all[n].front() == '[' || (all[n].front() == '-' && all[n] != "--to");
+        std::string word = all[n].front() == '[' ? all[n].substr(1, all[n].size() - 2) : all[n];
+        if (word == "--if-revision")
+            command->add_option(word, shared->if_revision,
+                                "Write only if the tree is still at this revision");
+        for (const argument_row &row : ARGUMENTS)
+            if (word == row.word) add_argument(command, shared, row, !optional, &(*names)[n]);
+    }
 }
 
 }  // namespace keyview::ctl

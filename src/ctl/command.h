@@ -26,12 +26,11 @@ struct tool {
     bool registry_given = false;  // by the option, be it ""
     output_format format = output_format::table;
     bool needs_registry = true;
-    // Of commands that change the tree.
-    bool dry_run = false;
-    bool compares = false;  // a dry run is all that is meant
-    bool yes = false;
-    bool prune = false;
+    // What commands have as options; see ARGUMENTS in command.cpp.
+    bool dry_run = false, yes = false, prune = false, force = false;
+    bool resume = false, undo = false, fields = false;
     uint64_t if_revision = 0;
+    const CLI::App *app = nullptr;
     std::string command;             // the chosen one's name
     std::function<exit_code()> run;  // it; throws tool_error
     std::unique_ptr<progress> told;  // to a person, while it runs
@@ -55,41 +54,35 @@ void add_check_commands(CLI::App *app, tool *shared);         // check, lint
 void add_doctor_commands(CLI::App *app, tool *shared);        // doctor, recover
 void add_help_commands(CLI::App *app, tool *shared);          // errors, config, completion, manual
 
-// One command: run takes no arguments, what it needs is bound to it.
+// One command: run takes no arguments, what it needs is bound to it. A plain one uses no registry.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                      const std::function<exit_code()> &run);
+                      const std::function<exit_code()> &run, bool plain = false);
 
-// The same for a command that asks no registry.
-CLI::App *add_plain_command(CLI::App *app, tool *shared, const char *name, const char *description,
-                            const std::function<exit_code()> &run);
-
-// One argument, or an option with its value; and an option without one.
-enum class need { optional, required };
-void add_text(CLI::App *command, const char *name, std::string *text, const char *description,
-              need needed = need::optional);
-void add_flag(CLI::App *command, const char *name, bool *flag, const char *description);
-
-// --dry-run, --if-revision and --yes.
-void add_write_options(CLI::App *command, tool *shared);
-
-// The names that a command was given, in the order of its arguments; "" for one that was not.
+// What a command was given, in the order of its arguments; "" for one that was not.
 using given_names = std::vector<std::string>;
 
-// A command whose arguments are names, which is most of them.
-struct name_command {
+// A command whose arguments and options are rows of ARGUMENTS, which is most of them.
+struct command_row {
     const char *name;
     const char *description;
     const char *arguments;  // "DB SERVICE": each needed; "DB [INSTANCE]", "DB --service": or not
     exit_code (*run)(const tool &shared, const given_names &names);
-    bool writes = false;  // then it has --dry-run
+    bool plain = false;
 };
 
-void add_name_command(CLI::App *app, tool *shared, const name_command &command);
+// Adds the options that arguments lists; the values go to names, in their order.
+void add_arguments(CLI::App *command, tool *shared, const char *arguments,
+                   const std::shared_ptr<given_names> &names);
 
 template <size_t count>
-void add_name_commands(CLI::App *app, tool *shared, const name_command (&commands)[count]) {
-    for (const name_command &command : commands)
-        add_name_command(app, shared, command);
+void add_commands(CLI::App *app, tool *shared, const command_row (&rows)[count]) {
+    for (const command_row &row : rows) {
+        auto names = std::make_shared<given_names>();
+        CLI::App *added = add_command(
+            app, shared, row.name, row.description,
+            [shared, names, &row] { return row.run(*shared, *names); }, row.plain);
+        add_arguments(added, shared, row.arguments, names);
+    }
 }
 
 }  // namespace keyview::ctl

@@ -1,6 +1,4 @@
 // backup, restore and copy: the whole tree out of a registry and into one.
-#include <memory>
-
 #include "admin/care/backup.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
@@ -9,7 +7,8 @@
 
 namespace keyview::ctl {
 
-static exit_code run_backup(const tool &shared, const std::string &file) {
+static exit_code run_backup(const tool &shared, const given_names &names) {
+    const std::string &file = names[0];
     admin::backup saved =
         attempt("the registry is not backed up", shared.registry, admin::backup_registry);
     if (file == "-") {
@@ -23,50 +22,34 @@ static exit_code run_backup(const tool &shared, const std::string &file) {
                         {"keys", count_view(saved.keys)}});
 }
 
-static exit_code run_restore(const tool &shared, const std::string &file, bool force) {
-    std::string content = read_file(file);
-    if (force) {
-        confirm(shared,
-                [&] { return admin::restore_registry(content, force, options_of(shared, true)); });
-    }
-    show_changes(shared, attempt_with_file(shared, "the backup is not restored", file, [&] {
-                     return admin::restore_registry(content, force,
-                                                    options_of(shared, shared.dry_run));
-                 }));
-    return EXIT_DONE;
+static exit_code run_restore(const tool &shared, const given_names &names) {
+    std::string content = read_file(names[0]);
+    return carry_out(shared, {"the backup is not restored", names[0], shared.force},
+                     [&](const admin::change_options &options) {
+                         return admin::restore_registry(content, shared.force, options);
+                     });
 }
 
-static exit_code run_copy(const tool &shared, const std::string &url, bool force) {
-    show_changes(shared, attempt("the registry is not copied", shared.registry + " to " + url, [&] {
-                     return admin::copy_registry(url, force, options_of(shared, shared.dry_run));
-                 }));
-    return EXIT_DONE;
+static exit_code run_copy(const tool &shared, const given_names &names) {
+    const std::string &url = names[0];
+    return carry_out(
+        shared, {"the registry is not copied", "", false, false, shared.registry + " to " + url},
+        [&](const admin::change_options &options) {
+            return admin::copy_registry(url, shared.force, options);
+        });
 }
 
-// ---- The commands -------------------------------------------------------------------------------
+static constexpr command_row COMMANDS[] = {
+    {"backup", "Write the whole tree, as of one moment, into a file with mode 0600", "FILE",
+     run_backup},
+    {"restore", "Make the tree what a backup holds, all of it or nothing",
+     "FILE --force --dry-run --if-revision --yes", run_restore},
+    {"copy", "Copy the whole tree into another registry",
+     "--to --force --dry-run --if-revision --yes", run_copy},
+};
 
 void add_backup_commands(CLI::App *app, tool *shared) {
-    auto file = std::make_shared<std::string>();
-    auto force = std::make_shared<bool>(false);
-    CLI::App *backup =
-        add_command(app, shared, "backup", "Write the whole tree, as of one moment, into a file",
-                    [=] { return run_backup(*shared, *file); });
-    add_text(backup, "FILE", file.get(), "Where to write it, with mode 0600; - for standard output",
-             need::required);
-
-    CLI::App *restore = add_command(app, shared, "restore",
-                                    "Make the tree what a backup holds, all of it or nothing",
-                                    [=] { return run_restore(*shared, *file, *force); });
-    add_text(restore, "FILE", file.get(), "The backup; - for standard input", need::required);
-
-    CLI::App *copy = add_command(app, shared, "copy", "Copy the whole tree into another registry",
-                                 [=] { return run_copy(*shared, *file, *force); });
-    add_text(copy, "--to", file.get(), "URL of the other registry", need::required);
-    for (CLI::App *command : {restore, copy}) {
-        add_flag(command, "--force", force.get(),
-                 "Also if it holds keys: those that are not in the copy are removed");
-        add_write_options(command, shared);
-    }
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

@@ -11,13 +11,8 @@ static view damage_view(const admin::problem &found) {
     return {view_fields{{"place", {found.place}}, {"reason", {found.reason}}}};
 }
 
-static std::string sound_text(const admin::check_report &report) {
-    return "no damage: " + std::to_string(report.keys) + " keys on " +
-           std::to_string(report.pages) + " pages\n";
-}
-
 // The findings are the result; a check that could not be made is an error.
-static exit_code run_check(const tool &shared) {
+static exit_code run_check(const tool &shared, const given_names &) {
     admin::check_report report =
         attempt("the registry cannot be checked", shared.registry, admin::check_registry);
     view_list findings;
@@ -25,7 +20,8 @@ static exit_code run_check(const tool &shared) {
         findings.push_back(damage_view(found));
     bool people = shared.format == output_format::table;
     if (people && findings.empty()) {
-        write_result(sound_text(report));
+        write_result("no damage: " + std::to_string(report.keys) + " keys on " +
+                     std::to_string(report.pages) + " pages\n");
         return EXIT_DONE;
     }
     if (people && report.damage.more() > 0) {
@@ -75,7 +71,7 @@ static std::string findings_for_people(const admin::lint_result &result) {
     return out;
 }
 
-static exit_code run_lint(const tool &shared) {
+static exit_code run_lint(const tool &shared, const given_names &) {
     admin::lint_result result =
         attempt("the registry cannot be inspected", shared.registry, admin::lint_registry);
     exit_code code = result.findings.empty() ? EXIT_DONE : EXIT_CONTENT;
@@ -91,16 +87,16 @@ static exit_code run_lint(const tool &shared) {
     return code;
 }
 
-// ---- The commands -------------------------------------------------------------------------------
+static constexpr command_row COMMANDS[] = {
+    {"check",
+     "Inspect the whole registry for damage: exit code 0 if there is none, 8 with findings", "",
+     run_check},
+    {"lint", "Find what readers misread: exit code 0 if there is nothing, 8 with findings", "",
+     run_lint},
+};
 
 void add_check_commands(CLI::App *app, tool *shared) {
-    add_command(
-        app, shared, "check",
-        "Inspect the whole registry for damage: exit code 0 if there is none, 8 with findings",
-        [shared] { return run_check(*shared); });
-    add_command(app, shared, "lint",
-                "Find what readers misread: exit code 0 if there is nothing, 8 with findings",
-                [shared] { return run_lint(*shared); });
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

@@ -98,13 +98,13 @@ static exit_code run_supported(const session &library, const given_names &names)
     return show_answer_for(library, names, "supported", supported, flag_view(supported));
 }
 
-static constexpr name_command COMMANDS[] = {
+static constexpr command_row COMMANDS[] = {
     {"enable",
      "Enable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance", with_library<run_change<1>>, true},
+     "DB --service --instance --dry-run", with_library<run_change<1>>},
     {"disable",
      "Disable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance", with_library<run_change<0>>, true},
+     "DB --service --instance --dry-run", with_library<run_change<0>>},
     {"enabled", "Report whether one of these is enabled: exit code 0, or disabled: 1",
      "DB --service --instance", with_library<run_enabled>},
     {"supported",
@@ -114,7 +114,7 @@ static constexpr name_command COMMANDS[] = {
 };
 
 void add_enable_commands(CLI::App *app, tool *shared) {
-    add_name_commands(app, shared, COMMANDS);
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

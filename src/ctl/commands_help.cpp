@@ -21,13 +21,12 @@ static view exit_view(const exit_row &row) {
                         {"do", {row.todo}}}};
 }
 
-static exit_code run_errors(const tool &shared, const std::string &code) {
+static exit_code run_errors(const tool &shared, const given_names &names) {
+    const std::string &code = names[0];
     view_list rows;
-    for (const exit_row *row = begin_exits(); row != end_exits(); ++row) {
-        if (code.empty() || code == std::to_string(row->code) || code == row->word) {
-            rows.push_back(exit_view(*row));
-        }
-    }
+    for (const exit_row &row : exit_rows())
+        if (code.empty() || code == std::to_string(row.code) || code == row.word)
+            rows.push_back(exit_view(row));
     if (rows.empty()) {
         throw tool_error{EXIT_NOT_FOUND, "there is no exit code " + code, "", "",
                          "\"keyviewctl errors\" shows all of them"};
@@ -35,15 +34,16 @@ static exit_code run_errors(const tool &shared, const std::string &code) {
     return show_result(shared.format, "errors", "errors", {std::move(rows)});
 }
 
-static exit_code run_config(tool *shared) {
+static exit_code run_config(const tool &shared, const given_names &) {
     view_list rows;
-    for (const setting *one : shared->chosen.all()) {
+    settings chosen = shared.chosen;
+    for (const setting *one : chosen.all()) {
         rows.push_back({view_fields{{"setting", {one->name}},
                                     {"value", optional_view(one->value)},
                                     {"origin", {one->origin}},
                                     {"variable", {one->variable}}}});
     }
-    return show_result(shared->format, "config", "config", {std::move(rows)});
+    return show_result(shared.format, "config", "config", {std::move(rows)});
 }
 
 static exit_code show_text(const std::string &text, const std::string &what,
@@ -51,6 +51,16 @@ static exit_code show_text(const std::string &text, const std::string &what,
     if (text.empty()) throw tool_error{EXIT_NOT_FOUND, what, "", "", todo};
     write_result(text);
     return EXIT_DONE;
+}
+
+static exit_code run_completion(const tool &, const given_names &names) {
+    return show_text(completion_script(names[0]), "there is no script for " + names[0],
+                     "the shells are bash, zsh and fish");
+}
+
+static exit_code run_manual(const tool &shared, const given_names &names) {
+    return show_text(manual_page(*shared.app, names[0]), "there is no page " + names[0],
+                     "the pages are keyviewctl, keyview-document and keyview-keys");
 }
 
 // A shell waits with its prompt meanwhile, so a registry that does not answer soon has no names.
@@ -69,42 +79,27 @@ static std::string registry_of(const tool &shared, const std::vector<std::string
     return shared.registry;
 }
 
-// Asked by a shell at each key: a lock is not waited for, and a failure stays silent.
-static exit_code run_complete(const CLI::App &app, const tool &shared,
-                              const std::vector<std::string> &words) {
+// Run by a shell at each key: does not wait for locks, and a failure stays silent.
+static exit_code run_complete(const tool &shared, const std::vector<std::string> &words) {
     end_silently_soon();
     (void)keyview_host_set_registry(registry_of(shared, words).c_str());
     (void)keyview_host_set_lock_wait(0);
-    write_result(candidates_for(app, words));
+    write_result(candidates_for(*shared.app, words));
     return EXIT_DONE;
 }
 
+static constexpr command_row COMMANDS[] = {
+    {"errors", "Show what the exit codes mean, or one of them", "[CODE]", run_errors, true},
+    {"config", "Show each setting and where it comes from", "", run_config, true},
+    {"completion", "Write the script by which a shell completes", "SHELL", run_completion, true},
+    {"manual", "Write a manual page as roff", "PAGE", run_manual, true},
+};
+
 void add_help_commands(CLI::App *app, tool *shared) {
-    auto word = std::make_shared<std::string>();
-    add_plain_command(app, shared, "errors", "Tell what the exit codes mean, or one of them", [=] {
-        return run_errors(*shared, *word);
-    })->add_option("CODE", *word, "The exit code, or its word");
-    add_plain_command(app, shared, "config", "Tell each setting and where it comes from",
-                      [=] { return run_config(shared); });
-    add_plain_command(app, shared, "completion", "Write the script by which a shell completes",
-                      [=] {
-                          return show_text(completion_script(*word),
-                                           "there is no script for " + *word,
-                                           "the shells are bash, zsh and fish");
-                      })
-        ->add_option("SHELL", *word, "bash, zsh or fish")
-        ->required();
-    add_plain_command(app, shared, "manual", "Write a manual page as roff",
-                      [=] {
-                          return show_text(
-                              manual_page(*app, *word), "there is no page " + *word,
-                              "the pages are keyviewctl, keyview-document and keyview-keys");
-                      })
-        ->add_option("PAGE", *word, "keyviewctl, keyview-document or keyview-keys")
-        ->required();
+    add_commands(app, shared, COMMANDS);
     auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App *complete = add_plain_command(app, shared, "__complete", "",
-                                           [=] { return run_complete(*app, *shared, *words); });
+    CLI::App *complete = add_command(
+        app, shared, "__complete", "", [=] { return run_complete(*shared, *words); }, true);
     complete->group("");
     complete->add_option("WORD", *words, "The words so far");
 }

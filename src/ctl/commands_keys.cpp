@@ -29,7 +29,8 @@ static view people_value(const std::string &value) {
 }
 
 // For people and as bare text a value comes without its zero byte, for programs as it is stored.
-static exit_code run_get(const tool &shared, const std::string &path) {
+static exit_code run_get(const tool &shared, const given_names &names) {
+    const std::string &path = names[0];
     admin::read_keys_result found = read(shared, path, reach::key_alone);
     const std::string &value = found.keys.begin()->second;
     if (shared.format == output_format::cmd) {
@@ -72,19 +73,21 @@ static exit_code show_keys(const tool &shared, const admin::read_keys_result &fo
                        {{"revision", count_view(found.revision)}, {"keys", {std::move(rows)}}});
 }
 
-static exit_code run_ls(const tool &shared, const std::string &path) {
-    admin::read_keys_result found = read(shared, path.empty() ? ROOT : path, reach::children);
+static exit_code run_ls(const tool &shared, const given_names &names) {
+    admin::read_keys_result found =
+        read(shared, names[0].empty() ? ROOT : names[0], reach::children);
     found.keys.erase(found.keys.begin());
-    bool names = shared.format == output_format::table || shared.format == output_format::raw;
-    if (!names) return show_keys(shared, found);
+    bool bare = shared.format == output_format::table || shared.format == output_format::raw;
+    if (!bare) return show_keys(shared, found);
     view_list children;
     for (const auto &[child, value] : found.keys)
         children.push_back({std::string(last_element(child))});
     return show_result(shared.format, "keys", "keys", {std::move(children)});
 }
 
-static exit_code run_tree(const tool &shared, const std::string &path) {
-    admin::read_keys_result found = read(shared, path.empty() ? ROOT : path, reach::all_below);
+static exit_code run_tree(const tool &shared, const given_names &names) {
+    admin::read_keys_result found =
+        read(shared, names[0].empty() ? ROOT : names[0], reach::all_below);
     if (shared.format != output_format::table) return show_keys(shared, found);
     write_result(indented(found.keys));
     return EXIT_DONE;
@@ -117,8 +120,9 @@ static exit_code show_fields(const tool &shared) {
     return show_result(shared.format, "fields", "fields", {std::move(rows)});
 }
 
-static exit_code run_explain(const tool &shared, const std::string &path, bool fields) {
-    if (fields) return show_fields(shared);
+static exit_code run_explain(const tool &shared, const given_names &names) {
+    const std::string &path = names[0];
+    if (shared.fields) return show_fields(shared);
     if (!path.empty()) {
         auto meaning = admin::meaning_of(path);
         if (!meaning) {
@@ -162,66 +166,42 @@ static std::string stored_value(const std::string &path, const std::string &how,
 static exit_code run_set(const tool &shared, const std::string &path, const std::string &how,
                          const std::vector<std::string> &values) {
     std::string value = stored_value(path, how, values);
-    show_changes(shared, attempt(path + " is not set", shared.registry, [&] {
-                     return admin::set_key(path, value, options_of(shared, shared.dry_run));
-                 }));
-    return EXIT_DONE;
+    return carry_out(shared, {path + " is not set"}, [&](const admin::change_options &options) {
+        return admin::set_key(path, value, options);
+    });
 }
 
-static exit_code run_rm(const tool &shared, const std::string &path) {
-    confirm(shared, [&] { return admin::remove_key(path, options_of(shared, true)); });
-    show_changes(shared, attempt(path + " is not removed", shared.registry, [&] {
-                     return admin::remove_key(path, options_of(shared, shared.dry_run));
-                 }));
-    return EXIT_DONE;
+static exit_code run_rm(const tool &shared, const given_names &names) {
+    return carry_out(
+        shared, {names[0] + " is not removed", "", true},
+        [&](const admin::change_options &options) { return admin::remove_key(names[0], options); });
 }
 
 // ---- The commands -------------------------------------------------------------------------------
 
-static void add_set_and_rm(CLI::App *app, tool *shared) {
-    auto path = std::make_shared<std::string>();
+static constexpr command_row COMMANDS[] = {
+    {"get", "Show the value of a key", "KEY", run_get},
+    {"ls", "List the keys one level below a key, or below the root", "[KEY]", run_ls},
+    {"tree", "Show a key, or the root, with all that is below it", "[KEY]", run_tree},
+    {"explain",
+     "Explain what a key means, which commands use it and how it is stored; or all keys. A path may "
+     "have <db> and such for its names",
+     "[KEY] --fields", run_explain, true},
+    {"rm", "Remove a key with all that is below it", "KEY --dry-run --if-revision --yes", run_rm},
+};
+
+void add_key_commands(CLI::App *app, tool *shared) {
+    add_commands(app, shared, COMMANDS);
+    auto path = std::make_shared<given_names>();
     auto how = std::make_shared<std::string>();
     auto values = std::make_shared<std::vector<std::string>>();
     CLI::App *set = add_command(app, shared, "set",
                                 "Create a key, or replace its value, checked by what the key means",
-                                [=] { return run_set(*shared, *path, *how, *values); });
-    set->add_option("KEY", *path, "The key's path")->required();
+                                [=] { return run_set(*shared, path->front(), *how, *values); });
+    add_arguments(set, shared, "KEY --dry-run --if-revision --yes", path);
     set->add_option("VALUE", *values, "The value; the strings of a list");
     set->add_option("--as", *how, "Unchecked: text, list, or bytes in base64")
         ->check(CLI::IsMember({"text", "list", "base64"}));
-    add_write_options(set, shared);
-    CLI::App *rm = add_command(app, shared, "rm", "Remove a key with all that is below it",
-                               [=] { return run_rm(*shared, *path); });
-    rm->add_option("KEY", *path, "The key's path")->required();
-    add_write_options(rm, shared);
-}
-
-void add_key_commands(CLI::App *app, tool *shared) {
-    const struct {
-        const char *name, *description;
-        exit_code (*run)(const tool &shared, const std::string &path);
-        bool needed;
-    } COMMANDS[] = {
-        {"get", "Show the value of a key", run_get, true},
-        {"ls", "List the keys one level below a key", run_ls, false},
-        {"tree", "Show a key with all that is below it", run_tree, false},
-    };
-    for (const auto &row : COMMANDS) {
-        auto path = std::make_shared<std::string>();
-        auto run = row.run;
-        add_command(app, shared, row.name, row.description, [=] { return run(*shared, *path); })
-            ->add_option("KEY", *path, "The key's path")
-            ->required(row.needed);
-    }
-    auto path = std::make_shared<std::string>();
-    auto fields = std::make_shared<bool>(false);
-    CLI::App *explain = add_plain_command(
-        app, shared, "explain",
-        "Explain what a key means, which commands use it and how it is stored; or all keys",
-        [=] { return run_explain(*shared, *path, *fields); });
-    add_text(explain, "KEY", path.get(), "The key's path, or one with <db> and such for its names");
-    add_flag(explain, "--fields", fields.get(), "The fields of a cluster document instead");
-    add_set_and_rm(app, shared);
 }
 
 }  // namespace keyview::ctl

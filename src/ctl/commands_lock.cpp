@@ -81,7 +81,7 @@ static exit_code run_lock(const tool &shared, const run_options &options) {
     return static_cast<exit_code>(wait_for(child, lock));
 }
 
-static exit_code run_list(const tool &shared) {
+static exit_code run_list(const tool &shared, const given_names &) {
     view_list rows;
     for (const admin::lock_user &user :
          attempt("the locks cannot be listed", shared.registry, admin::list_locks)) {
@@ -92,6 +92,11 @@ static exit_code run_list(const tool &shared) {
     }
     return show_result(shared.format, "locks", "locks", {std::move(rows)});
 }
+
+static constexpr command_row COMMANDS[] = {
+    {"list", "List the holders of locks and their waiters, as far as the registry knows", "",
+     run_list},
+};
 
 void add_lock_commands(CLI::App *app, tool *shared) {
     CLI::App *lock = app->add_subcommand("lock", "Use the cluster's named locks");
@@ -110,9 +115,7 @@ void add_lock_commands(CLI::App *app, tool *shared) {
         ->check(CLI::Range(0.0, 86400.0));
     run->add_option("CMD", options->command, "The command with its arguments, behind --")
         ->required();
-    add_command(lock, shared, "list",
-                "List the holders of locks and those who wait, as far as the registry knows",
-                [shared] { return run_list(*shared); });
+    add_commands(lock, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

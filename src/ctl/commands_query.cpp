@@ -128,12 +128,13 @@ static exit_code run_instance_on(const session &library, const given_names &name
     return exit_of_answer(name.empty() ? 0 : 1);
 }
 
-static constexpr name_command COMMANDS[] = {
+static constexpr command_row COMMANDS[] = {
     {"roster", "List on which instances and nodes a service runs; available: it takes over",
      "DB SERVICE", with_library<run_roster>},
     {"policy", "Show the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
      with_library<run_policy>},
-    {"role", "Show the role of a database, or set it", "DB [ROLE]", with_library<run_role>, true},
+    {"role", "Show the role of a database, or set it", "DB [ROLE] --dry-run",
+     with_library<run_role>},
     {"domain", "Show the domain of a database", "DB", with_library<run_domain>},
     {"name", "Show the registered name of a database or of an instance", "DB [INSTANCE]",
      with_library<run_name>},
@@ -142,7 +143,7 @@ static constexpr name_command COMMANDS[] = {
 };
 
 void add_query_commands(CLI::App *app, tool *shared) {
-    add_name_commands(app, shared, COMMANDS);
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

@@ -18,13 +18,13 @@ static exit_code run_show(const session &library, const given_names &names) {
     return show_result(format, "prsr_cfg", "record", view_of(*found.record, format));
 }
 
-static constexpr name_command COMMANDS[] = {
+static constexpr command_row COMMANDS[] = {
     {"list", "List the databases by their registered names", "", with_library<run_list>},
     {"show", "Show the whole record of a database", "DB", with_library<run_show>},
 };
 
 void add_show_commands(CLI::App *app, tool *shared) {
-    add_name_commands(app, shared, COMMANDS);
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

@@ -23,33 +23,29 @@ static view named_instances(char *const *names, const int32_t *flags, uint32_t c
     return {std::move(list)};
 }
 
-static view_list instance_rows(const prsr_cfg &record) {
+// The fields of each record of an array.
+template <typename record>
+static view_list rows_of(record *const *records, uint32_t count,
+                         view_fields (*fields_of)(const record &)) {
     view_list rows;
-    for (uint32_t n = 0; n < record.instance_count && record.instances != nullptr; ++n) {
-        const prsr_inst_cfg *one = record.instances[n];
-        if (one == nullptr) continue;
-        rows.push_back({view_fields{{"instance", text_view(one->name)},
-                                    {"node", text_view(one->node)},
-                                    {"state", enabled_view(one->enabled)}}});
-    }
+    for (uint32_t n = 0; n < count && records != nullptr; ++n)
+        if (records[n] != nullptr) rows.push_back({fields_of(*records[n])});
     return rows;
 }
 
-static view_list service_rows(const prsr_cfg &record) {
-    view_list rows;
-    for (uint32_t n = 0; n < record.service_count && record.services != nullptr; ++n) {
-        const prsr_srv_cfg *one = record.services[n];
-        if (one == nullptr) continue;
-        rows.push_back({view_fields{
-            {"service", text_view(one->name)},
-            {"state", enabled_view(one->enabled)},
-            {"failover", policy_view(one->rcn_policy)},
-            {"preferred",
-             named_instances(one->preferred, one->preferred_enabled, one->preferred_count)},
-            {"available",
-             named_instances(one->available, one->available_enabled, one->available_count)}}});
-    }
-    return rows;
+static view_fields instance_fields(const prsr_inst_cfg &one) {
+    return {{"instance", text_view(one.name)},
+            {"node", text_view(one.node)},
+            {"state", enabled_view(one.enabled)}};
+}
+
+static view_fields service_fields(const prsr_srv_cfg &one) {
+    return {
+        {"service", text_view(one.name)},
+        {"state", enabled_view(one.enabled)},
+        {"failover", policy_view(one.rcn_policy)},
+        {"preferred", named_instances(one.preferred, one.preferred_enabled, one.preferred_count)},
+        {"available", named_instances(one.available, one.available_enabled, one.available_count)}};
 }
 
 static std::string section(const view_list &rows) {
@@ -60,12 +56,14 @@ static exit_code show_database(const session &library, const std::string &dbname
     fetched_database found(library, dbname);
     library.check(found.rc, "the status of database " + dbname + " cannot be read");
     const prsr_cfg &record = *found.record;
+    view_list instances = rows_of(record.instances, record.instance_count, instance_fields),
+              services = rows_of(record.services, record.service_count, service_fields);
     if (library.shared.format == output_format::table) {
         std::string head = "database " + escaped(text_of(record.sp_name)) + ": " +
                            (record.enabled != 0 ? "enabled" : "disabled") + ", role " +
                            escaped(text_of(record.role)) + ", policy " +
                            escaped(text_of(record.policy)) + "\n";
-        write_result(head + section(instance_rows(record)) + section(service_rows(record)));
+        write_result(head + section(instances) + section(services));
         return EXIT_DONE;
     }
     return show_result(library.shared.format, "database_status", "status",
@@ -73,15 +71,11 @@ static exit_code show_database(const session &library, const std::string &dbname
                                     {"enabled", flag_view(record.enabled)},
                                     {"role", text_view(record.role)},
                                     {"policy", text_view(record.policy)},
-                                    {"instances", {instance_rows(record)}},
-                                    {"services", {service_rows(record)}}}});
+                                    {"instances", {std::move(instances)}},
+                                    {"services", {std::move(services)}}}});
 }
 
 // ---- All of them --------------------------------------------------------------------------------
-
-static view share_view(int64_t enabled, int64_t all) {
-    return {std::to_string(enabled) + " of " + std::to_string(all)};
-}
 
 template <typename record>
 static int64_t enabled_of(record *const *records, uint32_t count) {
@@ -92,20 +86,21 @@ static int64_t enabled_of(record *const *records, uint32_t count) {
 }
 
 static view database_row(const prsr_cfg &record, bool people) {
-    int64_t instances = enabled_of(record.instances, record.instance_count),
-            services = enabled_of(record.services, record.service_count);
     view_fields fields = {{"database", text_view(record.sp_name)},
                           {people ? "state" : "enabled", enabled_view(record.enabled)},
                           {"role", text_view(record.role)}};
-    if (people) {
-        fields.push_back({"instances enabled", share_view(instances, record.instance_count)});
-        fields.push_back({"services enabled", share_view(services, record.service_count)});
-    } else {
-        fields.push_back({"instances", number_view(record.instance_count)});
-        fields.push_back({"instances_enabled", number_view(instances)});
-        fields.push_back({"services", number_view(record.service_count)});
-        fields.push_back({"services_enabled", number_view(services)});
-    }
+    auto add_share = [&](const std::string &what, int64_t enabled, int64_t all) {
+        if (people) {
+            fields.push_back(
+                {what + " enabled", {std::to_string(enabled) + " of " + std::to_string(all)}});
+        } else {
+            fields.push_back({what, number_view(all)});
+            fields.push_back({what + "_enabled", number_view(enabled)});
+        }
+    };
+    add_share("instances", enabled_of(record.instances, record.instance_count),
+              record.instance_count);
+    add_share("services", enabled_of(record.services, record.service_count), record.service_count);
     return {std::move(fields)};
 }
 
@@ -126,13 +121,13 @@ static exit_code run_status(const session &library, const given_names &names) {
     return names[0].empty() ? show_all(library) : show_database(library, names[0]);
 }
 
-static constexpr name_command COMMANDS[] = {
+static constexpr command_row COMMANDS[] = {
     {"status", "Show the services, instances and nodes of a database, or sum up the cluster",
      "[DB]", with_library<run_status>},
 };
 
 void add_status_command(CLI::App *app, tool *shared) {
-    add_name_commands(app, shared, COMMANDS);
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

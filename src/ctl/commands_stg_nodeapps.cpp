@@ -44,7 +44,7 @@ static exit_code run_nodeapps(const session &library, const given_names &names) 
     return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found.record, format));
 }
 
-static constexpr name_command COMMANDS[] = {
+static constexpr command_row COMMANDS[] = {
     {"stg", "Show the whole record of a storage manager entry", "SCOPE NAME",
      with_library<run_stg>},
     {"stg-name", "Show the registered name of a storage manager entry", "SCOPE NAME",
@@ -57,7 +57,7 @@ static constexpr name_command COMMANDS[] = {
 };
 
 void add_stg_nodeapps_commands(CLI::App *app, tool *shared) {
-    add_name_commands(app, shared, COMMANDS);
+    add_commands(app, shared, COMMANDS);
 }
 
 }  // namespace keyview::ctl

@@ -33,11 +33,8 @@ static constexpr exit_row EXITS[] = {
     {143, "terminated", "in a shell: ended by a termination", "nothing"},
 };
 
-const exit_row *begin_exits() {
-    return std::begin(EXITS);
-}
-const exit_row *end_exits() {
-    return std::end(EXITS);
+rows<exit_row> exit_rows() {
+    return EXITS;
 }
 
 const char *exit_word(exit_code code) {
@@ -105,21 +102,10 @@ exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
 }
 
 exit_code exit_of_errno(int error) {
-    switch (error) {
-        case ENOENT:
-        case ENOTDIR:
-            return EXIT_NOT_FOUND;
-        case EACCES:
-        case EPERM:
-        case EROFS:
-            return EXIT_DENIED;
-        case EISDIR:
-        case ENAMETOOLONG:
-        case ELOOP:
-            return EXIT_USAGE;
-        default:
-            return EXIT_INTERNAL;
-    }
+    if (error == ENOENT || error == ENOTDIR) return EXIT_NOT_FOUND;
+    if (error == EACCES || error == EPERM || error == EROFS) return EXIT_DENIED;
+    if (error == EISDIR || error == ENAMETOOLONG || error == ELOOP) return EXIT_USAGE;
+    return EXIT_INTERNAL;
 }
 
 }  // namespace keyview::ctl

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "model/records.h"
+
 namespace keyview::ctl {
 
 // exit_codes.cpp has their meanings.
@@ -31,8 +33,7 @@ struct exit_row {
     int code;
     const char *word, *meaning, *todo;
 };
-const exit_row *begin_exits();
-const exit_row *end_exits();
+rows<exit_row> exit_rows();
 
 // A word for programs, such as "not_found".
 const char *exit_word(exit_code code);

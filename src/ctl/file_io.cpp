@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "ctl/output.h"
 
@@ -119,29 +120,11 @@ std::string read_file(const std::string &name) {
     }
 }
 
-static void write_to(int fd, const std::string &name, std::string_view content) {
-    while (!content.empty()) {
-        ssize_t done = write(fd, content.data(), content.size());
-        if (done < 0 && errno == EINTR) continue;
-        if (done < 0) fail(CANNOT_WRITE, name, errno);
-        content.remove_prefix(static_cast<size_t>(done));
-    }
-}
-
 static void write_into(const std::string &name, std::string_view content) {
     open_file file;
     file.fd = open(name.c_str(), O_WRONLY | O_CLOEXEC);
     if (file.fd < 0) fail(CANNOT_WRITE, name, errno);
-    write_to(file.fd, name, content);
-}
-
-// The file behind a name that may be a symbolic link.
-static std::string target_of(const std::string &name) {
-    char *real = realpath(name.c_str(), nullptr);
-    if (real == nullptr) return name;
-    std::string target = real;
-    free(real);
-    return target;
+    if (!write_all(file.fd, content)) fail(CANNOT_WRITE, name, errno);
 }
 
 // Makes the rename last; where a folder cannot be synced, it is done without.
@@ -164,14 +147,16 @@ void replace_file(const std::string &name, std::string_view content, int mode) {
     if (exists && !S_ISREG(old.st_mode)) return write_into(name, content);
 
     signals_held held;
-    std::string target = target_of(name);
+    std::error_code missing;
+    std::string target = std::filesystem::canonical(name, missing);  // behind a symbolic link
+    if (missing) target = name;
     temporary_file beside(target);
     if (beside.fd() < 0) fail(CANNOT_WRITE, name, errno);
     mode_t kept = exists ? old.st_mode & 07777 : mode_of_new_file();
     if (fchmod(beside.fd(), mode == KEEP_MODE ? kept : static_cast<mode_t>(mode)) != 0)
         fail(CANNOT_WRITE, name, errno);
-    write_to(beside.fd(), name, content);
-    if (fsync(beside.fd()) != 0 || !beside.keep()) fail(CANNOT_WRITE, name, errno);
+    if (!write_all(beside.fd(), content) || fsync(beside.fd()) != 0 || !beside.keep())
+        fail(CANNOT_WRITE, name, errno);
     sync_folder(target);
 }
 

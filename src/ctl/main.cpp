@@ -61,20 +61,10 @@ static const std::map<std::string, color_mode> &colors() {
     return words;
 }
 
-// The format is needed for an error in the command line itself, before that is understood.
-static output_format format_asked_for(int argc, char **argv) {
-    std::string word;
-    for (int n = 1; n < argc; ++n) {
-        std::string here = argv[n], next = n + 1 < argc ? argv[n + 1] : "";
-        if (here == "-o" || here == "--output") {
-            word = next;
-        } else if (here.rfind("--output=", 0) == 0) {
-            word = here.substr(strlen("--output="));
-        } else if (here.rfind("-o", 0) == 0) {
-            word = here.substr(strlen("-o"));
-        }
-    }
-    auto found = formats().find(word);
+// The format of an error in the command line: that of -o, as far as the line was understood.
+static output_format format_of(const CLI::App &app) {
+    const CLI::results_t &words = app.get_option("--output")->results();
+    auto found = formats().find(words.empty() ? "table" : words.back());
     return found == formats().end() ? output_format::table : found->second;
 }
 
@@ -115,15 +105,15 @@ static std::string command_meant(const CLI::App &app) {
 }
 
 // Help and version are results like any other.
-static int end_parse(const CLI::App &app, const CLI::ParseError &error, output_format format) {
+static int end_parse(const CLI::App &app, const CLI::ParseError &error) {
     if (error.get_exit_code() == 0) {
         std::ostringstream text;
         app.exit(error, text, text);
         write_result(text.str());
         return EXIT_DONE;
     }
-    report_error(format, {EXIT_USAGE, "the command line cannot be used", "",
-                          error.what() + command_meant(app), TRY_HELP});
+    report_error(format_of(app), {EXIT_USAGE, "the command line cannot be used", "",
+                                  error.what() + command_meant(app), TRY_HELP});
     return EXIT_USAGE;
 }
 
@@ -162,7 +152,7 @@ static void set_lock_wait(const setting &one) {
                      one.value + " is no number of seconds from 0 to 86400", "correct it"};
 }
 
-static void settle(tool *shared) {
+static void apply_settings(tool *shared) {
     settings &chosen = shared->chosen;
     chosen.resolve();
     if (shared->registry_given) chosen.registry.value = chosen.registry.option;
@@ -182,15 +172,18 @@ static void add_suggestion(int argc, char **argv, tool_error *error) {
 static int run(int argc, char **argv, output_format *format) {
     tool shared;
     CLI::App app("Looks after the key tree of a database cluster", "keyviewctl");
+    shared.app = &app;
     add_options(&app, &shared);
     for (command_group add : GROUPS)
         add(&app, &shared);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return end_parse(app, error, *format);
+        *format = format_of(app);
+        return end_parse(app, error);
     }
-    settle(&shared);
+    *format = format_of(app);
+    apply_settings(&shared);
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     if (shared.needs_registry) choose_registry(shared);
@@ -208,7 +201,7 @@ int main(int argc, char **argv) {
     raise_file_limit();
     (void)setenv("GRPC_VERBOSITY", "NONE", 0);  // errors are told by the tool, and once
     (void)signal(SIGPIPE, SIG_IGN);             // a closed pipe is seen where it is written to
-    output_format format = format_asked_for(argc, argv);
+    output_format format = output_format::table;
     try {
         return run(argc, argv, &format);
     } catch (tool_error &error) {

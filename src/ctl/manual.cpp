@@ -12,15 +12,8 @@ namespace keyview::ctl {
 static std::string plain(const std::string &text) {
     std::string out;
     for (char c : text) {
-        if (c == '\\') {
-            out += "\\e";
-        } else if (c == '-') {
-            out += "\\-";
-        } else if (c == '\'') {
-            out += "\\(aq";
-        } else {
-            out += c;
-        }
+        const char *escape = c == '\\' ? "\\e" : c == '-' ? "\\-" : c == '\'' ? "\\(aq" : nullptr;
+        out += escape != nullptr ? escape : std::string(1, c);
     }
     return out.empty() || out[0] != '.' ? out : "\\&" + out;
 }
@@ -79,9 +72,8 @@ static std::string tool_page(const CLI::App &app) {
     out += ".SH OPTIONS\nThey stand before or behind any command.\n" + options_of(app);
     out += ".SH COMMANDS\n" + commands_of(app, "");
     out += ".SH EXIT STATUS\nThe same for every command.\n";
-    for (const exit_row *row = begin_exits(); row != end_exits(); ++row)
-        out +=
-            term(std::to_string(row->code), std::string(row->meaning) + ". Do: " + row->todo + ".");
+    for (const exit_row &row : exit_rows())
+        out += term(std::to_string(row.code), std::string(row.meaning) + ". Do: " + row.todo + ".");
     out += ".SH EXAMPLES\n";
     for (const auto &row : EXAMPLES)
         out += term(row.command, row.what);

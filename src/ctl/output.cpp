@@ -20,7 +20,7 @@ using nlohmann::ordered_json;
 
 // ---- Streams ------------------------------------------------------------------------------------
 
-static bool write_all(int fd, std::string_view bytes) {
+bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         ssize_t done = write(fd, bytes.data(), bytes.size());
         if (done < 0 && errno == EINTR) continue;

@@ -24,6 +24,9 @@ struct tool_error {
     uint64_t more_problems = 0;
 };
 
+// Writes to a descriptor; false, with errno, if not all of it arrives.
+[[nodiscard]] bool write_all(int fd, std::string_view bytes);
+
 // Writes to stdout; throws if not all of it arrives.
 void write_result(std::string_view bytes);
 

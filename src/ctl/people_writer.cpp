@@ -42,15 +42,7 @@ static std::string painted_scalar(const view &shown) {
     return painted(STDOUT_FILENO, tone_of(shown), scalar_of(shown));
 }
 
-static bool is_record(const view &shown) {
-    return std::holds_alternative<view_fields>(shown.value);
-}
-
 // ---- Tables -------------------------------------------------------------------------------------
-
-static const view_list *list_in(const view &shown) {
-    return std::get_if<view_list>(&shown.value);
-}
 
 static std::string cell_of(const view &shown) {
     const view_list *list = list_in(shown);
@@ -221,7 +213,7 @@ static void add_fields(const view_fields &fields, size_t indent, bool first_is_b
     for (const auto &[name, field] : fields) {
         if (!first_is_begun) *out += std::string(indent, ' ');
         first_is_begun = false;
-        const auto *list = std::get_if<view_list>(&field.value);
+        const view_list *list = list_in(field);
         bool records = list != nullptr && std::any_of(list->begin(), list->end(), is_record);
         *out += name + std::string(records ? 0 : width - name.size() + 2, ' ');
         if (records) {
@@ -238,7 +230,7 @@ std::string text_for_people(const view &shown) {
     std::string out;
     if (const auto *fields = std::get_if<view_fields>(&shown.value)) {
         add_fields(*fields, 0, false, &out);
-    } else if (const auto *list = std::get_if<view_list>(&shown.value)) {
+    } else if (const view_list *list = list_in(shown)) {
         if (!list->empty() && is_record(list->front())) return grid_of(*list);
         for (const view &item : *list)
             out += painted_scalar(item) + "\n";

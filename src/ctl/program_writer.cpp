@@ -27,7 +27,7 @@ static ordered_json base64_of(const view &shown) {
 
 static void add_field(const std::string &name, const view &shown, ordered_json *out) {
     (*out)[name] = json_of(shown);
-    const auto *list = std::get_if<view_list>(&shown.value);
+    const view_list *list = list_in(shown);
     if (is_raw(shown)) (*out)[name + "_base64"] = base64_of(shown);
     if (list != nullptr && std::any_of(list->begin(), list->end(), is_raw)) {
         ordered_json &raw = (*out)[name + "_base64"] = ordered_json::array();
@@ -36,8 +36,9 @@ static void add_field(const std::string &name, const view &shown, ordered_json *
     }
 }
 
-static ordered_json object_of(const view_fields &fields) {
-    ordered_json out = ordered_json::object();
+// Adds the fields to an object.
+static ordered_json object_of(const view_fields &fields,
+                              ordered_json out = ordered_json::object()) {
     for (const auto &[name, field] : fields)
         add_field(name, field, &out);
     return out;
@@ -48,7 +49,7 @@ static ordered_json json_of(const view &shown) {
         return is_raw(shown) ? ordered_json(nullptr) : ordered_json(*text);
     }
     if (const auto *number = std::get_if<coded>(&shown.value)) return number->code;
-    if (const auto *list = std::get_if<view_list>(&shown.value)) {
+    if (const view_list *list = list_in(shown)) {
         ordered_json out = ordered_json::array();
         for (const view &item : *list)
             out.push_back(json_of(item));
@@ -63,18 +64,13 @@ static ordered_json head_of(const char *kind) {
 }
 
 ordered_json document_of(const char *kind, const view_fields &fields) {
-    ordered_json out = head_of(kind);
-    for (const auto &[name, field] : fields)
-        add_field(name, field, &out);
-    return out;
+    return object_of(fields, head_of(kind));
 }
 
 std::string lines_of(const char *kind, const view_fields &fields) {
-    const auto *list = std::get_if<view_list>(&fields.back().second.value);
+    const view_list *list = list_in(fields.back().second);
     if (list == nullptr) return document_of(kind, fields).dump() + "\n";
-    ordered_json head = head_of(kind);
-    for (size_t n = 0; n + 1 < fields.size(); ++n)
-        add_field(fields[n].first, fields[n].second, &head);
+    ordered_json head = object_of({fields.begin(), fields.end() - 1}, head_of(kind));
     std::string out;
     for (const view &item : *list) {
         ordered_json line = head;
@@ -93,10 +89,6 @@ static std::string cell_of(const view &shown) {
     return json_of(shown).dump();  // a list within a row
 }
 
-static bool is_record(const view &shown) {
-    return std::holds_alternative<view_fields>(shown.value);
-}
-
 static std::string row_of(const view_fields &fields, bool heading) {
     std::string out;
     for (const auto &[name, field] : fields)
@@ -110,7 +102,7 @@ static std::string label_below(const std::string &name, const std::string &below
 
 // Lists with records in them go on as "services.0.name".
 static void add_cells(const std::string &name, const view &shown, std::string *out) {
-    const auto *list = std::get_if<view_list>(&shown.value);
+    const view_list *list = list_in(shown);
     if (const auto *fields = std::get_if<view_fields>(&shown.value)) {
         for (const auto &[below, field] : *fields)
             add_cells(label_below(name, below), field, out);
@@ -124,13 +116,11 @@ static void add_cells(const std::string &name, const view &shown, std::string *o
 
 std::string cells_of(const view &shown) {
     std::string out;
-    const auto *list = std::get_if<view_list>(&shown.value);
+    const view_list *list = list_in(shown);
     if (list == nullptr && !is_record(shown)) return cell_of(shown) + "\n";
-    if (list == nullptr) {
-        add_cells("", shown, &out);
-        return out;
-    }
-    for (const view &item : *list) {
+    if (list == nullptr) add_cells("", shown, &out);
+    for (size_t n = 0; list != nullptr && n < list->size(); ++n) {
+        const view &item = (*list)[n];
         const auto *fields = std::get_if<view_fields>(&item.value);
         if (fields != nullptr && out.empty()) out = row_of(*fields, true);
         out += fields == nullptr ? cell_of(item) + "\n" : row_of(*fields, false);
@@ -141,7 +131,7 @@ std::string cells_of(const view &shown) {
 // ---- Bare text ----------------------------------------------------------------------------------
 
 bool bare_text_of(const view &shown, std::string *text) {
-    if (const auto *list = std::get_if<view_list>(&shown.value)) {
+    if (const view_list *list = list_in(shown)) {
         return std::all_of(list->begin(), list->end(),
                            [&](const view &item) { return bare_text_of(item, text); });
     }

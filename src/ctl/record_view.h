@@ -18,8 +18,15 @@ view view_of(const prsr_nodeapps_cfg &record, output_format format);
 // A PRSR_RCN_* code with its word.
 view policy_view(int32_t policy);
 
-// count strings as they are; null stays null.
-view strings_view(char *const *strings, uint32_t count);
+// An array of the library's as a list of what of gives for each entry; null stays null.
+template <typename entry, typename entry_view>
+view list_view(entry *entries, uint32_t count, const entry_view &of) {
+    if (entries == nullptr) return {};
+    view_list list;
+    for (uint32_t n = 0; n < count; ++n)
+        list.push_back(of(entries[n]));
+    return {std::move(list)};
+}
 
 }  // namespace keyview::ctl
 

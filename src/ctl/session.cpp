@@ -28,7 +28,7 @@ void session::check(int32_t rc, const std::string &what) const {
     if (failure.host_knows) code = exit_of_host_failure(keyview_host_last_error_kind(), code);
     bool same = code == failure.code;
     throw tool_error{code, what, shared.registry, why,
-                     same ? failure.todo : begin_exits()[code].todo};
+                     same ? failure.todo : exit_rows().first[code].todo};
 }
 
 // A path's length is enough but for a value that was written by other means.

@@ -2,6 +2,7 @@
 #include "ctl/settings.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -21,7 +22,7 @@ struct settings_file {
 
 }  // namespace
 
-static std::string environment(const char *variable) {
+std::string environment(const char *variable) {
     const char *text = getenv(variable);
     return text == nullptr ? "" : text;
 }
@@ -55,32 +56,28 @@ class search {
     search() : files_{read_settings(user_file()), read_settings(MACHINE_FILE)} {}
 
     void find(setting *wanted, const setting &context) const {
-        if (set(wanted, wanted->option, "option")) return;
         std::string below = "context." + context.value + ".";
-        bool first = !context.value.empty() && context.origin == "option";
-        if (first && find_in_files(wanted, below)) return;
-        if (set(wanted, environment(wanted->variable), wanted->variable)) return;
-        if (!context.value.empty() && find_in_files(wanted, below)) return;
-        if (find_in_files(wanted, "")) return;
-        wanted->value = wanted->fallback;
-        wanted->origin = "default";
+        bool named = !context.value.empty(), first = named && context.origin == "option";
+        bool found = set(wanted, wanted->option, "option") ||
+                     (first && find_in_files(wanted, below)) ||
+                     set(wanted, environment(wanted->variable), wanted->variable) ||
+                     (named && find_in_files(wanted, below)) || find_in_files(wanted, "");
+        if (!found) (void)set(wanted, wanted->fallback, "default");
     }
 
     bool has_context(const std::string &name) const {
-        for (const settings_file &file : files_) {
-            auto at = file.values.lower_bound("context." + name + ".");
-            if (at != file.values.end() && at->first.rfind("context." + name + ".", 0) == 0)
-                return true;
-        }
-        return false;
+        const std::string head = "context." + name + ".";
+        return std::any_of(std::begin(files_), std::end(files_), [&](const settings_file &file) {
+            auto at = file.values.lower_bound(head);
+            return at != file.values.end() && at->first.rfind(head, 0) == 0;
+        });
     }
 
   private:
     static bool set(setting *wanted, const std::string &value, const std::string &origin) {
-        if (value.empty()) return false;
         wanted->value = value;
         wanted->origin = origin;
-        return true;
+        return !value.empty();
     }
 
     bool find_in_files(setting *wanted, const std::string &head) const {
@@ -102,7 +99,7 @@ void settings::resolve() {
     if (!context.value.empty() && !files.has_context(context.value)) {
         throw tool_error{EXIT_USAGE, "there is no context " + context.value, user_file(),
                          "no settings file has a section [context." + context.value + "]",
-                         "\"keyviewctl config\" tells where settings come from"};
+                         "\"keyviewctl config\" shows where settings come from"};
     }
     for (setting *one : all())
         if (one != &context) files.find(one, context);

@@ -36,6 +36,9 @@ struct settings {
     void resolve();
 };
 
+// The text of an environment variable; "" if it is not set.
+std::string environment(const char *variable);
+
 }  // namespace keyview::ctl
 
 #endif

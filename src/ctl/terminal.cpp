@@ -4,8 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <string_view>
+#include "ctl/settings.h"
 
 namespace keyview::ctl {
 
@@ -19,11 +18,6 @@ void choose_color(color_mode mode) {
 
 bool is_terminal(int fd) {
     return isatty(fd) == 1;
-}
-
-static std::string_view environment(const char *name) {
-    const char *text = getenv(name);
-    return text == nullptr ? std::string_view() : text;
 }
 
 bool color_wanted(int fd) {

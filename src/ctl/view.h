@@ -33,6 +33,15 @@ struct view {
     std::variant<std::monostate, std::string, coded, view_list, view_fields> value;
 };
 
+inline bool is_record(const view &shown) {
+    return std::holds_alternative<view_fields>(shown.value);
+}
+
+// Null for a view that is no list.
+inline const view_list *list_in(const view &shown) {
+    return std::get_if<view_list>(&shown.value);
+}
+
 // A string of the library's; null stays null.
 inline view text_view(const char *text) {
     if (text == nullptr) return {};
