@@ -19,7 +19,7 @@ static admin::change_options options_of(const tool &shared, bool dry_run) {
     options.dry_run = dry_run;
     options.prune = shared.prune;
     options.if_revision = shared.if_revision;
-    options.step = [&shared](const std::string &text) { shared.told->step(text); };
+    options.step = [&shared](const std::string &text) { shared.reporter->step(text); };
     return options;
 }
 
@@ -96,7 +96,7 @@ static std::string list_for_people(const admin::change_result &changed) {
 
 static exit_code show_changes(const tool &shared, const admin::change_result &changed,
                               bool compares = false) {
-    if (shared.dry_run && !compares) tell("a dry run: nothing was written");
+    if (shared.dry_run && !compares) print_remark("a dry run: nothing was written");
     if (shared.format == output_format::table) write_result(list_for_people(changed));
     if (shared.format == output_format::cmd) write_lines(commands_of(changed));
     if (shared.format == output_format::table || shared.format == output_format::cmd)
@@ -128,7 +128,7 @@ exit_code change_words(const session &library, const std::string &what, const wo
     for (const auto &[path, value] : found.keys)
         if (last_element(path) == last_element(key) && value != stored)
             changed.changes.push_back({path, value, stored});
-    library.shared.told->step("works under the lock " + changed.locks.front());
+    library.shared.reporter->step("works under the lock " + changed.locks.front());
     if (!library.shared.dry_run) {
         admin::set_recorder recorder;
         library.check(operation(), what);
@@ -148,11 +148,11 @@ static void confirm(const tool &shared, const change_function &run) {
         return;  // the change itself reports it
     }
     if (planned.changes.empty()) return;
-    shared.told->stop();
+    shared.reporter->stop();
     std::cerr << list_for_people(planned) << "Do this? [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
-    shared.told->start();
+    shared.reporter->start();
     if (answer == "y" || answer == "yes") return;
     throw tool_error{EXIT_NO, "nothing was changed", "", "the answer was no",
                      "--yes answers with yes"};

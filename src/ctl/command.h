@@ -1,4 +1,4 @@
-// What every command shares: the options that stand before or behind any of them, and the way a
+// What every command shares: the options that any of them accepts, and the way a
 // group of commands joins the program.
 #ifndef KEYVIEW_CTL_COMMAND_H
 #define KEYVIEW_CTL_COMMAND_H
@@ -31,9 +31,9 @@ struct tool {
     bool resume = false, undo = false, fields = false;
     uint64_t if_revision = 0;
     const CLI::App *app = nullptr;
-    std::string command;             // the chosen one's name
-    std::function<exit_code()> run;  // it; throws tool_error
-    std::unique_ptr<progress> told;  // to a person, while it runs
+    std::string command;                 // the chosen one's name
+    std::function<exit_code()> run;      // it; throws tool_error
+    std::unique_ptr<progress> reporter;  // prints remarks while the command runs
 };
 
 // A group adds its commands to the app. A new group is a file with such a function, and its row in

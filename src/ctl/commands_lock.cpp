@@ -36,7 +36,7 @@ static pid_t start(std::vector<std::string> command) {
     for (int number : {SIGPIPE, SIGINT})
         (void)signal(number, SIG_DFL);
     execvp(words[0], words.data());
-    tell(command[0] + " cannot be run: " + strerror(errno));
+    print_remark(command[0] + " cannot be run: " + strerror(errno));
     _exit(127);
 }
 
@@ -57,18 +57,18 @@ static int wait_for(pid_t child, const admin::held_lock &lock) {
         }
         if (signalled || lock.still_held()) continue;
         signalled = true;
-        tell("the lock was lost; the command gets a termination signal");
+        print_remark("the lock was lost; the command gets a termination signal");
         (void)kill(child, SIGTERM);
     }
 }
 
 static exit_code run_lock(const tool &shared, const run_options &options) {
-    shared.told->step("waits for the lock " + options.name);
+    shared.reporter->step("waits for the lock " + options.name);
     int64_t wait_ms = options.wait_s ? static_cast<int64_t>(*options.wait_s * 1000) : -1;
     admin::held_lock lock = attempt("the lock is not taken", shared.registry, [&] {
         return admin::registry::open().lock(options.name, options.shared, wait_ms);
     });
-    shared.told->stop();
+    shared.reporter->stop();
     // The lock is kept until the command has ended. A terminal's interrupt reaches both.
     (void)signal(SIGINT, SIG_IGN);
     for (int number : {SIGTERM, SIGHUP})

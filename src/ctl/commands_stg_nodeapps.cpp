@@ -1,5 +1,5 @@
-// stg, stg-name, stg-enabled and nodeapps: what stands beside the databases, storage manager
-// entries and the applications of the nodes.
+// stg, stg-name, stg-enabled and nodeapps: storage manager entries and the applications of
+// nodes.
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/record_view.h"

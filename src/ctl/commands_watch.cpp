@@ -35,8 +35,8 @@ struct watch_options {
     double seconds = 0;
 };
 
-// Follows the history of a registry that keeps one. Of another one it looks at the tree again and
-// again: what was written between two looks is told as one change, and that it was is told, too.
+// Follows the history of a registry that has one. Otherwise polls the tree: writes between two polls
+// are reported as one change, after a line that reports the merge.
 class watcher {
   public:
     watcher(const tool &shared, watch_options options)
@@ -47,11 +47,11 @@ class watcher {
 
     void run() {
         revision_ = options_.from != 0 ? options_.from : present_revision();
-        if (!follow_history()) look_again_and_again();
+        if (!follow_history()) poll();
     }
 
   private:
-    static constexpr uint32_t WAIT_MS = 2000, LOOK_EVERY_MS = 50;
+    static constexpr uint32_t WAIT_MS = 2000, POLL_EVERY_MS = 50;
 
     uint64_t present_revision() const {
         return on_registry(shared_, [&] { return registry_.revision(); });
@@ -64,8 +64,8 @@ class watcher {
         return static_cast<uint32_t>(std::clamp<double>(left.count(), 0, most_ms));
     }
 
-    bool told_all() const { return options_.count != 0 && told_ >= options_.count; }
-    bool goes_on() const { return !told_all() && time_left(WAIT_MS) > 0; }
+    bool reported_all() const { return options_.count != 0 && reported_ >= options_.count; }
+    bool goes_on() const { return !reported_all() && time_left(WAIT_MS) > 0; }
 
     // False, at once, if the registry keeps none.
     bool follow_history() {
@@ -76,35 +76,36 @@ class watcher {
             } catch (const admin::error &failed) {
                 if (failed.kind != KEYVIEW_FAILURE_CHANGED)
                     fail(failed, "the tree cannot be watched", shared_.registry);
-                tell_jump("gap", "is forgotten", present_revision());
+                report_jump("gap", "is forgotten", present_revision());
                 continue;
             }
             if (!next) return false;
             for (const admin::noted_change &one : next->changes)
-                tell_change(revision_, one.revision, one.change);
+                report_change(revision_, one.revision, one.change);
             revision_ = next->up_to;
         }
         return true;
     }
 
-    void look_again_and_again() {
-        admin::read_keys_result seen = look();
-        if (seen.revision != revision_) tell_jump("gap", "is not told", seen.revision);
+    void poll() {
+        admin::read_keys_result seen = read_tree();
+        if (seen.revision != revision_) report_jump("gap", "is not reported", seen.revision);
         while (goes_on()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(time_left(LOOK_EVERY_MS)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(time_left(POLL_EVERY_MS)));
             if (present_revision() == revision_) continue;
-            admin::read_keys_result now = look();
+            admin::read_keys_result now = read_tree();
             uint64_t before = revision_;
-            if (now.revision > before + 1) tell_jump("merged", "is told as one", now.revision);
+            if (now.revision > before + 1)
+                report_jump("merged", "is reported as one change", now.revision);
             for (const admin::key_change &change : admin::differences(seen.keys, now.keys))
-                tell_change(before, now.revision, change);
+                report_change(before, now.revision, change);
             revision_ = now.revision;
             seen = std::move(now);
         }
     }
 
-    // A key that does not exist yet is waited for.
-    admin::read_keys_result look() const {
+    // A key that does not exist yet has no keys below it either.
+    admin::read_keys_result read_tree() const {
         admin::read_keys_result found;
         found.revision = on_registry(shared_, [&] {
             return registry_.read({{path_, reach::all_below}}, &found.keys);
@@ -112,8 +113,8 @@ class watcher {
         return found;
     }
 
-    // What is not told change by change, and goes on from the later revision.
-    void tell_jump(const char *kind, const char *what, uint64_t revision) {
+    // Reports a range of revisions without single changes; continues from the later revision.
+    void report_jump(const char *kind, const char *what, uint64_t revision) {
         if (shared_.format == output_format::table) {
             write_result(std::string(kind) + ": what happened after revision " +
                          std::to_string(revision_) + " up to " + std::to_string(revision) + " " +
@@ -125,9 +126,9 @@ class watcher {
         revision_ = revision;
     }
 
-    void tell_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
-        if (told_all()) return;
-        ++told_;
+    void report_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
+        if (reported_all()) return;
+        ++reported_;
         view_fields fields = {{"since", count_view(since)}, {"revision", count_view(revision)}};
         view shown = change_view(change);
         for (auto &field : std::get<view_fields>(shown.value))
@@ -150,12 +151,13 @@ class watcher {
         (void)signal(SIGPIPE, SIG_DFL);  // the command inherits it; nothing is written meanwhile
         FILE *input = popen(options_.command.c_str(), "we");  // NOLINT(cert-env33-c)
         (void)signal(SIGPIPE, SIG_IGN);
-        if (input == nullptr) return tell("the command cannot be run: " + options_.command);
+        if (input == nullptr) return print_remark("the command cannot be run: " + options_.command);
         (void)fwrite(line.data(), 1, line.size(), input);  // a command need not read it
         int status = pclose(input);
         if (status != 0) {
-            tell("the command ended with " +
-                 std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
+            print_remark("the command ended with " + std::to_string(WIFEXITED(status)
+                                                                        ? WEXITSTATUS(status)
+                                                                        : 128 + WTERMSIG(status)));
         }
     }
 
@@ -167,8 +169,8 @@ class watcher {
         std::chrono::steady_clock::now() +
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
             std::chrono::duration<double>(options_.seconds));
-    uint64_t revision_ = 0;  // that was told last
-    uint64_t told_ = 0;
+    uint64_t revision_ = 0;  // reported last
+    uint64_t reported_ = 0;
 };
 
 }  // namespace
@@ -177,10 +179,10 @@ static exit_code run_watch(const tool &shared, const watch_options &options) {
     bool lines = shared.format == output_format::table || shared.format == output_format::json ||
                  shared.format == output_format::jsonl;
     if (!lines) {
-        throw tool_error{EXIT_USAGE, "watch tells a line a change", "", "another format was chosen",
-                         "use -o jsonl, or none for people"};
+        throw tool_error{EXIT_USAGE, "watch prints a line a change", "",
+                         "another format was chosen", "use -o jsonl, or none for people"};
     }
-    shared.told->stop();
+    shared.reporter->stop();
     watcher(shared, options).run();
     return EXIT_DONE;
 }
@@ -188,7 +190,7 @@ static exit_code run_watch(const tool &shared, const watch_options &options) {
 void add_watch_command(CLI::App *app, tool *shared) {
     auto options = std::make_shared<watch_options>();
     CLI::App *watch =
-        add_command(app, shared, "watch", "Tell each change of a key and of what is below it",
+        add_command(app, shared, "watch", "Print each change of a key and of what is below it",
                     [=] { return run_watch(*shared, *options); });
     watch->add_option("KEY", options->path, "The key's path; the whole tree without it");
     watch->add_option("--from", options->from, "The revision that was seen last");

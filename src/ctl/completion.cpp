@@ -123,7 +123,7 @@ std::string candidates_for(const CLI::App &app, words line) {
 static constexpr struct {
     const char *shell, *script;
 } SCRIPTS[] = {
-    // COMP_WORDS would part words at ":", which stands in every registry's URL.
+    // COMP_WORDS would split words at ":", which every registry's URL contains.
     {"bash", R"(_keyviewctl() {
     local line=${COMP_LINE:0:COMP_POINT} words n
     IFS=$' \t' read -ra words <<< "$line"

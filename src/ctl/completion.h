@@ -1,5 +1,5 @@
 // What may follow on a command line, from the commands themselves and from the registry's names;
-// and the scripts by which a shell asks for it.
+// and the scripts by which a shell requests it.
 #ifndef KEYVIEW_CTL_COMPLETION_H
 #define KEYVIEW_CTL_COMPLETION_H
 

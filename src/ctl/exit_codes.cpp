@@ -1,4 +1,4 @@
-// The one place where failures become exit codes and advice.
+// Maps failures to exit codes and remedies.
 #include "ctl/exit_codes.h"
 
 #include <cerrno>
@@ -23,10 +23,11 @@ static constexpr exit_row EXITS[] = {
     {EXIT_NOT_FOUND, "not_found", "what was named does not exist", "check the name"},
     {EXIT_REGISTRY, "registry", "the registry cannot be reached or failed", TRY_REGISTRY},
     {EXIT_LOCK, "lock", "a lock was refused, lost or not granted in time", TRY_LATER},
-    {EXIT_CHANGED, "changed", "the tree changed meanwhile", "look again and repeat the command"},
+    {EXIT_CHANGED, "changed", "the tree changed meanwhile",
+     "read the tree again and repeat the command"},
     {EXIT_DENIED, "denied", "not permitted", "run it as a user who may use the registry"},
     {EXIT_CONTENT, "content", "the content of the registry, or a document, is invalid",
-     "correct each place that is named; \"keyviewctl lint\" proposes how"},
+     "correct each fault listed; \"keyviewctl lint\" proposes how"},
     {EXIT_INTERNAL, "internal", "no memory, the output failed, or a mistake in keyview",
      "make room for the output, or report it"},
     {130, "interrupted", "in a shell: ended by an interrupt", "nothing"},
@@ -83,9 +84,9 @@ static constexpr host_failure HOST_FAILURES[] = {
     {EXIT_NOT_FOUND, "check the name"},
     {EXIT_REGISTRY, TRY_REGISTRY},
     {EXIT_LOCK, TRY_LATER},
-    {EXIT_CHANGED, "look at the tree again and repeat the command"},
+    {EXIT_CHANGED, "read the tree again and repeat the command"},
     {EXIT_DENIED, "run it as a user who may change the registry"},
-    {EXIT_CONTENT, "correct each place that is named"},
+    {EXIT_CONTENT, "correct each fault listed"},
     {EXIT_INTERNAL, TRY_MEMORY},
 };
 
@@ -96,9 +97,9 @@ const host_failure &host_failure_of(int32_t kind) {
 }
 
 exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
-    bool tells_more = kind == KEYVIEW_FAILURE_LOCK || kind == KEYVIEW_FAILURE_CHANGED ||
-                      kind == KEYVIEW_FAILURE_DENIED || kind == KEYVIEW_FAILURE_CONTENT;
-    return tells_more ? host_failure_of(kind).code : otherwise;
+    bool is_more_precise = kind == KEYVIEW_FAILURE_LOCK || kind == KEYVIEW_FAILURE_CHANGED ||
+                           kind == KEYVIEW_FAILURE_DENIED || kind == KEYVIEW_FAILURE_CONTENT;
+    return is_more_precise ? host_failure_of(kind).code : otherwise;
 }
 
 exit_code exit_of_errno(int error) {

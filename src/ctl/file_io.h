@@ -7,7 +7,7 @@
 
 namespace keyview::ctl {
 
-// The name as a message tells it.
+// The name as messages print it.
 std::string file_label(const std::string &name);
 
 // All of a file; "-" is standard input.

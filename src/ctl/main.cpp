@@ -72,7 +72,7 @@ static void add_options(CLI::App *app, tool *shared) {
     app->set_version_flag("--version", "keyviewctl " KEYVIEW_VERSION);
     app->set_help_flag("-h,--help", "Print this and exit");
     app->footer(exit_code_help());
-    app->require_subcommand(0, 1);  // none at all is told below, in better words
+    app->require_subcommand(0, 1);  // a missing one is reported below, in better words
     settings &chosen = shared->chosen;
     app->add_option("--registry", chosen.registry.option,
                     "URL of the registry, such as lmdb:/var/lib/keyview")
@@ -84,7 +84,7 @@ static void add_options(CLI::App *app, tool *shared) {
                     "cmd (commands that rebuild what is shown)")
         ->check(CLI::IsMember(formats()));
     app->add_option("--color", chosen.color.option,
-                    "auto, always or never; auto heeds NO_COLOR and TERM=dumb")
+                    "auto, always or never; auto respects NO_COLOR and TERM=dumb")
         ->check(CLI::IsMember(colors()));
 }
 
@@ -117,7 +117,7 @@ static int end_parse(const CLI::App &app, const CLI::ParseError &error) {
     return EXIT_USAGE;
 }
 
-// Without what a person may have put into it by mistake.
+// Without credentials that a URL may contain by mistake.
 static std::string shown_url(const std::string &url) {
     return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
 }
@@ -162,7 +162,7 @@ static void apply_settings(tool *shared) {
     set_lock_wait(chosen.lock_wait);
 }
 
-// A name that is not there may be misspelt.
+// An unknown name may be misspelt.
 static void add_suggestion(int argc, char **argv, tool_error *error) {
     if (error->code != EXIT_NOT_FOUND) return;
     std::string meant = database_meant({argv + 1, argv + argc});
@@ -171,7 +171,7 @@ static void add_suggestion(int argc, char **argv, tool_error *error) {
 
 static int run(int argc, char **argv, output_format *format) {
     tool shared;
-    CLI::App app("Looks after the key tree of a database cluster", "keyviewctl");
+    CLI::App app("Administers the key tree of a database cluster", "keyviewctl");
     shared.app = &app;
     add_options(&app, &shared);
     for (command_group add : GROUPS)
@@ -188,8 +188,9 @@ static int run(int argc, char **argv, output_format *format) {
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     if (shared.needs_registry) choose_registry(shared);
     bool programs = shared.format == output_format::json || shared.format == output_format::jsonl;
-    shared.told = std::make_unique<progress>(shared.command, shared.needs_registry && !programs);
-    shared.told->start();
+    shared.reporter =
+        std::make_unique<progress>(shared.command, shared.needs_registry && !programs);
+    shared.reporter->start();
     return shared.run();
 }
 
@@ -199,7 +200,7 @@ int main(int argc, char **argv) {
     using namespace keyview::ctl;
     occupy_standard_descriptors();
     raise_file_limit();
-    (void)setenv("GRPC_VERBOSITY", "NONE", 0);  // errors are told by the tool, and once
+    (void)setenv("GRPC_VERBOSITY", "NONE", 0);  // the tool reports errors, once
     (void)signal(SIGPIPE, SIG_IGN);             // a closed pipe is seen where it is written to
     output_format format = output_format::table;
     try {

@@ -67,9 +67,9 @@ static constexpr struct {
 };
 
 static std::string tool_page(const CLI::App &app) {
-    std::string out = head("keyviewctl", 1, "looks after the key tree of a database cluster");
+    std::string out = head("keyviewctl", 1, "administers the key tree of a database cluster");
     out += ".SH SYNOPSIS\n.B keyviewctl\n[\\fIoptions\\fR] \\fIcommand\\fR [\\fIarguments\\fR]\n";
-    out += ".SH OPTIONS\nThey stand before or behind any command.\n" + options_of(app);
+    out += ".SH OPTIONS\nThey may precede or follow any command.\n" + options_of(app);
     out += ".SH COMMANDS\n" + commands_of(app, "");
     out += ".SH EXIT STATUS\nThe same for every command.\n";
     for (const exit_row &row : exit_rows())
@@ -114,9 +114,9 @@ static std::string document_page() {
             "\"version\": 1 and up to three lists of records: \"databases\", \"stg\" and "
             "\"nodeapps\". Each record has a \"name\", an entry of \"stg\" a \"scope\", too. What "
             "a document does not mention, apply leaves as it is; with --prune it removes "
-            "it. A faulty document is refused as a whole, with the place of each fault. A string "
-            "that is no UTF-8 is null, and stands in base64 under its field's name with _base64 "
-            "behind it; in a list, in its place in such a second list.") +
+            "it. A faulty document is refused as a whole, with the position of each fault. A string "
+            "that is no UTF-8 is null, and is stored in base64 under its field's name with _base64 "
+            "appended; in a list, at its index in such a second list.") +
         "\n.SH FIELDS\n";
     std::string record;
     for (const admin::document_field &row : admin::document_fields()) {

@@ -82,7 +82,7 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
             break;
         case output_format::cmd:
             throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
-                             "only keys and their changes can be told as commands",
+                             "only keys and their changes can be shown as commands",
                              "use -o json, or \"tree\", \"get\" or \"diff\" with -o cmd"};
     }
     return EXIT_DONE;
@@ -93,7 +93,7 @@ exit_code show_result(output_format format, const char *kind, const char *value_
     return show_answer(format, kind, {{value_name, value}});
 }
 
-void tell(const std::string &text) {
+void print_remark(const std::string &text) {
     (void)write_all(STDERR_FILENO, "keyviewctl: " + escaped(text) + "\n");  // it is not the result
 }
 
@@ -145,7 +145,7 @@ void report_error(output_format format, const tool_error &error) {
     bool programs = format == output_format::json || format == output_format::jsonl;
     std::string text = programs ? error_json(error).dump() + "\n" : error_text(error);
     if (programs && is_terminal(STDERR_FILENO)) text = json_made_plain(text);
-    (void)write_all(STDERR_FILENO, text);  // there is nowhere left to tell it
+    (void)write_all(STDERR_FILENO, text);  // a failure here cannot be reported
 }
 
 }  // namespace keyview::ctl

@@ -36,8 +36,8 @@ void write_json(const std::string &text);
 // Lines of text to stdout; on a terminal, one with harmful characters comes escaped.
 void write_lines(const std::string &text);
 
-// A remark, such as what is being waited for, to stderr.
-void tell(const std::string &text);
+// Prints a remark to stderr, such as what the command waits for.
+void print_remark(const std::string &text);
 
 // Shows a result: for people its value alone, for programs an object with kind and version and,
 // under value_name, the value.
@@ -53,7 +53,7 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
 [[noreturn]] void fail(const admin::error &failed, const std::string &what,
                        const std::string &where);
 
-// Runs a call of the administration, and gives its result. what: "the registry is not backed up".
+// Runs a call of the administration and returns its result. what: "the registry is not backed up".
 template <typename work>
 auto attempt(const std::string &what, const std::string &where, work &&run) {
     try {

@@ -20,7 +20,7 @@ namespace keyview::ctl {
 
 static constexpr const char *SEPARATOR = "  ";  // between the columns of a table
 
-// Texts that could be taken for something else stand in quotes.
+// Ambiguous texts are quoted.
 static std::string shown_text(const std::string &text) {
     bool quote = text.empty() || text == "-" || text.front() == ' ' || text.back() == ' ' ||
                  text.front() == '"';
@@ -67,7 +67,7 @@ static size_t width_of_text(const std::string &text) {
     return width;
 }
 
-// With line feeds in the place of blanks, so that lines have no more columns where that can be.
+// Replaces blanks by line feeds so that lines have at most so many columns, where possible.
 static std::string folded_at_blanks(std::string text, size_t columns) {
     size_t line = 0, last_blank = text.npos;
     for (size_t at = text.find(' '); line < text.size();) {
@@ -86,7 +86,7 @@ static std::string folded_at_blanks(std::string text, size_t columns) {
     return text;
 }
 
-// How many columns a list may take beside what stands in its row; those that need less leave the
+// How many columns a list may take beside the other cells of its row; lists that need less leave the
 // rest to the others.
 static size_t room_of_lists(const view_list &records, size_t width) {
     const auto &first = std::get<view_fields>(records.front().value);
@@ -134,7 +134,7 @@ static void add_line(libscols_table *table, const view_fields &fields, size_t li
     }
 }
 
-// Cells that do not fit are wrapped, never cut; where nobody looks, nothing is wrapped either.
+// Cells that do not fit are wrapped, never cut; without a terminal, nothing is wrapped either.
 static void prepare(libscols_table *table, size_t width) {
     scols_table_set_termforce(table, width > 0 ? SCOLS_TERMFORCE_ALWAYS : SCOLS_TERMFORCE_NEVER);
     if (width > 0) scols_table_set_termwidth(table, width);

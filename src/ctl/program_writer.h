@@ -10,11 +10,11 @@
 namespace keyview::ctl {
 
 // Fields under their names, behind kind and version. A text that is no UTF-8 is null under its own
-// name and stands in base64 under that name with "_base64" behind it; in a list, too.
+// name and in base64 under that name with "_base64" appended; in a list, too.
 nlohmann::ordered_json document_of(const char *kind, const view_fields &fields);
 
 // The document on one line. If the last field is a list, a line for each item of it instead: the
-// document with "item" in the place of the list.
+// document with "item" instead of the list.
 std::string lines_of(const char *kind, const view_fields &fields);
 
 // The last field: records of a list as rows below a heading, the fields of a record as a name and a

@@ -17,14 +17,14 @@ using std::chrono::steady_clock;
 static constexpr seconds FIRST{1}, LONGEST{60};
 
 void progress::start() noexcept {
-    if (!to_people_ || teller_.joinable()) return;
+    if (!to_people_ || thread_.joinable()) return;
     stopped_ = false;
     // Signals are for the thread that works, which may hold them back.
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
-        teller_ = std::thread([this] { tell_on(); });
+        thread_ = std::thread([this] { report_loop(); });
     } catch (const std::system_error &) {
         stopped_ = true;
     }
@@ -32,13 +32,13 @@ void progress::start() noexcept {
 }
 
 void progress::stop() noexcept {
-    if (!teller_.joinable()) return;
+    if (!thread_.joinable()) return;
     {
         std::lock_guard guard(mutex_);
         stopped_ = true;
     }
     changed_.notify_all();
-    teller_.join();
+    thread_.join();
 }
 
 void progress::step(const std::string &text) {
@@ -46,13 +46,13 @@ void progress::step(const std::string &text) {
     step_ = text;
 }
 
-void progress::tell_on() {
+void progress::report_loop() {
     std::unique_lock guard(mutex_);
     seconds pause = FIRST;
     while (!changed_.wait_for(guard, pause, [this] { return stopped_; })) {
         auto since = std::chrono::duration_cast<seconds>(steady_clock::now() - begun_);
-        tell(command_ + " goes on for " + std::to_string(since.count()) + " s" +
-             (step_.empty() ? "" : ": it " + step_));
+        print_remark(command_ + " goes on for " + std::to_string(since.count()) + " s" +
+                     (step_.empty() ? "" : ": it " + step_));
         pause = std::min(since, LONGEST);
     }
 }

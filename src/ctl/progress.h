@@ -1,4 +1,4 @@
-// Tells on stderr what a command is at, once it takes longer than a second, and ever more rarely.
+// Reports on stderr what a command does, once it takes longer than a second, at growing intervals.
 #ifndef KEYVIEW_CTL_PROGRESS_H
 #define KEYVIEW_CTL_PROGRESS_H
 
@@ -13,14 +13,14 @@ namespace keyview::ctl {
 
 class progress {
   public:
-    // to_people: else nothing is ever told, for programs read what is on stderr.
+    // to_people: else nothing is printed, because programs read stderr.
     progress(std::string command, bool to_people)
         : command_(std::move(command)), to_people_(to_people) {}
     progress(const progress &) = delete;
     progress &operator=(const progress &) = delete;
     ~progress() { stop(); }
 
-    // Tells from now on; a second call does nothing. Without a thread to spare it stays silent.
+    // Reports from now on; a second call does nothing. If no thread can be created, it stays silent.
     void start() noexcept;
     void stop() noexcept;
 
@@ -28,12 +28,12 @@ class progress {
     void step(const std::string &text);
 
   private:
-    void tell_on();
+    void report_loop();
 
     std::string command_;
     bool to_people_;
     std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
-    std::thread teller_;
+    std::thread thread_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::string step_;

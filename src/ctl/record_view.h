@@ -1,5 +1,5 @@
 // The library's records as views, field by field under the records' own names. The tag and the
-// reserved field are left out: they say nothing.
+// reserved field are left out: they carry no information.
 #ifndef KEYVIEW_CTL_RECORD_VIEW_H
 #define KEYVIEW_CTL_RECORD_VIEW_H
 
@@ -8,7 +8,7 @@
 
 namespace keyview::ctl {
 
-// For people the enabled flags of a service's instances stand with the instances' names, and the
+// For people the enabled flags of a service's instances follow the instances' names, and the
 // counts and constants, which the lists show anyway, are left out.
 view view_of(const prsr_cfg &record, output_format format);
 
@@ -18,7 +18,7 @@ view view_of(const prsr_nodeapps_cfg &record, output_format format);
 // A PRSR_RCN_* code with its word.
 view policy_view(int32_t policy);
 
-// An array of the library's as a list of what of gives for each entry; null stays null.
+// An array of the library as a list: of returns the view of each entry; null stays null.
 template <typename entry, typename entry_view>
 view list_view(entry *entries, uint32_t count, const entry_view &of) {
     if (entries == nullptr) return {};

@@ -11,7 +11,7 @@ namespace keyview::ctl {
 
 session::session(const tool &tool_in_use) : shared(tool_in_use) {
     check(prsr_init(status_, &ctx_), "the registry cannot be opened");
-    shared.told->step("reads, or waits for a lock that \"keyviewctl lock list\" shows");
+    shared.reporter->step("reads, or waits for a lock that \"keyviewctl lock list\" shows");
 }
 
 session::~session() {
@@ -55,7 +55,7 @@ view_list database_names(const session &library, const std::string &what) {
     if (names != nullptr) (void)library.call(prsr_release_db_list, names, count);
     // This operation reports a list that cannot be allocated as a bad argument.
     library.check(rc == PRSR_ERR_ARGUMENT ? PRSR_ERR_MEMORY : rc, what);
-    // A registry that cannot be enumerated looks empty to it.
+    // It reports a registry that cannot be enumerated as an empty one.
     if (out.empty()) attempt(what, library.shared.registry, admin::check_listing);
     return out;
 }

@@ -3,11 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 
 #include "ctl/output.h"
+#include "ctl/terminal.h"
 
 namespace keyview::ctl {
 
@@ -21,11 +21,6 @@ struct settings_file {
 };
 
 }  // namespace
-
-std::string environment(const char *variable) {
-    const char *text = getenv(variable);
-    return text == nullptr ? "" : text;
-}
 
 static std::string user_file() {
     std::string folder = environment("XDG_CONFIG_HOME");

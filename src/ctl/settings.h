@@ -36,9 +36,6 @@ struct settings {
     void resolve();
 };
 
-// The text of an environment variable; "" if it is not set.
-std::string environment(const char *variable);
-
 }  // namespace keyview::ctl
 
 #endif

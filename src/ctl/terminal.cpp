@@ -4,7 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "ctl/settings.h"
+#include <cstdlib>
 
 namespace keyview::ctl {
 
@@ -18,6 +18,11 @@ void choose_color(color_mode mode) {
 
 bool is_terminal(int fd) {
     return isatty(fd) == 1;
+}
+
+std::string environment(const char *variable) {
+    const char *text = getenv(variable);
+    return text == nullptr ? "" : text;
 }
 
 bool color_wanted(int fd) {

@@ -16,6 +16,9 @@ enum class color_mode { automatic, always, never };
 void choose_color(color_mode mode);
 bool color_wanted(int fd);
 
+// The text of an environment variable; "" if it is not set.
+std::string environment(const char *variable);
+
 bool is_terminal(int fd);
 
 // In columns; 0 for a stream that is no terminal.

@@ -12,7 +12,7 @@ namespace keyview::ctl {
 // one line.
 std::string escaped(std::string_view text);
 
-// A JSON text that says the same without a byte that escaped() would change, but for line feeds.
+// An equivalent JSON text without a byte that escaped() would change, but for line feeds.
 std::string json_made_plain(std::string_view json);
 
 // A text as one word of a shell's command line.

@@ -1,4 +1,4 @@
-// A result as a command hands it to the output: fields by name, lists, texts, numbers. Built once,
+// A result as a command passes it to the output: fields by name, lists, texts, numbers. Built once,
 // shown by one of several writers.
 #ifndef KEYVIEW_CTL_VIEW_H
 #define KEYVIEW_CTL_VIEW_H
@@ -14,7 +14,7 @@ namespace keyview::ctl {
 // table is for people, the others are for programs; cmd are commands that rebuild what is shown.
 enum class output_format { table, json, jsonl, tsv, raw, cmd };
 
-// How a word is coloured, where colour is wanted. The word says the same.
+// How a word is coloured, where colour is wanted. The word carries the same information.
 enum class tone { plain, good, bad };
 
 // A number that has a word for people.
