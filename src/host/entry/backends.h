@@ -14,15 +14,14 @@ void check_registry_url(const std::string &url);
 
 // Opens the registry of a URL; with open_mode::existing, one that does not exist is
 // failure::not_found. Backends of one registry are shared within the process.
-KEYVIEW_HOST_API backend open_backend(const std::string &url, open_mode mode);
+backend open_backend(const std::string &url, open_mode mode);
 
 // Inspects all of a registry, also one that is too damaged to be opened, and delivers its sound
 // keys, in no order. Writers wait meanwhile.
-KEYVIEW_HOST_API check_counts check_backend(const std::string &url, const damage_sink &damage,
-                                            const row_sink &sink);
+check_counts check_backend(const std::string &url, const damage_sink &damage, const row_sink &sink);
 
 // Inspects how a registry is configured and reached.
-KEYVIEW_HOST_API void diagnose_backend(const std::string &url, const diagnosis_sink &sink);
+void diagnose_backend(const std::string &url, const diagnosis_sink &sink);
 
 }  // namespace keyview::host
 

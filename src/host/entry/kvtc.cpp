@@ -9,7 +9,6 @@
 
 #include "host/registry/client.h"
 #include "host/registry/handles.h"
-#include "host/support/export.h"
 #include "host/support/last_error.h"
 
 using namespace keyview::host;
@@ -47,8 +46,8 @@ static int32_t make_client(void **reg, int32_t mode, int32_t flags) {
 
 extern "C" {
 
-KEYVIEW_HOST_API int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_text,
-                                       uint64_t *error_size, int32_t flags) {
+int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_text, uint64_t *error_size,
+                      int32_t flags) {
     int32_t rc = at_border([&] { return make_client(reg, mode, flags); });
     if (rc != KVTC_SUCCESS && error_size != nullptr) {
         copy_text(thread_failure().text, error_text, *error_size);
@@ -56,24 +55,23 @@ KEYVIEW_HOST_API int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_tex
     return rc;
 }
 
-KEYVIEW_HOST_API int32_t kvtc_terminate(void *reg) {
+int32_t kvtc_terminate(void *reg) {
     return at_border([&]() -> int32_t {
         if (clients.remove(reg) != nullptr) return KVTC_SUCCESS;
         return fail(BAD_ARGUMENT, {"this is no live registry handle"});
     });
 }
 
-KEYVIEW_HOST_API int32_t kvtc_open_key(void *reg, void **key, const char *path) {
+int32_t kvtc_open_key(void *reg, void **key, const char *path) {
     return with_client(reg, key != nullptr && path != nullptr,
                        [&](registry_client *client) { return client->open(path, key); });
 }
 
-KEYVIEW_HOST_API int32_t kvtc_close_key(void *reg, void *key) {
+int32_t kvtc_close_key(void *reg, void *key) {
     return with_client(reg, true, [&](registry_client *client) { return client->close(key); });
 }
 
-KEYVIEW_HOST_API int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, void *value,
-                                        uint32_t *size) {
+int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, void *value, uint32_t *size) {
     bool given = size != nullptr && (value != nullptr || *size == 0);
     return with_client(reg, given, [&](registry_client *client) {
         if (type != nullptr) *type = KVTC_TYPE_STRING;
@@ -81,16 +79,14 @@ KEYVIEW_HOST_API int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, vo
     });
 }
 
-KEYVIEW_HOST_API int32_t kvtc_set_value(void *reg, void *key, uint32_t type, const void *value,
-                                        uint32_t size) {
+int32_t kvtc_set_value(void *reg, void *key, uint32_t type, const void *value, uint32_t size) {
     return with_client(reg, value != nullptr || size == 0, [&](registry_client *client) {
         if (type != KVTC_TYPE_STRING) return fail(BAD_ARGUMENT, {"the type of a value must be 3"});
         return client->set_value(key, {static_cast<const char *>(value), size});
     });
 }
 
-KEYVIEW_HOST_API int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint32_t *size,
-                                          int32_t *last) {
+int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint32_t *size, int32_t *last) {
     bool given = name != nullptr && size != nullptr && last != nullptr;
     return with_client(reg, given, [&](registry_client *client) {
         return client->next_subkey(key, name, size, last);
@@ -98,8 +94,7 @@ KEYVIEW_HOST_API int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint
 }
 
 // The failures of a thread are kept together, whatever handle they came from.
-KEYVIEW_HOST_API int32_t kvtc_get_last_error(void *reg, int32_t *code, char *message,
-                                             uint32_t *size) {
+int32_t kvtc_get_last_error(void *reg, int32_t *code, char *message, uint32_t *size) {
     (void)reg;
     const last_failure &latest = thread_failure();
     if (code != nullptr) *code = latest.code;

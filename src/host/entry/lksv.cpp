@@ -10,7 +10,6 @@
 #include "host/registry/backend.h"
 #include "host/registry/handles.h"
 #include "host/registry/held_locks.h"
-#include "host/support/export.h"
 #include "host/support/last_error.h"
 #include "model/path.h"
 
@@ -63,14 +62,14 @@ static int32_t take_lock(void *lk, const char *name, lock_mode mode) {
 
 extern "C" {
 
-KEYVIEW_HOST_API int32_t lksvsinit(void *status, void **lk, const uint16_t *version,
-                                   const uint64_t *block, uint64_t size) {
+int32_t lksvsinit(void *status, void **lk, const uint16_t *version, const uint64_t *block,
+                  uint64_t size) {
     (void)status, (void)block;  // the kit has its own memory and threads
     return at_border([&] { return make_client(lk, version, size); });
 }
 
 // Locks that other threads took through the handle stay with them.
-KEYVIEW_HOST_API int32_t lksvsterm(void *status, void *lk) {
+int32_t lksvsterm(void *status, void *lk) {
     (void)status;
     return at_border([&]() -> int32_t {
         if (clients.remove(lk) == nullptr) {
@@ -81,17 +80,17 @@ KEYVIEW_HOST_API int32_t lksvsterm(void *status, void *lk) {
     });
 }
 
-KEYVIEW_HOST_API int32_t lksvlsshrlock(void *status, void *lk, const char *name) {
+int32_t lksvlsshrlock(void *status, void *lk, const char *name) {
     (void)status;
     return take_lock(lk, name, lock_mode::shared);
 }
 
-KEYVIEW_HOST_API int32_t lksvlsmutexlock(void *status, void *lk, const char *name) {
+int32_t lksvlsmutexlock(void *status, void *lk, const char *name) {
     (void)status;
     return take_lock(lk, name, lock_mode::exclusive);
 }
 
-KEYVIEW_HOST_API int32_t lksvlsunlock(void *status, void *lk, const char *name) {
+int32_t lksvlsunlock(void *status, void *lk, const char *name) {
     (void)status;
     return at_border([&]() -> int32_t {
         if (name != nullptr && held_locks::of_thread().release(lk, name)) return 0;

@@ -4,14 +4,13 @@
 #include <cstring>
 
 #include "host/support/block_cache.h"
-#include "host/support/export.h"
 #include "platform/tmem.h"
 
 static constexpr size_t TAG_LENGTH = 8;
 
 extern "C" {
 
-KEYVIEW_HOST_API void *pgcinit(int32_t mode) {
+void *pgcinit(int32_t mode) {
     static char process_context;
     (void)mode;
     return &process_context;
@@ -20,25 +19,25 @@ KEYVIEW_HOST_API void *pgcinit(int32_t mode) {
 // Sanitizers see faults only in blocks that come and go one by one.
 #ifdef KEYVIEW_SANITIZED
 
-KEYVIEW_HOST_API void *tmem_allocm(void *mem, uint64_t size) {
+void *tmem_allocm(void *mem, uint64_t size) {
     (void)mem;
     if (size > PTRDIFF_MAX) return nullptr;
     return calloc(1, size == 0 ? 1 : size);
 }
 
-KEYVIEW_HOST_API void tmem_freem(void *mem, void *block) {
+void tmem_freem(void *mem, void *block) {
     (void)mem;
     free(block);
 }
 
 #else
 
-KEYVIEW_HOST_API void *tmem_allocm(void *mem, uint64_t size) {
+void *tmem_allocm(void *mem, uint64_t size) {
     (void)mem;
     return keyview::host::allocate_block(size);
 }
 
-KEYVIEW_HOST_API void tmem_freem(void *mem, void *block) {
+void tmem_freem(void *mem, void *block) {
     (void)mem;
     if (block != nullptr) keyview::host::free_block(block);
 }
@@ -46,13 +45,13 @@ KEYVIEW_HOST_API void tmem_freem(void *mem, void *block) {
 #endif
 
 // The ninth byte is zero, so that a debugger shows the tag as a string.
-KEYVIEW_HOST_API void tmem_fill_tag(void *address, const char *tag) {
+void tmem_fill_tag(void *address, const char *tag) {
     char bytes[TAG_LENGTH + 1] = {};
     memcpy(bytes, tag, strnlen(tag, TAG_LENGTH));
     memcpy(address, bytes, sizeof(bytes));
 }
 
-KEYVIEW_HOST_API int32_t tmem_check_tag(const void *address, const char *tag) {
+int32_t tmem_check_tag(const void *address, const char *tag) {
     char bytes[TAG_LENGTH] = {};
     memcpy(bytes, tag, strnlen(tag, TAG_LENGTH));
     return memcmp(address, bytes, TAG_LENGTH) == 0 ? 1 : 0;

@@ -4,13 +4,11 @@
 
 #include <string>
 
-#include "host/support/export.h"
-
 namespace keyview::host {
 
 // The registry's URL: the program's choice, else KEYVIEW_REGISTRY. Throws failure::usage if neither
 // is set.
-KEYVIEW_HOST_API std::string registry_url();
+std::string registry_url();
 
 // Sets the program's choice; an empty URL returns to the environment.
 void choose_registry(const std::string &url);

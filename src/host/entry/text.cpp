@@ -1,7 +1,6 @@
 // String folding. Only letters of ASCII have a case, whatever the locale.
 #include <cstring>
 
-#include "host/support/export.h"
 #include "platform/txt.h"
 
 static char lower(char c) {
@@ -26,21 +25,21 @@ static uint64_t occurrences(const char *text, uint64_t length, const char *from,
 
 extern "C" {
 
-KEYVIEW_HOST_API void txtmlo(char *target, const char *source, uint64_t n) {
+void txtmlo(char *target, const char *source, uint64_t n) {
     for (uint64_t i = 0; i < n; ++i)
         target[i] = lower(source[i]);
 }
 
-KEYVIEW_HOST_API void txtmup(char *target, const char *source, uint64_t n) {
+void txtmup(char *target, const char *source, uint64_t n) {
     for (uint64_t i = 0; i < n; ++i)
         target[i] = upper(source[i]);
 }
 
-KEYVIEW_HOST_API void txtlo(char *target, const char *source) {
+void txtlo(char *target, const char *source) {
     txtmlo(target, source, strlen(source) + 1);
 }
 
-KEYVIEW_HOST_API int32_t txtclo(const char *a, const char *b) {
+int32_t txtclo(const char *a, const char *b) {
     while (*a != '\0' && lower(*a) == lower(*b)) {
         ++a;
         ++b;
@@ -50,9 +49,8 @@ KEYVIEW_HOST_API int32_t txtclo(const char *a, const char *b) {
 
 // Non-zero, with the text as it was, if the result would not fit. The text is first moved to where
 // the result will end and then written from the front: what is still to be read is never overtaken.
-KEYVIEW_HOST_API int32_t txtrep(char *text, uint64_t length, uint64_t capacity, const char *from,
-                                uint64_t from_length, const char *to, uint64_t to_length,
-                                uint64_t *new_length) {
+int32_t txtrep(char *text, uint64_t length, uint64_t capacity, const char *from,
+               uint64_t from_length, const char *to, uint64_t to_length, uint64_t *new_length) {
     if (from_length == 0) return 1;
     uint64_t count = occurrences(text, length, from, from_length);
     uint64_t result = length - count * from_length + count * to_length;

@@ -1,9 +1,8 @@
 // Thread support for the lock service: the threads of the process need no context of their own, so
 // there is one for all.
-#include "host/support/export.h"
 #include "platform/lksv.h"
 
-extern "C" KEYVIEW_HOST_API void *thrsini(void) {
+extern "C" void *thrsini(void) {
     static char thread_support;
     return &thread_support;
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "host/support/export.h"
 #include "host/support/fork.h"
 #include "host/support/last_error.h"
 #include "host/support/trace_sink.h"
@@ -81,9 +80,8 @@ extern "C" {
 
 // The four zeros and the limit select nothing: a line is as long as it needs to be, up to 64 KiB.
 // Null if the trace settings of the environment cannot be used.
-KEYVIEW_HOST_API void *trcdcompreg(const char *description, const char *name, int32_t limit,
-                                   uint64_t zero_1, uint64_t zero_2, uint64_t zero_3,
-                                   uint64_t zero_4) {
+void *trcdcompreg(const char *description, const char *name, int32_t limit, uint64_t zero_1,
+                  uint64_t zero_2, uint64_t zero_3, uint64_t zero_4) {
     (void)description, (void)limit, (void)zero_1, (void)zero_2, (void)zero_3, (void)zero_4;
     const std::string *component = nullptr;
     (void)at_border([&] {  // the failure is kept for keyview_host_last_error
@@ -94,8 +92,7 @@ KEYVIEW_HOST_API void *trcdcompreg(const char *description, const char *name, in
     return const_cast<std::string *>(component);
 }
 
-NO_STACK_PROTECTOR KEYVIEW_HOST_API void trcdprintf(void *trc, int32_t level, const char *format,
-                                                    ...) {
+NO_STACK_PROTECTOR void trcdprintf(void *trc, int32_t level, const char *format, ...) {
     if (below_threshold(level)) return;
     va_list values;
     va_start(values, format);
@@ -103,8 +100,7 @@ NO_STACK_PROTECTOR KEYVIEW_HOST_API void trcdprintf(void *trc, int32_t level, co
     va_end(values);
 }
 
-NO_STACK_PROTECTOR KEYVIEW_HOST_API void trcdprintft(void *trc, int32_t level, const char *format,
-                                                     ...) {
+NO_STACK_PROTECTOR void trcdprintft(void *trc, int32_t level, const char *format, ...) {
     if (below_threshold(level)) return;
     va_list values;
     va_start(values, format);

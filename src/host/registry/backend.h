@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "host/registry/store.h"
-#include "host/support/export.h"
 #include "model/locks.h"
 
 namespace keyview::host {
@@ -22,7 +21,7 @@ namespace keyview::host {
 enum class lock_mode { shared, exclusive };
 
 // A held lock. The destructor releases it; so does the end of the process, however it ends.
-class KEYVIEW_HOST_API held_lock {
+class held_lock {
   public:
     held_lock() = default;
     held_lock(const held_lock &) = delete;
@@ -59,7 +58,7 @@ struct lock_use {
     std::string holder;  // "" if the service does not know it
 };
 
-class KEYVIEW_HOST_API lock_service {
+class lock_service {
   public:
     lock_service() = default;
     lock_service(const lock_service &) = delete;

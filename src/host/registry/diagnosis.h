@@ -21,7 +21,7 @@ struct diagnosis {
 using diagnosis_sink = std::function<void(const diagnosis &found)>;
 
 // Acquires and releases a lock without other users, and reports how long that took.
-KEYVIEW_HOST_API void diagnose_locks(lock_service *locks, const diagnosis_sink &sink);
+void diagnose_locks(lock_service *locks, const diagnosis_sink &sink);
 
 // Runs one inspection; its exception becomes a finding.
 template <typename look>
@@ -34,7 +34,7 @@ void diagnose(const std::string &subject, const diagnosis_sink &sink, look &&run
 }
 
 // "1.3 ms".
-KEYVIEW_HOST_API std::string shown_ms(std::chrono::steady_clock::duration time);
+std::string shown_ms(std::chrono::steady_clock::duration time);
 
 }  // namespace keyview::host
 

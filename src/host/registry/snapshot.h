@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "host/support/export.h"
 #include "model/path.h"
 
 namespace keyview::host {
@@ -39,7 +38,7 @@ class byte_block {
     size_t capacity_ = 0;
 };
 
-class KEYVIEW_HOST_API snapshot {
+class snapshot {
   public:
     static constexpr uint32_t NONE = UINT32_MAX;
     static constexpr uint32_t TOP = 0;

@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "host/support/error.h"
-#include "host/support/export.h"
 #include "model/path.h"
 
 namespace keyview::host {
@@ -68,7 +67,7 @@ using damaged_key_sink = std::function<void(std::string_view path)>;
 
 // The tree as of one moment, for the thread that requested it. It may prevent the store from
 // reusing storage: for short work only.
-class KEYVIEW_HOST_API moment {
+class moment {
   public:
     moment() = default;
     moment(const moment &) = delete;
@@ -106,10 +105,10 @@ struct change_batch {
 
 // Every store refuses: a value or a change that no key can take (failure::usage), a set or a
 // change set whose lock was lost, a change set for another revision. path is "" for a change set.
-KEYVIEW_HOST_API void check_value(std::string_view path, std::string_view value);
-KEYVIEW_HOST_API void check_changes(const std::vector<change> &changes);
-KEYVIEW_HOST_API host_error lock_lost(std::string_view path);
-KEYVIEW_HOST_API host_error tree_changed(uint64_t revision, uint64_t wanted);
+void check_value(std::string_view path, std::string_view value);
+void check_changes(const std::vector<change> &changes);
+host_error lock_lost(std::string_view path);
+host_error tree_changed(uint64_t revision, uint64_t wanted);
 
 // Two ways to end a change set that stopped half-way.
 enum class finish { resume, undo };
@@ -118,7 +117,7 @@ enum class finish { resume, undo };
 // A store calls it before it waits for the end of all moments, or for another waiter that does.
 void release_moments();
 
-class KEYVIEW_HOST_API store {
+class store {
   public:
     store() = default;
     store(const store &) = delete;

@@ -5,17 +5,14 @@
 #include <cstdint>
 #include <string>
 
-#include "host/support/export.h"
-
 namespace keyview::host {
 
 // A variable's text; "" if it is not set or the program runs with raised rights.
-KEYVIEW_HOST_API std::string environment_text(const char *variable);
+std::string environment_text(const char *variable);
 
 // A variable that holds a whole number from 0 to most; fallback if it is not set or empty. Throws
 // failure::usage for any other text.
-KEYVIEW_HOST_API uint32_t environment_number(const char *variable, uint32_t fallback,
-                                             uint32_t most);
+uint32_t environment_number(const char *variable, uint32_t fallback, uint32_t most);
 
 }  // namespace keyview::host
 

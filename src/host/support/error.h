@@ -6,8 +6,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/support/export.h"
-
 namespace keyview::host {
 
 enum class failure {
@@ -21,7 +19,7 @@ enum class failure {
     internal,   // no memory, or a defect of the kit
 };
 
-class KEYVIEW_HOST_API host_error : public std::runtime_error {
+class host_error : public std::runtime_error {
   public:
     host_error(failure what_kind, const std::string &text)
         : std::runtime_error(text), kind(what_kind) {}

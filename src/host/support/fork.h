@@ -9,16 +9,14 @@
 #include <memory>
 #include <mutex>
 
-#include "host/support/export.h"
-
 namespace keyview::host {
 
 // Changes in the child of a fork. Objects of another generation belong to an ancestor.
-KEYVIEW_HOST_API uint64_t fork_generation() noexcept;
+uint64_t fork_generation() noexcept;
 
 // Held across every fork, so that the data that it guards is consistent in the child. For short
 // work only; no other mutex is locked inside.
-KEYVIEW_HOST_API std::mutex &fork_mutex() noexcept;
+std::mutex &fork_mutex() noexcept;
 
 // A descriptor that a forked child closes at once; also closed by an exec.
 int open_parent_only(int directory, const char *name, int flags);
