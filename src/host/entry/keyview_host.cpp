@@ -56,12 +56,7 @@ const char *keyview_host_last_error(void) {
 }
 
 int32_t keyview_host_last_error_kind(void) {
-    const last_failure &latest = thread_failure();
-    return latest.text[0] == '\0' ? 0 : static_cast<int32_t>(latest.kind) + 1;
+    return static_cast<int32_t>(thread_failure().kind);
 }
 
 }  // extern "C"
-
-static_assert(static_cast<int32_t>(failure::internal) + 1 == KEYVIEW_FAILURE_INTERNAL &&
-                  static_cast<int32_t>(failure::denied) + 1 == KEYVIEW_FAILURE_DENIED,
-              "the kinds are those of error.h");

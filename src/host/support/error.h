@@ -6,17 +6,20 @@
 #include <stdexcept>
 #include <string>
 
+#include "host/if/keyview_host.h"
+
 namespace keyview::host {
 
-enum class failure {
-    usage,      // a registry URL, a setting or an argument cannot be used
-    not_found,  // the registry, or a named part of it, does not exist
-    registry,   // the registry cannot be reached or failed
-    lock,       // a lock was refused, lost or not granted in time
-    changed,    // the tree changed meanwhile
-    denied,     // not permitted
-    content,    // the registry's content, or a document, is invalid
-    internal,   // no memory, or a defect of the kit
+// The kinds of keyview_host.h.
+enum class failure : int32_t {
+    usage = KEYVIEW_FAILURE_USAGE,
+    not_found = KEYVIEW_FAILURE_NOT_FOUND,
+    registry = KEYVIEW_FAILURE_REGISTRY,
+    lock = KEYVIEW_FAILURE_LOCK,
+    changed = KEYVIEW_FAILURE_CHANGED,
+    denied = KEYVIEW_FAILURE_DENIED,
+    content = KEYVIEW_FAILURE_CONTENT,
+    internal = KEYVIEW_FAILURE_INTERNAL,
 };
 
 class host_error : public std::runtime_error {

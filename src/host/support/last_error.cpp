@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace keyview::host {
 
@@ -50,10 +51,15 @@ static int32_t code_of(failure kind) {
     }
 }
 
-int32_t fail(const host_error &error) noexcept {
-    (void)fail(code_of(error.kind), {error.what()});
-    thread_failure().kind = error.kind;
-    return thread_failure().code;
+int32_t fail(const std::exception &error) noexcept {
+    if (dynamic_cast<const std::bad_alloc *>(&error) != nullptr) {
+        return fail(NO_MEMORY, {"out of memory"});
+    }
+    const auto *known = dynamic_cast<const host_error *>(&error);
+    if (known == nullptr) return fail(FAILED, {error.what()});
+    int32_t code = fail(code_of(known->kind), {error.what()});
+    thread_failure().kind = known->kind;
+    return code;
 }
 
 }  // namespace keyview::host

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <exception>
 #include <initializer_list>
-#include <new>
 #include <string_view>
 
 #include "host/support/error.h"
@@ -22,7 +21,7 @@ enum : int32_t {
     NO_MEMORY = 6,
 };
 
-// Texts are cut to the size of the callers' buffers.
+// All zero before the first failure. Texts are cut to the size of the callers' buffers.
 struct last_failure {
     int32_t code;
     failure kind;
@@ -34,20 +33,16 @@ last_failure &thread_failure() noexcept;
 // Stores the text, joined from its pieces, as the thread's latest failure; returns the code.
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept;
 
-// The same for an exception; the code is that of its kind.
-int32_t fail(const host_error &error) noexcept;
+// The same for an exception; the code of a host_error is that of its kind.
+[[gnu::cold]] int32_t fail(const std::exception &error) noexcept;
 
 // Runs the body of a C operation; an exception becomes the thread's latest failure.
 template <typename work>
 [[nodiscard]] int32_t at_border(work &&body) {
     try {
         return body();
-    } catch (const host_error &error) {
-        return fail(error);
-    } catch (const std::bad_alloc &) {
-        return fail(NO_MEMORY, {"out of memory"});
     } catch (const std::exception &error) {
-        return fail(FAILED, {error.what()});
+        return fail(error);
     }
 }
 
