@@ -12,13 +12,26 @@
 
 namespace keyview::host {
 
-static int32_t no_such_key(std::string_view what, std::string_view path, std::string_view why) {
+// The failures stay apart from the calls that succeed, which need no array on their stack for them.
+[[gnu::noinline]] static int32_t no_such_key(std::string_view what, std::string_view path,
+                                             std::string_view why) {
     return fail(KVTC_ERR_KEY_NOT_FOUND, {"cannot ", what, " '", path, "': ", why});
 }
 
-static int32_t not_open() {
+[[gnu::noinline]] static int32_t not_open() {
     return fail(BAD_ARGUMENT,
                 {"the key is not open: it was closed, or never opened by this handle"});
+}
+
+[[gnu::noinline]] static int32_t no_more_keys(std::string_view path) {
+    return fail(KVTC_ERR_NO_MORE_KEYS, {"'", path, "' has no further subkey"});
+}
+
+[[gnu::noinline]] static int32_t too_small(int32_t code, std::string_view what,
+                                           std::string_view path, uint32_t size,
+                                           std::string_view unit, uint32_t capacity) {
+    return fail(code, {"the ", what, path, "' has ", std::to_string(size), unit, ", the buffer ",
+                       std::to_string(capacity)});
 }
 
 // ---- Handles of keys ----------------------------------------------------------------------------
@@ -99,9 +112,8 @@ int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(stored.size());
     if (stored.size() > capacity) {
-        return fail(KVTC_ERR_MORE_DATA,
-                    {"the value of '", path_of(*key), "' has ", std::to_string(stored.size()),
-                     " bytes, the buffer ", std::to_string(capacity)});
+        return too_small(KVTC_ERR_MORE_DATA, "value of '", path_of(*key), *size, " bytes",
+                         capacity);
     }
     if (!stored.empty()) memcpy(value, stored.data(), stored.size());
     return KVTC_SUCCESS;
@@ -178,16 +190,14 @@ int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, i
     if (rc != KVTC_SUCCESS) return rc;
     if (key->passed == key->children.count) {
         *last = key->children.count == 0 ? -1 : 0;
-        return fail(KVTC_ERR_NO_MORE_KEYS, {"'", path_of(*key), "' has no further subkey"});
+        return no_more_keys(path_of(*key));
     }
     std::string_view next = key->list->name(key->children.first + key->passed);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(next.size());
     if (next.size() >= capacity) {
-        return fail(
-            NAME_TOO_LONG,
-            {"the name of a subkey of '", path_of(*key), "' has ", std::to_string(next.size()),
-             " bytes and a zero byte, the buffer ", std::to_string(capacity)});
+        return too_small(NAME_TOO_LONG, "name of a subkey of '", path_of(*key), *size,
+                         " bytes and a zero byte", capacity);
     }
     memcpy(name, next.data(), next.size());
     name[next.size()] = '\0';

@@ -66,7 +66,7 @@ class held_locks {
     void detach();
 
   private:
-    static held_locks &begin_thread();
+    [[gnu::cold]] static held_locks &begin_thread();
     held_entry *covering(const store *keys, std::string_view path);
 
     uint64_t generation_ = 0;
