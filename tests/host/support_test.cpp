@@ -9,7 +9,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "host/entry/settings.h"
+#include "host/entry/backends.h"
 #include "host/registry/lock_wait.h"
 #include "platform/tmem.h"
 #include "platform/trcd.h"

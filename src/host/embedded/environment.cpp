@@ -30,56 +30,47 @@ struct map_outgrown {};
 
 }  // namespace
 
-static failure kind_of(int rc) {
-    switch (rc) {
-        case EACCES:
-        case EPERM:
-        case EROFS:
-            return failure::denied;
-        case MDB_CORRUPTED:
-        case MDB_PAGE_NOTFOUND:
-        case MDB_INVALID:
-        case MDB_VERSION_MISMATCH:
-        case MDB_INCOMPATIBLE:
-            return failure::content;
-        case ENOMEM:
-            return failure::internal;
-        default:
-            return failure::registry;
-    }
-}
-
 static void close_reader(const lmdb_reader &reader) noexcept {
     if (reader.cursor != nullptr) mdb_cursor_close(reader.cursor);
     if (reader.txn != nullptr) mdb_txn_abort(reader.txn);
 }
 
-static const char *advice(int rc) {
-    switch (rc) {
-        case ENOSPC:
-        case EDQUOT:
-        case EFBIG:
-        case EIO:  // LMDB's code for a write that was cut short
-            return "; nothing was changed: the disk may be full or failing";
-        case MDB_PANIC:
-            return "; restart the program";
-        case MDB_READERS_FULL:
-            return ": too many programs read at the same time";
-        case MDB_CORRUPTED:
-        case MDB_PAGE_NOTFOUND:
-        case MDB_INVALID:
-            return "; the file is damaged: restore it from a saved cluster document";
-        default:
-            return "";
-    }
-}
+static constexpr const char *DISK = "; nothing was changed: the disk may be full or failing";
+static constexpr const char *DAMAGED =
+    "; the file is damaged: restore it from a saved cluster document";
+
+// EIO is LMDB's code for a write that was cut short.
+static constexpr struct known_code {
+    int rc;
+    failure kind;
+    const char *advice;
+} CODES[] = {
+    {EACCES, failure::denied, ""},
+    {EPERM, failure::denied, ""},
+    {EROFS, failure::denied, ""},
+    {ENOMEM, failure::internal, ""},
+    {ENOSPC, failure::registry, DISK},
+    {EDQUOT, failure::registry, DISK},
+    {EFBIG, failure::registry, DISK},
+    {EIO, failure::registry, DISK},
+    {MDB_PANIC, failure::registry, "; restart the program"},
+    {MDB_READERS_FULL, failure::registry, ": too many programs read at the same time"},
+    {MDB_CORRUPTED, failure::content, DAMAGED},
+    {MDB_PAGE_NOTFOUND, failure::content, DAMAGED},
+    {MDB_INVALID, failure::content, DAMAGED},
+    {MDB_VERSION_MISMATCH, failure::content, ""},
+    {MDB_INCOMPATIBLE, failure::content, ""},
+};
 
 void environment::check(int rc, const char *what) const {
     if (rc == MDB_SUCCESS) return;
     if (rc == MDB_MAP_FULL) throw map_full();
     if (rc == MDB_MAP_RESIZED) throw map_outgrown();
-    throw host_error(kind_of(rc), "the registry in '" + path_ + "' failed (" + what +
-                                      "): " + mdb_strerror(rc) + advice(rc));
+    known_code known = {rc, failure::registry, ""};
+    for (const known_code &row : CODES)
+        if (row.rc == rc) known = row;
+    throw host_error(known.kind, "the registry in '" + path_ + "' failed (" + what +
+                                     "): " + mdb_strerror(rc) + known.advice);
 }
 
 void environment::refuse(const std::string &subject, const std::string &reason) const {

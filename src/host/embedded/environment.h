@@ -67,8 +67,6 @@ class environment {
     // Opens the registry of a directory. Throws failure::content if the file is damaged so that
     // keys could be hidden or LMDB led astray; rows by themselves are checked when they are read.
     explicit environment(const registry_directory &directory);
-    environment(const environment &) = delete;
-    environment &operator=(const environment &) = delete;
     ~environment();  // only in the process that opened it
 
     // Runs work in a write transaction, which is committed if work returns true. If the map had to
@@ -116,8 +114,6 @@ class environment {
 class environment::reading {
   public:
     explicit reading(environment *env);
-    reading(const reading &) = delete;
-    reading &operator=(const reading &) = delete;
     ~reading() { env_->end_read(reader_); }
 
     MDB_txn *txn() const { return reader_.txn; }

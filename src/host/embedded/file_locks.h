@@ -33,8 +33,6 @@ namespace keyview::host {
 class lock_descriptors {
   public:
     lock_descriptors() { idle_.reserve(MAX_IDLE); }
-    lock_descriptors(const lock_descriptors &) = delete;
-    lock_descriptors &operator=(const lock_descriptors &) = delete;
     ~lock_descriptors();
 
     int take(const registry_directory &directory);

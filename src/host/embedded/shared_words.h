@@ -24,8 +24,6 @@ class shared_words {
   public:
     explicit shared_words(std::shared_ptr<const registry_directory> directory)
         : directory_(std::move(directory)) {}
-    shared_words(const shared_words &) = delete;
-    shared_words &operator=(const shared_words &) = delete;
     ~shared_words();
 
     using hint = std::atomic<uint32_t>;

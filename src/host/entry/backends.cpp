@@ -1,13 +1,17 @@
-// The choice of a registry's kind by its URL, and the loading of the one that is a module.
+// The registry of this process, the choice of its kind by its URL, and the loading of the one that
+// is a module.
 #include "host/entry/backends.h"
 
 #include <dlfcn.h>
 
+#include <mutex>
 #include <string_view>
 
 #include "host/embedded/embedded.h"
 #include "host/registry/backend_kind.h"
+#include "host/support/environment.h"
 #include "host/support/error.h"
+#include "host/support/fork.h"
 
 namespace keyview::host {
 
@@ -51,6 +55,34 @@ static const backend_kind &kind_of(const std::string &url) {
                                          "' is no URL of a registry: use lmdb:<directory>, or "
                                          "etcd://host:port,host:port/prefix for a cluster");
 }
+
+// ---- The registry of this process ---------------------------------------------------------------
+
+// Guarded by fork_mutex().
+static std::string &chosen_url() {
+    static auto &url = *new std::string;
+    return url;
+}
+
+void choose_registry(const std::string &url) {
+    std::lock_guard guard(fork_mutex());
+    chosen_url() = url;
+}
+
+std::string registry_url() {
+    std::string url;
+    {
+        std::lock_guard guard(fork_mutex());
+        url = chosen_url();
+    }
+    if (url.empty()) url = environment_text("KEYVIEW_REGISTRY");
+    if (!url.empty()) return url;
+    throw host_error(
+        failure::usage,
+        "no registry is chosen: set KEYVIEW_REGISTRY to its URL, for example to lmdb:/var/lib/keyview");
+}
+
+// ---- By URL -------------------------------------------------------------------------------------
 
 void check_registry_url(const std::string &url) {
     kind_of(url).check_url(url);

@@ -1,4 +1,4 @@
-// The choice of a registry's kind by its URL.
+// Which registry this process uses, and the choice of its kind by its URL.
 #ifndef KEYVIEW_HOST_ENTRY_BACKENDS_H
 #define KEYVIEW_HOST_ENTRY_BACKENDS_H
 
@@ -8,6 +8,13 @@
 #include "host/registry/diagnosis.h"
 
 namespace keyview::host {
+
+// The registry's URL: the program's choice, else KEYVIEW_REGISTRY. Throws failure::usage if neither
+// is set.
+std::string registry_url();
+
+// Sets the program's choice; an empty URL returns to the environment.
+void choose_registry(const std::string &url);
 
 // Throws failure::usage if the URL is of no known kind.
 void check_registry_url(const std::string &url);

@@ -2,7 +2,6 @@
 #include "host/if/keyview_host.h"
 
 #include "host/entry/backends.h"
-#include "host/entry/settings.h"
 #include "host/registry/lock_wait.h"
 #include "host/support/last_error.h"
 #include "host/support/trace_sink.h"

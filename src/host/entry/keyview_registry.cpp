@@ -6,10 +6,8 @@
 #include <vector>
 
 #include "host/entry/backends.h"
-#include "host/entry/settings.h"
 #include "host/registry/client.h"
 #include "host/registry/lock_wait.h"
-#include "host/registry/snapshot.h"
 #include "host/support/last_error.h"
 
 using namespace keyview;
@@ -48,17 +46,11 @@ static void read_part(moment *now, std::string_view path, reach depth, bool salv
         keyview_bytes bytes = bytes_of(value);
         row(arg, bytes_of(key), &bytes);
     };
-    std::string value;
     if (salvage) {
         (void)now->scan(path, depth, deliver_row,
                         [&](std::string_view key) { row(arg, bytes_of(key), nullptr); });
-    } else if (depth == reach::key_alone) {
-        if (now->read(path, &value)) deliver_row(path, value);
     } else {
-        snapshot copy(path, depth);
-        if (!now->copy(path, depth, &copy)) return;
-        for (uint32_t key = 0; key < copy.size(); ++key)
-            deliver_row(copy.path(key), copy.value(key));
+        (void)now->moment::scan(path, depth, deliver_row, {});  // of a copy, which is in order
     }
 }
 

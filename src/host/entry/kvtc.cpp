@@ -2,7 +2,6 @@
 // client.cpp's.
 #include "platform/kvtc.h"
 #include "host/entry/backends.h"
-#include "host/entry/settings.h"
 
 #include <algorithm>
 #include <cstring>
@@ -99,8 +98,7 @@ int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint32_t *size, int32
 }
 
 // The failures of a thread are kept together, whatever handle they came from.
-int32_t kvtc_get_last_error(void *reg, int32_t *code, char *message, uint32_t *size) {
-    (void)reg;
+int32_t kvtc_get_last_error(void * /*reg*/, int32_t *code, char *message, uint32_t *size) {
     const last_failure &latest = thread_failure();
     if (code != nullptr) *code = latest.code;
     if (size == nullptr) return KVTC_SUCCESS;

@@ -2,7 +2,6 @@
 // it.
 #include "platform/lksv.h"
 #include "host/entry/backends.h"
-#include "host/entry/settings.h"
 #include "host/registry/lock_wait.h"
 
 #include <cstring>
@@ -62,15 +61,20 @@ static int32_t take_lock(void *lk, const char *name, lock_mode mode) {
 
 extern "C" {
 
-int32_t lksvsinit(void *status, void **lk, const uint16_t *version, const uint64_t *block,
+// The threads of the process need no context of their own, so there is one for all.
+void *thrsini(void) {
+    static char thread_support;
+    return &thread_support;
+}
+
+// The kit has its own memory and threads.
+int32_t lksvsinit(void * /*status*/, void **lk, const uint16_t *version, const uint64_t * /*block*/,
                   uint64_t size) {
-    (void)status, (void)block;  // the kit has its own memory and threads
     return at_border([&] { return make_client(lk, version, size); });
 }
 
 // Locks that other threads took through the handle stay with them.
-int32_t lksvsterm(void *status, void *lk) {
-    (void)status;
+int32_t lksvsterm(void * /*status*/, void *lk) {
     return at_border([&]() -> int32_t {
         if (clients.remove(lk) == nullptr) {
             return fail(BAD_ARGUMENT, {"this is no live lock service handle"});
@@ -80,18 +84,15 @@ int32_t lksvsterm(void *status, void *lk) {
     });
 }
 
-int32_t lksvlsshrlock(void *status, void *lk, const char *name) {
-    (void)status;
+int32_t lksvlsshrlock(void * /*status*/, void *lk, const char *name) {
     return take_lock(lk, name, lock_mode::shared);
 }
 
-int32_t lksvlsmutexlock(void *status, void *lk, const char *name) {
-    (void)status;
+int32_t lksvlsmutexlock(void * /*status*/, void *lk, const char *name) {
     return take_lock(lk, name, lock_mode::exclusive);
 }
 
-int32_t lksvlsunlock(void *status, void *lk, const char *name) {
-    (void)status;
+int32_t lksvlsunlock(void * /*status*/, void *lk, const char *name) {
     return at_border([&]() -> int32_t {
         if (name != nullptr && held_locks::of_thread().release(lk, name)) return 0;
         return fail(LOCK_FAILED,

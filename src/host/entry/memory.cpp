@@ -10,35 +10,30 @@ static constexpr size_t TAG_LENGTH = 8;
 
 extern "C" {
 
-void *pgcinit(int32_t mode) {
+void *pgcinit(int32_t /*mode*/) {
     static char process_context;
-    (void)mode;
     return &process_context;
 }
 
 // Sanitizers see faults only in blocks that come and go one by one.
 #ifdef KEYVIEW_SANITIZED
 
-void *tmem_allocm(void *mem, uint64_t size) {
-    (void)mem;
+void *tmem_allocm(void * /*mem*/, uint64_t size) {
     if (size > PTRDIFF_MAX) return nullptr;
     return calloc(1, size == 0 ? 1 : size);
 }
 
-void tmem_freem(void *mem, void *block) {
-    (void)mem;
+void tmem_freem(void * /*mem*/, void *block) {
     free(block);
 }
 
 #else
 
-void *tmem_allocm(void *mem, uint64_t size) {
-    (void)mem;
+void *tmem_allocm(void * /*mem*/, uint64_t size) {
     return keyview::host::allocate_block(size);
 }
 
-void tmem_freem(void *mem, void *block) {
-    (void)mem;
+void tmem_freem(void * /*mem*/, void *block) {
     if (block != nullptr) keyview::host::free_block(block);
 }
 

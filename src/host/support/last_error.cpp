@@ -13,17 +13,9 @@ last_failure &thread_failure() noexcept {
 }
 
 static failure kind_of(int32_t code) {
-    switch (code) {
-        case BAD_ARGUMENT:
-        case NAME_TOO_LONG:
-            return failure::usage;
-        case LOCK_FAILED:
-            return failure::lock;
-        case NO_MEMORY:
-            return failure::internal;
-        default:
-            return failure::registry;
-    }
+    if (code == BAD_ARGUMENT || code == NAME_TOO_LONG) return failure::usage;
+    if (code == LOCK_FAILED) return failure::lock;
+    return code == NO_MEMORY ? failure::internal : failure::registry;
 }
 
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept {
@@ -41,14 +33,8 @@ int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexc
 }
 
 static int32_t code_of(failure kind) {
-    switch (kind) {
-        case failure::usage:
-            return BAD_ARGUMENT;
-        case failure::lock:
-            return LOCK_FAILED;
-        default:
-            return FAILED;
-    }
+    if (kind == failure::usage) return BAD_ARGUMENT;
+    return kind == failure::lock ? LOCK_FAILED : FAILED;
 }
 
 int32_t fail(const std::exception &error) noexcept {

@@ -223,19 +223,10 @@ void write_trace_line(std::string_view component, int32_t level, std::string_vie
     int saved = errno;
     const trace_sink *sink = active.load();
     try {
-        switch (sink == nullptr ? sink_kind::none : sink->kind) {
-            case sink_kind::none:
-                break;
-            case sink_kind::stream:
-                write_stream(*sink, component, level, text);
-                break;
-            case sink_kind::system_log:
-                write_system_log(component, level, text);
-                break;
-            case sink_kind::journal:
-                write_journal(*sink, component, level, text);
-                break;
-        }
+        sink_kind kind = sink == nullptr ? sink_kind::none : sink->kind;
+        if (kind == sink_kind::stream) write_stream(*sink, component, level, text);
+        if (kind == sink_kind::system_log) write_system_log(component, level, text);
+        if (kind == sink_kind::journal) write_journal(*sink, component, level, text);
     } catch (const std::exception &) {
         // No memory for a line: it is lost, and the program goes on.
     }
