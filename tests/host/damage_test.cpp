@@ -124,7 +124,7 @@ TEST_F(Damage, ACopyThatLmdbMadeIsARegistry) {
         mdb_env_close(env);
         EXPECT_LT(fs::file_size(target + "/data.mdb"), fs::file_size(file("data.mdb")));
         EXPECT_EQ(check_of(copied), "");
-        for (size_t size : {2, 200, 400000}) {
+        for (size_t size : {size_t{2}, size_t{200}, size_t{400000}}) {
             backend made = open_backend(copied, open_mode::existing);
             std::string value;
             EXPECT_TRUE(made.keys->now()->read("a.c", &value));
