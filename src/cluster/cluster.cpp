@@ -40,7 +40,10 @@ static backend open(const std::string &url, open_mode mode) {
     return {keys, std::make_shared<etcd_locks>(keys->cluster())};
 }
 
-const backend_kind KEYVIEW_BACKEND_KIND = {[](const std::string &url) { (void)settings_of(url); },
-                                           open, check_cluster, diagnose_cluster};
+static void check_url(const std::string &url) {
+    (void)settings_of(url);
+}
+
+const backend_kind KEYVIEW_BACKEND_KIND = {check_url, open, check_cluster, diagnose_cluster};
 
 }  // namespace keyview::host

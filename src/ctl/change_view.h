@@ -17,10 +17,10 @@ namespace keyview::ctl {
 // A change of the administration, as a command runs it.
 struct change_command {
     std::string what;        // "the document is not applied"
-    std::string file = "";   // that it reads: there is the fault if the content is invalid
+    std::string file = {};   // that it reads: there is the fault if the content is invalid
     bool confirms = false;   // asks a person at a terminal first, unless --yes is given
     bool compares = false;   // always a dry run; EXIT_NO if anything differs
-    std::string where = "";  // else the registry
+    std::string where = {};  // else the registry
 };
 using change_function = std::function<admin::change_result(const admin::change_options &)>;
 
