@@ -55,8 +55,8 @@ static void read_part(moment *now, std::string_view path, reach depth, bool salv
 }
 
 static void deliver(const tree_change &one, keyview_change_callback change, void *arg) {
-    keyview_bytes before = bytes_of(one.before ? *one.before : ""),
-                  after = bytes_of(one.after ? *one.after : "");
+    keyview_bytes before = one.before ? bytes_of(*one.before) : keyview_bytes{};
+    keyview_bytes after = one.after ? bytes_of(*one.after) : keyview_bytes{};
     change(arg, one.revision, bytes_of(one.path), one.before ? &before : nullptr,
            one.after ? &after : nullptr);
 }
