@@ -379,6 +379,18 @@ class Keeping(Administrator):
             self.good("check")
             self.good("restore", saved, "--force")
 
+    def test_a_document_replaces_the_damaged_name_of_a_service(self):
+        document = json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
+            {"name": "Sales", "services": [{"name": "RECOGNISABLE"}]}]}).encode()
+        self.good("apply", "-", stdin=document)
+        name = os.path.join(self.url.split(":")[1], "data.mdb")
+        damaged = content(name).replace(b"RECOGNISABLE", b"rECOGNISABLE")
+        with open(name, "r+b") as data:
+            data.write(damaged)
+        self.good("check", code=8)
+        self.good("apply", "-", stdin=document)
+        self.good("check")
+
     def test_random_bytes_survive_export_and_apply(self):
         random.seed(11)
         def text(longest):

@@ -13,9 +13,6 @@ namespace keyview::admin {
 
 // Above this many changes the tree is read as a whole.
 static constexpr size_t FEW_CHANGES = 16;
-// What a plan shows as the value of a key whose stored bytes are damaged. It has no zero byte, so no
-// text is like it; a change replaces or removes the key.
-static constexpr const char *DAMAGED = "(damaged)";
 // How often a plan is made anew because the tree changed under it. The last one is carried out
 // without regard to changes elsewhere, so that a busy registry cannot keep it off.
 static constexpr int TRIES = 8;
@@ -114,7 +111,7 @@ static plan make_plan(const registry *keys, const change_request &request,
     std::vector<std::string> damaged;
     if (keys != nullptr) revision = keys->read(parts_of(request, whole), &before, &damaged);
     for (const std::string &path : damaged)
-        before.emplace(path, DAMAGED);
+        before.emplace(path, DAMAGED_VALUE);
     if (request.check) request.check(before);
     if (options.if_revision != 0 && options.if_revision != revision) {
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree is at revision " + std::to_string(revision) +

@@ -13,6 +13,10 @@
 
 namespace keyview::admin {
 
+// What a plan shows as the value of a key whose stored bytes are damaged. It has no zero byte, so no
+// text is like it; a change replaces or removes the key.
+constexpr const char *DAMAGED_VALUE = "(damaged)";
+
 struct change_options {
     bool dry_run = false;      // report what would change, write nothing, take no lock
     bool prune = false;        // remove what is not requested

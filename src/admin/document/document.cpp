@@ -24,7 +24,7 @@ static void check_against(const key_map &present, const document_plan &plan, boo
     for (const question &asked : plan.services) {
         // "a.b" and "a*b" share a key; to store one over the other would lose a service.
         auto stored = present.find(asked.path);
-        if (stored == present.end()) continue;
+        if (stored == present.end() || stored->second == DAMAGED_VALUE) continue;
         std::string name = stored->second.substr(0, stored->second.find('\0'));
         if (!name.empty() && element_of(name) != element_of(asked.name)) {
             problems->add(asked.place,
@@ -33,16 +33,11 @@ static void check_against(const key_map &present, const document_plan &plan, boo
     }
 }
 
-static document_plan sound_plan(std::string_view document, const char *refusal) {
-    problem_list problems;
-    document_plan plan = read_document(document, &problems);
-    problems.throw_if_any(refusal);
-    return plan;
-}
-
 change_result apply_document(std::string_view document, const change_options &options) {
     static constexpr const char *INVALID = "the document is invalid; nothing was written";
-    document_plan plan = sound_plan(document, INVALID);
+    problem_list faults;
+    document_plan plan = read_document(document, &faults);
+    faults.throw_if_any(INVALID);
     change_request request = {std::move(plan.changes), std::move(plan.locks)};
     for (const auto *questions : {&plan.instances, &plan.services})
         for (const question &asked : *questions)
@@ -53,10 +48,6 @@ change_result apply_document(std::string_view document, const change_options &op
         problems.throw_if_any(INVALID);
     };
     return change_registry("", request, options);
-}
-
-void check_document(std::string_view document) {
-    (void)sound_plan(document, "the document is invalid");
 }
 
 // ---- Out of the registry ------------------------------------------------------------------------

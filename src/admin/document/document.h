@@ -19,9 +19,6 @@ namespace keyview::admin {
 // KEYVIEW_FAILURE_CONTENT if the document is invalid, or does not fit the registry.
 change_result apply_document(std::string_view document, const change_options &options);
 
-// Throws what apply_document would refuse, as far as the document alone shows it.
-void check_document(std::string_view document);
-
 // The whole tree, as of one moment, as a cluster document that ends with a newline. Applied to an
 // empty registry it gives the same keys and values byte for byte. Takes no lock.
 //

@@ -1,6 +1,7 @@
 // The functions of keyview_registry.h: arguments become the kit's own types, failures become codes.
 #include "host/if/keyview_registry.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,6 +39,11 @@ static int32_t coded(work &&body) {
         return 0;
     });
     return rc == 0 ? 0 : keyview_host_last_error_kind();
+}
+
+static reach depth_of(int32_t depth) {
+    if (depth >= KEYVIEW_DEPTH_KEY && depth <= KEYVIEW_DEPTH_ALL) return static_cast<reach>(depth);
+    throw host_error(failure::usage, std::to_string(depth) + " is no depth");
 }
 
 static void read_part(moment *now, std::string_view path, reach depth, bool salvage,
@@ -85,8 +91,8 @@ int32_t keyview_registry_read(keyview_registry *registry, const keyview_part *pa
     return coded([&] {
         std::unique_ptr<moment> now = registry->opened.keys->now();
         for (size_t n = 0; n < count; ++n) {
-            read_part(now.get(), view_of(parts[n].path), static_cast<reach>(parts[n].depth),
-                      salvage != 0, row, arg);
+            read_part(now.get(), view_of(parts[n].path), depth_of(parts[n].depth), salvage != 0,
+                      row, arg);
         }
         if (revision != nullptr) *revision = now->current().tree;
     });
@@ -138,7 +144,8 @@ int32_t keyview_registry_recover(keyview_registry *registry, int32_t undo) {
 int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int32_t shared,
                              int64_t wait_ms, keyview_lock **lock) {
     return coded([&] {
-        auto limit = wait_ms < 0 ? lock_wait_ms() : static_cast<uint32_t>(wait_ms);
+        auto limit = wait_ms < 0 ? lock_wait_ms()
+                                 : static_cast<uint32_t>(std::min<int64_t>(wait_ms, UINT32_MAX));
         auto held = registry->opened.locks->acquire(
             view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive, limit);
         *lock = new keyview_lock{registry->opened, std::move(held)};

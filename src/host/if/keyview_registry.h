@@ -8,7 +8,7 @@
 // A keyview_bytes that is passed in stays the caller's; one that a callback receives is valid during
 // the call only. A path is a key's elements joined by "."; a value is stored as given, so a text
 // carries its zero byte. Callbacks run on the calling thread, must not throw and must not call
-// functions of this header for the same registry. A null callback is not called.
+// functions of this header for the same registry. No pointer may be null unless its function says so.
 //
 // A keyview_registry may be used by several threads at once.
 #ifndef KEYVIEW_REGISTRY_H
