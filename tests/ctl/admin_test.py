@@ -280,7 +280,8 @@ class Keeping(Administrator):
             with open(files[-1], "w") as file:
                 json.dump(document, file)
         writer = subprocess.Popen(["sh", "-c", 'while "$0" apply "$1" && "$0" apply "$2"; do :; done', TOOL, *files],
-                                  env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                  env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                  start_new_session=True)
         try:
             for _ in range(15):
                 rows = dict(line.rsplit(" ", 1) for line in self.good("backup", "-").splitlines()[3:])
@@ -292,7 +293,7 @@ class Keeping(Administrator):
             self.assertEqual(keys[a], keys[b])
             self.good("diff", self.path("saved"), "--registry", "lmdb:" + self.path("other"))
         finally:
-            writer.kill()
+            os.killpg(writer.pid, signal.SIGKILL)  # with the command that the shell runs
             writer.wait()
 
     def test_a_kill_leaves_no_half_file_and_no_half_tree(self):
