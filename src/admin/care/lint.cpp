@@ -29,27 +29,27 @@ enum rule_number : size_t {
     NODE_CASE,
 };
 
+struct lint_rule {
+    const char *rule, *severity;
+};
+
 // In the order of rule_number.
 static constexpr lint_rule RULES[] = {
-    {"name-missing", "error", "a record's key has no own value, which is its registered name"},
-    {"name-other", "error", "a key's own value is another name than the key's element"},
-    {"name-long", "error", "an own value is longer than its readers take"},
-    {"type-case", "error", "a type word is not PREFERRED or AVAILABLE in upper case"},
-    {"type-missing", "error", "a service's instance has no type"},
-    {"flag-two-ways", "error", "a flag is neither TRUE nor FALSE: readers differ about it"},
-    {"list-single", "error", "a single string lacks the list's final zero byte"},
-    {"list-form", "error", "a list does not end as a list does"},
-    {"value-long", "error", "a value is longer than its readers take"},
-    {"word-unknown", "error", "a value is none of the words that its readers know"},
-    {"instance-missing", "error", "a service names an instance that the database does not have"},
-    {"node-twice", "warning", "two instances of a database are on one node"},
-    {"node-case", "warning", "the name of a node is not in lower case"},
+    {"name-missing", "error"},      // a record's key has no own value, which is its registered name
+    {"name-other", "error"},        // a key's own value is another name than the key's element
+    {"name-long", "error"},         // an own value is longer than its readers take
+    {"type-case", "error"},         // a type word is not PREFERRED or AVAILABLE in upper case
+    {"type-missing", "error"},      // a service's instance has no type
+    {"flag-two-ways", "error"},     // a flag is neither TRUE nor FALSE: readers differ about it
+    {"list-single", "error"},       // a single string lacks the list's final zero byte
+    {"list-form", "error"},         // a list does not end as a list does
+    {"value-long", "error"},        // a value is longer than its readers take
+    {"word-unknown", "error"},      // a value is none of the words that its readers know
+    {"instance-missing", "error"},  // a service names an instance that the database does not have
+    {"node-twice", "warning"},      // two instances of a database are on one node
+    {"node-case", "warning"},       // the name of a node is not in lower case
 };
 static_assert(std::size(RULES) == NODE_CASE + 1, "a row for each rule");
-
-std::vector<lint_rule> lint_rules() {
-    return {std::begin(RULES), std::end(RULES)};
-}
 
 namespace {
 

@@ -8,18 +8,11 @@
 
 namespace keyview::admin {
 
-struct lint_rule {
-    const char *rule;
-    const char *severity;  // "error": readers fail or differ; "warning": something is out of sight
-    const char *meaning;
-};
-std::vector<lint_rule> lint_rules();
-
 // One thing that readers misread. It has a remedy where there is one way to mend it, else the
 // decision that a person has to make.
 struct finding {
     const char *rule;
-    const char *severity;
+    const char *severity;  // "error": readers fail or differ; "warning": something is out of sight
     std::string path;
     std::string readers_see;
     std::vector<std::string> remedy = {};  // the arguments of keyviewctl that mend it
