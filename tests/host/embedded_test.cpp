@@ -11,6 +11,7 @@
 #include <memory>
 #include <thread>
 
+#include "host/embedded/embedded.h"
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
@@ -53,8 +54,10 @@ class Embedded : public RegistryTest {
 
 TEST_F(Embedded, RefusesUnsafeDirectories) {
     auto at = [&](const char *name) { return scratch.path + "/" + name; };
-    for (const char *name : {"empty", "open", "fifo_data", "link_locks"})
+    for (const char *name : {"empty", "open", "open_file", "fifo_data", "link_locks"})
         fs::create_directory(at(name));
+    std::ofstream(at("open_file/data.mdb")) << "x";
+    chmod(at("open_file/data.mdb").c_str(), 0606);
     chmod(at("open").c_str(), 0777);
     mkfifo(at("fifo").c_str(), 0600);
     mkfifo(at("fifo_data/data.mdb").c_str(), 0600);
@@ -75,6 +78,7 @@ TEST_F(Embedded, RefusesUnsafeDirectories) {
         {"none/deeper", open_mode::create, failure::not_found, "directory above"},
         {"fifo_data", open_mode::existing, failure::denied, "data.mdb in it is not a regular file"},
         {"link_locks", open_mode::create, failure::denied, "locks in it is not a regular file"},
+        {"open_file", open_mode::existing, failure::denied, "every user may write to data.mdb"},
         {"empty", open_mode::existing, failure::not_found, "keyviewctl"},
         {"none", open_mode::existing, failure::not_found, "keyviewctl"},
     };
@@ -90,18 +94,54 @@ TEST_F(Embedded, RefusesUnsafeDirectories) {
         EXPECT_NO_THROW(open_backend("lmdb:" + at(name), open_mode::create));
 }
 
-TEST_F(Embedded, IsPrivateWhateverTheUmask) {
-    for (mode_t mask : {0U, 022U, 0777U}) {
-        std::string made = scratch.path + "/u" + std::to_string(mask);
-        mode_t before = umask(mask);
-        open_backend("lmdb:" + made, open_mode::create);
-        umask(before);
-        for (const char *name : {"", "/data.mdb", "/lock.mdb", "/locks"}) {
+// Every file that a registry gets. In memory: the disk would have to sync 1,500 files.
+TEST_F(Embedded, OnlyASetGroupIdDirectoryGivesRightsWhateverTheUmask) {
+    static constexpr struct {
+        mode_t directory, files;  // 0: the directory does not exist
+    } ROWS[] = {{0, 0600}, {0700, 0600}, {0755, 0600}, {0770, 0600}, {02770, 0660}, {02775, 0660}};
+    std::string memory = "/dev/shm/keyview-XXXXXX";
+    ASSERT_NE(mkdtemp(memory.data()), nullptr);
+    for (mode_t mask = 0; mask <= 0100; ++mask) {
+        for (const auto &row : ROWS) {
+            SCOPED_TRACE(testing::Message()
+                         << std::oct << "umask " << mask << ", " << row.directory);
+            std::string made = memory + "/u";
+            if (row.directory != 0) {
+                fs::create_directory(made);
+                ASSERT_EQ(chmod(made.c_str(), row.directory), 0);
+            }
+            mode_t before = umask(mask < 0100 ? mask : 0777);
+            backend fresh = open_backend("lmdb:" + made, open_mode::create);
+            fresh.locks->acquire("LKRT.x", lock_mode::exclusive, 0).reset();
+            fresh.keys->apply({put("a.b", std::string(mask == 0 ? 100'000 : 1, 'x'))});
+            fresh = {};
+            umask(before);
             struct stat found = {};
-            ASSERT_EQ(stat((made + name).c_str(), &found), 0) << name;
-            EXPECT_EQ(found.st_mode & 07777, *name == '\0' ? 0700U : 0600U) << name;
+            ASSERT_EQ(stat(made.c_str(), &found), 0);
+            EXPECT_EQ(found.st_mode & 07777, row.directory == 0 ? 0700U : row.directory);
+            for (const auto &entry : fs::directory_iterator(made)) {
+                ASSERT_EQ(stat(entry.path().c_str(), &found), 0);
+                EXPECT_EQ(found.st_mode & 07777, row.files) << entry.path();
+            }
+            fs::remove_all(made);
         }
     }
+    fs::remove(memory);
+}
+
+TEST_F(Embedded, DoctorReportsFilesThatOthersMayUse) {
+    close();
+    auto excess = [&] {
+        std::string text;
+        diagnose_embedded(url, [&](const diagnosis &found) {
+            if (found.subject == "files") text += found.text;
+        });
+        return text;
+    };
+    EXPECT_EQ(excess(), "");
+    ASSERT_EQ(chmod((directory + "/locks").c_str(), 0640), 0);
+    ASSERT_EQ(chmod((directory + "/data.mdb").c_str(), 0604), 0);
+    EXPECT_EQ(excess(), "others may use data.mdb, locks: change the mode to 0600 (chmod 0600)");
 }
 
 TEST_F(Embedded, OpensItsFilesOnceForAllUsers) {

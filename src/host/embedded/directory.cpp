@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -123,7 +124,8 @@ static unique_fd open_directory(const std::string &path) {
     return fd;
 }
 
-// Returns the mode of new files.
+// Returns the mode of files. A group is given the files only together with its set-group-ID
+// directory, whose group each new file then has; else it would be that of some user.
 static mode_t check_directory(const std::string &path, int fd) {
     struct stat found = {};
     struct statfs system = {};
@@ -140,7 +142,7 @@ static mode_t check_directory(const std::string &path, int fd) {
             std::string("it is on a network file system (") + network +
                 "), where other machines' changes would damage it; use a local directory");
     }
-    return 0600 | (found.st_mode & 0060);
+    return 0600 | ((found.st_mode & S_ISGID) != 0 ? found.st_mode & 0060 : 0);
 }
 
 // Does not open an existing file: to open and close LMDB's lock file would undo its protection.
@@ -150,8 +152,12 @@ static bool check_file(const std::string &path, int directory, const char *name,
         if (errno != ENOENT) throw failed(path, name);
         return false;
     }
-    if (S_ISREG(found->st_mode)) return true;
-    throw refused(failure::denied, path, std::string(name) + " in it is not a regular file");
+    if (!S_ISREG(found->st_mode))
+        throw refused(failure::denied, path, std::string(name) + " in it is not a regular file");
+    if ((found->st_mode & S_IWOTH) == 0) return true;
+    throw refused(
+        failure::denied, path,
+        std::string("every user may write to ") + name + " in it; remove that right (chmod o-w)");
 }
 
 static void make_file(const std::string &path, int directory, const char *name, mode_t mode) {
@@ -198,12 +204,12 @@ registry_directory::registry_directory(const std::string &path, open_mode mode)
     : path_(absolute(path)) {
     if (mode == open_mode::create) make_directory(path_);
     fd_ = open_directory(path_);
-    mode_t file_mode = check_directory(path_, fd());
+    file_mode_ = check_directory(path_, fd());
     struct stat found = {};
     bool made = false;
     for (size_t n = 0; n < std::size(FILES); ++n) {
         if (!check_file(path_, fd(), FILES[n], &found)) {
-            make(n, mode, file_mode);
+            make(n, mode);
             made = true;
             if (!check_file(path_, fd(), FILES[n], &found)) throw failed(path_, FILES[n]);
         }
@@ -212,10 +218,24 @@ registry_directory::registry_directory(const std::string &path, open_mode mode)
     if (made && fsync(fd()) != 0) throw failed(path_, "fsync");
 }
 
-void registry_directory::make(size_t file, open_mode mode, mode_t file_mode) {
-    if (FILES[file] != DATA_FILE) return make_file(path_, fd(), FILES[file], file_mode);
-    if (mode == open_mode::create) return make_data(path_, fd(), file_mode);
+void registry_directory::make(size_t file, open_mode mode) {
+    if (FILES[file] != DATA_FILE) return make_file(path_, fd(), FILES[file], file_mode_);
+    if (mode == open_mode::create) return make_data(path_, fd(), file_mode_);
     throw host_error(failure::not_found, "there is no registry in '" + path_ + "'" + WHAT_TO_DO);
+}
+
+std::string registry_directory::excess_rights() const {
+    char right[8];
+    (void)snprintf(right, sizeof right, "%04o", file_mode_);
+    std::string names;
+    for (const char *name : FILES) {
+        struct stat found = {};
+        bool known = fstatat(fd(), name, &found, AT_SYMLINK_NOFOLLOW) == 0;
+        bool excess = known && (found.st_mode & 0777 & ~file_mode_) != 0;
+        if (excess) names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+    if (names.empty()) return "";
+    return "others may use " + names + ": change the mode to " + right + " (chmod " + right + ")";
 }
 
 // LMDB's two files must not become empty either. The lock file is empty until a lock is taken.

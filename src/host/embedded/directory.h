@@ -4,8 +4,9 @@
 //     locks                 the byte ranges of the named locks
 //
 // The directory is made with mode 0700 and files with 0600, whatever the umask. If an
-// administrator gives the directory to a group (chmod g+rwxs), the group may use the files. Only
-// open_mode::create makes a data.mdb, and only if none exists: an empty one is damaged.
+// administrator gives the directory to a group, set-group-ID included (chmod g+rwxs), files get the
+// group's rights to it. Only open_mode::create makes a data.mdb, and only if none exists: an empty
+// one is damaged.
 #ifndef KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 #define KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
 
@@ -55,6 +56,9 @@ class registry_directory : public std::enable_shared_from_this<registry_director
     // then use another registry, or the same one without our locks.
     void require_in_place() const;
 
+    // Which files have more rights than new ones get, and the remedy; "" if none has.
+    std::string excess_rights() const;
+
     // Opens the data file for access without LMDB.
     unique_fd open_data() const;
 
@@ -64,10 +68,11 @@ class registry_directory : public std::enable_shared_from_this<registry_director
     static constexpr const char *LOCK_FILE = "locks";
 
   private:
-    void make(size_t file, open_mode mode, mode_t file_mode);
+    void make(size_t file, open_mode mode);
 
     std::string path_;
     unique_fd fd_;
+    mode_t file_mode_;            // of new files
     std::array<file_id, 3> ids_;  // of data.mdb, lock.mdb, locks
 };
 

@@ -29,6 +29,8 @@ static void inspect_rights(const registry_directory &directory, const diagnosis_
     bool open = (known.st_mode & S_IRWXO) != 0;
     sink({"directory", open ? health::doubtful : health::good,
           directory.path() + (open ? " is open to every user: chmod o= it" : " exists")});
+    std::string excess = directory.excess_rights();
+    if (!excess.empty()) sink({"files", health::doubtful, excess});
 }
 
 static void inspect_content(const std::string &url, uint64_t size, const diagnosis_sink &sink) {
