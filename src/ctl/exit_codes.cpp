@@ -19,7 +19,8 @@ static constexpr const char *REPORT_BUG = "report this: it is a mistake in keyvi
 static constexpr exit_row EXITS[] = {
     {EXIT_DONE, "done", "done, or the answer is yes", "nothing"},
     {EXIT_NO, "no", "the answer is no: it differs, is disabled or not supported", "nothing"},
-    {EXIT_USAGE, "usage", "the command line cannot be used", "see the command's --help"},
+    {EXIT_USAGE, "usage", "the command line or a settings file cannot be used",
+     "see the command's --help"},
     {EXIT_NOT_FOUND, "not_found", "what was named does not exist", "check the name"},
     {EXIT_REGISTRY, "registry", "the registry cannot be reached or failed", TRY_REGISTRY},
     {EXIT_LOCK, "lock", "a lock was refused, lost or not granted in time", TRY_LATER},

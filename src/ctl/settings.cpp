@@ -1,12 +1,15 @@
 // See settings.h.
 #include "ctl/settings.h"
 
-#include <CLI/CLI.hpp>
+#include <sys/stat.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cerrno>
 #include <map>
 
+#include "ctl/file_io.h"
 #include "ctl/output.h"
+#include "ctl/suggest.h"
 #include "ctl/terminal.h"
 
 namespace keyview::ctl {
@@ -28,27 +31,162 @@ static std::string user_file() {
     return folder + "/keyview/config";
 }
 
-static settings_file read_settings(const std::string &name) {
-    settings_file file = {name, {}};
-    std::ifstream text(name);
-    if (!text) return file;
-    try {
-        for (const CLI::ConfigItem &item : CLI::ConfigINI().from_config(text)) {
-            if (item.name == "++" || item.name == "--") continue;  // where a section begins or ends
-            file.values[item.fullname()] = item.inputs.empty() ? "" : item.inputs.back();
-        }
-    } catch (const CLI::Error &error) {
-        throw tool_error{EXIT_USAGE, "the settings cannot be read", name, error.what(),
-                         "write lines of \"name = value\""};
-    }
-    return file;
+// ---- A file -------------------------------------------------------------------------------------
+
+static constexpr const char *UNUSABLE = "the settings cannot be used";
+static constexpr const char *BLANKS = " \t\r";
+
+// The text of a file; "" if there is none, which is also assumed below a folder that the user may
+// not search: HOME may be another user's.
+static std::string text_of_file(const std::string &name) {
+    struct stat found = {};
+    bool known = stat(name.c_str(), &found) == 0;
+    if (!known && (errno == ENOENT || errno == ENOTDIR || errno == EACCES)) return "";
+    if (!known || S_ISREG(found.st_mode)) return read_file(name);
+    throw tool_error{EXIT_USAGE, UNUSABLE, name, "it is not a regular file",
+                     "replace it by a file with lines of \"name = value\", or remove it"};
 }
+
+static std::string_view trimmed(std::string_view text) {
+    size_t first = text.find_first_not_of(BLANKS);
+    if (first == text.npos) return {};
+    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+static std::string quoted(std::string_view text) {
+    return "\"" + std::string(text) + "\"";
+}
+
+namespace {
+
+// One file, line by line. Every line that has no meaning is a problem.
+class settings_reader {
+  public:
+    settings_reader(settings_file *file, const std::vector<std::string> &names)
+        : file_(file), names_(names) {}
+
+    admin::problem_list read(std::string_view text) {
+        constexpr std::string_view MARK = "\xef\xbb\xbf";  // that some editors begin a file with
+        if (text.substr(0, MARK.size()) == MARK) text.remove_prefix(MARK.size());
+        while (!text.empty()) {
+            size_t end = std::min(text.find('\n'), text.size());
+            ++line_;
+            read_line(trimmed(text.substr(0, end)));
+            text.remove_prefix(std::min(end + 1, text.size()));
+        }
+        return problems_;
+    }
+
+  private:
+    void refuse(const std::string &reason) {
+        problems_.add("line " + std::to_string(line_), reason);
+    }
+
+    std::string meant(std::string_view word) const {
+        std::string near = nearest(std::string(word), names_);
+        return near.empty() ? "; the settings are " + all_names() : "; did you mean " + near + "?";
+    }
+
+    std::string all_names() const {
+        std::string out;
+        for (const std::string &name : names_)
+            out += (out.empty() ? "" : ", ") + name;
+        return out;
+    }
+
+    void read_line(std::string_view line) {
+        if (line.empty() || line[0] == '#' || line[0] == ';') return;
+        auto control = [](unsigned char byte) { return byte < 0x20 && byte != '\t'; };
+        if (std::any_of(line.begin(), line.end(), control))
+            return refuse("has a control character");
+        if (line[0] == '[') return start_section(line);
+        size_t equals = line.find('=');
+        if (equals == line.npos) {
+            std::string_view first = line.substr(0, line.find_first_of(": \t"));
+            return refuse(quoted(line) + " is no line of \"name = value\"" + meant(first));
+        }
+        read_setting(trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)));
+    }
+
+    void start_section(std::string_view line) {
+        section_ = "unknown.";  // its lines are not refused as well
+        if (line.back() != ']') return refuse(quoted(line) + " lacks its \"]\"");
+        constexpr std::string_view HEAD = "context.";
+        std::string_view name = trimmed(line.substr(1, line.size() - 2));
+        if (name.substr(0, HEAD.size()) != HEAD) {
+            size_t dot = name.find('.');
+            std::string context(dot == name.npos ? name : name.substr(dot + 1));
+            if (context.empty()) context = "NAME";
+            return refuse(quoted(line) + " is no section; did you mean [context." + context + "]?");
+        }
+        if (name.size() == HEAD.size()) return refuse(quoted(line) + " names no context");
+        section_ = std::string(name) + ".";
+        note_first(section_, quoted(line));
+    }
+
+    void read_setting(std::string_view name, std::string_view value) {
+        if (std::find(names_.begin(), names_.end(), name) == names_.end())
+            return refuse(quoted(name) + " is no setting" + meant(name));
+        if (!section_.empty() && name == names_[0])
+            return refuse("a context cannot choose another one");
+        if (!take_value(&value)) return refuse("the value has a quote without its partner");
+        if (note_first(section_ + std::string(name), quoted(name)))
+            file_->values[section_ + std::string(name)] = value;
+    }
+
+    // False if it was there before, which is a problem.
+    bool note_first(const std::string &key, const std::string &shown) {
+        auto [first, fresh] = lines_.emplace(key, line_);
+        if (!fresh)
+            refuse(shown + " is there twice, first in line " + std::to_string(first->second));
+        return fresh;
+    }
+
+    // Without its quotes and without the remark behind it.
+    static bool take_value(std::string_view *value) {
+        char quote = value->empty() ? '\0' : value->front();
+        bool begins = quote == '"' || quote == '\'';
+        size_t from = begins ? std::min(value->find(quote, 1), value->size()) : 0;
+        for (std::string_view remark : {" #", "\t#", " ;", "\t;"})
+            *value = trimmed(value->substr(0, value->find(remark, from)));
+        if (!begins) return value->empty() || (value->back() != '"' && value->back() != '\'');
+        if (value->size() < 2 || value->find(quote, 1) != value->size() - 1) return false;
+        *value = value->substr(1, value->size() - 2);
+        return true;
+    }
+
+    settings_file *file_;
+    const std::vector<std::string> &names_;  // the context's first
+    admin::problem_list problems_;
+    size_t line_ = 0;
+    std::string section_;  // such as "context.test."
+    std::map<std::string, size_t> lines_;
+};
+
+}  // namespace
+
+static settings_file read_settings(const std::string &name, const std::vector<std::string> &names) {
+    settings_file file = {name, {}};
+    admin::problem_list wrong = settings_reader(&file, names).read(text_of_file(name));
+    if (wrong.empty()) return file;
+    throw tool_error{EXIT_USAGE,
+                     UNUSABLE,
+                     name,
+                     "",
+                     "correct the lines: settings are \"name = value\", a context begins with "
+                     "[context.NAME]",
+                     wrong.kept(),
+                     wrong.more()};
+}
+
+// ---- All of them --------------------------------------------------------------------------------
 
 namespace {
 
 class search {
   public:
-    search() : files_{read_settings(user_file()), read_settings(MACHINE_FILE)} {}
+    explicit search(const std::vector<std::string> &names)
+        : files_{read_settings(user_file(), names), read_settings(MACHINE_FILE, names)} {}
 
     void find(setting *wanted, const setting &context) const {
         std::string below = "context." + context.value + ".";
@@ -89,7 +227,10 @@ class search {
 }  // namespace
 
 void settings::resolve() {
-    search files;
+    std::vector<std::string> names;
+    for (const setting *one : all())
+        names.emplace_back(one->name);
+    search files(names);
     files.find(&context, {"", "", ""});
     if (!context.value.empty() && !files.has_context(context.value)) {
         throw tool_error{EXIT_USAGE, "there is no context " + context.value, user_file(),

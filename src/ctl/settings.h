@@ -5,6 +5,9 @@
 //     registry = lmdb:/var/lib/keyview
 //     [context.test]
 //     registry = lmdb:/tmp/keyview
+//
+// A line that begins with # or ; is a remark, as is what follows a blank and one of them. A value may
+// be in quotes. Any other line is an error, and so is a setting that is there twice.
 #ifndef KEYVIEW_CTL_SETTINGS_H
 #define KEYVIEW_CTL_SETTINGS_H
 

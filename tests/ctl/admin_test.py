@@ -546,6 +546,49 @@ class Comfort(Administrator):
         self.assertEqual(registry(KEYVIEW_REGISTRY="", KEYVIEW_CONTEXT="test"), "lmdb:/context")
         self.good("config", "--context", "absent", code=2)
 
+    def test_each_line_of_a_settings_file_counts(self):
+        name = self.path(".config/keyview/config")
+        os.makedirs(os.path.dirname(name))
+        escapes = {"\\n": b"\n", "\\r": b"\r", "\\t": b"\t"}
+        for line in content(os.path.join(os.path.dirname(__file__), "settings.txt")).decode().splitlines()[2:]:
+            text, chosen, *told = line.split(" | ")
+            with open(name, "wb") as file:
+                file.write(b"".join(escapes.get(part) or (bytes([int(part[2:], 16)]) if part[:2] == "\\x" else part.encode())
+                                    for part in re.split(r"(\\(?:[nrt]|x..))", text)))
+            with self.subTest(line):
+                if chosen != "-":
+                    rows = json.loads(self.good("config", "-o", "json", KEYVIEW_REGISTRY=""))["config"]
+                    self.assertEqual([row["value"] for row in rows if row["setting"] == "registry"], [chosen])
+                    continue
+                error = json.loads(self.run_tool("list", "-o", "json", KEYVIEW_REGISTRY="").stderr)
+                VALIDATOR.validate(error)
+                self.assertEqual(error["exit_code"], 2)
+                for words in (told[0], "" if told[0] == "no registry is chosen" else name):
+                    self.assertIn(words, self.run_tool("list", KEYVIEW_REGISTRY="").stderr.decode())
+
+    def test_a_settings_file_is_a_file_that_can_be_read(self):
+        name, folder = self.path(".config/keyview/config"), self.path(".config/keyview")
+        for make, code in ((os.makedirs, 2), (lambda path: os.mkfifo(path), 2), (lambda path: os.symlink("/dev/zero", path), 2),
+                           (lambda path: os.symlink("config", path), 2), (lambda path: os.symlink("absent", path), 0)):
+            os.makedirs(folder)
+            make(name)
+            ended = self.run_tool("list")
+            self.assertEqual(ended.returncode, code, ended.stderr)
+            self.assertIn(name if code else "", ended.stderr.decode())
+            shutil.rmtree(self.path(".config"))
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
+    def test_settings_that_may_not_be_read(self):
+        name = self.path(".config/keyview/config")
+        os.makedirs(os.path.dirname(name))
+        with open(name, "w") as file:
+            file.write("output = json\n")
+        for mode, home, code in ((0o600, 0o755, 7), (0o644, 0o755, 0), (0o600, 0o700, 0)):
+            os.chmod(name, mode)
+            os.chmod(self.folder, home)
+            ended = subprocess.run([TOOL, "config"], capture_output=True, env=self.env, user=65534)
+            self.assertEqual(ended.returncode, code, ended.stderr)
+
     def test_completion_is_live_and_quick(self):
         def complete(*words, **env):
             begun = time.monotonic()
