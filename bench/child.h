@@ -1,6 +1,5 @@
 // Other processes: forked ones, with a page of memory that all share, and programs of the build.
-#ifndef KEYVIEW_BENCH_CHILD_H
-#define KEYVIEW_BENCH_CHILD_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -53,5 +52,3 @@ void wait_until(const std::function<bool()> &holds);
 void run_program(const std::vector<std::string> &words);
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,6 +1,5 @@
 // A benchmark that cannot go on ends the whole run: no figure is worth anything then.
-#ifndef KEYVIEW_BENCH_FAILURE_H
-#define KEYVIEW_BENCH_FAILURE_H
+#pragma once
 
 #include <cerrno>
 #include <cstring>
@@ -18,5 +17,3 @@ inline void require_call(bool good, const char *call) {
 }
 
 }  // namespace keyview::bench
-
-#endif

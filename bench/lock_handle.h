@@ -1,7 +1,6 @@
 // The lock service as the library uses it: for what no public operation does, such as to hold a
 // lock for a while.
-#ifndef KEYVIEW_BENCH_LOCK_HANDLE_H
-#define KEYVIEW_BENCH_LOCK_HANDLE_H
+#pragma once
 
 #include <string>
 
@@ -43,5 +42,3 @@ struct lock_handle {
 };
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,7 +1,6 @@
 // The measuring loop. What is compared runs in turns, round by round, so that a slow moment of the
 // machine falls on all alike; a ratio is the median of the ratios of the rounds.
-#ifndef KEYVIEW_BENCH_MEASURE_H
-#define KEYVIEW_BENCH_MEASURE_H
+#pragma once
 
 #include <functional>
 #include <vector>
@@ -26,5 +25,3 @@ double median(series figures);
 double median_ratio(const series &of, const series &to);
 
 }  // namespace keyview::bench
-
-#endif

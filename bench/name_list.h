@@ -1,6 +1,5 @@
 // A list of names as the compared stores build it: plain malloc, for free_list.
-#ifndef KEYVIEW_BENCH_NAME_LIST_H
-#define KEYVIEW_BENCH_NAME_LIST_H
+#pragma once
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -24,5 +23,3 @@ void append(T **list, uint32_t *count, T item) {
 }
 
 }  // namespace keyview::bench
-
-#endif

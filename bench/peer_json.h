@@ -1,7 +1,6 @@
 // A database's record, or a list of names, in a JSON file of its own, read and parsed anew each
 // time.
-#ifndef KEYVIEW_BENCH_PEER_JSON_H
-#define KEYVIEW_BENCH_PEER_JSON_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -34,5 +33,3 @@ class simdjson_peer {
 };
 
 }  // namespace keyview::bench
-
-#endif

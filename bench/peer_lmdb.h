@@ -1,7 +1,6 @@
 // An LMDB environment used directly: the floor of what the engine costs. No checksums, no locks
 // beside the engine's own, a read transaction that is renewed and a cursor that is kept.
-#ifndef KEYVIEW_BENCH_PEER_LMDB_H
-#define KEYVIEW_BENCH_PEER_LMDB_H
+#pragma once
 
 #include <lmdb.h>
 
@@ -45,5 +44,3 @@ class lmdb_peer {
 };
 
 }  // namespace keyview::bench
-
-#endif

@@ -3,8 +3,7 @@
 // the list and the element of an instance or a service where it belongs to one, and one byte, last,
 // for its kind. The row of a list holds how many elements of each sort follow, so that an array is
 // allocated once. This suits the engines better than the tree's own paths would.
-#ifndef KEYVIEW_BENCH_PEER_ROWS_H
-#define KEYVIEW_BENCH_PEER_ROWS_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -61,5 +60,3 @@ std::vector<peer_row> peer_rows(const std::vector<tree_key> &keys);
 std::string row_prefix(const char *database);
 
 }  // namespace keyview::bench
-
-#endif

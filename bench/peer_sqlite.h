@@ -1,7 +1,6 @@
 // A SQLite file with one table, path to value, without row ids; in WAL mode, its pages mapped and
 // cached, its statements prepared once.
-#ifndef KEYVIEW_BENCH_PEER_SQLITE_H
-#define KEYVIEW_BENCH_PEER_SQLITE_H
+#pragma once
 
 #include <sqlite3.h>
 
@@ -45,5 +44,3 @@ class sqlite_peer {
 };
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,8 +1,7 @@
 // Builds a database's record from its rows in their order (peer_rows.h): the work that a program
 // without the library would write by hand. Plain malloc, nothing of the C++ library, all in the
 // header, so that a compared store pays for no more than it needs.
-#ifndef KEYVIEW_BENCH_RECORD_BUILDER_H
-#define KEYVIEW_BENCH_RECORD_BUILDER_H
+#pragma once
 
 #include <stdlib.h>
 #include <string.h>
@@ -249,5 +248,3 @@ inline void free_record(prsr_cfg *cfg) {
 }
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,6 +1,5 @@
 // Whether two records say the same, field by field: nothing is timed before that was seen.
-#ifndef KEYVIEW_BENCH_RECORD_COMPARE_H
-#define KEYVIEW_BENCH_RECORD_COMPARE_H
+#pragma once
 
 #include "keyview/if/prsr.h"
 
@@ -11,5 +10,3 @@ bool same_record(const prsr_cfg &a, const prsr_cfg &b);
 bool same_list(char *const *a, uint32_t a_count, char *const *b, uint32_t b_count);
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,6 +1,5 @@
 // The registries that the library is measured on, and a context on one of them.
-#ifndef KEYVIEW_BENCH_REGISTRY_H
-#define KEYVIEW_BENCH_REGISTRY_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -37,5 +36,3 @@ class session {
 };
 
 }  // namespace keyview::bench
-
-#endif

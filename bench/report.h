@@ -1,6 +1,5 @@
 // The table of figures with their goals.
-#ifndef KEYVIEW_BENCH_REPORT_H
-#define KEYVIEW_BENCH_REPORT_H
+#pragma once
 
 #include <initializer_list>
 #include <string>
@@ -51,5 +50,3 @@ class report {
 std::string shown_time(double us);
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,6 +1,5 @@
 // The groups of rows. Each measures what of it is asked for and adds that to the report.
-#ifndef KEYVIEW_BENCH_ROWS_H
-#define KEYVIEW_BENCH_ROWS_H
+#pragma once
 
 #include <string>
 
@@ -26,5 +25,3 @@ void handover_rows(const bench_setup &setup);
 void process_rows(const bench_setup &setup);
 
 }  // namespace keyview::bench
-
-#endif

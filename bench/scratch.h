@@ -1,7 +1,6 @@
 // Where a run keeps its files: a directory of its own under $TMPDIR or, without that, beside the
 // program, removed at the end; and what machine it is.
-#ifndef KEYVIEW_BENCH_SCRATCH_H
-#define KEYVIEW_BENCH_SCRATCH_H
+#pragma once
 
 #include <string>
 
@@ -27,5 +26,3 @@ std::string program_directory();
 std::string machine_line(const std::string &directory);
 
 }  // namespace keyview::bench
-
-#endif

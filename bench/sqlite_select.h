@@ -1,7 +1,6 @@
 // A database's record by one range select over a SQLite table: the statement is prepared once. In
 // the header and without the C++ library, for the program that does nothing else (select_once.cpp).
-#ifndef KEYVIEW_BENCH_SQLITE_SELECT_H
-#define KEYVIEW_BENCH_SQLITE_SELECT_H
+#pragma once
 
 #include <sqlite3.h>
 
@@ -30,5 +29,3 @@ inline prsr_cfg *select_record(sqlite3_stmt *select, const bytes_view &prefix,
 }
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,7 +1,6 @@
 // What is measured on: the keys of a database of a given size, and lists of databases. The same
 // keys fill the registry and, laid out their own way, the stores that it is compared with.
-#ifndef KEYVIEW_BENCH_WORKLOAD_H
-#define KEYVIEW_BENCH_WORKLOAD_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -33,5 +32,3 @@ std::vector<tree_key> list_keys(int databases);
 std::string folded(const std::string &text);
 
 }  // namespace keyview::bench
-
-#endif

@@ -1,6 +1,5 @@
 // A small cluster for the runs that break processes, and contexts on its registry.
-#ifndef KEYVIEW_FUZZ_CLUSTER_H
-#define KEYVIEW_FUZZ_CLUSTER_H
+#pragma once
 
 #include <chrono>
 #include <nlohmann/json.hpp>
@@ -128,5 +127,3 @@ class stopwatch {
 };
 
 }  // namespace keyview::test
-
-#endif

@@ -1,8 +1,7 @@
 // What happened to the locks of a cluster, in the order that the cluster itself gives to it: every
 // event below a prefix by revision, followed while it happens; and a judge over it, who rebuilds
 // the queues at each revision and knows nothing of how the locks work.
-#ifndef KEYVIEW_FUZZ_LOCK_HISTORY_H
-#define KEYVIEW_FUZZ_LOCK_HISTORY_H
+#pragma once
 
 #include <unistd.h>
 
@@ -240,5 +239,3 @@ class lock_judge {
 };
 
 }  // namespace keyview::test
-
-#endif

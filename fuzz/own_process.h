@@ -1,7 +1,6 @@
 // Another process of the same program, which reports in lines that outlive it. It is made by exec,
 // for a process that was only forked could not use the connections to a cluster.
-#ifndef KEYVIEW_FUZZ_OWN_PROCESS_H
-#define KEYVIEW_FUZZ_OWN_PROCESS_H
+#pragma once
 
 #include <fcntl.h>
 #include <signal.h>
@@ -125,5 +124,3 @@ class own_process {
 };
 
 }  // namespace keyview::test
-
-#endif

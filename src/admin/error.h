@@ -1,7 +1,6 @@
 // How the administration fails: one exception, with the kind of failure, a text for a person and,
 // where content is invalid, what is wrong in it.
-#ifndef KEYVIEW_ADMIN_ERROR_H
-#define KEYVIEW_ADMIN_ERROR_H
+#pragma once
 
 #include <cstdint>
 #include <stdexcept>
@@ -62,5 +61,3 @@ class problem_list {
 };
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,6 +1,5 @@
 // Keys with their values in memory, parents before their children, and how two such maps differ.
-#ifndef KEYVIEW_ADMIN_KEY_MAP_H
-#define KEYVIEW_ADMIN_KEY_MAP_H
+#pragma once
 
 #include <map>
 #include <optional>
@@ -31,5 +30,3 @@ std::vector<key_change> differences(const key_map &before, const key_map &after)
 bool below_a_root(std::string_view path);
 
 }  // namespace keyview::admin
-
-#endif

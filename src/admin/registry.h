@@ -1,7 +1,6 @@
 // The registry as the administration uses it: the C functions of keyview_registry.h with owners,
 // containers and exceptions.
-#ifndef KEYVIEW_ADMIN_REGISTRY_H
-#define KEYVIEW_ADMIN_REGISTRY_H
+#pragma once
 
 #include <exception>
 #include <memory>
@@ -150,5 +149,3 @@ class set_recorder : callback_guard {
 };
 
 }  // namespace keyview::admin
-
-#endif

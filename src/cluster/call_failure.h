@@ -1,7 +1,6 @@
 // The meaning of a failed call to a member of the cluster: whether to try again, and the remedy for
 // an administrator.
-#ifndef KEYVIEW_CLUSTER_CALL_FAILURE_H
-#define KEYVIEW_CLUSTER_CALL_FAILURE_H
+#pragma once
 
 #include <grpcpp/support/status.h>
 
@@ -49,5 +48,3 @@ constexpr const char *REFUSED = "connection refused";
 std::string cause_of(const grpc::Status &status);
 
 }  // namespace keyview::host
-
-#endif

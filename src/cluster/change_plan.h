@@ -1,6 +1,5 @@
 // The keys that a change set changes in the tree of one revision.
-#ifndef KEYVIEW_CLUSTER_CHANGE_PLAN_H
-#define KEYVIEW_CLUSTER_CHANGE_PLAN_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -51,5 +50,3 @@ class change_plan {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -5,8 +5,7 @@
 // readers and writers wait. Each piece is applied in a transaction of its own, which advances the
 // marker, so that it is applied once. The last transaction deletes marker and journal. If the writer
 // dies in between, any program can resume or undo the rest from the position of the marker.
-#ifndef KEYVIEW_CLUSTER_CHANGE_SET_H
-#define KEYVIEW_CLUSTER_CHANGE_SET_H
+#pragma once
 
 #include <vector>
 
@@ -22,5 +21,3 @@ change_counts apply_changes(session *cluster, const std::vector<change> &changes
 bool finish_half_applied(session *cluster, finish how);
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // A cluster as a kind of registry.
-#ifndef KEYVIEW_CLUSTER_CLUSTER_H
-#define KEYVIEW_CLUSTER_CLUSTER_H
+#pragma once
 
 #include <string>
 
@@ -18,5 +17,3 @@ check_counts check_cluster(const std::string &url, const damage_sink &damage, co
 void diagnose_cluster(const std::string &url, const diagnosis_sink &sink);
 
 }  // namespace keyview::host
-
-#endif

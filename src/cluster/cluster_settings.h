@@ -4,8 +4,7 @@
 //     etcds://host:port,host:port/prefix    with TLS
 //
 // All secrets come from files, never from a URL or an argument.
-#ifndef KEYVIEW_CLUSTER_CLUSTER_SETTINGS_H
-#define KEYVIEW_CLUSTER_CLUSTER_SETTINGS_H
+#pragma once
 
 #include <chrono>
 #include <string>
@@ -44,5 +43,3 @@ constexpr const char *KEY_VARIABLE = "KEYVIEW_CLUSTER_KEY";
 constexpr const char *LOGIN_VARIABLE = "KEYVIEW_CLUSTER_LOGIN";
 
 }  // namespace keyview::host
-
-#endif

@@ -4,8 +4,7 @@
 // soon repeated at the next member. So a request may be carried out twice, or late, and must be
 // idempotent. One table in call_failure.cpp contains the failures that are tried again, and the
 // remedies for the others.
-#ifndef KEYVIEW_CLUSTER_CONNECTION_H
-#define KEYVIEW_CLUSTER_CONNECTION_H
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -19,16 +18,15 @@
 #include "cluster/call_failure.h"
 #include "cluster/cluster_settings.h"
 #include "cluster/request.h"
+#include "host/support/unique.h"
 
 namespace keyview::host {
 
 class keepalives;
 
-class connection {
+class connection : unique {
   public:
     explicit connection(const cluster_settings &settings);
-    connection(const connection &) = delete;
-    connection &operator=(const connection &) = delete;
     ~connection();
 
     // Calls that any member may answer. They throw etcd_error. repeated is set if an earlier
@@ -88,5 +86,3 @@ class connection {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -5,8 +5,7 @@
 // one for a shared lock. If none does, one transaction adds the key, grants the lock and reads the
 // part of the tree that it covers. Otherwise the waiter watches the nearest conflicting key, and the
 // granting transaction requires that its own key still exists: the key is deleted with its session.
-#ifndef KEYVIEW_CLUSTER_ETCD_LOCKS_H
-#define KEYVIEW_CLUSTER_ETCD_LOCKS_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -17,17 +16,16 @@
 #include "cluster/etcd_moment.h"
 #include "cluster/session.h"
 #include "host/registry/backend.h"
+#include "host/support/unique.h"
 
 namespace keyview::host {
 
 // A key in the queue of a lock. The destructor deletes it.
-class queue_entry {
+class queue_entry : unique {
   public:
     queue_entry(std::shared_ptr<session> cluster, std::string key,
                 std::shared_ptr<session::lease> lease)
         : cluster_(std::move(cluster)), key_(std::move(key)), lease_(std::move(lease)) {}
-    queue_entry(const queue_entry &) = delete;
-    queue_entry &operator=(const queue_entry &) = delete;
     ~queue_entry() { known_ ? cluster_->release(key_, lease_) : cluster_->release_unknown(lease_); }
 
     const std::string &key() const { return key_; }
@@ -123,5 +121,3 @@ class etcd_locks final : public lock_service {
 };
 
 }  // namespace keyview::host
-
-#endif

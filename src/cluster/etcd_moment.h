@@ -1,7 +1,6 @@
 // Reads of the tree in a cluster as of one revision, which wait while a change set is applied in
 // pieces: no reader sees a part of it.
-#ifndef KEYVIEW_CLUSTER_ETCD_MOMENT_H
-#define KEYVIEW_CLUSTER_ETCD_MOMENT_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -39,5 +38,3 @@ bool can_be_key(std::string_view path);
 std::unique_ptr<moment> moment_of(std::shared_ptr<session> cluster, tree_part part);
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // The store of a cluster: keys in etcd, in the layout of layout.h.
-#ifndef KEYVIEW_CLUSTER_ETCD_STORE_H
-#define KEYVIEW_CLUSTER_ETCD_STORE_H
+#pragma once
 
 #include <memory>
 #include <string_view>
@@ -34,5 +33,3 @@ class etcd_store final : public store {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,7 +1,6 @@
 // Protections that a test takes away, to prove that it notices. The product is compiled without
 // KEYVIEW_CLUSTER_FAULTS: it contains no such switch.
-#ifndef KEYVIEW_CLUSTER_FAULTS_H
-#define KEYVIEW_CLUSTER_FAULTS_H
+#pragma once
 
 #ifdef KEYVIEW_CLUSTER_FAULTS
 #include <functional>
@@ -30,5 +29,3 @@ constexpr no_faults faults;
 #endif
 
 }  // namespace keyview::host
-
-#endif

@@ -1,7 +1,6 @@
 // Keepalives under way: each is one request and one response on a stream of its own, without a
 // waiting thread.
-#ifndef KEYVIEW_CLUSTER_KEEPALIVES_H
-#define KEYVIEW_CLUSTER_KEEPALIVES_H
+#pragma once
 
 #include <grpcpp/channel.h>
 #include <grpcpp/client_context.h>
@@ -13,13 +12,13 @@
 #include <memory>
 #include <mutex>
 
+#include "host/support/unique.h"
+
 namespace keyview::host {
 
-class keepalives {
+class keepalives : unique {
   public:
     keepalives();
-    keepalives(const keepalives &) = delete;
-    keepalives &operator=(const keepalives &) = delete;
 
     // Cancels those that are under way. The channels must outlive it: if a callback dropped the
     // last reference to a channel, gRPC would wait for the thread that the callback runs on.
@@ -41,5 +40,3 @@ class keepalives {
 };
 
 }  // namespace keyview::host
-
-#endif

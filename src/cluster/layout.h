@@ -13,8 +13,7 @@
 //
 // Readers read /tree, /kv/ and /apply and write below /lk/; setting values also writes /tree and
 // /kv/; applying documents writes all of them.
-#ifndef KEYVIEW_CLUSTER_LAYOUT_H
-#define KEYVIEW_CLUSTER_LAYOUT_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -90,5 +89,3 @@ struct tree_facts {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // The parts of transactions: conditions and operations.
-#ifndef KEYVIEW_CLUSTER_REQUEST_H
-#define KEYVIEW_CLUSTER_REQUEST_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -40,5 +39,3 @@ const wire::RangeResponse &range_in(const wire::TxnResponse &response, int op);
 std::string value_in(const wire::TxnResponse &response, int op);
 
 }  // namespace keyview::host
-
-#endif

@@ -8,8 +8,7 @@
 // A request that was sent twice may be carried out late, and create an entry that was given up long
 // ago. So a lease under which that can happen is closed to further entries, and revoked with its last
 // one: under a revoked lease no key can be created.
-#ifndef KEYVIEW_CLUSTER_SESSION_H
-#define KEYVIEW_CLUSTER_SESSION_H
+#pragma once
 
 #include <algorithm>
 #include <atomic>
@@ -21,13 +20,14 @@
 
 #include "cluster/connection.h"
 #include "cluster/layout.h"
+#include "host/support/unique.h"
 
 namespace keyview::host {
 
 // The name of this process for waiters: "keyviewctl, process 17 on db1".
 std::string this_process();
 
-class session {
+class session : unique {
   public:
     // Guarded by the session.
     struct lease {
@@ -40,8 +40,6 @@ class session {
     };
 
     explicit session(const cluster_settings &settings);
-    session(const session &) = delete;
-    session &operator=(const session &) = delete;
     ~session();  // revokes the lease
 
     connection &calls() { return calls_; }
@@ -97,5 +95,3 @@ class session {
 };
 
 }  // namespace keyview::host
-
-#endif

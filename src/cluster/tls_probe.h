@@ -1,6 +1,5 @@
 // One handshake with a member, to report why a connection fails: gRPC only reports that it ended.
-#ifndef KEYVIEW_CLUSTER_TLS_PROBE_H
-#define KEYVIEW_CLUSTER_TLS_PROBE_H
+#pragma once
 
 #include <chrono>
 #include <optional>
@@ -20,5 +19,3 @@ tls_facts probe_tls(const cluster_settings &settings, const std::string &member,
                     std::chrono::milliseconds wait);
 
 }  // namespace keyview::host
-
-#endif

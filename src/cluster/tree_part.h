@@ -2,8 +2,7 @@
 //
 // The keys of each depth are read as a list of their own. So children have the order of their
 // parents, and one pass over two lists counts the children of each.
-#ifndef KEYVIEW_CLUSTER_TREE_PART_H
-#define KEYVIEW_CLUSTER_TREE_PART_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -70,5 +69,3 @@ class tree_part {
 tree_part tree_state(connection *calls, const layout &keys);
 
 }  // namespace keyview::host
-
-#endif

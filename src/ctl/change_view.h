@@ -1,7 +1,6 @@
 // What a command changes, or would change, in the tree: the same list from a dry run and a real
 // one.
-#ifndef KEYVIEW_CTL_CHANGE_VIEW_H
-#define KEYVIEW_CTL_CHANGE_VIEW_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -48,5 +47,3 @@ std::string change_for_people(const admin::key_change &change);
 std::string set_command(const std::string &path, const std::string &value);
 
 }  // namespace keyview::ctl
-
-#endif

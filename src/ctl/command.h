@@ -1,7 +1,6 @@
 // What every command shares: the options that any of them accepts, and the way a
 // group of commands joins the program.
-#ifndef KEYVIEW_CTL_COMMAND_H
-#define KEYVIEW_CTL_COMMAND_H
+#pragma once
 
 #include <functional>
 #include <memory>
@@ -86,5 +85,3 @@ void add_commands(CLI::App *app, tool *shared, const command_row (&rows)[count])
 }
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,7 +1,6 @@
 // What may follow on a command line, from the commands themselves and from the registry's names;
 // and the scripts by which a shell requests it.
-#ifndef KEYVIEW_CTL_COMPLETION_H
-#define KEYVIEW_CTL_COMPLETION_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -19,5 +18,3 @@ std::string candidates_for(const CLI::App &app, std::vector<std::string> line);
 std::string completion_script(const std::string &shell);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // The exit codes of keyviewctl, the same for every command, and what leads to each of them.
-#ifndef KEYVIEW_CTL_EXIT_CODES_H
-#define KEYVIEW_CTL_EXIT_CODES_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -69,5 +68,3 @@ exit_code exit_of_host_failure(int32_t kind, exit_code otherwise);
 exit_code exit_of_errno(int error);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // Whole files in and out. A failure is a tool_error that names the file.
-#ifndef KEYVIEW_CTL_FILE_IO_H
-#define KEYVIEW_CTL_FILE_IO_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -21,5 +20,3 @@ constexpr int KEEP_MODE = -1, PRIVATE_FILE = 0600;
 void replace_file(const std::string &name, std::string_view content, int mode = KEEP_MODE);
 
 }  // namespace keyview::ctl
-
-#endif

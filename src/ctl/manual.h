@@ -1,6 +1,5 @@
 // The manual pages, made from the tables behind the commands.
-#ifndef KEYVIEW_CTL_MANUAL_H
-#define KEYVIEW_CTL_MANUAL_H
+#pragma once
 
 #include <string>
 
@@ -14,5 +13,3 @@ namespace keyview::ctl {
 std::string manual_page(const CLI::App &app, const std::string &page);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,7 +1,6 @@
 // All that keyviewctl writes. The result goes to stdout and nothing else does; whether it arrived
 // is checked. Errors go to stderr. No byte of a name or value reaches a person unescaped.
-#ifndef KEYVIEW_CTL_OUTPUT_H
-#define KEYVIEW_CTL_OUTPUT_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -66,5 +65,3 @@ auto attempt(const std::string &what, const std::string &where, work &&run) {
 void report_error(output_format format, const tool_error &error);
 
 }  // namespace keyview::ctl
-
-#endif

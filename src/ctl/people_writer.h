@@ -1,7 +1,6 @@
 // A view as people read it: a tree of labelled lines, or a table that fits the terminal. No byte of
 // a name or value reaches the result unescaped.
-#ifndef KEYVIEW_CTL_PEOPLE_WRITER_H
-#define KEYVIEW_CTL_PEOPLE_WRITER_H
+#pragma once
 
 #include <string>
 
@@ -14,5 +13,3 @@ namespace keyview::ctl {
 std::string text_for_people(const view &shown);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // A view as programs read it: JSON, a JSON line an item, cells between tabs, or bare text.
-#ifndef KEYVIEW_CTL_PROGRAM_WRITER_H
-#define KEYVIEW_CTL_PROGRAM_WRITER_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -25,5 +24,3 @@ std::string cells_of(const view &shown);
 [[nodiscard]] bool bare_text_of(const view &shown, std::string *text);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // Reports on stderr what a command does, once it takes longer than a second, at growing intervals.
-#ifndef KEYVIEW_CTL_PROGRESS_H
-#define KEYVIEW_CTL_PROGRESS_H
+#pragma once
 
 #include <chrono>
 #include <condition_variable>
@@ -41,5 +40,3 @@ class progress {
 };
 
 }  // namespace keyview::ctl
-
-#endif

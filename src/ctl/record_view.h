@@ -1,7 +1,6 @@
 // The library's records as views, field by field under the records' own names. The tag and the
 // reserved field are left out: they carry no information.
-#ifndef KEYVIEW_CTL_RECORD_VIEW_H
-#define KEYVIEW_CTL_RECORD_VIEW_H
+#pragma once
 
 #include "ctl/view.h"
 #include "keyview/if/prsr.h"
@@ -29,5 +28,3 @@ view list_view(entry *entries, uint32_t count, const entry_view &of) {
 }
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // A context of the library over the chosen registry, for as long as a command needs it.
-#ifndef KEYVIEW_CTL_SESSION_H
-#define KEYVIEW_CTL_SESSION_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -89,5 +88,3 @@ int32_t refined(int32_t rc, const call &probe) {
 }
 
 }  // namespace keyview::ctl
-
-#endif

@@ -8,8 +8,7 @@
 //
 // A line that begins with # or ; is a remark, as is what follows a blank and one of them. A value may
 // be in quotes. Any other line is an error, and so is a setting that is there twice.
-#ifndef KEYVIEW_CTL_SETTINGS_H
-#define KEYVIEW_CTL_SETTINGS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -40,5 +39,3 @@ struct settings {
 };
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // "Did you mean": what a mistyped word may have been.
-#ifndef KEYVIEW_CTL_SUGGEST_H
-#define KEYVIEW_CTL_SUGGEST_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -23,5 +22,3 @@ std::vector<std::string> registered_names(const std::string &section);
 std::string database_meant(const std::vector<std::string> &words);
 
 }  // namespace keyview::ctl
-
-#endif

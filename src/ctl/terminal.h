@@ -1,7 +1,6 @@
 // What is known about the terminal behind a stream: whether there is one, how wide it is, and
 // whether colour is wanted on it.
-#ifndef KEYVIEW_CTL_TERMINAL_H
-#define KEYVIEW_CTL_TERMINAL_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -31,5 +30,3 @@ const char *sequence_of(tone colour);
 std::string painted(int fd, tone colour, const std::string &text);
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // Bytes from the registry, made safe for a terminal and for JSON.
-#ifndef KEYVIEW_CTL_TEXT_H
-#define KEYVIEW_CTL_TEXT_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -19,5 +18,3 @@ std::string json_made_plain(std::string_view json);
 std::string shell_word(std::string_view text);
 
 }  // namespace keyview::ctl
-
-#endif

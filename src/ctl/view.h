@@ -1,7 +1,6 @@
 // A result as a command passes it to the output: fields by name, lists, texts, numbers. Built once,
 // shown by one of several writers.
-#ifndef KEYVIEW_CTL_VIEW_H
-#define KEYVIEW_CTL_VIEW_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -70,5 +69,3 @@ inline view enabled_view(int64_t flag) {
 }
 
 }  // namespace keyview::ctl
-
-#endif

@@ -1,6 +1,5 @@
 // How a name becomes the element of a path.
-#ifndef MODEL_FOLDING_H
-#define MODEL_FOLDING_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -26,5 +25,3 @@ inline std::string database_key(std::string_view name) {
 }
 
 }  // namespace model
-
-#endif

@@ -1,6 +1,5 @@
 // The names of locks: a head and the path of the part of the tree that the lock covers.
-#ifndef MODEL_LOCKS_H
-#define MODEL_LOCKS_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -44,5 +43,3 @@ inline std::string lock_of(std::string_view path) {
 }
 
 }  // namespace model
-
-#endif

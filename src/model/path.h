@@ -1,6 +1,5 @@
 // Key paths: elements joined by ".", how long they may be, and how far a part of the tree goes.
-#ifndef MODEL_PATH_H
-#define MODEL_PATH_H
+#pragma once
 
 #include <cstddef>
 #include <string_view>
@@ -62,5 +61,3 @@ constexpr std::string_view first_elements(std::string_view path, size_t count) n
 namespace keyview {
 using namespace model;
 }
-
-#endif

@@ -1,8 +1,7 @@
 // The records of the tree: their fields, with the key, kind, limit, words and meaning of each, and
 // the lists below them. Documents, checks, lint, explain, completion, the manual and the schemas read
 // these tables: a new field is a new row here, in the order in which a document is written.
-#ifndef MODEL_RECORDS_H
-#define MODEL_RECORDS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -293,5 +292,3 @@ inline constexpr char FORMAT[] = "keyview-cluster";
 inline constexpr int VERSION = 1;
 
 }  // namespace model
-
-#endif

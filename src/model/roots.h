@@ -1,6 +1,5 @@
 // The keys of the configuration tree: its roots, the elements below them, and what each holds.
-#ifndef MODEL_ROOTS_H
-#define MODEL_ROOTS_H
+#pragma once
 
 namespace model {
 
@@ -51,5 +50,3 @@ inline constexpr char KEY_VIP_NETMASK[] = "VIP.NETMASK";
 namespace keyview {
 using namespace model;
 }
-
-#endif

@@ -1,6 +1,5 @@
 // Text in names and values: UTF-8, and the characters that can forge or hide a line.
-#ifndef MODEL_TEXT_H
-#define MODEL_TEXT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -68,5 +67,3 @@ constexpr bool harmful(uint32_t code) {
 namespace keyview {
 using namespace model;
 }
-
-#endif

@@ -1,6 +1,5 @@
 // The words that fields hold, and what they mean.
-#ifndef MODEL_WORDS_H
-#define MODEL_WORDS_H
+#pragma once
 
 #include <stdint.h>
 
@@ -39,5 +38,3 @@ inline constexpr char DEFAULT_POLICY[] = "AUTOMATIC";
 namespace keyview {
 using namespace model;
 }
-
-#endif

@@ -1,7 +1,6 @@
 // A real etcd cluster on this machine while the object lives: its members are child processes on free
 // ports, with their files in a temporary directory.
-#ifndef KEYVIEW_TESTS_CLUSTER_MEMBERS_H
-#define KEYVIEW_TESTS_CLUSTER_MEMBERS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -63,5 +62,3 @@ struct required_login {
 std::vector<std::string> short_lived_tokens(const std::string &directory);
 
 }  // namespace keyview::test
-
-#endif

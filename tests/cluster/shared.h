@@ -1,7 +1,6 @@
 // Helpers of the tests of clusters: one cluster for all tests that leave its members alone, and the
 // tools of etcd.
-#ifndef KEYVIEW_TESTS_CLUSTER_SHARED_H
-#define KEYVIEW_TESTS_CLUSTER_SHARED_H
+#pragma once
 
 #include <chrono>
 #include <cstdlib>
@@ -69,5 +68,3 @@ void expect_failure(work &&body, failure kind, const std::string &part, double a
 }
 
 }  // namespace keyview::test
-
-#endif

@@ -1,7 +1,6 @@
 // The tables of test cases beside the tests: a row a line, cells between " | ", "#" before a
 // comment.
-#ifndef KEYVIEW_TESTS_CTL_TABLE_H
-#define KEYVIEW_TESTS_CTL_TABLE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -29,5 +28,3 @@ inline std::vector<std::vector<std::string>> rows_of(const std::string &name, si
     EXPECT_FALSE(rows.empty()) << name;
     return rows;
 }
-
-#endif

@@ -3,8 +3,7 @@
 // test if a call breaks a contract or something is still outstanding at the end.
 //
 // Blocks come from calloc in exactly the size asked for, so that a sanitizer sees every overrun.
-#ifndef KEYVIEW_TESTS_FAKE_HOST_H
-#define KEYVIEW_TESTS_FAKE_HOST_H
+#pragma once
 
 #include <cstdint>
 #include <deque>
@@ -106,5 +105,3 @@ bool fake_can_fail(const std::string &call);
 
 // The bytes with \0, \n and \t written out.
 std::string fake_escaped(const std::string &bytes);
-
-#endif

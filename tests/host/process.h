@@ -1,6 +1,5 @@
 // A child process of a test: it runs a body, meets its parent at agreed points, and may be killed.
-#ifndef KEYVIEW_TESTS_HOST_PROCESS_H
-#define KEYVIEW_TESTS_HOST_PROCESS_H
+#pragma once
 
 #include <poll.h>
 #include <signal.h>
@@ -89,5 +88,3 @@ void in_threads(int n, work &&body) {
 }
 
 }  // namespace keyview::test
-
-#endif

@@ -1,6 +1,5 @@
 // A registry of its own for each test, with helpers to fill it and to read it through the client.
-#ifndef KEYVIEW_TESTS_HOST_REGISTRY_H
-#define KEYVIEW_TESTS_HOST_REGISTRY_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -141,5 +140,3 @@ struct locker {
 };
 
 }  // namespace keyview::test
-
-#endif

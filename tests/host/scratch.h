@@ -1,6 +1,5 @@
 // A temporary directory that lives as long as the object.
-#ifndef KEYVIEW_TESTS_HOST_SCRATCH_H
-#define KEYVIEW_TESTS_HOST_SCRATCH_H
+#pragma once
 
 #include <cstdlib>
 #include <filesystem>
@@ -21,5 +20,3 @@ struct scratch_directory {
 };
 
 }  // namespace keyview::test
-
-#endif

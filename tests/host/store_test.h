@@ -1,6 +1,5 @@
 // The registries that a test program runs the tests of all stores over.
-#ifndef KEYVIEW_TESTS_HOST_STORE_TEST_H
-#define KEYVIEW_TESTS_HOST_STORE_TEST_H
+#pragma once
 
 #include <memory>
 #include <vector>
@@ -23,5 +22,3 @@ struct backend_row {
 std::vector<backend_row> backends_under_test();
 
 }  // namespace keyview::test
-
-#endif

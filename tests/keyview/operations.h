@@ -1,8 +1,7 @@
 // Shared by the tests of the library: a context over a fake host, one tree, and the table of
 // operations that the sweeps run through. A further operation is a further row, with its faults in
 // faults.txt, its calls in transcripts.txt and its further contract in cases.txt.
-#ifndef KEYVIEW_TESTS_OPERATIONS_H
-#define KEYVIEW_TESTS_OPERATIONS_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -80,5 +79,3 @@ std::vector<std::string> report(const std::string &function, const std::string &
                                 const std::string &path, int32_t code);
 
 std::string joined(const std::vector<std::string> &parts);
-
-#endif

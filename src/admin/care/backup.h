@@ -1,6 +1,5 @@
 // Saved trees: the whole tree as of one moment, byte for byte, as a text.
-#ifndef KEYVIEW_ADMIN_CARE_BACKUP_H
-#define KEYVIEW_ADMIN_CARE_BACKUP_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -28,5 +27,3 @@ change_result restore_registry(std::string_view content, bool force, const chang
 change_result copy_registry(const std::string &to_url, bool force, const change_options &options);
 
 }  // namespace keyview::admin
-
-#endif

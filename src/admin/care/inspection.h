@@ -1,6 +1,5 @@
 // The state of a registry: damage, configuration, locks, and change sets that stopped half-way.
-#ifndef KEYVIEW_ADMIN_CARE_INSPECTION_H
-#define KEYVIEW_ADMIN_CARE_INSPECTION_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -39,5 +38,3 @@ void check_listing();
 std::vector<lock_user> list_locks();
 
 }  // namespace keyview::admin
-
-#endif

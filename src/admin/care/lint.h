@@ -1,6 +1,5 @@
 // What readers misread in a sound registry.
-#ifndef KEYVIEW_ADMIN_CARE_LINT_H
-#define KEYVIEW_ADMIN_CARE_LINT_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -27,5 +26,3 @@ struct lint_result {
 lint_result lint_registry();
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,8 +1,7 @@
 // Whether the readers of the tree can make sense of its names and values. What a document cannot
 // say may still be well readable; keys that no field stands for belong to others and are left
 // alone.
-#ifndef KEYVIEW_ADMIN_CARE_TREE_CHECK_H
-#define KEYVIEW_ADMIN_CARE_TREE_CHECK_H
+#pragma once
 
 #include "admin/document/key_tree.h"
 #include "admin/error.h"
@@ -13,5 +12,3 @@ namespace keyview::admin {
 void check_tree(key_node *tree, problem_list *problems);
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,6 +1,5 @@
 // Single keys: read, set and removed.
-#ifndef KEYVIEW_ADMIN_CHANGE_KEYS_H
-#define KEYVIEW_ADMIN_CHANGE_KEYS_H
+#pragma once
 
 #include <string>
 
@@ -25,5 +24,3 @@ change_result set_key(const std::string &path, const std::string &value,
 change_result remove_key(const std::string &path, const change_options &options);
 
 }  // namespace keyview::admin
-
-#endif

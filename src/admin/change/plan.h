@@ -1,7 +1,6 @@
 // From a request to what happens in the registry: which keys change and how, under which locks. A
 // dry run reports the same plan that a real run carries out.
-#ifndef KEYVIEW_ADMIN_CHANGE_PLAN_H
-#define KEYVIEW_ADMIN_CHANGE_PLAN_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -47,5 +46,3 @@ change_result change_registry(const std::string &url, const change_request &requ
                               const change_options &options);
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,6 +1,5 @@
 // Bytes as text of 64 letters, as RFC 4648 has it.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_BASE64_H
-#define KEYVIEW_ADMIN_DOCUMENT_BASE64_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -13,5 +12,3 @@ std::string to_base64(std::string_view bytes);
 [[nodiscard]] bool from_base64(std::string_view text, std::string *bytes);
 
 }  // namespace keyview::admin
-
-#endif

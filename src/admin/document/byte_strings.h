@@ -1,7 +1,6 @@
 // Strings of a document that are no UTF-8. JSON cannot hold them, so they are null, and stand in
 // base64 under a second field, "spfile_base64" for "spfile"; in a list each such string by itself.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_BYTE_STRINGS_H
-#define KEYVIEW_ADMIN_DOCUMENT_BYTE_STRINGS_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -27,5 +26,3 @@ std::optional<fault> take_strings(const field_row &row, const nlohmann::json &re
                                   nlohmann::json *value);
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,6 +1,5 @@
 // Cluster documents: into the registry, and out of it. docs/keyview-document.md describes them.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_DOCUMENT_H
-#define KEYVIEW_ADMIN_DOCUMENT_DOCUMENT_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -27,5 +26,3 @@ change_result apply_document(std::string_view document, const change_options &op
 std::string export_document();
 
 }  // namespace keyview::admin
-
-#endif

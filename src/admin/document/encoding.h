@@ -1,7 +1,6 @@
 // How names become path elements and fields become stored values, and back. Each check is made in
 // one direction only: reading a stored value encodes it again and compares.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_ENCODING_H
-#define KEYVIEW_ADMIN_DOCUMENT_ENCODING_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -54,5 +53,3 @@ std::optional<fault> decode_own_value(const record_table &table, std::string_vie
                                       std::string_view stored, std::string *name);
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,7 +1,6 @@
 // Strict reading of a JSON text: as nlohmann::json reads it, but a key that stands twice in one
 // object is a problem and not a silent choice.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_JSON_TEXT_H
-#define KEYVIEW_ADMIN_DOCUMENT_JSON_TEXT_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -14,5 +13,3 @@ namespace keyview::admin {
 nlohmann::json parse_json(std::string_view text, problem_list *problems);
 
 }  // namespace keyview::admin
-
-#endif

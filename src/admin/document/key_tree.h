@@ -1,6 +1,5 @@
 // A part of the registry in memory, as a tree, for a writer that must account for every key.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_KEY_TREE_H
-#define KEYVIEW_ADMIN_DOCUMENT_KEY_TREE_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -34,5 +33,3 @@ struct key_node {
 };
 
 }  // namespace keyview::admin
-
-#endif

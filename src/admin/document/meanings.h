@@ -1,6 +1,5 @@
 // What the keys of the tree mean, from the tables of the model.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_MEANINGS_H
-#define KEYVIEW_ADMIN_DOCUMENT_MEANINGS_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -42,5 +41,3 @@ struct document_field {
 std::vector<document_field> document_fields();
 
 }  // namespace keyview::admin
-
-#endif

@@ -1,6 +1,5 @@
 // From a cluster document to what must happen in the registry. Reads no registry.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_READER_H
-#define KEYVIEW_ADMIN_DOCUMENT_READER_H
+#pragma once
 
 #include <set>
 #include <string>
@@ -29,5 +28,3 @@ struct document_plan {
 document_plan read_document(std::string_view text, problem_list *problems);
 
 }  // namespace keyview::admin
-
-#endif

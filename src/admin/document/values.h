@@ -1,6 +1,5 @@
 // Stored values as a person writes and reads them.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_VALUES_H
-#define KEYVIEW_ADMIN_DOCUMENT_VALUES_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -18,5 +17,3 @@ std::string encode_for(std::string_view path, encoding how, const std::vector<st
 std::string value_for_people(std::string_view value);
 
 }  // namespace keyview::admin
-
-#endif

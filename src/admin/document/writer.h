@@ -1,6 +1,5 @@
 // From the tree to a cluster document.
-#ifndef KEYVIEW_ADMIN_DOCUMENT_WRITER_H
-#define KEYVIEW_ADMIN_DOCUMENT_WRITER_H
+#pragma once
 
 #include <string>
 
@@ -14,5 +13,3 @@ namespace keyview::admin {
 std::string write_document(key_node *tree, problem_list *problems);
 
 }  // namespace keyview::admin
-
-#endif

@@ -7,8 +7,7 @@
 // administrator gives the directory to a group, set-group-ID included (chmod g+rwxs), files get the
 // group's rights to it. Only open_mode::create makes a data.mdb, and only if none exists: an empty
 // one is damaged.
-#ifndef KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
-#define KEYVIEW_HOST_EMBEDDED_DIRECTORY_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -81,5 +80,3 @@ class registry_directory : public std::enable_shared_from_this<registry_director
 const char *network_file_system(int64_t type) noexcept;
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // A registry on this machine: keys in LMDB, locks on a file beside them.
-#ifndef KEYVIEW_HOST_EMBEDDED_EMBEDDED_H
-#define KEYVIEW_HOST_EMBEDDED_EMBEDDED_H
+#pragma once
 
 #include "host/registry/backend_kind.h"
 
@@ -12,5 +11,3 @@ extern const backend_kind EMBEDDED_KIND;  // of the URLs lmdb:<directory>
 void diagnose_embedded(const std::string &url, const diagnosis_sink &sink);
 
 }  // namespace keyview::host
-
-#endif

@@ -6,8 +6,7 @@
 //
 // The data file is as long as its map, so that no page of the map lies behind the file's end, where
 // to read it would end the process. A file that is shorter was cut short and is refused.
-#ifndef KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
-#define KEYVIEW_HOST_EMBEDDED_ENVIRONMENT_H
+#pragma once
 
 #include <lmdb.h>
 
@@ -126,5 +125,3 @@ class environment::reading {
 };
 
 }  // namespace keyview::host
-
-#endif

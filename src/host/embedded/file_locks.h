@@ -13,8 +13,7 @@
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked
 // child closes the descriptors, which would keep the parent's locks alive.
-#ifndef KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
-#define KEYVIEW_HOST_EMBEDDED_FILE_LOCKS_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -69,5 +68,3 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,7 +1,6 @@
 // Checks a registry: its pages (page_walk.h), its rows, and the rows against each other. In brief
 // on opening, which must only ensure that no key is hidden, and in full for administrators.
-#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
-#define KEYVIEW_HOST_EMBEDDED_LMDB_CHECK_H
+#pragma once
 
 #include "host/embedded/pages/file_head.h"
 #include "host/registry/backend.h"
@@ -17,5 +16,3 @@ void require_all_found(int fd, const meta &state, const damage_sink &damage);
 check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &sink);
 
 }  // namespace keyview::host
-
-#endif

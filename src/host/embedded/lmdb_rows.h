@@ -1,6 +1,5 @@
 // Access to rows within one transaction of LMDB, for readers and writers.
-#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_ROWS_H
-#define KEYVIEW_HOST_EMBEDDED_LMDB_ROWS_H
+#pragma once
 
 #include <lmdb.h>
 
@@ -82,5 +81,3 @@ bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *
 host_error damaged_row(std::string_view path);
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // The store of one machine: keys in LMDB, laid out as row.h describes.
-#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
-#define KEYVIEW_HOST_EMBEDDED_LMDB_STORE_H
+#pragma once
 
 #include <atomic>
 #include <memory>
@@ -48,5 +47,3 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // Changes of the tree within one write transaction.
-#ifndef KEYVIEW_HOST_EMBEDDED_LMDB_WRITER_H
-#define KEYVIEW_HOST_EMBEDDED_LMDB_WRITER_H
+#pragma once
 
 #include <lmdb.h>
 
@@ -45,5 +44,3 @@ class lmdb_writer {
 };
 
 }  // namespace keyview::host
-
-#endif

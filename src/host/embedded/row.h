@@ -22,8 +22,7 @@
 //              the path, then the value
 //     8        checksum: XXH3 of the row key and of all of the row before; the key's length is
 //              mixed in, so that no byte can pass from one to the other
-#ifndef KEYVIEW_HOST_EMBEDDED_ROW_H
-#define KEYVIEW_HOST_EMBEDDED_ROW_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -89,5 +88,3 @@ std::string write_row(std::string_view key, std::string_view path, uint32_t chil
                       std::string_view value);
 
 }  // namespace keyview::host
-
-#endif

@@ -7,8 +7,7 @@
 // count. A count goes up before and after each change of a part. So two reads of
 // the same even count saw the same part, also if a writer was killed in between: then the count
 // stays odd until the next change.
-#ifndef KEYVIEW_HOST_EMBEDDED_SHARED_WORDS_H
-#define KEYVIEW_HOST_EMBEDDED_SHARED_WORDS_H
+#pragma once
 
 #include <atomic>
 #include <cstdint>
@@ -17,6 +16,7 @@
 #include <string_view>
 
 #include "host/embedded/directory.h"
+#include "host/support/unique.h"
 
 namespace keyview::host {
 
@@ -60,11 +60,9 @@ class shared_words {
 
 // Notifies readers of a change, from before it until it is done or given up. Only for the holder of
 // the write lock.
-class change_notice {
+class change_notice : unique {
   public:
     explicit change_notice(shared_words *words) : words_(words) {}
-    change_notice(const change_notice &) = delete;
-    change_notice &operator=(const change_notice &) = delete;
     ~change_notice();
 
     void add(std::string_view path);
@@ -77,5 +75,3 @@ class change_notice {
 };
 
 }  // namespace keyview::host
-
-#endif

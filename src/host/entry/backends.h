@@ -1,6 +1,5 @@
 // Which registry this process uses, and the choice of its kind by its URL.
-#ifndef KEYVIEW_HOST_ENTRY_BACKENDS_H
-#define KEYVIEW_HOST_ENTRY_BACKENDS_H
+#pragma once
 
 #include <string>
 
@@ -31,5 +30,3 @@ check_counts check_backend(const std::string &url, const damage_sink &damage, co
 void diagnose_backend(const std::string &url, const diagnosis_sink &sink);
 
 }  // namespace keyview::host
-
-#endif

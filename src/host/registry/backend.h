@@ -4,8 +4,7 @@
 //     etcd://host:port,host:port/prefix     a cluster; etcds:// with TLS
 //
 // A further kind of registry is a further row in entry/backends.cpp and nothing else.
-#ifndef KEYVIEW_HOST_REGISTRY_BACKEND_H
-#define KEYVIEW_HOST_REGISTRY_BACKEND_H
+#pragma once
 
 #include <functional>
 #include <memory>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "host/registry/store.h"
+#include "host/support/unique.h"
 #include "model/locks.h"
 
 namespace keyview::host {
@@ -21,13 +21,8 @@ namespace keyview::host {
 enum class lock_mode { shared, exclusive };
 
 // A held lock. The destructor releases it; so does the end of the process, however it ends.
-class held_lock {
+class held_lock : public abstract_base {
   public:
-    held_lock() = default;
-    held_lock(const held_lock &) = delete;
-    held_lock &operator=(const held_lock &) = delete;
-    virtual ~held_lock() = default;
-
     // Whether the lock is still held, as far as this process knows without a call.
     virtual bool still_held() const = 0;
 
@@ -58,13 +53,8 @@ struct lock_use {
     std::string holder;  // "" if the service does not know it
 };
 
-class lock_service {
+class lock_service : public abstract_base {
   public:
-    lock_service() = default;
-    lock_service(const lock_service &) = delete;
-    lock_service &operator=(const lock_service &) = delete;
-    virtual ~lock_service() = default;
-
     // Acquires the named lock; threads of one process exclude each other, too. Throws
     // host_error(failure::lock) if it is not granted in time. wanted is the part that the holder
     // will read, for a service that can deliver it with the lock.
@@ -93,5 +83,3 @@ struct check_counts {
 };
 
 }  // namespace keyview::host
-
-#endif

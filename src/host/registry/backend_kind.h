@@ -1,7 +1,6 @@
 // A kind of registry, as a row of functions for the choice by URL. The embedded kind is part of the
 // kit; the one for clusters comes from a module that is loaded at its first use.
-#ifndef KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
-#define KEYVIEW_HOST_REGISTRY_BACKEND_KIND_H
+#pragma once
 
 #include <string>
 
@@ -22,5 +21,3 @@ struct backend_kind {
 #define KEYVIEW_BACKEND_KIND keyview_backend_kind_1
 
 }  // namespace keyview::host
-
-#endif

@@ -2,8 +2,7 @@
 // thread covers are read from the view of that lock, all others from the store.
 //
 // The functions return the codes of the kvtc_ operations; they may throw host_error.
-#ifndef KEYVIEW_HOST_REGISTRY_CLIENT_H
-#define KEYVIEW_HOST_REGISTRY_CLIENT_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -68,5 +67,3 @@ class registry_client {
 };
 
 }  // namespace keyview::host
-
-#endif

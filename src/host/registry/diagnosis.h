@@ -1,6 +1,5 @@
 // Findings about a registry and its environment, for its administrator.
-#ifndef KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
-#define KEYVIEW_HOST_REGISTRY_DIAGNOSIS_H
+#pragma once
 
 #include <chrono>
 #include <functional>
@@ -37,5 +36,3 @@ void diagnose(const std::string &subject, const diagnosis_sink &sink, look &&run
 std::string shown_ms(std::chrono::steady_clock::duration time);
 
 }  // namespace keyview::host
-
-#endif

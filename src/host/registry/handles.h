@@ -1,7 +1,6 @@
 // Handles that can be checked: a token contains a slot and the use count of the slot. So a closed
 // handle, a handle of another table and any other value are recognized without dereferencing them.
-#ifndef KEYVIEW_HOST_REGISTRY_HANDLES_H
-#define KEYVIEW_HOST_REGISTRY_HANDLES_H
+#pragma once
 
 #include <array>
 #include <atomic>
@@ -63,5 +62,3 @@ class handle_table {
 };
 
 }  // namespace keyview::host
-
-#endif

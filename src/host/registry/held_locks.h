@@ -1,8 +1,7 @@
 // The locks that this thread holds, each with its view of the tree. The lock operations maintain
 // the table, the registry client reads through it. A lock belongs to the thread that acquired it,
 // and is released when that thread ends.
-#ifndef KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
-#define KEYVIEW_HOST_REGISTRY_HELD_LOCKS_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "host/registry/backend.h"
 #include "host/registry/locked_view.h"
+#include "host/support/unique.h"
 #include "model/path.h"
 
 namespace keyview::host {
@@ -32,15 +32,12 @@ struct held_entry {
     }
 };
 
-class held_locks {
+class held_locks : unique {
   public:
     // The table of this thread. In a forked child it starts empty. A thread that has run its
     // destructors, as in an atexit handler, gets a new table, which is never destroyed.
     static held_locks &of_thread();
 
-    held_locks() = default;
-    held_locks(const held_locks &) = delete;
-    held_locks &operator=(const held_locks &) = delete;
     ~held_locks();
 
     // Acquires a lock and adds it. Throws failure::lock if it is not granted in time, or if another
@@ -75,5 +72,3 @@ class held_locks {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // How long this process waits for a lock.
-#ifndef KEYVIEW_HOST_REGISTRY_LOCK_WAIT_H
-#define KEYVIEW_HOST_REGISTRY_LOCK_WAIT_H
+#pragma once
 
 #include <cstdint>
 
@@ -14,5 +13,3 @@ uint32_t lock_wait_ms();
 void choose_lock_wait(int64_t wait_ms);
 
 }  // namespace keyview::host
-
-#endif

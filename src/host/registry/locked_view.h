@@ -7,8 +7,7 @@
 //
 // A registry handle caches the copies. They are used again under the next lock if the part still
 // has the same revision.
-#ifndef KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
-#define KEYVIEW_HOST_REGISTRY_LOCKED_VIEW_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -108,5 +107,3 @@ class locked_view {
 };
 
 }  // namespace keyview::host
-
-#endif

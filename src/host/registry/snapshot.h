@@ -3,8 +3,7 @@
 // Flat: one block of bytes with all paths and values, and a row for each key. The children of a key
 // are adjacent rows, ordered by name. A search first tries the two distances between the keys found
 // last, because a reader reads the same fields of each entry of a list.
-#ifndef KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
-#define KEYVIEW_HOST_REGISTRY_SNAPSHOT_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -141,5 +140,3 @@ class snapshot {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -4,8 +4,7 @@
 // A path is a key's elements joined by ".". A failure is thrown as a host_error
 // (host/support/error.h) whose text names the path and the cause. A store may be used by several
 // threads at once.
-#ifndef KEYVIEW_HOST_REGISTRY_STORE_H
-#define KEYVIEW_HOST_REGISTRY_STORE_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "host/support/error.h"
+#include "host/support/unique.h"
 #include "model/path.h"
 
 namespace keyview::host {
@@ -67,13 +67,8 @@ using damaged_key_sink = std::function<void(std::string_view path)>;
 
 // The tree as of one moment, for the thread that requested it. It may prevent the store from
 // reusing storage: for short work only.
-class moment {
+class moment : public abstract_base {
   public:
-    moment() = default;
-    moment(const moment &) = delete;
-    moment &operator=(const moment &) = delete;
-    virtual ~moment() = default;
-
     // The revision of the requested part.
     virtual revision current() = 0;
 
@@ -117,13 +112,8 @@ enum class finish { resume, undo };
 // A store calls it before it waits for the end of all moments, or for another waiter that does.
 void release_moments();
 
-class store {
+class store : public abstract_base {
   public:
-    store() = default;
-    store(const store &) = delete;
-    store &operator=(const store &) = delete;
-    virtual ~store() = default;
-
     // The present moment. part is a key whose revision is of interest, with all that is below it.
     virtual std::unique_ptr<moment> now(std::string_view part = {}) = 0;
 
@@ -151,5 +141,3 @@ class store {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -4,8 +4,7 @@
 //
 // Another thread than the one that allocated a block may free it: its cache receives the block. The
 // cache of a thread is bounded, and freed when the thread ends.
-#ifndef KEYVIEW_HOST_SUPPORT_BLOCK_CACHE_H
-#define KEYVIEW_HOST_SUPPORT_BLOCK_CACHE_H
+#pragma once
 
 #include <cstdint>
 
@@ -19,5 +18,3 @@ void *allocate_block(uint64_t size) noexcept;
 void free_block(void *block) noexcept;
 
 }  // namespace keyview::host
-
-#endif

@@ -1,8 +1,7 @@
 // Bounded waiting until another process or thread releases something: short sleeps, an eighth of
 // the time waited so far, so that the wait ends soon after its cause, also if the other one was
 // killed.
-#ifndef KEYVIEW_HOST_SUPPORT_DEADLINE_H
-#define KEYVIEW_HOST_SUPPORT_DEADLINE_H
+#pragma once
 
 #include <algorithm>
 #include <chrono>
@@ -35,5 +34,3 @@ class deadline {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // Variables of the environment.
-#ifndef KEYVIEW_HOST_SUPPORT_ENVIRONMENT_H
-#define KEYVIEW_HOST_SUPPORT_ENVIRONMENT_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -15,5 +14,3 @@ std::string environment_text(const char *variable);
 uint32_t environment_number(const char *variable, uint32_t fallback, uint32_t most);
 
 }  // namespace keyview::host
-
-#endif

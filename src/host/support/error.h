@@ -1,7 +1,6 @@
 // The one exception of the host kit: a kind of failure, and a text for users. It never leaves
 // the kit through a C operation; those turn it into a code and keep the text for last_error.
-#ifndef KEYVIEW_HOST_SUPPORT_ERROR_H
-#define KEYVIEW_HOST_SUPPORT_ERROR_H
+#pragma once
 
 #include <stdexcept>
 #include <string>
@@ -31,5 +30,3 @@ class host_error : public std::runtime_error {
 };
 
 }  // namespace keyview::host
-
-#endif

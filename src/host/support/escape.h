@@ -1,6 +1,5 @@
 // Escapes text from outside for a line of output.
-#ifndef KEYVIEW_HOST_SUPPORT_ESCAPE_H
-#define KEYVIEW_HOST_SUPPORT_ESCAPE_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -13,5 +12,3 @@ namespace keyview::host {
 void append_escaped(std::string *out, std::string_view text);
 
 }  // namespace keyview::host
-
-#endif

@@ -1,6 +1,5 @@
 // A file descriptor with an owner.
-#ifndef KEYVIEW_HOST_SUPPORT_FD_H
-#define KEYVIEW_HOST_SUPPORT_FD_H
+#pragma once
 
 #include <unistd.h>
 
@@ -29,5 +28,3 @@ class unique_fd {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,13 +1,14 @@
 // Handling of fork. A child inherits the memory of its parent, but must neither use the parent's
 // registry files nor keep the parent's locks alive. So a descriptor that holds a lock is closed in
 // the child, and objects that belong to one process are created anew there.
-#ifndef KEYVIEW_HOST_SUPPORT_FORK_H
-#define KEYVIEW_HOST_SUPPORT_FORK_H
+#pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+
+#include "host/support/unique.h"
 
 namespace keyview::host {
 
@@ -25,12 +26,8 @@ void close_parent_only(int fd) noexcept;
 // One T for each process that a fork makes, built at its first use there. The T of an ancestor is
 // never destroyed: another thread of the ancestor may have been using it.
 template <typename T>
-class per_process {
+class per_process : unique {
   public:
-    per_process() = default;
-    per_process(const per_process &) = delete;
-    per_process &operator=(const per_process &) = delete;
-
     ~per_process() {
         node *last = current_.load();
         if (last != nullptr && last->generation == fork_generation()) delete last;
@@ -59,5 +56,3 @@ class per_process {
 };
 
 }  // namespace keyview::host
-
-#endif

@@ -1,7 +1,6 @@
 // The latest failure of each thread, as a code and a text for users, and the function that
 // converts exceptions to such failures.
-#ifndef KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
-#define KEYVIEW_HOST_SUPPORT_LAST_ERROR_H
+#pragma once
 
 #include <cstdint>
 #include <exception>
@@ -47,5 +46,3 @@ template <typename work>
 }
 
 }  // namespace keyview::host
-
-#endif

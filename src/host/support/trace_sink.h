@@ -1,7 +1,6 @@
 // The destination and level of trace lines. Set by KEYVIEW_TRACE and KEYVIEW_TRACE_LEVEL, or by the
 // program (keyview_host.h).
-#ifndef KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
-#define KEYVIEW_HOST_SUPPORT_TRACE_SINK_H
+#pragma once
 
 #include <atomic>
 #include <cstdint>
@@ -25,5 +24,3 @@ void set_trace_sink(std::string_view choice);
 void set_trace_level(int32_t level);
 
 }  // namespace keyview::host
-
-#endif

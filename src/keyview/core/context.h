@@ -1,7 +1,6 @@
 // The context of a caller: the handles of the outside services that every operation works with. It
 // is the only state of the library.
-#ifndef KEYVIEW_CORE_CONTEXT_H
-#define KEYVIEW_CORE_CONTEXT_H
+#pragma once
 
 #include <stdint.h>
 
@@ -24,5 +23,3 @@ struct prsr_ctx {
 [[nodiscard]] inline bool prsr_ctx_live(const prsr_ctx *ctx) {
     return ctx != nullptr && tmem_check_tag(ctx, PRSR_CTX_TAG) != 0;
 }
-
-#endif

@@ -1,8 +1,7 @@
 // The reader of a record's fields. The keys below a record's own key are read one after the other
 // through one path and one value buffer. A table maps keys to fields and
 // rules; a key with a rule of its own is read step by step with the same functions.
-#ifndef KEYVIEW_CORE_FIELDS_H
-#define KEYVIEW_CORE_FIELDS_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -90,5 +89,3 @@ template <size_t ROW_COUNT>
 
 // Parses a flag: everything but FALSE enables.
 [[nodiscard]] int32_t prsr_parse_enabled(const char *word);
-
-#endif

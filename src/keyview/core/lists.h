@@ -1,7 +1,6 @@
 // Registry lists as arrays of strings: the subkeys of a key, the own values of such subkeys, and
 // the strings of a multi-value. The caller owns what a reader returns. No reader takes a lock.
-#ifndef KEYVIEW_CORE_LISTS_H
-#define KEYVIEW_CORE_LISTS_H
+#pragma once
 
 #include <stdint.h>
 
@@ -37,5 +36,3 @@
 // Returns PRSR_ERR_MEMORY.
 [[nodiscard]] int32_t prsr_get_multivalues(const prsr_ctx *ctx, const char *inkey_name,
                                            char ***list, uint32_t *count);
-
-#endif

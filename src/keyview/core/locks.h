@@ -1,8 +1,7 @@
 // Cluster-wide named locks over parts of the key tree. A token is the lock's name in a block of the
 // context's memory: the proof that the lock is held, and the argument of its release. An operation
 // holds one lock at most.
-#ifndef KEYVIEW_CORE_LOCKS_H
-#define KEYVIEW_CORE_LOCKS_H
+#pragma once
 
 #include <stdint.h>
 
@@ -42,5 +41,3 @@ struct prsr_lock_guard {
 };
 using prsr_held_lock = prsr_lock_guard<prsr_unlock_keyview>;
 using prsr_held_node_lock = prsr_lock_guard<prsr_unlock_nodeapps>;
-
-#endif

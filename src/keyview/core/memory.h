@@ -2,8 +2,7 @@
 // the guards that free blocks. tmem_allocm returns zeroed blocks, and callers depend on it: one
 // byte is an empty string, a copy of n bytes in n + 1 ends in zero, an array starts with null
 // slots.
-#ifndef KEYVIEW_CORE_MEMORY_H
-#define KEYVIEW_CORE_MEMORY_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -61,5 +60,3 @@ struct prsr_string_list {
     char **items = nullptr;
     uint32_t count = 0;
 };
-
-#endif

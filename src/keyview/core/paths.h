@@ -1,7 +1,6 @@
 // The key tree: its fixed elements, how a caller's name becomes an element, and how elements become
 // a path. Every path of the library is composed here, and its capacity travels along.
-#ifndef KEYVIEW_CORE_PATHS_H
-#define KEYVIEW_CORE_PATHS_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -134,5 +133,3 @@ template <typename... Elements>
                                   prsr_block *path, const Elements &...elements) {
     return prsr_join_elements(ctx, function, spare, path, std::string_view(elements)...);
 }
-
-#endif

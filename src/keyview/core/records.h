@@ -1,6 +1,5 @@
 // The guard of a public record while it is built.
-#ifndef KEYVIEW_CORE_RECORDS_H
-#define KEYVIEW_CORE_RECORDS_H
+#pragma once
 
 #include <utility>
 
@@ -23,5 +22,3 @@ struct prsr_record {
     prsr_ctx *ctx;
     Record *cfg = nullptr;
 };
-
-#endif

@@ -1,8 +1,7 @@
 // All registry access of the library stands on these pieces: the report of a failed call, the guard
 // of an open key, and the two ways to read a value: into a buffer that is reused, or into a block
 // that grows once.
-#ifndef KEYVIEW_CORE_REGISTRY_H
-#define KEYVIEW_CORE_REGISTRY_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -110,5 +109,3 @@ struct prsr_reader {
 // lock.
 // Returns PRSR_ERR_REGISTRY, PRSR_ERR_MEMORY.
 [[nodiscard]] int32_t prsr_open_get_value(prsr_ctx *ctx, const char *key_name, char **value);
-
-#endif

@@ -1,6 +1,5 @@
 // The folded names by which the operations on a service reach it.
-#ifndef KEYVIEW_CORE_SERVICE_NAMES_H
-#define KEYVIEW_CORE_SERVICE_NAMES_H
+#pragma once
 
 #include "keyview/core/paths.h"
 
@@ -16,5 +15,3 @@ struct prsr_service_names {
 [[nodiscard]] int32_t prsr_fold_service_names(const prsr_ctx *ctx, const char *function,
                                               const char *dbname, const char *srvname,
                                               prsr_service_names *names);
-
-#endif

@@ -1,6 +1,5 @@
 // One load of an instance or a service: a record of its own below the database's.
-#ifndef KEYVIEW_DATABASE_CHILD_LOAD_H
-#define KEYVIEW_DATABASE_CHILD_LOAD_H
+#pragma once
 
 #include <string_view>
 
@@ -24,5 +23,3 @@ struct child_load {
 
 // Reads the child's own value into its name and closes its key. Codes as for prsr_load_name.
 [[nodiscard]] int32_t prsr_load_child_name(child_load *load, size_t length, char **name);
-
-#endif

@@ -1,7 +1,6 @@
 // One fetch of a database's record: the state that record.cpp, record_fields.cpp and
 // record_children.cpp share.
-#ifndef KEYVIEW_DATABASE_DB_FETCH_H
-#define KEYVIEW_DATABASE_DB_FETCH_H
+#pragma once
 
 #include "keyview/core/fields.h"
 #include "keyview/core/locks.h"
@@ -39,5 +38,3 @@ struct db_fetch {
 [[nodiscard]] int32_t prsr_load_db_instances(db_fetch *fetch);
 [[nodiscard]] int32_t prsr_load_db_services(db_fetch *fetch);
 [[nodiscard]] int32_t prsr_load_db_settings(db_fetch *fetch);  // domain, flag, environment
-
-#endif

@@ -1,7 +1,6 @@
 // The loaders of the instances and services of a database's record. They run under the lock of the
 // fetch and take none of their own; ctx is live.
-#ifndef KEYVIEW_DATABASE_LOADERS_H
-#define KEYVIEW_DATABASE_LOADERS_H
+#pragma once
 
 #include "keyview/core/context.h"
 
@@ -28,5 +27,3 @@ void prsr_free_instance(void *mem, prsr_inst_cfg *inst);
 
 // Frees a service's record, complete or not. srv is not null.
 void prsr_free_service(void *mem, prsr_srv_cfg *srv);
-
-#endif

@@ -1,7 +1,4 @@
 // The tag of a database's record, which the fetch sets and the release checks.
-#ifndef KEYVIEW_DATABASE_RECORD_H
-#define KEYVIEW_DATABASE_RECORD_H
+#pragma once
 
 #define PRSR_CFG_TAG "PRSRCFGB"
-
-#endif

@@ -1,7 +1,6 @@
 // The two primitives of an ENABLED flag, found by the complete path of its key. Neither tests ctx
 // or takes a lock.
-#ifndef KEYVIEW_ENABLEMENT_FLAG_H
-#define KEYVIEW_ENABLEMENT_FLAG_H
+#pragma once
 
 #include <stdint.h>
 
@@ -16,5 +15,3 @@
 //
 // Returns PRSR_ERR_NO_DATABASE if the key is missing; PRSR_ERR_REGISTRY.
 [[nodiscard]] int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name, int32_t *enabled);
-
-#endif

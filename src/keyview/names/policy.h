@@ -1,10 +1,7 @@
 // Failover policy words.
-#ifndef KEYVIEW_NAMES_POLICY_H
-#define KEYVIEW_NAMES_POLICY_H
+#pragma once
 
 #include <stdint.h>
 
 // The code of a stored word, in any case; PRSR_RCN_NONE for every word that is no policy.
 [[nodiscard]] int32_t prsr_parse_policy(const char *value);
-
-#endif

@@ -1,6 +1,5 @@
 // Copies a stored name into a caller's buffer: whole or not at all.
-#ifndef KEYVIEW_NAMES_STORED_NAME_H
-#define KEYVIEW_NAMES_STORED_NAME_H
+#pragma once
 
 #include <stdint.h>
 
@@ -20,5 +19,3 @@
 [[nodiscard]] int32_t prsr_read_stored_name(prsr_ctx *ctx, const char *function, const char *path,
                                             int32_t not_found, prsr_key *key, prsr_block *value,
                                             uint32_t bufsize, char *buf);
-
-#endif

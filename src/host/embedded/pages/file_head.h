@@ -1,8 +1,7 @@
 // The head of an LMDB data file, read as bytes: its two metas, each with the state of one commit,
 // and whether they are sound. LMDB itself trusts them, and a wrong one ends the process or brings
 // back an older state.
-#ifndef KEYVIEW_HOST_EMBEDDED_PAGES_FILE_HEAD_H
-#define KEYVIEW_HOST_EMBEDDED_PAGES_FILE_HEAD_H
+#pragma once
 
 #include <string>
 
@@ -33,5 +32,3 @@ constexpr const char *RESTORE = "; restore the registry from a saved cluster doc
 [[nodiscard]] bool read_bytes(int fd, void *into, size_t size, size_t at);
 
 }  // namespace keyview::host
-
-#endif

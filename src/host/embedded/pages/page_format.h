@@ -20,8 +20,7 @@
 //     the number before if that is the last entry. Entries are a count and page numbers.
 //   - Every page up to the last one of the meta is in one tree, in the free list, or a meta.
 //   - The file is as long as the map; a copy that mdb_copy made ends with the last page in use.
-#ifndef KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_FORMAT_H
-#define KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_FORMAT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -104,5 +103,3 @@ constexpr size_t LONGEST_KEY = 511;
 constexpr unsigned MOST_LEVELS = 32;
 
 }  // namespace keyview::host
-
-#endif

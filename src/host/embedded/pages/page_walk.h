@@ -4,8 +4,7 @@
 // no page number leads out of the file.
 //
 // Everything is read with pread and bounded by the file's size, so no damage ends the process.
-#ifndef KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_WALK_H
-#define KEYVIEW_HOST_EMBEDDED_PAGES_PAGE_WALK_H
+#pragma once
 
 #include <functional>
 #include <string_view>
@@ -23,5 +22,3 @@ using node_visitor = std::function<void(std::string_view key, std::string_view v
 void walk_pages(int fd, const meta &state, const damage_sink &damage, const node_visitor &visit);
 
 }  // namespace keyview::host
-
-#endif
