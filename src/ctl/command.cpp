@@ -6,7 +6,7 @@
 #include <memory>
 #include <sstream>
 
-#include "model/words.h"
+#include "ctl/option_words.h"
 
 namespace keyview::ctl {
 
@@ -52,7 +52,8 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
     CLI::App *command = app->add_subcommand(name, description);
     command->fallthrough();
     std::string group = app->get_parent() == nullptr ? "" : app->get_name() + " ";
-    command->callback([shared, run, plain, full_name = group + name] {
+    command->callback([command, shared, run, plain, full_name = group + name] {
+        if (!command->get_subcommands().empty()) return;  // the one below is the chosen one
         shared->command = full_name;
         shared->needs_registry = !plain;
         shared->run = run;
@@ -74,10 +75,8 @@ static void add_argument(CLI::App *command, tool *shared, const argument_row &ro
     }
     CLI::Option *option = command->add_option(row.word, *value, row.description)->required(needed);
     if (row.is_name) option->check(name_fault, "", "");
-    if (row.word == std::string("ROLE")) {
-        std::vector<std::string> roles(std::begin(ROLES), std::end(ROLES));
-        option->transform(CLI::IsMember(roles, CLI::ignore_case));
-    }
+    if (row.word == std::string("ROLE"))
+        option->transform(CLI::IsMember(words_of(row.word), CLI::ignore_case));
 }
 
 void add_arguments(CLI::App *command, tool *shared, const char *arguments,

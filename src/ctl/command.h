@@ -28,6 +28,7 @@ struct tool {
     // What commands have as options; see ARGUMENTS in command.cpp.
     bool dry_run = false, yes = false, prune = false, force = false;
     bool resume = false, undo = false, fields = false;
+    bool quiet = false, verbose = false;
     uint64_t if_revision = 0;
     const CLI::App *app = nullptr;
     std::string command;                 // the chosen one's name
@@ -51,7 +52,7 @@ void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore
 void add_lock_commands(CLI::App *app, tool *shared);          // lock
 void add_check_commands(CLI::App *app, tool *shared);         // check, lint
 void add_doctor_commands(CLI::App *app, tool *shared);        // doctor, recover
-void add_help_commands(CLI::App *app, tool *shared);          // errors, config, completion, manual
+void add_help_commands(CLI::App *app, tool *shared);          // help, version, errors, config, ...
 
 // One command: run takes no arguments, what it needs is bound to it. A plain one uses no registry.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,

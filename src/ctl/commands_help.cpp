@@ -1,4 +1,4 @@
-// errors, config, completion and manual: what the tool knows about itself.
+// help, version, errors, config, completion and manual: what the tool knows about itself.
 #include <sys/time.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
@@ -8,6 +8,7 @@
 
 #include "ctl/command.h"
 #include "ctl/completion.h"
+#include "ctl/help.h"
 #include "ctl/manual.h"
 #include "ctl/output.h"
 #include "host/if/keyview_host.h"
@@ -53,6 +54,19 @@ static exit_code show_text(const std::string &text, const std::string &what,
     return EXIT_DONE;
 }
 
+static exit_code run_help(const tool &shared, const std::vector<std::string> &words) {
+    return show_text(help_of(*shared.app, words), "there is no such command",
+                     "\"keyviewctl help\" shows all of them");
+}
+
+static exit_code run_version(const tool &shared, const given_names &) {
+    if (shared.format == output_format::table) {
+        write_result("keyviewctl " KEYVIEW_VERSION "\n");
+        return EXIT_DONE;
+    }
+    return show_result(shared.format, "version", "release", {std::string(KEYVIEW_VERSION)});
+}
+
 static exit_code run_completion(const tool &, const given_names &names) {
     return show_text(completion_script(names[0]), "there is no script for " + names[0],
                      "the shells are bash, zsh and fish");
@@ -89,6 +103,7 @@ static exit_code run_complete(const tool &shared, const std::vector<std::string>
 }
 
 static constexpr command_row COMMANDS[] = {
+    {"version", "Print the version", "", run_version, true},
     {"errors", "Show what the exit codes mean, or one of them", "[CODE]", run_errors, true},
     {"config", "Show each setting and where it comes from", "", run_config, true},
     {"completion", "Write the script by which a shell completes", "SHELL", run_completion, true},
@@ -96,8 +111,12 @@ static constexpr command_row COMMANDS[] = {
 };
 
 void add_help_commands(CLI::App *app, tool *shared) {
-    add_commands(app, shared, COMMANDS);
     auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App *help = add_command(
+        app, shared, "help", "Show the commands, or how to use one of them",
+        [=] { return run_help(*shared, *words); }, true);
+    help->add_option("COMMAND", *words, "The command, such as status or lock run");
+    add_commands(app, shared, COMMANDS);
     CLI::App *complete = add_command(
         app, shared, "__complete", "", [=] { return run_complete(*shared, *words); }, true);
     complete->group("");

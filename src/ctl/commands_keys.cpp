@@ -9,6 +9,7 @@
 #include "admin/document/values.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/option_words.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
 #include "ctl/text.h"
@@ -201,7 +202,7 @@ void add_key_commands(CLI::App *app, tool *shared) {
     add_arguments(set, shared, "KEY --dry-run --if-revision --yes", path);
     set->add_option("VALUE", *values, "The value; the strings of a list");
     set->add_option("--as", *how, "Unchecked: text, list, or bytes in base64")
-        ->check(CLI::IsMember({"text", "list", "base64"}));
+        ->check(CLI::IsMember(words_of("--as")));
 }
 
 }  // namespace keyview::ctl

@@ -36,7 +36,7 @@ static pid_t start(std::vector<std::string> command) {
     for (int number : {SIGPIPE, SIGINT})
         (void)signal(number, SIG_DFL);
     execvp(words[0], words.data());
-    print_remark(command[0] + " cannot be run: " + strerror(errno));
+    print_warning(command[0] + " cannot be run: " + strerror(errno));
     _exit(127);
 }
 
@@ -57,7 +57,7 @@ static int wait_for(pid_t child, const admin::held_lock &lock) {
         }
         if (signalled || lock.still_held()) continue;
         signalled = true;
-        print_remark("the lock was lost; the command gets a termination signal");
+        print_warning("the lock was lost; the command gets a termination signal");
         (void)kill(child, SIGTERM);
     }
 }

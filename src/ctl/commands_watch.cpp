@@ -46,7 +46,12 @@ class watcher {
           registry_(on_registry(shared_, [] { return admin::registry::open(); })) {}
 
     void run() {
-        revision_ = options_.from != 0 ? options_.from : present_revision();
+        uint64_t present = present_revision();
+        refuse_future(present);
+        revision_ = options_.from != 0 ? options_.from : present;
+        bool ends = options_.count != 0 || options_.seconds > 0;
+        print_remark("watches " + path_ + " from revision " + std::to_string(revision_) + " on" +
+                     (ends ? "" : "; Ctrl-C ends it"));
         if (!follow_history()) poll();
     }
 
@@ -55,6 +60,14 @@ class watcher {
 
     uint64_t present_revision() const {
         return on_registry(shared_, [&] { return registry_.revision(); });
+    }
+
+    void refuse_future(uint64_t present) const {
+        if (options_.from <= present) return;
+        throw tool_error{EXIT_USAGE, "the tree cannot be watched", shared_.registry,
+                         "it is at revision " + std::to_string(present) + ", and --from is " +
+                             std::to_string(options_.from),
+                         "leave --from out to watch from now on"};
     }
 
     // So many milliseconds more, or so many as are left.
@@ -151,13 +164,14 @@ class watcher {
         (void)signal(SIGPIPE, SIG_DFL);  // the command inherits it; nothing is written meanwhile
         FILE *input = popen(options_.command.c_str(), "we");  // NOLINT(cert-env33-c)
         (void)signal(SIGPIPE, SIG_IGN);
-        if (input == nullptr) return print_remark("the command cannot be run: " + options_.command);
+        if (input == nullptr)
+            return print_warning("the command cannot be run: " + options_.command);
         (void)fwrite(line.data(), 1, line.size(), input);  // a command need not read it
         int status = pclose(input);
         if (status != 0) {
-            print_remark("the command ended with " + std::to_string(WIFEXITED(status)
-                                                                        ? WEXITSTATUS(status)
-                                                                        : 128 + WTERMSIG(status)));
+            print_warning("the command ended with " + std::to_string(WIFEXITED(status)
+                                                                         ? WEXITSTATUS(status)
+                                                                         : 128 + WTERMSIG(status)));
         }
     }
 
@@ -189,11 +203,14 @@ static exit_code run_watch(const tool &shared, const watch_options &options) {
 
 void add_watch_command(CLI::App *app, tool *shared) {
     auto options = std::make_shared<watch_options>();
-    CLI::App *watch =
-        add_command(app, shared, "watch", "Print each change of a key and of what is below it",
-                    [=] { return run_watch(*shared, *options); });
+    CLI::App *watch = add_command(
+        app, shared, "watch",
+        "Print the changes of a key and of what is below it as they happen. On a registry "
+        "of one machine, changes in quick succession are reported as one",
+        [=] { return run_watch(*shared, *options); });
     watch->add_option("KEY", options->path, "The key's path; the whole tree without it");
-    watch->add_option("--from", options->from, "The revision that was seen last");
+    watch->add_option("--from", options->from,
+                      "The revision that was seen last, not above the present one");
     watch->add_option("--exec", options->command,
                       "A shell command for each change, which gets its JSON line");
     watch->add_option("--count", options->count, "End after so many changes");

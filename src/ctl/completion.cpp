@@ -3,11 +3,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ctl/option_words.h"
 #include "ctl/suggest.h"
 #include "ctl/text.h"
 #include "model/folding.h"
 #include "model/path.h"
-#include "model/words.h"
 
 namespace keyview::ctl {
 
@@ -77,12 +77,7 @@ static words values_for(const std::string &name, const walked &at, const std::st
     if (name == "SCOPE") return registered_names(STG_ROOT);
     if (name == "NAME") return registered_names(STG_ROOT + std::string(".") + element_of(first));
     if (name == "KEY") return keys_like(begun);
-    if (name == "ROLE") return {std::begin(ROLES), std::end(ROLES)};
-    if (name == "--output" || name == "-o") return {"table", "json", "jsonl", "tsv", "raw", "cmd"};
-    if (name == "--color") return {"auto", "always", "never"};
-    if (name == "--as") return {"text", "list", "base64"};
-    if (name == "SHELL") return {"bash", "zsh", "fish"};
-    return {};
+    return words_of(name);
 }
 
 static words option_names(const CLI::App *command) {

@@ -32,6 +32,7 @@ static constexpr exit_row EXITS[] = {
     {EXIT_INTERNAL, "internal", "no memory, the output failed, or a mistake in keyview",
      "make room for the output, or report it"},
     {130, "interrupted", "in a shell: ended by an interrupt", "nothing"},
+    {141, "reader_left", "in a shell: the reader of the output left before its end", "nothing"},
     {143, "terminated", "in a shell: ended by a termination", "nothing"},
 };
 

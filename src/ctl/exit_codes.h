@@ -20,8 +20,8 @@ enum exit_code {
     EXIT_DENIED = 7,
     EXIT_CONTENT = 8,
     EXIT_INTERNAL = 9,
-    // A signal ends the program as it ends any other; a shell shows 130 for an interrupt, 143 for a
-    // termination.
+    // A signal ends the program as it ends any other; a shell shows 130 for an interrupt, 141 where
+    // the reader of the output left, 143 for a termination.
 };
 
 constexpr const char *TRY_LIST =

@@ -7,11 +7,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <sstream>
 
 #include "ctl/command.h"
 #include "ctl/exit_codes.h"
+#include "ctl/help.h"
+#include "ctl/option_words.h"
 #include "ctl/output.h"
 #include "ctl/suggest.h"
 #include "ctl/terminal.h"
@@ -20,10 +21,10 @@
 namespace keyview::ctl {
 
 static constexpr command_group GROUPS[] = {
-    add_show_commands,     add_query_commands, add_enable_commands, add_stg_nodeapps_commands,
-    add_document_commands, add_check_commands, add_doctor_commands, add_help_commands,
-    add_status_command,    add_key_commands,   add_watch_command,   add_backup_commands,
-    add_lock_commands,
+    add_status_command,  add_show_commands,   add_query_commands,    add_stg_nodeapps_commands,
+    add_watch_command,   add_enable_commands, add_document_commands, add_key_commands,
+    add_backup_commands, add_check_commands,  add_doctor_commands,   add_lock_commands,
+    add_help_commands,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
@@ -43,33 +44,17 @@ static void raise_file_limit() {
     (void)setrlimit(RLIMIT_NOFILE, &files);  // the old limit does for all but large documents
 }
 
-static const std::map<std::string, output_format> &formats() {
-    static const std::map<std::string, output_format> words = {
-        {"table", output_format::table}, {"json", output_format::json},
-        {"jsonl", output_format::jsonl}, {"tsv", output_format::tsv},
-        {"raw", output_format::raw},     {"cmd", output_format::cmd},
-    };
-    return words;
-}
-
-static const std::map<std::string, color_mode> &colors() {
-    static const std::map<std::string, color_mode> words = {
-        {"auto", color_mode::automatic},
-        {"always", color_mode::always},
-        {"never", color_mode::never},
-    };
-    return words;
-}
-
 // The format of an error in the command line: that of -o, as far as the line was understood.
 static output_format format_of(const CLI::App &app) {
     const CLI::results_t &words = app.get_option("--output")->results();
-    auto found = formats().find(words.empty() ? "table" : words.back());
-    return found == formats().end() ? output_format::table : found->second;
+    for (const output_word &one : output_words())
+        if (!words.empty() && words.back() == one.word) return one.means;
+    return output_format::table;
 }
 
 static void add_options(CLI::App *app, tool *shared) {
-    app->set_version_flag("--version", "keyviewctl " KEYVIEW_VERSION);
+    app->set_version_flag("-V,--version", "keyviewctl " KEYVIEW_VERSION,
+                          "Print the version and exit");
     app->set_help_flag("-h,--help", "Print this and exit");
     app->footer(exit_code_help());
     app->require_subcommand(0, 1);  // a missing one is reported below, in better words
@@ -80,12 +65,17 @@ static void add_options(CLI::App *app, tool *shared) {
     app->add_option("--context", chosen.context.option,
                     "Use the settings of this context of the settings files");
     app->add_option("-o,--output", chosen.output.option,
-                    "table, for people; json, jsonl (a line an item), tsv, raw (a bare value) or "
-                    "cmd (commands that rebuild what is shown)")
-        ->check(CLI::IsMember(formats()));
+                    "table, for people; wide, without shortened names; json, jsonl (a line an "
+                    "item), tsv, raw (a bare value) or cmd (commands that rebuild what is shown)")
+        ->check(CLI::IsMember(words_of("--output")));
     app->add_option("--color", chosen.color.option,
                     "auto, always or never; auto respects NO_COLOR and TERM=dumb")
-        ->check(CLI::IsMember(colors()));
+        ->check(CLI::IsMember(words_of("--color")));
+    CLI::Option *quiet =
+        app->add_flag("-q,--quiet", shared->quiet, "Print no remarks and no progress");
+    app->add_flag("-v,--verbose", shared->verbose,
+                  "Print what is being done, and how long it takes")
+        ->excludes(quiet);
 }
 
 static constexpr const char *TRY_HELP =
@@ -128,6 +118,11 @@ static void choose_registry(const tool &shared) {
     if (shared.registry.empty()) {
         throw tool_error{EXIT_USAGE, "no registry is chosen", "", "", todo};
     }
+    print_step("uses the registry " + shown_url(shared.registry) + ", chosen by " +
+               shared.chosen.registry.origin);
+    if (!shared.chosen.context.value.empty())
+        print_step("uses the context " + shared.chosen.context.value + ", chosen by " +
+                   shared.chosen.context.origin);
     if (keyview_host_set_registry(shared.registry.c_str()) != 0) {
         throw tool_error{EXIT_USAGE, "the registry cannot be used", shown_url(shared.registry),
                          keyview_host_last_error(), todo};
@@ -135,10 +130,10 @@ static void choose_registry(const tool &shared) {
 }
 
 // One of the words of a table; the settings files may hold others.
-template <typename meaning>
-static meaning meaning_of(const setting &one, const std::map<std::string, meaning> &words) {
-    auto found = words.find(one.value);
-    if (found != words.end()) return found->second;
+template <typename row>
+static const row &row_of(const setting &one, const rows<row> &words) {
+    for (const row &known : words)
+        if (one.value == known.word) return known;
     throw tool_error{EXIT_USAGE, std::string("the setting ") + one.name + " cannot be used",
                      one.origin, one.value + " is none of its words", "see \"keyviewctl --help\""};
 }
@@ -157,8 +152,14 @@ static void apply_settings(tool *shared) {
     chosen.resolve();
     if (shared->registry_given) chosen.registry.value = chosen.registry.option;
     shared->registry = chosen.registry.value;
-    shared->format = meaning_of(chosen.output, formats());
-    choose_color(meaning_of(chosen.color, colors()));
+    const output_word &output = row_of(chosen.output, output_words());
+    shared->format = output.means;
+    choose_width(output.whole);
+    choose_color(row_of(chosen.color, color_words()).means);
+    choose_remarks(shared->quiet     ? remarks::none
+                   : shared->verbose ? remarks::all
+                                     : remarks::usual,
+                   for_programs(shared->format));
     set_lock_wait(chosen.lock_wait);
 }
 
@@ -176,6 +177,7 @@ static int run(int argc, char **argv, output_format *format) {
     add_options(&app, &shared);
     for (command_group add : GROUPS)
         add(&app, &shared);
+    add_examples(&app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
@@ -187,11 +189,12 @@ static int run(int argc, char **argv, output_format *format) {
     *format = shared.format;
     if (!shared.run) throw tool_error{EXIT_USAGE, "no command is given", "", "", TRY_HELP};
     if (shared.needs_registry) choose_registry(shared);
-    bool programs = shared.format == output_format::json || shared.format == output_format::jsonl;
-    shared.reporter =
-        std::make_unique<progress>(shared.command, shared.needs_registry && !programs);
+    shared.reporter = std::make_unique<progress>(
+        shared.command, shared.needs_registry && !shared.quiet && !for_programs(shared.format));
     shared.reporter->start();
-    return shared.run();
+    exit_code code = shared.run();
+    print_step("ends with exit code " + std::to_string(code));
+    return code;
 }
 
 }  // namespace keyview::ctl
@@ -205,6 +208,11 @@ int main(int argc, char **argv) {
     output_format format = output_format::table;
     try {
         return run(argc, argv, &format);
+    } catch (const reader_left &) {
+        // As any other program ends then, with all guards done.
+        (void)signal(SIGPIPE, SIG_DFL);
+        (void)raise(SIGPIPE);
+        return EXIT_INTERNAL;  // it was held back
     } catch (tool_error &error) {
         add_suggestion(argc, argv, &error);
         report_error(format, error);

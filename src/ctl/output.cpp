@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -32,6 +34,7 @@ bool write_all(int fd, std::string_view bytes) {
 
 void write_result(std::string_view bytes) {
     if (write_all(STDOUT_FILENO, bytes)) return;
+    if (errno == EPIPE) throw reader_left();
     throw tool_error{EXIT_INTERNAL, "the result could not be written", "standard output",
                      strerror(errno), "direct the output to where there is room for it"};
 }
@@ -93,8 +96,42 @@ exit_code show_result(output_format format, const char *kind, const char *value_
     return show_answer(format, kind, {{value_name, value}});
 }
 
+// ---- Remarks ------------------------------------------------------------------------------------
+
+static remarks wanted_remarks = remarks::usual;
+static bool programs_read_remarks = false;
+
+void choose_remarks(remarks chosen, bool to_programs) {
+    wanted_remarks = chosen;
+    programs_read_remarks = to_programs;
+}
+
+// A failure is ignored: it is not the result.
+static void print_line(const char *kind, const std::string &text) {
+    std::string line = "keyviewctl: " + escaped(text) + "\n";
+    if (programs_read_remarks)
+        line =
+            ordered_json({{"kind", kind}, {"version", 1}, {"text", escaped(text)}}).dump() + "\n";
+    (void)write_all(STDERR_FILENO, line);
+}
+
 void print_remark(const std::string &text) {
-    (void)write_all(STDERR_FILENO, "keyviewctl: " + escaped(text) + "\n");  // it is not the result
+    bool wanted =
+        programs_read_remarks ? wanted_remarks == remarks::all : wanted_remarks != remarks::none;
+    if (wanted) print_line("remark", text);
+}
+
+void print_step(const std::string &text) {
+    static const auto BEGUN = std::chrono::steady_clock::now();
+    if (wanted_remarks != remarks::all) return;
+    std::chrono::duration<double> since = std::chrono::steady_clock::now() - BEGUN;
+    char time[32];
+    (void)snprintf(time, sizeof time, "%.3f s: ", since.count());  // it fits
+    print_line("remark", time + text);
+}
+
+void print_warning(const std::string &text) {
+    print_line("warning", text);
 }
 
 // ---- Errors -------------------------------------------------------------------------------------

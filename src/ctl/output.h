@@ -26,6 +26,9 @@ struct tool_error {
 // Writes to a descriptor; false, with errno, if not all of it arrives.
 [[nodiscard]] bool write_all(int fd, std::string_view bytes);
 
+// Thrown where the reader of stdout has gone; main then ends by SIGPIPE, as other programs do.
+struct reader_left {};
+
 // Writes to stdout; throws if not all of it arrives.
 void write_result(std::string_view bytes);
 
@@ -35,8 +38,16 @@ void write_json(const std::string &text);
 // Lines of text to stdout; on a terminal, one with harmful characters comes escaped.
 void write_lines(const std::string &text);
 
-// Prints a remark to stderr, such as what the command waits for.
+// What is printed on stderr beside errors and warnings: nothing, remarks, or also each step that is
+// taken. Where programs read it, remarks are left out and the others are JSON, a line each.
+enum class remarks { none, usual, all };
+void choose_remarks(remarks chosen, bool to_programs);
+
+// A remark, such as what the command waits for; a step that is taken, with the time since the start;
+// what must not be missed.
 void print_remark(const std::string &text);
+void print_step(const std::string &text);
+void print_warning(const std::string &text);
 
 // Shows a result: for people its value alone, for programs an object with kind and version and,
 // under value_name, the value.

@@ -42,6 +42,7 @@ void progress::stop() noexcept {
 }
 
 void progress::step(const std::string &text) {
+    print_step(command_ + " " + text);
     std::lock_guard guard(mutex_);
     step_ = text;
 }

@@ -30,8 +30,14 @@ bool color_wanted(int fd) {
     return is_terminal(fd) && environment("NO_COLOR").empty() && environment("TERM") != "dumb";
 }
 
+static bool lines_are_whole = false;
+
+void choose_width(bool whole_lines) {
+    lines_are_whole = whole_lines;
+}
+
 size_t width_of(int fd) {
-    if (!is_terminal(fd)) return 0;
+    if (lines_are_whole || !is_terminal(fd)) return 0;
     struct winsize size = {};
     if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
     return USUAL_WIDTH;

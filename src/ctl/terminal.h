@@ -20,8 +20,9 @@ std::string environment(const char *variable);
 
 bool is_terminal(int fd);
 
-// In columns; 0 for a stream that is no terminal.
+// In columns; 0 for a stream that is no terminal, and for all once lines are whole.
 size_t width_of(int fd);
+void choose_width(bool whole_lines);
 
 // The escape sequence of a tone, "" for a plain one; the name by which libsmartcols has it.
 const char *sequence_of(tone colour);

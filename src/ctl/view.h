@@ -13,6 +13,11 @@ namespace keyview::ctl {
 // table is for people, the others are for programs; cmd are commands that rebuild what is shown.
 enum class output_format { table, json, jsonl, tsv, raw, cmd };
 
+// Whether stderr is for programs as well.
+inline bool for_programs(output_format format) {
+    return format == output_format::json || format == output_format::jsonl;
+}
+
 // How a word is coloured, where colour is wanted. The word carries the same information.
 enum class tone { plain, good, bad };
 

@@ -239,6 +239,7 @@ TEST_F(Cluster, TheToolWorksOnAnyRegistry) {
         code=0; $tool lock run $lock -- $tool set DATABASE.DATABASES.sales.DOMAIN x --yes || code=$?
         $tool watch --from $first --count 2 -o jsonl > told
         grep -c '"path":"DATABASE.DATABASES.sales.SERVICE.reporting.*"after":"false' told
+        code=0; $tool watch --from 999999 || code=$?; test $code = 2
         $tool rm DATABASE; $tool restore saved; $tool diff saved
         $tool export third; cmp first third
         $tool copy --to lmdb:back; $tool diff saved --registry lmdb:back)";

@@ -48,6 +48,12 @@ class Administrator(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
+    # All commands, those below another one as "lock run".
+    def commands(self):
+        words = self.good("__complete", "--", "").split()
+        below = {word: self.good("__complete", "--", word, "").split() for word in ("lock", "config")}
+        return words + [word + " " + one for word in below for one in below[word]]
+
     # What a person sees on a terminal of 80 columns.
     def on_terminal(self, *words):
         leader, follower = pty.openpty()
@@ -140,6 +146,35 @@ class Output(Administrator):
         self.assertEqual(re.sub(r"\x1b\[\d*m", "", painted), self.good("status", "sales"))
 
 
+    def test_a_reader_that_leaves_ends_the_tool_quietly(self):
+        many = {"format": "keyview-cluster", "version": 1, "databases": [
+            {"name": "d%04d" % n, "spfile": "x" * 200} for n in range(400)]}
+        self.good("apply", "-", stdin=json.dumps(many).encode())
+        for command in ("list", "status", "tree", "export", "lint", "ls DATABASE.DATABASES", "backup -", "explain", "errors",
+                        "manual keyview-keys", "apply --prune --dry-run " + EXAMPLE, "check", "watch --from 1"):
+            for form in ("table", "json"):
+                reader, writer = os.pipe()
+                os.close(reader)
+                ended = subprocess.run([TOOL, *command.split(), "-o", form, "-q"], stdout=writer, stderr=subprocess.PIPE,
+                                       env=self.env, timeout=60)
+                os.close(writer)
+                self.assertEqual((ended.returncode, ended.stderr), (-signal.SIGPIPE, b""), (command, form))
+
+    def test_remarks_are_as_many_as_wanted(self):
+        self.assertEqual(self.run_tool("rm", "DATABASE.STG", "--dry-run", "-q").stderr, b"")
+        for command in READS:
+            words = command.split()
+            self.assertEqual(self.run_tool(*words, "-o", "json").stderr, b"", command)
+            told = self.run_tool(*words, "-v", "-o", "json").stderr.decode().splitlines()
+            for line in told:
+                VALIDATOR.validate(json.loads(line))
+            self.assertIn("ends with exit code", told[-1])
+        told = self.run_tool("set", SALES + ".DOMAIN", "x", "-v").stderr.decode()
+        for part in ("uses the registry %s, chosen by KEYVIEW_REGISTRY" % self.url, "waits for the lock LKRT." + SALES,
+                     "writes 1 changes", "ends with exit code 0"):
+            self.assertIn(part, told)
+
+
 class Changes(Administrator):
     def test_apply_then_diff_then_apply(self):
         self.good("set", SALES + ".DOMAIN", "x")
@@ -229,6 +264,14 @@ class Changes(Administrator):
         told = child.communicate(timeout=60)[0].decode().splitlines()
         self.assertEqual([line.split(" ", 2)[1:] for line in told if "merged" not in line][:1], [["-", "DATABASE.STG = (no value)"]])
         self.assertEqual(len(told), 2)
+
+    def test_watch_reports_what_it_watches(self):
+        revision = self.json("get", SALES)["revision"]
+        for words, start in (([], revision), (["--from", "1"], 1)):
+            ended = self.run_tool("watch", SALES, "--for", "0.01", *words)
+            self.assertEqual(ended.stderr.decode(), "keyviewctl: watches %s from revision %d on\n" % (SALES, start))
+        for words in (["-q"], ["-o", "json"], ["-o", "jsonl"]):
+            self.assertEqual(self.run_tool("watch", "--for", "0.01", *words).stderr, b"", words)
 
     def test_a_command_of_watch_starts_with_the_default_signals(self):
         child = subprocess.Popen([TOOL, "watch", SALES, "--from", "1", "--count", "1", "--exec",
@@ -472,7 +515,7 @@ class ExitCodes(Administrator):
 
     def test_all_json_fits_its_schema(self):
         for done, no, missing, holds in self.rows:
-            if done.split()[0] in ("completion", "manual"):
+            if done.split()[0] in ("completion", "manual", "help"):
                 continue
             for command in filter(None, (done, no, missing, done + " --nonsense")):
                 for form in ("json", "jsonl"):
@@ -527,6 +570,24 @@ class Comfort(Administrator):
         ended = subprocess.run(["sh", "-e"], input=script.encode(), cwd=self.folder, capture_output=True,
                                env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
         self.assertEqual(ended.returncode, 0, ended.stderr)
+
+    def test_each_command_has_help_with_an_example_that_runs(self):
+        shutil.copy(EXAMPLE, self.path("cluster.json"))
+        self.good("backup", self.path("saved"))
+        whole = self.good("help")
+        self.assertEqual(whole, self.good("--help"))
+        self.assertEqual(whole.count("Exit codes:"), 1)
+        for command in self.commands():
+            self.assertRegex(whole, r"(?m)^  %s " % command.split()[0])
+            text = self.good("help", *command.split())
+            example = re.search(r"Example:\n  keyviewctl (.*)\n", text)
+            self.assertTrue(example, command)
+            words = example.group(1).split()
+            self.assertEqual(words[:len(command.split())], command.split())
+            ended = subprocess.run([TOOL, *words], cwd=self.folder, env=self.env, capture_output=True)
+            self.assertIn(ended.returncode, (0, 1) if command != "recover" else (3,), (words, ended.stderr))
+        for words in (["version"], ["--version"], ["-V"]):
+            self.assertRegex(self.good(*words), r"^keyviewctl \d+\.\d+\.\d+\n$")
 
     def test_what_was_meant_is_told(self):
         self.assertIn(b"did you mean status?", self.run_tool("statsu").stderr)
@@ -628,8 +689,8 @@ class Comfort(Administrator):
 
     def test_the_manual_tells_all_commands_and_codes(self):
         page = self.good("manual", "keyviewctl")
-        for word in re.findall(r"^  ([a-z-]+) ", self.good("--help").split("Subcommands:")[1], re.M):
-            self.assertIn(".SS " + word.replace("-", "\\-"), page)
+        for command in self.commands():
+            self.assertIn(".SS " + command.replace("-", "\\-"), page)
         for row in self.json("errors")["errors"]:
             self.assertIn(row["meaning"].replace("-", "\\-").replace("'", "\\(aq"), page)
         for key in self.json("explain")["meanings"]:

@@ -1,0 +1,89 @@
+// See help.h.
+#include "ctl/help.h"
+
+#include <CLI/CLI.hpp>
+
+namespace keyview::ctl {
+
+static constexpr char SEE[] = "See what is configured", CHANGE[] = "Change the configuration",
+                      KEYS[] = "Work on single keys", SAVE[] = "Save and move a whole tree",
+                      REPAIR[] = "Find and repair faults", LOCKS[] = "Use the cluster's locks",
+                      TOOL[] = "Use this tool";
+
+// A command below another has no task of its own.
+static constexpr struct {
+    const char *command, *task, *example;
+} EXAMPLES[] = {
+    {"status", SEE, "status Sales"},
+    {"list", SEE, "list"},
+    {"show", SEE, "show Sales"},
+    {"roster", SEE, "roster Sales reporting"},
+    {"instance-on", SEE, "instance-on node1 Sales"},
+    {"enabled", SEE, "enabled Sales --service reporting"},
+    {"supported", SEE, "supported Sales reporting Sales4"},
+    {"policy", SEE, "policy Sales reporting"},
+    {"domain", SEE, "domain Sales"},
+    {"name", SEE, "name sales"},
+    {"stg", SEE, "stg node1 Stg1"},
+    {"stg-name", SEE, "stg-name node1 stg1"},
+    {"stg-enabled", SEE, "stg-enabled node1 Stg1"},
+    {"nodeapps", SEE, "nodeapps node1"},
+    {"watch", SEE, "watch DATABASE.DATABASES.sales --for 1"},
+    {"apply", CHANGE, "apply --dry-run cluster.json"},
+    {"diff", CHANGE, "diff cluster.json"},
+    {"enable", CHANGE, "enable Sales --instance Sales1"},
+    {"disable", CHANGE, "disable Sales --service reporting --dry-run"},
+    {"role", CHANGE, "role Sales PHYSICAL_STANDBY --dry-run"},
+    {"get", KEYS, "get DATABASE.DATABASES.sales.ROLE"},
+    {"ls", KEYS, "ls DATABASE.DATABASES"},
+    {"tree", KEYS, "tree DATABASE.DATABASES.sales"},
+    {"set", KEYS, "set DATABASE.DATABASES.sales.DOMAIN shop.example.com"},
+    {"rm", KEYS, "rm DATABASE.DATABASES.sandbox --dry-run"},
+    {"explain", KEYS, "explain DATABASE.DATABASES.sales.ROLE"},
+    {"export", SAVE, "export cluster.json"},
+    {"backup", SAVE, "backup saved"},
+    {"restore", SAVE, "restore --force saved --dry-run"},
+    {"copy", SAVE, "copy --to lmdb:/tmp/keyview --dry-run"},
+    {"check", REPAIR, "check"},
+    {"lint", REPAIR, "lint"},
+    {"doctor", REPAIR, "doctor"},
+    {"recover", REPAIR, "recover --resume"},
+    {"lock", LOCKS, "lock list"},
+    {"lock run", "", "lock run LKRT.DATABASE.DATABASES.sales -- echo alone"},
+    {"lock list", "", "lock list"},
+    {"help", TOOL, "help status"},
+    {"version", TOOL, "version"},
+    {"errors", TOOL, "errors 5"},
+    {"config", TOOL, "config"},
+    {"completion", TOOL, "completion bash"},
+    {"manual", TOOL, "manual keyviewctl"},
+};
+
+static const CLI::App *below(const CLI::App &app, const std::string &word) {
+    for (const CLI::App *command : app.get_subcommands(nullptr))
+        if (command->get_name() == word) return command;
+    return nullptr;
+}
+
+void add_examples(CLI::App *app) {
+    for (const auto &row : EXAMPLES) {
+        CLI::App *command = app;
+        for (const std::string &word : CLI::detail::split(row.command, ' '))
+            command = command->get_subcommand(word);
+        if (*row.task != '\0') command->group(row.task);
+        command->footer(std::string("Example:\n  keyviewctl ") + row.example);
+    }
+}
+
+std::string help_of(const CLI::App &app, const std::vector<std::string> &words) {
+    const CLI::App *command = &app;
+    std::string name = app.get_name();
+    for (const std::string &word : words) {
+        command = below(*command, word);
+        if (command == nullptr) return "";
+        name += " " + word;
+    }
+    return app.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
+}
+
+}  // namespace keyview::ctl
