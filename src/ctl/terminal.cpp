@@ -43,7 +43,7 @@ size_t width_of(int fd) {
     return USUAL_WIDTH;
 }
 
-const char *sequence_of(tone colour) {
+static const char *sequence_of(tone colour) {
     constexpr const char *SEQUENCES[] = {"", "\x1b[32m", "\x1b[31m"};
     return SEQUENCES[static_cast<size_t>(colour)];
 }

@@ -24,9 +24,6 @@ bool is_terminal(int fd);
 size_t width_of(int fd);
 void choose_width(bool whole_lines);
 
-// The escape sequence of a tone, "" for a plain one; the name by which libsmartcols has it.
-const char *sequence_of(tone colour);
-
 // A text in its colour, if that is wanted on the stream.
 std::string painted(int fd, tone colour, const std::string &text);
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """keyviewctl as an administrator uses it: formats against their schema, hostile names on a terminal,
 plans and what is written, backups under fire, findings and what mends them."""
-import base64, json, os, pty, random, re, shutil, signal, subprocess, sys, tempfile, time, unittest
+import base64, fcntl, json, os, pty, random, re, shutil, signal, struct, subprocess, sys, tempfile, termios, time
+import unicodedata, unittest
 import jsonschema
 
 TOOL, EXAMPLE, SCHEMAS, README = map(os.path.abspath, sys.argv[1:5])
@@ -54,9 +55,10 @@ class Administrator(unittest.TestCase):
         below = {word: self.good("__complete", "--", word, "").split() for word in ("lock", "config")}
         return words + [word + " " + one for word in below for one in below[word]]
 
-    # What a person sees on a terminal of 80 columns.
-    def on_terminal(self, *words):
+    # What a person sees on a terminal.
+    def on_terminal(self, *words, columns=80):
         leader, follower = pty.openpty()
+        fcntl.ioctl(follower, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         child = subprocess.Popen([TOOL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
                                  env={**self.env, "TERM": "xterm", "NO_COLOR": "1"})
         os.close(follower)
@@ -137,14 +139,46 @@ class Output(Administrator):
 
     def test_tables_fit_and_colours_only_repeat(self):
         self.assertIn(b"checkout.shop.example.com  enabled", self.on_terminal("status", "sales"), "no word is cut")
-        self.store(SALES + ".SERVICE.数据库服务", "数据库服务".encode() + b"\0")
-        plain = self.on_terminal("status", "sales").decode().replace("\r\n", "\n")
-        self.assertTrue(all(len(line) <= 80 for line in plain.splitlines()), plain)
         painted = self.good("--color", "always", "status", "sales")
         self.assertIn("\x1b[31mdisabled", painted)
         self.assertNotIn("\x1b", self.good("status", "sales"))
         self.assertEqual(re.sub(r"\x1b\[\d*m", "", painted), self.good("status", "sales"))
 
+
+    def test_tables_fit_any_terminal_and_break_no_word(self):
+        def width(line):
+            return sum(2 if unicodedata.east_asian_width(c) in "WF" else 0 if unicodedata.combining(c) else 1 for c in line)
+        long = "L" * 900
+        many = ["instance%02d" % n for n in range(30)]
+        database = lambda name: {
+            "name": name, "instances": [{"name": one, "node": "node-of-" + one} for one in many],
+            "services": [{"name": "s%02d.%s" % (n, "example." * 3), "preferred": [{"name": one} for one in many[:n]],
+                          "available": [{"name": one} for one in many[n:]]} for n in range(30)]}
+        wild = database("wild")
+        wild["services"] += [{"name": long}, {"name": "数据库服务" * 20}, {"name": "e\u0301" * 99}]
+        wild["instances"].append({"name": long, "node": long})
+        wild["services"][0]["preferred"].append({"name": long})
+        self.good("apply", "-", stdin=json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
+            database("tame"), wild, {"name": "L" * 900, "role": "SNAPSHOT_STANDBY"}]}).encode())
+        self.store("DATABASE.DATABASES.wild.ROLE", b"NONE\0")
+        locks = ["lock", "run", "LKRT." + long, "--", TOOL, "lock", "list"]
+        for command in (["status"], ["status", "wild"], ["status", "tame"], ["roster", "wild", "s00." + "example." * 3],
+                        ["errors"], ["config"], ["doctor"], ["check"], ["explain"], ["explain", "--fields"], ["list"],
+                        ["ls", "DATABASE.DATABASES.wild.SERVICE"], locks):
+            def shown(columns, *more):
+                text = self.on_terminal(*command, *more, columns=columns).decode().replace("\r\n", "\n")
+                return re.sub(r"\d+\.\d ms", "0.0 ms", text).splitlines()
+            whole = shown(80, "-o", "wide")
+            words = set(" ".join(whole).split()) | {"table"}  # the setting itself
+            self.assertFalse([word for word in words if "…" in word])
+            for columns in (60, 80, 120, 200):
+                lines = [line for line in shown(columns) if not line.startswith("database ")]
+                self.assertFalse([line for line in lines if width(line) > columns], command)
+                broken = [word for line in lines for word in line.split() if "…" not in word and word not in words]
+                self.assertFalse(broken, (command, columns))
+                if command[0] in ("list", "ls", "roster") or command == ["status"]:
+                    self.assertLessEqual(len(lines), len(whole) + 1, "a long name stays on its line")
+            self.assertEqual(shown(60, "-o", "wide"), whole)
 
     def test_a_reader_that_leaves_ends_the_tool_quietly(self):
         many = {"format": "keyview-cluster", "version": 1, "databases": [

@@ -1,0 +1,23 @@
+// Text in the columns of a terminal: how wide it is, and how it fits.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ctl/view.h"
+
+namespace keyview::ctl {
+
+// A text that is too wide, with an ellipsis in its middle. A width of 0 is none.
+std::string shortened(const std::string &text, size_t columns);
+
+struct cell {
+    std::string text;
+    tone colour = tone::plain;
+};
+
+// Rows of cells as a table of at most so many columns, of any width if that is 0. Lines break at
+// blanks only; a word that is wider than its column is shortened.
+std::string table_of(const std::vector<std::vector<cell>> &rows, size_t columns);
+
+}  // namespace keyview::ctl
