@@ -3,13 +3,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
+#include <map>
+#include <set>
 
 #include "admin/change/keys.h"
 #include "admin/document/base64.h"
+#include "admin/document/meanings.h"
 #include "admin/document/values.h"
+#include "ctl/program_writer.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
+#include "ctl/undo_file.h"
 #include "model/locks.h"
 
 namespace keyview::ctl {
@@ -44,8 +51,8 @@ std::string change_for_people(const admin::key_change &change) {
     return "~ " + path + " = " + shown(*change.before) + " -> " + shown(*change.after);
 }
 
-std::string set_command(const std::string &path, const std::string &value) {
-    std::string out = "keyviewctl set " + shell_word(path);
+std::string set_command(const std::string &path, const std::string &value, bool creates) {
+    std::string out = "keyviewctl set " + shell_word(path) + (creates ? " --create" : "");
     bool text = !value.empty() && value.back() == '\0' &&
                 escaped(std::string_view(value).substr(0, value.size() - 1)) ==
                     value.substr(0, value.size() - 1);
@@ -59,9 +66,9 @@ static std::string commands_of(const admin::change_result &changed) {
     for (const admin::key_change &one : changed.changes) {
         bool below = !removed.empty() && one.path.rfind(removed + ".", 0) == 0;
         if (one.after) {
-            out += set_command(one.path, *one.after) + "\n";
+            out += set_command(one.path, *one.after, !one.before) + "\n";
         } else if (!below) {
-            out += "keyviewctl rm " + shell_word(one.path) + "\n";
+            out += "keyviewctl rm --yes " + shell_word(one.path) + "\n";
             removed = one.path;
         }
     }
@@ -94,27 +101,45 @@ static std::string list_for_people(const admin::change_result &changed) {
            " removed\n";
 }
 
-static exit_code show_changes(const tool &shared, const admin::change_result &changed,
-                              bool compares = false) {
-    if (shared.dry_run && !compares) print_remark("a dry run: nothing was written");
-    if (shared.format == output_format::table) write_result(list_for_people(changed));
-    if (shared.format == output_format::cmd) write_lines(commands_of(changed));
-    if (shared.format == output_format::table || shared.format == output_format::cmd)
-        return EXIT_DONE;
+// undo: the command that takes the changes back; "" if there is none.
+static view_fields fields_of(const admin::change_result &changed, bool dry_run,
+                             const std::string &undo) {
     view_list locks, changes;
     for (const std::string &lock : changed.locks)
         locks.push_back({lock});
     for (const admin::key_change &one : changed.changes)
         changes.push_back(change_view(one));
     change_counts counts = counts_of(changed);
+    return {{"dry_run", number_view(dry_run ? 1 : 0)},
+            {"revision", count_view(changed.revision)},
+            {"created", number_view(counts.created)},
+            {"replaced", number_view(counts.replaced)},
+            {"removed", number_view(counts.removed)},
+            {"undo", optional_view(undo)},
+            {"locks", {std::move(locks)}},
+            {"changes", {std::move(changes)}}};
+}
+
+static exit_code show_changes(const tool &shared, const admin::change_result &changed,
+                              bool compares = false, const std::string &undo = "") {
+    if (shared.dry_run && !compares) print_remark("a dry run: nothing was written");
+    std::string line = undo.empty() ? "" : "undo: " + undo;
+    switch (shared.format) {
+        case output_format::table:
+            write_result(list_for_people(changed) + (line.empty() ? "" : escaped(line) + "\n"));
+            return EXIT_DONE;
+        case output_format::cmd:
+            write_lines(commands_of(changed) + (line.empty() ? "" : "# " + line + "\n"));
+            return EXIT_DONE;
+        case output_format::tsv:
+        case output_format::raw:
+            if (!line.empty()) print_remark(line);
+            break;
+        default:
+            break;
+    }
     return show_answer(shared.format, "changes",
-                       {{"dry_run", number_view(shared.dry_run || compares ? 1 : 0)},
-                        {"revision", count_view(changed.revision)},
-                        {"created", number_view(counts.created)},
-                        {"replaced", number_view(counts.replaced)},
-                        {"removed", number_view(counts.removed)},
-                        {"locks", {std::move(locks)}},
-                        {"changes", {std::move(changes)}}});
+                       fields_of(changed, shared.dry_run || compares, undo));
 }
 
 exit_code change_words(const session &library, const std::string &what, const word_change &wanted,
@@ -137,38 +162,172 @@ exit_code change_words(const session &library, const std::string &what, const wo
     return show_changes(library.shared, changed);
 }
 
-// Asks a person at a terminal; throws if the answer is no.
-static void confirm(const tool &shared, const change_function &run) {
-    if (shared.yes || shared.dry_run || !is_terminal(STDIN_FILENO) || !is_terminal(STDOUT_FILENO))
-        return;
+// ---- Consent ------------------------------------------------------------------------------------
+
+static bool same_changes(const std::vector<admin::key_change> &a,
+                         const std::vector<admin::key_change> &b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const admin::key_change &one, const admin::key_change &other) {
+                          return one.path == other.path && one.before == other.before &&
+                                 one.after == other.after;
+                      });
+}
+
+// How many records the values belong to that a change takes, or that its undo would.
+static size_t records_in(const admin::change_result &changed,
+                         std::optional<std::string> admin::key_change::*taken) {
+    std::set<std::string> records;
+    for (const admin::key_change &one : changed.changes) {
+        std::string record = admin::record_of(one.path);
+        if (one.*taken) records.insert(record.empty() ? one.path : record);
+    }
+    return records.size();
+}
+
+// The field of a document that lists the records of a key, such as "services"; null for what is no
+// record's own key, and for the instances of a service.
+static const char *list_field_of(const std::string &path) {
+    const admin::key_location place = admin::locate_key(path);
+    if (place.pattern.empty() || place.pattern.back() != '>') return nullptr;
+    for (const list_row &section : SECTIONS) {
+        if (section.record == place.record) return section.field;
+        for (const list_row &list : section.record->lists)
+            if (list.record == place.record) return list.field;
+    }
+    return nullptr;
+}
+
+// "removes 57 keys, replaces 0: databases Sales; instances Sales1, Sales2".
+static std::string loss_in(const admin::change_result &changed) {
+    constexpr size_t NAMED = 8;
+    std::map<std::string, std::vector<std::string>> records;
+    for (const admin::key_change &one : changed.changes) {
+        const char *field = one.after ? nullptr : list_field_of(one.path);
+        if (field != nullptr)
+            records[field].push_back(one.before->substr(0, one.before->find('\0')));
+    }
+    const change_counts counts = counts_of(changed);
+    std::string out = "removes " + std::to_string(counts.removed) + " keys, replaces " +
+                      std::to_string(counts.replaced);
+    for (const auto &[field, names] : records) {
+        out += (&field == &records.begin()->first ? ": " : "; ") + field;
+        for (size_t n = 0; n < names.size() && n < NAMED; ++n)
+            out += (n == 0 ? " " : ", ") + escaped(names[n]);
+        if (names.size() > NAMED) out += " and " + std::to_string(names.size() - NAMED) + " more";
+    }
+    return out;
+}
+
+static std::string where_of(const tool &shared, const change_command &command) {
+    return shared.registry + (command.url.empty() ? "" : " to " + command.url);
+}
+
+// The changes that a person agreed to; nothing where nobody was asked. Throws if the answer is no.
+static std::optional<std::vector<admin::key_change>> confirmed(const tool &shared,
+                                                               const change_command &command,
+                                                               const change_function &run) {
+    if (shared.yes || shared.dry_run) return std::nullopt;
     admin::change_result planned;
     try {
         planned = run(options_of(shared, true));
     } catch (const admin::error &) {
-        return;  // the change itself reports it
+        return std::nullopt;  // the change itself reports it
     }
-    if (planned.changes.empty()) return;
+    if (planned.changes.empty()) return std::nullopt;
+    if (!is_terminal(STDIN_FILENO) || !is_terminal(STDERR_FILENO)) {
+        if (records_in(planned, &admin::key_change::before) < 2) return std::nullopt;
+        throw tool_error{EXIT_USAGE, command.what, where_of(shared, command),
+                         "it " + loss_in(planned) + "; there is no terminal to ask at",
+                         "--dry-run shows each key; --yes does it without a question"};
+    }
     shared.reporter->stop();
-    std::cerr << list_for_people(planned) << "Do this? [y/N] " << std::flush;
+    std::cerr << list_for_people(planned) << where_of(shared, command) << ": this "
+              << loss_in(planned) << ".\nDo this? [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     shared.reporter->start();
-    if (answer == "y" || answer == "yes") return;
+    if (answer == "y" || answer == "yes") return std::move(planned.changes);
     throw tool_error{EXIT_NO, "nothing was changed", "", "the answer was no",
                      "--yes answers with yes"};
 }
 
+// ---- Undo ---------------------------------------------------------------------------------------
+
+// The same registry from any folder.
+static std::string absolute_url(const std::string &url) {
+    constexpr std::string_view HEAD = "lmdb:";
+    if (url.rfind(HEAD, 0) != 0 || url.size() == HEAD.size()) return url;
+    return std::string(HEAD) + std::filesystem::absolute(url.substr(HEAD.size())).string();
+}
+
+namespace {
+
+// Writes the file that undoes a change, and removes it if the change fails.
+class undo_writer {
+  public:
+    undo_writer() = default;
+    undo_writer(const undo_writer &) = delete;
+    undo_writer &operator=(const undo_writer &) = delete;
+    ~undo_writer() {
+        if (!kept_ && !file_.empty()) unlink(file_.c_str());
+    }
+
+    void write(admin::change_result planned) {
+        auto damaged = [](const admin::key_change &one) {
+            return one.before == admin::DAMAGED_VALUE;
+        };
+        auto &changes = planned.changes;
+        changes.erase(std::remove_if(changes.begin(), changes.end(), damaged), changes.end());
+        bool removes = counts_of(planned).removed > 0;
+        if (!removes && records_in(planned, &admin::key_change::before) < 2) return;
+        if (file_.empty()) file_ = new_undo_file();
+        replace_file(file_, document_of("changes", fields_of(planned, false, "")).dump(1) + "\n",
+                     PRIVATE_FILE);
+        asks_ = records_in(planned, &admin::key_change::after) > 1;
+    }
+
+    // "" if nothing needs to be undone.
+    std::string command(const std::string &url) {
+        kept_ = true;
+        if (file_.empty()) return "";
+        return "keyviewctl --registry " + shell_word(absolute_url(url)) + " undo " +
+               (asks_ ? "--yes " : "") + shell_word(file_);
+    }
+
+  private:
+    std::string file_;
+    bool asks_ = false, kept_ = false;
+};
+
+}  // namespace
+
 exit_code carry_out(const tool &shared, const change_command &command, const change_function &run) {
-    if (command.confirms) confirm(shared, run);
+    std::optional<std::vector<admin::key_change>> agreed;
+    if (command.confirms) agreed = confirmed(shared, command, run);
+    undo_writer undo;
+    admin::change_options options = options_of(shared, shared.dry_run || command.compares);
+    options.before_write = [&](const admin::change_result &planned) {
+        if (agreed && !same_changes(*agreed, planned.changes)) {
+            throw admin::error(KEYVIEW_FAILURE_CHANGED,
+                               "the tree changed since the question; nothing was written");
+        }
+        undo.write(planned);
+    };
     admin::change_result changed;
     try {
-        changed = run(options_of(shared, shared.dry_run || command.compares));
+        changed = run(options);
     } catch (const admin::error &failed) {
+        if (failed.kind == KEYVIEW_FAILURE_NOT_FOUND && !command.missing.empty()) {
+            throw tool_error{EXIT_NOT_FOUND, command.what, shared.registry, failed.what(),
+                             command.missing};
+        }
         bool in_file = failed.kind == KEYVIEW_FAILURE_CONTENT && !command.file.empty();
-        const std::string &where = command.where.empty() ? shared.registry : command.where;
-        fail(failed, command.what, in_file ? file_label(command.file) : where);
+        fail(failed, command.what, in_file ? file_label(command.file) : where_of(shared, command));
     }
-    (void)show_changes(shared, changed, command.compares);  // always EXIT_DONE
+    // Always EXIT_DONE.
+    (void)show_changes(
+        shared, changed, command.compares,
+        options.dry_run ? "" : undo.command(command.url.empty() ? shared.registry : command.url));
     return command.compares && !changed.changes.empty() ? EXIT_NO : EXIT_DONE;
 }
 

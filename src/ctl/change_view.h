@@ -15,15 +15,19 @@ namespace keyview::ctl {
 
 // A change of the administration, as a command runs it.
 struct change_command {
-    std::string what;        // "the document is not applied"
-    std::string file = {};   // that it reads: there is the fault if the content is invalid
-    bool confirms = false;   // asks a person at a terminal first, unless --yes is given
-    bool compares = false;   // always a dry run; EXIT_NO if anything differs
-    std::string where = {};  // else the registry
+    std::string what;       // "the document is not applied"
+    std::string file = {};  // that it reads: there is the fault if the content is invalid
+    // Needs --yes, or the yes of a person at a terminal. Without a terminal, only if records go or
+    // change, and more than one.
+    bool confirms = false;
+    bool compares = false;     // always a dry run; EXIT_NO if anything differs
+    std::string url = {};      // of the registry that changes, if it is not the one in force
+    std::string missing = {};  // the remedy if a key is missing
 };
 using change_function = std::function<admin::change_result(const admin::change_options &)>;
 
-// Runs a change and shows what it changed.
+// Runs a change and shows what it changed. Before anything is removed, or more than one record is
+// replaced, a file is written that undoes it, and the command with which it does.
 exit_code carry_out(const tool &shared, const change_command &command, const change_function &run);
 
 // A key whose text an operation of the library replaces; with all_below, every key of the same last
@@ -43,7 +47,7 @@ exit_code change_words(const session &library, const std::string &what, const wo
 view change_view(const admin::key_change &change);
 std::string change_for_people(const admin::key_change &change);
 
-// The command that makes a key what it is.
-std::string set_command(const std::string &path, const std::string &value);
+// The command that makes a key what it is; one that may create the key, too.
+std::string set_command(const std::string &path, const std::string &value, bool creates = true);
 
 }  // namespace keyview::ctl

@@ -42,6 +42,7 @@ static constexpr argument_row ARGUMENTS[] = {
     {"--prune", "Also remove what the document does not contain", false, &tool::prune},
     {"--force", "Also if it holds keys: those that are not in the copy are removed", false,
      &tool::force},
+    {"--overwrite", "Also where a key has changed since", false, &tool::overwrite},
     {"--resume", "Complete it", false, &tool::resume},
     {"--undo", "Take it back", false, &tool::undo},
     {"--fields", "The fields of a cluster document instead", false, &tool::fields},

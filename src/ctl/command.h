@@ -27,7 +27,7 @@ struct tool {
     bool needs_registry = true;
     // What commands have as options; see ARGUMENTS in command.cpp.
     bool dry_run = false, yes = false, prune = false, force = false;
-    bool resume = false, undo = false, fields = false;
+    bool resume = false, undo = false, fields = false, overwrite = false;
     bool quiet = false, verbose = false;
     uint64_t if_revision = 0;
     const CLI::App *app = nullptr;

@@ -32,11 +32,10 @@ static exit_code run_restore(const tool &shared, const given_names &names) {
 
 static exit_code run_copy(const tool &shared, const given_names &names) {
     const std::string &url = names[0];
-    return carry_out(
-        shared, {"the registry is not copied", "", false, false, shared.registry + " to " + url},
-        [&](const admin::change_options &options) {
-            return admin::copy_registry(url, shared.force, options);
-        });
+    return carry_out(shared, {"the registry is not copied", "", shared.force, false, url},
+                     [&](const admin::change_options &options) {
+                         return admin::copy_registry(url, shared.force, options);
+                     });
 }
 
 static constexpr command_row COMMANDS[] = {

@@ -6,9 +6,12 @@
 #include "admin/change/keys.h"
 #include "admin/document/base64.h"
 #include "admin/document/meanings.h"
+#include "admin/document/undo.h"
 #include "admin/document/values.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
+#include "ctl/file_io.h"
+#include "ctl/key_place.h"
 #include "ctl/option_words.h"
 #include "ctl/output.h"
 #include "ctl/program_writer.h"
@@ -164,18 +167,40 @@ static std::string stored_value(const std::string &path, const std::string &how,
     }
 }
 
-static exit_code run_set(const tool &shared, const std::string &path, const std::string &how,
-                         const std::vector<std::string> &values) {
-    std::string value = stored_value(path, how, values);
-    return carry_out(shared, {path + " is not set"}, [&](const admin::change_options &options) {
+namespace {
+struct set_options {
+    std::string how;  // of --as
+    std::vector<std::string> values;
+    bool creates = false;
+};
+}  // namespace
+
+static exit_code run_set(const tool &shared, const std::string &path, const set_options &chosen) {
+    std::vector<std::string> needed;
+    bool unchecked = chosen.creates && !chosen.how.empty();
+    if (!unchecked) needed = keys_needed(path, chosen.creates);
+    std::string value = stored_value(path, chosen.how, chosen.values);
+    change_command command = {path + " is not set"};
+    command.missing = "\"keyviewctl create\" makes a record; so does --create for its own key";
+    return carry_out(shared, command, [&](admin::change_options options) {
+        options.present = needed;
         return admin::set_key(path, value, options);
     });
 }
 
 static exit_code run_rm(const tool &shared, const given_names &names) {
-    return carry_out(
-        shared, {names[0] + " is not removed", "", true},
-        [&](const admin::change_options &options) { return admin::remove_key(names[0], options); });
+    return carry_out(shared, {names[0] + " is not removed", "", true},
+                     [&](const admin::change_options &options) {
+                         return admin::remove_keys({names[0]}, options);
+                     });
+}
+
+static exit_code run_undo(const tool &shared, const given_names &names) {
+    std::string changes = read_file(names[0]);
+    return carry_out(shared, {"the changes are not taken back", names[0], true},
+                     [&](const admin::change_options &options) {
+                         return admin::undo_changes(changes, shared.overwrite, options);
+                     });
 }
 
 // ---- The commands -------------------------------------------------------------------------------
@@ -189,20 +214,25 @@ static constexpr command_row COMMANDS[] = {
      "have <db> and such for its names",
      "[KEY] --fields", run_explain, true},
     {"rm", "Remove a key with all that is below it", "KEY --dry-run --if-revision --yes", run_rm},
+    {"undo", "Take back the changes of a command, from the file that its answer names",
+     "FILE --overwrite --dry-run --if-revision --yes", run_undo},
 };
 
 void add_key_commands(CLI::App *app, tool *shared) {
     add_commands(app, shared, COMMANDS);
     auto path = std::make_shared<given_names>();
-    auto how = std::make_shared<std::string>();
-    auto values = std::make_shared<std::vector<std::string>>();
-    CLI::App *set = add_command(app, shared, "set",
-                                "Create a key, or replace its value, checked by what the key means",
-                                [=] { return run_set(*shared, path->front(), *how, *values); });
+    auto chosen = std::make_shared<set_options>();
+    CLI::App *set =
+        add_command(app, shared, "set",
+                    "Replace the value of a key, or create it in its record, checked by what the "
+                    "key means",
+                    [=] { return run_set(*shared, path->front(), *chosen); });
     add_arguments(set, shared, "KEY --dry-run --if-revision --yes", path);
-    set->add_option("VALUE", *values, "The value; the strings of a list");
-    set->add_option("--as", *how, "Unchecked: text, list, or bytes in base64")
+    set->add_option("VALUE", chosen->values, "The value; the strings of a list");
+    set->add_option("--as", chosen->how, "Unchecked: text, list, or bytes in base64")
         ->check(CLI::IsMember(words_of("--as")));
+    set->add_flag("--create", chosen->creates,
+                  "Also create a new record; with --as, any key at all");
 }
 
 }  // namespace keyview::ctl

@@ -107,7 +107,8 @@ exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
 exit_code exit_of_errno(int error) {
     if (error == ENOENT || error == ENOTDIR) return EXIT_NOT_FOUND;
     if (error == EACCES || error == EPERM || error == EROFS) return EXIT_DENIED;
-    if (error == EISDIR || error == ENAMETOOLONG || error == ELOOP) return EXIT_USAGE;
+    if (error == EISDIR || error == EEXIST || error == ENAMETOOLONG || error == ELOOP)
+        return EXIT_USAGE;
     return EXIT_INTERNAL;
 }
 

@@ -34,6 +34,7 @@ static constexpr struct {
     {"enable", CHANGE, "enable Sales --instance Sales1"},
     {"disable", CHANGE, "disable Sales --service reporting --dry-run"},
     {"role", CHANGE, "role Sales PHYSICAL_STANDBY --dry-run"},
+    {"undo", CHANGE, "undo changes.json --dry-run"},
     {"get", KEYS, "get DATABASE.DATABASES.sales.ROLE"},
     {"ls", KEYS, "ls DATABASE.DATABASES"},
     {"tree", KEYS, "tree DATABASE.DATABASES.sales"},

@@ -43,12 +43,20 @@ std::string nearest(const std::string &word, const std::vector<std::string> &can
     return best;
 }
 
-admin::key_map readable_children(const std::string &path) {
+static admin::key_map readable(const std::string &path, reach depth) {
     try {
-        return admin::read_keys(path, reach::children).keys;
+        return admin::read_keys(path, depth).keys;
     } catch (const admin::error &) {
         return {};
     }
+}
+
+bool key_exists(const std::string &path) {
+    return !readable(path, reach::key_alone).empty();
+}
+
+admin::key_map readable_children(const std::string &path) {
+    return readable(path, reach::children);
 }
 
 std::vector<std::string> registered_names(const std::string &section) {

@@ -11,6 +11,8 @@ namespace keyview::ctl {
 // The candidate that is least far from a word, whatever the case; "" if none is near.
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
 
+bool key_exists(const std::string &path);
+
 // A key with its children; nothing if it cannot be read.
 admin::key_map readable_children(const std::string &path);
 

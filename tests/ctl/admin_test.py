@@ -25,9 +25,12 @@ class Administrator(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.folder)
-        self.url = "lmdb:" + self.folder + "/registry"
+        self.url = self.registry_url()
         self.env = {"PATH": os.environ["PATH"], "HOME": self.folder, "KEYVIEW_REGISTRY": self.url}
         self.good("apply", EXAMPLE)
+
+    def registry_url(self):
+        return "lmdb:" + self.path("registry")
 
     def run_tool(self, *words, stdin=b"", **env):
         return subprocess.run([TOOL, *words], input=stdin, capture_output=True, timeout=120,
@@ -44,7 +47,7 @@ class Administrator(unittest.TestCase):
         return document
 
     def store(self, path, value):
-        self.good("set", path, "--as", "base64", base64.b64encode(value).decode())
+        self.good("set", path, "--create", "--as", "base64", base64.b64encode(value).decode())
 
     def path(self, name):
         return os.path.join(self.folder, name)
@@ -97,7 +100,7 @@ class Output(Administrator):
     def test_a_tree_comes_back_from_its_commands(self):
         before = self.json("tree")["keys"]
         commands = self.good("tree", "-o", "cmd")
-        self.good("rm", "DATABASE")
+        self.good("rm", "DATABASE", "--yes")
         os.symlink(TOOL, self.path("keyviewctl"))
         subprocess.run(["sh", "-e"], input=commands.encode(), check=True, capture_output=True,
                        env={**self.env, "PATH": self.folder + ":" + self.env["PATH"]})
@@ -216,7 +219,8 @@ class Changes(Administrator):
         for prune in ([], ["--prune"]):
             self.assertEqual(self.run_tool("diff", EXAMPLE, *prune).returncode, 1)
             dry = self.good("apply", EXAMPLE, "--dry-run", *prune)
-            self.assertEqual(self.good("apply", EXAMPLE, *prune), dry)
+            done = self.good("apply", EXAMPLE, *prune, *(["--yes"] if prune else []))
+            self.assertEqual(re.sub(r"undo: .*\n$", "", done), dry)
             self.good("diff", EXAMPLE, *prune)
             revision = self.json("get", SALES)["revision"]
             self.good("apply", EXAMPLE, *prune)
@@ -226,7 +230,7 @@ class Changes(Administrator):
 
     def test_a_dry_run_tells_what_a_real_one_writes(self):
         for command in ("disable sales", "disable sales --service reporting", "role ledger LOGICAL_STANDBY",
-                        "disable ledger --instance ledger1", "rm DATABASE.STG.node1", "set DATABASE.NEW --as text 1",
+                        "disable ledger --instance ledger1", "rm DATABASE.STG.node1 --yes", "set DATABASE.NEW --as text 1",
                         "set %s.ENVIRONMENT A=1 B=2" % SALES, "enable sales --service nightly_batch"):
             before = {key["path"]: key["value"] for key in self.json("tree")["keys"]}
             told = self.json(*command.split(), "--dry-run")
@@ -248,7 +252,7 @@ class Changes(Administrator):
         tree = self.good("tree")
         for command in (["set", SALES + ".DOMAIN", "y"], ["apply", EXAMPLE], ["rm", SALES]):
             self.good(*command, "--if-revision", str(revision), code=6)
-        for command in (["set", SALES + ".DOMAIN", "y"], ["disable", "sales"], ["rm", SALES]):
+        for command in (["set", SALES + ".DOMAIN", "y"], ["disable", "sales"], ["rm", SALES, "--yes"]):
             self.good("lock", "run", "LKRT." + SALES, "--", TOOL, *command, code=5, KEYVIEW_LOCK_WAIT="0")
         self.assertEqual(self.good("tree"), tree)
 
@@ -294,7 +298,7 @@ class Changes(Administrator):
         self.assertEqual([json.loads(line) for line in content(self.path("got")).splitlines()], lines[1:])
         child = subprocess.Popen([TOOL, "watch", "--count", "2", "--from", "1"], env=self.env, stdout=subprocess.PIPE)
         self.assertIn(b"gap: what happened after revision 1 up to", child.stdout.readline())
-        self.good("rm", "DATABASE.STG")
+        self.good("rm", "DATABASE.STG", "--yes")
         told = child.communicate(timeout=60)[0].decode().splitlines()
         self.assertEqual([line.split(" ", 2)[1:] for line in told if "merged" not in line][:1], [["-", "DATABASE.STG = (no value)"]])
         self.assertEqual(len(told), 2)
@@ -319,19 +323,19 @@ class Changes(Administrator):
 
 class Keeping(Administrator):
     def test_a_backup_with_any_byte_changed_is_refused(self):
-        self.good("rm", "DATABASE")
-        self.good("set", "DATABASE.DATABASES.x", "X")
+        self.good("rm", "DATABASE", "--yes")
+        self.good("set", "DATABASE.DATABASES.x", "X", "--create")
         self.good("backup", self.path("saved"))
         self.assertEqual(os.stat(self.path("saved")).st_mode & 0o777, 0o600)
         saved = content(self.path("saved"))
-        self.good("set", "DATABASE.DATABASES.y", "Y")
+        self.good("set", "DATABASE.DATABASES.y", "Y", "--create")
         for at in range(len(saved)):
             broken = saved[:at] + bytes([saved[at] ^ 1 << at % 8]) + saved[at + 1:]
-            self.good("restore", "-", "--force", code=8, stdin=broken)
+            self.good("restore", "-", "--force", "--yes", code=8, stdin=broken)
             if at % 8 == 0:
-                self.good("restore", "-", "--force", code=8, stdin=saved[:at])
+                self.good("restore", "-", "--force", "--yes", code=8, stdin=saved[:at])
         self.assertIn("Y", self.good("list"))
-        self.good("restore", self.path("saved"), "--force")
+        self.good("restore", self.path("saved"), "--force", "--yes")
         self.good("diff", self.path("saved"))
 
     def test_random_bytes_survive_backup_restore_and_copy(self):
@@ -342,7 +346,7 @@ class Keeping(Administrator):
         self.good("backup", self.path("saved"))
         self.good("copy", "--to", "lmdb:" + self.path("other"))
         for url in (self.url, "lmdb:" + self.path("other"), "lmdb:" + self.path("third")):
-            self.good("restore", self.path("saved"), "--force", "--registry", url)
+            self.good("restore", self.path("saved"), "--force", "--yes", "--registry", url)
             self.assertEqual(self.json("tree", "--registry", url)["keys"], tree)
 
     def test_a_backup_under_a_writer_shows_one_moment(self):
@@ -378,8 +382,8 @@ class Keeping(Administrator):
         self.good("backup", self.path("saved"))
         full = self.good("tree")
         for number in range(30):
-            command = ["restore", self.path("full"), "--force"] if number % 2 else ["backup", self.path("saved")]
-            self.good("rm", SALES) if number % 2 else None
+            command = ["restore", self.path("full"), "--force", "--yes"] if number % 2 else ["backup", self.path("saved")]
+            self.good("rm", SALES, "--yes") if number % 2 else None
             before = self.good("tree")
             child = subprocess.Popen([TOOL, *command], env=self.env, stdout=subprocess.DEVNULL)
             time.sleep(number * 0.001)
@@ -387,8 +391,8 @@ class Keeping(Administrator):
             child.wait()
             self.assertIn(self.good("tree"), (before, full))
             self.good("diff", self.path("saved"), "--registry", self.url, code=0 if self.good("tree") == full else 1)
-            self.good("restore", self.path("full"), "--force")
-        self.assertEqual(sorted(os.listdir(self.folder)), ["full", "registry", "saved"])
+            self.good("restore", self.path("full"), "--force", "--yes")
+        self.assertEqual(sorted(os.listdir(self.folder)), [".local", "full", "registry", "saved"])
 
     def test_lint_finds_each_fault_and_mends_what_needs_no_decision(self):
         self.assertEqual(self.json("lint")["findings"], [])
@@ -455,7 +459,7 @@ class Keeping(Administrator):
             self.good(*repair)
             self.good("doctor")
             self.good("check")
-            self.good("restore", saved, "--force")
+            self.good("restore", saved, "--force", "--yes")
 
     def test_a_document_replaces_the_damaged_name_of_a_service(self):
         document = json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
@@ -481,7 +485,7 @@ class Keeping(Administrator):
         document = {"format": "keyview-cluster", "version": 1, "databases": [
             {"name": "d%04d" % n, "home": None, "home_base64": raw(1020), "spfile": text(90),
              "env": [text(9), None, text(9)], "env_base64": [None, raw(99), None]} for n in range(1000)]}
-        self.good("rm", "DATABASE")
+        self.good("rm", "DATABASE", "--yes")
         self.good("apply", "-", stdin=json.dumps(document).encode())
         exported = self.good("export")
         self.assertEqual(json.loads(exported), document)
@@ -502,9 +506,10 @@ class ExitCodes(Administrator):
         os.chmod(self.path("saved"), 0o644)
         self.good("apply", EXAMPLE)
         self.good("disable", "sandbox")
-        self.good("disable", "sales", "--service", "nightly_batch")
+        with open(self.path("changes"), "w") as file:
+            json.dump(self.json("disable", "sales", "--service", "nightly_batch"), file)
         self.good("set", "DATABASE.MORE", "--as", "text", "x")
-        self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<folder>": self.folder,
+        self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<changes>": self.path("changes"), "<folder>": self.folder,
                       "<other>": "lmdb:" + self.path("other")}
         lines = content(os.path.join(os.path.dirname(__file__), "matrix.txt")).decode().splitlines()
         self.rows = [[cell.strip() for cell in line.split("|")] for line in lines if line[0] != "#"]
@@ -608,6 +613,8 @@ class Comfort(Administrator):
     def test_each_command_has_help_with_an_example_that_runs(self):
         shutil.copy(EXAMPLE, self.path("cluster.json"))
         self.good("backup", self.path("saved"))
+        with open(self.path("changes.json"), "w") as file:
+            json.dump(self.json("disable", "sandbox"), file)
         whole = self.good("help")
         self.assertEqual(whole, self.good("--help"))
         self.assertEqual(whole.count("Exit codes:"), 1)

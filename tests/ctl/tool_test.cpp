@@ -47,7 +47,8 @@ static outcome run_tool(const std::vector<std::string> &arguments, const surroun
     EXPECT_NE(mkdtemp(folder.data()), nullptr);
     std::ofstream(folder + "/in", std::ios::binary) << around.input;
     std::string out_file = around.out_file.empty() ? folder + "/out" : around.out_file;
-    std::string command = around.environment + " timeout -k 5 60 " + shell_word(KEYVIEWCTL);
+    std::string command = around.environment + " XDG_STATE_HOME=" + folder + " timeout -k 5 60 " +
+                          shell_word(KEYVIEWCTL);
     for (const std::string &word : arguments)
         command += shell_word(word);
     command +=

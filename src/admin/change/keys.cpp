@@ -5,14 +5,10 @@
 
 namespace keyview::admin {
 
-[[noreturn]] static void no_such_key(const std::string &path) {
-    throw error(KEYVIEW_FAILURE_NOT_FOUND, "there is no key " + path);
-}
-
 read_keys_result read_keys(const std::string &path, reach depth) {
     read_keys_result out;
     out.revision = registry::open().read({{path, depth}}, &out.keys);
-    if (out.keys.empty()) no_such_key(path);
+    if (out.keys.empty()) throw error(KEYVIEW_FAILURE_NOT_FOUND, "there is no key " + path);
     return out;
 }
 
@@ -24,12 +20,13 @@ change_result set_key(const std::string &path, const std::string &value,
     return change_registry("", {{{path, value}}, {lock_of(path)}}, options);
 }
 
-change_result remove_key(const std::string &path, const change_options &options) {
-    change_request removal = {{{path, std::nullopt}}, {lock_of(path)}};
-    removal.check = [&](const key_map &present) {
-        if (present.count(path) == 0) no_such_key(path);
-    };
-    (void)registry::open();  // one that does not exist is not created
+change_result remove_keys(const std::vector<std::string> &paths, change_options options) {
+    change_request removal;
+    for (const std::string &path : paths) {
+        removal.changes.push_back({path, std::nullopt});
+        removal.locks.insert(lock_of(path));
+        options.present.push_back(path);
+    }
     return change_registry("", removal, options);
 }
 

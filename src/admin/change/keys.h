@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "admin/change/plan.h"
 
@@ -16,11 +17,11 @@ struct read_keys_result {
 // no lock. KEYVIEW_FAILURE_NOT_FOUND if there is no such key.
 read_keys_result read_keys(const std::string &path, reach depth);
 
-// Creates a key or replaces its value; removes a key with all that is below it
-// (KEYVIEW_FAILURE_NOT_FOUND if there is none). Under the lock of the database, entry or node that
-// the key belongs to. A value that is stored already is not written.
+// Creates a key or replaces its value; removes keys with all that is below them, all or none of them
+// (KEYVIEW_FAILURE_NOT_FOUND if there is no such key). Under the locks of the databases, entries and
+// nodes that the keys belong to. A value that is stored already is not written.
 change_result set_key(const std::string &path, const std::string &value,
                       const change_options &options);
-change_result remove_key(const std::string &path, const change_options &options);
+change_result remove_keys(const std::vector<std::string> &paths, change_options options);
 
 }  // namespace keyview::admin

@@ -33,9 +33,16 @@ struct plan {
 
 // ---- Planning -----------------------------------------------------------------------------------
 
-static std::vector<part> parts_of(const change_request &request, bool whole) {
-    if (whole) return {{ROOT, reach::all_below}};
+static std::vector<part> parts_of(const change_request &request, const change_options &options,
+                                  bool whole) {
     std::vector<part> parts;
+    for (const auto *keys : {&options.present, &options.absent})
+        for (const std::string &path : *keys)
+            parts.push_back({path});
+    if (whole) {
+        parts.push_back({ROOT, reach::all_below});
+        return parts;
+    }
     for (const change &one : request.changes) {
         parts.push_back({one.path, one.value ? reach::key_alone : reach::all_below});
         for (std::string_view parent = parent_path(one.path); !parent.empty();
@@ -65,13 +72,15 @@ static void carry_out(const change &one, key_map *keys) {
 }
 
 // Removals of what no put of the request stands for; of a whole branch, its top alone.
-static std::vector<change> pruning(const key_map &before, const change_request &request) {
+static std::vector<change> pruning(const key_map &before, const change_request &request,
+                                   const std::string &within) {
     key_map kept;
     for (const change &one : request.changes)
         carry_out(one, &kept);
     std::vector<change> out;
     for (const auto &[path, value] : before) {
-        bool ours = request.prunes_all || below_a_root(path);
+        bool ours = (request.prunes_all || below_a_root(path)) &&
+                    (within.empty() || path_within(path, within));
         bool gone = !out.empty() && path_within(path, out.back().path);
         if (ours && !gone && kept.count(path) == 0) out.push_back({path, std::nullopt});
     }
@@ -84,9 +93,10 @@ static bool changes_something(const change &one, const key_map &before) {
     return old == before.end() || old->second != *one.value;
 }
 
-static plan plan_for(const key_map &before, const change_request &request, bool prune) {
+static plan plan_for(const key_map &before, const change_request &request,
+                     const change_options &options) {
     std::vector<change> all;
-    if (prune) all = pruning(before, request);
+    if (options.prune) all = pruning(before, request, options.prune_within);
     all.insert(all.end(), request.changes.begin(), request.changes.end());
     key_map after = before;
     for (const change &one : all)
@@ -102,6 +112,15 @@ static plan plan_for(const key_map &before, const change_request &request, bool 
     return made;
 }
 
+static void check_keys(const key_map &before, const change_options &options) {
+    for (const std::string &path : options.present)
+        if (before.count(path) == 0)
+            throw error(KEYVIEW_FAILURE_NOT_FOUND, "there is no key " + path);
+    for (const std::string &path : options.absent)
+        if (before.count(path) > 0)
+            throw error(KEYVIEW_FAILURE_USAGE, "there is a key " + path + " already");
+}
+
 // The plan as of one moment. Without a registry the tree is empty, at revision 0.
 static plan make_plan(const registry *keys, const change_request &request,
                       const change_options &options) {
@@ -109,16 +128,18 @@ static plan make_plan(const registry *keys, const change_request &request,
     uint64_t revision = 0;
     bool whole = options.prune || request.changes.size() > FEW_CHANGES;
     std::vector<std::string> damaged;
-    if (keys != nullptr) revision = keys->read(parts_of(request, whole), &before, &damaged);
+    if (keys != nullptr)
+        revision = keys->read(parts_of(request, options, whole), &before, &damaged);
     for (const std::string &path : damaged)
         before.emplace(path, DAMAGED_VALUE);
+    check_keys(before, options);
     if (request.check) request.check(before);
     if (options.if_revision != 0 && options.if_revision != revision) {
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree is at revision " + std::to_string(revision) +
                                                  ", not " + std::to_string(options.if_revision) +
                                                  "; nothing was written");
     }
-    plan made = plan_for(before, request, options.prune);
+    plan made = plan_for(before, request, options);
     made.reported.revision = revision;
     return made;
 }
@@ -158,6 +179,7 @@ static bool try_to_carry_out(const registry &keys, const std::set<std::string> &
         if (!last) return false;
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree changed meanwhile, again and again");
     }
+    if (!made.changes.empty() && options.before_write) options.before_write(made.reported);
     bool any_revision = last && options.if_revision == 0;
     try {
         if (!made.changes.empty())
@@ -173,6 +195,8 @@ static bool try_to_carry_out(const registry &keys, const std::set<std::string> &
 change_result change_registry(const std::string &url, const change_request &request,
                               const change_options &options) {
     std::optional<registry> keys = registry::open_if_present(url);
+    // What must find a key creates no registry for it.
+    if (!keys && !options.present.empty()) keys = registry::open(url);
     for (int n = 1;; ++n) {
         plan made = make_plan(keys ? &*keys : nullptr, request, options);
         if (options.dry_run) return std::move(made.reported);

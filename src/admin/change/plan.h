@@ -16,18 +16,26 @@ namespace keyview::admin {
 // text is like it; a change replaces or removes the key.
 constexpr const char *DAMAGED_VALUE = "(damaged)";
 
-struct change_options {
-    bool dry_run = false;      // report what would change, write nothing, take no lock
-    bool prune = false;        // remove what is not requested
-    uint64_t if_revision = 0;  // the tree must be at this revision, else KEYVIEW_FAILURE_CHANGED
-    // Receives, on the calling thread, each step, such as "writes 17 changes".
-    std::function<void(const std::string &)> step = {};
-};
-
 struct change_result {
     std::vector<key_change> changes;  // in the order of the paths, parents before their children
     std::vector<std::string> locks;   // exclusive ones, taken for it
     uint64_t revision = 0;            // the tree's, before the change
+};
+
+struct change_options {
+    bool dry_run = false;      // report what would change, write nothing, take no lock
+    bool prune = false;        // remove what is not requested
+    uint64_t if_revision = 0;  // the tree must be at this revision, else KEYVIEW_FAILURE_CHANGED
+    // Keys that must be there (else KEYVIEW_FAILURE_NOT_FOUND), and that must not be (else
+    // KEYVIEW_FAILURE_USAGE).
+    std::vector<std::string> present = {}, absent = {};
+    // Pruning removes nothing outside this key; "" is the whole tree.
+    std::string prune_within = {};
+    // Receives the plan under its locks, just before it is written; what it throws keeps the tree as
+    // it was. Called again if the plan is made anew.
+    std::function<void(const change_result &)> before_write = {};
+    // Receives, on the calling thread, each step, such as "writes 17 changes".
+    std::function<void(const std::string &)> step = {};
 };
 
 struct change_request {

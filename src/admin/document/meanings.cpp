@@ -1,7 +1,10 @@
 // See meanings.h.
 #include "admin/document/meanings.h"
 
+#include <algorithm>
+
 #include "admin/document/encoding.h"
+#include "model/folding.h"
 
 namespace keyview::admin {
 
@@ -55,6 +58,26 @@ key_location locate_key(std::string_view path) {
         if (take(&rest, section.key)) return in_list(section, rest, section.key);
     }
     return {};
+}
+
+std::string record_of(std::string_view path) {
+    const std::string pattern = locate_key(path).pattern;
+    size_t end = pattern.rfind('>');
+    if (end == pattern.npos) return "";
+    auto before = std::count(pattern.begin(), pattern.begin() + static_cast<ptrdiff_t>(end), '.');
+    return std::string(first_elements(path, static_cast<size_t>(before) + 1));
+}
+
+std::string folded_path(std::string_view path) {
+    std::string out;
+    const std::string found = locate_key(path).pattern;
+    for (std::string_view pattern = found; !path.empty(); take_name(&path), take_name(&pattern)) {
+        std::string_view element = first_elements(path, 1);
+        bool is_name = !pattern.empty() && pattern[0] == '<';
+        if (!out.empty()) out += '.';
+        out += is_name ? element_of(element) : std::string(element);
+    }
+    return out;
 }
 
 // ---- From a row to its meaning ------------------------------------------------------------------
@@ -166,6 +189,17 @@ std::optional<key_meaning> meaning_of(std::string_view path) {
     for (const key_meaning &row : key_meanings())
         if (path == row.path || pattern == row.path) return row;
     return std::nullopt;
+}
+
+std::vector<std::string> known_elements(std::string_view parent) {
+    const std::string pattern = parent == ROOT ? ROOT : locate_key(parent).pattern;
+    std::vector<std::string> out;
+    for (const key_meaning &row : key_meanings()) {
+        std::string_view element = last_element(row.path);
+        if (!pattern.empty() && parent_path(row.path) == pattern && element[0] != '<')
+            out.emplace_back(element);
+    }
+    return out;
 }
 
 // ---- Fields of documents ------------------------------------------------------------------------

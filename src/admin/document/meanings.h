@@ -21,6 +21,15 @@ struct key_location {
 
 key_location locate_key(std::string_view path);
 
+// The own key of the record that a key belongs to, or of a list's record; "" if there is none.
+std::string record_of(std::string_view path);
+
+// The path with its names as readers fold them: the only one under which they find the key.
+std::string folded_path(std::string_view path);
+
+// The elements that a key one level below has, where the tables name them: "ROLE", "INSTANCE" ...
+std::vector<std::string> known_elements(std::string_view parent);
+
 // What a key means, who uses it, how it is stored. path has names in <>, such as
 // "DATABASE.DATABASES.<db>.ENABLED".
 struct key_meaning {

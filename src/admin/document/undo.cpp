@@ -1,0 +1,79 @@
+// See undo.h.
+#include "admin/document/undo.h"
+
+#include <nlohmann/json.hpp>
+
+#include "admin/document/base64.h"
+#include "admin/document/json_text.h"
+
+namespace keyview::admin {
+
+using nlohmann::json;
+
+[[noreturn]] static void refuse(const std::string &why) {
+    throw error(KEYVIEW_FAILURE_CONTENT, "the list of changes is invalid: " + why);
+}
+
+// A text, its bytes in base64 beside a null, or null for no value.
+static std::optional<std::string> value_in(const json &change, const std::string &name) {
+    auto text = change.find(name), raw = change.find(name + "_base64");
+    std::string bytes;
+    if (text == change.end()) refuse("a change has no \"" + name + "\"");
+    if (text->is_string()) return text->get<std::string>();
+    if (raw == change.end()) return std::nullopt;
+    if (!raw->is_string() || !from_base64(raw->get_ref<const std::string &>(), &bytes))
+        refuse("\"" + name + "_base64\" is no base64");
+    return bytes;
+}
+
+static std::vector<key_change> changes_in(std::string_view text) {
+    problem_list problems;
+    json list = parse_json(text, &problems);
+    problems.throw_if_any("the list of changes is no JSON");
+    if (!list.is_object() || list.value("kind", json()) != "changes" || !list["changes"].is_array())
+        refuse("it must be an object of the kind \"changes\"");
+    std::vector<key_change> changes;
+    for (const json &one : list["changes"]) {
+        if (!one.is_object()) refuse("a change must be an object");
+        std::optional<std::string> path = value_in(one, "path");
+        const char *fault = path ? path_fault(*path) : "there is none";
+        if (fault != nullptr) refuse("a path: " + std::string(fault));
+        changes.push_back({*path, value_in(one, "before"), value_in(one, "after")});
+    }
+    return changes;
+}
+
+static void check_unchanged(const std::vector<key_change> &changes, const key_map &present) {
+    std::map<std::string_view, const key_change *> known;
+    for (const key_change &one : changes) {
+        known.emplace(one.path, &one);
+        auto at = present.find(one.path);
+        std::optional<std::string> now;
+        if (at != present.end()) now = at->second;
+        if (now == one.before || now == one.after) continue;
+        throw error(KEYVIEW_FAILURE_CHANGED, one.path + " has changed since; nothing was written");
+    }
+    for (const key_change &one : changes) {
+        if (one.before) continue;
+        for (auto at = present.lower_bound(one.path);
+             at != present.end() && path_within(at->first, one.path); ++at) {
+            if (known.count(at->first) > 0) continue;
+            throw error(KEYVIEW_FAILURE_CHANGED,
+                        at->first + " was created since; nothing was written");
+        }
+    }
+}
+
+change_result undo_changes(std::string_view text, bool overwrite, const change_options &options) {
+    std::vector<key_change> changes = changes_in(text);
+    change_request request;
+    for (const key_change &one : changes)
+        request.changes.push_back({one.path, one.before});
+    request.check = [&](const key_map &present) {
+        if (!overwrite) check_unchanged(changes, present);
+    };
+    (void)registry::open();  // one that does not exist is not created
+    return change_registry("", request, options);
+}
+
+}  // namespace keyview::admin

@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""What a slip of the hand does: it is refused with words that help, and leaves every key as it was. What
+removes or replaces more than one record asks first, and the command that its answer names brings all of
+it back. Both on LMDB and in a cluster of one member."""
+import json, os, pty, re, shutil, socket, subprocess, sys, tempfile, unittest
+
+from admin_test import EXAMPLE, SALES, TOOL, Administrator, content
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
+
+
+class Engine(Administrator):
+    """The registry of the example, and a second one with a part of it."""
+
+    def setUp(self):
+        super().setUp()
+        self.other = self.second_url()
+        os.symlink(TOOL, self.path("keyviewctl"))
+        self.env["PATH"] = self.folder + ":" + self.env["PATH"]
+
+    def second_url(self):
+        return "lmdb:" + self.path("other")
+
+    def dump(self, url=None):
+        text = self.good("backup", "-", "--registry", url or self.url)
+        return [line for line in text.splitlines() if not line.startswith(("revision ", "checksum "))]
+
+    # Runs the tool at a terminal at which somebody answers; returns its code and what is seen.
+    def answered(self, answer, *words):
+        leader, follower = pty.openpty()
+        child = subprocess.Popen([TOOL, *words], stdin=follower, stdout=follower, stderr=follower,
+                                 env={**self.env, "TERM": "xterm", "NO_COLOR": "1"}, start_new_session=True)
+        os.close(follower)
+        seen, asked = b"", False
+        try:
+            while block := os.read(leader, 65536):
+                seen += block
+                if not asked and b"[y/N] " in seen:
+                    asked = True
+                    os.write(leader, answer.encode() + b"\n")
+        except OSError:  # the end of a terminal
+            pass
+        os.close(leader)
+        return child.wait(timeout=60), seen.decode(errors="replace"), asked
+
+
+class Cluster(Engine):
+    number = 0
+
+    @classmethod
+    def setUpClass(cls):
+        cls.data = tempfile.mkdtemp()
+        client, peer = ("http://127.0.0.1:%d" % free_port() for _ in range(2))
+        cls.member = subprocess.Popen(
+            ["etcd", "--name=m", "--data-dir=" + cls.data, "--listen-client-urls=" + client,
+             "--advertise-client-urls=" + client, "--listen-peer-urls=" + peer,
+             "--initial-advertise-peer-urls=" + peer, "--initial-cluster=m=" + peer, "--log-level=error"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        cls.address = client.replace("http://", "etcd://")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.member.kill()
+        cls.member.wait()
+        shutil.rmtree(cls.data)
+
+    def registry_url(self):
+        Cluster.number += 1
+        return "%s/r%d" % (self.address, Cluster.number)
+
+    second_url = registry_url
+
+
+class Removals:
+    """Each row: what removes or replaces more than one record, and what the question names."""
+    ROWS = [("rm DATABASE", "databases first, ledger, Sales, SalesStandby, sandbox, second"), ("rm DATABASE.DATABASES.sales", "databases Sales"),
+            ("rm DATABASE.DATABASES.sales.SERVICE", "services checkout.shop.example.com, nightly_batch, reporting"), ("rm DATABASE.STG", "stg Stg1"),
+            ("rm DATABASE.DATABASES.sales.SERVICE.reporting", "services reporting"),
+            ("apply <part> --prune", "nodeapps node1"), ("restore <less> --force", "databases first, ledger, SalesStandby"),
+            ("restore <others> --force", "replaces 3"), ("copy --to <other> --force", "<other>"),
+            ("undo <created>", "databases first, second")]
+
+    def setUp(self):
+        super().setUp()
+        part = {"format": "keyview-cluster", "version": 1, "databases": [{"name": "Sales"}]}
+        with open(self.path("part"), "w") as file:
+            json.dump(part, file)
+        self.good("apply", self.path("part"), "--registry", self.other)
+        self.good("backup", self.path("less"), "--registry", self.other)
+        for name in ("sales", "ledger"):
+            self.good("set", "DATABASE.DATABASES.%s.ROLE" % name, "LOGICAL_STANDBY")
+        self.good("backup", self.path("others"))
+        self.good("copy", "--to", self.other, "--force", "--yes")
+        self.good("apply", EXAMPLE)
+        part["databases"] = [{"name": "first"}, {"name": "second"}]
+        created = self.good("apply", "-", "-o", "json", stdin=json.dumps(part).encode())
+        with open(self.path("created"), "w") as file:
+            file.write(created)
+        self.store("DATABASE.DATABASES.sales.SPFILE", b"\xff\x00\x01 no text")
+        self.store("DATABASE.DATABASES.sales.LATER", b"")
+
+    def words_of(self, command):
+        marks = {"<other>": self.other, "<part>": self.path("part"), "<less>": self.path("less"),
+                 "<others>": self.path("others"), "<created>": self.path("created")}
+        return [marks.get(word, word) for word in command.split()]
+
+    def dumps(self):
+        return self.dump(), self.dump(self.other)
+
+    def undo(self, command):
+        ended = subprocess.run(["sh", "-c", command], env={**self.env, "KEYVIEW_REGISTRY": ""}, cwd="/",
+                               stdin=subprocess.DEVNULL, capture_output=True)
+        self.assertEqual(ended.returncode, 0, (command, ended.stderr))
+
+    def test_each_is_asked_for_refused_and_undone(self):
+        before = self.dumps()
+        for command, named in self.ROWS:
+            with self.subTest(command):
+                words = self.words_of(command)
+                named = self.words_of(named)[0] if "<" in named else named
+                refused = self.run_tool(*words)
+                self.assertEqual((refused.returncode, self.dumps()), (2, before), refused.stderr)
+                self.assertIn(named, refused.stderr.decode())
+                self.assertIn("--yes", refused.stderr.decode())
+                code, seen, asked = self.answered("n", *words)
+                self.assertEqual((code, asked, self.dumps()), (1, True, before), seen)
+                self.assertIn(named, seen)
+                code, seen, asked = self.answered("y", *words)
+                self.assertEqual((code, asked), (0, True), seen)
+                self.assertNotEqual(self.dumps(), before)
+                self.undo(re.search(r"undo: (keyviewctl .*?)\r?\n", seen).group(1))
+                self.assertEqual(self.dumps(), before)
+                document = self.json(*words, "--yes")
+                self.assertNotEqual(self.dumps(), before)
+                self.undo(document["undo"])
+                self.assertEqual(self.dumps(), before)
+
+    def test_what_changed_since_is_not_undone(self):
+        gone = self.json("rm", SALES, "--yes")
+        self.good("set", SALES, "Sales", "--create")
+        self.good("set", SALES + ".DOMAIN", "a.later.one")
+        file = gone["undo"].split()[-1]
+        self.good("undo", file, code=6)
+        self.good("undo", file, "--overwrite", "--yes")
+        self.assertEqual(self.good("get", SALES + ".DOMAIN"), "shop.example.com\n")
+        self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
+        self.assertEqual(os.stat(os.path.dirname(file)).st_mode & 0o777, 0o700)
+        for broken in (b"", b"[]", b'{"kind": "changes", "changes": [{}]}', content(file)[:-9], content(EXAMPLE)):
+            self.good("undo", "-", "--yes", code=8, stdin=broken)
+
+    def test_without_a_place_for_the_undo_nothing_goes(self):
+        before = self.dumps()
+        self.good("rm", SALES, "--yes", code=2, HOME="", XDG_STATE_HOME="")
+        self.good("rm", SALES, "--yes", code=2, XDG_STATE_HOME=EXAMPLE)
+        self.assertEqual(self.dumps(), before)
+
+
+class RemovalsOnLmdb(Removals, Engine):
+    pass
+
+
+class RemovalsInACluster(Removals, Cluster):
+    pass
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[5:])
