@@ -5,12 +5,16 @@
 #include "ctl/command.h"
 #include "ctl/file_io.h"
 #include "ctl/output.h"
+#include "ctl/yaml_text.h"
 
 namespace keyview::ctl {
 
+using nlohmann::ordered_json;
+
 static exit_code run_apply(const tool &shared, const given_names &names) {
-    std::string document = read_file(names[0]);
-    return carry_out(shared, {"the document is not applied", names[0], shared.prune},
+    static constexpr const char *WHAT = "the document is not applied";
+    std::string document = read_document(names[0], WHAT);
+    return carry_out(shared, {WHAT, names[0], shared.prune},
                      [&](const admin::change_options &options) {
                          return admin::apply_document(document, options);
                      });
@@ -19,7 +23,7 @@ static exit_code run_apply(const tool &shared, const given_names &names) {
 // A backup is the whole tree, so keys that it does not contain count as differences.
 static exit_code run_diff(const tool &shared, const given_names &names) {
     static constexpr const char *WHAT = "the file cannot be compared";
-    std::string content = read_file(names[0]);
+    std::string content = read_document(names[0], WHAT);
     // A registry that does not exist would compare as an empty one.
     attempt(WHAT, shared.registry, [] { return admin::registry::open().revision(); });
     return carry_out(
@@ -30,28 +34,31 @@ static exit_code run_diff(const tool &shared, const given_names &names) {
 }
 
 static exit_code run_export(const tool &shared, const given_names &names) {
-    if (shared.format != output_format::table && shared.format != output_format::json) {
-        throw tool_error{EXIT_USAGE, "export writes a JSON document", "",
-                         "another format was chosen",
-                         "leave -o out; \"tree -o cmd\" writes commands"};
+    bool yaml = shared.format == output_format::yaml, none = shared.format == output_format::table;
+    if (!yaml && !none && shared.format != output_format::json) {
+        throw tool_error{EXIT_USAGE, "export writes a document", "", "another format was chosen",
+                         "use -o json or yaml, or leave -o out; \"tree -o cmd\" writes commands"};
     }
+    const std::string &file = names[0];
     std::string document =
         attempt("the tree cannot be exported", shared.registry, admin::export_document);
-    if (names[0].empty() || names[0] == "-") {
-        write_json(document);
-    } else {
-        replace_file(names[0], document);
-    }
+    yaml = yaml || (none && has_yaml_name(file));
+    bool prints = file.empty() || file == "-";
+    const ordered_json value = yaml ? ordered_json::parse(document) : nullptr;
+    if (prints && yaml) write_yaml(value);
+    if (prints && !yaml) write_json(document);
+    if (!prints) replace_file(file, yaml ? yaml_of(value, false) : document);
     return EXIT_DONE;
 }
 
 static constexpr command_row COMMANDS[] = {
-    {"apply", "Put a cluster document into the registry, all of it or nothing",
+    {"apply", "Put a cluster document, JSON or YAML, into the registry, all of it or nothing",
      "FILE --prune --dry-run --if-revision --yes", run_apply},
     {"diff",
      "Show what applying a document, or restoring a backup, would change; exit code 1 if anything",
      "FILE --prune", run_diff},
-    {"export", "Write the tree as a cluster document", "[FILE]", run_export},
+    {"export", "Write the tree as a cluster document: JSON, or YAML for -o yaml and names in .yaml",
+     "[FILE]", run_export},
 };
 
 void add_document_commands(CLI::App *app, tool *shared) {

@@ -12,7 +12,9 @@
 #include <cstring>
 #include <filesystem>
 
+#include "admin/care/backup.h"
 #include "ctl/output.h"
+#include "ctl/yaml_text.h"
 
 namespace keyview::ctl {
 
@@ -118,6 +120,13 @@ std::string read_file(const std::string &name) {
         if (got == 0) return content;
         content.append(block, static_cast<size_t>(got));
     }
+}
+
+std::string read_document(const std::string &name, const std::string &what) {
+    std::string content = read_file(name);
+    return attempt(what, file_label(name), [&] {
+        return admin::is_backup(content) ? content : json_text_of(name, content);
+    });
 }
 
 static void write_into(const std::string &name, std::string_view content) {

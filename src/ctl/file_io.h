@@ -12,6 +12,10 @@ std::string file_label(const std::string &name);
 // All of a file; "-" is standard input.
 std::string read_file(const std::string &name);
 
+// A document, or a backup, of a file; YAML as the JSON that it stands for. what: "the document is not
+// applied".
+std::string read_document(const std::string &name, const std::string &what);
+
 // Replaces a file: beside it, synced, renamed, so that under its name there is always all of the
 // old content or all of the new. A symbolic link stays one. What is no regular file, such as a pipe
 // or a device, is written into.

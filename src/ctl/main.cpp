@@ -64,9 +64,10 @@ static void add_options(CLI::App *app, tool *shared) {
         ->each([shared](const std::string &) { shared->registry_given = true; });
     app->add_option("--context", chosen.context.option,
                     "Use the settings of this context of the settings files");
-    app->add_option("-o,--output", chosen.output.option,
-                    "table, for people; wide, without shortened names; json, jsonl (a line an "
-                    "item), tsv, raw (a bare value) or cmd (commands that rebuild what is shown)")
+    app->add_option(
+           "-o,--output", chosen.output.option,
+           "table, for people; wide, without shortened names; json, yaml, jsonl (a line an "
+           "item), tsv, raw (a bare value) or cmd (commands that rebuild what is shown)")
         ->check(CLI::IsMember(words_of("--output")));
     app->add_option("--color", chosen.color.option,
                     "auto, always or never; auto respects NO_COLOR and TERM=dumb")

@@ -106,7 +106,7 @@ static std::string keys_page() {
 // ---- keyview-document(5) ------------------------------------------------------------------------
 
 static std::string document_page() {
-    std::string out = head("keyview-document", 5, "what a key tree holds, as JSON");
+    std::string out = head("keyview-document", 5, "what a key tree holds, as JSON or YAML");
     out +=
         ".SH DESCRIPTION\n" +
         plain(
@@ -116,7 +116,8 @@ static std::string document_page() {
             "a document does not mention, apply leaves as it is; with --prune it removes "
             "it. A faulty document is refused as a whole, with the position of each fault. A string "
             "that is no UTF-8 is null, and is stored in base64 under its field's name with _base64 "
-            "appended; in a list, at its index in such a second list.") +
+            "appended; in a list, at its index in such a second list. The same document may be "
+            "YAML, without anchors, aliases and tags; words that are no JSON are strings there.") +
         "\n.SH FIELDS\n";
     std::string record;
     for (const admin::document_field &row : admin::document_fields()) {

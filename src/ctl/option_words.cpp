@@ -11,8 +11,8 @@ namespace keyview::ctl {
 static constexpr output_word OUTPUTS[] = {
     {"table", output_format::table}, {"wide", output_format::table, true},
     {"json", output_format::json},   {"jsonl", output_format::jsonl},
-    {"tsv", output_format::tsv},     {"raw", output_format::raw},
-    {"cmd", output_format::cmd},
+    {"yaml", output_format::yaml},   {"tsv", output_format::tsv},
+    {"raw", output_format::raw},     {"cmd", output_format::cmd},
 };
 
 static constexpr color_word COLORS[] = {

@@ -14,6 +14,7 @@
 #include "ctl/program_writer.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
+#include "ctl/yaml_text.h"
 #include "model/text.h"
 
 namespace keyview::ctl {
@@ -41,6 +42,12 @@ void write_result(std::string_view bytes) {
 
 void write_json(const std::string &text) {
     write_result(is_terminal(STDOUT_FILENO) ? json_made_plain(text) : text);
+}
+
+void write_yaml(const ordered_json &value) {
+    std::string text = yaml_of(value, false);
+    bool unsafe = is_terminal(STDOUT_FILENO) && json_made_plain(text) != text;
+    write_result(unsafe ? yaml_of(value, true) : text);
 }
 
 void write_lines(const std::string &text) {
@@ -73,6 +80,9 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
             break;
         case output_format::json:
             write_json(document_of(kind, fields).dump(2) + "\n");
+            break;
+        case output_format::yaml:
+            write_yaml(document_of(kind, fields));
             break;
         case output_format::jsonl:
             write_json(lines_of(kind, fields));

@@ -2,6 +2,7 @@
 // is checked. Errors go to stderr. No byte of a name or value reaches a person unescaped.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,9 @@ void write_result(std::string_view bytes);
 
 // A JSON text to stdout; a terminal gets it without harmful characters.
 void write_json(const std::string &text);
+
+// The same as YAML.
+void write_yaml(const nlohmann::ordered_json &value);
 
 // Lines of text to stdout; on a terminal, one with harmful characters comes escaped.
 void write_lines(const std::string &text);

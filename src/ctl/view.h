@@ -11,11 +11,12 @@
 namespace keyview::ctl {
 
 // table is for people, the others are for programs; cmd are commands that rebuild what is shown.
-enum class output_format { table, json, jsonl, tsv, raw, cmd };
+enum class output_format { table, json, jsonl, tsv, raw, cmd, yaml };
 
 // Whether stderr is for programs as well.
 inline bool for_programs(output_format format) {
-    return format == output_format::json || format == output_format::jsonl;
+    return format == output_format::json || format == output_format::jsonl ||
+           format == output_format::yaml;
 }
 
 // How a word is coloured, where colour is wanted. The word carries the same information.

@@ -13,6 +13,12 @@ def content(name):
         return file.read()
 
 
+# The rows of a table beside the tests.
+def table(name):
+    lines = content(os.path.join(os.path.dirname(__file__), name)).decode().splitlines()
+    return [line for line in lines if line[0] != "#"]
+
+
 def validator(name):
     return jsonschema.Draft202012Validator(json.loads(content(os.path.join(SCHEMAS, name))))
 
@@ -473,6 +479,38 @@ class Keeping(Administrator):
         self.good("apply", "-", stdin=document)
         self.good("check")
 
+    def test_yaml_is_what_its_json_is(self):
+        for line in table("yaml.txt"):
+            yaml, meant = line.split(" | ")
+            for mark, text in (("<nl><top>", "\n"), ("<nl>", "\n  "), ("<600*[>", "[" * 600)):
+                yaml = yaml.replace(mark, text)
+            yaml = ("# A head.\nformat: keyview-cluster\nversion: 1\ndatabases:\n- name: x\n  " + yaml + "\n").encode()
+            yaml = yaml.replace(b"<04>", b"\x04").replace(b"<ff>", b"\xff")
+            ended = self.run_tool("diff", "-", "-o", "json", stdin=yaml)
+            if meant.startswith("! "):
+                self.assertEqual(ended.returncode, 8, line)
+                faults = ["%(place)s: %(reason)s" % one for one in json.loads(ended.stderr)["problems"]]
+                self.assertIn(meant[2:], "\n".join(faults))
+                for fault in faults:
+                    self.assertRegex(fault, r"^line \d+, column \d+: .", line)
+                continue
+            document = '{"format": "keyview-cluster", "version": 1, "databases": [{"name": "x", %s}]}' % meant
+            same = self.run_tool("diff", "-", "-o", "json", stdin=document.encode())
+            self.assertEqual((ended.returncode, ended.stdout, ended.stderr), (same.returncode, same.stdout, same.stderr), line)
+
+    def test_yaml_goes_round(self):
+        random.seed(3)
+        exported = self.good("export", "-o", "yaml")
+        self.good("export", self.path("saved.yaml"))
+        self.assertEqual(content(self.path("saved.yaml")).decode(), exported)
+        for _ in range(150):  # a damaged one is refused or compared; nothing else
+            bytes_ = bytearray(exported.encode())
+            for _ in range(random.randrange(1, 4)):
+                at = random.randrange(len(bytes_))
+                bytes_[at:at + random.randrange(2)] = random.choice([b"\xff", b"\0", b":", b"- ", b"\n", b"[", b"}", b'"', b"&a ", b"*a",
+                                                                     b"? ", b"|", b"\t", b"#", b"!", b"%", b"--- ", b" "])
+            self.assertIn(self.run_tool("diff", "-", "--prune", stdin=bytes(bytes_)).returncode, (0, 1, 8), bytes_)
+
     def test_random_bytes_survive_export_and_apply(self):
         random.seed(11)
         def text(longest):
@@ -492,7 +530,10 @@ class Keeping(Administrator):
         DOCUMENT.validate(document)
         self.assertEqual(self.json("get", "DATABASE.DATABASES.d0007.TALVEN_HOME")["value_base64"],
                          base64.b64encode(base64.b64decode(document["databases"][7]["home_base64"]) + b"\0").decode())
-        self.good("diff", "-", "--prune", stdin=exported.encode())
+        for form in ("json", "yaml"):
+            self.good("export", self.path("saved." + form))
+            self.assertEqual(self.good("export", "-o", form), content(self.path("saved." + form)).decode())
+            self.good("diff", "-", "--prune", stdin=content(self.path("saved." + form)))
         begun = time.monotonic()
         self.assertEqual(len(self.good("list").splitlines()), 1000)
         print("list of 1,000 databases: %.0f ms" % ((time.monotonic() - begun) * 1000))
@@ -511,8 +552,7 @@ class ExitCodes(Administrator):
         self.good("set", "DATABASE.MORE", "--as", "text", "x")
         self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<changes>": self.path("changes"), "<folder>": self.folder,
                       "<other>": "lmdb:" + self.path("other")}
-        lines = content(os.path.join(os.path.dirname(__file__), "matrix.txt")).decode().splitlines()
-        self.rows = [[cell.strip() for cell in line.split("|")] for line in lines if line[0] != "#"]
+        self.rows = [[cell.strip() for cell in line.split("|")] for line in table("matrix.txt")]
         self.env["KEYVIEW_LOCK_WAIT"] = "0"
 
     def code(self, command, *more, **how):

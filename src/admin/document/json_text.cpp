@@ -9,8 +9,7 @@ namespace keyview::admin {
 
 using nlohmann::json;
 
-// "line 3, column 14" of a byte. Columns count characters.
-static std::string line_and_column(std::string_view text, size_t offset) {
+std::string line_and_column(std::string_view text, size_t offset) {
     text = text.substr(0, offset);
     auto lines = std::count(text.begin(), text.end(), '\n');
     text.remove_prefix(text.rfind('\n') + 1);  // npos + 1 is 0
