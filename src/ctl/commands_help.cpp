@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <memory>
 
@@ -11,6 +12,7 @@
 #include "ctl/help.h"
 #include "ctl/manual.h"
 #include "ctl/output.h"
+#include "ctl/terminal.h"
 #include "host/if/keyview_host.h"
 
 namespace keyview::ctl {
@@ -45,6 +47,37 @@ static exit_code run_config(const tool &shared, const given_names &) {
                                     {"variable", {one->variable}}}});
     }
     return show_result(shared.format, "config", "config", {std::move(rows)});
+}
+
+static exit_code run_contexts(const tool &shared, const given_names &) {
+    view_list rows;
+    for (const known_context &one : known_contexts()) {
+        rows.push_back(
+            {view_fields{{"context", {one.name}},
+                         {"current", flag_view(one.name == shared.chosen.context.value ? 1 : 0)},
+                         {"registry", optional_view(one.registry)},
+                         {"file", {one.file}}}});
+    }
+    return show_result(shared.format, "contexts", "contexts", {std::move(rows)});
+}
+
+static exit_code run_use_context(const tool &shared, const given_names &names) {
+    std::vector<known_context> known = known_contexts();
+    auto found = std::find_if(known.begin(), known.end(),
+                              [&](const known_context &one) { return one.name == names[0]; });
+    if (found == known.end()) {
+        throw tool_error{EXIT_NOT_FOUND, "there is no context " + names[0], user_settings_file(),
+                         "no settings file has a section [context." + names[0] + "]",
+                         "\"keyviewctl config contexts\" lists those that are there"};
+    }
+    set_usual_context(names[0]);
+    for (const char *variable : {shared.chosen.context.variable, shared.chosen.registry.variable})
+        if (!environment(variable).empty())
+            print_remark(std::string(variable) + " is set and goes before the context");
+    return show_result(shared.format, "context", "context",
+                       {view_fields{{"name", {names[0]}},
+                                    {"registry", optional_view(found->registry)},
+                                    {"file", {user_settings_file()}}}});
 }
 
 static exit_code show_text(const std::string &text, const std::string &what,
@@ -110,6 +143,12 @@ static constexpr command_row COMMANDS[] = {
     {"manual", "Write a manual page as roff", "PAGE", run_manual, true},
 };
 
+static constexpr command_row CONTEXT_COMMANDS[] = {
+    {"contexts", "List the contexts of the settings files", "", run_contexts, true},
+    {"use-context", "Use a context from now on: a line of the user's settings file", "CONTEXT",
+     run_use_context, true},
+};
+
 void add_help_commands(CLI::App *app, tool *shared) {
     auto words = std::make_shared<std::vector<std::string>>();
     CLI::App *help = add_command(
@@ -117,6 +156,7 @@ void add_help_commands(CLI::App *app, tool *shared) {
         [=] { return run_help(*shared, *words); }, true);
     help->add_option("COMMAND", *words, "The command, such as status or lock run");
     add_commands(app, shared, COMMANDS);
+    add_commands(app->get_subcommand("config"), shared, CONTEXT_COMMANDS);
     CLI::App *complete = add_command(
         app, shared, "__complete", "", [=] { return run_complete(*shared, *words); }, true);
     complete->group("");

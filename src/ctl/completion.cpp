@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include "ctl/option_words.h"
+#include "ctl/settings.h"
 #include "ctl/suggest.h"
 #include "ctl/text.h"
 #include "model/folding.h"
@@ -65,6 +66,13 @@ static words keys_like(const std::string &path) {
     return out;
 }
 
+static words context_names() {
+    words out;
+    for (const known_context &one : known_contexts())
+        out.push_back(one.name);
+    return out;
+}
+
 static words values_for(const std::string &name, const walked &at, const std::string &begun) {
     const std::string first = at.arguments.empty() ? "" : at.arguments[0];
     const std::string database = database_key(first);
@@ -76,6 +84,7 @@ static words values_for(const std::string &name, const walked &at, const std::st
     if (name == "NODE") return registered_names(NODEAPPS_ROOT);
     if (name == "SCOPE") return registered_names(STG_ROOT);
     if (name == "NAME") return registered_names(STG_ROOT + std::string(".") + element_of(first));
+    if (name == "CONTEXT" || name == "--context") return context_names();
     if (name == "KEY") return keys_like(begun);
     return words_of(name);
 }

@@ -56,6 +56,8 @@ static constexpr struct {
     {"version", TOOL, "version"},
     {"errors", TOOL, "errors 5"},
     {"config", TOOL, "config"},
+    {"config contexts", "", "config contexts"},
+    {"config use-context", "", "config use-context test"},
     {"completion", TOOL, "completion bash"},
     {"manual", TOOL, "manual keyviewctl"},
 };

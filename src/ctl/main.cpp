@@ -150,7 +150,7 @@ static void set_lock_wait(const setting &one) {
 
 static void apply_settings(tool *shared) {
     settings &chosen = shared->chosen;
-    chosen.resolve();
+    chosen.resolve(shared->command.rfind("config ", 0) == 0);  // these choose another context
     if (shared->registry_given) chosen.registry.value = chosen.registry.option;
     shared->registry = chosen.registry.value;
     const output_word &output = row_of(chosen.output, output_words());

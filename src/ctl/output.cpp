@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "ctl/people_writer.h"
@@ -72,11 +73,26 @@ static std::string bare_text(const char *kind, const view &shown) {
                      "use -o json or -o tsv"};
 }
 
+static void remark_on_empty(const char *kind) {
+    static constexpr struct {
+        std::string_view kind;
+        const char *text;
+    } TEXTS[] = {
+        {"db_list", "there are no databases"},      {"cluster_status", "there are no databases"},
+        {"keys", "there are no keys below it"},     {"roster", "the service has no instances"},
+        {"locks", "no lock is held or waited for"}, {"contexts", "no settings file has a context"},
+    };
+    const auto *found = std::find_if(std::begin(TEXTS), std::end(TEXTS),
+                                     [&](const auto &row) { return row.kind == kind; });
+    print_remark(found == std::end(TEXTS) ? "the list is empty" : found->text);
+}
+
 exit_code show_answer(output_format format, const char *kind, const view_fields &fields) {
     const view &last = fields.back().second;
     switch (format) {
         case output_format::table:
             write_result(text_for_people(last));
+            if (list_in(last) != nullptr && list_in(last)->empty()) remark_on_empty(kind);
             break;
         case output_format::json:
             write_json(document_of(kind, fields).dump(2) + "\n");

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <map>
+#include <utility>
 
 #include "ctl/file_io.h"
 #include "ctl/output.h"
 #include "ctl/suggest.h"
 #include "ctl/terminal.h"
+#include "model/path.h"
 
 namespace keyview::ctl {
 
@@ -25,7 +28,7 @@ struct settings_file {
 
 }  // namespace
 
-static std::string user_file() {
+std::string user_settings_file() {
     std::string folder = environment("XDG_CONFIG_HOME");
     if (folder.empty()) folder = environment("HOME") + "/.config";
     return folder + "/keyview/config";
@@ -47,6 +50,9 @@ static std::string text_of_file(const std::string &name) {
                      "replace it by a file with lines of \"name = value\", or remove it"};
 }
 
+// The sign that some editors begin a file with.
+static constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
+
 static std::string_view trimmed(std::string_view text) {
     size_t first = text.find_first_not_of(BLANKS);
     if (first == text.npos) return {};
@@ -55,6 +61,21 @@ static std::string_view trimmed(std::string_view text) {
 
 static std::string quoted(std::string_view text) {
     return "\"" + std::string(text) + "\"";
+}
+
+// '\0' if a value has none.
+static char opening_quote(std::string_view value) {
+    bool quoted = !value.empty() && (value[0] == '"' || value[0] == '\'');
+    return quoted ? value[0] : '\0';
+}
+
+// A value without the remark behind it.
+static std::string_view without_remark(std::string_view value) {
+    char quote = opening_quote(value);
+    size_t from = quote != '\0' ? std::min(value.find(quote, 1), value.size()) : 0;
+    for (std::string_view remark : {" #", "\t#", " ;", "\t;"})
+        value = trimmed(value.substr(0, value.find(remark, from)));
+    return value;
 }
 
 namespace {
@@ -66,8 +87,8 @@ class settings_reader {
         : file_(file), names_(names) {}
 
     admin::problem_list read(std::string_view text) {
-        constexpr std::string_view MARK = "\xef\xbb\xbf";  // that some editors begin a file with
-        if (text.substr(0, MARK.size()) == MARK) text.remove_prefix(MARK.size());
+        if (text.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK)
+            text.remove_prefix(BYTE_ORDER_MARK.size());
         while (!text.empty()) {
             size_t end = std::min(text.find('\n'), text.size());
             ++line_;
@@ -144,12 +165,9 @@ class settings_reader {
 
     // Without its quotes and without the remark behind it.
     static bool take_value(std::string_view *value) {
-        char quote = value->empty() ? '\0' : value->front();
-        bool begins = quote == '"' || quote == '\'';
-        size_t from = begins ? std::min(value->find(quote, 1), value->size()) : 0;
-        for (std::string_view remark : {" #", "\t#", " ;", "\t;"})
-            *value = trimmed(value->substr(0, value->find(remark, from)));
-        if (!begins) return value->empty() || (value->back() != '"' && value->back() != '\'');
+        *value = without_remark(*value);
+        char quote = opening_quote(*value);
+        if (quote == '\0') return value->empty() || (value->back() != '"' && value->back() != '\'');
         if (value->size() < 2 || value->find(quote, 1) != value->size() - 1) return false;
         *value = value->substr(1, value->size() - 2);
         return true;
@@ -186,7 +204,7 @@ namespace {
 class search {
   public:
     explicit search(const std::vector<std::string> &names)
-        : files_{read_settings(user_file(), names), read_settings(MACHINE_FILE, names)} {}
+        : files_{read_settings(user_settings_file(), names), read_settings(MACHINE_FILE, names)} {}
 
     void find(setting *wanted, const setting &context) const {
         std::string below = "context." + context.value + ".";
@@ -204,6 +222,22 @@ class search {
             auto at = file.values.lower_bound(head);
             return at != file.values.end() && at->first.rfind(head, 0) == 0;
         });
+    }
+
+    // The user's go before the machine's.
+    std::map<std::string, known_context> contexts() const {
+        constexpr std::string_view HEAD = "context.";
+        std::map<std::string, known_context> out;
+        for (const settings_file &file : files_) {
+            for (const auto &[key, value] : file.values) {
+                if (key.substr(0, HEAD.size()) != HEAD) continue;
+                std::string name = key.substr(HEAD.size(), key.rfind('.') - HEAD.size());
+                known_context &one =
+                    out.emplace(name, known_context{name, "", file.name}).first->second;
+                if (one.file == file.name && last_element(key) == "registry") one.registry = value;
+            }
+        }
+        return out;
     }
 
   private:
@@ -226,19 +260,68 @@ class search {
 
 }  // namespace
 
-void settings::resolve() {
+static std::vector<std::string> setting_names() {
     std::vector<std::string> names;
-    for (const setting *one : all())
+    for (const setting *one : settings().all())
         names.emplace_back(one->name);
-    search files(names);
+    return names;
+}
+
+void settings::resolve(bool any_context) {
+    search files(setting_names());
     files.find(&context, {"", "", ""});
-    if (!context.value.empty() && !files.has_context(context.value)) {
-        throw tool_error{EXIT_USAGE, "there is no context " + context.value, user_file(),
+    if (!any_context && !context.value.empty() && !files.has_context(context.value)) {
+        throw tool_error{EXIT_USAGE, "there is no context " + context.value, user_settings_file(),
                          "no settings file has a section [context." + context.value + "]",
                          "\"keyviewctl config\" shows where settings come from"};
     }
     for (setting *one : all())
         if (one != &context) files.find(one, context);
+}
+
+// ---- Contexts -----------------------------------------------------------------------------------
+
+std::vector<known_context> known_contexts() {
+    std::vector<known_context> out;
+    for (auto &[name, one] : search(setting_names()).contexts())
+        out.push_back(one);
+    return out;
+}
+
+// Where the value of the usual context is in the text, without the remark behind it; its end and no
+// bytes if there is none.
+static std::pair<size_t, size_t> usual_context_in(std::string_view text) {
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string_view line = text.substr(at, end - at);
+        size_t equals = line.find('=');
+        if (trimmed(line).substr(0, 1) == "[") break;
+        if (equals != line.npos && trimmed(line.substr(0, equals)) == "context") {
+            std::string_view value = without_remark(trimmed(line.substr(equals + 1)));
+            if (value.empty()) return {at + equals + 1, 0};
+            return {static_cast<size_t>(value.data() - text.data()), value.size()};
+        }
+        at = end + 1;
+    }
+    return {text.size(), 0};
+}
+
+void set_usual_context(const std::string &name) {
+    const std::string file = user_settings_file();
+    std::string text = text_of_file(file);
+    const char *quote = name.find('"') == name.npos ? "\"" : "'";
+    bool plain = name.find_first_of(" \t#;'\"") == name.npos;
+    const std::string value = plain ? name : quote + name + quote;
+    auto [at, size] = usual_context_in(text);
+    if (at == text.size()) {
+        bool marked = text.compare(0, BYTE_ORDER_MARK.size(), BYTE_ORDER_MARK) == 0;
+        text.insert(marked ? BYTE_ORDER_MARK.size() : 0, "context = " + value + "\n");
+    } else {
+        text.replace(at, size, size == 0 ? " " + value : value);
+    }
+    std::error_code ignored;  // the file then reports it
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
+    replace_file(file, text);
 }
 
 }  // namespace keyview::ctl

@@ -33,9 +33,22 @@ struct settings {
 
     std::vector<setting *> all() { return {&context, &registry, &output, &color, &lock_wait}; }
 
-    // Finds all values. Throws a tool_error for a file that cannot be understood and for a context
-    // that no file has.
-    void resolve();
+    // Finds all values. Throws a tool_error for a file that cannot be understood and, unless one may be
+    // chosen that is not there, for a context that no file has.
+    void resolve(bool any_context = false);
 };
+
+struct known_context {
+    std::string name, registry, file;
+};
+
+// The contexts of the settings files, by their names; of two with one name, the user's.
+std::vector<known_context> known_contexts();
+
+// Makes a context the usual one, by a line of the user's file. All other lines stay as they are.
+void set_usual_context(const std::string &name);
+
+// The settings file of the user.
+std::string user_settings_file();
 
 }  // namespace keyview::ctl

@@ -58,6 +58,12 @@ class Administrator(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
+    # Writes the user's settings file.
+    def settings(self, text):
+        os.makedirs(self.path(".config/keyview"), exist_ok=True)
+        with open(self.path(".config/keyview/config"), "wb") as file:
+            file.write(text.encode())
+
     # All commands, those below another one as "lock run".
     def commands(self):
         words = self.good("__complete", "--", "").split()
@@ -655,6 +661,7 @@ class Comfort(Administrator):
         self.good("backup", self.path("saved"))
         with open(self.path("changes.json"), "w") as file:
             json.dump(self.json("disable", "sandbox"), file)
+        self.settings("[context.test]\ncolor = never\n")
         whole = self.good("help")
         self.assertEqual(whole, self.good("--help"))
         self.assertEqual(whole.count("Exit codes:"), 1)
@@ -730,6 +737,34 @@ class Comfort(Administrator):
             os.chmod(self.folder, home)
             ended = subprocess.run([TOOL, "config"], capture_output=True, env=self.env, user=65534)
             self.assertEqual(ended.returncode, code, ended.stderr)
+
+    def test_a_context_is_chosen_and_all_other_lines_stay(self):
+        sections = "[context.test]\nregistry = lmdb:/test\n[context.a b]  \n  registry=lmdb:/ab ; c\n"
+        for before, after in (("", "context = {}\n"), ("# mine\ncolor = never\n", "context = {}\n# mine\ncolor = never\n"),
+                              ("#context = x\n context=test # why\r\n", "#context = x\n context={} # why\r\n"),
+                              ("\ufeffcolor = never\n", "\ufeffcontext = {}\ncolor = never\n"),
+                              ("context = 'gone' ; x\n\n", "context = {} ; x\n\n"), ("context =\n", "context = {}\n")):
+            for name, written in (("test", "test"), ("a b", '"a b"'), ("test", "test")):
+                self.settings(before + sections)
+                os.chmod(self.path(".config/keyview/config"), 0o640)
+                self.good("config", "use-context", name, KEYVIEW_REGISTRY="")
+                self.assertEqual(content(self.path(".config/keyview/config")).decode(), after.format(written) + sections)
+                rows = self.json("config", "contexts", KEYVIEW_REGISTRY="")["contexts"]
+                self.assertEqual({row["context"]: row["current"] for row in rows}, {"test": name == "test", "a b": name == "a b"})
+                registry = {row["setting"]: row["value"] for row in self.json("config", KEYVIEW_REGISTRY="")["config"]}["registry"]
+                self.assertEqual(registry, "lmdb:/test" if name == "test" else "lmdb:/ab")
+        self.assertEqual(os.listdir(self.path(".config/keyview")), ["config"])
+        self.assertEqual(os.stat(self.path(".config/keyview/config")).st_mode & 0o777, 0o640)
+        self.assertIn(b"KEYVIEW_REGISTRY is set", self.run_tool("config", "use-context", "test").stderr)
+        self.assertEqual(self.good("__complete", "--", "config", "use-context", "t"), "test\n")
+
+    def test_an_empty_list_says_so_to_people(self):
+        self.good("rm", "DATABASE.DATABASES", "--yes")
+        for command in ("list", "status", "ls DATABASE.STG.node1.stg1.VERSION", "lock list", "config contexts"):
+            for form in ("table", "json", "jsonl", "yaml", "tsv"):
+                ended = self.run_tool(*command.split(), "-o", form)
+                self.assertEqual(ended.returncode, 0, command)
+                self.assertEqual(bool(re.fullmatch(rb"keyviewctl: (there are )?no .*\n", ended.stderr)), form == "table", ended)
 
     def test_completion_is_live_and_quick(self):
         def complete(*words, **env):
