@@ -140,6 +140,15 @@ void registry::apply(const std::vector<change> &changes, const std::vector<held_
 
 // ---- Locks --------------------------------------------------------------------------------------
 
+template <typename strings>
+static std::vector<keyview_bytes> bytes_of_all(const strings &names) {
+    std::vector<keyview_bytes> out;
+    out.reserve(names.size());
+    for (const std::string &name : names)
+        out.push_back(bytes_of(name));
+    return out;
+}
+
 held_lock::held_lock(keyview_registry *registry, std::string_view name, bool shared,
                      int64_t wait_ms) {
     keyview_lock *lock = nullptr;
@@ -147,11 +156,16 @@ held_lock::held_lock(keyview_registry *registry, std::string_view name, bool sha
     lock_.reset(lock);
 }
 
+held_lock::held_lock(keyview_registry *registry, const std::set<std::string> &names,
+                     int64_t wait_ms) {
+    const std::vector<keyview_bytes> all = bytes_of_all(names);
+    keyview_lock *lock = nullptr;
+    check(keyview_lock_acquire_all(registry, all.data(), all.size(), wait_ms, &lock));
+    lock_.reset(lock);
+}
+
 std::vector<lock_user> registry::lock_users(const std::vector<std::string> &names) const {
-    std::vector<keyview_bytes> known;
-    known.reserve(names.size());
-    for (const std::string &name : names)
-        known.push_back(bytes_of(name));
+    const std::vector<keyview_bytes> known = bytes_of_all(names);
     users_read read;
     read.finish(keyview_lock_list(handle_.get(), known.data(), known.size(), add_user, &read));
     return std::move(read.users);

@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,6 +72,7 @@ struct change_batch {
 class held_lock {
   public:
     held_lock(keyview_registry *registry, std::string_view name, bool shared, int64_t wait_ms);
+    held_lock(keyview_registry *registry, const std::set<std::string> &names, int64_t wait_ms);
 
     bool still_held() const { return keyview_lock_held(lock_.get()) != 0; }
     keyview_lock *get() const { return lock_.get(); }
@@ -116,6 +118,10 @@ class registry {
     // Waits up to wait_ms for a lock; a negative wait is the one in force.
     held_lock lock(std::string_view name, bool shared, int64_t wait_ms) const {
         return {handle_.get(), name, shared, wait_ms};
+    }
+    // Several at once; an embedded registry is locked as a whole.
+    held_lock lock_all(const std::set<std::string> &names, int64_t wait_ms) const {
+        return {handle_.get(), names, wait_ms};
     }
     std::vector<lock_user> lock_users(const std::vector<std::string> &names) const;
 

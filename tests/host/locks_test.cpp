@@ -135,6 +135,38 @@ TEST_F(Locks, AWriterIsNotStarved) {
     }
 }
 
+// All locks in one step: no other one is granted then, whatever its name, but the store can be
+// written; those who wait for all of them stop neither a stream of others nor a holder that needs
+// one more.
+TEST_F(Locks, AllAtOnceExcludeEachName) {
+    const std::vector<std::string> names = {NAME, "LKRT.DATABASE.DATABASES.zoo"};
+    std::vector<std::shared_ptr<held_lock>> all = registry.locks->acquire_all(names, 0);
+    ASSERT_EQ(all.size(), 1U);
+    for (const char *name : {NAME, "LKRT.DATABASE.DATABASES.other"})
+        for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive})
+            EXPECT_NE(locker().take(mode, name), 0) << name << int(mode);
+    EXPECT_THROW(registry.locks->acquire_all(names, 20), host_error);
+    EXPECT_EQ(apply({put("DATABASE.DATABASES.sales")}).created, 3U);
+    std::vector<lock_use> users = registry.locks->users(names);
+    ASSERT_EQ(users.size(), 2U);
+    for (const lock_use &one : users)
+        EXPECT_TRUE(one.mode == lock_mode::exclusive && !one.waits) << one.name;
+    all.clear();
+    EXPECT_TRUE(is_free());
+
+    std::atomic<bool> stop{false};
+    in_threads(7, [&](int thread) {
+        for (int i = 0; thread == 0 && i < 3; ++i)
+            EXPECT_NO_THROW(registry.locks->acquire_all(names, 10000));
+        if (thread == 0) stop = true;
+        while (!stop) {
+            lock_mode mode = thread % 2 == 0 ? lock_mode::shared : lock_mode::exclusive;
+            auto first = registry.locks->acquire("a" + std::to_string(thread), mode, 10000);
+            auto second = registry.locks->acquire("b" + std::to_string(thread), mode, 10000);
+        }
+    });
+}
+
 TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
     locker mine;
     ASSERT_EQ(mine.shared(NAME), 0);

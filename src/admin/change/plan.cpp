@@ -13,6 +13,8 @@ namespace keyview::admin {
 
 // Above this many changes the tree is read as a whole.
 static constexpr size_t FEW_CHANGES = 16;
+// Above this many locks they are taken as one.
+static constexpr size_t FEW_LOCKS = 32;
 // How often a plan is made anew because the tree changed under it. The last one is carried out
 // without regard to changes elsewhere, so that a busy registry cannot keep it off.
 static constexpr int TRIES = 8;
@@ -160,6 +162,11 @@ static std::vector<held_lock> lock_all(const registry &keys, const std::set<std:
     using std::chrono::steady_clock;
     auto deadline = steady_clock::now() + milliseconds(lock_wait_ms());
     std::vector<held_lock> held;
+    if (names.size() > FEW_LOCKS) {
+        report_step(options, "waits for " + std::to_string(names.size()) + " locks");
+        held.push_back(keys.lock_all(names, lock_wait_ms()));
+        return held;
+    }
     for (const std::string &name : names) {
         auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
         report_step(options, "waits for the lock " + name);

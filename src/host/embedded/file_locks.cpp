@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -23,6 +24,9 @@
 namespace keyview::host {
 
 static constexpr off_t GATE = off_t{1} << 62;
+static constexpr off_t NAMES_END = off_t{1} << 61;  // of the bytes of names
+static constexpr off_t WRITERS_BYTE = NAMES_END;    // is not among all locks, nor its gate and turn
+static constexpr off_t WHOLE_BYTE = NAMES_END + 2;
 
 // ---- Descriptors --------------------------------------------------------------------------------
 
@@ -58,18 +62,18 @@ void lock_descriptors::give_back(int fd) noexcept {
 
 // ---- Byte ranges --------------------------------------------------------------------------------
 
-static struct flock byte_at(off_t at, int type) {
+static struct flock range_at(off_t at, off_t length, int type) {
     struct flock range = {};
     range.l_type = static_cast<short>(type);
     range.l_whence = SEEK_SET;
     range.l_start = at;
-    range.l_len = 1;
+    range.l_len = length;
     return range;
 }
 
 // A call that does not wait. False if another holds the range in a conflicting mode.
-static bool try_byte(int fd, off_t at, int type) {
-    struct flock range = byte_at(at, type);
+static bool try_range(int fd, off_t at, off_t length, int type) {
+    struct flock range = range_at(at, length, type);
     while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
         if (errno == EAGAIN || errno == EACCES) return false;
         if (errno == EINTR) continue;
@@ -78,9 +82,13 @@ static bool try_byte(int fd, off_t at, int type) {
     return true;
 }
 
-// Whether nobody else holds the range exclusively.
+static bool try_byte(int fd, off_t at, int type) {
+    return try_range(fd, at, 1, type);
+}
+
+// Whether nobody else holds the byte exclusively.
 static bool is_open(int fd, off_t at) {
-    struct flock range = byte_at(at, F_RDLCK);
+    struct flock range = range_at(at, 1, F_RDLCK);
     if (fcntl(fd, F_OFD_GETLK, &range) != 0) {
         throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
     }
@@ -98,11 +106,16 @@ struct lock_offsets {
 
 }  // namespace
 
+static lock_offsets offsets_at(off_t byte, shared_words *words) {
+    return {byte, byte + GATE, byte + GATE + 1, words->hint_of(static_cast<uint64_t>(byte))};
+}
+
 static lock_offsets offsets_of(std::string_view name, shared_words *words) {
+    if (name == file_locks::WRITERS) return offsets_at(WRITERS_BYTE, words);
     uint64_t hash = XXH3_64bits(name.data(), name.size());
     uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
-    auto byte = static_cast<off_t>(hash >> 2);
-    return {byte, byte + GATE, static_cast<off_t>(further >> 2) + GATE, words->hint_of(hash)};
+    auto byte = static_cast<off_t>(hash >> 3);
+    return {byte, byte + GATE, static_cast<off_t>(further >> 3) + GATE, words->hint_of(hash)};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -140,6 +153,17 @@ class file_lock final : public held_lock {
         return has_gate_ && try_byte(fd_, at.byte, F_WRLCK);
     }
 
+    // The whole is the lock of those who want all locks.
+    bool try_all(const lock_offsets &whole) {
+        has_whole_ = has_whole_ || try_exclusive(whole);
+        if (!has_whole_) return false;
+        whole.hint->store(1);
+        for (shared_words::hint &one : service_->words_.hints())
+            one.store(1);
+        has_all_gates_ = has_all_gates_ || try_range(fd_, GATE, NAMES_END, F_WRLCK);
+        return has_all_gates_ && try_range(fd_, 0, NAMES_END, F_WRLCK);
+    }
+
   private:
     bool no_writer(const lock_offsets &at) const {
         if (at.hint->load() == 0) return true;
@@ -150,6 +174,10 @@ class file_lock final : public held_lock {
 
     // The first try needs no turn, unless another one waits with it.
     bool try_gate(const lock_offsets &at) {
+        // Nobody new gets ahead of one who wants all locks; who waits already does.
+        if (at.byte < NAMES_END && !has_turn_ &&
+            !no_writer(offsets_at(WHOLE_BYTE, &service_->words_)))
+            return false;
         if (std::exchange(waits_, true)) {
             has_turn_ = has_turn_ || try_byte(fd_, at.turn, F_WRLCK);
             if (!has_turn_) return false;
@@ -167,27 +195,40 @@ class file_lock final : public held_lock {
     bool waits_ = false;
     bool has_turn_ = false;
     bool has_gate_ = false;
+    bool has_whole_ = false;
+    bool has_all_gates_ = false;
 };
 
 // ---- Users of locks -----------------------------------------------------------------------------
 
-// The ranges that a descriptor holds, as /proc reports them: whether each is shared, by its offset.
-// Processes of other users are not reported.
-using held_ranges = std::map<off_t, bool>;
+namespace {
+// A range that a descriptor holds, as /proc reports it; processes of other users are not reported.
+struct held_range {
+    off_t first, last;
+    bool shared;
+};
+}  // namespace
 
 // "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
-static held_ranges ranges_of(const std::filesystem::path &descriptor) {
-    held_ranges out;
+static std::vector<held_range> ranges_of(const std::filesystem::path &descriptor) {
+    std::vector<held_range> out;
     std::ifstream text(descriptor);
     for (std::string line; std::getline(text, line);) {
         if (line.rfind("lock:", 0) != 0) continue;
         std::istringstream words(line.substr(5));
         std::string number, kind, advice, mode, pid, file;
-        off_t first = 0;
-        if (words >> number >> kind >> advice >> mode >> pid >> file >> first)
-            out[first] = mode == "READ";
+        off_t first = 0, last = 0;
+        if (words >> number >> kind >> advice >> mode >> pid >> file >> first >> last)
+            out.push_back({first, last, mode == "READ"});
     }
     return out;
+}
+
+static const held_range *range_with(const std::vector<held_range> &held, off_t at) {
+    auto found = std::find_if(held.begin(), held.end(), [&](const held_range &one) {
+        return one.first <= at && at <= one.last;
+    });
+    return found == held.end() ? nullptr : &*found;
 }
 
 static std::string process_label(const std::filesystem::path &process) {
@@ -197,14 +238,16 @@ static std::string process_label(const std::filesystem::path &process) {
 }
 
 // A writer that has the gate of a lock and not its byte waits for it.
-static void add_uses(const std::map<off_t, const std::string *> &bytes, const held_ranges &held,
-                     const std::string &holder, std::vector<lock_use> *out) {
-    for (auto [at, shared] : held) {
-        bool gate = at >= GATE;
-        auto found = bytes.find(gate ? at - GATE : at);
-        if (found == bytes.end() || (gate && held.count(at - GATE) > 0)) continue;
-        lock_mode mode = shared ? lock_mode::shared : lock_mode::exclusive;
-        out->push_back({*found->second, mode, gate, holder});
+static void add_uses(const std::map<off_t, const std::string *> &bytes,
+                     const std::vector<held_range> &held, const std::string &holder,
+                     std::vector<lock_use> *out) {
+    if (held.empty()) return;
+    for (auto [at, name] : bytes) {
+        const held_range *byte = range_with(held, at);
+        const held_range *used = byte == nullptr ? range_with(held, at + GATE) : byte;
+        if (used == nullptr) continue;
+        lock_mode mode = used->shared ? lock_mode::shared : lock_mode::exclusive;
+        out->push_back({*name, mode, byte == nullptr, holder});
     }
 }
 
@@ -254,6 +297,25 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
         if (granted()) return lock;
     }
     throw not_granted(name, mode, wait_ms);
+}
+
+// One lock in the place of all that are wanted.
+std::vector<std::shared_ptr<held_lock>> file_locks::acquire_all(const std::vector<std::string> &,
+                                                                wait_limit limit) {
+    static constexpr uint32_t WINDOW_MS = 100;
+    release_moments();
+    const lock_offsets whole = offsets_at(WHOLE_BYTE, &words_);
+    const uint32_t wait_ms = limit.ms();
+    deadline wait(wait_ms);
+    do {
+        auto lock = std::make_shared<file_lock>(shared_from_this());
+        deadline window(std::min(WINDOW_MS, wait_ms));
+        do {
+            if (lock->try_all(whole)) return {lock};
+        } while (window.pause());
+    } while (wait.pause());
+    throw host_error(failure::lock, "all locks of the registry were not granted within " +
+                                        std::to_string(wait_ms) + " ms: another one holds one");
 }
 
 }  // namespace keyview::host

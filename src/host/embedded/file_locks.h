@@ -1,6 +1,6 @@
 // Named locks of one machine: byte ranges of the registry's lock file.
 //
-// The lock of a name is the byte at a 62-bit hash of the name. Its gate is the byte 2^62 behind: a
+// The lock of a name is the byte at a 61-bit hash of the name. Its gate is the byte 2^62 behind: a
 // writer holds the gate from before its wait for the lock byte until its release, and a reader
 // passes only an open gate, so that readers that come and go cannot starve a writer. Testing the
 // gate is a system call, which a reader saves while the hint of the name is 0. A hint is a word
@@ -9,6 +9,12 @@
 // The turn is a byte at another hash + 2^62: a writer that finds the gate closed waits for the turn
 // first and releases it once it holds the gate, and no other writer passes the owner of the turn.
 // So a writer that releases the lock and requests it again at once does not shut out the others.
+//
+// All locks at once are all gates and then all bytes, two ranges in the place of any number of
+// locks. The whole has a lock of its own, which one who wants all of them holds first; a writer that
+// finds its gate closed asks for no other before. Who wants all of them and does not get them within
+// WINDOW_MS opens the gates for a moment, so that holders of a lock that wait for a further one go
+// on, and readers wait no longer than that for a holder that does not end.
 //
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked
@@ -51,6 +57,9 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
 
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted = {}) override;
+
+    std::vector<std::shared_ptr<held_lock>> acquire_all(const std::vector<std::string> &names,
+                                                        wait_limit limit) override;
 
     std::vector<lock_use> users(const std::vector<std::string> &names) override;
 

@@ -31,6 +31,8 @@ class shared_words {
 
     hint *hint_of(uint64_t lock_hash) { return &words()->hints[lock_hash % HINTS]; }
 
+    auto &hints() { return words()->hints; }
+
     // The count of the part that a key is in; null for a key above all parts.
     change_count *count_of(std::string_view path);
 

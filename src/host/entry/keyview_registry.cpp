@@ -19,8 +19,8 @@ struct keyview_registry {
 };
 
 struct keyview_lock {
-    backend registry;  // outlives the lock
-    std::shared_ptr<held_lock> held;
+    backend registry;  // outlives the locks
+    std::vector<std::shared_ptr<held_lock>> held;
 };
 
 static std::string_view view_of(keyview_bytes bytes) {
@@ -29,6 +29,19 @@ static std::string_view view_of(keyview_bytes bytes) {
 
 static keyview_bytes bytes_of(std::string_view text) {
     return {text.data(), text.size()};
+}
+
+static std::vector<std::string> strings_of(const keyview_bytes *names, size_t count) {
+    std::vector<std::string> out;
+    out.reserve(count);
+    for (size_t n = 0; n < count; ++n)
+        out.emplace_back(view_of(names[n]));
+    return out;
+}
+
+static wait_limit limit_of(int64_t wait_ms) {
+    if (wait_ms < 0) return lock_wait_ms();
+    return static_cast<uint32_t>(std::min<int64_t>(wait_ms, UINT32_MAX));
 }
 
 // Runs the body of a function; what it throws becomes its code.
@@ -129,7 +142,8 @@ int32_t keyview_registry_apply(keyview_registry *registry, const keyview_change 
         apply_terms terms;
         terms.revision = revision;
         for (size_t n = 0; n < lock_count; ++n)
-            terms.fences.push_back(locks[n]->held.get());
+            for (const std::shared_ptr<held_lock> &one : locks[n]->held)
+                terms.fences.push_back(one.get());
         registry->opened.keys->apply(all, terms);
     });
 }
@@ -144,30 +158,40 @@ int32_t keyview_registry_recover(keyview_registry *registry, int32_t undo) {
 int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int32_t shared,
                              int64_t wait_ms, keyview_lock **lock) {
     return coded([&] {
-        auto limit = wait_ms < 0 ? lock_wait_ms()
-                                 : static_cast<uint32_t>(std::min<int64_t>(wait_ms, UINT32_MAX));
         auto held = registry->opened.locks->acquire(
-            view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive, limit);
+            view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive,
+            limit_of(wait_ms));
+        *lock = new keyview_lock{registry->opened, {std::move(held)}};
+    });
+}
+
+int32_t keyview_lock_acquire_all(keyview_registry *registry, const keyview_bytes *names,
+                                 size_t count, int64_t wait_ms, keyview_lock **lock) {
+    return coded([&] {
+        std::vector<std::string> sorted = strings_of(names, count);
+        std::sort(sorted.begin(), sorted.end());
+        sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+        auto held = registry->opened.locks->acquire_all(sorted, limit_of(wait_ms));
         *lock = new keyview_lock{registry->opened, std::move(held)};
     });
 }
 
-// The members go in the reverse of their order: first the lock, then what it belongs to.
+// The members go in the reverse of their order: first the locks, then what they belong to.
 void keyview_lock_release(keyview_lock *lock) {
     delete lock;
 }
 
 int32_t keyview_lock_held(const keyview_lock *lock) {
-    return lock->held->still_held() ? 1 : 0;
+    return std::all_of(lock->held.begin(), lock->held.end(),
+                       [](const auto &one) { return one->still_held(); })
+               ? 1
+               : 0;
 }
 
 int32_t keyview_lock_list(keyview_registry *registry, const keyview_bytes *names, size_t count,
                           keyview_lock_callback use, void *arg) {
     return coded([&] {
-        std::vector<std::string> known;
-        for (size_t n = 0; n < count; ++n)
-            known.emplace_back(view_of(names[n]));
-        for (const lock_use &one : registry->opened.locks->users(known)) {
+        for (const lock_use &one : registry->opened.locks->users(strings_of(names, count))) {
             use(arg, bytes_of(one.name), one.mode == lock_mode::shared ? 1 : 0, one.waits ? 1 : 0,
                 bytes_of(one.holder));
         }

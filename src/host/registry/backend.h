@@ -61,6 +61,12 @@ class lock_service : public abstract_base {
     virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted = {}) = 0;
 
+    // Acquires several locks exclusively, or none; the names are sorted, so that two programs never
+    // wait for each other in a ring. A service may take further locks in their place, and so grant
+    // any number of them in a few steps.
+    virtual std::vector<std::shared_ptr<held_lock>> acquire_all(
+        const std::vector<std::string> &names, wait_limit limit);
+
     // The holders and waiters of locks, as far as the service knows them. A service that does not
     // store the names of its locks reports on those in names.
     virtual std::vector<lock_use> users(const std::vector<std::string> &names);
