@@ -1,5 +1,5 @@
-// How soon a lock is handed over once its holder was killed: with nothing left of the holder, and
-// with a forked child of it that lives on.
+// How soon a lock is handed over: once its holder was killed, with nothing left of it or with a
+// forked child of it that lives on, and once its holder releases it.
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -18,11 +18,13 @@ namespace keyview::bench {
 
 constexpr char ALONE[] = "ms from kill -9 of a holder to hand-over";
 constexpr char FORKED[] = "ms from kill -9 of a holder to hand-over, its forked child alive";
+constexpr char RELEASED[] = "ms from release to hand-over to a waiter";
 
 namespace {
 
 struct holder_board {
     std::atomic<bool> holds;
+    std::atomic<double> released_us;
     std::atomic<pid_t> forked;
 };
 
@@ -64,25 +66,52 @@ static double one_handover(const std::string &url, bool forks, lock_handle *wait
     return (got - killed) / 1000;
 }
 
-static void measure_handover(const bench_setup &setup, const char *name, bool forks) {
+// Milliseconds from the release to the lock.
+static double one_release(const std::string &url, lock_handle *waiter, double released_after_us) {
+    shared<holder_board> board;
+    child holder([&] {
+        lock_handle locks(url);
+        locks.take_exclusive();
+        board->holds = true;
+        sleep_us(released_after_us);
+        board->released_us = now_us();
+        locks.give_back();
+    });
+    wait_until([&] { return board->holds.load(); });
+    waiter->take_exclusive();
+    const double got = now_us();
+    waiter->give_back();
+    require(board->released_us > 0 && got > board->released_us, "the lock was no lock");
+    return (got - board->released_us) / 1000;
+}
+
+template <typename once>
+static void measure_handover(const bench_setup &setup, const char *name, double goal_ms,
+                             const once &handover) {
     if (!setup.to->wants({name})) return;
-    constexpr int KILLS = 25;
+    constexpr int TIMES = 25;
     std::minstd_rand random(5);
     lock_handle waiter(setup.url);
     series figures;
-    for (int i = 0; i < KILLS; ++i) {
-        const auto after = static_cast<double>(30000 + random() % 20000);
-        figures.push_back(one_handover(setup.url, forks, &waiter, after));
-    }
+    for (int i = 0; i < TIMES; ++i)
+        figures.push_back(handover(&waiter, static_cast<double>(30000 + random() % 20000)));
     const double worst = *std::max_element(figures.begin(), figures.end());
     setup.to->figure(name,
                      shown_time(median(figures) * 1000) + ", worst " + shown_time(worst * 1000),
-                     std::to_string(KILLS) + " kills", median(figures), 5);
+                     std::to_string(TIMES) + " times", median(figures), goal_ms);
 }
 
 void handover_rows(const bench_setup &setup) {
-    measure_handover(setup, ALONE, false);
-    measure_handover(setup, FORKED, true);
+    auto killed = [&](bool forks) {
+        return [&setup, forks](lock_handle *waiter, double after_us) {
+            return one_handover(setup.url, forks, waiter, after_us);
+        };
+    };
+    measure_handover(setup, ALONE, 0.3, killed(false));
+    measure_handover(setup, FORKED, 0.3, killed(true));
+    measure_handover(setup, RELEASED, 0.1, [&](lock_handle *waiter, double after_us) {
+        return one_release(setup.url, waiter, after_us);
+    });
 }
 
 }  // namespace keyview::bench

@@ -5,6 +5,7 @@
 #include "host/embedded/file_locks.h"
 
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
+#include "host/support/fd.h"
 
 namespace keyview::host {
 
@@ -35,7 +37,7 @@ lock_descriptors::~lock_descriptors() {
         close_parent_only(fd);
 }
 
-int lock_descriptors::take(const registry_directory &directory) {
+int lock_descriptors::take(const std::function<int()> &open) {
     {
         std::lock_guard guard(mutex_);
         if (!idle_.empty()) {
@@ -44,9 +46,7 @@ int lock_descriptors::take(const registry_directory &directory) {
             return fd;
         }
     }
-    int fd = open_parent_only(directory.fd(), registry_directory::LOCK_FILE, O_RDWR);
-    if (fd < 0) throw directory.lock_file_failed("opened");
-    return fd;
+    return open_parent_only(open);
 }
 
 void lock_descriptors::give_back(int fd) noexcept {
@@ -102,12 +102,14 @@ struct lock_offsets {
     off_t gate;
     off_t turn;
     shared_words::hint *hint;
+    shared_words::hint *waits;
 };
 
 }  // namespace
 
 static lock_offsets offsets_at(off_t byte, shared_words *words) {
-    return {byte, byte + GATE, byte + GATE + 1, words->hint_of(static_cast<uint64_t>(byte))};
+    auto slot = static_cast<uint64_t>(byte);
+    return {byte, byte + GATE, byte + GATE + 1, words->hint_of(slot), words->waits_of(slot)};
 }
 
 static lock_offsets offsets_of(std::string_view name, shared_words *words) {
@@ -115,7 +117,8 @@ static lock_offsets offsets_of(std::string_view name, shared_words *words) {
     uint64_t hash = XXH3_64bits(name.data(), name.size());
     uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
     auto byte = static_cast<off_t>(hash >> 3);
-    return {byte, byte + GATE, static_cast<off_t>(further >> 3) + GATE, words->hint_of(hash)};
+    return {byte, byte + GATE, static_cast<off_t>(further >> 3) + GATE, words->hint_of(hash),
+            words->waits_of(hash)};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -123,10 +126,17 @@ static lock_offsets offsets_of(std::string_view name, shared_words *words) {
 // A lock, or on the way to one: its descriptor holds what it got so far.
 class file_lock final : public held_lock {
   public:
-    explicit file_lock(std::shared_ptr<file_locks> service)
+    // Without a hint somebody always waits.
+    file_lock(std::shared_ptr<file_locks> service, shared_words::hint *waits_hint)
         : service_(std::move(service)),
           generation_(fork_generation()),
-          fd_(service_->descriptors_.get().take(*service_->directory_)) {}
+          fd_(service_->descriptors_.get().take([this] {
+              return openat(service_->directory_->fd(), registry_directory::LOCK_FILE,
+                            O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+          })),
+          waits_hint_(waits_hint) {
+        if (fd_ < 0) throw service_->directory_->lock_file_failed("opened");
+    }
 
     // In a forked child the descriptor is closed, and its number may be another file's.
     ~file_lock() override {
@@ -134,7 +144,8 @@ class file_lock final : public held_lock {
         struct flock all = {};
         all.l_type = F_UNLCK;
         all.l_whence = SEEK_SET;
-        if (fcntl(fd_, F_OFD_SETLK, &all) == 0) {
+        bool released = fcntl(fd_, F_OFD_SETLK, &all) == 0;
+        if (released && !anybody_waits()) {
             service_->descriptors_.get().give_back(fd_);
         } else {
             close_parent_only(fd_);
@@ -165,6 +176,13 @@ class file_lock final : public held_lock {
     }
 
   private:
+    bool anybody_waits() const {
+        if (waits_hint_ == nullptr) return true;
+        if (waits_hint_->load() == 0) return false;
+        waits_hint_->store(0);
+        return true;
+    }
+
     bool no_writer(const lock_offsets &at) const {
         if (at.hint->load() == 0) return true;
         if (!is_open(fd_, at.gate)) return false;
@@ -192,12 +210,40 @@ class file_lock final : public held_lock {
     std::shared_ptr<file_locks> service_;
     uint64_t generation_;
     int fd_;
+    shared_words::hint *waits_hint_;
     bool waits_ = false;
     bool has_turn_ = false;
     bool has_gate_ = false;
     bool has_whole_ = false;
     bool has_all_gates_ = false;
 };
+
+namespace {
+// Reports each close of a descriptor of the lock file, for one waiter at a time.
+class lock_watch : unique {
+  public:
+    lock_watch(lock_descriptors *idle, const registry_directory &directory)
+        : idle_(idle), fd_(idle->take([&] { return opened(directory); })) {}
+    ~lock_watch() {
+        if (fd_ >= 0) idle_->give_back(fd_);
+    }
+
+    // -1 if the system grants none.
+    int fd() const { return fd_; }
+
+  private:
+    static int opened(const registry_directory &directory) {
+        unique_fd fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        const std::string path =
+            "/proc/self/fd/" + std::to_string(directory.fd()) + "/" + registry_directory::LOCK_FILE;
+        if (!fd.valid() || inotify_add_watch(fd.get(), path.c_str(), IN_CLOSE_WRITE) < 0) return -1;
+        return fd.release();
+    }
+
+    lock_descriptors *idle_;
+    int fd_;
+};
+}  // namespace
 
 // ---- Users of locks -----------------------------------------------------------------------------
 
@@ -286,16 +332,19 @@ static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wa
 std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover & /*wanted*/) {
     lock_offsets at = offsets_of(name, &words_);
-    auto lock = std::make_shared<file_lock>(shared_from_this());
+    auto lock = std::make_shared<file_lock>(shared_from_this(), at.waits);
     auto granted = [&] {
         return mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at);
     };
     if (granted()) return lock;
     release_moments();  // the holder of the lock may have to wait for their end
     uint32_t wait_ms = limit.ms();
-    for (deadline wait(wait_ms); wait.pause();) {
+    lock_watch watch(&watches_.get(), *directory_);
+    deadline wait(wait_ms);
+    do {
+        at.waits->store(1);
         if (granted()) return lock;
-    }
+    } while (wait.pause(watch.fd()));
     throw not_granted(name, mode, wait_ms);
 }
 
@@ -308,7 +357,7 @@ std::vector<std::shared_ptr<held_lock>> file_locks::acquire_all(const std::vecto
     const uint32_t wait_ms = limit.ms();
     deadline wait(wait_ms);
     do {
-        auto lock = std::make_shared<file_lock>(shared_from_this());
+        auto lock = std::make_shared<file_lock>(shared_from_this(), nullptr);
         deadline window(std::min(WINDOW_MS, wait_ms));
         do {
             if (lock->try_all(whole)) return {lock};

@@ -16,12 +16,18 @@
 // WINDOW_MS opens the gates for a moment, so that holders of a lock that wait for a further one go
 // on, and readers wait no longer than that for a holder that does not end.
 //
+// A waiter watches the lock file with inotify: it is woken when a descriptor of the file is closed,
+// as that of a holder that dies, and as that of a released lock if the hint says that somebody waits
+// for it. Where the system grants no watch, and for a hint that is wrong, short sleeps are the net
+// below.
+//
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked
 // child closes the descriptors, which would keep the parent's locks alive.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -34,13 +40,14 @@
 
 namespace keyview::host {
 
-// Descriptors of the lock file that hold no lock at present.
+// Descriptors of the lock file that hold no lock at present, or its watches that nobody reads.
 class lock_descriptors {
   public:
     lock_descriptors() { idle_.reserve(MAX_IDLE); }
     ~lock_descriptors();
 
-    int take(const registry_directory &directory);
+    // An idle one, else what open returns.
+    int take(const std::function<int()> &open);
     void give_back(int fd) noexcept;
 
   private:
@@ -73,6 +80,7 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
 
     std::shared_ptr<const registry_directory> directory_;
     per_process<lock_descriptors> descriptors_;
+    per_process<lock_descriptors> watches_;
     shared_words words_;
 };
 

@@ -2,6 +2,7 @@
 //
 //     1,024 of 4 bytes   hints: whether a writer requests a lock with this hash
 //     512 of 8 bytes     change counts of parts of the tree; odd while a change is under way
+//     1,024 of 4 bytes   hints: whether somebody waits for a lock with this hash
 //
 // A part is a key of three elements with all below it, as a database is; several parts share a
 // count. A count goes up before and after each change of a part. So two reads of
@@ -31,6 +32,7 @@ class shared_words {
 
     hint *hint_of(uint64_t lock_hash) { return &words()->hints[lock_hash % HINTS]; }
 
+    hint *waits_of(uint64_t lock_hash) { return &words()->waits[lock_hash % HINTS]; }
     auto &hints() { return words()->hints; }
 
     // The count of the part that a key is in; null for a key above all parts.
@@ -46,6 +48,7 @@ class shared_words {
     struct layout {
         hint hints[HINTS];
         change_count counts[COUNTS];
+        hint waits[HINTS];
     };
     static_assert(hint::is_always_lock_free && change_count::is_always_lock_free,
                   "other processes use the words");

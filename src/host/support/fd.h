@@ -22,6 +22,7 @@ class unique_fd {
 
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
 
   private:
     int fd_ = -1;

@@ -1,7 +1,6 @@
 // The fork handlers of the kit.
 #include "host/support/fork.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -51,14 +50,14 @@ static bool set_handlers() noexcept {
 // Set when the library is loaded. If that fails, no lock can be opened.
 static const bool handlers_set = set_handlers();
 
-int open_parent_only(int directory, const char *name, int flags) {
+int open_parent_only(const std::function<int()> &open) {
     if (!handlers_set) {
         errno = ENOMEM;
         return -1;
     }
     std::lock_guard guard(fork_mutex());
     parent_only().reserve(parent_only().size() + 1);
-    int fd = openat(directory, name, flags | O_CLOEXEC | O_NOFOLLOW);
+    int fd = open();
     if (fd >= 0) parent_only().push_back(fd);
     return fd;
 }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -19,8 +20,8 @@ uint64_t fork_generation() noexcept;
 // work only; no other mutex is locked inside.
 std::mutex &fork_mutex() noexcept;
 
-// A descriptor that a forked child closes at once; also closed by an exec.
-int open_parent_only(int directory, const char *name, int flags);
+// A descriptor that a forked child closes at once. open returns it, or -1 with errno.
+int open_parent_only(const std::function<int()> &open);
 void close_parent_only(int fd) noexcept;
 
 // One T for each process that a fork makes, built at its first use there. The T of an ancestor is
