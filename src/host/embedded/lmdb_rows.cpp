@@ -62,21 +62,42 @@ void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_
         visit_damaged(rows.key(), rows.bytes());
 }
 
+// Whether the list that an absent key would be in has all of its keys, and a list without damage. The
+// key is then none of the damaged neighbours.
+static bool absence_is_sure(const environment &env, MDB_txn *txn, std::string_view path) {
+    std::string_view parent = parent_path(path);
+    if (parent.empty()) return false;
+    row above;
+    row_state state = look_up(env, txn, parent, &above);
+    if (state == row_state::absent) return absence_is_sure(env, txn, parent);
+    bool sure = state == row_state::sound;
+    uint32_t children = 0;
+    cursor_guard cursor = open_cursor(env, txn);
+    visit_below(env, cursor.get(), parent, reach::children,
+                [&](std::string_view key, std::string_view bytes) {
+                    row child;
+                    sure = sure && read_row(key, bytes, &child);
+                    ++children;
+                });
+    return sure && children == above.children;
+}
+
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
     row_state state = look_up(env, txn, path, out);
     if (state == row_state::damaged) throw damaged_row(path);
     if (state == row_state::sound) return true;
-    visit_damaged_neighbours(env, txn, path, [](std::string_view key, std::string_view bytes) {
-        throw damaged_row(path_of_row(key, bytes));
+    visit_damaged_neighbours(env, txn, path, [&](std::string_view key, std::string_view bytes) {
+        if (!absence_is_sure(env, txn, path)) throw damaged_row(path_of_row(key, bytes));
     });
     return false;
 }
 
 host_error damaged_row(std::string_view path) {
-    return host_error(failure::content,
-                      "the registry is damaged: the stored bytes of " + std::string(path) +
-                          " are not those that were written; set or remove the key, or restore "
-                          "the registry from a saved cluster document");
+    return host_error(
+        failure::content,
+        "the registry is damaged: the stored bytes of " + std::string(path) +
+            " are not those that were written; set the key anew, remove it (\"keyviewctl rm "
+            "KEY\"), or restore a backup (\"keyviewctl restore FILE --force\")");
 }
 
 }  // namespace keyview::host

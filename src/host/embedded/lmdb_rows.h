@@ -75,7 +75,8 @@ void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_
                               const row_visitor &visit);
 
 // Like look_up, for callers that need a sound row: false if there is no such key; throws
-// failure::content if its row is damaged or may be a damaged neighbour.
+// failure::content if its row is damaged or may be a damaged neighbour, which it cannot be if the list
+// that it would be in is complete and sound.
 bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *out);
 
 host_error damaged_row(std::string_view path);

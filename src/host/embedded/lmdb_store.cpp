@@ -8,6 +8,7 @@
 
 #include "host/embedded/lmdb_rows.h"
 #include "host/embedded/lmdb_writer.h"
+#include "host/embedded/pages/file_head.h"
 #include "host/registry/lock_wait.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
@@ -20,10 +21,8 @@ namespace keyview::host {
 static constexpr uint32_t SHORTEST_WRITE_WAIT_MS = 10000;
 
 static host_error damaged_list(std::string_view path) {
-    return host_error(failure::content,
-                      "the registry is damaged: keys below " + std::string(path) +
-                          " are missing or not where they belong; restore the registry from a "
-                          "saved cluster document");
+    return host_error(failure::content, "the registry is damaged: keys below " + std::string(path) +
+                                            " are missing or not where they belong" + RESTORE);
 }
 
 // ---- Copies -------------------------------------------------------------------------------------
@@ -104,7 +103,10 @@ bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *ou
         std::string_view key = rows.key();
         if (key_is_hashed(key)) return false;
         row found;
-        if (!read_row(key, rows.bytes(), &found)) throw damaged_row(path_of_row(key, rows.bytes()));
+        bool sound = read_row(key, rows.bytes(), &found);
+        // A damaged row behind the range is another part's, unless one of ours is missing.
+        if (!sound && (rows.in_range() || !out->complete()))
+            throw damaged_row(path_of_row(key, rows.bytes()));
         size_t end = list.size();
         bool goes_on =
             key.size() > end && key[end] == '\0' && memcmp(key.data(), list.data(), end) == 0;

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "platform/kvtc.h"
+
 namespace keyview::host {
 
 last_failure &thread_failure() noexcept {
@@ -15,6 +17,8 @@ last_failure &thread_failure() noexcept {
 static failure kind_of(int32_t code) {
     if (code == BAD_ARGUMENT || code == NAME_TOO_LONG) return failure::usage;
     if (code == LOCK_FAILED) return failure::lock;
+    if (code == KVTC_ERR_MORE_DATA)
+        return failure::content;  // a value is longer than its readers take
     return code == NO_MEMORY ? failure::internal : failure::registry;
 }
 
