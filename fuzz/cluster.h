@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "admin/care/export.h"
 #include "admin/document/document.h"
 #include "host/if/keyview_host.h"
 #include "keyview/if/prsr.h"
@@ -93,7 +94,7 @@ inline void apply_filler(int number, size_t bytes) {
 
 // The databases of the registry as an export tells them.
 inline nlohmann::json exported_databases() {
-    return nlohmann::json::parse(admin::export_document())["databases"];
+    return nlohmann::json::parse(admin::export_document(false).document)["databases"];
 }
 
 class context {

@@ -205,7 +205,7 @@ class Flips : public testing::Test {
     int check() {
         return in_process([] {
             try {
-                return admin::check_registry().damage.empty() ? 0 : 1;
+                return admin::check_registry().findings.empty() ? 0 : 1;
             } catch (const admin::error &) {
                 return 2;
             }

@@ -122,7 +122,7 @@ static void read_all_keys(const client &keys, const std::string &path) {
 }
 
 static void registry_is_sound() {
-    require(admin::check_registry().damage.empty(), "the check reports damage");
+    require(admin::check_registry().findings.empty(), "the check reports damage");
     (void)exported_databases();
     read_all_keys(client(), "DATABASE");
 }

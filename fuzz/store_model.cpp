@@ -113,10 +113,10 @@ static void run(uint32_t seed) {
         for (const change &one : changes)
             expect_same(keys, model, one.path == "a" ? "a" : parent_of(one.path));
         expect_same(keys, model, "a");
-        admin::check_report report = admin::check_registry();
+        admin::inspection_report report = admin::check_registry();
         EXPECT_EQ(report.keys, model.size());
-        for (const admin::problem &one : report.damage.kept())
-            FAIL() << one.place << one.reason;
+        for (const admin::finding &one : report.findings)
+            FAIL() << one.path << one.reason;
     }
     for (const std::string &path : paths)
         expect_same(keys, model, path);

@@ -36,10 +36,12 @@ class error : public std::runtime_error {
 // are only counted.
 class problem_list {
   public:
-    static constexpr size_t LIMIT = 20;
+    static constexpr size_t LIMIT = 20, NO_LIMIT = SIZE_MAX;
+
+    explicit problem_list(size_t limit = LIMIT) : limit_(limit) {}
 
     void add(std::string place, std::string reason) {
-        if (kept_.size() < LIMIT) {
+        if (kept_.size() < limit_) {
             kept_.push_back({std::move(place), std::move(reason)});
         } else {
             ++more_;
@@ -56,6 +58,7 @@ class problem_list {
     }
 
   private:
+    size_t limit_;
     std::vector<problem> kept_;
     uint64_t more_ = 0;
 };

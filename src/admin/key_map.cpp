@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "model/path.h"
 #include "model/records.h"
 
 namespace keyview::admin {
@@ -17,6 +18,12 @@ bool path_order::operator()(std::string_view a, std::string_view b) const {
 bool below_a_root(std::string_view path) {
     return std::any_of(SECTIONS.begin(), SECTIONS.end(),
                        [&](const list_row &section) { return path_within(path, section.key); });
+}
+
+void remove_below(const std::string &path, key_map *keys) {
+    auto at = keys->lower_bound(path);
+    while (at != keys->end() && path_within(at->first, path))
+        at = keys->erase(at);
 }
 
 std::vector<key_change> differences(const key_map &before, const key_map &after) {

@@ -17,6 +17,9 @@ struct path_order {
 
 using key_map = std::map<std::string, std::string, path_order>;
 
+// Removes a key with all that is below it.
+void remove_below(const std::string &path, key_map *keys);
+
 // What happened, or would happen, to one key; no value means that there is no key.
 struct key_change {
     std::string path;

@@ -122,7 +122,7 @@ class marked_run {
             return found;
         throw host_error(failure::content,
                          "the journal of the change set is damaged: apply the whole document anew, "
-                         "or restore a backup");
+                         "or restore a backup (\"keyviewctl restore FILE --force\")");
     }
 
   private:

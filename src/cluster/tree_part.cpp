@@ -106,7 +106,8 @@ host_error damaged(const std::string &key, size_t head) {
     while (!elements.empty() && elements.back() == SEPARATOR)
         elements.remove_suffix(1);
     return {failure::content, "the tree in the cluster is damaged at '" +
-                                  path_of_elements(elements) + "': run keyviewctl check"};
+                                  path_of_elements(elements) +
+                                  "': \"keyviewctl lint\" lists the remedies"};
 }
 
 class copier {

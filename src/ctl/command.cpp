@@ -47,6 +47,9 @@ static constexpr argument_row ARGUMENTS[] = {
     {"--resume", "Complete it", false, &tool::resume},
     {"--undo", "Take it back", false, &tool::undo},
     {"--fields", "The fields of a cluster document instead", false, &tool::fields},
+    {"--findings", "What check, lint and export find instead", false, &tool::findings},
+    {"--salvage", "Leave out what is damaged, and list it: exit code 8 if there is any", false,
+     &tool::salvage},
 };
 
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,

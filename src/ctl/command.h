@@ -28,6 +28,7 @@ struct tool {
     // What commands have as options; see ARGUMENTS in command.cpp.
     bool dry_run = false, yes = false, prune = false, force = false;
     bool resume = false, undo = false, fields = false, overwrite = false;
+    bool findings = false, salvage = false;
     bool quiet = false, verbose = false;
     uint64_t if_revision = 0;
     const CLI::App *app = nullptr;
@@ -57,6 +58,9 @@ void add_help_commands(CLI::App *app, tool *shared);          // help, version, 
 // One command: run takes no arguments, what it needs is bound to it. A plain one uses no registry.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
                       const std::function<exit_code()> &run, bool plain = false);
+
+// The table of what check, lint and export find.
+exit_code show_findings(const tool &shared);
 
 // What a command was given, in the order of its arguments; "" for one that was not.
 using given_names = std::vector<std::string>;

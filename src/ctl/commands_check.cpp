@@ -1,39 +1,42 @@
 // check and lint: whether the registry is damaged, and what its readers misread.
+#include <CLI/CLI.hpp>
+
 #include "admin/care/inspection.h"
-#include "admin/care/lint.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
 namespace keyview::ctl {
 
-static view damage_view(const admin::problem &found) {
-    return {view_fields{{"place", {found.place}}, {"reason", {found.reason}}}};
-}
-
 // The findings are the result; a check that could not be made is an error.
 static exit_code run_check(const tool &shared, const given_names &) {
-    admin::check_report report =
+    static constexpr size_t MOST_SHOWN = admin::problem_list::LIMIT;
+    admin::inspection_report report =
         attempt("the registry cannot be checked", shared.registry, admin::check_registry);
-    view_list findings;
-    for (const admin::problem &found : report.damage.kept())
-        findings.push_back(damage_view(found));
     bool people = shared.format == output_format::table;
-    if (people && findings.empty()) {
+    if (people && report.findings.empty()) {
         write_result("no damage: " + std::to_string(report.keys) + " keys on " +
                      std::to_string(report.pages) + " pages\n");
         return EXIT_DONE;
     }
-    if (people && report.damage.more() > 0) {
-        findings.push_back(
-            damage_view({"...", "and " + std::to_string(report.damage.more()) + " more"}));
+    view_list rows;
+    for (const admin::finding &found : report.findings) {
+        if (rows.size() == MOST_SHOWN) break;
+        view_fields row = {{"place", {found.path}}, {"reason", {found.reason}}};
+        if (!people) row.insert(row.begin(), {"rule", {found.row->name}});
+        rows.push_back({std::move(row)});
     }
-    bool sound = findings.empty();
+    size_t more = report.findings.size() - rows.size();
+    if (people && more > 0) {
+        rows.push_back({view_fields{{"place", {"..."}},
+                                    {"reason", {"and " + std::to_string(more) + " more"}}}});
+    }
+    bool sound = rows.empty();
     show_answer(shared.format, "check",
                 {{"keys", count_view(report.keys)},
                  {"pages", count_view(report.pages)},
-                 {"more_findings", count_view(report.damage.more())},
-                 {"findings", {std::move(findings)}}});
+                 {"more_findings", count_view(more)},
+                 {"findings", {std::move(rows)}}});
     return sound ? EXIT_DONE : EXIT_CONTENT;
 }
 
@@ -49,20 +52,22 @@ static std::string remedy_of(const admin::finding &found) {
 }
 
 static view finding_view(const admin::finding &found) {
-    return {view_fields{{"rule", {found.rule}},
-                        {"severity", {found.severity}},
+    return {view_fields{{"rule", {found.row->name}},
+                        {"severity", {found.row->severity}},
                         {"path", {found.path}},
+                        {"reason", {found.reason}},
                         {"readers_see", {found.readers_see}},
                         {"mend", optional_view(remedy_of(found))},
                         {"decide", optional_view(found.decision)}}};
 }
 
-static std::string findings_for_people(const admin::lint_result &result) {
-    if (result.findings.empty())
-        return "nothing to mend: " + std::to_string(result.keys) + " keys inspected\n";
+static std::string findings_for_people(const admin::inspection_report &report) {
+    if (report.findings.empty())
+        return "nothing to mend: " + std::to_string(report.keys) + " keys inspected\n";
     std::string out;
-    for (const admin::finding &found : result.findings) {
-        out += std::string(found.severity) + " " + found.rule + ": " + escaped(found.path) +
+    for (const admin::finding &found : report.findings) {
+        out += std::string(found.row->severity) + " " + found.row->name + ": " +
+               escaped(found.path) + "\n  " + escaped(found.reason) +
                "\n  readers see: " + escaped(found.readers_see) +
                (found.remedy.empty() ? "\n  decide:      " + escaped(found.decision)
                                      : "\n  mend:        " + escaped(remedy_of(found))) +
@@ -72,19 +77,47 @@ static std::string findings_for_people(const admin::lint_result &result) {
 }
 
 static exit_code run_lint(const tool &shared, const given_names &) {
-    admin::lint_result result =
+    admin::inspection_report report =
         attempt("the registry cannot be inspected", shared.registry, admin::lint_registry);
-    exit_code code = result.findings.empty() ? EXIT_DONE : EXIT_CONTENT;
+    exit_code code = report.findings.empty() ? EXIT_DONE : EXIT_CONTENT;
     if (shared.format == output_format::table) {
-        write_result(findings_for_people(result));
+        write_result(findings_for_people(report));
         return code;
     }
     view_list findings;
-    for (const admin::finding &found : result.findings)
+    for (const admin::finding &found : report.findings)
         findings.push_back(finding_view(found));
     show_answer(shared.format, "lint",
-                {{"keys", count_view(result.keys)}, {"findings", {std::move(findings)}}});
+                {{"keys", count_view(report.keys)}, {"findings", {std::move(findings)}}});
     return code;
+}
+
+// ---- The table of findings ----------------------------------------------------------------------
+
+static const char *yes_or_no(bool yes) {
+    return yes ? "yes" : "no";
+}
+
+exit_code show_findings(const tool &shared) {
+    view_list rows;
+    for (const admin::finding_row &row : admin::finding_rows()) {
+        rows.push_back({view_fields{{"rule", {row.name}},
+                                    {"severity", {row.severity}},
+                                    {"meaning", {row.meaning}},
+                                    {"remedy", {row.remedy}},
+                                    {"check", {yes_or_no(row.by_check)}},
+                                    {"lint", {yes_or_no(row.by_lint)}},
+                                    {"export", {yes_or_no(row.by_export)}}}});
+    }
+    return show_result(shared.format, "findings", "findings", {std::move(rows)});
+}
+
+// For the help of a command.
+static std::string coverage(bool admin::finding_row::*covers) {
+    std::string others;
+    for (const admin::finding_row &row : admin::finding_rows())
+        if (!(row.*covers)) others += (others.empty() ? "" : ", ") + std::string(row.name);
+    return "Of what \"keyviewctl explain --findings\" lists it finds all but " + others + ".";
 }
 
 static constexpr command_row COMMANDS[] = {
@@ -97,6 +130,9 @@ static constexpr command_row COMMANDS[] = {
 
 void add_check_commands(CLI::App *app, tool *shared) {
     add_commands(app, shared, COMMANDS);
+    app->get_subcommand("check")->footer(coverage(&admin::finding_row::by_check));
+    app->get_subcommand("lint")->footer(coverage(&admin::finding_row::by_lint));
+    app->get_subcommand("export")->footer(coverage(&admin::finding_row::by_export));
 }
 
 }  // namespace keyview::ctl

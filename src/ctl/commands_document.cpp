@@ -1,5 +1,6 @@
 // apply, diff and export: cluster documents into the registry, beside it and out of it.
 #include "admin/care/backup.h"
+#include "admin/care/export.h"
 #include "admin/document/document.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
@@ -40,15 +41,16 @@ static exit_code run_export(const tool &shared, const given_names &names) {
                          "use -o json or yaml, or leave -o out; \"tree -o cmd\" writes commands"};
     }
     const std::string &file = names[0];
-    std::string document =
-        attempt("the tree cannot be exported", shared.registry, admin::export_document);
+    admin::exported tree = attempt("the tree cannot be exported", shared.registry,
+                                   [&] { return admin::export_document(shared.salvage); });
     yaml = yaml || (none && has_yaml_name(file));
     bool prints = file.empty() || file == "-";
-    const ordered_json value = yaml ? ordered_json::parse(document) : nullptr;
+    const ordered_json value = yaml ? ordered_json::parse(tree.document) : nullptr;
     if (prints && yaml) write_yaml(value);
-    if (prints && !yaml) write_json(document);
-    if (!prints) replace_file(file, yaml ? yaml_of(value, false) : document);
-    return EXIT_DONE;
+    if (prints && !yaml) write_json(tree.document);
+    if (!prints && !tree.left_out.empty()) require_absent(file);
+    if (!prints) replace_file(file, yaml ? yaml_of(value, false) : tree.document);
+    return report_left_out(shared.registry, tree.left_out);
 }
 
 static constexpr command_row COMMANDS[] = {
@@ -58,7 +60,7 @@ static constexpr command_row COMMANDS[] = {
      "Show what applying a document, or restoring a backup, would change; exit code 1 if anything",
      "FILE --prune", run_diff},
     {"export", "Write the tree as a cluster document: JSON, or YAML for -o yaml and names in .yaml",
-     "[FILE]", run_export},
+     "[FILE] --salvage", run_export},
 };
 
 void add_document_commands(CLI::App *app, tool *shared) {

@@ -127,6 +127,7 @@ static exit_code show_fields(const tool &shared) {
 static exit_code run_explain(const tool &shared, const given_names &names) {
     const std::string &path = names[0];
     if (shared.fields) return show_fields(shared);
+    if (shared.findings) return show_findings(shared);
     if (!path.empty()) {
         auto meaning = admin::meaning_of(path);
         if (!meaning) {
@@ -212,7 +213,7 @@ static constexpr command_row COMMANDS[] = {
     {"explain",
      "Explain what a key means, which commands use it and how it is stored; or all keys. A path may "
      "have <db> and such for its names",
-     "[KEY] --fields", run_explain, true},
+     "[KEY] --fields --findings", run_explain, true},
     {"rm", "Remove a key with all that is below it", "KEY --dry-run --if-revision --yes", run_rm},
     {"undo", "Take back the changes of a command, from the file that its answer names",
      "FILE --overwrite --dry-run --if-revision --yes", run_undo},

@@ -1,11 +1,14 @@
 // status: the picture of a database, or of all of them, on one screen.
+#include <algorithm>
+
+#include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/people_writer.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
 #include "ctl/text.h"
-#include "model/folding.h"
+#include "host/if/keyview_host.h"
 
 namespace keyview::ctl {
 
@@ -85,36 +88,85 @@ static int64_t enabled_of(record *const *records, uint32_t count) {
     return enabled;
 }
 
-static view database_row(const prsr_cfg &record, bool people) {
-    view_fields fields = {{"database", text_view(record.sp_name)},
-                          {people ? "state" : "enabled", enabled_view(record.enabled)},
-                          {"role", text_view(record.role)}};
+namespace {
+
+// What keeps a database from being shown in full, if anything does.
+struct trouble {
+    exit_code code = EXIT_DONE;
+    std::string why = {};
+};
+
+}  // namespace
+
+// Without a record only its name and the trouble are known.
+static view database_row(const std::string &name, const prsr_cfg *record, const trouble &found,
+                         bool people) {
+    auto known = [&](const view &shown) { return record == nullptr ? view{} : shown; };
+    view state = {coded{0, "unreadable", tone::bad}};
+    if (record != nullptr) state = enabled_view(record->enabled);
+    view_fields fields = {{"database", {name}},
+                          {people ? "state" : "enabled", people ? state : known(state)},
+                          {"role", record == nullptr ? view{} : text_view(record->role)}};
     auto add_share = [&](const std::string &what, int64_t enabled, int64_t all) {
         if (people) {
-            fields.push_back(
-                {what + " enabled", {std::to_string(enabled) + " of " + std::to_string(all)}});
+            std::string share = std::to_string(enabled) + " of " + std::to_string(all);
+            fields.push_back({what + " enabled", known({share})});
         } else {
-            fields.push_back({what, number_view(all)});
-            fields.push_back({what + "_enabled", number_view(enabled)});
+            fields.push_back({what, known(number_view(all))});
+            fields.push_back({what + "_enabled", known(number_view(enabled))});
         }
     };
-    add_share("instances", enabled_of(record.instances, record.instance_count),
-              record.instance_count);
-    add_share("services", enabled_of(record.services, record.service_count), record.service_count);
+    static constexpr prsr_cfg NOTHING = {};
+    const prsr_cfg &of = record == nullptr ? NOTHING : *record;
+    add_share("instances", enabled_of(of.instances, of.instance_count), of.instance_count);
+    add_share("services", enabled_of(of.services, of.service_count), of.service_count);
+    if (!people) {
+        fields.push_back(
+            {"error", found.code == EXIT_DONE ? view{} : text_view(exit_word(found.code))});
+        fields.push_back({"why", optional_view(found.why)});
+    }
     return {std::move(fields)};
 }
 
+// Several busy databases are waited for as long as one may be. A registry that fails as a whole ends
+// the command.
+static trouble trouble_of(const session &library, int32_t rc, const char *what) {
+    if (rc == PRSR_SUCCESS) return {};
+    tool_error failed = library.failure(rc, what);
+    if (failed.code == EXIT_LOCK) (void)keyview_host_set_lock_wait(0);
+    if (failed.code == EXIT_LOCK || failed.code == EXIT_CONTENT) return {failed.code, failed.why};
+    attempt(what, library.shared.registry, [] { return admin::registry::open().revision(); });
+    if (failed.code != EXIT_REGISTRY) throw failed;
+    return {EXIT_CONTENT, failed.why};
+}
+
+// The exit code is the highest one of a database.
 static exit_code show_all(const session &library) {
     static constexpr const char *WHAT = "the status of the cluster cannot be read";
     output_format format = library.shared.format;
+    bool people = format == output_format::table;
     view_list rows;
-    for (const view &name : database_names(library, WHAT)) {
-        fetched_database found(library, std::get<std::string>(name.value));
-        if (found.rc == PRSR_ERR_NO_DATABASE) continue;  // removed meanwhile
-        library.check(found.rc, WHAT);
-        rows.push_back(database_row(*found.record, format == output_format::table));
+    exit_code code = EXIT_DONE;
+    std::string troubles;
+    for (const admin::listed_database &one :
+         attempt(WHAT, library.shared.registry, admin::list_databases)) {
+        fetched_database fetched(library, one.element);
+        if (fetched.rc == PRSR_ERR_NO_DATABASE && one.reason.empty())
+            continue;  // removed meanwhile
+        trouble found = {EXIT_CONTENT, one.reason};
+        if (one.reason.empty()) found = trouble_of(library, fetched.rc, WHAT);
+        const prsr_cfg *record = fetched.rc == PRSR_SUCCESS ? fetched.record : nullptr;
+        std::string name = one.element;
+        if (record != nullptr && one.reason.empty()) name = text_of(record->sp_name);
+        rows.push_back(database_row(name, record, found, people));
+        if (found.code == EXIT_DONE) continue;
+        code = std::max(code, found.code);
+        troubles += "\n" + escaped(name) + ": " + escaped(found.why) +
+                    "\n  do: " + exit_rows().first[found.code].todo + "\n";
     }
-    return show_result(format, "cluster_status", "databases", {std::move(rows)});
+    show_result(format, "cluster_status", "databases", {std::move(rows)});
+    if (people) write_result(troubles);
+    return code;
 }
 
 static exit_code run_status(const session &library, const given_names &names) {

@@ -13,6 +13,8 @@ static constexpr const char *TRY_REGISTRY =
     "check that the registry exists, runs and may be used by this user";
 static constexpr const char *TRY_LATER = "try again when its holder is done";
 static constexpr const char *TRY_MEMORY = "try again with more memory";
+static constexpr const char *TRY_LINT =
+    "correct each fault listed; \"keyviewctl lint\" lists those of the registry with their remedies";
 static constexpr const char *REPORT_BUG = "report this: it is a mistake in keyview";
 
 // The first ones by code, from EXIT_DONE on.
@@ -27,8 +29,7 @@ static constexpr exit_row EXITS[] = {
     {EXIT_CHANGED, "changed", "the tree changed meanwhile",
      "read the tree again and repeat the command"},
     {EXIT_DENIED, "denied", "not permitted", "run it as a user who may use the registry"},
-    {EXIT_CONTENT, "content", "the content of the registry, or a document, is invalid",
-     "correct each fault listed; \"keyviewctl lint\" proposes how"},
+    {EXIT_CONTENT, "content", "the content of the registry, or a document, is invalid", TRY_LINT},
     {EXIT_INTERNAL, "internal", "no memory, the output failed, or a mistake in keyview",
      "make room for the output, or report it"},
     {130, "interrupted", "in a shell: ended by an interrupt", "nothing"},
@@ -88,7 +89,7 @@ static constexpr host_failure HOST_FAILURES[] = {
     {EXIT_LOCK, TRY_LATER},
     {EXIT_CHANGED, "read the tree again and repeat the command"},
     {EXIT_DENIED, "run it as a user who may change the registry"},
-    {EXIT_CONTENT, "correct each fault listed"},
+    {EXIT_CONTENT, TRY_LINT},
     {EXIT_INTERNAL, TRY_MEMORY},
 };
 

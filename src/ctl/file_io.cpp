@@ -169,4 +169,12 @@ void replace_file(const std::string &name, std::string_view content, int mode) {
     sync_folder(target);
 }
 
+void require_absent(const std::string &name) {
+    struct stat old;
+    if (stat(name.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) return;
+    throw tool_error{EXIT_USAGE, CANNOT_WRITE, file_label(name),
+                     "it exists, and what is salvaged is not the whole tree",
+                     "choose another name, or remove the file first"};
+}
+
 }  // namespace keyview::ctl

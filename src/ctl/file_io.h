@@ -23,4 +23,7 @@ std::string read_document(const std::string &name, const std::string &what);
 constexpr int KEEP_MODE = -1, PRIVATE_FILE = 0600;
 void replace_file(const std::string &name, std::string_view content, int mode = KEEP_MODE);
 
+// Throws if a file exists: what was salvaged must not replace a whole one.
+void require_absent(const std::string &name);
+
 }  // namespace keyview::ctl

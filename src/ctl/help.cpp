@@ -74,7 +74,9 @@ void add_examples(CLI::App *app) {
         for (const std::string &word : CLI::detail::split(row.command, ' '))
             command = command->get_subcommand(word);
         if (*row.task != '\0') command->group(row.task);
-        command->footer(std::string("Example:\n  keyviewctl ") + row.example);
+        std::string before = command->get_footer();
+        if (!before.empty()) before += "\n\n";
+        command->footer(before + "Example:\n  keyviewctl " + row.example);
     }
 }
 

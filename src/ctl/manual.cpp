@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "admin/care/findings.h"
 #include "admin/document/meanings.h"
 #include "ctl/exit_codes.h"
 
@@ -74,6 +75,13 @@ static std::string tool_page(const CLI::App &app) {
     out += ".SH EXIT STATUS\nThe same for every command.\n";
     for (const exit_row &row : exit_rows())
         out += term(std::to_string(row.code), std::string(row.meaning) + ". Do: " + row.todo + ".");
+    out += ".SH FINDINGS\nOf check, lint and export.\n";
+    for (const admin::finding_row &row : admin::finding_rows()) {
+        std::string by = row.by_check ? ", check" : "";
+        by += std::string(row.by_lint ? ", lint" : "") + (row.by_export ? ", export" : "");
+        out += term(row.name, std::string(row.meaning) + ". Found by " + by.substr(2) +
+                                  "; lint proposes: " + row.remedy + ".");
+    }
     out += ".SH EXAMPLES\n";
     for (const auto &row : EXAMPLES)
         out += term(row.command, row.what);

@@ -168,6 +168,12 @@ void fail(const admin::error &failed, const std::string &what, const std::string
                      failed.more_problems};
 }
 
+exit_code report_left_out(const std::string &registry, const admin::problem_list &left_out) {
+    if (left_out.empty()) return EXIT_DONE;
+    throw tool_error{EXIT_CONTENT, "what is sound was written; this was left out", registry,
+                     "",           "\"keyviewctl lint\" lists the remedies",       left_out.kept()};
+}
+
 static std::string error_text(const tool_error &error) {
     std::string out = painted(STDERR_FILENO, tone::bad, "keyviewctl:") + " " + escaped(error.what);
     if (!error.where.empty()) out += "\n  where: " + escaped(error.where);

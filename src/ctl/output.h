@@ -67,6 +67,9 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
 [[noreturn]] void fail(const admin::error &failed, const std::string &what,
                        const std::string &where);
 
+// Ends a command that saved what is sound: throws what was left out, if anything was.
+exit_code report_left_out(const std::string &registry, const admin::problem_list &left_out);
+
 // Runs a call of the administration and returns its result. what: "the registry is not backed up".
 template <typename work>
 auto attempt(const std::string &what, const std::string &where, work &&run) {

@@ -19,16 +19,14 @@ session::~session() {
     if (ctx_ != nullptr) (void)prsr_terminate(status_, ctx_);
 }
 
-void session::check(int32_t rc, const std::string &what) const {
-    if (rc == PRSR_SUCCESS) return;
-    const library_failure &failure = library_failure_of(rc);
-    std::string why = failure.host_knows ? keyview_host_last_error() : "";
-    if (why.empty()) why = failure.why;
-    exit_code code = failure.code;
-    if (failure.host_knows) code = exit_of_host_failure(keyview_host_last_error_kind(), code);
-    bool same = code == failure.code;
-    throw tool_error{code, what, shared.registry, why,
-                     same ? failure.todo : exit_rows().first[code].todo};
+tool_error session::failure(int32_t rc, const std::string &what) const {
+    const library_failure &known = library_failure_of(rc);
+    std::string why = known.host_knows ? keyview_host_last_error() : "";
+    if (why.empty()) why = known.why;
+    exit_code code = known.code;
+    if (known.host_knows) code = exit_of_host_failure(keyview_host_last_error_kind(), code);
+    bool same = code == known.code;
+    return {code, what, shared.registry, why, same ? known.todo : exit_rows().first[code].todo};
 }
 
 // A path's length is enough but for a value that was written by other means.

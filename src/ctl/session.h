@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ctl/command.h"
+#include "ctl/output.h"
 #include "keyview/if/prsr.h"
 
 namespace keyview::ctl {
@@ -17,8 +18,11 @@ class session {
     session &operator=(const session &) = delete;
     ~session();
 
-    // Throws the tool_error of a code other than PRSR_SUCCESS. what: "show database Sales".
-    void check(int32_t rc, const std::string &what) const;
+    // The tool_error of a code other than PRSR_SUCCESS; check throws it. what: "show database Sales".
+    tool_error failure(int32_t rc, const std::string &what) const;
+    void check(int32_t rc, const std::string &what) const {
+        if (rc != PRSR_SUCCESS) throw failure(rc, what);
+    }
 
     // Calls an operation with the context before its arguments; a std::string as its C string.
     template <typename operation, typename... types>

@@ -91,7 +91,7 @@ class Administrator(unittest.TestCase):
 READS = """list|show sales|show ledger|status|status sales|roster sales reporting|policy ledger booking|role sales
 domain sales|name sales|name sales Sales1|instance-on node5 ledger|enabled sales|supported sales reporting sales4
 stg node1 stg1|stg-name node1 stg1|stg-enabled node1 stg1|nodeapps node1|get DATABASE.DATABASES.sales.ENVIRONMENT
-ls DATABASE.STG|tree|explain|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config
+ls DATABASE.STG|tree|explain|explain --findings|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config
 disable sales --dry-run|role sales PRIMARY --dry-run|set DATABASE.DATABASES.sales.DOMAIN x --dry-run
 rm DATABASE.STG --dry-run""".replace("\n", "|").split("|")
 
@@ -406,38 +406,87 @@ class Keeping(Administrator):
             self.good("restore", self.path("full"), "--force", "--yes")
         self.assertEqual(sorted(os.listdir(self.folder)), [".local", "full", "registry", "saved"])
 
-    def test_lint_finds_each_fault_and_mends_what_needs_no_decision(self):
+    # What each finding is planted as: the keys with their values, None for a removal; words that the decision lists, or
+    # None where there is one remedy.
+    FINDINGS = {
+        "damaged": [({}, "keyviewctl set KEY VALUE")],
+        "name-missing": [({SALES: b""}, None), ({SALES + ".SERVICE.checkout*shop*example*com": b""}, "each * of checkout*shop")],
+        "name-other": [({SALES: b"Soles\0"}, "Soles"), ({"DATABASE.DATABASES.Sales.SPFILE": b"x\0",
+                        "DATABASE.DATABASES.Sales": b"Sales\0"}, "Sales in some case")],
+        "name-long": [({SALES + ".INSTANCE.sales2": b"Sales2\0\0"}, None)],
+        "name-unended": [({SALES: b"Sales"}, None)],
+        "name-form": [({SALES + ".INSTANCE." + "i" * 1024: b"i" * 1024 + b"\0"}, "under which name")],
+        "path-long": [({"DATABASE.DATABASES." + "d" * 2015: b"d" * 2015 + b"\0"}, "under which shorter name")],
+        "type-case": [({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"available\0"}, None),
+                      ({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"PREFERRED"}, None),
+                      ({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"both\0"}, "PREFERRED or AVAILABLE")],
+        "type-missing": [({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": None}, "PREFERRED or AVAILABLE")],
+        "instance-missing": [({SALES + ".SERVICE.reporting.INSTANCES.sales9": b"Sales9\0",
+                               SALES + ".SERVICE.reporting.INSTANCES.sales9.TYPE": b"AVAILABLE\0"}, "leaves it out")],
+        "flag-two-ways": [({SALES + ".ENABLED": word}, "true or false") for word in (b"yes\0", b"", b"tru\0")],
+        "flag-case": [({SALES + ".ENABLED": b"TRUE\0"}, None)],
+        "word-unknown": [({SALES + ".ROLE": b"MASTER\0"}, "SNAPSHOT_STANDBY"), ({SALES + ".ROLE": b""}, "PRIMARY, PHYSICAL_STANDBY"),
+                         ({SALES + ".ROLE": b"PHYSICAL_STAN"}, "PRIMARY"), ({SALES + ".ROLE": b"\xc3\x28\0"}, "PRIMARY"),
+                         ({SALES + ".SERVICE.reporting.RCNPOLICY": b"SOME\0"}, "BASIC, PRECONNECT")],
+        "list-single": [({SALES + ".ENVIRONMENT": b"A=1\0"}, None)],
+        "list-form": [({SALES + ".ENVIRONMENT": b"A\0B\0"}, None), ({SALES + ".ENVIRONMENT": b""}, None),
+                      ({SALES + ".ENVIRONMENT": b"A\0B"}, "cut short"), ({SALES + ".ENVIRONMENT": b"A\0\0B\0\0"}, "which strings")],
+        "value-long": [({SALES + ".SPFILE": b"x" * 1025}, "1,024 bytes"), ({SALES + ".ENABLED": b"true" + b"\0" * 1021}, "1,024 bytes")],
+        "value-unended": [({SALES + ".SPFILE": b"x"}, "cut short"), ({SALES + ".SPFILE": b""}, "cut short"),
+                          ({SALES + ".ROLE": b"PRIMARY"}, None), ({SALES + ".ENABLED": b"True"}, None)],
+        "value-zero": [({SALES + ".SPFILE": b"x\0y\0"}, "belongs to it"), ({SALES + ".ROLE": b"primary\0\0"}, None)],
+        "value-form": [({"DATABASE.NODEAPPS.node1.VIP": b"\0"}, "VIP.IP")],
+        "node-twice": [({SALES + ".INSTANCE.sales2.NODE": b"node1\0"}, "sales2")],
+        "node-case": [({SALES + ".INSTANCE.sales2.NODE": b"Node2\0"}, None)],
+        "scope-name": [({"DATABASE.STG.Node1.a": b"a\0"}, "in lower case")],
+        "parent-empty": [({"DATABASE.STG.node99": b""}, None), ({"DATABASE.DATABASES.sandbox.DB_CLU_ALIAS": b""}, None)],
+        "parent-value": [({SALES + ".DB_CLU_ALIAS": b"x\0"}, ""), ({"DATABASE.STG.node1": b"x"}, "")],
+        "key-unknown": [({SALES + ".FUTURE": b"x\0"}, ""), ({SALES + ".SPFILE.MORE.x": b"x\0"}, "")],
+    }
+
+    # Each finding in turn: what lint, check and export report, by the table of findings, and what lint proposes.
+    def test_check_lint_and_export_agree_on_each_finding(self):
         self.assertEqual(self.json("lint")["findings"], [])
-        instance, service = SALES + ".INSTANCE.sales2", SALES + ".SERVICE.reporting.INSTANCES.sales3"
-        missing = SALES + ".SERVICE.reporting.INSTANCES.sales9"
-        # The words that a decision names; None where there is one remedy.
-        faults = [("name-missing", SALES, b"", None), ("name-other", SALES, b"Soles\0", "Soles"),
-                  ("name-long", instance, b"Sales2\0\0", None), ("type-case", service + ".TYPE", b"available\0", None),
-                  ("type-case", service + ".TYPE", b"both\0", "PREFERRED or AVAILABLE"),
-                  ("type-missing", service + ".TYPE", None, "PREFERRED or AVAILABLE"),
-                  ("flag-two-ways", SALES + ".ENABLED", b"yes\0", "true or false"),
-                  ("list-single", SALES + ".ENVIRONMENT", b"A=1\0", None), ("list-form", SALES + ".ENVIRONMENT", b"A\0B\0", None),
-                  ("value-long", SALES + ".SPFILE", b"x" * 1025, "1,024 bytes"),
-                  ("word-unknown", SALES + ".ROLE", b"MASTER\0", "SNAPSHOT_STANDBY"),
-                  ("word-unknown", SALES + ".SERVICE.reporting.RCNPOLICY", b"SOME\0", "BASIC, PRECONNECT"),
-                  ("node-twice", instance + ".NODE", b"node1\0", "sales2"), ("node-case", instance + ".NODE", b"Node2\0", None),
-                  ("instance-missing", missing, b"Sales9\0", "leaves it out")]
-        for rule, path, value, decision in faults:
-            if rule == "instance-missing":
-                self.store(path + ".TYPE", b"AVAILABLE\0")
-            self.good("rm", path) if value is None else self.store(path, value)
-            found = self.json("lint", code=8)["findings"]
-            self.assertEqual([one["rule"] for one in found], [rule])
-            self.assertIn(found[0]["path"].split(".TYPE")[0].split(".NODE")[0], path)
-            if decision is None:
-                self.assertIsNone(found[0]["decide"], rule)
-                subprocess.run(found[0]["mend"].replace("keyviewctl", TOOL, 1), shell=True, check=True, env=self.env,
-                               stdout=subprocess.DEVNULL)
-                self.assertEqual(self.json("lint")["findings"], [], rule)
-            else:
-                self.assertIsNone(found[0]["mend"], rule)
-                self.assertIn(decision, found[0]["decide"])
-            self.good("apply", EXAMPLE, "--prune")
+        table = {row["rule"]: row for row in self.json("explain", "--findings")["findings"]}
+        self.assertEqual(list(table), list(self.FINDINGS))
+        data = self.path("registry/data.mdb")
+        sound = content(data)
+        for rule, planted in self.FINDINGS.items():
+            for values, decision in planted:
+                for path, value in values.items():
+                    if value is not None:
+                        self.store(path, value)
+                    elif self.run_tool("get", path).returncode == 0:
+                        self.good("rm", path)
+                if not values:
+                    with open(data, "r+b") as file:
+                        file.write(sound.replace(b"/opt/talven/4.2\0", b"/opt/talven/4.3\0"))
+                with self.subTest(rule, values=list(values)):
+                    row = table[rule]
+                    def reported(command, places):
+                        ended = self.run_tool(command, "-o", "json")
+                        document = json.loads((ended.stderr if command == "export" and ended.returncode else ended.stdout))
+                        found = document.get(places, [])
+                        self.assertEqual(ended.returncode, 8 if row[command] == "yes" else 0, command)
+                        self.assertEqual(bool(found), row[command] == "yes", command)
+                        self.assertLessEqual({one.get("rule", rule) for one in found}, {rule})
+                        return found
+                    found = reported("lint", "findings")
+                    lists = [[(one.get("path", one.get("place")), one["reason"]) for one in list_]
+                             for list_ in (found, reported("check", "findings"), reported("export", "problems")) if list_]
+                    self.assertEqual(lists, [lists[0]] * len(lists))
+                    for one in found:  # where only a person can know, there is nothing to paste
+                        self.assertEqual(one["severity"], row["severity"])
+                        self.assertEqual((one["mend"] is None, one["decide"] is None), (decision is not None, decision is None))
+                        self.assertIn(decision or "", one["decide"] or "")
+                        self.assertIn("decides" if decision else one["mend"].split()[1], row["remedy"])
+                        if decision is None:
+                            subprocess.run(one["mend"].replace("keyviewctl", TOOL, 1), shell=True, check=True, env=self.env,
+                                           stdout=subprocess.DEVNULL)
+                    if decision is None:
+                        self.assertEqual(self.json("lint")["findings"], [])
+                shutil.rmtree(self.path("registry"))
+                self.good("apply", EXAMPLE)
 
     def test_what_is_reported_is_what_was_done(self):
         def start(*arguments):
@@ -543,6 +592,213 @@ class Keeping(Administrator):
         begun = time.monotonic()
         self.assertEqual(len(self.good("list").splitlines()), 1000)
         print("list of 1,000 databases: %.0f ms" % ((time.monotonic() - begun) * 1000))
+
+
+# The element of a path as LMDB has it, with the head of its row behind it.
+def row_of(path):
+    parent, _, element = path.rpartition(".")
+    return (parent.replace(".", "\1") + "\0" + element).encode() + b"\1\0\0\0"
+
+
+class Damage(Administrator):
+    def setUp(self):
+        super().setUp()
+        self.folder = tempfile.mkdtemp(dir="/dev/shm")  # a disk would have to sync some hundred files
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.url = self.env["KEYVIEW_REGISTRY"] = "lmdb:" + self.path("registry")
+        self.good("apply", EXAMPLE)
+        self.data = self.path("registry/data.mdb")
+        self.sound = content(self.data)
+        self.before = self.tree(self.url)
+        self.good("backup", self.path("saved"))
+
+    def tree(self, url):
+        keys = self.json("tree", "--registry", url)["keys"]
+        return {key["path"]: key.get("value_base64") or key["value"] for key in keys}
+
+    def write(self, data):
+        with open(self.data, "r+b") as file:
+            file.write(data)
+            file.truncate()
+
+    # Flips a bit of the stored row of a key: of its checksum, or of the key itself.
+    def damage(self, path, of_key=False):
+        row, value = row_of(path), self.before[path].encode("utf-8")
+        data = bytearray(self.sound)
+        for at in (match.start() for match in re.finditer(re.escape(row), self.sound)):
+            data[at + (len(row) - 5 if of_key else len(row) + 4 + len(value))] ^= 1
+        self.assertNotEqual(data, self.sound)
+        self.write(data)
+
+    # A key of each kind: its path with <> for names, and the first key that is one, of database sales if there is one.
+    def kinds(self):
+        for meaning in self.json("explain")["meanings"]:
+            kind = re.compile(re.sub("<[a-z]+>", "[^.]+", re.escape(meaning["path"])) + "$")
+            found = [path for path in sorted(self.before, key=lambda path: not path.startswith(SALES + "."))
+                     if kind.match(path) and path != "DATABASE.DATABASES.ledger"]
+            if found and "." in found[0]:
+                yield meaning["path"], next((path for path in found if path == SALES), found[0])
+
+    # What is left after a damage, and what every command that saves or inspects says of it.
+    def check_salvage(self, key, others, expected):
+        named = json.loads(self.run_tool("lint", "-o", "json").stdout)["findings"]
+        self.assertIn(("damaged", key), [(one["rule"], one["path"]) for one in named])
+        first = key == SALES  # what holds of every damage is looked at once
+        for words in (["export"], ["backup", "-"], ["copy", "--to", "lmdb:" + self.path("none")])[:3 if first else 1]:
+            ended = self.run_tool(*words)
+            self.assertEqual((ended.returncode, ended.stdout), (8, b""), words)
+            self.assertIn(key, ended.stderr.decode())
+        self.assertFalse(os.path.exists(self.path("none")))
+        rows = {row["database"].lower(): row for row in json.loads(self.run_tool("status", "-o", "json").stdout)["databases"]}
+        for name, row in others.items():
+            self.assertEqual(rows.get(name), row, "the status of " + name)
+        for words in (["backup", "--salvage", self.path("part")], ["copy", "--salvage", "--to", "lmdb:" + self.path("copy")],
+                      ["export", "--salvage", self.path("part.json")]):
+            ended = self.run_tool(*words, "-o", "json")
+            self.assertEqual(ended.returncode, 8, ended.stderr)
+            error = json.loads(ended.stderr)
+            VALIDATOR.validate(error)
+            self.assertIn(key, [one["place"] for one in error["problems"]])
+            if first:
+                self.assertEqual(self.run_tool(*words, "-o", "json").returncode, 2, "nothing is replaced")
+        with open(self.path("part.json")) as file:
+            DOCUMENT.validate(json.load(file))
+        self.good("restore", self.path("part"), "--registry", "lmdb:" + self.path("fresh"))
+        for url in ("fresh", "copy"):
+            self.assertEqual(self.tree("lmdb:" + self.path(url)), expected)
+        self.good("apply", self.path("part.json"), "--registry", "lmdb:" + self.path("applied"))
+        applied = self.tree("lmdb:" + self.path("applied"))
+        return applied
+
+    def test_one_damaged_value_of_each_kind_takes_nothing_else_with_it(self):
+        rows = {row["database"].lower(): row for row in self.json("status")["databases"]}
+        kinds = 0
+        for kind, key in self.kinds():
+            kinds += 1
+            with self.subTest(kind, key=key):
+                for name in ("part", "part.json", "fresh", "copy", "applied"):
+                    subprocess.run(["rm", "-rf", self.path(name)], check=True)
+                self.damage(key)
+                names = key.split(".")
+                hit = names[2] if names[1] == "DATABASES" and len(names) > 2 else ""
+                others = {name: row for name, row in rows.items() if name != hit}
+                below = [path for path in self.before if path.startswith(key + ".")]
+                expected = {path: value for path, value in self.before.items() if path != key}
+                if below:
+                    expected[key] = ""
+                applied = self.check_salvage(key, others, expected)
+                gone = key.rpartition(".")[0] if key.endswith(".TYPE") else key
+                for path, value in self.before.items():
+                    # An empty parent has nothing to lose.
+                    lost = path == key or (key.endswith(".TYPE") and path.startswith(gone)) or (not value and key.startswith(path))
+                    self.assertEqual(applied.get(path), applied.get(path) if lost else value, path)
+                for command in ("show ledger", "show sandbox", "stg node2 stg2", "nodeapps node2"):
+                    if not set(command.split()[1:]) & set(names) and names[-1] not in ("DATABASES", "STG", "NODEAPPS"):
+                        self.good(*command.split())
+                self.good("set", key, "--as", "base64", base64.b64encode(self.before[key].encode()).decode())
+                self.good("check")
+                self.assertEqual(self.tree(self.url), self.before)
+                self.write(self.sound)
+        self.assertGreater(kinds, 35)
+
+    def test_one_misfit_of_each_kind_takes_nothing_else_with_it(self):
+        rows = {row["database"].lower(): row for row in self.json("status")["databases"]}
+        for kind, key in self.kinds():
+            names = key.split(".")
+            for value in (b"", b"\xff" * 2000):
+                with self.subTest(kind, key=key, value=value[:1]):
+                    self.store(key, value)
+                    ended = self.run_tool("status", "-o", "json")
+                    document = json.loads(ended.stdout)
+                    VALIDATOR.validate(document)
+                    shown = {row["database"].lower(): row for row in document["databases"]}
+                    for name in set(rows) - set(names):
+                        self.assertEqual(shown.get(name), rows[name])
+                    self.assertEqual(ended.returncode, 8 if any(row["error"] for row in shown.values()) else 0, ended.stdout)
+                    ended = self.run_tool("export", "--salvage", "-o", "json")
+                    salvaged = json.loads(ended.stdout)
+                    DOCUMENT.validate(salvaged)
+                    if ended.returncode:
+                        error = json.loads(ended.stderr)
+                        self.assertIn(key, [one["place"] for one in error["problems"]])
+                    whole = json.loads(content(EXAMPLE))
+                    for section in ("databases", "stg", "nodeapps"):
+                        for record in whole[section]:
+                            if not {record["name"].lower(), record.get("scope")} & set(names):
+                                self.assertIn(record, salvaged[section])
+                self.write(self.sound)
+
+    def test_status_shows_the_others_and_says_why(self):
+        self.damage(SALES + ".SPFILE")
+        self.good("set", "DATABASE.DATABASES.sandbox", "--as", "text", "Sandcastle")
+        healthy = [row for row in self.json("status", "--registry", self.url, code=8)["databases"] if row["error"] is None]
+        self.assertEqual([row["database"] for row in healthy], ["ledger", "SalesStandby"])
+        for lock, codes in ((None, ["content", "content"]), ("LKRT.DATABASE.DATABASES.ledger", ["lock", "content", "content"])):
+            run = ["lock", "run", lock, "--", TOOL] if lock else []
+            for form in ("json", "jsonl", "table"):
+                ended = self.run_tool(*run, "status", "-o", form, KEYVIEW_LOCK_WAIT="0")
+                self.assertEqual(ended.returncode, 8)
+                self.assertEqual(ended.stderr, b"")
+                text = ended.stdout.decode()
+                if form == "table":
+                    for words in ("SPFILE", "does not fold", "SalesStandby  enabled") + (("was not granted",) if lock else ()):
+                        self.assertIn(words, text)
+                    continue
+                documents = [json.loads(text)] if form == "json" else [json.loads(line) for line in text.splitlines()]
+                for document in documents:
+                    VALIDATOR.validate(document)
+                shown = documents[0]["databases"] if form == "json" else [one["item"] for one in documents]
+                self.assertEqual([row["database"] for row in shown][1:], ["sales", "SalesStandby", "sandbox"])
+                self.assertEqual([row["error"] for row in shown if row["error"]], codes)
+                self.assertTrue(all((row["why"] is None) == (row["error"] is None) for row in shown))
+        self.write(self.sound)
+        begun = time.monotonic()
+        locks = sum((["lock", "run", "LKRT.DATABASE.DATABASES." + name, "--", TOOL] for name in ("ledger", "sales", "sandbox")), [])
+        self.good(*locks[:-1], TOOL, "status", code=5, KEYVIEW_LOCK_WAIT="1")
+        self.assertLess(time.monotonic() - begun, 2.5, "all that are busy are waited for as long as one")
+
+    # Whatever names a command in a text on damage names one that works.
+    def test_what_is_advised_works(self):
+        def row_damage():
+            self.damage(SALES + ".START_OPTIONS")
+        def key_damage():
+            self.damage(SALES + ".START_OPTIONS", of_key=True)
+        def cut():
+            self.write(self.sound[:4096 * 6])
+        def page():
+            self.write(self.sound[:4096 * 3] + b"\xff" * 64 + self.sound[4096 * 3 + 64:])
+        commands = ["show Sales", "status", "status sales", "list", "export", "backup -", "copy --to lmdb:" + self.path("no"), "tree",
+                    "lint", "check", "doctor", "get %s.START_OPTIONS" % SALES, "role sales PRIMARY", "roster sales reporting",
+                    "backup --salvage " + self.path("s"), "export --salvage -", "copy --to lmdb:%s --salvage" % self.path("c"),
+                    "instance-on node1 sales", "disable sales", "lock list", "watch --for 0.1"]
+        for make in (row_damage, key_damage, cut, page):
+            make()
+            damaged, advice, found = content(self.data), set(), 0
+            key = next((one["place"] for one in json.loads(self.run_tool("check", "-o", "json").stdout)["findings"]
+                        if one["place"].startswith("DATABASE")), SALES)
+            for command in commands:
+                ended = self.run_tool(*command.split())
+                text = (ended.stdout + ended.stderr).decode()
+                named = set(re.findall('"keyviewctl ([^"]*)"', text)) - {"list", "show"}
+                if ended.returncode in (4, 8):
+                    found += 1
+                    self.assertTrue(named or command == "check", (make.__name__, command, text))
+                advice |= named
+                self.write(damaged)
+            self.assertGreater(found, 8, make.__name__)
+            for line in sorted(advice):
+                with self.subTest(make.__name__, line=line):
+                    restores = line.startswith("restore")
+                    for mark, word in (("KEY", key), ("VALUE", "again"), ("FILE", self.path("saved" if restores else "new")),
+                                       ("URL", "lmdb:" + self.path("other")), ("DIRECTORY", self.path("other"))):
+                        line = re.sub(r"\b%s\b" % mark, word, line)
+                    inspects = line.startswith(("lint", "check")) or "--salvage" in line
+                    self.good(*line.split(), code=8 if inspects else 0)
+                    if restores and "--registry" in line:
+                        self.assertEqual(self.tree("lmdb:" + self.path("other")), self.before)
+                    self.write(damaged)
+                    for name in ("new", "other", "s", "c"):
+                        subprocess.run(["rm", "-rf", self.path(name)], check=True)
 
 
 class ExitCodes(Administrator):

@@ -14,6 +14,7 @@
 #include <cstdio>
 
 #include "admin/care/backup.h"
+#include "admin/care/whole_tree.h"
 #include "admin/document/base64.h"
 #include "admin/key_map.h"
 #include "model/roots.h"
@@ -42,13 +43,13 @@ static std::string backup_of(const key_map &keys, uint64_t revision) {
     return out + checksum_line(out);
 }
 
-backup backup_registry() {
-    backup out;
-    key_map keys;
-    out.revision = registry::open().read({{ROOT, reach::all_below}}, &keys);
-    out.keys = keys.size();
-    out.content = backup_of(keys, out.revision);
-    return out;
+backup backup_registry(bool salvage) {
+    whole_tree tree = read_whole_tree(
+        salvage,
+        "the registry is damaged; nothing was saved; \"keyviewctl backup --salvage FILE\" leaves out "
+        "what is damaged");
+    return {backup_of(tree.keys, tree.revision), tree.keys.size(), tree.revision,
+            std::move(tree.damage)};
 }
 
 bool is_backup(std::string_view content) {
@@ -128,10 +129,18 @@ change_result restore_registry(std::string_view content, bool force,
     return bring_to("", keys_of(content), force, options);
 }
 
-change_result copy_registry(const std::string &to_url, bool force, const change_options &options) {
-    key_map keys;
-    (void)registry::open().read({{ROOT, reach::all_below}}, &keys);
-    return bring_to(to_url, std::move(keys), force, options);
+uint64_t keys_in(std::string_view content) {
+    return keys_of(content).size();
+}
+
+change_result copy_registry(const std::string &to_url, bool force, const change_options &options,
+                            problem_list *left_out) {
+    whole_tree tree = read_whole_tree(
+        left_out != nullptr,
+        "the registry is damaged; nothing was copied; \"keyviewctl copy --salvage --to URL\" leaves "
+        "out what is damaged");
+    if (left_out != nullptr) *left_out = std::move(tree.damage);
+    return bring_to(to_url, std::move(tree.keys), force, options);
 }
 
 }  // namespace keyview::admin

@@ -1,21 +1,20 @@
 // See inspection.h.
 #include "admin/care/inspection.h"
 
+#include <map>
+#include <optional>
 #include <set>
 #include <utility>
 
-#include "admin/care/tree_check.h"
+#include "admin/care/whole_tree.h"
+#include "admin/document/encoding.h"
 #include "model/locks.h"
 #include "model/records.h"
+#include "model/roots.h"
 
 namespace keyview::admin {
 
 namespace {
-
-struct check_call : callback_guard {
-    check_report *report;
-    key_node tree = {};
-};
 
 struct diagnose_call : callback_guard {
     std::vector<symptom> symptoms = {};
@@ -23,28 +22,46 @@ struct diagnose_call : callback_guard {
 
 }  // namespace
 
-static void add_damage(void *arg, keyview_bytes location, keyview_bytes reason) {
-    auto *call = static_cast<check_call *>(arg);
-    call->run([&] { call->report->damage.add(text_of(location), text_of(reason)); });
+static bool can_be_opened() {
+    try {
+        (void)registry::open();
+        return true;
+    } catch (const error &) {
+        return false;
+    }
 }
 
-static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
-    auto *call = static_cast<check_call *>(arg);
-    call->run([&] {
-        if (!below_a_root(text_of(path))) return;
-        key_node &node = call->tree.make(text_of(path));
-        node.value = text_of(*value);
-        node.told = true;
-    });
-}
-
-check_report check_registry() {
-    check_report report;
-    check_call call{{}, &report};
-    int32_t rc = keyview_registry_check(add_damage, add_row, &call, &report.keys, &report.pages);
-    call.finish(rc == KEYVIEW_FAILURE_NOT_FOUND ? KEYVIEW_FAILURE_REGISTRY : rc);
-    check_tree(&call.tree, &report.damage);
+// The findings of a command.
+static inspection_report report_of(const key_map &keys, const inspected &counts,
+                                   const problem_list &damage, bool finding_row::*covered) {
+    inspection_report report = {{}, counts.keys, counts.pages};
+    bool repairable = damage.empty() || can_be_opened();
+    for (finding &found : findings_of(keys, damage.kept(), repairable))
+        if (found.row->*covered) report.findings.push_back(std::move(found));
     return report;
+}
+
+static inspection_report inspect(bool finding_row::*covered) {
+    key_map keys;
+    problem_list damage(problem_list::NO_LIMIT);
+    inspected counts = inspect_registry(&keys, &damage);
+    return report_of(keys, counts, damage, covered);
+}
+
+inspection_report check_registry() {
+    return inspect(&finding_row::by_check);
+}
+
+// Inspects the files only if reading fails: writers need not wait, and any release of LMDB will do.
+inspection_report lint_registry() {
+    key_map keys;
+    try {
+        (void)registry::open().read({{ROOT, reach::all_below}}, &keys);
+    } catch (const error &failed) {
+        if (failed.kind != KEYVIEW_FAILURE_CONTENT) throw;
+        return inspect(&finding_row::by_lint);
+    }
+    return report_of(keys, {keys.size()}, problem_list(), &finding_row::by_lint);
 }
 
 static void add_symptom(void *arg, keyview_bytes subject, int32_t health, keyview_bytes text) {
@@ -56,6 +73,26 @@ std::vector<symptom> diagnose_registry() {
     diagnose_call call;
     call.finish(keyview_registry_diagnose(add_symptom, &call));
     return std::move(call.symptoms);
+}
+
+std::vector<listed_database> list_databases() {
+    key_map keys;
+    std::vector<std::string> damaged;
+    (void)registry::open().read({{DB_ROOT, reach::children}}, &keys, &damaged);
+    std::map<std::string, std::string> reasons;
+    keys.erase(DB_ROOT);
+    for (const auto &[path, value] : keys) {
+        std::string element(last_element(path)), name;
+        std::optional<fault> wrong = decode_own_value(DATABASE, element, value, &name);
+        reasons.emplace(element, wrong ? path + " " + wrong->reason : "");
+    }
+    for (const std::string &path : damaged)
+        reasons[std::string(last_element(path))] =
+            path + " has stored bytes that are not those that were written";
+    std::vector<listed_database> out;
+    for (auto &[element, reason] : reasons)
+        out.push_back({element, std::move(reason)});
+    return out;
 }
 
 void check_listing() {

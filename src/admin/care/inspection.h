@@ -5,20 +5,21 @@
 #include <string>
 #include <vector>
 
+#include "admin/care/findings.h"
 #include "admin/registry.h"
 
 namespace keyview::admin {
 
-struct check_report {
-    problem_list damage;
+struct inspection_report {
+    std::vector<finding> findings;
     uint64_t keys = 0;   // that were inspected
     uint64_t pages = 0;  // of the registry's file
 };
 
-// Inspects all of the registry in force for damage: its pages, its rows and their checksums, keys
-// that are missing or unconnected, names and values that readers cannot read. Works on a registry
-// that is too damaged to be used, and changes nothing; writers wait meanwhile.
-check_report check_registry();
+// Inspects all of the registry in force, as inspect_registry() does, and its keys: the findings of
+// "check" and of "lint".
+inspection_report check_registry();
+inspection_report lint_registry();
 
 // One thing that an inspection of the registry and its surroundings found.
 struct symptom {
@@ -30,6 +31,13 @@ struct symptom {
 // Inspects how the registry in force is configured and reached, each member of a cluster, and its
 // locks.
 std::vector<symptom> diagnose_registry();
+
+// The databases with what is wrong with the own value of each, damage included; "" if nothing is.
+struct listed_database {
+    std::string element;  // of its key
+    std::string reason;
+};
+std::vector<listed_database> list_databases();
 
 // Throws why the databases cannot be enumerated, if they cannot: prsr_list_db then lists none.
 void check_listing();

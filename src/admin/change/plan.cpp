@@ -57,12 +57,6 @@ static std::vector<part> parts_of(const change_request &request, const change_op
     return parts;
 }
 
-static void remove_below(const std::string &path, key_map *keys) {
-    auto at = keys->lower_bound(path);
-    while (at != keys->end() && path_within(at->first, path))
-        at = keys->erase(at);
-}
-
 // Does to the keys what the registry does. A put creates missing parents.
 static void carry_out(const change &one, key_map *keys) {
     if (!one.value) return remove_below(one.path, keys);

@@ -1,4 +1,5 @@
-// Cluster documents: into the registry, and out of it. docs/keyview-document.md describes them.
+// Cluster documents: into the registry. docs/keyview-document.md describes them; care/export.h has
+// the way out.
 #pragma once
 
 #include <string>
@@ -17,12 +18,5 @@ namespace keyview::admin {
 //
 // KEYVIEW_FAILURE_CONTENT if the document is invalid, or does not fit the registry.
 change_result apply_document(std::string_view document, const change_options &options);
-
-// The whole tree, as of one moment, as a cluster document that ends with a newline. Applied to an
-// empty registry it gives the same keys and values byte for byte. Takes no lock.
-//
-// KEYVIEW_FAILURE_CONTENT if the tree holds something that a document cannot express; nothing is
-// left out silently.
-std::string export_document();
 
 }  // namespace keyview::admin

@@ -141,12 +141,12 @@ class document_walk {
         const auto &name = record.at("name").get_ref<const std::string &>();
         std::string name_place = (place / "name").to_string();
         put(path, own_value(name));
-        if (table.dotted_name) plan_->services.push_back({name_place, path, name});
+        if (table.dotted_name) plan_->services.push_back({name_place, path, path, name});
         if (list.type != nullptr) {
             put(path_below(path, KEY_TYPE), own_value(list.type));
             std::string instance =
                 path_below(path_below(section_record_, KEY_INSTANCE), element_of(name));
-            plan_->instances.push_back({name_place, instance, name});
+            plan_->instances.push_back({name_place, instance, path, name});
         }
         for (const field_row &row : table.fields)
             read_field(row, record, path, place);

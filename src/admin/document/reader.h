@@ -14,7 +14,8 @@ namespace keyview::admin {
 struct question {
     std::string place;
     std::string path;
-    std::string name;  // as the document spells it
+    std::string asker;  // the key whose record names it
+    std::string name;   // as the document spells it
 };
 
 struct document_plan {

@@ -37,7 +37,7 @@ static void inspect_content(const std::string &url, uint64_t size, const diagnos
     if (size > MOST_CHECKED) {
         return sink({"content", health::good,
                      "not inspected: the file has " + std::to_string(size / MIB) +
-                         " MiB; keyviewctl check inspects it"});
+                         " MiB; \"keyviewctl check\" inspects it"});
     }
     size_t faults = 0;
     std::string first;
@@ -47,10 +47,9 @@ static void inspect_content(const std::string &url, uint64_t size, const diagnos
     uint64_t keys = EMBEDDED_KIND.check(url, count, [](auto, auto) {}).keys;
     if (faults == 0)
         return sink({"content", health::good, std::to_string(keys) + " keys are sound"});
-    sink(
-        {"content", health::bad,
-         first + (faults == 1 ? "" : ", and " + std::to_string(faults - 1) + " more") +
-             "; list the damage with keyviewctl check, then set, remove or restore what it names"});
+    sink({"content", health::bad,
+          first + (faults == 1 ? "" : ", and " + std::to_string(faults - 1) + " more") +
+              "; \"keyviewctl lint\" lists the damage with its remedies"});
 }
 
 void diagnose_embedded(const std::string &url, const diagnosis_sink &sink) {

@@ -36,8 +36,6 @@ static void close_reader(const lmdb_reader &reader) noexcept {
 }
 
 static constexpr const char *DISK = "; nothing was changed: the disk may be full or failing";
-static constexpr const char *DAMAGED =
-    "; the file is damaged: restore it from a saved cluster document";
 
 // EIO is LMDB's code for a write that was cut short.
 static constexpr struct known_code {
@@ -55,9 +53,9 @@ static constexpr struct known_code {
     {EIO, failure::registry, DISK},
     {MDB_PANIC, failure::registry, "; restart the program"},
     {MDB_READERS_FULL, failure::registry, ": too many programs read at the same time"},
-    {MDB_CORRUPTED, failure::content, DAMAGED},
-    {MDB_PAGE_NOTFOUND, failure::content, DAMAGED},
-    {MDB_INVALID, failure::content, DAMAGED},
+    {MDB_CORRUPTED, failure::content, RESTORE},
+    {MDB_PAGE_NOTFOUND, failure::content, RESTORE},
+    {MDB_INVALID, failure::content, RESTORE},
     {MDB_VERSION_MISMATCH, failure::content, ""},
     {MDB_INCOMPATIBLE, failure::content, ""},
 };

@@ -26,7 +26,9 @@ std::string foreign_format(int fd);
 [[nodiscard]] bool read_head(int fd, file_head *out, const damage_sink &damage);
 
 // The end of each report of damage: the remedy.
-constexpr const char *RESTORE = "; restore the registry from a saved cluster document";
+constexpr const char *RESTORE =
+    "; restore a backup into a new directory (\"keyviewctl restore FILE --registry lmdb:DIRECTORY\"), or "
+    "what is sound here (\"keyviewctl backup --salvage FILE\")";
 
 // Reads all bytes of a range; false if the file has fewer or cannot be read.
 [[nodiscard]] bool read_bytes(int fd, void *into, size_t size, size_t at);
