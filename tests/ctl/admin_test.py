@@ -350,6 +350,19 @@ class Keeping(Administrator):
         self.good("restore", self.path("saved"), "--force", "--yes")
         self.good("diff", self.path("saved"))
 
+    def test_what_was_saved_and_brought_back_is_told(self):
+        file, keys = self.path("saved"), len(self.json("tree")["keys"])
+        told = self.good("backup", file)
+        self.assertEqual(told, "backed up to %s: %d keys, %d bytes\n" % (file, keys, os.path.getsize(file)))
+        document = self.json("backup", file)
+        self.assertEqual((document["file"], document["keys"], document["bytes"]), (file, keys, os.path.getsize(file)))
+        self.assertIn(b"backed up to standard output: %d keys" % keys, self.run_tool("backup", "-").stderr)
+        other = "lmdb:" + self.path("other")
+        for change in ("%d keys created" % keys, "nothing to change"):
+            told = self.good("restore", file, "--force", "--registry", other)
+            self.assertIn(change, told)
+            self.assertTrue(told.endswith("the registry %s is as in %s: %d keys\n" % (other, file, keys)), told)
+
     def test_random_bytes_survive_backup_restore_and_copy(self):
         random.seed(7)
         for number in range(20):
