@@ -132,11 +132,11 @@ static view database_row(const std::string &name, const prsr_cfg *record, const 
 // the command.
 static trouble trouble_of(const session &library, int32_t rc, const char *what) {
     if (rc == PRSR_SUCCESS) return {};
-    tool_error failed = library.failure(rc, what);
+    const tool_error failed = library.failure(rc, what);
     if (failed.code == EXIT_LOCK) (void)keyview_host_set_lock_wait(0);
     if (failed.code == EXIT_LOCK || failed.code == EXIT_CONTENT) return {failed.code, failed.why};
     attempt(what, library.shared.registry, [] { return admin::registry::open().revision(); });
-    if (failed.code != EXIT_REGISTRY) throw failed;
+    if (failed.code != EXIT_REGISTRY) library.check(rc, what);
     return {EXIT_CONTENT, failed.why};
 }
 

@@ -266,7 +266,7 @@ class inspection {
         std::string type_path = path_below(path, KEY_TYPE);
         if (is_missing(type_path)) {
             ask(TYPE_MISSING, type_path, TYPE_REASON, "no such instance; the roster fails",
-                "whether it is " + TYPES);
+                type_decision());
         }
         std::string list = path_below(std::string(first_elements(path, 3)), KEY_INSTANCE);
         if (is_missing(path_below(list, last_element(path)))) {
@@ -283,7 +283,7 @@ class inspection {
             if (element_of(text_in(stored)) == element_of(word))
                 return mend(TYPE_CASE, path, TYPE_REASON, see, {"set", path, word});
         }
-        ask(TYPE_CASE, path, TYPE_REASON, see, "whether it is " + TYPES);
+        ask(TYPE_CASE, path, TYPE_REASON, see, type_decision());
     }
 
     void inspect_nodes(const std::string &database) {
@@ -402,7 +402,9 @@ class inspection {
 
     static constexpr const char *TYPE_REASON =
         "is neither PREFERRED nor AVAILABLE, in upper case and with its zero byte";
-    inline static const std::string TYPES = std::string(TYPE_PREFERRED) + " or " + TYPE_AVAILABLE;
+    static std::string type_decision() {
+        return std::string("whether it is ") + TYPE_PREFERRED + " or " + TYPE_AVAILABLE;
+    }
 
     const key_map &keys_;
     std::vector<finding> *findings_;

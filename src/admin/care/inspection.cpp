@@ -90,6 +90,7 @@ std::vector<listed_database> list_databases() {
         reasons[std::string(last_element(path))] =
             path + " has stored bytes that are not those that were written";
     std::vector<listed_database> out;
+    out.reserve(reasons.size());
     for (auto &[element, reason] : reasons)
         out.push_back({element, std::move(reason)});
     return out;

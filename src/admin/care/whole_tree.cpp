@@ -38,15 +38,15 @@ inspected inspect_registry(key_map *keys, problem_list *damage) {
     return out;
 }
 
-// The first failure remains if the inspection fails as well, or finds nothing.
-static void read_around_damage(whole_tree *tree, const error &first) {
+// False if the inspection fails as well, or finds nothing.
+static bool read_around_damage(whole_tree *tree) {
     tree->keys.clear();
     try {
         (void)inspect_registry(&tree->keys, &tree->damage);
     } catch (const error &) {
-        throw first;
+        return false;
     }
-    if (tree->damage.empty()) throw first;
+    return !tree->damage.empty();
 }
 
 whole_tree read_whole_tree(bool salvage, const char *text) {
@@ -54,8 +54,7 @@ whole_tree read_whole_tree(bool salvage, const char *text) {
     try {
         tree.revision = registry::open().read({{ROOT, reach::all_below}}, &tree.keys);
     } catch (const error &failed) {
-        if (failed.kind != KEYVIEW_FAILURE_CONTENT) throw;
-        read_around_damage(&tree, failed);
+        if (failed.kind != KEYVIEW_FAILURE_CONTENT || !read_around_damage(&tree)) throw;
     }
     if (tree.damage.empty() || (salvage && !tree.keys.empty())) return tree;
     problem_list first;
