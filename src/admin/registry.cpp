@@ -45,6 +45,7 @@ struct users_read : callback_guard {
 
 static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
     auto *rows = static_cast<rows_read *>(arg);
+    keys_read.fetch_add(1, std::memory_order_relaxed);
     rows->run([&] {
         if (value == nullptr) rows->damaged->push_back(text_of(path));
         if (value != nullptr) rows->out->insert_or_assign(text_of(path), text_of(*value));

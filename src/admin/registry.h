@@ -2,6 +2,8 @@
 // containers and exceptions.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -16,6 +18,9 @@
 #include "model/path.h"
 
 namespace keyview::admin {
+
+// How many keys this process has read so far, for reports of progress.
+inline std::atomic<uint64_t> keys_read{0};
 
 // Throws the failure of a C function; does nothing after a success.
 void check(int32_t rc);

@@ -36,7 +36,7 @@ static constexpr argument_row ARGUMENTS[] = {
     {"CONTEXT", "Name of the context, as in [context.NAME] of a settings file", true},
     {"CODE", "The exit code, or its word"},
     {"SHELL", "bash, zsh or fish"},
-    {"PAGE", "keyviewctl, keyview-document or keyview-keys"},
+    {"PAGE", "keyviewctl, which is the usual one, keyview-document or keyview-keys"},
     {"--to", "URL of the other registry"},
     {"--dry-run", "Show what would change and write nothing", false, &tool::dry_run},
     {"--yes", "Do not ask for a confirmation", false, &tool::yes},

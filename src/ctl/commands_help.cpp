@@ -106,7 +106,8 @@ static exit_code run_completion(const tool &, const given_names &names) {
 }
 
 static exit_code run_manual(const tool &shared, const given_names &names) {
-    return show_text(manual_page(*shared.app, names[0]), "there is no page " + names[0],
+    const std::string page = names[0].empty() ? "keyviewctl" : names[0];
+    return show_text(manual_page(*shared.app, page), "there is no page " + names[0],
                      "the pages are keyviewctl, keyview-document and keyview-keys");
 }
 
@@ -140,7 +141,7 @@ static constexpr command_row COMMANDS[] = {
     {"errors", "Show what the exit codes mean, or one of them", "[CODE]", run_errors, true},
     {"config", "Show each setting and where it comes from", "", run_config, true},
     {"completion", "Write the script by which a shell completes", "SHELL", run_completion, true},
-    {"manual", "Write a manual page as roff", "PAGE", run_manual, true},
+    {"manual", "Write a manual page as roff, for \"man -l -\"", "[PAGE]", run_manual, true},
 };
 
 static constexpr command_row CONTEXT_COMMANDS[] = {

@@ -107,7 +107,7 @@ void add_lock_commands(CLI::App *app, tool *shared) {
         lock, shared, "run",
         "Run a command under a lock; the exit code is the command's, 5 if the lock is not granted",
         [=] { return run_lock(*shared, *options); });
-    run->add_option("NAME", options->name, "The lock, such as LKRT.DATABASE.DATABASES.sales")
+    run->add_option("LOCK", options->name, "The lock, such as LKRT.DATABASE.DATABASES.sales")
         ->required();
     run->add_flag("--shared", options->shared, "Share the lock with others that do");
     run->add_option("--wait", options->wait_s,

@@ -148,8 +148,11 @@ static exit_code show_all(const session &library) {
     view_list rows;
     exit_code code = EXIT_DONE;
     std::string troubles;
-    for (const admin::listed_database &one :
-         attempt(WHAT, library.shared.registry, admin::list_databases)) {
+    const std::vector<admin::listed_database> databases =
+        attempt(WHAT, library.shared.registry, admin::list_databases);
+    for (const admin::listed_database &one : databases) {
+        library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
+                                       databases.size());
         fetched_database fetched(library, one.element);
         if (fetched.rc == PRSR_ERR_NO_DATABASE && one.reason.empty())
             continue;  // removed meanwhile

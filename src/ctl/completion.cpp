@@ -2,12 +2,16 @@
 #include "ctl/completion.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <set>
 
 #include "ctl/option_words.h"
 #include "ctl/settings.h"
 #include "ctl/suggest.h"
+#include "ctl/terminal.h"
 #include "ctl/text.h"
 #include "model/folding.h"
+#include "model/locks.h"
 #include "model/path.h"
 
 namespace keyview::ctl {
@@ -21,6 +25,7 @@ struct walked {
     const CLI::App *command;
     words arguments = {};
     const CLI::Option *open = nullptr;  // waits for its value
+    bool options_ended = false;         // by "--"
 };
 
 }  // namespace
@@ -39,7 +44,11 @@ static walked walk(const CLI::App &app, const words &line) {
             at.open = nullptr;
             continue;
         }
-        if (word.size() > 1 && word[0] == '-') {
+        if (word == "--") {
+            at.options_ended = true;
+            continue;
+        }
+        if (!at.options_ended && word.size() > 1 && word[0] == '-') {
             const CLI::Option *option = option_of(at.command, word);
             if (option != nullptr && option->get_items_expected_max() > 0) at.open = option;
             continue;
@@ -66,6 +75,48 @@ static words keys_like(const std::string &path) {
     return out;
 }
 
+static words children_of(const std::string &path) {
+    words out;
+    for (const auto &[key, value] : readable_children(path))
+        if (key != path && escaped(key) == key) out.push_back(key);
+    return out;
+}
+
+// The locks of the listing, and of all databases, nodes and storage manager entries.
+static words lock_names() {
+    words out = {lock_of(DB_ROOT)};
+    auto add = [&](const std::string &parent) {
+        for (const std::string &path : children_of(parent))
+            out.push_back(lock_of(path));
+    };
+    add(DB_ROOT);
+    add(NODEAPPS_ROOT);
+    for (const std::string &scope : children_of(STG_ROOT))
+        add(scope);
+    return out;
+}
+
+// Programs in the directories of PATH.
+static words programs_like(const std::string &begun) {
+    std::set<std::string> out;
+    for (const std::string &folder : CLI::detail::split(environment("PATH"), ':')) {
+        std::error_code failed;
+        for (const auto &file : std::filesystem::directory_iterator(folder, failed)) {
+            std::string name = file.path().filename();
+            if (!begun.empty() && name.rfind(begun, 0) == 0 && escaped(name) == name)
+                out.insert(name);
+        }
+    }
+    return {out.begin(), out.end()};
+}
+
+static words command_names(const CLI::App &app) {
+    words out;
+    for (const CLI::App *one : app.get_subcommands(nullptr))
+        if (!one->get_group().empty()) out.push_back(one->get_name());
+    return out;
+}
+
 static words context_names() {
     words out;
     for (const known_context &one : known_contexts())
@@ -84,6 +135,9 @@ static words values_for(const std::string &name, const walked &at, const std::st
     if (name == "NODE") return registered_names(NODEAPPS_ROOT);
     if (name == "SCOPE") return registered_names(STG_ROOT);
     if (name == "NAME") return registered_names(STG_ROOT + std::string(".") + element_of(first));
+    if (name == "LOCK") return lock_names();
+    if (name == "CMD") return programs_like(begun);
+    if (name == "COMMAND") return command_names(*at.command->get_parent());
     if (name == "CONTEXT" || name == "--context") return context_names();
     if (name == "KEY") return keys_like(begun);
     return words_of(name);
@@ -100,10 +154,8 @@ static words option_names(const CLI::App *command) {
 
 static words next_words(const walked &at, const std::string &begun) {
     if (at.open != nullptr) return values_for("--" + at.open->get_lnames().front(), at, begun);
-    if (!begun.empty() && begun[0] == '-') return option_names(at.command);
-    words out;
-    for (const CLI::App *one : at.command->get_subcommands(nullptr))
-        if (!one->get_group().empty()) out.push_back(one->get_name());
+    if (!at.options_ended && !begun.empty() && begun[0] == '-') return option_names(at.command);
+    words out = command_names(*at.command);
     size_t left = at.arguments.size();
     for (const CLI::Option *option : at.command->get_options()) {
         if (!option->get_positional() || left-- > 0) continue;

@@ -41,10 +41,11 @@ static size_t width_of_text(const std::string &text) {
     return width;
 }
 
-std::string shortened(const std::string &text, size_t columns) {
+std::string shortened(const std::string &text, size_t columns, bool at_end) {
     size_t width = width_of_text(text);
     if (columns == 0 || width <= columns) return text;
-    const size_t head = columns / 2, tail = columns - 1 - head;  // beside the ellipsis
+    const size_t head = at_end ? columns - 1 : columns / 2,
+                 tail = columns - 1 - head;  // beside the ellipsis
     std::string out;
     bool cut = false;
     for (size_t at = 0, before = 0; at < text.size();) {

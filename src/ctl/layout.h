@@ -8,8 +8,8 @@
 
 namespace keyview::ctl {
 
-// A text that is too wide, with an ellipsis in its middle. A width of 0 is none.
-std::string shortened(const std::string &text, size_t columns);
+// A text that is too wide, with an ellipsis in its middle or at its end. A width of 0 is none.
+std::string shortened(const std::string &text, size_t columns, bool at_end = false);
 
 struct cell {
     std::string text;

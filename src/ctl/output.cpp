@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "ctl/layout.h"
 #include "ctl/people_writer.h"
 #include "ctl/program_writer.h"
 #include "ctl/terminal.h"
@@ -34,7 +36,10 @@ bool write_all(int fd, std::string_view bytes) {
     return true;
 }
 
+static void remove_moving_line(bool for_good);
+
 void write_result(std::string_view bytes) {
+    remove_moving_line(true);
     if (write_all(STDOUT_FILENO, bytes)) return;
     if (errno == EPIPE) throw reader_left();
     throw tool_error{EXIT_INTERNAL, "the result could not be written", "standard output",
@@ -132,12 +137,35 @@ void choose_remarks(remarks chosen, bool to_programs) {
     programs_read_remarks = to_programs;
 }
 
+// The line that moves at the end of a terminal. Once there is a result, it stays away.
+static struct {
+    std::mutex mutex;
+    bool shown = false, over = false;
+} moving;
+
+static void remove_moving_line(bool for_good) {
+    std::lock_guard guard(moving.mutex);
+    if (moving.shown) (void)write_all(STDERR_FILENO, "\r\x1b[K");
+    moving.shown = false;
+    moving.over = moving.over || for_good;
+}
+
+void show_moving_line(const std::string &text) {
+    if (text.empty()) return remove_moving_line(false);
+    std::string line = shortened("keyviewctl: " + escaped(text), width_of(STDERR_FILENO) - 1, true);
+    std::lock_guard guard(moving.mutex);
+    if (moving.over) return;
+    (void)write_all(STDERR_FILENO, "\r" + line + "\x1b[K");
+    moving.shown = true;
+}
+
 // A failure is ignored: it is not the result.
 static void print_line(const char *kind, const std::string &text) {
     std::string line = "keyviewctl: " + escaped(text) + "\n";
     if (programs_read_remarks)
         line =
             ordered_json({{"kind", kind}, {"version", 1}, {"text", escaped(text)}}).dump() + "\n";
+    remove_moving_line(false);
     (void)write_all(STDERR_FILENO, line);
 }
 
@@ -214,6 +242,7 @@ void report_error(output_format format, const tool_error &error) {
     bool programs = format == output_format::json || format == output_format::jsonl;
     std::string text = programs ? error_json(error).dump() + "\n" : error_text(error);
     if (programs && is_terminal(STDERR_FILENO)) text = json_made_plain(text);
+    remove_moving_line(true);
     (void)write_all(STDERR_FILENO, text);  // a failure here cannot be reported
 }
 

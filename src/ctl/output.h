@@ -50,6 +50,7 @@ void choose_remarks(remarks chosen, bool to_programs);
 // A remark, such as what the command waits for; a step that is taken, with the time since the start;
 // what must not be missed.
 void print_remark(const std::string &text);
+void show_moving_line(const std::string &text);  // in place of the one before; "" removes it
 void print_step(const std::string &text);
 void print_warning(const std::string &text);
 

@@ -1,8 +1,10 @@
-// Reports on stderr what a command does, once it takes longer than a second, at growing intervals.
+// Reports on stderr what a command does, once it takes longer than a second: on a terminal in one
+// line that moves, elsewhere in a line each at growing intervals.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,8 +28,13 @@ class progress {
     // What the command does now, or waits for.
     void step(const std::string &text);
 
+    // How much of it is done; without it, the keys that were read are counted.
+    void count(uint64_t done, uint64_t total);
+
   private:
     void report_loop();
+    std::string amount_done(double time_s) const;
+    std::string current_line(double time_s) const;
 
     std::string command_;
     bool to_people_;
@@ -36,6 +43,7 @@ class progress {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::string step_;
+    uint64_t done_ = 0, total_ = 0;
     bool stopped_ = false;
 };
 

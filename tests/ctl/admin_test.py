@@ -294,6 +294,20 @@ class Changes(Administrator):
             self.assertTrue(re.fullmatch(told, ended.stderr.decode()), ended.stderr)
             holder.communicate()
 
+    def test_what_takes_long_moves_in_one_line_of_a_terminal(self):
+        holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sh", "-c", "echo held; sleep 2"], env=self.env,
+                                  stdout=subprocess.PIPE)
+        holder.stdout.readline()
+        seen = self.on_terminal("status").decode()
+        holder.communicate()
+        lines = seen[:seen.rindex("\r\x1b[K")].split("\r")[1:]
+        self.assertGreater(len(lines), 2, "it moves")
+        for line in lines:
+            self.assertRegex(line, r"^keyviewctl: status goes on for \d s, 25 %, 1 of 4, [01]\.\d/s, \d s left: it r.*…\x1b\[K$")
+            self.assertLess(len(line), 80 + len("\x1b[K"))
+        self.assertIn("\r\x1b[Kdatabase ", seen, "the result is alone")
+        self.assertNotIn("goes on", self.on_terminal("status", "-q").decode())
+
     def test_watch_misses_nothing_in_silence(self):
         child = subprocess.Popen([TOOL, "watch", SALES, "-o", "jsonl", "--count", "3", "--from", "1", "--exec",
                                   "cat >> " + self.path("got")], env=self.env, stdout=subprocess.PIPE)
@@ -1065,7 +1079,13 @@ class Comfort(Administrator):
             script = start + self.good("completion", shell) + script
             for line, found in (("keyviewctl --registry %s show sal" % self.url, ["Sales", "SalesStandby"]),
                                 ("keyviewctl stat", ["status"]), ("keyviewctl roster sales rep", ["reporting"]),
-                                ("keyviewctl lock ", ["list", "run"]), ("keyviewctl -o js", ["json", "jsonl"])):
+                                ("keyviewctl lock ", ["list", "run"]), ("keyviewctl manual keyview-k", ["keyview-keys"]),
+                                ("keyviewctl errors not", ["not_found"]), ("keyviewctl -o y", ["yaml"]),
+                                ("keyviewctl lock run LKRT.DATABASE.NODEAPPS.node3", ["LKRT.DATABASE.NODEAPPS.node3"]),
+                                ("keyviewctl lock run LKRT.STG.DATABASE.STG.node8", ["LKRT.STG.DATABASE.STG.node8.stg8"]),
+                                ("keyviewctl lock run X -- mktem", ["mktemp"]), ("keyviewctl help wat", ["watch"]),
+                                ("keyviewctl status --verb", ["--verbose"]), ("keyviewctl --qui", ["--quiet"]),
+                                ("keyviewctl -o js", ["json", "jsonl"])):
                 set_line = "set line '%s'\n" if shell == "fish" else "line='%s'\n"
                 got = subprocess.run([shell, "-c", set_line % line + script], capture_output=True, timeout=60,
                                      env={**self.env, "PATH": self.folder + ":" + self.env["PATH"],

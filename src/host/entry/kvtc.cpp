@@ -9,6 +9,7 @@
 #include "host/registry/client.h"
 #include "host/registry/handles.h"
 #include "host/support/last_error.h"
+#include "platform/trcd.h"
 
 using namespace keyview::host;
 
@@ -48,6 +49,13 @@ static int32_t make_client(void **reg, int32_t mode, int32_t flags) {
     return KVTC_SUCCESS;
 }
 
+// So that a trace shows why there is no registry. The failure stays the thread's latest one.
+static void trace_failure() {
+    const last_failure kept = thread_failure();
+    trcdprintf(nullptr, TRCD_FAILURE, "%s", kept.text);
+    thread_failure() = kept;
+}
+
 extern "C" {
 
 int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_text, uint64_t *error_size,
@@ -56,6 +64,7 @@ int32_t kvtc_init_ext(void **reg, int32_t mode, char *error_text, uint64_t *erro
     if (rc != KVTC_SUCCESS && error_size != nullptr) {
         copy_text(thread_failure().text, error_text, *error_size);
     }
+    if (rc != KVTC_SUCCESS) trace_failure();
     return rc;
 }
 
