@@ -3,6 +3,7 @@
 #include "ctl/output.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
+#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -13,7 +14,8 @@ static exit_code run_list(const session &library, const given_names &) {
 
 static exit_code run_show(const session &library, const given_names &names) {
     fetched_database found(library, names[0]);
-    library.check(found.rc, "database " + names[0] + " cannot be shown");
+    library.check_record(found.rc, "database " + names[0] + " cannot be shown",
+                         database_key(names[0]));
     output_format format = library.shared.format;
     return show_result(format, "prsr_cfg", "record", view_of(*found.record, format));
 }

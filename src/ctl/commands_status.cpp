@@ -9,6 +9,7 @@
 #include "ctl/session.h"
 #include "ctl/text.h"
 #include "host/if/keyview_host.h"
+#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -57,7 +58,8 @@ static std::string section(const view_list &rows) {
 
 static exit_code show_database(const session &library, const std::string &dbname) {
     fetched_database found(library, dbname);
-    library.check(found.rc, "the status of database " + dbname + " cannot be read");
+    library.check_record(found.rc, "the status of database " + dbname + " cannot be read",
+                         database_key(dbname));
     const prsr_cfg &record = *found.record;
     view_list instances = rows_of(record.instances, record.instance_count, instance_fields),
               services = rows_of(record.services, record.service_count, service_fields);
@@ -158,7 +160,8 @@ static exit_code show_all(const session &library) {
             continue;  // removed meanwhile
         trouble found = {EXIT_CONTENT, one.reason};
         if (one.reason.empty()) found = trouble_of(library, fetched.rc, WHAT);
-        const prsr_cfg *record = fetched.rc == PRSR_SUCCESS ? fetched.record : nullptr;
+        const bool readable = fetched.rc == PRSR_SUCCESS && !one.damaged;
+        const prsr_cfg *record = readable ? fetched.record : nullptr;
         std::string name = one.element;
         if (record != nullptr && one.reason.empty()) name = text_of(record->sp_name);
         rows.push_back(database_row(name, record, found, people));

@@ -4,6 +4,7 @@
 #include "ctl/output.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
+#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -14,7 +15,8 @@ static std::string words_for(const given_names &names) {
 
 static exit_code run_stg(const session &library, const given_names &names) {
     fetched_stg found(library, names[0], names[1]);
-    library.check(found.rc, words_for(names) + " cannot be shown");
+    library.check_record(found.rc, words_for(names) + " cannot be shown",
+                         STG_ROOT + ("." + element_of(names[0]) + "." + element_of(names[1])));
     output_format format = library.shared.format;
     return show_result(format, "prsr_stg_cfg", "record", view_of(*found.record, format));
 }
@@ -39,7 +41,8 @@ static exit_code run_stg_enabled(const session &library, const given_names &name
 
 static exit_code run_nodeapps(const session &library, const given_names &names) {
     fetched_nodeapps found(library, names[0]);
-    library.check(found.rc, "the applications of node " + names[0] + " cannot be shown");
+    library.check_record(found.rc, "the applications of node " + names[0] + " cannot be shown",
+                         NODEAPPS_ROOT + ("." + element_of(names[0])));
     output_format format = library.shared.format;
     return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found.record, format));
 }

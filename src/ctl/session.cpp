@@ -29,6 +29,11 @@ tool_error session::failure(int32_t rc, const std::string &what) const {
     return {code, what, shared.registry, why, same ? known.todo : exit_rows().first[code].todo};
 }
 
+void session::check_record(int32_t rc, const std::string &what, const std::string &key) const {
+    check(rc, what);
+    attempt(what, shared.registry, [&] { admin::require_sound(key); });
+}
+
 // A path's length is enough but for a value that was written by other means.
 int32_t session::fill(std::string *name,
                       const std::function<int32_t(uint32_t size, char *buf)> &read) {

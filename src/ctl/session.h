@@ -24,6 +24,9 @@ class session {
         if (rc != PRSR_SUCCESS) throw failure(rc, what);
     }
 
+    // The same for the record of a key, whose damage is a failure, too.
+    void check_record(int32_t rc, const std::string &what, const std::string &key) const;
+
     // Calls an operation with the context before its arguments; a std::string as its C string.
     template <typename operation, typename... types>
     int32_t call(operation run, const types &...arguments) const {

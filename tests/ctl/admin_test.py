@@ -709,6 +709,11 @@ class Damage(Administrator):
                 names = key.split(".")
                 hit = names[2] if names[1] == "DATABASES" and len(names) > 2 else ""
                 others = {name: row for name, row in rows.items() if name != hit}
+                if hit:  # damage is never shown as an empty list
+                    shown = {row["database"].lower(): row for row in self.json("status", code=8)["databases"]}
+                    self.assertEqual((shown[hit]["error"], shown[hit]["instances"]), ("content", None))
+                    self.good("status", hit, code=8)
+                    self.good("show", hit, code=8)
                 below = [path for path in self.before if path.startswith(key + ".")]
                 expected = {path: value for path, value in self.before.items() if path != key}
                 if below:

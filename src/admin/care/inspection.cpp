@@ -78,22 +78,29 @@ std::vector<symptom> diagnose_registry() {
 std::vector<listed_database> list_databases() {
     key_map keys;
     std::vector<std::string> damaged;
-    (void)registry::open().read({{DB_ROOT, reach::children}}, &keys, &damaged);
-    std::map<std::string, std::string> reasons;
-    keys.erase(DB_ROOT);
+    (void)registry::open().read({{DB_ROOT, reach::all_below}}, &keys, &damaged);
+    std::map<std::string, listed_database> found;
     for (const auto &[path, value] : keys) {
+        if (parent_path(path) != DB_ROOT) continue;
         std::string element(last_element(path)), name;
         std::optional<fault> wrong = decode_own_value(DATABASE, element, value, &name);
-        reasons.emplace(element, wrong ? path + " " + wrong->reason : "");
+        found[element] = {element, wrong ? path + " " + wrong->reason : ""};
     }
-    for (const std::string &path : damaged)
-        reasons[std::string(last_element(path))] =
-            path + " has stored bytes that are not those that were written";
+    for (const std::string &path : damaged) {
+        std::string element(last_element(first_elements(path, 3)));
+        found[element] = {element, path + " has stored bytes that are not those that were written",
+                          true};
+    }
     std::vector<listed_database> out;
-    out.reserve(reasons.size());
-    for (auto &[element, reason] : reasons)
-        out.push_back({element, std::move(reason)});
+    out.reserve(found.size());
+    for (auto &[element, one] : found)
+        out.push_back(std::move(one));
     return out;
+}
+
+void require_sound(const std::string &path) {
+    key_map keys;
+    (void)registry::open().read({{path, reach::all_below}}, &keys);
 }
 
 void check_listing() {

@@ -32,12 +32,17 @@ struct symptom {
 // locks.
 std::vector<symptom> diagnose_registry();
 
-// The databases with what is wrong with the own value of each, damage included; "" if nothing is.
+// The databases with what keeps readers from reading the name of each, or with damage in it.
 struct listed_database {
     std::string element;  // of its key
-    std::string reason;
+    std::string reason = {};
+    bool damaged = false;
 };
 std::vector<listed_database> list_databases();
+
+// Throws the damage in a key and in what is below it: several operations of the library read a list
+// that is damaged as an empty one.
+void require_sound(const std::string &path);
 
 // Throws why the databases cannot be enumerated, if they cannot: prsr_list_db then lists none.
 void check_listing();
