@@ -261,8 +261,9 @@ class search {
 }  // namespace
 
 static std::vector<std::string> setting_names() {
+    settings any;
     std::vector<std::string> names;
-    for (const setting *one : settings().all())
+    for (const setting *one : any.all())
         names.emplace_back(one->name);
     return names;
 }
