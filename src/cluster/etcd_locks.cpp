@@ -117,7 +117,7 @@ class acquisition {
     // Returns after a part of the TTL at the latest: an event may be missed, and the lease is renewed.
     void wait(wait_limit limit) {
         if (blockers_.empty()) return;
-        if (!end_) end_ = start_ + std::chrono::milliseconds(limit.ms());
+        if (!end_) end_ = start_ + std::chrono::milliseconds(limit.ms(name_));
         if (steady::now() >= *end_) throw too_late();
         std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
         cluster_->keep_alive();

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <iostream>
 #include <map>
 #include <set>
@@ -14,6 +13,7 @@
 #include "admin/document/meanings.h"
 #include "admin/document/values.h"
 #include "ctl/program_writer.h"
+#include "ctl/suggest.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 #include "ctl/undo_file.h"
@@ -156,7 +156,11 @@ exit_code change_words(const session &library, const std::string &what, const wo
     library.shared.reporter->step("works under the lock " + changed.locks.front());
     if (!library.shared.dry_run) {
         admin::set_recorder recorder;
-        library.check(operation(), what);
+        // Another one may have removed the key while this one waited for the lock.
+        library.check(
+            refined(operation(),
+                    [&] { return key_exists(key) ? PRSR_ERR_REGISTRY : PRSR_ERR_NO_DATABASE; }),
+            what);
         changed.changes = recorder.changes();
     }
     return show_changes(library.shared, changed);
@@ -252,13 +256,6 @@ static std::optional<std::vector<admin::key_change>> confirmed(const tool &share
 }
 
 // ---- Undo ---------------------------------------------------------------------------------------
-
-// The same registry from any folder.
-static std::string absolute_url(const std::string &url) {
-    constexpr std::string_view HEAD = "lmdb:";
-    if (url.rfind(HEAD, 0) != 0 || url.size() == HEAD.size()) return url;
-    return std::string(HEAD) + std::filesystem::absolute(url.substr(HEAD.size())).string();
-}
 
 namespace {
 

@@ -37,12 +37,15 @@ static constexpr argument_row ARGUMENTS[] = {
     {"CODE", "The exit code, or its word"},
     {"SHELL", "bash, zsh or fish"},
     {"PAGE", "keyviewctl, which is the usual one, keyview-document or keyview-keys"},
+    {"KIND", "databases, nodes or storage-managers"},
     {"--to", "URL of the other registry"},
     {"--dry-run", "Show what would change and write nothing", false, &tool::dry_run},
     {"--yes", "Do not ask for a confirmation", false, &tool::yes},
     {"--prune", "Also remove what the document does not contain", false, &tool::prune},
     {"--force", "Also if it holds keys: those that are not in the copy are removed", false,
      &tool::force},
+    {"--prefix", "Show each key whose path begins with these characters", false, &tool::prefix},
+    {"--keys-only", "Show paths without their values", false, &tool::keys_only},
     {"--overwrite", "Also where a key has changed since", false, &tool::overwrite},
     {"--resume", "Complete it", false, &tool::resume},
     {"--undo", "Take it back", false, &tool::undo},
@@ -80,6 +83,7 @@ static void add_argument(CLI::App *command, tool *shared, const argument_row &ro
     }
     CLI::Option *option = command->add_option(row.word, *value, row.description)->required(needed);
     if (row.is_name) option->check(name_fault, "", "");
+    if (row.word == std::string("KIND")) option->check(CLI::IsMember(words_of(row.word)));
     if (row.word == std::string("ROLE"))
         option->transform(CLI::IsMember(words_of(row.word), CLI::ignore_case));
 }
@@ -90,9 +94,11 @@ void add_arguments(CLI::App *command, tool *shared, const char *arguments,
     using words = std::istream_iterator<std::string>;
     const std::vector<std::string> all(words(split), words{});
     names->resize(all.size());
+    auto &known = shared->arguments[command] = {{}, names};
     for (size_t n = 0; n < all.size(); ++n) {
         bool optional = all[n].front() == '[' || (all[n].front() == '-' && all[n] != "--to");
         std::string word = all[n].front() == '[' ? all[n].substr(1, all[n].size() - 2) : all[n];
+        known.first.push_back(word);
         if (word == "--if-revision")
             command->add_option(word, shared->if_revision,
                                 "Write only if the tree is still at this revision");

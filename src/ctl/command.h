@@ -3,8 +3,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/exit_codes.h"
@@ -19,6 +21,9 @@ class App;
 
 namespace keyview::ctl {
 
+// What a command was given, in the order of its arguments; "" for one that was not.
+using given_names = std::vector<std::string>;
+
 struct tool {
     settings chosen;
     std::string registry;         // its URL
@@ -29,8 +34,12 @@ struct tool {
     bool dry_run = false, yes = false, prune = false, force = false;
     bool resume = false, undo = false, fields = false, overwrite = false;
     bool findings = false, salvage = false;
+    bool prefix = false, keys_only = false;
     bool quiet = false, verbose = false;
     uint64_t if_revision = 0;
+    // The arguments of each command: what they are called, and their values.
+    std::map<const CLI::App *, std::pair<std::vector<std::string>, std::shared_ptr<given_names>>>
+        arguments;
     const CLI::App *app = nullptr;
     std::string command;                 // the chosen one's name
     std::function<exit_code()> run;      // it; throws tool_error
@@ -61,9 +70,6 @@ CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char 
 
 // The table of what check, lint and export find.
 exit_code show_findings(const tool &shared);
-
-// What a command was given, in the order of its arguments; "" for one that was not.
-using given_names = std::vector<std::string>;
 
 // A command whose arguments and options are rows of ARGUMENTS, which is most of them.
 struct command_row {

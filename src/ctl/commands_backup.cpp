@@ -14,6 +14,7 @@ static bool for_people(const tool &shared) {
 
 static exit_code run_backup(const tool &shared, const given_names &names) {
     const std::string &file = names[0];
+    refuse_own_file(file, shared.registry);
     admin::backup saved = attempt("the registry is not backed up", shared.registry,
                                   [&] { return admin::backup_registry(shared.salvage); });
     std::string summary =
@@ -39,6 +40,12 @@ static exit_code run_backup(const tool &shared, const given_names &names) {
 
 static exit_code run_restore(const tool &shared, const given_names &names) {
     std::string content = read_file(names[0]);
+    if (content.rfind('{', 0) == 0) {
+        throw tool_error{
+            EXIT_CONTENT, "the backup is not restored", file_label(names[0]),
+            "the backup is not sound: the file is JSON, such as a cluster document",
+            "\"keyviewctl apply\" reads a document, \"keyviewctl undo\" a list of changes"};
+    }
     exit_code code = carry_out(shared, {"the backup is not restored", names[0], shared.force},
                                [&](const admin::change_options &options) {
                                    return admin::restore_registry(content, shared.force, options);

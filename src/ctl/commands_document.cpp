@@ -15,6 +15,11 @@ using nlohmann::ordered_json;
 static exit_code run_apply(const tool &shared, const given_names &names) {
     static constexpr const char *WHAT = "the document is not applied";
     std::string document = read_document(names[0], WHAT);
+    if (admin::is_backup(document)) {
+        throw tool_error{EXIT_CONTENT, WHAT, file_label(names[0]),
+                         "the file is a backup, no cluster document",
+                         "\"keyviewctl restore\" reads it, \"keyviewctl diff\" compares it"};
+    }
     return carry_out(shared, {WHAT, names[0], shared.prune},
                      [&](const admin::change_options &options) {
                          return admin::apply_document(document, options);
@@ -41,6 +46,7 @@ static exit_code run_export(const tool &shared, const given_names &names) {
                          "use -o json or yaml, or leave -o out; \"tree -o cmd\" writes commands"};
     }
     const std::string &file = names[0];
+    refuse_own_file(file.empty() ? "-" : file, shared.registry);
     admin::exported tree = attempt("the tree cannot be exported", shared.registry,
                                    [&] { return admin::export_document(shared.salvage); });
     yaml = yaml || (none && has_yaml_name(file));

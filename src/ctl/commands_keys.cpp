@@ -32,22 +32,6 @@ static view people_value(const std::string &value) {
     return value.empty() ? view{} : view{admin::value_for_people(value)};
 }
 
-// For people and as bare text a value comes without its zero byte, for programs as it is stored.
-static exit_code run_get(const tool &shared, const given_names &names) {
-    const std::string &path = names[0];
-    admin::read_keys_result found = read(shared, path, reach::key_alone);
-    const std::string &value = found.keys.begin()->second;
-    if (shared.format == output_format::cmd) {
-        write_lines(set_command(path, value) + "\n");
-        return EXIT_DONE;
-    }
-    bool bare = shared.format == output_format::table || shared.format == output_format::raw;
-    return show_answer(shared.format, "key",
-                       {{"path", {path}},
-                        {"revision", count_view(found.revision)},
-                        {"value", bare ? people_value(value) : view{value}}});
-}
-
 static std::string indented(const admin::key_map &keys) {
     std::string out;
     size_t top = keys.begin()->first.size();
@@ -72,9 +56,41 @@ static exit_code show_keys(const tool &shared, const admin::read_keys_result &fo
     }
     view_list rows;
     for (const auto &[path, value] : found.keys)
-        rows.push_back({view_fields{{"path", {path}}, {"value", {value}}}});
+        rows.push_back(shared.keys_only ? view{path}
+                                        : view{view_fields{{"path", {path}}, {"value", {value}}}});
     return show_answer(shared.format, "keys",
                        {{"revision", count_view(found.revision)}, {"keys", {std::move(rows)}}});
+}
+
+// For people and as bare text a value comes without its zero byte, for programs as it is stored.
+static exit_code show_key(const tool &shared, const std::string &path) {
+    admin::read_keys_result found = read(shared, path, reach::key_alone);
+    const std::string &value = found.keys.begin()->second;
+    if (shared.format == output_format::cmd) {
+        write_lines(set_command(path, value) + "\n");
+        return EXIT_DONE;
+    }
+    bool bare = shared.format == output_format::table || shared.format == output_format::raw;
+    return show_answer(shared.format, "key",
+                       {{"path", {path}},
+                        {"revision", count_view(found.revision)},
+                        {"value", bare ? people_value(value) : view{value}}});
+}
+
+// Reads the parent of the prefix, which may end within an element.
+static exit_code run_get(const tool &shared, const given_names &names) {
+    const std::string &prefix = names[0];
+    if (!shared.prefix && !shared.keys_only) return show_key(shared, prefix);
+    std::string top(shared.prefix ? parent_path(prefix) : prefix);
+    admin::read_keys_result found =
+        read(shared, top.empty() ? ROOT : top, shared.prefix ? reach::all_below : reach::key_alone);
+    for (auto at = found.keys.begin(); at != found.keys.end();)
+        at = at->first.rfind(prefix, 0) == 0 ? std::next(at) : found.keys.erase(at);
+    if (found.keys.empty()) {
+        throw tool_error{EXIT_NOT_FOUND, "no key can be shown", shared.registry,
+                         "no path begins with " + prefix, "\"keyviewctl ls\" lists keys"};
+    }
+    return show_keys(shared, found);
 }
 
 static exit_code run_ls(const tool &shared, const given_names &names) {
@@ -207,7 +223,8 @@ static exit_code run_undo(const tool &shared, const given_names &names) {
 // ---- The commands -------------------------------------------------------------------------------
 
 static constexpr command_row COMMANDS[] = {
-    {"get", "Show the value of a key", "KEY", run_get},
+    {"get", "Show the value of a key, or the keys that a prefix selects",
+     "KEY --prefix --keys-only", run_get},
     {"ls", "List the keys one level below a key, or below the root", "[KEY]", run_ls},
     {"tree", "Show a key, or the root, with all that is below it", "[KEY]", run_tree},
     {"explain",

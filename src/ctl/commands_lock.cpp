@@ -5,13 +5,20 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
 
 #include "admin/care/inspection.h"
+#include "admin/document/meanings.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
+#include "ctl/suggest.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+#include "model/folding.h"
+#include "model/locks.h"
 
 namespace keyview::ctl {
 
@@ -19,7 +26,7 @@ namespace {
 struct run_options {
     std::string name;
     std::vector<std::string> command;
-    bool shared = false;
+    bool shared = false, any_name = false;
     std::optional<double> wait_s;
 };
 }  // namespace
@@ -62,7 +69,40 @@ static int wait_for(pid_t child, const admin::held_lock &lock) {
     }
 }
 
+// The lock that covers a key, or the database, of a near name; "" if there is none.
+static std::string lock_meant(const std::string &name) {
+    const std::string path(cover_of(name).path.empty() ? name : std::string(cover_of(name).path));
+    const std::string database = nearest(path, registered_names(DB_ROOT));
+    if (!database.empty()) return lock_of(database_key(database));
+    const std::string folded = path_fault(path) == nullptr ? admin::folded_path(path) : "";
+    const std::string key = key_exists(folded) ? folded : key_meant(folded);
+    return key.empty() ? "" : key == DB_ROOT ? LOCK_HEAD + key : lock_of(key);
+}
+
+// No program uses a lock of another form. One of a record that is not there may be misspelt.
+static void check_name(const std::string &name) {
+    const std::string path(cover_of(name).path);
+    bool used = !path.empty() && admin::folded_path(path) == path &&
+                (path == DB_ROOT ? name == LOCK_HEAD + path : name == lock_of(path));
+    if (used && key_exists(path)) return;
+    const std::string meant = lock_meant(name);
+    if (used && meant.empty()) return;
+    throw tool_error{
+        EXIT_USAGE, "the lock " + name + " is not taken", "",
+        used ? "there is no key " + path : "no program uses a lock of this name",
+        (meant.empty() ? "" : "did you mean " + meant + "? ") + "--any-name takes it all the same"};
+}
+
+// Adds the lock to those that the command knows of.
+static void announce(const tool &shared, const std::string &name) {
+    std::string lines = environment(LOCKS_ABOVE);
+    if (!lines.empty()) lines += "\n";
+    lines += std::to_string(getpid()) + "\t" + absolute_url(shared.registry) + "\t" + name;
+    (void)setenv(LOCKS_ABOVE, lines.c_str(), 1);  // without it, the command only waits in vain
+}
+
 static exit_code run_lock(const tool &shared, const run_options &options) {
+    if (!options.any_name) check_name(options.name);
     shared.reporter->step("waits for the lock " + options.name);
     int64_t wait_ms = options.wait_s ? static_cast<int64_t>(*options.wait_s * 1000) : -1;
     admin::held_lock lock = attempt("the lock is not taken", shared.registry, [&] {
@@ -73,6 +113,7 @@ static exit_code run_lock(const tool &shared, const run_options &options) {
     (void)signal(SIGINT, SIG_IGN);
     for (int number : {SIGTERM, SIGHUP})
         (void)signal(number, [](int its_number) { to_forward = its_number; });
+    announce(shared, options.name);
     pid_t child = start(options.command);
     if (child < 0) {
         throw tool_error{EXIT_INTERNAL, "the command is not run", "", strerror(errno),
@@ -110,6 +151,8 @@ void add_lock_commands(CLI::App *app, tool *shared) {
     run->add_option("LOCK", options->name, "The lock, such as LKRT.DATABASE.DATABASES.sales")
         ->required();
     run->add_flag("--shared", options->shared, "Share the lock with others that do");
+    run->add_flag("--any-name", options->any_name,
+                  "Also a name that no program uses, or one of a record that does not exist");
     run->add_option("--wait", options->wait_s,
                     "Seconds to wait for it; without it, the setting lock_wait")
         ->check(CLI::Range(0.0, 86400.0));

@@ -2,6 +2,7 @@
 // services.
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "ctl/change_view.h"
 #include "ctl/command.h"
@@ -116,15 +117,25 @@ static exit_code run_name(const session &library, const given_names &names) {
         {{"dbname", {names[0]}}, {"instname", optional_view(names[1])}, {"name", {name}}});
 }
 
-static exit_code run_instance_on(const session &library, const given_names &names) {
+// The node came before the database once: that order is read, too, where only it makes sense.
+static exit_code run_instance_on(const session &library, const given_names &given) {
+    given_names names = given;
+    auto read = [&](std::string *name) {
+        int32_t rc = library.read_name(name, prsr_get_node_instance_name, names[0], names[1]);
+        return refined(rc, [&] { return probe_field(library, names[0], &prsr_cfg::sp_name); });
+    };
     std::string name;
-    int32_t rc = library.read_name(&name, prsr_get_node_instance_name, names[1], names[0]);
-    rc = refined(rc, [&] { return probe_field(library, names[1], &prsr_cfg::sp_name); });
+    int32_t rc = read(&name);
+    if (rc == PRSR_ERR_NO_DATABASE && probe_field(library, names[1], &prsr_cfg::sp_name) == 0) {
+        std::swap(names[0], names[1]);
+        print_remark("the database comes first: instance-on " + names[0] + " " + names[1]);
+        rc = read(&name);
+    }
     library.check(
-        rc, "the instance of database " + names[1] + " on node " + names[0] + " cannot be read");
+        rc, "the instance of database " + names[0] + " on node " + names[1] + " cannot be read");
     show_answer(
         library.shared.format, "instance",
-        {{"nodename", {names[0]}}, {"dbname", {names[1]}}, {"instance", optional_view(name)}});
+        {{"nodename", {names[1]}}, {"dbname", {names[0]}}, {"instance", optional_view(name)}});
     return exit_of_answer(name.empty() ? 0 : 1);
 }
 
@@ -139,7 +150,7 @@ static constexpr command_row COMMANDS[] = {
     {"name", "Show the registered name of a database or of an instance", "DB [INSTANCE]",
      with_library<run_name>},
     {"instance-on", "Show which instance of a database is on a node; exit code 1 if none is",
-     "NODE DB", with_library<run_instance_on>},
+     "DB NODE", with_library<run_instance_on>},
 };
 
 void add_query_commands(CLI::App *app, tool *shared) {

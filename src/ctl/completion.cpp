@@ -126,21 +126,13 @@ static words context_names() {
 
 static words values_for(const std::string &name, const walked &at, const std::string &begun) {
     const std::string first = at.arguments.empty() ? "" : at.arguments[0];
-    const std::string database = database_key(first);
-    if (name == "DB") return registered_names(DB_ROOT);
-    if (name == "SERVICE" || name == "--service")
-        return registered_names(database + "." + KEY_SERVICE);
-    if (name == "INSTANCE" || name == "--instance")
-        return registered_names(database + "." + KEY_INSTANCE);
-    if (name == "NODE") return registered_names(NODEAPPS_ROOT);
-    if (name == "SCOPE") return registered_names(STG_ROOT);
-    if (name == "NAME") return registered_names(STG_ROOT + std::string(".") + element_of(first));
     if (name == "LOCK") return lock_names();
     if (name == "CMD") return programs_like(begun);
     if (name == "COMMAND") return command_names(*at.command->get_parent());
     if (name == "CONTEXT" || name == "--context") return context_names();
     if (name == "KEY") return keys_like(begun);
-    return words_of(name);
+    words names = names_for(name, first);
+    return names.empty() ? words_of(name) : names;
 }
 
 static words option_names(const CLI::App *command) {

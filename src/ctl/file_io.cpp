@@ -129,6 +129,19 @@ std::string read_document(const std::string &name, const std::string &what) {
     });
 }
 
+void refuse_own_file(const std::string &name, const std::string &registry_url) {
+    constexpr std::string_view HEAD = "lmdb:";
+    if (name == "-" || registry_url.rfind(HEAD, 0) != 0) return;
+    std::error_code missing;
+    std::filesystem::path file = std::filesystem::weakly_canonical(name, missing);
+    std::filesystem::path folder = registry_url.substr(HEAD.size());
+    if (!std::filesystem::equivalent(file.parent_path(), folder, missing)) return;
+    throw tool_error{
+        EXIT_USAGE, "nothing was written", file_label(name),
+        "the file is in the folder of the registry, where it would destroy what is stored",
+        "give a file in another folder"};
+}
+
 static void write_into(const std::string &name, std::string_view content) {
     open_file file;
     file.fd = open(name.c_str(), O_WRONLY | O_CLOEXEC);

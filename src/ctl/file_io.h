@@ -16,6 +16,10 @@ std::string read_file(const std::string &name);
 // applied".
 std::string read_document(const std::string &name, const std::string &what);
 
+// Throws the tool_error of an output file that is in the folder of a registry on this machine, where
+// only the registry's own files belong.
+void refuse_own_file(const std::string &name, const std::string &registry_url);
+
 // Replaces a file: beside it, synced, renamed, so that under its name there is always all of the
 // old content or all of the new. A symbolic link stays one. What is no regular file, such as a pipe
 // or a device, is written into.

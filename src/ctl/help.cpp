@@ -18,7 +18,7 @@ static constexpr struct {
     {"list", SEE, "list"},
     {"show", SEE, "show Sales"},
     {"roster", SEE, "roster Sales reporting"},
-    {"instance-on", SEE, "instance-on node1 Sales"},
+    {"instance-on", SEE, "instance-on Sales node1"},
     {"enabled", SEE, "enabled Sales --service reporting"},
     {"supported", SEE, "supported Sales reporting Sales4"},
     {"policy", SEE, "policy Sales reporting"},

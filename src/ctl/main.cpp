@@ -16,7 +16,9 @@
 #include "ctl/output.h"
 #include "ctl/suggest.h"
 #include "ctl/terminal.h"
+#include "ctl/text.h"
 #include "host/if/keyview_host.h"
+#include "model/locks.h"
 
 namespace keyview::ctl {
 
@@ -82,14 +84,22 @@ static void add_options(CLI::App *app, tool *shared) {
 static constexpr const char *TRY_HELP =
     "\"keyviewctl --help\" shows the commands, and --help behind one its options";
 
-// ": did you mean status?", if a word is none of the commands but near one.
+// ": did you mean status?", if a word is no command or option but near one.
 static std::string command_meant(const CLI::App &app) {
-    const bool chosen = !app.get_subcommands().empty();
-    std::vector<std::string> names;
-    for (const CLI::App *command : app.get_subcommands(nullptr))
-        if (!command->get_group().empty()) names.push_back(command->get_name());
-    for (const std::string &word : app.remaining()) {
-        std::string meant = chosen ? "" : nearest(word, names);
+    std::vector<std::string> commands, options;
+    const CLI::App *chosen = &app;
+    for (;; chosen = chosen->get_subcommands().front()) {
+        for (const CLI::Option *option : chosen->get_options())
+            for (const std::string &name : option->get_lnames())
+                options.push_back("--" + name);
+        if (chosen->get_subcommands().empty()) break;
+    }
+    for (const CLI::App *command : chosen->get_subcommands(nullptr))
+        if (!command->get_group().empty()) commands.push_back(command->get_name());
+    for (const std::string &word : app.remaining(true)) {
+        bool option = word.size() > 1 && word[0] == '-';
+        std::string meant = nearest(word.substr(0, option ? word.find('=') : word.npos),
+                                    option ? options : commands);
         if (!meant.empty()) return ": did you mean " + meant + "?";
     }
     return "";
@@ -113,6 +123,17 @@ static std::string shown_url(const std::string &url) {
     return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
 }
 
+// The command may run under a lock of its own parents, who wait for it. Those of other registries do
+// not concern it.
+static void keep_locks_above(const tool &shared) {
+    std::istringstream lines(environment(LOCKS_ABOVE));
+    std::string kept;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("\t" + absolute_url(shared.registry) + "\t") != line.npos)
+            kept += (kept.empty() ? "" : "\n") + line;
+    (void)(kept.empty() ? unsetenv(LOCKS_ABOVE) : setenv(LOCKS_ABOVE, kept.c_str(), 1));
+}
+
 static void choose_registry(const tool &shared) {
     const char *todo =
         "use --registry or KEYVIEW_REGISTRY with a URL such as lmdb:/var/lib/keyview";
@@ -124,6 +145,7 @@ static void choose_registry(const tool &shared) {
     if (!shared.chosen.context.value.empty())
         print_step("uses the context " + shared.chosen.context.value + ", chosen by " +
                    shared.chosen.context.origin);
+    keep_locks_above(shared);
     if (keyview_host_set_registry(shared.registry.c_str()) != 0) {
         throw tool_error{EXIT_USAGE, "the registry cannot be used", shown_url(shared.registry),
                          keyview_host_last_error(), todo};
@@ -165,10 +187,34 @@ static void apply_settings(tool *shared) {
 }
 
 // An unknown name may be misspelt.
-static void add_suggestion(int argc, char **argv, tool_error *error) {
+static void add_suggestion(const tool &shared, tool_error *error) {
     if (error->code != EXIT_NOT_FOUND) return;
-    std::string meant = database_meant({argv + 1, argv + argc});
-    if (!meant.empty()) error->todo = meant + " " + error->todo;
+    const CLI::App *chosen = shared.app;
+    while (!chosen->get_subcommands().empty())
+        chosen = chosen->get_subcommands().front();
+    auto found = shared.arguments.find(chosen);
+    if (found == shared.arguments.end()) return;
+    const auto &[words, names] = found->second;
+    given_arguments given;
+    for (size_t n = 0; n < words.size(); ++n)
+        given.emplace_back(words[n], (*names)[n]);
+    std::string meant = name_meant(given);
+    if (!meant.empty()) error->todo = "did you mean " + meant + "? " + error->todo;
+}
+
+static void add_lock_above(tool_error *error) {
+    if (error->code != EXIT_LOCK) return;
+    std::istringstream words(error->why);
+    const std::string lines = environment(LOCKS_ABOVE);
+    for (std::string word; words >> word;) {
+        const std::string line(line_of_lock(lines, word));
+        if (line.empty()) continue;
+        error->why = "the lock " + word +
+                     " is held by the \"lock run\" that runs this command, process " +
+                     line.substr(0, line.find('\t'));
+        error->todo = "run this command outside of it";
+        return;
+    }
 }
 
 static int run(int argc, char **argv, output_format *format) {
@@ -193,7 +239,14 @@ static int run(int argc, char **argv, output_format *format) {
     shared.reporter = std::make_unique<progress>(
         shared.command, shared.needs_registry && !shared.quiet && !for_programs(shared.format));
     shared.reporter->start();
-    exit_code code = shared.run();
+    exit_code code = EXIT_DONE;
+    try {
+        code = shared.run();
+    } catch (tool_error &error) {
+        add_suggestion(shared, &error);
+        add_lock_above(&error);
+        throw;
+    }
     print_step("ends with exit code " + std::to_string(code));
     return code;
 }
@@ -214,8 +267,7 @@ int main(int argc, char **argv) {
         (void)signal(SIGPIPE, SIG_DFL);
         (void)raise(SIGPIPE);
         return EXIT_INTERNAL;  // it was held back
-    } catch (tool_error &error) {
-        add_suggestion(argc, argv, &error);
+    } catch (const tool_error &error) {
         report_error(format, error);
         return error.code;
     } catch (const std::exception &error) {

@@ -50,6 +50,7 @@ std::vector<std::string> words_of(const std::string &argument) {
     if (argument == "--color") return words_in(COLORS);
     if (argument == "--as") return {"text", "list", "base64"};
     if (argument == "ROLE") return {std::begin(ROLES), std::end(ROLES)};
+    if (argument == "KIND") return {"databases", "nodes", "storage-managers"};
     if (argument == "SHELL") return {"bash", "zsh", "fish"};
     if (argument == "PAGE") return {"keyviewctl", "keyview-document", "keyview-keys"};
     if (argument == "CODE") return exit_words();

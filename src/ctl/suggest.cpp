@@ -4,44 +4,11 @@
 #include <algorithm>
 
 #include "admin/change/keys.h"
+#include "admin/document/meanings.h"
 #include "ctl/text.h"
 #include "model/folding.h"
 
 namespace keyview::ctl {
-
-// Letters to change, add, leave out or swap with the next one.
-static size_t distance_between(const std::string &a, const std::string &b) {
-    std::vector<std::vector<size_t>> rows(a.size() + 1, std::vector<size_t>(b.size() + 1));
-    for (size_t i = 0; i <= a.size(); ++i) {
-        for (size_t j = 0; j <= b.size(); ++j) {
-            if (i == 0 || j == 0) {
-                rows[i][j] = i + j;
-                continue;
-            }
-            size_t other = a[i - 1] == b[j - 1] ? 0 : 1;
-            rows[i][j] =
-                std::min({rows[i - 1][j] + 1, rows[i][j - 1] + 1, rows[i - 1][j - 1] + other});
-            bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
-            if (swapped) rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
-        }
-    }
-    return rows[a.size()][b.size()];
-}
-
-std::string nearest(const std::string &word, const std::vector<std::string> &candidates) {
-    constexpr size_t LONGEST = 64;
-    size_t least = std::max<size_t>(1, word.size() / 3) + 1;
-    std::string best;
-    for (const std::string &candidate : candidates) {
-        if (word.size() > LONGEST || candidate.size() > LONGEST) continue;
-        size_t distance = distance_between(element_of(word), element_of(candidate));
-        if (distance < least) {
-            least = distance;
-            best = candidate;
-        }
-    }
-    return best;
-}
 
 static admin::key_map readable(const std::string &path, reach depth) {
     try {
@@ -70,13 +37,55 @@ std::vector<std::string> registered_names(const std::string &section) {
     return names;
 }
 
-std::string database_meant(const std::vector<std::string> &words) {
-    std::vector<std::string> names = registered_names(DB_ROOT);
-    for (const std::string &word : words) {
-        if (word.empty() || word[0] == '-') continue;
-        std::string meant = nearest(word, names);
-        if (!meant.empty() && element_of(meant) != element_of(word))
-            return "did you mean " + meant + "?";
+// ---- Names in the arguments of a command --------------------------------------------------------
+
+std::vector<std::string> names_for(const std::string &argument, const std::string &first,
+                                   const std::string &service) {
+    const std::string database = database_key(first);
+    if (argument == "DB") return registered_names(DB_ROOT);
+    if (argument == "SERVICE" || argument == "--service")
+        return registered_names(database + "." + KEY_SERVICE);
+    if (argument == "INSTANCE" || argument == "--instance") {
+        if (service.empty()) return registered_names(database + "." + KEY_INSTANCE);
+        return registered_names(database + "." + KEY_SERVICE + "." + element_of(service, true) +
+                                "." + KEY_INSTANCES);
+    }
+    if (argument == "NODE") return registered_names(NODEAPPS_ROOT);
+    if (argument == "SCOPE") return registered_names(STG_ROOT);
+    if (argument == "NAME")
+        return registered_names(STG_ROOT + std::string(".") + element_of(first));
+    return {};
+}
+
+std::string key_meant(const std::string &path) {
+    std::string out;
+    for (std::string_view rest = path; !rest.empty();) {
+        const std::string element(first_elements(rest, 1));
+        std::vector<std::string> known = admin::known_elements(out);
+        if (out.empty()) known = {ROOT};
+        for (const auto &[key, value] : readable_children(out))
+            if (key != out && escaped(key) == key) known.emplace_back(last_element(key));
+        bool present = std::find(known.begin(), known.end(), element) != known.end();
+        const std::string meant = present ? element : nearest(element, known);
+        if (meant.empty()) return "";
+        out += (out.empty() ? "" : ".") + meant;
+        rest.remove_prefix(std::min(rest.size(), element.size() + 1));
+    }
+    return out == path ? "" : out;
+}
+
+std::string name_meant(const given_arguments &given) {
+    std::string service;
+    for (const auto &[argument, name] : given) {
+        if (name.empty() || name[0] == '-') continue;
+        if (argument == "KEY") return key_meant(name);
+        const std::vector<std::string> known = names_for(argument, given.front().second, service);
+        if (argument == "SERVICE" || argument == "--service") service = name;
+        auto same = [&](const std::string &one) {
+            return element_of(one, true) == element_of(name, true);
+        };
+        if (known.empty() || std::any_of(known.begin(), known.end(), same)) continue;
+        return nearest(name, known);
     }
     return "";
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 
 #include "model/text.h"
 
@@ -50,6 +51,12 @@ std::string json_made_plain(std::string_view json) {
         json.remove_prefix(next.length);
     }
     return out;
+}
+
+std::string absolute_url(const std::string &url) {
+    constexpr std::string_view HEAD = "lmdb:";
+    if (url.rfind(HEAD, 0) != 0 || url.size() == HEAD.size()) return url;
+    return std::string(HEAD) + std::filesystem::absolute(url.substr(HEAD.size())).string();
 }
 
 std::string shell_word(std::string_view text) {

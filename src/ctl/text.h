@@ -14,6 +14,9 @@ std::string escaped(std::string_view text);
 // An equivalent JSON text without a byte that escaped() would change, but for line feeds.
 std::string json_made_plain(std::string_view json);
 
+// The URL of a registry as it means the same in any folder.
+std::string absolute_url(const std::string &url);
+
 // A text as one word of a shell's command line.
 std::string shell_word(std::string_view text);
 

@@ -42,4 +42,18 @@ inline std::string lock_of(std::string_view path) {
     return (entry ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(cover);
 }
 
+// What a command that runs under locks, held by the process that started it, knows of them: a line
+// for each, made of the process, the registry's URL and the name, with tabs between.
+inline constexpr char LOCKS_ABOVE[] = "KEYVIEW_LOCKS_ABOVE";
+
+// The line of a lock in such a text; "" if there is none.
+constexpr std::string_view line_of_lock(std::string_view lines, std::string_view name) noexcept {
+    while (!lines.empty()) {
+        std::string_view line = lines.substr(0, lines.find('\n'));
+        if (line.substr(line.rfind('\t') + 1) == name) return line;
+        lines.remove_prefix(line.size() < lines.size() ? line.size() + 1 : line.size());
+    }
+    return {};
+}
+
 }  // namespace model

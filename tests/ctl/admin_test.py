@@ -89,7 +89,7 @@ class Administrator(unittest.TestCase):
 
 
 READS = """list|show sales|show ledger|status|status sales|roster sales reporting|policy ledger booking|role sales
-domain sales|name sales|name sales Sales1|instance-on node5 ledger|enabled sales|supported sales reporting sales4
+domain sales|name sales|name sales Sales1|instance-on ledger node5|enabled sales|supported sales reporting sales4
 stg node1 stg1|stg-name node1 stg1|stg-enabled node1 stg1|nodeapps node1|get DATABASE.DATABASES.sales.ENVIRONMENT
 ls DATABASE.STG|tree|explain|explain --findings|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config
 disable sales --dry-run|role sales PRIMARY --dry-run|set DATABASE.DATABASES.sales.DOMAIN x --dry-run

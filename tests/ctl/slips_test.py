@@ -2,7 +2,7 @@
 """What a slip of the hand does: it is refused with words that help, and leaves every key as it was. What
 removes or replaces more than one record asks first, and the command that its answer names brings all of
 it back. Both on LMDB and in a cluster of one member."""
-import json, os, pty, re, shutil, socket, subprocess, sys, tempfile, unittest
+import json, os, pty, re, shutil, socket, subprocess, sys, tempfile, time, unittest
 
 from admin_test import EXAMPLE, SALES, TOOL, Administrator, content
 
@@ -159,6 +159,96 @@ class Removals:
         self.good("rm", SALES, "--yes", code=2, HOME="", XDG_STATE_HOME="")
         self.good("rm", SALES, "--yes", code=2, XDG_STATE_HOME=EXAMPLE)
         self.assertEqual(self.dumps(), before)
+
+
+class Slips:
+    def setUp(self):
+        super().setUp()
+        def write(name, text):
+            os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
+            with open(self.path(name), "w") as file:
+                file.write(text)
+            return self.path(name)
+        document = {"format": "keyview-cluster", "version": 1}
+        self.good("apply", "-", "--registry", self.other, stdin=json.dumps({**document, "databases": [{"name": "a"}, {"name": "b"}]}).encode())
+        self.good("backup", self.path("less"), "--registry", self.other)
+        self.good("backup", self.path("saved"))
+        write("typo/.config/keyview/config", "registri = lmdb:/x\n")
+        own = self.url.split(":", 1)[1] + "/data.mdb"
+        self.marks = {"<example>": EXAMPLE, "<backup>": self.path("saved"), "<less>": self.path("less"),
+                      "<other>": self.other, "<folder>": self.folder, "<tool>": TOOL, "<typo>": self.path("typo"),
+                      "<own>": own if os.path.exists(own) else TOOL,
+                      "<empty>": write("empty", json.dumps({**document, "databases": []})),
+                      "<rol>": write("rol", json.dumps({**document, "databases": [{"name": "Sales", "rol": "PRIMARY"}]})),
+                      "<service>": write("service", json.dumps({**document, "databases": [{"name": "Sales", "service": []}]}))}
+
+    def meant(self, text):
+        for mark, word in self.marks.items():
+            text = text.replace(mark, word)
+        return text
+
+    def run_row(self, command):
+        head, colon, rest = command.partition(":")
+        if head in ("n", "y"):
+            code, seen, _ = self.answered(head, *rest.split())
+            return code, seen
+        words = command.split()
+        count = next(n for n, word in enumerate(words) if not re.match(r"[A-Z_]+=", word))
+        env = dict(word.split("=", 1) for word in words[:count])
+        if "HOME" in env:
+            env["KEYVIEW_REGISTRY"] = ""
+        ended = self.run_tool(*words[count:], **env)
+        return ended.returncode, (ended.stdout + ended.stderr).decode(errors="replace")
+
+    def test_each_slip_is_refused_with_words_that_help(self):
+        lines = content(os.path.join(HERE, "slips.txt")).decode().splitlines()
+        rows = [[cell.strip() for cell in re.split(r" \|(?: |$)", line)] for line in lines if line and line[0] != "#"]
+        before, rest = self.dump(), self.dump(self.other)
+        stored = dict(line.rsplit(" ", 1) for line in before[2:])
+        for command, code, left, *words in rows:
+            if command.startswith("lmdb:"):
+                command = command[5:]
+                if not self.url.startswith("lmdb:"):
+                    continue
+            with self.subTest(command):
+                ended, text = self.run_row(self.meant(command))
+                self.assertEqual(ended, int(code), text)
+                for word in filter(None, (words or [""])[0].split(" & ")):
+                    self.assertIn(self.meant(word), text)
+                after = dict(line.rsplit(" ", 1) for line in self.dump()[2:])
+                differs = ["+" + key for key in after if key not in stored]
+                differs += ["-" + key for key in stored if key not in after]
+                differs += ["~" + key for key in stored if key in after and stored[key] != after[key]]
+                self.assertEqual(sorted(differs), [] if left == "same" else sorted(left.split()), text)
+                self.assertEqual(self.dump(self.other), rest)
+            if after != stored:
+                self.good("restore", self.path("saved"), "--force", "--yes")
+        print("%d slips in %s" % (len(rows), self.url.split(":")[0]))
+
+    def test_a_writer_that_waits_behind_a_removal_finds_nothing(self):
+        for words in (["disable", "sales"], ["role", "sales", "LOGICAL_STANDBY"], ["set", SALES + ".DOMAIN", "late"],
+                      ["rm", SALES, "--yes"], ["enable", "sales", "--service", "nightly_batch"]):
+            holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sh", "-c", "echo held; read end"],
+                                      env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            holder.stdout.readline()
+            removal = subprocess.Popen([TOOL, "rm", SALES, "--yes"], env=self.env, stdout=subprocess.DEVNULL)
+            time.sleep(0.3)
+            waiting = subprocess.Popen([TOOL, *words], env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            time.sleep(0.3)
+            holder.communicate(b"end\n")
+            removal.wait()
+            out, err = waiting.communicate(timeout=60)
+            first = waiting.returncode == 0  # it came before the removal
+            self.assertTrue(first or waiting.returncode == 3, (words, waiting.returncode, err))
+            self.good("restore", self.path("saved"), "--force", "--yes")
+
+
+class SlipsOnLmdb(Slips, Engine):
+    pass
+
+
+class SlipsInACluster(Slips, Cluster):
+    pass
 
 
 class RemovalsOnLmdb(Removals, Engine):

@@ -8,6 +8,7 @@
 #include "admin/document/byte_strings.h"
 #include "admin/document/encoding.h"
 #include "admin/document/json_text.h"
+#include "admin/nearest.h"
 #include "model/folding.h"
 #include "model/locks.h"
 
@@ -25,9 +26,8 @@ class document_walk {
     void read(const json &document) {
         if (!read_head(document)) return;
         for (const auto &[field, value] : document.items()) {
-            if (field != "format" && field != "version" && !is_list(SECTIONS, field)) {
-                unknown(pointer() / field);
-            }
+            if (field != "format" && field != "version" && !is_list(SECTIONS, field))
+                unknown(pointer(), field, {nullptr, nullptr, {}, SECTIONS});
         }
         for (const list_row &section : SECTIONS)
             read_list(section, document, "", pointer());
@@ -38,7 +38,16 @@ class document_walk {
     void refuse(const pointer &place, std::string reason) {
         problems_->add(place.to_string(), std::move(reason));
     }
-    void unknown(const pointer &place) { refuse(place, "is no field of a document here"); }
+    void unknown(const pointer &place, const std::string &field, const record_table &table) {
+        std::vector<std::string> known;
+        for (const field_row &row : table.fields)
+            known.emplace_back(row.field);
+        for (const list_row &row : table.lists)
+            known.emplace_back(row.field);
+        std::string meant = nearest(field, known);
+        if (!meant.empty()) meant = ": did you mean " + meant + "?";
+        refuse(place / field, "is no field of a document here" + meant);
+    }
 
     void put(std::string path, std::string value) {
         plan_->changes.push_back({std::move(path), std::move(value)});
@@ -94,7 +103,7 @@ class document_walk {
         const record_table &table = *list.record;
         if (!record.is_object()) return refuse(place, "must be an object");
         for (const auto &[field, value] : record.items()) {
-            if (!is_field(table, field)) unknown(place / field);
+            if (!is_field(table, field)) unknown(place, field, table);
         }
         std::string path = parent;
         if (table.scoped && !append_name(table, record, "scope", place, &path)) return;

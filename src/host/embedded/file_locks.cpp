@@ -338,7 +338,7 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
     };
     if (granted()) return lock;
     release_moments();  // the holder of the lock may have to wait for their end
-    uint32_t wait_ms = limit.ms();
+    uint32_t wait_ms = limit.ms(name);
     lock_watch watch(&watches_.get(), *directory_);
     deadline wait(wait_ms);
     do {

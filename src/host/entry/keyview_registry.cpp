@@ -39,8 +39,8 @@ static std::vector<std::string> strings_of(const keyview_bytes *names, size_t co
     return out;
 }
 
-static wait_limit limit_of(int64_t wait_ms) {
-    if (wait_ms < 0) return lock_wait_ms();
+static wait_limit limit_of(std::string_view name, int64_t wait_ms) {
+    if (wait_ms < 0 || is_held_above(name)) return lock_wait_for(name);
     return static_cast<uint32_t>(std::min<int64_t>(wait_ms, UINT32_MAX));
 }
 
@@ -160,7 +160,7 @@ int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int
     return coded([&] {
         auto held = registry->opened.locks->acquire(
             view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive,
-            limit_of(wait_ms));
+            limit_of(view_of(name), wait_ms));
         *lock = new keyview_lock{registry->opened, {std::move(held)}};
     });
 }
@@ -171,7 +171,12 @@ int32_t keyview_lock_acquire_all(keyview_registry *registry, const keyview_bytes
         std::vector<std::string> sorted = strings_of(names, count);
         std::sort(sorted.begin(), sorted.end());
         sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-        auto held = registry->opened.locks->acquire_all(sorted, limit_of(wait_ms));
+        auto above = std::find_if(sorted.begin(), sorted.end(), is_held_above);
+        if (above != sorted.end()) {
+            throw host_error(failure::lock, "the lock " + *above +
+                                                " is held by the process that started this one");
+        }
+        auto held = registry->opened.locks->acquire_all(sorted, limit_of("", wait_ms));
         *lock = new keyview_lock{registry->opened, std::move(held)};
     });
 }

@@ -31,18 +31,18 @@ class held_lock : public abstract_base {
     virtual std::unique_ptr<moment> as_of_grant() { return nullptr; }
 };
 
-// The longest wait for a lock, in milliseconds: a number, or a function that is called once a wait
-// is necessary. 0 tries once.
+// The longest wait for a lock, in milliseconds: a number, or a function that is called with the
+// name once a wait is necessary. 0 tries once.
 class wait_limit {
   public:
     // Implicit, so that a number converts to a limit.
     wait_limit(uint32_t wait_ms) : wait_ms_(wait_ms) {}
-    explicit wait_limit(uint32_t (*ask)()) : ask_(ask) {}
+    explicit wait_limit(uint32_t (*ask)(std::string_view name)) : ask_(ask) {}
 
-    uint32_t ms() const { return ask_ == nullptr ? wait_ms_ : ask_(); }
+    uint32_t ms(std::string_view name = {}) const { return ask_ == nullptr ? wait_ms_ : ask_(name); }
 
   private:
-    uint32_t (*ask_)() = nullptr;
+    uint32_t (*ask_)(std::string_view name) = nullptr;
     uint32_t wait_ms_ = 0;
 };
 

@@ -59,7 +59,7 @@ void held_locks::take(const void *service, const backend &registry, std::string_
     spare_name_.assign(name);
     lock_cover cover = cover_of(spare_name_);
     if (lock == nullptr)
-        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_ms), cover);
+        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_for), cover);
     size_t cover_at = cover.path.empty()
                           ? spare_name_.npos
                           : static_cast<size_t>(cover.path.data() - spare_name_.data());

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "host/support/environment.h"
+#include "model/locks.h"
 
 namespace keyview::host {
 
@@ -20,6 +21,14 @@ uint32_t lock_wait_ms() {
     int64_t chosen = chosen_wait_ms.load();
     if (chosen >= 0) return static_cast<uint32_t>(chosen);
     return environment_number("KEYVIEW_LOCK_WAIT", USUAL_WAIT_S, LONGEST_WAIT_S) * 1000;
+}
+
+bool is_held_above(std::string_view lock_name) {
+    return !line_of_lock(environment_text(LOCKS_ABOVE), lock_name).empty();
+}
+
+uint32_t lock_wait_for(std::string_view lock_name) {
+    return is_held_above(lock_name) ? 0 : lock_wait_ms();
 }
 
 }  // namespace keyview::host
