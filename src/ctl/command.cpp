@@ -55,7 +55,7 @@ static constexpr argument_row ARGUMENTS[] = {
      &tool::salvage},
 };
 
-CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
+CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const std::string &description,
                       const std::function<exit_code()> &run, bool plain) {
     CLI::App *command = app->add_subcommand(name, description);
     command->fallthrough();

@@ -56,6 +56,8 @@ void add_enable_commands(CLI::App *app, tool *shared);        // enable, disable
 void add_stg_nodeapps_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
 void add_document_commands(CLI::App *app, tool *shared);      // apply, diff, export
 void add_key_commands(CLI::App *app, tool *shared);           // get, ls, tree, set, rm, explain
+void add_create_commands(CLI::App *app, tool *shared);        // create; rm by name, below rm
+void add_edit_command(CLI::App *app, tool *shared);           // edit
 void add_watch_command(CLI::App *app, tool *shared);          // watch
 void add_status_command(CLI::App *app, tool *shared);         // status
 void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore, copy
@@ -65,7 +67,7 @@ void add_doctor_commands(CLI::App *app, tool *shared);        // doctor, recover
 void add_help_commands(CLI::App *app, tool *shared);          // help, version, errors, config, ...
 
 // One command: run takes no arguments, what it needs is bound to it. A plain one uses no registry.
-CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const char *description,
+CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const std::string &description,
                       const std::function<exit_code()> &run, bool plain = false);
 
 // The table of what check, lint and export find.

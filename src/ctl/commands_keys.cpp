@@ -206,6 +206,11 @@ static exit_code run_set(const tool &shared, const std::string &path, const set_
 }
 
 static exit_code run_rm(const tool &shared, const given_names &names) {
+    if (names[0].empty()) {
+        throw tool_error{
+            EXIT_USAGE, "nothing is removed", "", "no KEY is given",
+            "give a key, or a database, service or instance: see \"keyviewctl rm --help\""};
+    }
     return carry_out(shared, {names[0] + " is not removed", "", true},
                      [&](const admin::change_options &options) {
                          return admin::remove_keys({names[0]}, options);
@@ -231,7 +236,7 @@ static constexpr command_row COMMANDS[] = {
      "Explain what a key means, which commands use it and how it is stored; or all keys. A path may "
      "have <db> and such for its names",
      "[KEY] --fields --findings", run_explain, true},
-    {"rm", "Remove a key with all that is below it", "KEY --dry-run --if-revision --yes", run_rm},
+    {"rm", "Remove a key with all that is below it", "[KEY] --dry-run --if-revision --yes", run_rm},
     {"undo", "Take back the changes of a command, from the file that its answer names",
      "FILE --overwrite --dry-run --if-revision --yes", run_undo},
 };

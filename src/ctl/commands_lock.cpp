@@ -12,6 +12,7 @@
 
 #include "admin/care/inspection.h"
 #include "admin/document/meanings.h"
+#include "ctl/child.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/suggest.h"
@@ -31,22 +32,6 @@ struct run_options {
 };
 }  // namespace
 
-// Never returns in the child: what it runs, or 127 as a shell has it.
-static pid_t start(std::vector<std::string> command) {
-    std::vector<char *> words;
-    words.reserve(command.size() + 1);
-    for (std::string &word : command)
-        words.push_back(word.data());
-    words.push_back(nullptr);
-    pid_t child = fork();
-    if (child != 0) return child;
-    for (int number : {SIGPIPE, SIGINT})
-        (void)signal(number, SIG_DFL);
-    execvp(words[0], words.data());
-    print_warning(command[0] + " cannot be run: " + strerror(errno));
-    _exit(127);
-}
-
 // A signal that was sent to this process alone, for the command.
 static volatile sig_atomic_t to_forward = 0;
 
@@ -56,7 +41,7 @@ static int wait_for(pid_t child, const admin::held_lock &lock) {
     bool signalled = false;
     for (int status = 0;; usleep(POLL_US)) {
         pid_t ended = waitpid(child, &status, WNOHANG);
-        if (ended == child) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (ended == child) return exit_code_in(status);
         if (ended < 0 && errno != EINTR) return EXIT_INTERNAL;
         if (int number = to_forward; number != 0) {
             to_forward = 0;
@@ -114,7 +99,7 @@ static exit_code run_lock(const tool &shared, const run_options &options) {
     for (int number : {SIGTERM, SIGHUP})
         (void)signal(number, [](int its_number) { to_forward = its_number; });
     announce(shared, options.name);
-    pid_t child = start(options.command);
+    pid_t child = start_child(options.command);
     if (child < 0) {
         throw tool_error{EXIT_INTERNAL, "the command is not run", "", strerror(errno),
                          "try again when there is room for a process"};

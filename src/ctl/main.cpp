@@ -26,7 +26,7 @@ static constexpr command_group GROUPS[] = {
     add_status_command,  add_show_commands,   add_query_commands,    add_stg_nodeapps_commands,
     add_watch_command,   add_enable_commands, add_document_commands, add_key_commands,
     add_backup_commands, add_check_commands,  add_doctor_commands,   add_lock_commands,
-    add_help_commands,
+    add_help_commands,   add_create_commands, add_edit_command,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go

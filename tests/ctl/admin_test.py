@@ -32,7 +32,8 @@ class Administrator(unittest.TestCase):
         self.folder = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.folder)
         self.url = self.registry_url()
-        self.env = {"PATH": os.environ["PATH"], "HOME": self.folder, "KEYVIEW_REGISTRY": self.url}
+        self.env = {"PATH": os.environ["PATH"], "HOME": self.folder, "KEYVIEW_REGISTRY": self.url,
+                    "EDITOR": "true"}
         self.good("apply", EXAMPLE)
 
     def registry_url(self):

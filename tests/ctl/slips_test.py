@@ -84,7 +84,8 @@ class Removals:
             ("rm DATABASE.DATABASES.sales.SERVICE.reporting", "services reporting"),
             ("apply <part> --prune", "nodeapps node1"), ("restore <less> --force", "databases first, ledger, SalesStandby"),
             ("restore <others> --force", "replaces 3"), ("copy --to <other> --force", "<other>"),
-            ("undo <created>", "databases first, second")]
+            ("undo <created>", "databases first, second"), ("rm database sandbox ledger", "databases ledger, sandbox"),
+            ("rm service sales reporting", "services reporting"), ("rm instance sales sales1", "instances Sales1")]
 
     def setUp(self):
         super().setUp()
@@ -181,6 +182,15 @@ class Slips:
                       "<empty>": write("empty", json.dumps({**document, "databases": []})),
                       "<rol>": write("rol", json.dumps({**document, "databases": [{"name": "Sales", "rol": "PRIMARY"}]})),
                       "<service>": write("service", json.dumps({**document, "databases": [{"name": "Sales", "service": []}]}))}
+
+        for name, script in (("breaks", "echo x >> $1"), ("empties", ": > $1"), ("renames", "sed -i s/Sales\\\",/Other\\\",/ $1"),
+                             ("misspells", "sed -i s/role/rol/ $1"), ("fails", "echo x >> $1; exit 3"),
+                             ("changes", "sed -i s/PRIMARY/LOGICAL_STANDBY/ $1"),
+                             ("late", "%s role ledger LOGICAL_STANDBY; sed -i s/PRIMARY/LOGICAL_STANDBY/ $1" % TOOL),
+                             ("fewer", "python3 -c \"import json; d = json.load(open('$1')); d['databases'][0]['services'] = []; "
+                                       "json.dump(d, open('$1', 'w'))\"")):
+            os.chmod(write(name, "#!/bin/sh\n" + script + "\n"), 0o755)
+            self.marks["<%s>" % name] = self.path(name)
 
     def meant(self, text):
         for mark, word in self.marks.items():

@@ -10,6 +10,7 @@
 #include "admin/document/meanings.h"
 #include "admin/document/reader.h"
 #include "admin/document/writer.h"
+#include "admin/registry.h"
 
 namespace keyview::admin {
 
@@ -103,6 +104,16 @@ exported export_document(bool salvage) {
         "the tree holds what a document cannot express; nothing was exported; \"keyviewctl export "
         "--salvage FILE\" leaves it out");
     return out;
+}
+
+std::string export_database(const std::string &key, uint64_t *revision) {
+    key_map keys;
+    *revision = registry::open().read({{key, reach::all_below}}, &keys);
+    if (keys.empty()) throw error(KEYVIEW_FAILURE_NOT_FOUND, "there is no key " + key);
+    problem_list problems;
+    std::string document = document_of(keys, &problems);
+    problems.throw_if_any("the database holds what a document cannot express");
+    return document;
 }
 
 }  // namespace keyview::admin

@@ -1,6 +1,7 @@
 // The tree as a cluster document.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "admin/error.h"
@@ -18,5 +19,9 @@ struct exported {
 // Damage, and what a document cannot express, is KEYVIEW_FAILURE_CONTENT. With salvage it is left
 // out and listed; a record whose name is damaged, missing or none has its key's element as its name.
 exported export_document(bool salvage);
+
+// One database, by its key, in the same way; the tree's revision goes to *revision.
+// KEYVIEW_FAILURE_NOT_FOUND if there is no such database.
+std::string export_database(const std::string &key, uint64_t *revision);
 
 }  // namespace keyview::admin

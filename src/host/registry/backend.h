@@ -39,7 +39,9 @@ class wait_limit {
     wait_limit(uint32_t wait_ms) : wait_ms_(wait_ms) {}
     explicit wait_limit(uint32_t (*ask)(std::string_view name)) : ask_(ask) {}
 
-    uint32_t ms(std::string_view name = {}) const { return ask_ == nullptr ? wait_ms_ : ask_(name); }
+    uint32_t ms(std::string_view name = {}) const {
+        return ask_ == nullptr ? wait_ms_ : ask_(name);
+    }
 
   private:
     uint32_t (*ask_)(std::string_view name) = nullptr;
