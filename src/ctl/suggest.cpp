@@ -81,9 +81,8 @@ std::string name_meant(const given_arguments &given) {
         if (argument == "KEY") return key_meant(name);
         const std::vector<std::string> known = names_for(argument, given.front().second, service);
         if (argument == "SERVICE" || argument == "--service") service = name;
-        auto same = [&](const std::string &one) {
-            return element_of(one, true) == element_of(name, true);
-        };
+        const std::string element = element_of(name, true);
+        auto same = [&](const std::string &one) { return element_of(one, true) == element; };
         if (known.empty() || std::any_of(known.begin(), known.end(), same)) continue;
         return nearest(name, known);
     }

@@ -176,7 +176,11 @@ int32_t keyview_lock_acquire_all(keyview_registry *registry, const keyview_bytes
             throw host_error(failure::lock, "the lock " + *above +
                                                 " is held by the process that started this one");
         }
-        auto held = registry->opened.locks->acquire_all(sorted, limit_of("", wait_ms));
+        // One by one they do not wait for a lock of another name that is held above.
+        lock_service *locks = registry->opened.locks.get();
+        wait_limit limit = limit_of("", wait_ms);
+        auto held = any_held_above() ? locks->lock_service::acquire_all(sorted, limit)
+                                     : locks->acquire_all(sorted, limit);
         *lock = new keyview_lock{registry->opened, std::move(held)};
     });
 }

@@ -27,6 +27,10 @@ bool is_held_above(std::string_view lock_name) {
     return !line_of_lock(environment_text(LOCKS_ABOVE), lock_name).empty();
 }
 
+bool any_held_above() {
+    return !environment_text(LOCKS_ABOVE).empty();
+}
+
 uint32_t lock_wait_for(std::string_view lock_name) {
     return is_held_above(lock_name) ? 0 : lock_wait_ms();
 }

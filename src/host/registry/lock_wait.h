@@ -12,6 +12,7 @@ uint32_t lock_wait_ms();
 
 // Whether the process that started this one holds a lock, and so waits for this one.
 bool is_held_above(std::string_view lock_name);
+bool any_held_above();
 
 // How long to wait for a lock of this name: not at all for one that is held above.
 uint32_t lock_wait_for(std::string_view lock_name);
