@@ -9,7 +9,7 @@
 namespace keyview::ctl {
 
 // exit_codes.cpp has their meanings.
-enum exit_code {
+enum exit_code : int {
     EXIT_DONE = 0,
     EXIT_NO = 1,
     EXIT_USAGE = 2,
