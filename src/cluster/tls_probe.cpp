@@ -90,7 +90,7 @@ std::string refusal(const SSL *session, const cluster_settings &settings) {
                CERT_VARIABLE + " and " + KEY_VARIABLE;
     }
     return "it refuses the certificate in " + settings.cert_file + ", which " +
-           (seconds_left(own) < 0
+           (seconds_left(own) <= 0
                 ? "has expired: renew it"
                 : "must be for a client and of an authority that the member trusts");
 }
