@@ -22,7 +22,7 @@ static constexpr int READY_S = 30;
 
 // Members listen below the range of ephemeral ports.
 static uint16_t free_port() {
-    static uint16_t next = static_cast<uint16_t>(12000 + getpid() * 16 % 8000);
+    static uint16_t next = static_cast<uint16_t>(12000 + getpid() * 160 % 20000);
     for (;; ++next) {
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = {};

@@ -2,7 +2,10 @@
 // tools of etcd.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <cstdlib>
 #include <string>
 
@@ -39,7 +42,13 @@ struct setting {
 };
 
 inline void run(const std::string &command) {
-    EXPECT_EQ(std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()), 0) << command;
+    scratch_directory scratch;
+    const std::string log = scratch.path + "/log";
+    if (std::system(("{ set -x; " + command + "; } >" + log + " 2>&1").c_str()) == 0) return;
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    const std::string all = text.str();
+    ADD_FAILURE() << all.substr(all.size() - std::min<size_t>(all.size(), 3000));
 }
 
 inline void etcdctl(const etcd_members &members, const std::string &words) {
