@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <cstdlib>
 #include <string>
 
 #include "../host/registry.h"
