@@ -38,7 +38,8 @@ static void occupy_standard_descriptors() {
     }
 }
 
-// An apply holds a lock, and so an open file, for each database, entry and node of its document.
+// Under "lock run" an apply holds a lock, and so an open file, for each database, entry and node of
+// its document.
 static void raise_file_limit() {
     rlimit files = {};
     if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;

@@ -239,7 +239,7 @@ static ordered_json error_json(const tool_error &error) {
 }
 
 void report_error(output_format format, const tool_error &error) {
-    bool programs = format == output_format::json || format == output_format::jsonl;
+    bool programs = for_programs(format);
     std::string text = programs ? error_json(error).dump() + "\n" : error_text(error);
     if (programs && is_terminal(STDERR_FILENO)) text = json_made_plain(text);
     remove_moving_line(true);

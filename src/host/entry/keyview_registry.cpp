@@ -171,11 +171,6 @@ int32_t keyview_lock_acquire_all(keyview_registry *registry, const keyview_bytes
         std::vector<std::string> sorted = strings_of(names, count);
         std::sort(sorted.begin(), sorted.end());
         sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-        auto above = std::find_if(sorted.begin(), sorted.end(), is_held_above);
-        if (above != sorted.end()) {
-            throw host_error(failure::lock, "the lock " + *above +
-                                                " is held by the process that started this one");
-        }
         // One by one they do not wait for a lock of another name that is held above.
         lock_service *locks = registry->opened.locks.get();
         wait_limit limit = limit_of("", wait_ms);

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "host/registry/lock_wait.h"
+
 namespace keyview::host {
 
 // All of them together are waited for as long as one may be.
@@ -16,6 +18,7 @@ std::vector<std::shared_ptr<held_lock>> lock_service::acquire_all(
     held.reserve(names.size());
     for (const std::string &name : names) {
         auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now()).count();
+        if (is_held_above(name)) left = 0;
         held.push_back(
             acquire(name, lock_mode::exclusive, static_cast<uint32_t>(std::max<int64_t>(left, 0))));
     }
