@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <sstream>
 #include <thread>
 
 #include "bench/failure.h"
@@ -65,22 +66,50 @@ void wait_until(const std::function<bool()> &holds) {
     }
 }
 
-void run_program(const std::vector<std::string> &words) {
+// Starts a program whose output goes to a descriptor, or nowhere; waits for its good end meanwhile.
+static void run_into(const std::vector<std::string> &words, int out,
+                     const std::function<void()> &meanwhile) {
     std::vector<char *> arguments;
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
-    posix_spawn_file_actions_t to_nowhere;
-    posix_spawn_file_actions_init(&to_nowhere);
-    posix_spawn_file_actions_addopen(&to_nowhere, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (out >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    }
     pid_t pid = -1;
-    const int rc =
-        posix_spawnp(&pid, arguments[0], &to_nowhere, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&to_nowhere);
+    const int rc = posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    meanwhile();
     int status = 0;
     const bool ended = rc == 0 && waitpid(pid, &status, 0) == pid;
     require(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0,
             ("the program " + words[0] + " failed").c_str());
+}
+
+void run_program(const std::vector<std::string> &words) {
+    run_into(words, -1, [] {});
+}
+
+std::vector<double> figures_of(const std::vector<std::string> &words) {
+    int ends[2];
+    require_call(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+    std::string text;
+    run_into(words, ends[1], [&] {
+        close(ends[1]);
+        char part[256];
+        for (ssize_t n; (n = read(ends[0], part, sizeof part)) > 0;)
+            text.append(part, static_cast<size_t>(n));
+        close(ends[0]);
+    });
+    std::istringstream printed(text);
+    std::vector<double> figures;
+    for (double figure; printed >> figure;)
+        figures.push_back(figure);
+    return figures;
 }
 
 }  // namespace keyview::bench

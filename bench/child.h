@@ -51,4 +51,7 @@ void wait_until(const std::function<bool()> &holds);
 // first word is the program, looked for in the path unless it has a slash.
 void run_program(const std::vector<std::string> &words);
 
+// The same; returns the numbers that it prints.
+std::vector<double> figures_of(const std::vector<std::string> &words);
+
 }  // namespace keyview::bench

@@ -109,7 +109,7 @@ void fetch_rows(report *to, const test::etcd_members &members, const std::vector
         by_hand peer(url, keys.front().path, reach::all_below, keys);
         const auto figures =
             interleave({101, 5}, {[&] { reader.fetch(TYPICAL.database); }, [&] { peer.in_two(); }});
-        to->ratio((FETCH + where).c_str(), figures[0], figures[1], 1.3);
+        to->ratio((FETCH + where).c_str(), figures[0], figures[1], 1.1);
         const auto slow =
             interleave({5, 1}, {[&] { reader.fetch(TYPICAL.database); }, [&] { peer.by_key(); }});
         to->ratio((BY_KEY + where).c_str(), slow[0], slow[1], 0.02);

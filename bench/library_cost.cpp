@@ -2,10 +2,16 @@
 // sorted table in memory, a block from the top of a stack, a trace that is off. The host is in this
 // program and calls no libc, so that whatever callgrind counts in the library and in libc is the
 // library's own. Run by bench/library-cost.
+//
+// library_cost N prints the mean microseconds of N fetches with their release. Then the host returns
+// what it returned the first time, key by key, without looking anything up: what remains is the
+// library and the calls that it has to make.
 #include <stdarg.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -34,10 +40,46 @@ struct open_key {
 std::vector<tree_key> tree;
 open_key open_keys[16];
 size_t open_count;
-char arena[1 << 22];
+alignas(16) char arena[1 << 22];
 size_t used;
 
+bool timed;
+std::vector<const tree_key *> opened;  // by the first of the fetches that are timed
+size_t next_opened;
+
+// Blocks that were freed, by their size in units. A block has one unit before it that holds its size.
+constexpr size_t UNIT = 16;
+char *freed[8192 / UNIT];
+
+void *reused_block(size_t size) {
+    const size_t units = (size + UNIT - 1) / UNIT;
+    if (units >= std::size(freed)) return nullptr;
+    char *block = freed[units];
+    if (block != nullptr) {
+        memcpy(&freed[units], block, sizeof block);
+    } else {
+        if (used + UNIT * (units + 1) > sizeof arena) return nullptr;
+        memcpy(arena + used, &units, sizeof units);
+        block = arena + used + UNIT;
+        used += UNIT * (units + 1);
+    }
+    memset(block, 0, size);  // as a host's blocks are
+    return block;
+}
+
+void keep_block(void *block) {
+    if (block == nullptr) return;
+    size_t units = 0;
+    memcpy(&units, static_cast<char *>(block) - UNIT, sizeof units);
+    memcpy(block, &freed[units], sizeof freed[units]);
+    freed[units] = static_cast<char *>(block);
+}
+
 void copy(char *to, const char *from, size_t n) {
+    if (timed) {
+        memcpy(to, from, n);
+        return;
+    }
     for (size_t i = 0; i < n; ++i) {
         to[i] = from[i];
         asm volatile("");  // or the compiler makes it a call of memcpy
@@ -71,6 +113,11 @@ const tree_key *find(const char *path) {
     return nullptr;
 }
 
+const tree_key *find_timed(const char *path) {
+    if (next_opened == opened.size()) opened.push_back(find(path));
+    return opened[next_opened++];
+}
+
 void fill_tree() {
     for (const auto &key : keyview::bench::record_keys(keyview::bench::TYPICAL))
         tree.push_back({key.path, key.value, {}});
@@ -95,7 +142,7 @@ int32_t kvtc_terminate(void *) {
 }
 
 int32_t kvtc_open_key(void *, void **key, const char *path) {
-    const tree_key *found = find(path);
+    const tree_key *found = timed ? find_timed(path) : find(path);
     if (found == nullptr) return KVTC_ERR_KEY_NOT_FOUND;
     open_keys[open_count] = {found, 0};
     *key = &open_keys[open_count++];
@@ -138,11 +185,14 @@ void *pgcinit(int32_t) {
     return arena;
 }
 void *tmem_allocm(void *, uint64_t size) {
+    if (timed) return reused_block(size);
     void *block = arena + used;
     used += (size + 16) & ~uint64_t{15};
     return used <= sizeof arena ? block : nullptr;
 }
-void tmem_freem(void *, void *) {}
+void tmem_freem(void *, void *block) {
+    if (timed) keep_block(block);
+}
 void tmem_fill_tag(void *address, const char *tag) {
     copy(static_cast<char *>(address), tag, 8);
 }
@@ -199,16 +249,38 @@ int32_t txtrep(char *, uint64_t, uint64_t, const char *, uint64_t, const char *,
 
 // ---- The run ------------------------------------------------------------------------------------
 
-int main() {
+int32_t fetch(prsr_ctx *ctx, prsr_cfg **cfg) {
+    return prsr_fetch_db_config(nullptr, ctx, "typical", cfg);
+}
+
+double mean_us(prsr_ctx *ctx, int fetches) {
+    using namespace std::chrono;
+    timed = true;
+    steady_clock::time_point start;
+    for (int i = -1; i < fetches; ++i) {
+        if (i == 0) start = steady_clock::now();
+        prsr_cfg *cfg = nullptr;
+        next_opened = 0;
+        if (fetch(ctx, &cfg) != PRSR_SUCCESS) return -1;
+        (void)prsr_release_db_config(nullptr, ctx, cfg);
+    }
+    return duration<double, std::micro>(steady_clock::now() - start).count() / fetches;
+}
+
+int main(int argc, char **argv) {
     fill_tree();
     prsr_ctx *ctx = nullptr;
     prsr_cfg *cfg = nullptr;
     int32_t rc = prsr_init(nullptr, &ctx);
-    if (rc == PRSR_SUCCESS) rc = prsr_fetch_db_config(nullptr, ctx, "typical", &cfg);
+    if (rc == PRSR_SUCCESS) rc = fetch(ctx, &cfg);
     if (rc != PRSR_SUCCESS || cfg->instance_count != 8 || cfg->service_count != 20 ||
         cfg->services[19]->preferred_count != 4 || cfg->services[0]->available_enabled[3] != 1) {
         std::fprintf(stderr, "library_cost: the fetch went wrong, code %d\n", rc);
         return 1;
+    }
+    if (argc > 1) {
+        std::printf("%f\n", mean_us(ctx, atoi(argv[1])));
+        return 0;
     }
     std::printf("%zu\n", tree.size());
     return 0;

@@ -15,8 +15,8 @@ using namespace keyview::bench;
 // A group that fails costs its own rows only, but the whole run its good end.
 static bool measure_all(const bench_setup &setup) {
     bool good = true;
-    for (const auto measure : {fetch_rows, instruction_rows, list_rows, trace_rows, write_rows,
-                               lock_rows, shortcut_rows, handover_rows, process_rows}) {
+    for (const auto measure : {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows,
+                               write_rows, lock_rows, shortcut_rows, handover_rows, process_rows}) {
         try {
             measure(setup);
         } catch (const std::exception &error) {

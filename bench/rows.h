@@ -15,6 +15,7 @@ struct bench_setup {
 };
 
 void fetch_rows(const bench_setup &setup);
+void change_rows(const bench_setup &setup);
 void instruction_rows(const bench_setup &setup);
 void list_rows(const bench_setup &setup);
 void trace_rows(const bench_setup &setup);

@@ -1,5 +1,8 @@
 // How soon a lock is handed over: once its holder was killed, with nothing left of it or with a
-// forked child of it that lives on, and once its holder releases it.
+// forked child of it that lives on, and once its holder releases it. Beside that, what the machine
+// needs to wake a process without any lock: that sleeps on a pipe, until another process writes to it
+// or is killed.
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -19,6 +22,9 @@ namespace keyview::bench {
 constexpr char ALONE[] = "ms from kill -9 of a holder to hand-over";
 constexpr char FORKED[] = "ms from kill -9 of a holder to hand-over, its forked child alive";
 constexpr char RELEASED[] = "ms from release to hand-over to a waiter";
+constexpr char WAKE[] = "floor: ms from a write to a pipe until its reader runs";
+constexpr char WAKE_BY_DEATH[] =
+    "floor: ms from kill -9 of the writer of a pipe until its reader runs";
 
 namespace {
 
@@ -85,6 +91,68 @@ static double one_release(const std::string &url, lock_handle *waiter, double re
     return (got - board->released_us) / 1000;
 }
 
+// ---- A bare wake --------------------------------------------------------------------------------
+
+namespace {
+
+struct pipe_ends {
+    pipe_ends() { require_call(pipe2(fds, O_CLOEXEC) == 0, "pipe2"); }
+    pipe_ends(const pipe_ends &) = delete;
+    pipe_ends &operator=(const pipe_ends &) = delete;
+    ~pipe_ends() {
+        close(fds[0]);
+        if (fds[1] >= 0) close(fds[1]);
+    }
+
+    void end_writing() {
+        close(fds[1]);
+        fds[1] = -1;
+    }
+
+    // When it was woken: by a byte, or by the end of the last writer.
+    double sleep_on_it() const {
+        char byte = 0;
+        require_call(read(fds[0], &byte, 1) >= 0, "read");
+        return now_us();
+    }
+
+    int fds[2];
+};
+
+}  // namespace
+
+// Milliseconds from the write to the wake.
+static double one_wake(double written_after_us) {
+    shared<holder_board> board;
+    pipe_ends wire;
+    child writer([&] {
+        sleep_us(written_after_us);
+        board->released_us = now_us();
+        require_call(write(wire.fds[1], "", 1) == 1, "write");
+    });
+    const double woken = wire.sleep_on_it();
+    return (woken - board->released_us) / 1000;
+}
+
+// Milliseconds from the kill to the wake.
+static double one_wake_by_death(double killed_after_us) {
+    pipe_ends wire;
+    child writer([] {
+        for (;;)
+            pause();
+    });
+    wire.end_writing();
+    double killed = 0;
+    std::thread killer([&] {
+        sleep_us(killed_after_us);
+        killed = now_us();
+        writer.signal(SIGKILL);
+    });
+    const double woken = wire.sleep_on_it();
+    killer.join();
+    return (woken - killed) / 1000;
+}
+
 template <typename once>
 static void measure_handover(const bench_setup &setup, const char *name, double goal_ms,
                              const once &handover) {
@@ -112,6 +180,10 @@ void handover_rows(const bench_setup &setup) {
     measure_handover(setup, RELEASED, 0.1, [&](lock_handle *waiter, double after_us) {
         return one_release(setup.url, waiter, after_us);
     });
+    measure_handover(setup, WAKE, NO_GOAL,
+                     [](lock_handle *, double after_us) { return one_wake(after_us); });
+    measure_handover(setup, WAKE_BY_DEATH, NO_GOAL,
+                     [](lock_handle *, double after_us) { return one_wake_by_death(after_us); });
 }
 
 }  // namespace keyview::bench

@@ -1,0 +1,165 @@
+// What a fetch costs that finds no copies of an earlier one: after a change of the database, in turn
+// over more databases than copies are kept of, and as the first one of a process. Beside the first
+// two, the engine alone shows how much of that is the processor's cold caches. And what of a fetch
+// the calls alone take that the library has to make.
+#include <algorithm>
+#include <memory>
+
+#include "bench/child.h"
+#include "bench/failure.h"
+#include "bench/peer_lmdb.h"
+#include "bench/record_builder.h"
+#include "bench/registry.h"
+#include "bench/rows.h"
+#include "bench/scratch.h"
+
+namespace keyview::bench {
+
+constexpr char AFTER_SET[] = "fetch typical after a set of one of its flags / quiet";
+constexpr char AFTER_COMMIT[] = "floor: LMDB pass after a commit of one of its rows / quiet";
+constexpr char IN_TURN[] = "fetch in turn over 1,000 typical databases / quiet fetch of one";
+constexpr char PASS_IN_TURN[] = "floor: LMDB pass in turn over the same / quiet pass of one";
+constexpr char FIRST[] = "first fetch typical in a process / quiet";
+constexpr char CALLS[] = "fetch + release typical / the library's calls alone";
+constexpr char CALLS_ENGINE[] = "floor: the library's calls alone / LMDB pass";
+
+constexpr int DATABASES = 1000;
+
+static double time_once(const std::function<void()> &work) {
+    const double start = now_us();
+    work();
+    return now_us() - start;
+}
+
+// ---- After a change -----------------------------------------------------------------------------
+
+static void measure_after_set(const bench_setup &setup) {
+    if (!setup.to->wants({AFTER_SET, AFTER_COMMIT})) return;
+    constexpr int ROUNDS = 151;
+    constexpr int FETCHES = 20;
+    const std::string url = make_record_registry(setup.directory + "/changed", {SMALL, TYPICAL});
+    const std::vector<peer_row> rows = peer_rows(record_keys(TYPICAL));
+    const std::string prefix = row_prefix(TYPICAL.database);
+    lmdb_peer engine(setup.directory + "/changed-lmdb", rows);
+    session reader(url);
+    session writer(url);
+    const auto fetch = [&] { reader.fetch(TYPICAL.database); };
+    const auto pass = [&] { free_record(engine.fetch(prefix)); };
+    const auto time_quiet = [](const std::function<void()> &work) {
+        work();
+        return time_once([&] {
+                   for (int i = 0; i < FETCHES; ++i)
+                       work();
+               }) /
+               FETCHES;
+    };
+    series after, quiet, pass_after, pass_quiet;
+    for (int round = 0; round < ROUNDS; ++round) {
+        quiet.push_back(time_quiet(fetch));
+        require(prsr_set_db_enabled(writer.status, writer.ctx, TYPICAL.database, round % 2) ==
+                    PRSR_SUCCESS,
+                "the set failed");
+        after.push_back(time_once(fetch));
+        pass_quiet.push_back(time_quiet(pass));
+        engine.commit(rows[rows.size() / 2]);
+        pass_after.push_back(time_once(pass));
+    }
+    setup.to->ratio(AFTER_SET, after, quiet, 2.5);
+    setup.to->ratio(AFTER_COMMIT, pass_after, pass_quiet, NO_GOAL);
+}
+
+// ---- In turn ------------------------------------------------------------------------------------
+
+static std::vector<std::string> typical_names() {
+    std::vector<std::string> names;
+    for (int i = 0; i < DATABASES; ++i)
+        names.push_back("Typical" + std::to_string(1000 + i));
+    return names;
+}
+
+// One apply for some of them at a time, which needs less memory.
+static std::string make_typical_registry(const std::string &directory,
+                                         const std::vector<std::string> &names) {
+    constexpr size_t AT_ONCE = 100;
+    for (size_t first = 0; first < names.size(); first += AT_ONCE) {
+        std::vector<record_size> some;
+        for (size_t i = first; i < std::min(names.size(), first + AT_ONCE); ++i)
+            some.push_back({names[i].c_str(), TYPICAL.instances, TYPICAL.services});
+        (void)make_record_registry(directory, some);
+    }
+    return "lmdb:" + directory;
+}
+
+static std::vector<peer_row> all_rows(const std::vector<std::string> &names) {
+    std::vector<peer_row> rows;
+    for (const std::string &name : names) {
+        std::vector<peer_row> more =
+            peer_rows(record_keys({name.c_str(), TYPICAL.instances, TYPICAL.services}));
+        std::move(more.begin(), more.end(), std::back_inserter(rows));
+    }
+    return rows;
+}
+
+static void measure_in_turn(const bench_setup &setup) {
+    if (!setup.to->wants({IN_TURN, PASS_IN_TURN})) return;
+    const std::vector<std::string> names = typical_names();
+    session reader(make_typical_registry(setup.directory + "/in-turn", names));
+    lmdb_peer engine(setup.directory + "/in-turn-lmdb", all_rows(names));
+    size_t next = 0;
+    const auto next_name = [&]() -> const std::string & { return names[next++ % names.size()]; };
+    const auto figures =
+        interleave({15, 60}, {[&] { reader.fetch(next_name().c_str()); },
+                              [&] { reader.fetch(names[0].c_str()); },
+                              [&] { free_record(engine.fetch(row_prefix(next_name().c_str()))); },
+                              [&] { free_record(engine.fetch(row_prefix(names[0].c_str()))); }});
+    setup.to->ratio(IN_TURN, figures[0], figures[1], 2.5);
+    setup.to->ratio(PASS_IN_TURN, figures[2], figures[3], NO_GOAL);
+}
+
+// ---- The first of a process ---------------------------------------------------------------------
+
+static void measure_first(const bench_setup &setup) {
+    if (!setup.to->wants({FIRST})) return;
+    constexpr int ROUNDS = 51;
+    const session other(setup.url);  // the process is neither the first nor the last user
+    series first, quiet;
+    for (int round = 0; round < ROUNDS; ++round) {
+        const auto took = figures_of(
+            {program_directory() + "/fetch_once", setup.url, folded(TYPICAL.database), "40"});
+        require(took.size() == 2, "fetch_once prints no times");
+        first.push_back(took[0]);
+        quiet.push_back(took[1]);
+    }
+    setup.to->ratio(FIRST, first, quiet, 3);
+}
+
+// ---- The calls alone ----------------------------------------------------------------------------
+
+static void measure_calls(const bench_setup &setup) {
+    if (!setup.to->wants({CALLS, CALLS_ENGINE})) return;
+    constexpr int ROUNDS = 21;
+    session reader(setup.url);
+    lmdb_peer engine(setup.directory + "/calls-lmdb", peer_rows(record_keys(TYPICAL)));
+    const std::string prefix = row_prefix(TYPICAL.database);
+    series fetches, calls, passes;
+    for (int round = 0; round < ROUNDS; ++round) {
+        const auto mean = figures_of({program_directory() + "/library_cost", "200"});
+        require(mean.size() == 1 && mean[0] > 0, "library_cost prints no time");
+        const auto beside = interleave({3, 3}, {[&] { reader.fetch(TYPICAL.database); },
+                                                [&] { free_record(engine.fetch(prefix)); }});
+        calls.push_back(mean[0]);
+        fetches.push_back(median(beside[0]));
+        passes.push_back(median(beside[1]));
+    }
+    setup.to->ratio(CALLS, fetches, calls, NO_GOAL);
+    setup.to->ratio(CALLS_ENGINE, calls, passes, NO_GOAL);
+}
+
+void change_rows(const bench_setup &setup) {
+    measure_after_set(setup);
+    measure_in_turn(setup);
+    measure_first(setup);
+    measure_calls(setup);
+}
+
+}  // namespace keyview::bench
