@@ -11,6 +11,7 @@
 #include "bench/registry.h"
 #include "bench/report.h"
 #include "bench/scratch.h"
+#include "bench/tool_scale.h"
 #include "cluster/tree_part.h"
 #include "host/if/keyview_registry.h"
 #include "members.h"
@@ -23,6 +24,8 @@ constexpr char FETCH_TRIPS[] = "round trips of a fetch";
 constexpr char LIST_TRIPS[] = "round trips of a list of 10,000 databases";
 constexpr char SET_TRIPS[] = "round trips of a flag set with its lock";
 constexpr char LIST[] = "list of 10,000 databases / two transactions by hand";
+
+constexpr char GROWTH[] = "apply in a cluster, per database of 10,000 / of 100";
 
 constexpr int LISTED = 10000;
 
@@ -176,6 +179,49 @@ void set_rows(report *to, const std::string &url) {
     });
 }
 
+// Each registry has a prefix of its own.
+url_maker cluster_urls(const test::etcd_members &members) {
+    return [&members, made = 0](int) mutable {
+        return members.url("/scale" + std::to_string(++made));
+    };
+}
+
+// The members work for a command, too, so the time that passes counts. What an apply costs whatever
+// the size is what it costs with one database.
+void growth_row(report *to, const test::etcd_members &members) {
+    if (!to->wants({GROWTH})) return;
+    constexpr int ROUNDS = 3;
+    constexpr int RUNS = 7;
+    constexpr double ENOUGH_US = 8e6;
+    const scratch_directory scratch;
+    const url_maker urls = cluster_urls(members);
+    tool_scale one(scratch.path(), urls, 1);
+    tool_scale small(scratch.path(), urls, 100);
+    tool_scale large(scratch.path(), urls, 10000);
+    series per_large, per_small;
+    double passed_us = 0;
+    for (int round = 0; round < ROUNDS && passed_us < ENOUGH_US; ++round) {
+        series of_one, of_small;
+        for (int i = 0; i < RUNS; ++i) {
+            of_one.push_back(one.run(APPLY).wall_us);
+            of_small.push_back(small.run(APPLY).wall_us);
+        }
+        const double fixed = median(of_one);
+        per_small.push_back((median(of_small) - fixed) / (small.databases() - 1));
+        const double of_large = large.run(APPLY).wall_us;
+        per_large.push_back((of_large - fixed) / (large.databases() - 1));
+        passed_us += of_large;
+    }
+    to->ratio(GROWTH, per_large, per_small, 1.5);
+}
+
+int run_points() {
+    const test::etcd_members members;
+    const scratch_directory scratch;
+    print_points("cluster", scratch.path(), cluster_urls(members), {1, 10, 100, 1000, 10000});
+    return 0;
+}
+
 int run(const std::vector<std::string> &selection) {
     report table(selection);
     const test::etcd_members members;
@@ -184,6 +230,7 @@ int run(const std::vector<std::string> &selection) {
     fetch_rows(&table, members, keys);
     set_rows(&table, members.url("/bench"));
     list_rows(&table, members);
+    growth_row(&table, members);
     (void)std::printf("%s\n\n", machine_line(members.directory()).c_str());
     table.print();
     return table.missed() == 0 ? 0 : 1;
@@ -195,6 +242,7 @@ int run(const std::vector<std::string> &selection) {
 
 int main(int argc, char **argv) {
     try {
+        if (argc == 2 && std::string(argv[1]) == "--points") return keyview::bench::run_points();
         return keyview::bench::run({argv + 1, argv + argc});
     } catch (const std::exception &error) {
         (void)std::fprintf(stderr, "cluster_bench: %s\n", error.what());

@@ -1,6 +1,6 @@
 // keyview_bench: measures and prints the table. Arguments select the rows whose name holds one of
 // them; without any, all are measured. Exit code 1 if a goal is missed by more than a tenth, 2 if
-// something could not be measured.
+// something could not be measured. With --points it prints the points of the picture instead.
 #include <malloc.h>
 
 #include <cstdio>
@@ -9,14 +9,16 @@
 #include "bench/registry.h"
 #include "bench/rows.h"
 #include "bench/scratch.h"
+#include "bench/tool_scale.h"
 
 using namespace keyview::bench;
 
 // A group that fails costs its own rows only, but the whole run its good end.
 static bool measure_all(const bench_setup &setup) {
     bool good = true;
-    for (const auto measure : {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows,
-                               write_rows, lock_rows, shortcut_rows, handover_rows, process_rows}) {
+    for (const auto measure :
+         {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows, write_rows, lock_rows,
+          shortcut_rows, handover_rows, process_rows, scale_rows}) {
         try {
             measure(setup);
         } catch (const std::exception &error) {
@@ -45,8 +47,16 @@ static int run(const std::vector<std::string> &selection) {
     return table.missed() == 0 ? 0 : 1;
 }
 
+static int run_points() {
+    const scratch_directory scratch;
+    print_points("embedded", scratch.path(), embedded_urls(scratch.path()),
+                 {1, 10, 100, 1000, 10000, 100000});
+    return 0;
+}
+
 int main(int argc, char **argv) {
     try {
+        if (argc == 2 && std::string(argv[1]) == "--points") return run_points();
         return run({argv + 1, argv + argc});
     } catch (const std::exception &error) {
         (void)std::fprintf(stderr, "keyview_bench: %s\n", error.what());

@@ -24,5 +24,6 @@ void lock_rows(const bench_setup &setup);
 void shortcut_rows(const bench_setup &setup);
 void handover_rows(const bench_setup &setup);
 void process_rows(const bench_setup &setup);
+void scale_rows(const bench_setup &setup);
 
 }  // namespace keyview::bench
