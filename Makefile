@@ -7,6 +7,7 @@
 #   make test      builds and runs the whole test suite
 #   make check     the gate: gate-static, test and gate-tests
 #   make bench     the benchmarks
+#   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make format    formats the sources
 #   make docs      writes what docs/ say of the fields from the tool's tables
@@ -15,7 +16,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench install format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture install format clean
 
 all:
 	@packaging/install-packages build
@@ -60,6 +61,12 @@ bench:
 	$(BUILD)/release/bin/cluster_bench || status=1; \
 	bench/tool-latency $(BUILD)/release || status=1; \
 	exit $$status
+
+bench-picture:
+	@packaging/install-packages build cluster members bench
+	@cmake --preset release -DKEYVIEW_BENCH=ON -DKEYVIEW_CLUSTER=ON >/dev/null
+	@cmake --build $(BUILD)/release
+	@bench/scaling-picture $(BUILD)/release
 
 install: all
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)

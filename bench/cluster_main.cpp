@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <future>
 #include <memory>
 
+#include "bench/child.h"
 #include "bench/failure.h"
 #include "bench/registry.h"
 #include "bench/report.h"
@@ -25,6 +27,7 @@ constexpr char LIST_TRIPS[] = "round trips of a list of 10,000 databases";
 constexpr char SET_TRIPS[] = "round trips of a flag set with its lock";
 constexpr char LIST[] = "list of 10,000 databases / two transactions by hand";
 
+constexpr char CROWD[] = "fetch + release typical beside 39 other readers / alone";
 constexpr char GROWTH[] = "apply in a cluster, per database of 10,000 / of 100";
 
 constexpr int LISTED = 10000;
@@ -179,6 +182,37 @@ void set_rows(report *to, const std::string &url) {
     });
 }
 
+struct crowd {
+    double alone_us;
+    double among_many_us;
+    double rate;  // fetches a second, of all together
+};
+
+// Each process fetches again and again. So the rate of all of them is their number, divided by the time
+// that one fetch takes meanwhile.
+crowd measure_crowd(const std::string &url) {
+    constexpr int READERS = 40;
+    const std::vector<std::string> words = {program_directory() + "/fetch_once", url,
+                                            folded(TYPICAL.database), "200"};
+    const double alone = figures_of(words).at(1);
+    std::vector<std::future<std::vector<double>>> readers;
+    for (int i = 0; i < READERS; ++i)
+        readers.push_back(std::async(std::launch::async, [&] { return figures_of(words); }));
+    series medians;
+    for (auto &one : readers)
+        medians.push_back(one.get().at(1));
+    return {alone, median(medians), READERS * 1e6 / median(medians)};
+}
+
+void crowd_row(report *to, const std::string &url) {
+    if (!to->wants({CROWD})) return;
+    const crowd found = measure_crowd(url);
+    char rate[64];
+    (void)std::snprintf(rate, sizeof rate, ", %.0f fetches a second in all", found.rate);
+    to->figure(CROWD, shown_time(found.among_many_us) + rate, shown_time(found.alone_us),
+               found.among_many_us / found.alone_us, NO_GOAL);
+}
+
 // Each registry has a prefix of its own.
 url_maker cluster_urls(const test::etcd_members &members) {
     return [&members, made = 0](int) mutable {
@@ -218,6 +252,8 @@ void growth_row(report *to, const test::etcd_members &members) {
 int run_points() {
     const test::etcd_members members;
     const scratch_directory scratch;
+    fill_registry(members.url("/bench"), record_keys(TYPICAL));
+    (void)std::printf("# fetches %.0f\n", measure_crowd(members.url("/bench")).rate);
     print_points("cluster", scratch.path(), cluster_urls(members), {1, 10, 100, 1000, 10000});
     return 0;
 }
@@ -230,6 +266,7 @@ int run(const std::vector<std::string> &selection) {
     fetch_rows(&table, members, keys);
     set_rows(&table, members.url("/bench"));
     list_rows(&table, members);
+    crowd_row(&table, members.url("/bench"));
     growth_row(&table, members);
     (void)std::printf("%s\n\n", machine_line(members.directory()).c_str());
     table.print();

@@ -49,6 +49,7 @@ static int run(const std::vector<std::string> &selection) {
 
 static int run_points() {
     const scratch_directory scratch;
+    (void)std::printf("# %s\n", machine_line(scratch.path()).c_str());
     print_points("embedded", scratch.path(), embedded_urls(scratch.path()),
                  {1, 10, 100, 1000, 10000, 100000});
     return 0;

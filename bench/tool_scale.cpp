@@ -117,7 +117,7 @@ void print_points(const char *engine, const std::string &directory, const url_ma
         for (const scale_command &command : commands) {
             series passed_ms;
             double sum_ms = 0;
-            while (passed_ms.size() < 3 || (passed_ms.size() < 15 && sum_ms < 2000)) {
+            while (sum_ms < 2000 ? passed_ms.size() < 15 : passed_ms.size() < 3 && sum_ms < 15000) {
                 passed_ms.push_back(scale.run(command).wall_us / 1000);
                 sum_ms += passed_ms.back();
             }
