@@ -8,22 +8,24 @@
 
 namespace keyview::host {
 
-change_plan::change_plan(session *cluster, const std::vector<change> &changes)
+change_plan::change_plan(session *cluster, const change_source &changes)
     : cluster_(cluster), state_(cluster->keys(), "", reach::key_alone) {
     read_part(cluster_, &state_, 0);
     std::set<std::string> single;
-    for (const change &one : changes) {
+    for (size_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
         if (one.what == change::kind::remove) {
-            read_below(one.path);
+            read_below(std::string(one.path));
         } else {
             for (std::string_view path = one.path; !path.empty(); path = parent_path(path))
                 single.emplace(path);
         }
     }
     read_keys(single);
-    for (const change &one : changes) {
+    for (size_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
         if (one.what == change::kind::remove) {
-            remove(one.path);
+            remove(std::string(one.path));
         } else {
             put(one);
         }
@@ -59,13 +61,13 @@ void change_plan::read_below(const std::string &path) {
     }
 }
 
-void change_plan::put(const change &one) {
+void change_plan::put(const change_view &one) {
     for (size_t end = one.path.find('.'); end != one.path.npos; end = one.path.find('.', end + 1)) {
-        key_state &parent = tree_[one.path.substr(0, end)];
+        key_state &parent = tree_[std::string(one.path.substr(0, end))];
         if (!parent.after) ++counts_.created;
         if (!parent.after) parent.after = "";
     }
-    key_state &key = tree_[one.path];
+    key_state &key = tree_[std::string(one.path)];
     if (!key.after) ++counts_.created;
     if (key.after && *key.after != one.value) ++counts_.replaced;
     key.after = one.value;

@@ -17,7 +17,7 @@ namespace keyview::host {
 class change_plan {
   public:
     // Reads the keys that the changes concern.
-    change_plan(session *cluster, const std::vector<change> &changes);
+    change_plan(session *cluster, const change_source &changes);
 
     struct key_change {
         std::string key;  // of the cluster
@@ -40,7 +40,7 @@ class change_plan {
 
     void read_keys(const std::set<std::string> &paths);
     void read_below(const std::string &path);
-    void put(const change &one);
+    void put(const change_view &one);
     void remove(const std::string &path);
 
     session *cluster_;

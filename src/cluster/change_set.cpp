@@ -261,7 +261,7 @@ class change_set {
 
 }  // namespace
 
-change_counts apply_changes(session *cluster, const std::vector<change> &changes,
+change_counts apply_changes(session *cluster, const change_source &changes,
                             const apply_terms &terms) {
     steady::time_point end = steady::now() + LONGEST_RETRY;
     do {

@@ -14,7 +14,7 @@
 
 namespace keyview::host {
 
-change_counts apply_changes(session *cluster, const std::vector<change> &changes,
+change_counts apply_changes(session *cluster, const change_source &changes,
                             const apply_terms &terms);
 
 // Ends a change set that stopped half-way; false if there is none.

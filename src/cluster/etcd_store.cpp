@@ -201,11 +201,12 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
 
 // ---- Changing -----------------------------------------------------------------------------------
 
-change_counts etcd_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
+change_counts etcd_store::apply(const change_source &changes, const apply_terms &terms) {
     check_changes(changes);
-    for (const change &one : changes) {
+    for (size_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
         if (one.what == change::kind::remove || elements_of(one.path) <= MOST_ELEMENTS) continue;
-        throw host_error(failure::usage, "'" + one.path +
+        throw host_error(failure::usage, "'" + std::string(one.path) +
                                              "' is too long: a path in a cluster has " +
                                              std::to_string(MOST_ELEMENTS) + " elements at most");
     }

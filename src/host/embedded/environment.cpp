@@ -204,8 +204,9 @@ std::shared_lock<map_mutex> environment::keep_map_in_place() {
 }
 
 // factor 0 adopts the map size that another process set. Any other one enlarges the map for a
-// writer, the file first: once a commit states the map size, the file must be as long.
-void environment::resize_map(size_t factor) {
+// writer, as often as needed for the room, the file first: once a commit states the map size, the
+// file must be as long.
+void environment::resize_map(size_t factor, size_t room) {
     release_moments();
     std::lock_guard turn(resizing_);
     resize_waits_.store(true);
@@ -221,6 +222,8 @@ void environment::resize_map(size_t factor) {
     MDB_envinfo info = {};
     check(mdb_env_info(env_, &info), "mdb_env_info");
     size_t size = info.me_mapsize * factor;
+    while (size > 0 && size < room)
+        size *= factor;
     if (size > 0) check(lengthen(data_fd_, size), "ftruncate");
     check(mdb_env_set_mapsize(env_, size), "mdb_env_set_mapsize");
     require_files();
@@ -285,7 +288,7 @@ environment::reading::reading(environment *env) : env_(env) {
             return;
         } catch (const map_outgrown &) {
             in_place_.unlock();
-            env->resize_map(0);
+            env->adopt_map();
         }
     }
 }
@@ -303,7 +306,7 @@ void environment::write_once(const std::function<bool(MDB_txn *)> &work) {
     check(mdb_txn_commit(current.release()), "mdb_txn_commit");
 }
 
-void environment::write(const std::function<bool(MDB_txn *)> &work) {
+void environment::write(const std::function<bool(MDB_txn *)> &work, size_t room) {
     for (;;) {
         try {
             return write_once(work);
@@ -311,9 +314,9 @@ void environment::write(const std::function<bool(MDB_txn *)> &work) {
             // The pages that a killed reader kept may be room enough.
             int cleared = 0;
             check(mdb_reader_check(env_, &cleared), "mdb_reader_check");
-            if (cleared == 0) resize_map(2);
+            if (cleared == 0) resize_map(2, room);
         } catch (const map_outgrown &) {
-            resize_map(0);
+            adopt_map();
         }
     }
 }

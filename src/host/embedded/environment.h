@@ -69,8 +69,9 @@ class environment {
     ~environment();  // only in the process that opened it
 
     // Runs work in a write transaction, which is committed if work returns true. If the map had to
-    // grow, work runs again, in a new transaction. The caller orders the writers of all processes.
-    void write(const std::function<bool(MDB_txn *)> &work);
+    // grow, work runs again, in a new transaction; it then grows to room bytes at least. The caller
+    // orders the writers of all processes.
+    void write(const std::function<bool(MDB_txn *)> &work, size_t room = 0);
 
     // Throws unless rc is 0.
     void check(int rc, const char *what) const;
@@ -88,7 +89,8 @@ class environment {
     host_error too_fast() const;
     [[noreturn]] void refuse(const std::string &subject, const std::string &reason) const;
     std::shared_lock<map_mutex> keep_map_in_place();
-    void resize_map(size_t factor);
+    void adopt_map() { resize_map(0, 0); }
+    void resize_map(size_t factor, size_t room);
     lmdb_reader begin_read();
     void start_reader(lmdb_reader *reader);
     void end_read(lmdb_reader reader) noexcept;

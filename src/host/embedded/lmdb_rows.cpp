@@ -35,20 +35,19 @@ row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, r
     return other ? row_state::absent : row_state::sound;
 }
 
-void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
+void visit_damaged_neighbours(const environment &env, MDB_cursor *cursor, std::string_view path,
                               const row_visitor &visit) {
-    cursor_guard cursor = open_cursor(env, txn);
     auto visit_damaged = [&](std::string_view key, std::string_view bytes) {
         row found;
         if (!read_row(key, bytes, &found)) visit(key, bytes);
     };
     row_key absent(path);
-    key_range near = {std::string(absent.view()), {}};
+    key_range near;
     if (key_is_hashed(absent.view())) near = hashed_range(absent.view());
-    MDB_val at = bytes_of(near.from);
+    MDB_val at = bytes_of(near.from.empty() ? absent.view() : std::string_view(near.from));
     MDB_val data = {};
     auto step = [&](MDB_cursor_op op) {
-        int rc = mdb_cursor_get(cursor.get(), &at, &data, op);
+        int rc = mdb_cursor_get(cursor, &at, &data, op);
         if (rc != MDB_NOTFOUND) env.check(rc, "mdb_cursor_get");
         if (rc == MDB_SUCCESS) visit_damaged(view_of(at), view_of(data));
         return rc == MDB_SUCCESS;
@@ -56,7 +55,7 @@ void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_
     bool behind = step(MDB_SET_RANGE);
     (void)step(behind ? MDB_PREV : MDB_LAST);  // there may be none before
     if (near.to.empty()) return;
-    row_scan rows(env, cursor.get(), near);
+    row_scan rows(env, cursor, near);
     if (rows.more()) rows.next();  // visited above
     for (; rows.more() && rows.in_range(); rows.next())
         visit_damaged(rows.key(), rows.bytes());
@@ -86,7 +85,8 @@ bool find_row(const environment &env, MDB_txn *txn, std::string_view path, row *
     row_state state = look_up(env, txn, path, out);
     if (state == row_state::damaged) throw damaged_row(path);
     if (state == row_state::sound) return true;
-    visit_damaged_neighbours(env, txn, path, [&](std::string_view key, std::string_view bytes) {
+    cursor_guard cursor = open_cursor(env, txn);
+    visit_damaged_neighbours(env, cursor.get(), path, [&](auto key, auto bytes) {
         if (!absence_is_sure(env, txn, path)) throw damaged_row(path_of_row(key, bytes));
     });
     return false;

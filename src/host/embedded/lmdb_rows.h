@@ -71,7 +71,7 @@ row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, r
 
 // Visits the damaged rows that may be the one of an absent key. A damaged row key stays where its
 // row was written: next to the true row key, and a hashed one among those with the same head.
-void visit_damaged_neighbours(const environment &env, MDB_txn *txn, std::string_view path,
+void visit_damaged_neighbours(const environment &env, MDB_cursor *cursor, std::string_view path,
                               const row_visitor &visit);
 
 // Like look_up, for callers that need a sound row: false if there is no such key; throws

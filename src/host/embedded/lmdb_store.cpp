@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -162,7 +163,7 @@ bool lmdb_moment::scan(std::string_view path, reach which, const row_sink &keys,
     any = state != row_state::absent;
     if (state == row_state::sound) keys(path, top.value);
     if (state == row_state::damaged) damaged(path);
-    if (!any) visit_damaged_neighbours(*env_, reading_.txn(), path, deliver);
+    if (!any) visit_damaged_neighbours(*env_, reading_.cursor(), path, deliver);
     if (which != reach::key_alone) visit_below(*env_, reading_.cursor(), path, which, deliver);
     return any;
 }
@@ -256,22 +257,55 @@ static void check_terms(MDB_txn *writer, const apply_terms &terms) {
     }
 }
 
-change_counts lmdb_store::apply(const std::vector<change> &changes, const apply_terms &terms) {
+// The numbers of the changes in the order of their rows, parents first, so that pages are filled one
+// by one. Empty if the changes must keep their own order.
+static std::vector<uint32_t> row_order(const change_source &changes) {
+    std::vector<std::vector<uint32_t>> by_depth;  // often each in order already
+    for (uint32_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
+        if (one.what == change::kind::remove) return {};
+        auto depth = static_cast<size_t>(std::count(one.path.begin(), one.path.end(), '.'));
+        if (by_depth.size() <= depth) by_depth.resize(depth + 1);
+        by_depth[depth].push_back(n);
+    }
+    auto before = [&](uint32_t a, uint32_t b) {
+        return row_before(changes.at(a).path, changes.at(b).path);
+    };
+    std::vector<uint32_t> order, merged;
+    for (std::vector<uint32_t> &level : by_depth) {
+        if (!std::is_sorted(level.begin(), level.end(), before))
+            std::stable_sort(level.begin(), level.end(), before);
+        merged.clear();
+        std::merge(order.begin(), order.end(), level.begin(), level.end(),
+                   std::back_inserter(merged), before);
+        order.swap(merged);
+    }
+    return order;
+}
+
+change_counts lmdb_store::apply(const change_source &changes, const apply_terms &terms) {
     check_changes(changes);
     change_counts counts;
     environment *keys = env();
     std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
-    for (const change &one : changes)
+    size_t room = 0;
+    for (size_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
         notice.add(one.path);
-    keys->write([&](MDB_txn *txn) {
+        room += row_room(one.path, one.value);
+    }
+    const std::vector<uint32_t> order = row_order(changes);
+    auto carry_out = [&](MDB_txn *txn) {
         check_terms(txn, terms);
         lmdb_writer writer(*keys, txn);
-        for (const change &one : changes)
-            writer.carry_out(one);
+        for (size_t n = 0; n < changes.size; ++n)
+            writer.carry_out(changes.at(order.empty() ? n : order[n]));
+        writer.finish();
         counts = writer.counts();
         return writer.changed();
-    });
+    };
+    keys->write(carry_out, room);
     return counts;
 }
 

@@ -26,7 +26,8 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
     std::unique_ptr<moment> now(std::string_view part) override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence,
              std::string *replaced) override;
-    change_counts apply(const std::vector<change> &changes, const apply_terms &terms) override;
+    using store::apply;
+    change_counts apply(const change_source &changes, const apply_terms &terms) override;
 
     const std::shared_ptr<file_locks> &locks() const { return locks_; }
 

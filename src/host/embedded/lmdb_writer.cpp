@@ -1,16 +1,35 @@
 // Changes of the tree within one write transaction.
 #include "host/embedded/lmdb_writer.h"
 
-#include <string>
-#include <vector>
-
 #include "model/path.h"
 
 namespace keyview::host {
 
-void lmdb_writer::carry_out(const change &one) {
+void lmdb_writer::carry_out(const change_view &one) {
+    leave(one.what == change::kind::remove ? std::string_view() : one.path);
     if (one.what == change::kind::remove) return remove(one.path);
     put(one.path, one.value);
+    if (damage_seen_) finish();  // numbers of children are then those of the stored rows
+}
+
+MDB_cursor *lmdb_writer::cursor() {
+    if (!cursor_) cursor_ = open_cursor(env_, txn_);
+    return cursor_.get();
+}
+
+// Writes the numbers of the open keys that are not above a key.
+void lmdb_writer::leave(std::string_view path) {
+    while (!open_.empty()) {
+        const open_key &last = open_.back();
+        if (last.path.size() < path.size() && path_within(path, last.path)) return;
+        add_children(last.path, last.more);
+        open_.pop_back();
+    }
+}
+
+void lmdb_writer::add_child(std::string_view parent) {
+    if (open_.empty() || open_.back().path != parent) open_.push_back({std::string(parent), 0});
+    ++open_.back().more;
 }
 
 bool lmdb_writer::replace(std::string_view path, std::string_view value, std::string *replaced) {
@@ -40,10 +59,11 @@ void lmdb_writer::replace_row(std::string_view path, const row &found, std::stri
 // below a key that is missing.
 void lmdb_writer::create(std::string_view path, std::string_view value) {
     std::string_view parent = parent_path(path);
+    bool open = !open_.empty() && open_.back().path == parent;
     row found;
-    if (!parent.empty() && state_of(parent, &found) == row_state::absent) put(parent, {});
+    if (!parent.empty() && !open && state_of(parent, &found) == row_state::absent) put(parent, {});
     put_row(path, damage_seen_ ? count_children(path) : 0, value);
-    add_children(parent, 1);
+    if (!parent.empty()) add_child(parent);
 }
 
 // The path may be that of no key, as damage leaves it.
@@ -55,8 +75,7 @@ void lmdb_writer::remove(std::string_view path) {
     if (state == row_state::sound && path_fault(path) != nullptr) return;
     std::vector<std::string> keys;
     if (state != row_state::absent) keys.emplace_back(row_key(path).view());
-    cursor_guard cursor = open_cursor(env_, txn_);
-    visit_below(env_, cursor.get(), path, reach::all_below,
+    visit_below(env_, cursor(), path, reach::all_below,
                 [&](std::string_view key, std::string_view) { keys.emplace_back(key); });
     for (const std::string &key : keys)
         delete_row(key);
@@ -73,11 +92,13 @@ row_state lmdb_writer::state_of(std::string_view path, row *found) {
 bool lmdb_writer::remove_strays(std::string_view path) {
     row_key true_key(path);
     std::vector<std::string> strays;
-    visit_damaged_neighbours(env_, txn_, path, [&](std::string_view key, std::string_view bytes) {
-        row found;
-        damage_seen_ = true;
-        if (read_row(true_key.view(), bytes, &found)) strays.emplace_back(key);
-    });
+    visit_damaged_neighbours(env_, cursor(), path,
+                             [&](std::string_view key, std::string_view bytes) {
+                                 row found;
+                                 damage_seen_ = true;
+                                 if (read_row(true_key.view(), bytes, &found))
+                                     strays.emplace_back(key);
+                             });
     for (const std::string &key : strays)
         delete_row(key);
     return !strays.empty();
@@ -92,8 +113,7 @@ void lmdb_writer::add_children(std::string_view path, int32_t more) {
 
 uint32_t lmdb_writer::count_children(std::string_view path) {
     uint32_t count = 0;
-    cursor_guard cursor = open_cursor(env_, txn_);
-    visit_below(env_, cursor.get(), path, reach::children,
+    visit_below(env_, cursor(), path, reach::children,
                 [&](std::string_view, std::string_view) { ++count; });
     return count;
 }

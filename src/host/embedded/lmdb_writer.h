@@ -3,7 +3,9 @@
 
 #include <lmdb.h>
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/embedded/environment.h"
 #include "host/embedded/lmdb_rows.h"
@@ -15,8 +17,10 @@ class lmdb_writer {
   public:
     lmdb_writer(const environment &env, MDB_txn *txn) : env_(env), txn_(txn) {}
 
-    // Damaged rows are replaced and removed like sound ones.
-    void carry_out(const change &one);
+    // Damaged rows are replaced and removed like sound ones. The number of a key's children is written
+    // when a key elsewhere is put, and by finish().
+    void carry_out(const change_view &one);
+    void finish() { leave({}); }
 
     // Replaces the value of a key; false if there is none. A value that is there already is not
     // written again.
@@ -26,6 +30,15 @@ class lmdb_writer {
     const change_counts &counts() const { return counts_; }
 
   private:
+    // A key and how many children it has got that its row does not count yet.
+    struct open_key {
+        std::string path;
+        int32_t more;
+    };
+
+    MDB_cursor *cursor();
+    void leave(std::string_view path);
+    void add_child(std::string_view parent);
     void put(std::string_view path, std::string_view value);
     void replace_row(std::string_view path, const row &found, std::string_view value);
     void create(std::string_view path, std::string_view value);
@@ -39,6 +52,8 @@ class lmdb_writer {
 
     const environment &env_;
     MDB_txn *txn_;
+    std::vector<open_key> open_;  // each one below the one before
+    cursor_guard cursor_{nullptr, &mdb_cursor_close};
     change_counts counts_;
     bool damage_seen_ = false;  // then numbers of children are counted anew
 };

@@ -57,6 +57,23 @@ bool path_before(std::string_view a, std::string_view b) {
            std::string_view(place_b, whole_key(b, place_b));
 }
 
+bool row_before(std::string_view a, std::string_view b) noexcept {
+    size_t last_a = a.rfind('.'), last_b = b.rfind('.');
+    size_t both = std::min(a.size(), b.size());
+    auto at = static_cast<size_t>(
+        std::mismatch(a.begin(), a.begin() + static_cast<ptrdiff_t>(both), b.begin()).first -
+        a.begin());
+    size_t last = std::min(last_a, last_b);
+    if (last_a != last_b && last < at) return last_a == last;
+    if (at == both) return a.size() < b.size();
+    auto byte = [at](std::string_view path, size_t end) {
+        if (path[at] == '.') return at == end ? LAST : INNER;
+        return path[at];
+    };
+    return static_cast<unsigned char>(byte(a, last_a)) <
+           static_cast<unsigned char>(byte(b, last_b));
+}
+
 std::vector<key_range> key_ranges(std::string_view path, reach which) {
     std::string above(path);
     std::replace(above.begin(), above.end(), '.', INNER);

@@ -84,6 +84,15 @@ bool row_is_below(std::string_view key, std::string_view bytes, std::string_view
 bool row_is_misplaced(std::string_view key, std::string_view bytes);
 
 // The bytes of a row. path is that of the key, hashed or not.
+// Whether the row of one path is before that of another; for paths whose row keys are not hashed.
+bool row_before(std::string_view a, std::string_view b) noexcept;
+
+// About as many bytes of LMDB's pages as the row of a key takes.
+constexpr size_t row_room(std::string_view path, std::string_view value) noexcept {
+    constexpr size_t HEADS = 34;  // LMDB's of a row and ours, with its checksum
+    return path.size() + value.size() + HEADS;
+}
+
 std::string write_row(std::string_view key, std::string_view path, uint32_t children,
                       std::string_view value);
 

@@ -132,19 +132,29 @@ void keyview_registry_observe_sets(keyview_change_callback set, void *arg) {
 int32_t keyview_registry_apply(keyview_registry *registry, const keyview_change *changes,
                                size_t count, keyview_lock *const *locks, size_t lock_count,
                                uint64_t revision) {
+    auto source = [](void *all, size_t number, keyview_change *one) {
+        *one = (*static_cast<const keyview_change **>(all))[number];
+    };
+    return keyview_registry_apply_from(registry, source, &changes, count, locks, lock_count,
+                                       revision);
+}
+
+int32_t keyview_registry_apply_from(keyview_registry *registry, keyview_change_source source,
+                                    void *arg, size_t count, keyview_lock *const *locks,
+                                    size_t lock_count, uint64_t revision) {
     return coded([&] {
-        std::vector<change> all;
-        all.reserve(count);
-        for (const keyview_change *one = changes; one != changes + count; ++one) {
-            all.push_back({one->remove != 0 ? change::kind::remove : change::kind::put,
-                           std::string(view_of(one->path)), std::string(view_of(one->value))});
-        }
+        auto change_at = [=](size_t number) -> change_view {
+            keyview_change one = {};
+            source(arg, number, &one);
+            return {one.remove != 0 ? change::kind::remove : change::kind::put, view_of(one.path),
+                    view_of(one.value)};
+        };
         apply_terms terms;
         terms.revision = revision;
         for (size_t n = 0; n < lock_count; ++n)
             for (const std::shared_ptr<held_lock> &one : locks[n]->held)
                 terms.fences.push_back(one.get());
-        registry->opened.keys->apply(all, terms);
+        registry->opened.keys->apply({count, change_at}, terms);
     });
 }
 

@@ -100,6 +100,14 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_registry_apply(keyview_registry *registry,
                                                      keyview_lock *const *locks, size_t lock_count,
                                                      uint64_t revision);
 
+// The same for changes that are not stored as an array: the source fills in each one by its number,
+// from 0 up to count, perhaps more than once. What it points to must last until the end of the call.
+typedef void (*keyview_change_source)(void *arg, size_t number, keyview_change *change);
+KEYVIEW_HOST_FUNCTION int32_t keyview_registry_apply_from(keyview_registry *registry,
+                                                          keyview_change_source source, void *arg,
+                                                          size_t count, keyview_lock *const *locks,
+                                                          size_t lock_count, uint64_t revision);
+
 // Completes (undo is 0) or takes back a change set that stopped half-way in a cluster.
 // KEYVIEW_FAILURE_NOT_FOUND if there is none.
 KEYVIEW_HOST_FUNCTION int32_t keyview_registry_recover(keyview_registry *registry, int32_t undo);

@@ -13,14 +13,23 @@ void check_value(std::string_view path, std::string_view value) {
                                          " bytes: 1048576 is the most a key can hold");
 }
 
-void check_changes(const std::vector<change> &changes) {
-    for (const change &one : changes) {
+void check_changes(const change_source &changes) {
+    for (size_t n = 0; n < changes.size; ++n) {
+        const change_view one = changes.at(n);
         const char *fault = path_fault(one.path);
         if (fault != nullptr && one.what == change::kind::put) {
-            throw host_error(failure::usage, "no key can be '" + one.path + "': " + fault);
+            throw host_error(failure::usage,
+                             "no key can be '" + std::string(one.path) + "': " + fault);
         }
         check_value(one.path, one.value);
     }
+}
+
+change_counts store::apply(const std::vector<change> &changes, const apply_terms &terms) {
+    auto at = [&](size_t n) -> change_view {
+        return {changes[n].what, changes[n].path, changes[n].value};
+    };
+    return apply({changes.size(), at}, terms);
 }
 
 host_error lock_lost(std::string_view path) {

@@ -42,6 +42,19 @@ struct change_counts {
     uint64_t removed = 0;   // keys below included
 };
 
+// A change, for the moment in which it is carried out.
+struct change_view {
+    change::kind what;
+    std::string_view path, value;
+};
+
+// A change set that is not stored: its changes by their numbers, in their order. A store may request
+// each several times.
+struct change_source {
+    size_t size = 0;
+    std::function<change_view(size_t number)> at;
+};
+
 // The conditions under which a change set is applied.
 struct apply_terms {
     std::vector<const held_lock *> fences;  // locks that are held, else failure::lock
@@ -101,7 +114,7 @@ struct change_batch {
 // Every store refuses: a value or a change that no key can take (failure::usage), a set or a
 // change set whose lock was lost, a change set for another revision. path is "" for a change set.
 void check_value(std::string_view path, std::string_view value);
-void check_changes(const std::vector<change> &changes);
+void check_changes(const change_source &changes);
 host_error lock_lost(std::string_view path);
 host_error tree_changed(uint64_t revision, uint64_t wanted);
 
@@ -124,8 +137,8 @@ class store : public abstract_base {
                      std::string *replaced = nullptr) = 0;
 
     // Applies all changes in order, or none of them. The tree's revision moves if anything changed.
-    virtual change_counts apply(const std::vector<change> &changes,
-                                const apply_terms &terms = {}) = 0;
+    change_counts apply(const std::vector<change> &changes, const apply_terms &terms = {});
+    virtual change_counts apply(const change_source &changes, const apply_terms &terms) = 0;
 
     // Changes of a key and of what is below it after a revision: the next ones, waited for, or none
     // when the time is over. Nothing if the store keeps no history; failure::changed if it has
