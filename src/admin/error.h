@@ -48,6 +48,12 @@ class problem_list {
         }
     }
 
+    void add_all(const problem_list &others) {
+        for (const problem &one : others.kept_)
+            add(one.place, one.reason);
+        more_ += others.more_;
+    }
+
     bool empty() const { return kept_.empty(); }
     const std::vector<problem> &kept() const { return kept_; }
     uint64_t more() const { return more_; }

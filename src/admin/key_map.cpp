@@ -2,6 +2,8 @@
 #include "admin/key_map.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 #include "model/path.h"
 #include "model/records.h"
@@ -9,10 +11,18 @@
 namespace keyview::admin {
 
 bool path_order::operator()(std::string_view a, std::string_view b) const {
+    size_t same = 0, both = std::min(a.size(), b.size());
+    // Eight bytes at once: paths share long heads.
+    for (uint64_t one = 0, other = 0; same + sizeof one <= both; same += sizeof one) {
+        memcpy(&one, a.data() + same, sizeof one);
+        memcpy(&other, b.data() + same, sizeof other);
+        if (one != other) break;
+    }
+    while (same < both && a[same] == b[same])
+        ++same;
+    if (same == both) return a.size() < b.size();
     auto rank = [](char c) { return c == '.' ? 0U : static_cast<unsigned char>(c) + 1U; };
-    return std::lexicographical_compare(
-        a.begin(), a.end(), b.begin(), b.end(),
-        [&](char one, char other) { return rank(one) < rank(other); });
+    return rank(a[same]) < rank(b[same]);
 }
 
 bool below_a_root(std::string_view path) {

@@ -29,8 +29,12 @@ void callback_guard::finish(int32_t rc) const {
 namespace {
 
 struct rows_read : callback_guard {
-    key_map *out;
+    const std::function<void(std::string_view, std::string_view)> *row;
     std::vector<std::string> *damaged;
+};
+
+struct changes_written : callback_guard {
+    const std::function<key_row(size_t)> *change_at;
 };
 
 struct changes_read : callback_guard {
@@ -43,12 +47,24 @@ struct users_read : callback_guard {
 
 }  // namespace
 
+static std::string_view view_of(keyview_bytes bytes) {
+    return bytes.size == 0 ? std::string_view() : std::string_view(bytes.data, bytes.size);
+}
+
 static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
     auto *rows = static_cast<rows_read *>(arg);
     keys_read.fetch_add(1, std::memory_order_relaxed);
     rows->run([&] {
         if (value == nullptr) rows->damaged->push_back(text_of(path));
-        if (value != nullptr) rows->out->insert_or_assign(text_of(path), text_of(*value));
+        if (value != nullptr) (*rows->row)(view_of(path), view_of(*value));
+    });
+}
+
+static void fill_change(void *arg, size_t number, keyview_change *out) {
+    auto *changes = static_cast<changes_written *>(arg);
+    changes->run([&] {
+        const key_row one = (*changes->change_at)(number);
+        *out = {bytes_of(one.path), bytes_of(one.value.value_or("")), one.value ? 0 : 1};
     });
 }
 
@@ -101,11 +117,27 @@ registry registry::create(const std::string &url) {
 
 uint64_t registry::read(const std::vector<part> &parts, key_map *out,
                         std::vector<std::string> *damaged) const {
+    auto add = [out](std::string_view path, std::string_view value) {
+        out->insert_or_assign(std::string(path), value);
+    };
+    return read(parts, add, damaged);
+}
+
+uint64_t registry::read(const std::vector<part> &parts, key_list *out,
+                        std::vector<std::string> *damaged) const {
+    auto add = [out](std::string_view path, std::string_view value) {
+        (void)out->add(path, value);
+    };
+    return read(parts, add, damaged);
+}
+
+uint64_t registry::read(const std::vector<part> &parts, const row_sink &row,
+                        std::vector<std::string> *damaged) const {
     std::vector<keyview_part> wanted;
     wanted.reserve(parts.size());
     for (const part &one : parts)
         wanted.push_back({bytes_of(one.path), static_cast<int32_t>(one.depth)});
-    rows_read rows{{}, out, damaged};
+    rows_read rows{{}, &row, damaged};
     uint64_t revision = 0;
     rows.finish(keyview_registry_read(handle_.get(), wanted.data(), wanted.size(),
                                       damaged != nullptr ? 1 : 0, add_row, &rows, &revision));
@@ -123,20 +155,15 @@ std::optional<change_batch> registry::changes_since(std::string_view path, uint6
     return std::move(read.batch);
 }
 
-void registry::apply(const std::vector<change> &changes, const std::vector<held_lock> &locks,
-                     uint64_t revision) const {
-    std::vector<keyview_change> all;
-    all.reserve(changes.size());
-    for (const change &one : changes) {
-        all.push_back({bytes_of(one.path), one.value ? bytes_of(*one.value) : keyview_bytes{},
-                       one.value ? 0 : 1});
-    }
+void registry::apply(size_t count, const std::function<key_row(size_t number)> &change_at,
+                     const std::vector<held_lock> &locks, uint64_t revision) const {
+    changes_written changes{{}, &change_at};
     std::vector<keyview_lock *> fences;
     fences.reserve(locks.size());
     for (const held_lock &lock : locks)
         fences.push_back(lock.get());
-    check(keyview_registry_apply(handle_.get(), all.data(), all.size(), fences.data(),
-                                 fences.size(), revision));
+    changes.finish(keyview_registry_apply_from(handle_.get(), fill_change, &changes, count,
+                                               fences.data(), fences.size(), revision));
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -157,7 +184,7 @@ held_lock::held_lock(keyview_registry *registry, std::string_view name, bool sha
     lock_.reset(lock);
 }
 
-held_lock::held_lock(keyview_registry *registry, const std::set<std::string> &names,
+held_lock::held_lock(keyview_registry *registry, const std::vector<std::string> &names,
                      int64_t wait_ms) {
     const std::vector<keyview_bytes> all = bytes_of_all(names);
     keyview_lock *lock = nullptr;

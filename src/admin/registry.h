@@ -5,14 +5,15 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "admin/error.h"
+#include "admin/key_list.h"
 #include "admin/key_map.h"
 #include "host/if/keyview_registry.h"
 #include "model/path.h"
@@ -57,12 +58,6 @@ struct part {
     reach depth = reach::key_alone;
 };
 
-// A key that is put or, without a value, removed with all that is below it.
-struct change {
-    std::string path;
-    std::optional<std::string> value;
-};
-
 struct noted_change {
     uint64_t revision = 0;  // that the tree had with it
     key_change change;
@@ -77,7 +72,7 @@ struct change_batch {
 class held_lock {
   public:
     held_lock(keyview_registry *registry, std::string_view name, bool shared, int64_t wait_ms);
-    held_lock(keyview_registry *registry, const std::set<std::string> &names, int64_t wait_ms);
+    held_lock(keyview_registry *registry, const std::vector<std::string> &names, int64_t wait_ms);
 
     bool still_held() const { return keyview_lock_held(lock_.get()) != 0; }
     keyview_lock *get() const { return lock_.get(); }
@@ -108,7 +103,10 @@ class registry {
     // is given it receives the paths of damaged rows, which else are a failure.
     uint64_t read(const std::vector<part> &parts, key_map *out,
                   std::vector<std::string> *damaged = nullptr) const;
-    uint64_t revision() const { return read({}, nullptr); }
+    // The same, appended to a list in no order; parts that overlap deliver a key twice.
+    uint64_t read(const std::vector<part> &parts, key_list *out,
+                  std::vector<std::string> *damaged = nullptr) const;
+    uint64_t revision() const { return read({}, row_sink(), nullptr); }
 
     // Changes of a key and of what is below it after a revision: the next ones, waited for, or none
     // when the time is over. Nothing if the registry keeps no history.
@@ -116,16 +114,17 @@ class registry {
                                               uint32_t wait_ms) const;
 
     // Carries out all changes or none, while the locks are held and, unless it is 0, the tree is at
-    // the revision.
-    void apply(const std::vector<change> &changes, const std::vector<held_lock> &locks,
-               uint64_t revision) const;
+    // the revision. A change is a key that is put or, without a value, removed with all that is below
+    // it; each is requested by its number, perhaps more than once.
+    void apply(size_t count, const std::function<key_row(size_t number)> &change_at,
+               const std::vector<held_lock> &locks, uint64_t revision) const;
 
     // Waits up to wait_ms for a lock; a negative wait is the one in force.
     held_lock lock(std::string_view name, bool shared, int64_t wait_ms) const {
         return {handle_.get(), name, shared, wait_ms};
     }
     // Several at once; an embedded registry is locked as a whole.
-    held_lock lock_all(const std::set<std::string> &names, int64_t wait_ms) const {
+    held_lock lock_all(const std::vector<std::string> &names, int64_t wait_ms) const {
         return {handle_.get(), names, wait_ms};
     }
     std::vector<lock_user> lock_users(const std::vector<std::string> &names) const;
@@ -134,6 +133,10 @@ class registry {
 
   private:
     explicit registry(keyview_registry *handle) : handle_(handle) {}
+
+    using row_sink = std::function<void(std::string_view path, std::string_view value)>;
+    uint64_t read(const std::vector<part> &parts, const row_sink &row,
+                  std::vector<std::string> *damaged) const;
 
     struct close {
         void operator()(keyview_registry *handle) const { keyview_registry_close(handle); }

@@ -30,41 +30,40 @@ static admin::change_options options_of(const tool &shared, bool dry_run) {
     return options;
 }
 
-static view value_view(const std::optional<std::string> &value) {
-    return value ? view{*value} : view{};
+static view value_view(const std::optional<std::string_view> &value) {
+    return value ? view{std::string(*value)} : view{};
 }
 
-view change_view(const admin::key_change &change) {
-    return {view_fields{{"path", {change.path}},
+view change_view(const admin::change_row &change) {
+    return {view_fields{{"path", {std::string(change.path)}},
                         {"before", value_view(change.before)},
                         {"after", value_view(change.after)}}};
 }
 
-static std::string shown(const std::string &value) {
+static std::string shown(std::string_view value) {
     return value.empty() ? "(no value)" : escaped(admin::value_for_people(value));
 }
 
-std::string change_for_people(const admin::key_change &change) {
+std::string change_for_people(const admin::change_row &change) {
     std::string path = escaped(change.path);
     if (!change.before) return "+ " + path + " = " + shown(*change.after);
     if (!change.after) return "- " + path + " = " + shown(*change.before);
     return "~ " + path + " = " + shown(*change.before) + " -> " + shown(*change.after);
 }
 
-std::string set_command(const std::string &path, const std::string &value, bool creates) {
+std::string set_command(std::string_view path, std::string_view value, bool creates) {
     std::string out = "keyviewctl set " + shell_word(path) + (creates ? " --create" : "");
     bool text = !value.empty() && value.back() == '\0' &&
-                escaped(std::string_view(value).substr(0, value.size() - 1)) ==
-                    value.substr(0, value.size() - 1);
+                escaped(value.substr(0, value.size() - 1)) == value.substr(0, value.size() - 1);
     if (!text) return out + " --as base64 " + shell_word(admin::to_base64(value));
     return out + " --as text -- " + shell_word(value.substr(0, value.size() - 1));
 }
 
 static std::string commands_of(const admin::change_result &changed) {
     std::string out;
-    std::string removed;
-    for (const admin::key_change &one : changed.changes) {
-        bool below = !removed.empty() && one.path.rfind(removed + ".", 0) == 0;
+    std::string_view removed;
+    for (const admin::change_row &one : changed.changes) {
+        bool below = !removed.empty() && path_within(one.path, removed);
         if (one.after) {
             out += set_command(one.path, *one.after, !one.before) + "\n";
         } else if (!below) {
@@ -83,22 +82,42 @@ struct change_counts {
 
 static change_counts counts_of(const admin::change_result &changed) {
     change_counts counts;
-    for (const admin::key_change &one : changed.changes)
+    for (const admin::change_row &one : changed.changes)
         ++(!one.before ? counts.created : !one.after ? counts.removed : counts.replaced);
     return counts;
 }
 
-static std::string list_for_people(const admin::change_result &changed) {
-    if (changed.changes.empty()) return "nothing to change: all of it is stored already\n";
-    std::string out;
-    for (const admin::key_change &one : changed.changes)
-        out += change_for_people(one) + "\n";
+// Writes a text by and by; the list of a large change is longer than it.
+class long_text {
+  public:
+    using writer = void (*)(std::string_view text);
+    explicit long_text(writer write) : write_(write) {}
+
+    void add(std::string_view text) {
+        static constexpr size_t ENOUGH = size_t{64} << 10;
+        text_ += text;
+        if (text_.size() >= ENOUGH) end();
+    }
+    void end() {
+        if (!text_.empty()) write_(text_);
+        text_.clear();
+    }
+
+  private:
+    writer write_;
+    std::string text_;
+};
+
+static void list_for_people(const admin::change_result &changed, long_text *out) {
+    if (changed.changes.empty())
+        return out->add("nothing to change: all of it is stored already\n");
+    for (const admin::change_row &one : changed.changes)
+        out->add(change_for_people(one) + "\n");
     for (const std::string &lock : changed.locks)
-        out += "lock " + escaped(lock) + "\n";
+        out->add("lock " + escaped(lock) + "\n");
     change_counts counts = counts_of(changed);
-    return out + std::to_string(counts.created) + " keys created, " +
-           std::to_string(counts.replaced) + " changed, " + std::to_string(counts.removed) +
-           " removed\n";
+    out->add(std::to_string(counts.created) + " keys created, " + std::to_string(counts.replaced) +
+             " changed, " + std::to_string(counts.removed) + " removed\n");
 }
 
 // undo: the command that takes the changes back; "" if there is none.
@@ -107,7 +126,7 @@ static view_fields fields_of(const admin::change_result &changed, bool dry_run,
     view_list locks, changes;
     for (const std::string &lock : changed.locks)
         locks.push_back({lock});
-    for (const admin::key_change &one : changed.changes)
+    for (const admin::change_row &one : changed.changes)
         changes.push_back(change_view(one));
     change_counts counts = counts_of(changed);
     return {{"dry_run", number_view(dry_run ? 1 : 0)},
@@ -125,9 +144,13 @@ static exit_code show_changes(const tool &shared, const admin::change_result &ch
     if (shared.dry_run && !compares) print_remark("a dry run: nothing was written");
     std::string line = undo.empty() ? "" : "undo: " + undo;
     switch (shared.format) {
-        case output_format::table:
-            write_result(list_for_people(changed) + (line.empty() ? "" : escaped(line) + "\n"));
+        case output_format::table: {
+            long_text out(write_result);
+            list_for_people(changed, &out);
+            if (!line.empty()) out.add(escaped(line) + "\n");
+            out.end();
             return EXIT_DONE;
+        }
         case output_format::cmd:
             write_lines(commands_of(changed) + (line.empty() ? "" : "# " + line + "\n"));
             return EXIT_DONE;
@@ -149,11 +172,12 @@ exit_code change_words(const session &library, const std::string &what, const wo
         return wanted.all_below ? admin::read_keys(std::string(parent_path(key)), reach::all_below)
                                 : admin::read_keys(key, reach::key_alone);
     });
-    admin::change_result changed = {{}, {lock_of(key)}, found.revision};
+    admin::change_result changed = {{}, admin::lock_list(key), found.revision};
+    std::vector<admin::key_change> planned;
     for (const auto &[path, value] : found.keys)
         if (last_element(path) == last_element(key) && value != stored)
-            changed.changes.push_back({path, value, stored});
-    library.shared.reporter->step("works under the lock " + changed.locks.front());
+            planned.push_back({path, value, stored});
+    library.shared.reporter->step("works under the lock " + changed.locks[0]);
     if (!library.shared.dry_run) {
         admin::set_recorder recorder;
         // Another one may have removed the key while this one waited for the lock.
@@ -161,36 +185,31 @@ exit_code change_words(const session &library, const std::string &what, const wo
             refined(operation(),
                     [&] { return key_exists(key) ? PRSR_ERR_REGISTRY : PRSR_ERR_NO_DATABASE; }),
             what);
-        changed.changes = recorder.changes();
+        planned = recorder.changes();
     }
+    changed.changes = planned;
     return show_changes(library.shared, changed);
 }
 
 // ---- Consent ------------------------------------------------------------------------------------
 
-static bool same_changes(const std::vector<admin::key_change> &a,
-                         const std::vector<admin::key_change> &b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](const admin::key_change &one, const admin::key_change &other) {
-                          return one.path == other.path && one.before == other.before &&
-                                 one.after == other.after;
-                      });
-}
-
-// How many records the values belong to that a change takes, or that its undo would.
-static size_t records_in(const admin::change_result &changed,
-                         std::optional<std::string> admin::key_change::*taken) {
+// How many records the values belong to that a change takes, or that its undo would: none, one, or
+// more.
+static size_t records_in(const admin::key_changes &changes,
+                         std::optional<std::string_view> admin::change_row::*taken) {
     std::set<std::string> records;
-    for (const admin::key_change &one : changed.changes) {
+    for (const admin::change_row &one : changes) {
+        if (!(one.*taken)) continue;
         std::string record = admin::record_of(one.path);
-        if (one.*taken) records.insert(record.empty() ? one.path : record);
+        records.insert(record.empty() ? std::string(one.path) : record);
+        if (records.size() > 1) break;
     }
     return records.size();
 }
 
 // The field of a document that lists the records of a key, such as "services"; null for what is no
 // record's own key, and for the instances of a service.
-static const char *list_field_of(const std::string &path) {
+static const char *list_field_of(std::string_view path) {
     const admin::key_location place = admin::locate_key(path);
     if (place.pattern.empty() || place.pattern.back() != '>') return nullptr;
     for (const list_row &section : SECTIONS) {
@@ -205,10 +224,10 @@ static const char *list_field_of(const std::string &path) {
 static std::string loss_in(const admin::change_result &changed) {
     constexpr size_t NAMED = 8;
     std::map<std::string, std::vector<std::string>> records;
-    for (const admin::key_change &one : changed.changes) {
+    for (const admin::change_row &one : changed.changes) {
         const char *field = one.after ? nullptr : list_field_of(one.path);
         if (field != nullptr)
-            records[field].push_back(one.before->substr(0, one.before->find('\0')));
+            records[field].emplace_back(one.before->substr(0, one.before->find('\0')));
     }
     const change_counts counts = counts_of(changed);
     std::string out = "removes " + std::to_string(counts.removed) + " keys, replaces " +
@@ -227,9 +246,9 @@ static std::string where_of(const tool &shared, const change_command &command) {
 }
 
 // The changes that a person agreed to; nothing where nobody was asked. Throws if the answer is no.
-static std::optional<std::vector<admin::key_change>> confirmed(const tool &shared,
-                                                               const change_command &command,
-                                                               const change_function &run) {
+static std::optional<admin::key_changes> confirmed(const tool &shared,
+                                                   const change_command &command,
+                                                   const change_function &run) {
     if (shared.yes || shared.dry_run) return std::nullopt;
     admin::change_result planned;
     try {
@@ -239,14 +258,17 @@ static std::optional<std::vector<admin::key_change>> confirmed(const tool &share
     }
     if (planned.changes.empty()) return std::nullopt;
     if (!is_terminal(STDIN_FILENO) || !is_terminal(STDERR_FILENO)) {
-        if (records_in(planned, &admin::key_change::before) < 2) return std::nullopt;
+        if (records_in(planned.changes, &admin::change_row::before) < 2) return std::nullopt;
         throw tool_error{EXIT_USAGE, command.what, where_of(shared, command),
                          "it " + loss_in(planned) + "; there is no terminal to ask at",
                          "--dry-run shows each key; --yes does it without a question"};
     }
     shared.reporter->stop();
-    std::cerr << list_for_people(planned) << where_of(shared, command) << ": this "
-              << loss_in(planned) << ".\nDo this? [y/N] " << std::flush;
+    long_text list([](std::string_view text) { std::cerr << text; });
+    list_for_people(planned, &list);
+    list.end();
+    std::cerr << where_of(shared, command) << ": this " << loss_in(planned) << ".\nDo this? [y/N] "
+              << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     shared.reporter->start();
@@ -269,18 +291,17 @@ class undo_writer {
         if (!kept_ && !file_.empty()) unlink(file_.c_str());
     }
 
-    void write(admin::change_result planned) {
-        auto damaged = [](const admin::key_change &one) {
-            return one.before == admin::DAMAGED_VALUE;
-        };
-        auto &changes = planned.changes;
-        changes.erase(std::remove_if(changes.begin(), changes.end(), damaged), changes.end());
+    void write(const admin::change_result &made) {
+        admin::change_result planned = {made.changes.without([](const admin::change_row &one) {
+                                            return one.before == admin::DAMAGED_VALUE;
+                                        }),
+                                        made.locks, made.revision};
         bool removes = counts_of(planned).removed > 0;
-        if (!removes && records_in(planned, &admin::key_change::before) < 2) return;
+        if (!removes && records_in(planned.changes, &admin::change_row::before) < 2) return;
         if (file_.empty()) file_ = new_undo_file();
         replace_file(file_, document_of("changes", fields_of(planned, false, "")).dump(1) + "\n",
                      PRIVATE_FILE);
-        asks_ = records_in(planned, &admin::key_change::after) > 1;
+        asks_ = records_in(planned.changes, &admin::change_row::after) > 1;
     }
 
     // "" if nothing needs to be undone.
@@ -299,12 +320,12 @@ class undo_writer {
 }  // namespace
 
 exit_code carry_out(const tool &shared, const change_command &command, const change_function &run) {
-    std::optional<std::vector<admin::key_change>> agreed;
+    std::optional<admin::key_changes> agreed;
     if (command.confirms) agreed = confirmed(shared, command, run);
     undo_writer undo;
     admin::change_options options = options_of(shared, shared.dry_run || command.compares);
     options.before_write = [&](const admin::change_result &planned) {
-        if (agreed && !same_changes(*agreed, planned.changes)) {
+        if (agreed && !(*agreed == planned.changes)) {
             throw admin::error(KEYVIEW_FAILURE_CHANGED,
                                "the tree changed since the question; nothing was written");
         }

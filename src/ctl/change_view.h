@@ -44,10 +44,10 @@ exit_code change_words(const session &library, const std::string &what, const wo
 
 // One change: path, before and after; no key is null. revision and since precede them where
 // they are shown.
-view change_view(const admin::key_change &change);
-std::string change_for_people(const admin::key_change &change);
+view change_view(const admin::change_row &change);
+std::string change_for_people(const admin::change_row &change);
 
 // The command that makes a key what it is; one that may create the key, too.
-std::string set_command(const std::string &path, const std::string &value, bool creates = true);
+std::string set_command(std::string_view path, std::string_view value, bool creates = true);
 
 }  // namespace keyview::ctl

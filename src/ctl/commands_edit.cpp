@@ -99,10 +99,11 @@ static void edit_text(const tool &shared, const std::string &before, edited_text
 
 // What the text may change: its database and nothing beside it.
 static void check_within(const std::string &database, const admin::change_result &planned) {
-    for (const admin::key_change &one : planned.changes) {
+    for (const admin::change_row &one : planned.changes) {
         if (path_within(one.path, database)) continue;
-        throw admin::error(KEYVIEW_FAILURE_CONTENT,
-                           "the text may hold this one database, and changes " + one.path);
+        throw admin::error(
+            KEYVIEW_FAILURE_CONTENT,
+            "the text may hold this one database, and changes " + std::string(one.path));
     }
 }
 

@@ -32,14 +32,23 @@ constexpr lock_cover cover_of(std::string_view lock_name) noexcept {
     return {path, !stg && path == DB_ROOT ? reach::children : reach::all_below};
 }
 
-// The lock under which a key is changed: that of its database, entry or node; above those, one of
-// the key's own.
-inline std::string lock_of(std::string_view path) {
+// The key whose lock covers a key that is changed: its database, entry or node; above those, the key
+// itself.
+constexpr std::string_view locked_key_of(std::string_view path) noexcept {
     bool stg = path_within(path, STG_ROOT);
     bool record = stg || path_within(path, DB_ROOT) || path_within(path, NODEAPPS_ROOT);
-    std::string_view cover = record ? first_elements(path, stg ? 4 : 3) : path;
-    bool entry = stg && cover != first_elements(path, 3);
-    return (entry ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(cover);
+    return record ? first_elements(path, stg ? 4 : 3) : path;
+}
+
+// Whether it is a storage manager entry.
+constexpr bool is_locked_entry(std::string_view locked_key) noexcept {
+    return path_within(locked_key, STG_ROOT) && locked_key != first_elements(locked_key, 3);
+}
+
+// The lock under which a key is changed.
+inline std::string lock_of(std::string_view path) {
+    const std::string_view key = locked_key_of(path);
+    return (is_locked_entry(key) ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(key);
 }
 
 // What a command that runs under locks, held by the process that started it, knows of them: a line

@@ -30,7 +30,7 @@ static key_node tree_of(const std::string &document) {
     document_plan plan = read_document(document, &problems);
     EXPECT_EQ(listed(problems), "");
     key_node tree;
-    for (const change &one : plan.changes)
+    for (const key_row &one : plan.changes)
         tree.make(one.path).value = *one.value;
     return tree;
 }

@@ -94,7 +94,12 @@ class Tool : public testing::Test {
 
     // What no document can say goes in here.
     void put(const std::string &path, const std::string &value) const {
-        admin::registry::open(url_).apply({{path, value}}, {}, 0);
+        admin::registry::open(url_).apply(
+            1,
+            [&](size_t) {
+                return admin::key_row{path, value};
+            },
+            {}, 0);
     }
 
     std::string folder_;

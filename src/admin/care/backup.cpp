@@ -16,7 +16,7 @@
 #include "admin/care/backup.h"
 #include "admin/care/whole_tree.h"
 #include "admin/document/base64.h"
-#include "admin/key_map.h"
+#include "admin/key_list.h"
 #include "model/roots.h"
 
 namespace keyview::admin {
@@ -91,37 +91,37 @@ static std::string_view verified(std::string_view content) {
     return body;
 }
 
-static key_map keys_of(std::string_view content) {
+static key_list keys_of(std::string_view content) {
     line_reader lines = {verified(content).substr(FIRST_LINE.size())};
     (void)lines.next();  // the revision is for people
     std::string count(lines.next());
-    key_map keys;
+    key_list keys;
     while (!lines.left.empty()) {
         std::string_view line = lines.next();
         size_t blank = line.rfind(' ');
         std::string value;
         bool sound = blank != line.npos && from_base64(line.substr(blank + 1), &value);
         if (!sound) refuse("a line is no key with its value");
-        keys.emplace(line.substr(0, blank), std::move(value));
+        (void)keys.add(line.substr(0, blank), value);
     }
+    keys.sort_unique();
     if (count != "keys " + std::to_string(keys.size())) refuse("it holds another number of keys");
     return keys;
 }
 
-static change_result bring_to(const std::string &url, key_map &&keys, bool force,
+static change_result bring_to(const std::string &url, key_list &&keys, bool force,
                               change_options options) {
     change_request request = {};
     request.prunes_all = true;
     options.prune = true;
-    for (auto &[path, value] : keys)
-        request.changes.push_back({path, std::move(value)});
-    request.check = [&](const key_map &present) {
+    request.changes = std::move(keys);
+    request.check = [&](const key_list &present) {
         if (force || present.empty()) return;
         throw error(KEYVIEW_FAILURE_USAGE,
                     "the registry" + (url.empty() ? "" : " " + url) +
                         " is not empty; nothing was written; --force removes what is in it");
     };
-    return change_registry(url, request, options);
+    return change_registry(url, std::move(request), options);
 }
 
 change_result restore_registry(std::string_view content, bool force,
@@ -140,7 +140,11 @@ change_result copy_registry(const std::string &to_url, bool force, const change_
         "the registry is damaged; nothing was copied; \"keyviewctl copy --salvage --to URL\" leaves "
         "out what is damaged");
     if (left_out != nullptr) *left_out = std::move(tree.damage);
-    return bring_to(to_url, std::move(tree.keys), force, options);
+    key_list keys;
+    for (const auto &[path, value] : tree.keys)
+        (void)keys.add(path, value);
+    tree.keys.clear();
+    return bring_to(to_url, std::move(keys), force, options);
 }
 
 }  // namespace keyview::admin

@@ -47,7 +47,7 @@ static void check_round_trip(const key_node &tree, const std::string &document,
     for (const question &asked : plan.instances)
         problems->add(asked.asker, "names an instance that the database does not have");
     key_node back;
-    for (const change &one : plan.changes)
+    for (const key_row &one : plan.changes)
         back.make(one.path).value = *one.value;
     if (problems->empty()) compare(tree, back, "", problems);
 }

@@ -1,7 +1,7 @@
 // See keys.h.
 #include "admin/change/keys.h"
 
-#include "model/locks.h"
+#include <utility>
 
 namespace keyview::admin {
 
@@ -17,17 +17,18 @@ change_result set_key(const std::string &path, const std::string &value,
     const char *fault = path_fault(path);
     if (fault != nullptr)
         throw error(KEYVIEW_FAILURE_USAGE, "no key can be '" + path + "': " + fault);
-    return change_registry("", {{{path, value}}, {lock_of(path)}}, options);
+    change_request request;
+    request.locks.add(request.changes.add(path, value));
+    return change_registry("", std::move(request), options);
 }
 
 change_result remove_keys(const std::vector<std::string> &paths, change_options options) {
     change_request removal;
     for (const std::string &path : paths) {
-        removal.changes.push_back({path, std::nullopt});
-        removal.locks.insert(lock_of(path));
+        removal.locks.add(removal.changes.add(path, std::nullopt));
         options.present.push_back(path);
     }
-    return change_registry("", removal, options);
+    return change_registry("", std::move(removal), options);
 }
 
 }  // namespace keyview::admin

@@ -6,8 +6,9 @@
 #include <chrono>
 #include <utility>
 
+#include "admin/key_list.h"
 #include "admin/key_map.h"
-#include "model/locks.h"
+#include "model/roots.h"
 
 namespace keyview::admin {
 
@@ -27,8 +28,9 @@ namespace {
 
 struct plan {
     change_result reported;
-    std::vector<change> changes;  // those that change something
-    std::set<std::string> locks;
+    std::vector<std::string_view> pruned;  // keys that go with all that is below them
+    std::vector<uint32_t> asked;  // the numbers of the requested changes that change something
+    std::shared_ptr<const key_list> before;
 };
 
 }  // namespace
@@ -45,8 +47,8 @@ static std::vector<part> parts_of(const change_request &request, const change_op
         parts.push_back({ROOT, reach::all_below});
         return parts;
     }
-    for (const change &one : request.changes) {
-        parts.push_back({one.path, one.value ? reach::key_alone : reach::all_below});
+    for (const key_row &one : request.changes) {
+        parts.push_back({std::string(one.path), one.value ? reach::key_alone : reach::all_below});
         for (std::string_view parent = parent_path(one.path); !parent.empty();
              parent = parent_path(parent)) {
             parts.push_back({std::string(parent)});
@@ -57,85 +59,171 @@ static std::vector<part> parts_of(const change_request &request, const change_op
     return parts;
 }
 
-// Does to the keys what the registry does. A put creates missing parents.
-static void carry_out(const change &one, key_map *keys) {
-    if (!one.value) return remove_below(one.path, keys);
-    for (std::string_view parent = parent_path(one.path); !parent.empty();
-         parent = parent_path(parent)) {
-        keys->emplace(parent, "");
+namespace {
+
+// Goes once through the keys of the tree and the requested changes, both in the order of the paths,
+// and does to each key what the registry does: first all prunings, then the changes in their order.
+class planning {
+  public:
+    planning(const std::shared_ptr<const change_request> &request,
+             std::shared_ptr<const key_list> before, const change_options &options)
+        : request_(*request),
+          asked_(request->changes),
+          before_(*before),
+          options_(options),
+          keys_(request, &request->changes) {
+        made_.reported.changes = key_changes(before, keys_);
+        made_.before = std::move(before);
     }
-    (*keys)[one.path] = *one.value;
-}
 
-// Removals of what no put of the request stands for; of a whole branch, its top alone.
-static std::vector<change> pruning(const key_map &before, const change_request &request,
-                                   const std::string &within) {
-    key_map kept;
-    for (const change &one : request.changes)
-        carry_out(one, &kept);
-    std::vector<change> out;
-    for (const auto &[path, value] : before) {
-        bool ours = (request.prunes_all || below_a_root(path)) &&
-                    (within.empty() || path_within(path, within));
-        bool gone = !out.empty() && path_within(path, out.back().path);
-        if (ours && !gone && kept.count(path) == 0) out.push_back({path, std::nullopt});
+    plan make() && {
+        while (key_ < before_.size() || change_ < asked_.size()) {
+            bool key_is_first =
+                change_ == asked_.size() ||
+                (key_ < before_.size() && !first_(asked_.path(change_), before_.path(key_)));
+            if (key_is_first && !at_change()) {
+                pass_key();
+            } else {
+                pass_changes(key_is_first ? key_++ : key_list::NONE);
+            }
+        }
+        made_.reported.changes.sort();  // only damage leaves keys below one that is missing
+        add_locks();
+        return std::move(made_);
     }
-    return out;
-}
 
-static bool changes_something(const change &one, const key_map &before) {
-    auto old = before.find(one.path);
-    if (!one.value) return old != before.end();
-    return old == before.end() || old->second != *one.value;
-}
+  private:
+    using stored_value = std::optional<std::string_view>;
 
-static plan plan_for(const key_map &before, const change_request &request,
-                     const change_options &options) {
-    std::vector<change> all;
-    if (options.prune) all = pruning(before, request, options.prune_within);
-    all.insert(all.end(), request.changes.begin(), request.changes.end());
-    key_map after = before;
-    for (const change &one : all)
-        carry_out(one, &after);
-    plan made;
-    made.reported.changes = differences(before, after);
-    made.locks = request.locks;
-    for (const key_change &one : made.reported.changes)
-        if (below_a_root(one.path)) made.locks.insert(lock_of(one.path));
-    made.reported.locks.assign(made.locks.begin(), made.locks.end());
-    for (change &one : all)
-        if (changes_something(one, before)) made.changes.push_back(std::move(one));
-    return made;
-}
+    static stored_value value_of(const key_list &keys, size_t number) {
+        if (number == key_list::NONE) return std::nullopt;
+        return keys[number].value;
+    }
 
-static void check_keys(const key_map &before, const change_options &options) {
+    static bool differ(const stored_value &a, const stored_value &b) {
+        return a.has_value() != b.has_value() || a.value_or("") != b.value_or("");
+    }
+
+    bool at_change() const {
+        return change_ < asked_.size() && before_.path(key_) == asked_.path(change_);
+    }
+
+    // The number of the next change that puts a key below a key, or NONE.
+    size_t next_put_below(std::string_view path) const {
+        for (size_t n = change_; n < asked_.size() && path_within(asked_.path(n), path); ++n)
+            if (asked_[n].value) return n;
+        return key_list::NONE;
+    }
+
+    bool is_pruned(std::string_view path) const {
+        const std::string &top = options_.prune_within;
+        return options_.prune && (request_.prunes_all || below_a_root(path)) &&
+               (top.empty() || path_within(path, top)) && next_put_below(path) == key_list::NONE;
+    }
+
+    // A key that no change names.
+    void pass_key() {
+        const std::string_view path = before_.path(key_);
+        size_t key = key_++;
+        if (!removed_.empty() && path_within(path, removed_)) {
+            note(path, key, next_put_below(path));
+        } else if (is_pruned(path)) {
+            if (made_.pruned.empty() || !path_within(path, made_.pruned.back()))
+                made_.pruned.push_back(path);
+            note(path, key, key_list::NONE);
+        }
+    }
+
+    // The changes of one key, which the tree may have.
+    void pass_changes(size_t key) {
+        const std::string_view path = asked_.path(change_);
+        const stored_value old = value_of(before_, key);
+        size_t last = key_list::NONE;
+        for (; change_ < asked_.size() && asked_.path(change_) == path; ++change_) {
+            const stored_value value = asked_[change_].value;
+            bool restores = value && path_within(path, removed_) && !removed_.empty();
+            if (differ(value, old) || restores)
+                made_.asked.push_back(static_cast<uint32_t>(change_));
+            if (!value) removed_ = path;
+            last = value ? change_ : key_list::NONE;
+        }
+        if (last == key_list::NONE) last = next_put_below(path);
+        if (last != key_list::NONE) create_parents(path);
+        note(path, key, last);
+    }
+
+    // The parents that a put of a key creates.
+    void create_parents(std::string_view path) {
+        for (size_t end = path.find('.'); end != path.npos; end = path.find('.', end + 1)) {
+            const std::string_view parent = path.substr(0, end);
+            bool present = path_within(put_, parent) || before_.find(parent) != key_list::NONE;
+            if (!present) made_.reported.changes.add(key_list::NONE, change_ - 1, end);
+        }
+        put_ = path;
+    }
+
+    // after is the number of the change that gives the key its value, or of one below it.
+    void note(std::string_view path, size_t key, size_t after) {
+        bool parent = after != key_list::NONE && asked_.path(after) != path;
+        const stored_value fresh = parent ? std::string_view() : value_of(asked_, after);
+        if (differ(value_of(before_, key), fresh))
+            made_.reported.changes.add(key, after, path.size());
+    }
+
+    void add_locks() {
+        lock_list &locks = made_.reported.locks;
+        locks.add_all(request_.locks);
+        locks.keep(keys_);
+        locks.keep(made_.before);
+        for (const change_row &one : made_.reported.changes)
+            if (below_a_root(one.path)) locks.add(one.path);
+        locks.sort();
+    }
+
+    const change_request &request_;
+    const key_list &asked_, &before_;
+    const change_options &options_;
+    std::shared_ptr<const key_list> keys_;
+    path_order first_;
+    size_t key_ = 0, change_ = 0;
+    std::string_view removed_;  // the latest key that a change removes
+    std::string_view put_;      // the latest key that is put
+    plan made_;
+};
+
+}  // namespace
+
+static void check_keys(const key_list &before, const change_options &options) {
     for (const std::string &path : options.present)
-        if (before.count(path) == 0)
+        if (before.find(path) == key_list::NONE)
             throw error(KEYVIEW_FAILURE_NOT_FOUND, "there is no key " + path);
     for (const std::string &path : options.absent)
-        if (before.count(path) > 0)
+        if (before.find(path) != key_list::NONE)
             throw error(KEYVIEW_FAILURE_USAGE, "there is a key " + path + " already");
 }
 
+using shared_request = std::shared_ptr<const change_request>;
+
 // The plan as of one moment. Without a registry the tree is empty, at revision 0.
-static plan make_plan(const registry *keys, const change_request &request,
+static plan make_plan(const registry *keys, const shared_request &request,
                       const change_options &options) {
-    key_map before;
+    auto before = std::make_shared<key_list>();
     uint64_t revision = 0;
-    bool whole = options.prune || request.changes.size() > FEW_CHANGES;
+    bool whole = options.prune || request->changes.size() > FEW_CHANGES;
     std::vector<std::string> damaged;
     if (keys != nullptr)
-        revision = keys->read(parts_of(request, options, whole), &before, &damaged);
+        revision = keys->read(parts_of(*request, options, whole), before.get(), &damaged);
     for (const std::string &path : damaged)
-        before.emplace(path, DAMAGED_VALUE);
-    check_keys(before, options);
-    if (request.check) request.check(before);
+        (void)before->add(path, DAMAGED_VALUE);
+    before->sort_unique();
+    check_keys(*before, options);
+    if (request->check) request->check(*before);
     if (options.if_revision != 0 && options.if_revision != revision) {
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree is at revision " + std::to_string(revision) +
                                                  ", not " + std::to_string(options.if_revision) +
                                                  "; nothing was written");
     }
-    plan made = plan_for(before, request, options);
+    plan made = planning(request, std::move(before), options).make();
     made.reported.revision = revision;
     return made;
 }
@@ -150,7 +238,7 @@ static int64_t lock_wait_ms() {
 
 // The names are sorted, so that two programs that lock several never wait for each other in a ring.
 // All of them together are waited for as long as one lock may be.
-static std::vector<held_lock> lock_all(const registry &keys, const std::set<std::string> &names,
+static std::vector<held_lock> lock_all(const registry &keys, const lock_list &names,
                                        const change_options &options) {
     using std::chrono::milliseconds;
     using std::chrono::steady_clock;
@@ -158,7 +246,11 @@ static std::vector<held_lock> lock_all(const registry &keys, const std::set<std:
     std::vector<held_lock> held;
     if (names.size() > FEW_LOCKS) {
         report_step(options, "waits for " + std::to_string(names.size()) + " locks");
-        held.push_back(keys.lock_all(names, lock_wait_ms()));
+        std::vector<std::string> all;
+        all.reserve(names.size());
+        for (const std::string &name : names)
+            all.push_back(name);
+        held.push_back(keys.lock_all(all, lock_wait_ms()));
         return held;
     }
     for (const std::string &name : names) {
@@ -169,22 +261,35 @@ static std::vector<held_lock> lock_all(const registry &keys, const std::set<std:
     return held;
 }
 
+// Writes the prunings first, then the changes of the request.
+static void write(const registry &keys, const key_list &asked, const plan &made,
+                  const std::vector<held_lock> &locks, uint64_t revision) {
+    auto change_at = [&](size_t number) {
+        size_t pruned = made.pruned.size();
+        if (number < pruned) return key_row{made.pruned[number], std::nullopt};
+        return asked[made.asked[number - pruned]];
+    };
+    keys.apply(made.pruned.size() + made.asked.size(), change_at, locks, revision);
+}
+
 // False if the tree changed meanwhile so that the plan must be made anew.
-static bool try_to_carry_out(const registry &keys, const std::set<std::string> &locks,
-                             const change_request &request, const change_options &options,
+static bool try_to_carry_out(const registry &keys, const lock_list &locks,
+                             const shared_request &request, const change_options &options,
                              bool last, change_result *out) {
     std::vector<held_lock> held = lock_all(keys, locks, options);
     plan made = make_plan(&keys, request, options);
-    report_step(options, "writes " + std::to_string(made.changes.size()) + " changes");
-    if (!std::includes(locks.begin(), locks.end(), made.locks.begin(), made.locks.end())) {
+    size_t changes = made.pruned.size() + made.asked.size();
+    report_step(options, "writes " + std::to_string(changes) + " changes");
+    if (!locks.includes(made.reported.locks)) {
         if (!last) return false;
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree changed meanwhile, again and again");
     }
-    if (!made.changes.empty() && options.before_write) options.before_write(made.reported);
+    if (changes > 0 && options.before_write) options.before_write(made.reported);
     bool any_revision = last && options.if_revision == 0;
     try {
-        if (!made.changes.empty())
-            keys.apply(made.changes, held, any_revision ? 0 : made.reported.revision);
+        if (changes > 0) {
+            write(keys, request->changes, made, held, any_revision ? 0 : made.reported.revision);
+        }
     } catch (const error &failed) {
         if (failed.kind != KEYVIEW_FAILURE_CHANGED || options.if_revision != 0 || last) throw;
         return false;
@@ -193,18 +298,24 @@ static bool try_to_carry_out(const registry &keys, const std::set<std::string> &
     return true;
 }
 
-change_result change_registry(const std::string &url, const change_request &request,
+change_result change_registry(const std::string &url, change_request wanted,
                               const change_options &options) {
+    wanted.changes.sort();
+    auto request = std::make_shared<const change_request>(std::move(wanted));
     std::optional<registry> keys = registry::open_if_present(url);
     // What must find a key creates no registry for it.
     if (!keys && !options.present.empty()) keys = registry::open(url);
+    change_result done;
     for (int n = 1;; ++n) {
-        plan made = make_plan(keys ? &*keys : nullptr, request, options);
-        if (options.dry_run) return std::move(made.reported);
+        lock_list locks;
+        {
+            change_result planned = make_plan(keys ? &*keys : nullptr, request, options).reported;
+            if (options.dry_run) return planned;
+            locks = std::move(planned.locks);
+        }
         // Nothing is created before the request has passed all checks.
         if (!keys) keys = registry::create(url);
-        if (try_to_carry_out(*keys, made.locks, request, options, n == TRIES, &made.reported))
-            return std::move(made.reported);
+        if (try_to_carry_out(*keys, locks, request, options, n == TRIES, &done)) return done;
     }
 }
 

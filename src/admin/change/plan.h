@@ -4,10 +4,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "admin/change/changes.h"
 #include "admin/registry.h"
 
 namespace keyview::admin {
@@ -17,9 +17,9 @@ namespace keyview::admin {
 constexpr const char *DAMAGED_VALUE = "(damaged)";
 
 struct change_result {
-    std::vector<key_change> changes;  // in the order of the paths, parents before their children
-    std::vector<std::string> locks;   // exclusive ones, taken for it
-    uint64_t revision = 0;            // the tree's, before the change
+    key_changes changes;    // in the order of the paths, parents before their children
+    lock_list locks;        // exclusive ones, taken for it
+    uint64_t revision = 0;  // the tree's, before the change
 };
 
 struct change_options {
@@ -39,18 +39,18 @@ struct change_options {
 };
 
 struct change_request {
-    std::vector<change> changes;
-    std::set<std::string> locks = {};        // at least these
+    key_list changes;                        // carried out in the order of their paths
+    lock_list locks = {};                    // at least these
     std::vector<std::string> examines = {};  // keys that check reads
     bool prunes_all = false;                 // pruning covers keys outside the sections, too
     // Throws if the request does not fit the tree. present holds at least the keys that change or
     // are examined; it is empty for a registry that does not exist.
-    std::function<void(const key_map &present)> check = {};
+    std::function<void(const key_list &present)> check = {};
 };
 
 // Carries a request out in the registry of a URL ("": the one in force), or reports what that would
 // do. A registry that does not exist is created. All of it happens or nothing does.
-change_result change_registry(const std::string &url, const change_request &request,
+change_result change_registry(const std::string &url, change_request request,
                               const change_options &options);
 
 }  // namespace keyview::admin

@@ -32,8 +32,8 @@ namespace {
 
 class json_builder : public nlohmann::json_sax<json> {
   public:
-    json_builder(std::string_view text, json *root, problem_list *problems)
-        : text_(text), root_(root), problems_(problems) {}
+    json_builder(std::string_view text, json *root, problem_list *problems, const item_sink &item)
+        : text_(text), root_(root), problems_(problems), deliver_(item) {}
 
     bool null() override { return place(nullptr); }
     bool boolean(bool value) override { return place(value); }
@@ -68,6 +68,7 @@ class json_builder : public nlohmann::json_sax<json> {
     json *add(json &&value) {
         if (open_.empty()) return &(*root_ = std::move(value));
         json *parent = open_.back();
+        if (at_item()) return &(item_ = std::move(value));
         if (parent->is_object()) return &((*parent)[name_] = std::move(value));
         parent->push_back(std::move(value));
         return &parent->back();
@@ -75,19 +76,32 @@ class json_builder : public nlohmann::json_sax<json> {
 
     bool place(json &&value) {
         add(std::move(value));
+        end_item();
         return true;
+    }
+
+    // Whether this is a list whose items are delivered, or within one.
+    bool delivers() const {
+        return deliver_ && open_.size() >= 2 && open_[0]->is_object() && open_[1]->is_array();
+    }
+    bool at_item() const { return open_.size() == 2 && delivers(); }
+
+    void end_item() {
+        if (at_item()) deliver_(names_[1], items_++, item_);
     }
 
     bool open(json &&empty) {
         // The name stays with the child, so that pointer() can tell the way.
         names_.push_back(name_);
         open_.push_back(add(std::move(empty)));
+        if (open_.size() == 2) items_ = 0;
         return true;
     }
 
     bool close() {
         open_.pop_back();
         names_.pop_back();
+        end_item();
         return true;
     }
 
@@ -99,7 +113,7 @@ class json_builder : public nlohmann::json_sax<json> {
             if (parent->is_object()) {
                 way /= names_[n];
             } else {
-                way /= parent->size() - 1;
+                way /= n == 2 && delivers() ? items_ : parent->size() - 1;
             }
         }
         return way;
@@ -108,6 +122,9 @@ class json_builder : public nlohmann::json_sax<json> {
     std::string_view text_;
     json *root_;
     problem_list *problems_;
+    const item_sink &deliver_;
+    json item_;
+    size_t items_ = 0;  // of the list, so far
     std::vector<json *> open_;
     std::vector<std::string> names_;
     std::string name_;
@@ -115,9 +132,9 @@ class json_builder : public nlohmann::json_sax<json> {
 
 }  // namespace
 
-json parse_json(std::string_view text, problem_list *problems) {
+json parse_json(std::string_view text, problem_list *problems, const item_sink &item) {
     json root;
-    json_builder builder(text, &root, problems);
+    json_builder builder(text, &root, problems, item);
     if (!json::sax_parse(text.begin(), text.end(), &builder)) return nullptr;
     return root;
 }

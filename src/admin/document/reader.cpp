@@ -2,35 +2,84 @@
 #include "admin/document/reader.h"
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 
 #include "admin/document/byte_strings.h"
 #include "admin/document/encoding.h"
 #include "admin/document/json_text.h"
 #include "admin/nearest.h"
 #include "model/folding.h"
-#include "model/locks.h"
 
 namespace keyview::admin {
 
 using nlohmann::json;
-using pointer = json::json_pointer;
 
 namespace {
 
+// A JSON pointer that is composed only where it is shown: a step within the object or list of another
+// one, which must outlive it.
+class pointer {
+  public:
+    pointer() = default;
+
+    friend pointer operator/(const pointer &above, std::string_view field) {
+        return {&above, field, 0};
+    }
+    friend pointer operator/(const pointer &above, size_t number) { return {&above, {}, number}; }
+
+    bool has_two_steps() const {
+        return above_ != nullptr && above_->above_ != nullptr && above_->above_->above_ == nullptr;
+    }
+
+    std::string to_string() const {
+        return above_ == nullptr ? "" : above_->to_string() + "/" + step();
+    }
+
+  private:
+    pointer(const pointer *above, std::string_view field, size_t number)
+        : above_(above), field_(field), number_(number) {}
+
+    std::string step() const {
+        if (field_.data() == nullptr) return std::to_string(number_);
+        std::string out;
+        for (char c : field_)
+            c == '~' ? out += "~0" : c == '/' ? out += "~1" : out += c;
+        return out;
+    }
+
+    const pointer *above_ = nullptr;
+    std::string_view field_;
+    size_t number_ = 0;
+};
+
 class document_walk {
   public:
-    document_walk(document_plan *plan, problem_list *problems) : plan_(plan), problems_(problems) {}
+    explicit document_walk(document_plan *plan) : plan_(plan) {}
 
-    void read(const json &document) {
+    // A record of a section.
+    void read_item(const std::string &field, size_t number, const json &record) {
+        for (size_t n = 0; n < SECTIONS.count; ++n) {
+            const list_row &section = SECTIONS.first[n];
+            if (section.field != field) continue;
+            problems_ = &of_sections_[n];
+            const pointer top, list = top / section.field;
+            read_record(section, record, section.key, list / number);
+        }
+    }
+
+    // What the document contains beside those records. Problems come in the order of the sections.
+    void end(const json &document, problem_list *problems) {
+        problems_ = problems;
         if (!read_head(document)) return;
         for (const auto &[field, value] : document.items()) {
             if (field != "format" && field != "version" && !is_list(SECTIONS, field))
                 unknown(pointer(), field, {nullptr, nullptr, {}, SECTIONS});
         }
-        for (const list_row &section : SECTIONS)
-            read_list(section, document, "", pointer());
+        for (size_t n = 0; n < SECTIONS.count; ++n) {
+            read_list(SECTIONS.first[n], document, "", pointer());
+            problems->add_all(of_sections_[n]);
+        }
         resolve_instances();
     }
 
@@ -49,8 +98,8 @@ class document_walk {
         refuse(place / field, "is no field of a document here" + meant);
     }
 
-    void put(std::string path, std::string value) {
-        plan_->changes.push_back({std::move(path), std::move(value)});
+    std::string_view put(std::string_view path, std::string_view value) {
+        return plan_->changes.add(path, value);
     }
 
     // Another format or version would only give follow-up problems.
@@ -90,10 +139,10 @@ class document_walk {
                    const pointer &holder_place) {
         auto list = holder.find(row.field);
         if (list == holder.end()) return;
-        pointer place = holder_place / row.field;
+        const pointer place = holder_place / row.field;
         if (!list->is_array()) return refuse(place, "must be an array");
         std::string path = path_below(parent, row.key);
-        put(path, "");
+        (void)put(path, "");
         for (size_t n = 0; n < list->size(); ++n)
             read_record(row, (*list)[n], path, place / n);
     }
@@ -110,20 +159,22 @@ class document_walk {
         if (!append_name(table, record, "name", place, &path)) return;
         std::optional<fault> wrong = check_path(table, path);
         if (wrong) return refuse(place / "name", wrong->reason);
-        if (!claim(list, path, place)) return;
-        if (place.parent_pointer().parent_pointer().empty()) start_section_record(path);
+        const auto &name = record.at("name").get_ref<const std::string &>();
+        const std::string_view key = put(path, own_value(name));
+        if (!claim(list, key, place)) return;
+        if (place.has_two_steps()) start_section_record(key);
         write_record(list, record, path, place);
     }
 
     // A database, a storage manager entry or a node: only these have a lock of their own.
-    void start_section_record(const std::string &path) {
+    void start_section_record(std::string_view path) {
         section_record_ = path;
-        plan_->locks.insert(lock_of(path));
+        plan_->locks.add(path);
     }
 
     bool append_name(const record_table &table, const json &record, const char *field,
                      const pointer &record_place, std::string *path) {
-        pointer place = record_place / field;
+        const pointer place = record_place / field;
         auto name = record.find(field);
         if (name == record.end()) return refuse(place, "is missing"), false;
         if (!name->is_string()) return refuse(place, "must be a string"), false;
@@ -135,10 +186,14 @@ class document_walk {
     }
 
     // Each key belongs to one record of the document.
-    bool claim(const list_row &list, const std::string &path, const pointer &place) {
-        auto [first, fresh] = first_places_.emplace(path, place.to_string());
-        if (fresh) return true;
-        std::string twice = "stands for the same key as " + first->second;
+    bool claim(const list_row &list, std::string_view path, const pointer &place) {
+        auto [first, fresh] = first_places_.try_emplace(path);
+        if (fresh) {
+            const std::string text = place.to_string();
+            first->second = {places_.store(text), text.size()};
+            return true;
+        }
+        std::string twice = "stands for the same key as " + std::string(first->second);
         if (list.type != nullptr) twice += ": an instance is preferred or available, and once";
         refuse(place / "name", twice);
         return false;
@@ -148,14 +203,13 @@ class document_walk {
                       const pointer &place) {
         const record_table &table = *list.record;
         const auto &name = record.at("name").get_ref<const std::string &>();
-        std::string name_place = (place / "name").to_string();
-        put(path, own_value(name));
-        if (table.dotted_name) plan_->services.push_back({name_place, path, path, name});
+        const auto name_place = [&] { return (place / "name").to_string(); };
+        if (table.dotted_name) plan_->services.push_back({name_place(), path, path, name});
         if (list.type != nullptr) {
-            put(path_below(path, KEY_TYPE), own_value(list.type));
+            (void)put(path_below(path, KEY_TYPE), own_value(list.type));
             std::string instance =
                 path_below(path_below(section_record_, KEY_INSTANCE), element_of(name));
-            plan_->instances.push_back({name_place, instance, path, name});
+            plan_->instances.push_back({name_place(), instance, path, name});
         }
         for (const field_row &row : table.fields)
             read_field(row, record, path, place);
@@ -178,10 +232,13 @@ class document_walk {
         } else {
             return;
         }
-        if (!wrong) return put(path_below(path, row.key), std::move(stored));
-        pointer place = record_place / name;
-        if (wrong->item >= 0) place /= static_cast<size_t>(wrong->item);
-        refuse(place, wrong->reason);
+        if (!wrong) {
+            (void)put(path_below(path, row.key), stored);
+            return;
+        }
+        const pointer place = record_place / name;
+        if (wrong->item < 0) return refuse(place, wrong->reason);
+        refuse(place / static_cast<size_t>(wrong->item), wrong->reason);
     }
 
     // What the document itself holds need not be asked of the registry.
@@ -194,17 +251,22 @@ class document_walk {
     }
 
     document_plan *plan_;
-    problem_list *problems_;
+    std::vector<problem_list> of_sections_ = std::vector<problem_list>(SECTIONS.count);
+    problem_list *problems_ = nullptr;
     std::string section_record_;
-    std::map<std::string, std::string> first_places_;  // of each record, by its path
+    byte_store places_;
+    std::unordered_map<std::string_view, std::string_view> first_places_;  // of records, by path
 };
 
 }  // namespace
 
 document_plan read_document(std::string_view text, problem_list *problems) {
     document_plan plan;
-    json document = parse_json(text, problems);
-    if (problems->empty()) document_walk(&plan, problems).read(document);
+    document_walk walk(&plan);
+    const json rest = parse_json(text, problems, [&](auto &field, size_t number, auto &item) {
+        if (problems->empty()) walk.read_item(field, number, item);
+    });
+    if (problems->empty()) walk.end(rest, problems);
     return plan;
 }
 

@@ -1,11 +1,11 @@
 // From a cluster document to what must happen in the registry. Reads no registry.
 #pragma once
 
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "admin/change/changes.h"
 #include "admin/registry.h"
 
 namespace keyview::admin {
@@ -19,8 +19,8 @@ struct question {
 };
 
 struct document_plan {
-    std::vector<change> changes;  // parents before their children
-    std::set<std::string> locks;
+    key_list changes;  // each a put
+    lock_list locks;
     std::vector<question> instances;  // named by a service only: the key must exist
     std::vector<question> services;   // the key may hold another service's name
 };

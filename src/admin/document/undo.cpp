@@ -43,23 +43,24 @@ static std::vector<key_change> changes_in(std::string_view text) {
     return changes;
 }
 
-static void check_unchanged(const std::vector<key_change> &changes, const key_map &present) {
+static void check_unchanged(const std::vector<key_change> &changes, const key_list &present) {
     std::map<std::string_view, const key_change *> known;
     for (const key_change &one : changes) {
         known.emplace(one.path, &one);
-        auto at = present.find(one.path);
-        std::optional<std::string> now;
-        if (at != present.end()) now = at->second;
+        size_t at = present.find(one.path);
+        std::optional<std::string_view> now;
+        if (at != key_list::NONE) now = present[at].value;
         if (now == one.before || now == one.after) continue;
         throw error(KEYVIEW_FAILURE_CHANGED, one.path + " has changed since; nothing was written");
     }
     for (const key_change &one : changes) {
         if (one.before) continue;
-        for (auto at = present.lower_bound(one.path);
-             at != present.end() && path_within(at->first, one.path); ++at) {
-            if (known.count(at->first) > 0) continue;
+        for (size_t at = present.lower_bound(one.path);
+             at < present.size() && path_within(present.path(at), one.path); ++at) {
+            const std::string_view path = present.path(at);
+            if (known.count(path) > 0) continue;
             throw error(KEYVIEW_FAILURE_CHANGED,
-                        at->first + " was created since; nothing was written");
+                        std::string(path) + " was created since; nothing was written");
         }
     }
 }
@@ -68,12 +69,12 @@ change_result undo_changes(std::string_view text, bool overwrite, const change_o
     std::vector<key_change> changes = changes_in(text);
     change_request request;
     for (const key_change &one : changes)
-        request.changes.push_back({one.path, one.before});
-    request.check = [&](const key_map &present) {
+        (void)request.changes.add(one.path, one.before);
+    request.check = [&](const key_list &present) {
         if (!overwrite) check_unchanged(changes, present);
     };
     (void)registry::open();  // one that does not exist is not created
-    return change_registry("", request, options);
+    return change_registry("", std::move(request), options);
 }
 
 }  // namespace keyview::admin
