@@ -56,7 +56,7 @@ void *reused_block(size_t size) {
     if (units >= std::size(freed)) return nullptr;
     char *block = freed[units];
     if (block != nullptr) {
-        memcpy(&freed[units], block, sizeof block);
+        memcpy(&freed[units], block, sizeof freed[units]);
     } else {
         if (used + UNIT * (units + 1) > sizeof arena) return nullptr;
         memcpy(arena + used, &units, sizeof units);

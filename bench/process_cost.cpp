@@ -45,7 +45,8 @@ static double us_of(const timeval &time) {
 
 int main(int argc, char **argv) {
     if (argc < 5) return 2;
-    const std::string path = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+    const char *known_path = getenv("PATH");
+    const std::string path = known_path != nullptr ? known_path : "/usr/bin:/bin";
     const auto descriptors = static_cast<rlim_t>(atoi(argv[3]));
     (void)clearenv();
     (void)setenv("PATH", path.c_str(), 1);
