@@ -40,6 +40,7 @@ void txtlo(char *target, const char *source) {
 }
 
 int32_t txtclo(const char *a, const char *b) {
+    if (strcmp(a, b) == 0) return 0;  // most words of a registry are in one case
     while (*a != '\0' && lower(*a) == lower(*b)) {
         ++a;
         ++b;

@@ -1,6 +1,7 @@
 // The registry client over a store.
 #include "host/registry/client.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -56,7 +57,7 @@ registry_client::open_key *registry_client::free_slot() {
     return first_free_;
 }
 
-// 16 bits for the client, 24 for the use of the slot, 24 for the slot; never 0.
+// 16 bits of the client, 24 for the use of the slot, 24 for the slot; never 0.
 void *registry_client::begin_use(open_key *key) {
     first_free_ = key->next_free;
     key->uses = (key->uses + 1) & LOW_24;
@@ -70,24 +71,52 @@ int32_t registry_client::close(void *handle) {
     if (key == nullptr) return not_open();
     key->token = 0;
     key->next_free = std::exchange(first_free_, key);
-    key->copied.part.reset();
-    key->list.reset();
+    forget(&key->copied);
+    if (key->listed) {
+        forget(&key->list);
+        key->own_list.reset();
+    }
     return KVTC_SUCCESS;
+}
+
+void registry_client::begin_references(copies *to) {
+    referred_.push_back(to->shared_from_this());
+}
+
+void registry_client::end_references(const copies *to) {
+    referred_.erase(
+        std::find_if(referred_.begin(), referred_.end(),
+                     [&](const std::shared_ptr<copies> &one) { return one.get() == to; }));
 }
 
 // ---- Opening and values -------------------------------------------------------------------------
 
 // From the view of a held lock, else from the store.
 bool registry_client::read(std::string_view path, open_key *key) {
-    if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &key->copied)) {
-        return key->copied.part != nullptr;
+    copied_key found;
+    if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &found)) {
+        if (found.part == nullptr) return false;
+        refer(&key->copied, found);
+        return true;
     }
     if (!keys_->now()->read(path, &key->value)) return false;
     key->path = path;
     return true;
 }
 
-int32_t registry_client::open(std::string_view path, void **handle) {
+int32_t registry_client::open(const char *path, void **handle) {
+    open_key *key = first_free_;
+    copied_key found;
+    if (key == nullptr || !held_locks::of_thread().find_next(keys_.get(), path, &found)) {
+        return search_and_open(path, handle);
+    }
+    refer(&key->copied, found);
+    *handle = begin_use(key);
+    return KVTC_SUCCESS;
+}
+
+// Apart from the usual case, which saves no registers for it.
+[[gnu::noinline]] int32_t registry_client::search_and_open(std::string_view path, void **handle) {
     open_key *key = free_slot();
     if (!read(path, key)) {
         const char *fault = path_fault(path);
@@ -159,26 +188,24 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 // ---- Enumeration --------------------------------------------------------------------------------
 
 int32_t registry_client::list_children(open_key *key) {
-    uint32_t index = key->copied.key;
-    if (key->copied.part != nullptr && key->copied.part->covers_children(index)) {
-        key->list = key->copied.part;
-    } else {
+    copied_key list = key->copied;
+    if (list.part == nullptr || !list.part->covers_children(list.key)) {
         std::string_view path = path_of(*key);
-        copied_key found;
-        if (held_locks::of_thread().find_list({keys_.get(), &kept_}, path, &found)) {
-            key->list = std::move(found.part);
-            index = found.key;
-        } else {
-            key->list = std::make_shared<snapshot>(path, reach::children);
-            bool there = keys_->now()->copy(path, reach::children, key->list.get());
-            index = there ? snapshot::TOP : snapshot::NONE;
+        list = {};
+        if (!held_locks::of_thread().find_list({keys_.get(), &kept_}, path, &list)) {
+            auto own = std::make_unique<snapshot>(path, reach::children);
+            if (keys_->now()->copy(path, reach::children, own.get())) {
+                list = {nullptr, own.get(), snapshot::TOP};
+                key->own_list = std::move(own);
+            }
         }
-        if (index == snapshot::NONE) {
+        if (list.key == snapshot::NONE) {
             return no_such_key("enumerate", path, "there is no such key any more");
         }
     }
+    refer(&key->list, list);
     key->passed = 0;
-    key->children = key->list->children(index);
+    key->children = list.part->children(list.key);
     key->listed = true;
     return KVTC_SUCCESS;
 }
@@ -192,7 +219,7 @@ int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, i
         *last = key->children.count == 0 ? -1 : 0;
         return no_more_keys(path_of(*key));
     }
-    std::string_view next = key->list->name(key->children.first + key->passed);
+    std::string_view next = key->list.part->name(key->children.first + key->passed);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(next.size());
     if (next.size() >= capacity) {

@@ -24,7 +24,7 @@ class registry_client {
   public:
     explicit registry_client(const backend &registry) : keys_(registry.keys) {}
 
-    int32_t open(std::string_view path, void **handle);
+    int32_t open(const char *path, void **handle);
     int32_t close(void *handle);
     int32_t get_value(void *handle, void *value, uint32_t *size);
     int32_t set_value(void *handle, std::string_view value);
@@ -48,20 +48,39 @@ class registry_client {
         bool listed;
         uint32_t passed;
         snapshot::range children;
-        std::shared_ptr<snapshot> list;
+        copied_key list;
+        std::unique_ptr<snapshot> own_list;  // of a key that no lock covers
     };
 
     open_key *free_slot();
     void *begin_use(open_key *key);
     open_key *find(const void *handle);
 
+    int32_t search_and_open(std::string_view path, void **handle);
     bool read(std::string_view path, open_key *key);
     int32_t list_children(open_key *key);
+
+    // An open key keeps the copies alive that it refers to. They are counted here and not by
+    // shared_ptr, because each open and close of a key does it.
+    void refer(copied_key *from, const copied_key &to) {
+        if (to.of != nullptr) {
+            if (to.of->references == 0) begin_references(to.of);
+            ++to.of->references;
+        }
+        *from = to;
+    }
+    void forget(copied_key *from) {
+        if (from->of != nullptr && --from->of->references == 0) end_references(from->of);
+        *from = {};
+    }
+    [[gnu::noinline]] void begin_references(copies *to);
+    [[gnu::noinline]] void end_references(const copies *to);
     static std::string_view path_of(const open_key &key);
     static std::string_view value_of(const open_key &key);
 
     std::shared_ptr<store> keys_;
     kept_copies kept_;
+    std::vector<std::shared_ptr<copies>> referred_;  // by open keys
     std::vector<std::unique_ptr<open_key>> open_;
     open_key *first_free_ = nullptr;
 };

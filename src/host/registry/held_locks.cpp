@@ -104,9 +104,7 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
 }
 
 bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
-    bool only = entries_.size() == 1 && entries_.front().keys.get() == reader.keys;
-    if (only && entries_.front().view.find_in_order(path, found)) return true;
-    held_entry *lock = only ? &entries_.front() : covering(reader.keys, path);
+    held_entry *lock = covering(reader.keys, path);
     if (lock == nullptr) return false;
     lock_cover cover = lock->cover();
     if (!locked_view::covers(cover, path)) return false;

@@ -54,6 +54,12 @@ class held_locks : unique {
     // Finds a key, or its list, in the view of the closest lock that covers it; false if no view
     // covers it.
     bool find(const tree_reader &reader, std::string_view path, copied_key *found);
+
+    // Finds a key without a search if it is the next one that a reader is expected to read.
+    bool find_next(const store *keys, const char *path, copied_key *found) {
+        return entries_.size() == 1 && entries_.front().keys.get() == keys &&
+               entries_.front().view.find_next(path, found);
+    }
     bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
 
     // Updates a value in the views after a set.

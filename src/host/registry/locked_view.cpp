@@ -30,7 +30,7 @@ std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &
         all_.erase(known);
     }
     if (taken == nullptr) {
-        taken = std::make_shared<copies>(copies{std::string(top), as_of, {}, 0, {}});
+        taken = std::make_shared<copies>(top, as_of);
     }
     all_.push_back(taken);
     drop_oldest();
@@ -78,18 +78,25 @@ void locked_view::update(snapshot *part, std::string_view path, std::string_view
 
 // Makes a part, empty if the key is not there.
 copied_key locked_view::copy(std::string_view path, reach which) {
-    auto part = std::make_shared<snapshot>(path, which);
+    auto part = std::make_unique<snapshot>(path, which);
     bool there = moment_->copy(path, which, part.get());
-    add_part(part);
-    return {std::move(part), there ? snapshot::TOP : snapshot::NONE};
+    return {copies_.get(), add_part(std::move(part)), there ? snapshot::TOP : snapshot::NONE};
 }
 
 // Applies the changes that the holder made since the moment.
-void locked_view::add_part(const std::shared_ptr<snapshot> &part) {
+snapshot *locked_view::add_part(std::unique_ptr<snapshot> part) {
     for (const auto &[changed, value] : changes_)
         update(part.get(), changed, value);
     latest_ = copies_->parts.size();
-    copies_->parts.push_back(part);
+    copies_->parts.push_back(std::move(part));
+    return copies_->parts.back().get();
+}
+
+bool locked_view::find_predicted(const char *path, copied_key *found) {
+    uint32_t key = copies_->parts[latest_]->find_predicted(path);
+    if (key == snapshot::NONE) return false;
+    record_order(key, found);
+    return true;
 }
 
 // Searches the latest part that covers the key, which becomes latest_; false if none does.
@@ -104,13 +111,16 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     return false;
 }
 
-// Appends a key of the latest part to the order of reads.
+// Makes a key of the latest part the next one in the order of reads.
 void locked_view::record_order(uint32_t key, copied_key *found) {
     auto &order = copies_->order;
-    if (next_ < order.size()) order.resize(next_);
-    order.emplace_back(latest_, key);
-    next_ = order.size();
-    *found = {copies_->parts[latest_], key};
+    std::pair<snapshot *, uint32_t> read(copies_->parts[latest_].get(), key);
+    if (next_ == order.size() || order[next_] != read) {
+        order.resize(next_);
+        order.push_back(read);
+    }
+    ++next_;
+    *found = {copies_.get(), read.first, key};
 }
 
 // Adds a part with this key alone.
@@ -123,9 +133,9 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
         (void)find_copy(path, &key);  // one part covers everything now
         return key;
     }
-    auto part = std::make_shared<snapshot>(path, reach::key_alone);
+    auto part = std::make_unique<snapshot>(path, reach::key_alone);
     part->add_top(value, 0);
-    add_part(part);
+    (void)add_part(std::move(part));
     ++copies_->single_keys;
     return snapshot::TOP;
 }
@@ -133,7 +143,6 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
 void locked_view::find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
                        copied_key *found) {
     begin(reader, cover);
-    if (find_in_order(path, found)) return;
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
     if (key == snapshot::NONE) {
@@ -152,7 +161,7 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
         uint32_t key = parts[i]->find(path);
         if (key == snapshot::NONE || !parts[i]->covers_children(key)) continue;
         latest_ = i;
-        return {parts[i], key};
+        return {copies_.get(), parts[i].get(), key};
     }
     return moment_ == nullptr ? copied_key() : copy(path, reach::all_below);
 }

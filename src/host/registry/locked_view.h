@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -22,21 +23,27 @@
 
 namespace keyview::host {
 
+struct copies;
+
 // A key of a copy; without a part, or with NONE, if the key does not exist.
 struct copied_key {
-    std::shared_ptr<snapshot> part;
+    copies *of = nullptr;  // owns the part
+    snapshot *part = nullptr;
     uint32_t key = snapshot::NONE;
 };
 
 // The copies of one part of the tree, as of one revision.
-struct copies {
+struct copies : std::enable_shared_from_this<copies> {
     std::string top;
     revision as_of;
-    std::vector<std::shared_ptr<snapshot>> parts;  // the top with its children first
+    std::vector<std::unique_ptr<snapshot>> parts;  // the top with its children first
     size_t single_keys = 0;                        // number of parts with one key only
+    size_t references = 0;                         // from open keys
 
     // The keys that the latest reader read, in order: a part and a key of it.
-    std::vector<std::pair<uint32_t, uint32_t>> order;
+    std::vector<std::pair<snapshot *, uint32_t>> order;
+
+    copies(std::string_view key, const revision &state) : top(key), as_of(state) {}
 
     size_t bytes() const;
 };
@@ -73,13 +80,14 @@ class locked_view {
               copied_key *found);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Finds a key without a search if the reader before read the same key at this point.
-    bool find_in_order(std::string_view path, copied_key *found) {
-        if (copies_ == nullptr || next_ >= copies_->order.size()) return false;
+    // Finds a key without a search: the reader before read it at this point, or the keys that were
+    // found last predict it.
+    bool find_next(const char *path, copied_key *found) {
+        if (copies_ == nullptr) return false;
+        if (next_ >= copies_->order.size()) return find_predicted(path, found);
         auto [part, key] = copies_->order[next_];
-        const std::shared_ptr<snapshot> &copy = copies_->parts[part];
-        if (copy->path(key) != path) return false;
-        *found = {copy, key};
+        if (strcmp(part->path_text(key), path) != 0) return find_predicted(path, found);
+        *found = {copies_.get(), part, key};
         ++next_;
         return true;
     }
@@ -92,11 +100,12 @@ class locked_view {
 
   private:
     void begin(const tree_reader &reader, const lock_cover &cover);
+    [[gnu::noinline]] bool find_predicted(const char *path, copied_key *found);
     bool find_copy(std::string_view path, uint32_t *key);
     void record_order(uint32_t key, copied_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
-    void add_part(const std::shared_ptr<snapshot> &part);
+    snapshot *add_part(std::unique_ptr<snapshot> part);
     void update(snapshot *part, std::string_view path, std::string_view value);
 
     std::unique_ptr<moment> moment_;  // null before the first read of the store, and after detach

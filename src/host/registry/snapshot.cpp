@@ -51,16 +51,18 @@ bool snapshot::add(std::string_view name, std::string_view value, uint32_t child
     return true;
 }
 
-// The row's path is the path of the list's key, if any, and the name.
+// The row's path is the path of the list's key, if any, and the name; a zero byte follows it.
 void snapshot::put_row(std::string_view name, std::string_view value, uint32_t children) {
     size_t name_at = list_of_ == NONE ? 0 : keys_[list_of_].path_size + size_t{1};
     size_t path_size = name_at + name.size();
     auto at = static_cast<uint32_t>(bytes_.size());
-    char *to = room(path_size + value.size());
+    char *to = room(path_size + 1 + value.size());
     if (name_at > 0) *put(to, path(list_of_)) = '.';
-    put(put(to + name_at, name), value);
+    to = put(to + name_at, name);
+    *to = '\0';
+    put(to + 1, value);
     keys_.push_back({at, static_cast<uint16_t>(path_size), static_cast<uint16_t>(name_at),
-                     at + static_cast<uint32_t>(path_size), static_cast<uint32_t>(value.size()),
+                     at + static_cast<uint32_t>(path_size) + 1, static_cast<uint32_t>(value.size()),
                      list_of_, 0, children});
 }
 
@@ -99,14 +101,9 @@ bool snapshot::begin_list(std::string_view key, char separator) {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-// The predicted keys first; then up from the latest key to an ancestor of the path, and down from
-// there, element by element.
+// Up from the latest key to an ancestor of the path, and down from there, element by element.
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
-    for (uint32_t step : {step_, step_before_}) {
-        uint32_t next = latest_ + step;
-        if (next < size() && this->path(next) == path) return found(next);
-    }
     uint32_t key = latest_;
     while (key != TOP && !path_within(path, this->path(key)))
         key = keys_[key].parent;

@@ -1,11 +1,12 @@
 // A private copy of a key and of the keys below it, as of one moment.
 //
 // Flat: one block of bytes with all paths and values, and a row for each key. The children of a key
-// are adjacent rows, ordered by name. A search first tries the two distances between the keys found
-// last, because a reader reads the same fields of each entry of a list.
+// are adjacent rows, ordered by name. The two distances between the keys found last predict the next
+// one, because a reader reads the same fields of each entry of a list.
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -77,10 +78,21 @@ class snapshot {
     // Finds a covered key; NONE if it does not exist.
     uint32_t find(std::string_view path);
 
+    // Tests the predicted keys alone; NONE if they have other paths.
+    uint32_t find_predicted(const char *path) {
+        for (uint32_t step : {step_, step_before_}) {
+            uint32_t next = latest_ + step;
+            if (next < size() && strcmp(path_text(next), path) == 0) return found(next);
+        }
+        return NONE;
+    }
+
     uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
     std::string_view path(uint32_t key) const {
         return {bytes_.at(keys_[key].path_at), keys_[key].path_size};
     }
+    // With a zero byte behind it.
+    const char *path_text(uint32_t key) const { return bytes_.at(keys_[key].path_at); }
     std::string_view name(uint32_t key) const { return path(key).substr(keys_[key].name_at); }
     std::string_view value(uint32_t key) const {
         return {bytes_.at(keys_[key].value_at), keys_[key].value_size};

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -29,9 +30,9 @@ enum : uint32_t { TAKEN = 0x4B56746B, GIVEN_BACK = 0x4B566766 };
 
 struct kept_blocks {
     head *first[CLASSES];
-    size_t bytes;
+    size_t
+        room;  // bytes that may still be cached: 0 before the thread is registered, and at its end
     bool registered;
-    bool ended;
 };
 
 }  // namespace
@@ -42,8 +43,7 @@ static thread_local kept_blocks mine __attribute__((tls_model("initial-exec"))) 
 
 static void end_of_thread(void *blocks) {
     auto *kept = static_cast<kept_blocks *>(blocks);
-    kept->ended = true;
-    kept->bytes = 0;
+    kept->room = 0;
     for (head *&first : kept->first) {
         while (first != nullptr) {
             head *next = first->next;
@@ -62,6 +62,7 @@ static bool register_thread() {
     };
     static const end_key at_end;
     mine.registered = at_end.made && pthread_setspecific(at_end.key, &mine) == 0;
+    if (mine.registered) mine.room = MAX_KEPT_BYTES;
     return mine.registered;
 }
 
@@ -70,11 +71,35 @@ static unsigned class_of(uint64_t size) {
     return 64 - static_cast<unsigned>(__builtin_clzll(size - 1)) - SMALLEST_BITS;
 }
 
-static size_t bytes_of(uint32_t size_class) {
-    return sizeof(head) + (size_t{1} << (size_class + SMALLEST_BITS));
+static constexpr size_t block_size(uint32_t size_class) {
+    return size_t{1} << (size_class + SMALLEST_BITS);
 }
 
-static void *fresh_block(uint64_t size, uint32_t size_class) {
+// What a cached block counts; more than any room for the class of blocks that are not cached.
+static constexpr auto COUNTED_BYTES = [] {
+    std::array<size_t, CLASSES + 1> bytes = {};
+    for (uint32_t i = 0; i < CLASSES; ++i)
+        bytes[i] = sizeof(head) + block_size(i);
+    bytes[CLASSES] = SIZE_MAX;
+    return bytes;
+}();
+
+// Without a call for the classes of most blocks.
+static void *zeroed(void *block, uint64_t size, uint32_t size_class) {
+    switch (size_class) {
+        case 0:
+            return memset(block, 0, block_size(0));
+        case 1:
+            return memset(block, 0, block_size(1));
+        case 2:
+            return memset(block, 0, block_size(2));
+        default:
+            return memset(block, 0, size);
+    }
+}
+
+// The rare cases stay apart from the usual ones, which save no registers for them.
+[[gnu::noinline]] static void *fresh_block(uint64_t size, uint32_t size_class) {
     if (size > PTRDIFF_MAX - sizeof(head)) return nullptr;
     auto *made = static_cast<head *>(calloc(1, sizeof(head) + size));
     if (made == nullptr) return nullptr;
@@ -83,32 +108,41 @@ static void *fresh_block(uint64_t size, uint32_t size_class) {
     return made + 1;
 }
 
+[[gnu::noinline, gnu::cold]] static void freed_twice() {
+    (void)fputs("keyview: a block of memory was given back twice, or was never taken\n", stderr);
+    abort();
+}
+
+static void keep(head *given, size_t bytes) {
+    given->next = mine.first[given->size_class];
+    mine.first[given->size_class] = given;
+    mine.room -= bytes;
+}
+
+[[gnu::noinline]] static void keep_first_or_free(head *given, size_t bytes) {
+    if (!mine.registered && register_thread() && bytes <= mine.room) return keep(given, bytes);
+    free(given);
+}
+
 void *allocate_block(uint64_t size) noexcept {
     if (size > LARGEST) return fresh_block(size, CLASSES);
     unsigned size_class = class_of(size);
     head *kept = mine.first[size_class];
-    if (kept == nullptr) return fresh_block(size_t{1} << (size_class + SMALLEST_BITS), size_class);
+    if (kept == nullptr) return fresh_block(block_size(size_class), size_class);
     __builtin_prefetch(kept->next);
     mine.first[size_class] = kept->next;
-    mine.bytes -= bytes_of(size_class);
+    mine.room += COUNTED_BYTES[size_class];
     kept->state = TAKEN;
-    return memset(kept + 1, 0, size);
+    return zeroed(kept + 1, size, size_class);
 }
 
 void free_block(void *block) noexcept {
     head *given = static_cast<head *>(block) - 1;
-    if (given->state != TAKEN) {
-        (void)fputs("keyview: a block of memory was given back twice, or was never taken\n",
-                    stderr);
-        abort();
-    }
+    if (given->state != TAKEN) freed_twice();
     given->state = GIVEN_BACK;
-    uint32_t size_class = given->size_class;
-    bool full = size_class == CLASSES || mine.bytes + bytes_of(size_class) > MAX_KEPT_BYTES;
-    if (full || mine.ended || (!mine.registered && !register_thread())) return free(given);
-    given->next = mine.first[size_class];
-    mine.first[size_class] = given;
-    mine.bytes += bytes_of(size_class);
+    size_t bytes = COUNTED_BYTES[given->size_class];
+    if (bytes > mine.room) return keep_first_or_free(given, bytes);
+    keep(given, bytes);
 }
 
 }  // namespace keyview::host
