@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <random>
 #include <thread>
 
 #include "host/registry/snapshot.h"
@@ -178,6 +179,51 @@ TEST_F(Snapshot, KeepsItsCopiesOnlyWhileThePartIsTheSame) {
         EXPECT_EQ(under_lock(KEY), "(4)");
         by_another({removal("DATABASE"), put(paths[4], "x"), put(KEY, "again")});
         EXPECT_EQ(under_lock(KEY), "again0:x (16)0");
+    }
+}
+
+// Copies are filled again after changes of every kind, between and below keys that are open, by
+// readers of some keys, of all keys in the same order, and of lists.
+TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
+    std::mt19937 random(20261126);
+    std::vector<std::string> some = {SALES, KEY, SALES + ".L", SALES + ".I"};
+    for (const char *name : {"i1", "i2", "i3"}) {
+        for (const char *field : {"", ".NODE", ".E", ".E.x"})
+            some.push_back(SALES + ".I." + name + field);
+    }
+    auto any = [&] { return some[random() % some.size()]; };
+    for (int round = 0; round < 600 && !HasFailure(); ++round) {
+        std::vector<change> changes;
+        for (size_t i = random() % 3; i > 0; --i) {
+            std::string value(random() % (round % 8 == 0 ? 40 : 3),
+                              static_cast<char>('a' + round % 26));
+            changes.push_back(random() % 4 == 0 ? removal(any()) : put(any(), value));
+        }
+        apply(changes);
+        ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+        if (random() % 4 == 0) (void)keys.set(any(), "mine");
+        void *open = nullptr;
+        const std::string opened = any();
+        bool there = keys.open(opened, &open) == 0;
+        client fresh;
+        for (size_t i = random() % 2 == 0 ? 0 : random() % some.size(); i < some.size(); ++i) {
+            std::string value = stored(some[i]);
+            ASSERT_EQ(keys.read(some[i]), value == "(none)" ? "(4)" : value) << some[i];
+            if (random() % 8 == 0) {
+                ASSERT_EQ(keys.list(some[i]), fresh.list(some[i]));
+            }
+        }
+        ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+        if (there && random() % 2 == 0) {
+            std::string then = stored(opened);
+            apply({put(opened, "later"), put(SALES + ".I.i0", "before the others")});
+            ASSERT_EQ(locks.shared(SALES_LOCK), 0);
+            ASSERT_EQ(keys.read(opened), "later");
+            ASSERT_EQ(keys.value_of(open), then) << "of the lock under which it was opened";
+            ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+            apply({removal(SALES + ".I.i0")});
+        }
+        if (there) (void)kvtc_close_key(keys.reg, open);
     }
 }
 

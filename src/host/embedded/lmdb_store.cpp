@@ -86,7 +86,7 @@ bool lmdb_moment::copy(std::string_view path, reach which, snapshot *out) {
     if (!find_row(*env_, reading_.txn(), path, &top)) return false;
     out->add_top(top.value, top.children);
     if (!copy_in_order(path, which, out)) {
-        *out = snapshot(path, which);
+        out->clear();
         out->add_top(top.value, top.children);
         copy_sorted(path, which, out);
     }

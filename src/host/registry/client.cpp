@@ -92,9 +92,12 @@ void registry_client::end_references(const copies *to) {
 // ---- Opening and values -------------------------------------------------------------------------
 
 // From the view of a held lock, else from the store.
-bool registry_client::read(std::string_view path, open_key *key) {
+bool registry_client::read(const char *path, open_key *key) {
+    held_locks &mine = held_locks::of_thread();
+    locked_view *view = mine.only_view(keys_.get());
     copied_key found;
-    if (held_locks::of_thread().find({keys_.get(), &kept_}, path, &found)) {
+    if ((view != nullptr && view->find_predicted(path, &found)) ||
+        mine.find({keys_.get(), &kept_}, path, &found)) {
         if (found.part == nullptr) return false;
         refer(&key->copied, found);
         return true;
@@ -106,8 +109,9 @@ bool registry_client::read(std::string_view path, open_key *key) {
 
 int32_t registry_client::open(const char *path, void **handle) {
     open_key *key = first_free_;
+    locked_view *view = held_locks::of_thread().only_view(keys_.get());
     copied_key found;
-    if (key == nullptr || !held_locks::of_thread().find_next(keys_.get(), path, &found)) {
+    if (key == nullptr || view == nullptr || !view->find_in_order(path, &found)) {
         return search_and_open(path, handle);
     }
     refer(&key->copied, found);
@@ -116,7 +120,7 @@ int32_t registry_client::open(const char *path, void **handle) {
 }
 
 // Apart from the usual case, which saves no registers for it.
-[[gnu::noinline]] int32_t registry_client::search_and_open(std::string_view path, void **handle) {
+[[gnu::noinline]] int32_t registry_client::search_and_open(const char *path, void **handle) {
     open_key *key = free_slot();
     if (!read(path, key)) {
         const char *fault = path_fault(path);

@@ -56,8 +56,8 @@ class registry_client {
     void *begin_use(open_key *key);
     open_key *find(const void *handle);
 
-    int32_t search_and_open(std::string_view path, void **handle);
-    bool read(std::string_view path, open_key *key);
+    int32_t search_and_open(const char *path, void **handle);
+    bool read(const char *path, open_key *key);
     int32_t list_children(open_key *key);
 
     // An open key keeps the copies alive that it refers to. They are counted here and not by

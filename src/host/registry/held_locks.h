@@ -54,13 +54,13 @@ class held_locks : unique {
     // Finds a key, or its list, in the view of the closest lock that covers it; false if no view
     // covers it.
     bool find(const tree_reader &reader, std::string_view path, copied_key *found);
-
-    // Finds a key without a search if it is the next one that a reader is expected to read.
-    bool find_next(const store *keys, const char *path, copied_key *found) {
-        return entries_.size() == 1 && entries_.front().keys.get() == keys &&
-               entries_.front().view.find_next(path, found);
-    }
     bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
+
+    // The view of the one lock that this thread holds; null if it holds more or is of another store.
+    locked_view *only_view(const store *keys) {
+        bool only = entries_.size() == 1 && entries_.front().keys.get() == keys;
+        return only ? &entries_.front().view : nullptr;
+    }
 
     // Updates a value in the views after a set.
     void update_value(const store *keys, std::string_view path, std::string_view value);

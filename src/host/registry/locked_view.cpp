@@ -10,6 +10,7 @@ static constexpr size_t MAX_SINGLE_KEYS = 32;
 
 // The bounds of the cache of a registry handle.
 static constexpr size_t MAX_KEPT = 8;
+static constexpr size_t MAX_KEPT_SINGLE_KEYS = MAX_SINGLE_KEYS / 2;  // at another revision
 static constexpr size_t MAX_KEPT_BYTES = size_t{16} << 20;
 
 // ---- Copies that outlive a lock -----------------------------------------------------------------
@@ -21,13 +22,27 @@ size_t copies::bytes() const {
     return sum;
 }
 
+void copies::become_stale(const revision &now) {
+    as_of = now;
+    for (const auto &part : parts)
+        part->stale = true;
+}
+
 std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
     auto known = std::find_if(all_.begin(), all_.end(),
                               [&](const std::shared_ptr<copies> &one) { return one->top == top; });
     std::shared_ptr<copies> taken;
     if (known != all_.end()) {
-        if ((*known)->as_of.same_as(as_of)) taken = std::move(*known);
+        taken = std::move(*known);
         all_.erase(known);
+        if (!taken->as_of.same_as(as_of)) {
+            bool in_use = taken->references > 0 || taken.use_count() > 1;
+            if (in_use || taken->single_keys > MAX_KEPT_SINGLE_KEYS) {
+                taken.reset();
+            } else {
+                taken->become_stale(as_of);
+            }
+        }
     }
     if (taken == nullptr) {
         taken = std::make_shared<copies>(top, as_of);
@@ -79,21 +94,54 @@ void locked_view::update(snapshot *part, std::string_view path, std::string_view
 // Makes a part, empty if the key is not there.
 copied_key locked_view::copy(std::string_view path, reach which) {
     auto part = std::make_unique<snapshot>(path, which);
-    bool there = moment_->copy(path, which, part.get());
+    bool there = fill(part.get());
     return {copies_.get(), add_part(std::move(part)), there ? snapshot::TOP : snapshot::NONE};
 }
 
-// Applies the changes that the holder made since the moment.
 snapshot *locked_view::add_part(std::unique_ptr<snapshot> part) {
-    for (const auto &[changed, value] : changes_)
-        update(part.get(), changed, value);
     latest_ = copies_->parts.size();
     copies_->parts.push_back(std::move(part));
     return copies_->parts.back().get();
 }
 
+bool locked_view::read_alone(snapshot *part) {
+    std::string value;
+    if (!moment_->read(part->top(), &value)) return false;
+    part->add_top(value, 0);
+    return true;
+}
+
+// Copies what the part is for, with the changes that the holder made since the moment; false, with
+// an empty part, if the key is not there. Only the order of reads refers to the rows of a part that
+// is filled again.
+bool locked_view::fill(snapshot *part) {
+    uint64_t shape = part->shape();
+    bool there = false;
+    try {
+        there = part->depth() == reach::key_alone ? read_alone(part)
+                                                  : moment_->copy(part->top(), part->depth(), part);
+    } catch (...) {
+        part->clear();
+        forget_order();
+        throw;
+    }
+    if (!there) part->clear();
+    if (part->stale && part->shape() != shape) forget_order();
+    part->stale = false;
+    for (const auto &[changed, value] : changes_)
+        update(part, changed, value);
+    return there;
+}
+
+void locked_view::forget_order() {
+    copies_->order.clear();
+    next_ = 0;
+}
+
 bool locked_view::find_predicted(const char *path, copied_key *found) {
-    uint32_t key = copies_->parts[latest_]->find_predicted(path);
+    if (copies_ == nullptr) return false;
+    snapshot *part = copies_->parts[latest_].get();
+    uint32_t key = part->stale ? snapshot::NONE : part->find_predicted(path);
     if (key == snapshot::NONE) return false;
     record_order(key, found);
     return true;
@@ -104,6 +152,7 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
     for (size_t i = parts.size(); i-- > 0;) {
         if (!parts[i]->covers(path)) continue;
+        if (parts[i]->stale) (void)fill(parts[i].get());
         latest_ = i;
         *key = parts[i]->find(path);
         return true;
@@ -111,30 +160,38 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     return false;
 }
 
-// Makes a key of the latest part the next one in the order of reads.
+// Makes a key of the latest part the next one in the order of reads. A reader with another order
+// than the one before replaces that one when it has read more keys: a short visit in between, as a
+// set of a flag, leaves it as it is.
 void locked_view::record_order(uint32_t key, copied_key *found) {
-    auto &order = copies_->order;
-    std::pair<snapshot *, uint32_t> read(copies_->parts[latest_].get(), key);
-    if (next_ == order.size() || order[next_] != read) {
-        order.resize(next_);
-        order.push_back(read);
-    }
-    ++next_;
+    order_of_reads &order = copies_->order;
+    std::pair read(copies_->parts[latest_].get(), key);
     *found = {copies_.get(), read.first, key};
+    if (next_ == order.size()) order.push_back(read);
+    if (next_ < order.size() && order[next_] == read) {
+        ++next_;
+        return;
+    }
+    if (next_ < order.size()) {
+        own_order_.assign(order.begin(), order.begin() + static_cast<ptrdiff_t>(next_));
+        next_ = SIZE_MAX;
+    }
+    own_order_.push_back(read);
+    if (own_order_.size() <= order.size()) return;
+    order.swap(own_order_);
+    next_ = order.size();
 }
 
 // Adds a part with this key alone.
 uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
     uint32_t key = snapshot::NONE;
-    std::string value;
-    if (moment_ == nullptr || !moment_->read(path, &value)) return key;
+    auto part = std::make_unique<snapshot>(path, reach::key_alone);
+    if (moment_ == nullptr || !fill(part.get())) return key;
     if (copies_->single_keys == MAX_SINGLE_KEYS) {
         detach(cover);
         (void)find_copy(path, &key);  // one part covers everything now
         return key;
     }
-    auto part = std::make_unique<snapshot>(path, reach::key_alone);
-    part->add_top(value, 0);
     (void)add_part(std::move(part));
     ++copies_->single_keys;
     return snapshot::TOP;
@@ -158,6 +215,7 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
     const auto &parts = copies_->parts;
     for (size_t i = parts.size(); i-- > 0;) {
         if (!parts[i]->covers(path)) continue;
+        if (parts[i]->stale) (void)fill(parts[i].get());
         uint32_t key = parts[i]->find(path);
         if (key == snapshot::NONE || !parts[i]->covers_children(key)) continue;
         latest_ = i;
@@ -180,8 +238,10 @@ void locked_view::update_value(std::string_view path, std::string_view value) {
 void locked_view::detach(const lock_cover &cover) {
     if (moment_ == nullptr || copies_ == nullptr) return;
     bool whole = cover.depth == reach::children;
-    for (const auto &part : copies_->parts)
-        whole = whole || (part->covers_all() && part->top() == cover.path);
+    for (const auto &part : copies_->parts) {
+        if (part->stale) (void)fill(part.get());
+        whole = whole || (part->depth() == reach::all_below && part->top() == cover.path);
+    }
     if (!whole) (void)copy(cover.path, reach::all_below);
     moment_.reset();
     changes_.clear();

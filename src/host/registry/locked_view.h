@@ -6,7 +6,8 @@
 // reader of a list reads its entries.
 //
 // A registry handle caches the copies. They are used again under the next lock if the part still
-// has the same revision.
+// has the same revision; else each is filled again when it is needed, which a reader whose keys are
+// the same as before does not notice.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +33,9 @@ struct copied_key {
     uint32_t key = snapshot::NONE;
 };
 
+// Keys in the order in which a reader read them: a part, and a key of it.
+using order_of_reads = std::vector<std::pair<snapshot *, uint32_t>>;
+
 // The copies of one part of the tree, as of one revision.
 struct copies : std::enable_shared_from_this<copies> {
     std::string top;
@@ -40,18 +44,18 @@ struct copies : std::enable_shared_from_this<copies> {
     size_t single_keys = 0;                        // number of parts with one key only
     size_t references = 0;                         // from open keys
 
-    // The keys that the latest reader read, in order: a part and a key of it.
-    std::vector<std::pair<snapshot *, uint32_t>> order;
+    order_of_reads order;  // of the reader that read most
 
     copies(std::string_view key, const revision &state) : top(key), as_of(state) {}
 
+    void become_stale(const revision &now);
     size_t bytes() const;
 };
 
 // The copies that a registry handle caches, up to a bound.
 class kept_copies {
   public:
-    // The cached copies of that revision, or new ones without a part.
+    // The cached copies, stale unless they are of that revision, or new ones without a part.
     std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
 
   private:
@@ -80,17 +84,18 @@ class locked_view {
               copied_key *found);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Finds a key without a search: the reader before read it at this point, or the keys that were
-    // found last predict it.
-    bool find_next(const char *path, copied_key *found) {
-        if (copies_ == nullptr) return false;
-        if (next_ >= copies_->order.size()) return find_predicted(path, found);
+    // Finds a key without a search if the reader before read the same key at this point.
+    bool find_in_order(const char *path, copied_key *found) {
+        if (copies_ == nullptr || next_ >= copies_->order.size()) return false;
         auto [part, key] = copies_->order[next_];
-        if (strcmp(part->path_text(key), path) != 0) return find_predicted(path, found);
+        if (part->stale || strcmp(part->path_text(key), path) != 0) return false;
         *found = {copies_.get(), part, key};
         ++next_;
         return true;
     }
+
+    // The same if the keys that were found last predict it.
+    bool find_predicted(const char *path, copied_key *found);
 
     // Updates a value that the holder set.
     void update_value(std::string_view path, std::string_view value);
@@ -100,18 +105,21 @@ class locked_view {
 
   private:
     void begin(const tree_reader &reader, const lock_cover &cover);
-    [[gnu::noinline]] bool find_predicted(const char *path, copied_key *found);
     bool find_copy(std::string_view path, uint32_t *key);
     void record_order(uint32_t key, copied_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
     copied_key copy(std::string_view path, reach which);
+    bool fill(snapshot *part);
+    bool read_alone(snapshot *part);
     snapshot *add_part(std::unique_ptr<snapshot> part);
+    void forget_order();
     void update(snapshot *part, std::string_view path, std::string_view value);
 
     std::unique_ptr<moment> moment_;  // null before the first read of the store, and after detach
     std::shared_ptr<copies> copies_;  // null before the first read
     size_t latest_ = 0;               // the part that contains the key found last
-    size_t next_ = 0;                 // in copies_->order
+    size_t next_ = 0;                 // in copies_->order; beyond it, the order is another one
+    order_of_reads own_order_;        // from then on
     std::vector<std::pair<std::string, std::string>> changes_;  // since the moment
 };
 

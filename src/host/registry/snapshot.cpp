@@ -41,14 +41,49 @@ char *snapshot::room(size_t more) {
 // ---- Filling ------------------------------------------------------------------------------------
 
 void snapshot::add_top(std::string_view value, uint32_t children) {
-    put_row(top_, value, children);
-    to_come_.push_back({TOP, TOP + 1, {}});
+    // Longer values than before have left bytes that nothing uses.
+    if (bytes_.size() > 2 * used()) clear();
+    filled_ = 0;
+    list_of_ = NONE;
+    to_come_.assign(1, {TOP, TOP + 1, {}});
+    if (!same_row(top_, value, children)) put_row(top_, value, children);
 }
 
 bool snapshot::add(std::string_view name, std::string_view value, uint32_t children) {
-    if (keys_[list_of_].first < size() && this->name(size() - 1) >= name) return false;
+    if (same_row(name, value, children)) return true;
+    if (keys_[list_of_].first < filled_ && this->name(filled_ - 1) >= name) return false;
     put_row(name, value, children);
     return true;
+}
+
+bool snapshot::same_row(std::string_view name, std::string_view value, uint32_t children) {
+    if (filled_ == size()) return false;
+    const row &known = keys_[filled_];
+    if (known.parent != list_of_ || known.count != children || this->name(filled_) != name) {
+        end_rows(filled_);
+        return false;
+    }
+    if (this->value(filled_) != value) set_value(filled_, value);
+    ++filled_;
+    return true;
+}
+
+void snapshot::end_rows(uint32_t count) {
+    ++shape_;
+    keys_.resize(count);
+    latest_ = TOP;
+}
+
+void snapshot::clear() {
+    end_rows(0);
+    bytes_.clear();
+}
+
+size_t snapshot::used() const {
+    size_t sum = 0;
+    for (const row &key : keys_)
+        sum += size_t{key.path_size} + 1 + key.value_size;
+    return sum;
 }
 
 // The row's path is the path of the list's key, if any, and the name; a zero byte follows it.
@@ -64,6 +99,7 @@ void snapshot::put_row(std::string_view name, std::string_view value, uint32_t c
     keys_.push_back({at, static_cast<uint16_t>(path_size), static_cast<uint16_t>(name_at),
                      at + static_cast<uint32_t>(path_size) + 1, static_cast<uint32_t>(value.size()),
                      list_of_, 0, children});
+    ++filled_;
 }
 
 // Ends a list and returns the key whose list must follow; NONE if there is none, or if the list
@@ -71,8 +107,8 @@ void snapshot::put_row(std::string_view name, std::string_view value, uint32_t c
 uint32_t snapshot::next_key() {
     if (list_of_ != NONE) {
         const row &parent = keys_[list_of_];
-        if (parent.first + parent.count != size()) return NONE;
-        if (depth_ == reach::all_below) to_come_.push_back({parent.first, size(), list_});
+        if (parent.first + parent.count != filled_) return NONE;
+        if (depth_ == reach::all_below) to_come_.push_back({parent.first, filled_, list_});
         list_of_ = NONE;
     }
     for (; !to_come_.empty(); to_come_.pop_back()) {
@@ -95,7 +131,7 @@ bool snapshot::begin_list(std::string_view key, char separator) {
     if (parent != TOP && !follows) return false;
     list_of_ = parent;
     list_ = key;
-    keys_[parent].first = size();
+    keys_[parent].first = filled_;
     return true;
 }
 
@@ -133,6 +169,11 @@ uint32_t snapshot::child(uint32_t parent, std::string_view name) const {
 }
 
 void snapshot::set_value(uint32_t key, std::string_view value) {
+    if (value.size() <= keys_[key].value_size) {
+        put(bytes_.at(keys_[key].value_at), value);
+        keys_[key].value_size = static_cast<uint32_t>(value.size());
+        return;
+    }
     auto at = static_cast<uint32_t>(bytes_.size());
     put(room(value.size()), value);  // may throw; the row then keeps its value
     keys_[key].value_at = at;

@@ -30,6 +30,9 @@ class byte_block {
         return bytes_.get() + size_ - more;
     }
 
+    char *at(size_t offset) { return bytes_.get() + offset; }
+    void clear() { size_ = 0; }
+
   private:
     void grow(size_t more);
 
@@ -48,6 +51,9 @@ class snapshot {
     // ---- Filling ----
     // The top first. Then the lists of all keys that have children, a key's own list before those
     // of its children. children is always how many children a key has in the registry.
+    //
+    // A copy that is filled again keeps the rows up to the first one that is another key or has
+    // another number of children, and takes the values.
 
     void add_top(std::string_view value, uint32_t children);
 
@@ -59,7 +65,16 @@ class snapshot {
     [[nodiscard]] bool add(std::string_view name, std::string_view value, uint32_t children);
 
     // Ends the filling; false if a list is not complete.
-    [[nodiscard]] bool complete() { return next_key() == NONE && list_of_ == NONE; }
+    [[nodiscard]] bool complete() {
+        return next_key() == NONE && list_of_ == NONE && filled_ == size();
+    }
+
+    void clear();
+
+    // Changes whenever a row becomes that of another key.
+    uint64_t shape() const { return shape_; }
+
+    bool stale = false;  // of another moment than the view that has it
 
     // ---- Reading ----
 
@@ -69,7 +84,7 @@ class snapshot {
         return depth_ == reach::all_below || (depth_ == reach::children && key == TOP);
     }
 
-    bool covers_all() const { return depth_ == reach::all_below; }
+    reach depth() const { return depth_; }
     std::string_view top() const { return top_; }
 
     // The memory that the copy occupies.
@@ -124,6 +139,11 @@ class snapshot {
         std::string_view list;
     };
 
+    // Whether the next row of a filling is there already; takes its value then.
+    bool same_row(std::string_view name, std::string_view value, uint32_t children);
+
+    void end_rows(uint32_t count);
+    size_t used() const;
     char *room(size_t more);
     uint32_t next_key();
     void put_row(std::string_view name, std::string_view value, uint32_t children);
@@ -146,6 +166,8 @@ class snapshot {
     uint32_t step_before_ = 1;
 
     // While it is filled.
+    uint32_t filled_ = 0;  // rows of this filling
+    uint64_t shape_ = 0;
     std::vector<open_range> to_come_;
     std::string_view list_;
     uint32_t list_of_ = NONE;

@@ -88,8 +88,8 @@ class moment : public abstract_base {
     // Reads the value of one key; false if there is no such key.
     virtual bool read(std::string_view path, std::string *value) = 0;
 
-    // Copies a key with its children or all that is below it into a snapshot that was made for this
-    // and holds nothing yet; false if there is no such key.
+    // Copies a key with its children or all that is below it into a snapshot that was made for this;
+    // false, with what it held, if there is no such key.
     virtual bool copy(std::string_view path, reach which, snapshot *out) = 0;
 
     // Delivers the same keys in no order, and goes on after a key whose stored bytes are damaged,
