@@ -1,7 +1,7 @@
 // What a fetch costs that finds no copies of an earlier one: after a change of the database, in turn
-// over more databases than copies are kept of, and as the first one of a process. Beside the first
-// two, the engine alone shows how much of that is the processor's cold caches. And what of a fetch
-// the calls alone take that the library has to make.
+// over more databases than copies are kept of, and as the first one of a process. Floors show how much
+// of that is the processor's cold caches: a fetch after a change of another database, and the engine
+// alone. And what of a fetch the calls alone take that the library has to make.
 #include <algorithm>
 #include <memory>
 
@@ -16,6 +16,7 @@
 namespace keyview::bench {
 
 constexpr char AFTER_SET[] = "fetch typical after a set of one of its flags / quiet";
+constexpr char AFTER_OTHER[] = "floor: fetch typical after a set of another database / quiet";
 constexpr char AFTER_COMMIT[] = "floor: LMDB pass after a commit of one of its rows / quiet";
 constexpr char IN_TURN[] = "fetch in turn over 1,000 typical databases / quiet fetch of one";
 constexpr char PASS_IN_TURN[] = "floor: LMDB pass in turn over the same / quiet pass of one";
@@ -34,7 +35,7 @@ static double time_once(const std::function<void()> &work) {
 // ---- After a change -----------------------------------------------------------------------------
 
 static void measure_after_set(const bench_setup &setup) {
-    if (!setup.to->wants({AFTER_SET, AFTER_COMMIT})) return;
+    if (!setup.to->wants({AFTER_SET, AFTER_OTHER, AFTER_COMMIT})) return;
     constexpr int ROUNDS = 151;
     constexpr int FETCHES = 20;
     const std::string url = make_record_registry(setup.directory + "/changed", {SMALL, TYPICAL});
@@ -53,18 +54,23 @@ static void measure_after_set(const bench_setup &setup) {
                }) /
                FETCHES;
     };
-    series after, quiet, pass_after, pass_quiet;
+    const auto set = [&](const char *database, int32_t enabled) {
+        require(prsr_set_db_enabled(writer.status, writer.ctx, database, enabled) == PRSR_SUCCESS,
+                "the set failed");
+    };
+    series after, after_other, quiet, pass_after, pass_quiet;
     for (int round = 0; round < ROUNDS; ++round) {
         quiet.push_back(time_quiet(fetch));
-        require(prsr_set_db_enabled(writer.status, writer.ctx, TYPICAL.database, round % 2) ==
-                    PRSR_SUCCESS,
-                "the set failed");
+        set(TYPICAL.database, round % 2);
         after.push_back(time_once(fetch));
+        set(SMALL.database, round % 2);
+        after_other.push_back(time_once(fetch));
         pass_quiet.push_back(time_quiet(pass));
         engine.commit(rows[rows.size() / 2]);
         pass_after.push_back(time_once(pass));
     }
     setup.to->ratio(AFTER_SET, after, quiet, 2.5);
+    setup.to->ratio(AFTER_OTHER, after_other, quiet, NO_GOAL);
     setup.to->ratio(AFTER_COMMIT, pass_after, pass_quiet, NO_GOAL);
 }
 
