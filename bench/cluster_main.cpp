@@ -28,6 +28,8 @@ constexpr char SET_TRIPS[] = "round trips of a flag set with its lock";
 constexpr char LIST[] = "list of 10,000 databases / two transactions by hand";
 
 constexpr char CROWD[] = "fetch + release typical beside 39 other readers / alone";
+constexpr char APPLY_BY_HAND[] =
+    "apply of 10,000 databases in a cluster / puts by hand, 100 at once";
 constexpr char GROWTH[] = "apply in a cluster, per database of 10,000 / of 100";
 
 constexpr int LISTED = 10000;
@@ -220,10 +222,28 @@ url_maker cluster_urls(const test::etcd_members &members) {
     };
 }
 
+// The same keys without a lock, a plan, a journal or a condition.
+double put_by_hand_us(const std::string &url, int databases) {
+    host::connection calls(host::settings_of(url));
+    const host::layout keys(calls.settings().prefix);
+    const double start = now_us();
+    host::wire::TxnRequest request;
+    const auto send = [&] {
+        (void)calls.txn(request, calls.answer_end());
+        request.Clear();
+    };
+    for (const tree_key &key : list_keys(databases)) {
+        host::add_put(request.mutable_success(), keys.key(key.path), key.value);
+        if (request.success_size() == 100) send();
+    }
+    if (request.success_size() > 0) send();
+    return now_us() - start;
+}
+
 // The members work for a command, too, so the time that passes counts. What an apply costs whatever
 // the size is what it costs with one database.
 void growth_row(report *to, const test::etcd_members &members) {
-    if (!to->wants({GROWTH})) return;
+    if (!to->wants({GROWTH, APPLY_BY_HAND})) return;
     constexpr int ROUNDS = 3;
     constexpr int RUNS = 7;
     constexpr double ENOUGH_US = 8e6;
@@ -232,7 +252,7 @@ void growth_row(report *to, const test::etcd_members &members) {
     tool_scale one(scratch.path(), urls, 1);
     tool_scale small(scratch.path(), urls, 100);
     tool_scale large(scratch.path(), urls, 10000);
-    series per_large, per_small;
+    series per_large, per_small, large_us, by_hand_us;
     double passed_us = 0;
     for (int round = 0; round < ROUNDS && passed_us < ENOUGH_US; ++round) {
         series of_one, of_small;
@@ -244,8 +264,11 @@ void growth_row(report *to, const test::etcd_members &members) {
         per_small.push_back((median(of_small) - fixed) / (small.databases() - 1));
         const double of_large = large.run(APPLY).wall_us;
         per_large.push_back((of_large - fixed) / (large.databases() - 1));
+        large_us.push_back(of_large);
+        by_hand_us.push_back(put_by_hand_us(urls(-1), large.databases()));
         passed_us += of_large;
     }
+    to->ratio(APPLY_BY_HAND, large_us, by_hand_us, NO_GOAL);
     to->ratio(GROWTH, per_large, per_small, 1.5);
 }
 
