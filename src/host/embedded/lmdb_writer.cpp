@@ -22,14 +22,24 @@ void lmdb_writer::leave(std::string_view path) {
     while (!open_.empty()) {
         const open_key &last = open_.back();
         if (last.path.size() < path.size() && path_within(path, last.path)) return;
-        add_children(last.path, last.more);
+        put_row(last.path, damage_seen_ ? count_children(last.path) : last.children, last.value);
         open_.pop_back();
     }
 }
 
-void lmdb_writer::add_child(std::string_view parent) {
-    if (open_.empty() || open_.back().path != parent) open_.push_back({std::string(parent), 0});
-    ++open_.back().more;
+// Opens a key, which is created if it is missing; false if its row is damaged. Those that are open are
+// above it.
+bool lmdb_writer::open(std::string_view path) {
+    if (!open_.empty() && open_.back().path == path) return true;
+    row found;
+    row_state state = state_of(path, &found);
+    if (state == row_state::damaged) return false;
+    if (state == row_state::absent) {
+        put(path, {});
+        found = {};
+    }
+    open_.push_back({std::string(path), std::string(found.value), found.children});
+    return true;
 }
 
 bool lmdb_writer::replace(std::string_view path, std::string_view value, std::string *replaced) {
@@ -42,10 +52,11 @@ bool lmdb_writer::replace(std::string_view path, std::string_view value, std::st
 
 void lmdb_writer::put(std::string_view path, std::string_view value) {
     row found;
-    row_state state = state_of(path, &found);
+    bool alone = false;  // usually no damaged row is nearby
+    row_state state = seek(path, &found, &alone);
     if (state == row_state::sound) return replace_row(path, found, value);
     ++(state == row_state::damaged ? counts_.replaced : counts_.created);
-    if (state == row_state::absent) (void)remove_strays(path);  // usually there is none
+    if (state == row_state::absent && !alone) (void)remove_strays(path);
     create(path, value);
 }
 
@@ -59,11 +70,8 @@ void lmdb_writer::replace_row(std::string_view path, const row &found, std::stri
 // below a key that is missing.
 void lmdb_writer::create(std::string_view path, std::string_view value) {
     std::string_view parent = parent_path(path);
-    bool open = !open_.empty() && open_.back().path == parent;
-    row found;
-    if (!parent.empty() && !open && state_of(parent, &found) == row_state::absent) put(parent, {});
+    if (!parent.empty() && open(parent)) ++open_.back().children;
     put_row(path, damage_seen_ ? count_children(path) : 0, value);
-    if (!parent.empty()) add_child(parent);
 }
 
 // The path may be that of no key, as damage leaves it.
@@ -86,6 +94,31 @@ row_state lmdb_writer::state_of(std::string_view path, row *found) {
     row_state state = look_up(env_, txn_, path, found);
     damage_seen_ = damage_seen_ || state == row_state::damaged;
     return state;
+}
+
+// The same with a cursor, which is then where the row is or would be. alone: the rows next to that of
+// an absent key are sound, so none of them is its own.
+row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
+    row_key key(path);
+    if (key_is_hashed(key.view())) return state_of(path, found);
+    MDB_val at = bytes_of(key.view());
+    MDB_val data = {};
+    row next;
+    auto step = [&](MDB_cursor_op op) {
+        int rc = mdb_cursor_get(cursor(), &at, &data, op);
+        if (rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
+        return rc == MDB_SUCCESS;
+    };
+    bool behind = step(MDB_SET_RANGE);
+    if (behind && view_of(at) == key.view()) {
+        bool sound = read_row(key.view(), view_of(data), found);
+        damage_seen_ = damage_seen_ || !sound;
+        return sound ? row_state::sound : row_state::damaged;
+    }
+    *alone = !behind || read_row(view_of(at), view_of(data), &next);
+    if (step(behind ? MDB_PREV : MDB_LAST))
+        *alone = *alone && read_row(view_of(at), view_of(data), &next);
+    return row_state::absent;
 }
 
 // Removes the row of an absent key if it is nearby because its LMDB key is damaged.
@@ -123,7 +156,7 @@ void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_
     std::string bytes = write_row(key.view(), path, children, value);
     MDB_val at = bytes_of(key.view());
     MDB_val data = bytes_of(bytes);
-    env_.check(mdb_put(txn_, environment::KEYS, &at, &data, 0), "mdb_put");
+    env_.check(mdb_cursor_put(cursor(), &at, &data, 0), "mdb_put");
 }
 
 void lmdb_writer::delete_row(std::string_view key) {

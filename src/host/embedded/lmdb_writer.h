@@ -30,15 +30,16 @@ class lmdb_writer {
     const change_counts &counts() const { return counts_; }
 
   private:
-    // A key and how many children it has got that its row does not count yet.
+    // A key with a sound row that counts fewer children than it has got meanwhile.
     struct open_key {
-        std::string path;
-        int32_t more;
+        std::string path, value;
+        uint32_t children;
     };
 
     MDB_cursor *cursor();
     void leave(std::string_view path);
-    void add_child(std::string_view parent);
+    bool open(std::string_view path);
+    row_state seek(std::string_view path, row *found, bool *alone);
     void put(std::string_view path, std::string_view value);
     void replace_row(std::string_view path, const row &found, std::string_view value);
     void create(std::string_view path, std::string_view value);
