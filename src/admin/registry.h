@@ -123,7 +123,7 @@ class registry {
     held_lock lock(std::string_view name, bool shared, int64_t wait_ms) const {
         return {handle_.get(), name, shared, wait_ms};
     }
-    // Several at once; an embedded registry is locked as a whole.
+    // Several at once: the registry is locked as a whole.
     held_lock lock_all(const std::vector<std::string> &names, int64_t wait_ms) const {
         return {handle_.get(), names, wait_ms};
     }

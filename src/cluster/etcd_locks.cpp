@@ -75,6 +75,7 @@ class acquisition {
     bool put_entry(steady::time_point end) {
         wire::TxnRequest request;
         require_created(&request, conflicts(), 0);
+        require_created(&request, cluster_->keys().lock_of_all(), 0);
         require_created(&request, {entry_->key(), ""}, 0);
         add_own_key(request.mutable_success());
         add_range(request.mutable_success(), {entry_->key(), ""});
@@ -84,7 +85,7 @@ class acquisition {
         require_created(once, {entry_->key(), ""}, 0);
         add_own_key(once->mutable_success());
         add_range(request.mutable_failure(), {entry_->key(), ""});
-        add_range(request.mutable_failure(), cluster_->keys().lock_queue(name_));
+        add_queues(request.mutable_failure());
         bool repeated = false;
         wire::TxnResponse response = cluster_->txn(request, end, &repeated);
         if (repeated) cluster_->close(entry_->lease());
@@ -97,18 +98,28 @@ class acquisition {
             whole_ = reads_ && part_.take(&response, 2) && part_.marker().empty();
             return true;
         }
-        note_queue(response, 2);
+        note_queues(response, 2);
         return false;
     }
 
-    void note_queue(const wire::TxnResponse &response, int op) {
+    // What can conflict with the own entry: the queue of the name, and that of all locks.
+    void add_queues(wire_ops *ops) const {
+        add_range(ops, cluster_->keys().lock_queue(name_));
+        if (name_ != ALL_LOCKS) add_range(ops, cluster_->keys().lock_of_all());
+    }
+
+    void note_queues(const wire::TxnResponse &response, int op) {
         seen_at_ = response.header().revision();
         blockers_.clear();
-        key_range against = conflicts();
-        for (const wire::KeyValue &one : range_in(response, op).kvs()) {
-            bool conflicting = one.key() >= against.begin && one.key() < against.end;
-            if (conflicting && one.create_revision() < entry_->created()) {
-                blockers_.push_back(one);
+        key_range against = conflicts(), all = cluster_->keys().lock_of_all();
+        auto within = [](const std::string &key, const key_range &range) {
+            return key >= range.begin && key < range.end;
+        };
+        for (; op < response.responses_size(); ++op) {
+            for (const wire::KeyValue &one : range_in(response, op).kvs()) {
+                bool conflicting = within(one.key(), against) || within(one.key(), all);
+                if (conflicting && one.create_revision() < entry_->created())
+                    blockers_.push_back(one);
             }
         }
         sort_by_creation(&blockers_);
@@ -130,12 +141,16 @@ class acquisition {
         half_applied_wait pending(cluster_.get());
         for (;;) {
             wire::TxnRequest request;
+            const key_range all = cluster_->keys().lock_of_all();
             require_created(&request, conflicts(), 0);
+            require_created(&request, all, 0);
             part_.ask(cluster_->deepest(), 0, request.mutable_success());
             add_range(request.mutable_failure(), conflicts());
+            add_range(request.mutable_failure(), all);
             wire::TxnResponse response = cluster_->txn(request);
             if (!response.succeeded()) {
-                blockers_ = {range_in(response, 0).kvs(0)};
+                bool of_name = range_in(response, 0).kvs_size() > 0;
+                blockers_ = {range_in(response, of_name ? 0 : 1).kvs(0)};
                 seen_at_ = response.header().revision();
                 wait(limit);
                 continue;
@@ -162,7 +177,7 @@ class acquisition {
         for (wire_ops *ops : {request.mutable_failure(), request.mutable_success()}) {
             if (ops == request.mutable_success() && grants) continue;
             add_range(ops, {entry_->key(), ""});
-            add_range(ops, cluster_->keys().lock_queue(name_));
+            add_queues(ops);
         }
         entry_->note_answer(false);
         wire::TxnResponse response = cluster_->txn(request);
@@ -176,7 +191,7 @@ class acquisition {
             cluster_->note_lost(entry_->lease());
             entry_.reset();
         } else {
-            note_queue(response, 1);
+            note_queues(response, 1);
         }
         return false;
     }
@@ -217,7 +232,75 @@ std::shared_ptr<held_lock> etcd_locks::acquire(std::string_view name, lock_mode 
     return acquisition(cluster_, name, mode, wanted).acquire(limit);
 }
 
-// An entry waits if an earlier one of its queue conflicts with it.
+// ---- All locks ----------------------------------------------------------------------------------
+
+namespace {
+
+// Waits for the end of the entries that are earlier than the own one, whatever their names.
+class end_of_earlier {
+  public:
+    end_of_earlier(session *cluster, const queue_entry *own) : cluster_(cluster), own_(own) {}
+
+    // False if some are left at the end of the time, or the own entry is gone.
+    bool wait(steady::time_point end) {
+        for (;;) {
+            wire::TxnRequest request;
+            require_created(&request, {own_->key(), ""}, own_->created());
+            add_range(request.mutable_success(), cluster_->keys().all_locks());
+            wire::TxnResponse response = cluster_->txn(request);
+            if (!response.succeeded()) return false;
+            const wire::KeyValue *latest = latest_in(range_in(response, 0));
+            if (latest == nullptr) return true;
+            holder_ = latest->value();
+            if (steady::now() >= end) return false;
+            std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
+            cluster_->keep_alive();
+            cluster_->calls().await_deletion(latest->key(), response.header().revision(),
+                                             std::min(end, steady::now() + ttl / 3));
+        }
+    }
+
+    const std::string &holder() const { return holder_; }
+
+  private:
+    const wire::KeyValue *latest_in(const wire::RangeResponse &entries) const {
+        const wire::KeyValue *latest = nullptr;
+        for (const wire::KeyValue &one : entries.kvs()) {
+            bool earlier = one.create_revision() < own_->created();
+            if (earlier && (latest == nullptr || one.create_revision() > latest->create_revision()))
+                latest = &one;
+        }
+        return latest;
+    }
+
+    session *cluster_;
+    const queue_entry *own_;
+    std::string holder_;
+};
+
+}  // namespace
+
+// A holder of one lock may wait for a further one, behind this one: so it is given up now and then.
+std::vector<std::shared_ptr<held_lock>> etcd_locks::acquire_all(const std::vector<std::string> &,
+                                                                wait_limit limit) {
+    using std::chrono::milliseconds;
+    static constexpr milliseconds WINDOW{500};
+    const uint32_t wait_ms = limit.ms();
+    const steady::time_point end = steady::now() + milliseconds(wait_ms);
+    std::string holder;
+    do {
+        auto left = std::chrono::duration_cast<milliseconds>(end - steady::now()).count();
+        std::shared_ptr<held_lock> all = acquire(
+            ALL_LOCKS, lock_mode::exclusive, static_cast<uint32_t>(std::max<int64_t>(left, 0)), {});
+        end_of_earlier others(cluster_.get(), static_cast<const etcd_lock &>(*all).entry());
+        if (others.wait(std::min(end, steady::now() + WINDOW))) return {std::move(all)};
+        holder = others.holder();
+    } while (steady::now() < end);
+    throw host_error(failure::lock, "all locks of the registry were not granted within " +
+                                        std::to_string(wait_ms) + " ms: one is held by " + holder);
+}
+
+// An entry waits if an earlier one conflicts with it.
 std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
     (void)names;
     wire::TxnRequest request;
@@ -233,7 +316,9 @@ std::vector<lock_use> etcd_locks::users(const std::vector<std::string> &names) {
         use.holder = entry.value();
         use.waits = std::any_of(all.begin(), all.end(), [&](const lock_use &before) {
             bool both_share = before.mode == lock_mode::shared && use.mode == lock_mode::shared;
-            return before.name == use.name && !both_share;
+            bool meet =
+                before.name == use.name || before.name == ALL_LOCKS || use.name == ALL_LOCKS;
+            return meet && !both_share;
         });
         all.push_back(std::move(use));
     }

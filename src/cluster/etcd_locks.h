@@ -5,6 +5,8 @@
 // one for a shared lock. If none does, one transaction adds the key, grants the lock and reads the
 // part of the tree that it covers. Otherwise the waiter watches the nearest conflicting key, and the
 // granting transaction requires that its own key still exists: the key is deleted with its session.
+//
+// Many locks are taken as one, ALL_LOCKS: its keys conflict with those of every name.
 #pragma once
 
 #include <cstdint>
@@ -112,6 +114,10 @@ class etcd_locks final : public lock_service {
 
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted) override;
+
+    // Takes the lock that stands for all.
+    std::vector<std::shared_ptr<held_lock>> acquire_all(const std::vector<std::string> &names,
+                                                        wait_limit limit) override;
 
     // Returns the users of all locks, whatever the names: the cluster contains their queues.
     std::vector<lock_use> users(const std::vector<std::string> &names) override;

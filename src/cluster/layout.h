@@ -65,6 +65,7 @@ class layout {
     std::string lock_entry(std::string_view name, lock_mode mode, std::string_view id) const;
     key_range lock_queue(std::string_view name) const;
     key_range lock_writers(std::string_view name) const;
+    key_range lock_of_all() const { return lock_queue(ALL_LOCKS); }
     key_range all_locks() const { return beginning_with(prefix_ + "/lk/"); }
 
     // The name and the mode of the lock of an entry; false for another key.

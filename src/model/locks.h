@@ -17,6 +17,10 @@ inline constexpr char LOCK_HEAD[] = "LKRT.";
 // "LKRT.STG.DATABASE.STG.<scope>.<name>" covers a storage manager entry.
 inline constexpr char STG_LOCK_HEAD[] = "LKRT.STG.";
 
+// In a cluster this one takes the place of all: it is granted once no earlier lock is held or awaited,
+// and every later one waits for it.
+inline constexpr char ALL_LOCKS[] = "*";
+
 // The part of the tree that a lock protects.
 struct lock_cover {
     std::string_view path;  // a part of the lock's name, "" if it covers nothing

@@ -123,8 +123,8 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_lock_acquire(keyview_registry *registry, k
 KEYVIEW_HOST_FUNCTION void keyview_lock_release(keyview_lock *lock);
 
 // Takes several locks exclusively as one, or none of them, and waits for all together as for one.
-// An embedded registry is locked as a whole, in few steps however many names there are: use it where
-// many are needed, or a wide change is ahead.
+// The registry is locked as a whole, in few steps however many names there are: use it where many are
+// needed, or a wide change is ahead.
 KEYVIEW_HOST_FUNCTION int32_t keyview_lock_acquire_all(keyview_registry *registry,
                                                        const keyview_bytes *names, size_t count,
                                                        int64_t wait_ms, keyview_lock **lock);
