@@ -112,9 +112,9 @@ static void list_for_people(const admin::change_result &changed, long_text *out)
     if (changed.changes.empty())
         return out->add("nothing to change: all of it is stored already\n");
     for (const admin::change_row &one : changed.changes)
-        out->add(change_for_people(one) + "\n");
+        out->add(change_for_people(one).append("\n"));
     for (const std::string &lock : changed.locks)
-        out->add("lock " + escaped(lock) + "\n");
+        out->add("lock " + escaped(lock).append("\n"));
     change_counts counts = counts_of(changed);
     out->add(std::to_string(counts.created) + " keys created, " + std::to_string(counts.replaced) +
              " changed, " + std::to_string(counts.removed) + " removed\n");

@@ -20,9 +20,12 @@ static exit_code run_apply(const tool &shared, const given_names &names) {
                          "the file is a backup, no cluster document",
                          "\"keyviewctl restore\" reads it, \"keyviewctl diff\" compares it"};
     }
+    admin::ready_request request;
     return carry_out(shared, {WHAT, names[0], shared.prune},
                      [&](const admin::change_options &options) {
-                         return admin::apply_document(document, options);
+                         if (!request) request = admin::read_request(document);
+                         document = std::string();  // as large as what it asks for
+                         return admin::change_registry("", request, options);
                      });
 }
 

@@ -18,6 +18,13 @@ static std::string numbered(const char *form, uint32_t number) {
 std::string escaped(std::string_view text) {
     std::string out;
     while (!text.empty()) {
+        size_t plain = 0;  // most of the characters, at once
+        while (plain < text.size() && text[plain] >= 0x20 && text[plain] < 0x7f &&
+               text[plain] != '\\')
+            ++plain;
+        out += text.substr(0, plain);
+        text.remove_prefix(plain);
+        if (text.empty()) break;
         character next = first_character(text);
         if (next.length == 0) {
             next.length = 1;

@@ -437,6 +437,32 @@ class Keeping(Administrator):
             self.good("restore", self.path("full"), "--force", "--yes")
         self.assertEqual(sorted(os.listdir(self.folder)), [".local", "full", "registry", "saved"])
 
+    def test_an_interrupt_leaves_all_of_a_large_document_or_nothing(self):
+        with open(self.path("large"), "w") as file:
+            json.dump({"format": "keyview-cluster", "version": 1,
+                       "databases": [{"name": "d%04d" % n, "enabled": True} for n in range(3000)]}, file)
+        before = self.good("list").splitlines()
+        shutil.copytree(self.path("registry"), self.path("whole"))
+        begun = time.monotonic()
+        self.good("apply", self.path("large"), "--registry", "lmdb:" + self.path("whole"))
+        needed, seen = time.monotonic() - begun, set()
+        for part in (0, 2, 4, 6, 7, 8, 9, 10, 30):
+            registry = self.path("r%d" % part)
+            shutil.copytree(self.path("registry"), registry)
+            child = subprocess.Popen([TOOL, "apply", self.path("large"), "--registry", "lmdb:" + registry],
+                                     env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            try:
+                child.wait(needed * part / 10)
+            except subprocess.TimeoutExpired:
+                child.send_signal(signal.SIGINT)
+            self.assertIn(child.wait(), (0, -signal.SIGINT))
+            names = self.good("list", "--registry", "lmdb:" + registry).splitlines()
+            self.assertIn(len(names), (len(before), len(before) + 3000), part)
+            self.assertLessEqual(set(before), set(names))
+            self.good("check", "--registry", "lmdb:" + registry)
+            seen.add(len(names))
+        self.assertEqual(len(seen), 2, "the first is interrupted, the last is not")
+
     # What each finding is planted as: the keys with their values, None for a removal; words that the decision lists, or
     # None where there is one remedy.
     FINDINGS = {

@@ -115,13 +115,13 @@ static change_result bring_to(const std::string &url, key_list &&keys, bool forc
     request.prunes_all = true;
     options.prune = true;
     request.changes = std::move(keys);
-    request.check = [&](const key_list &present) {
+    request.check = [&](const key_list &present, bool) {
         if (force || present.empty()) return;
         throw error(KEYVIEW_FAILURE_USAGE,
                     "the registry" + (url.empty() ? "" : " " + url) +
                         " is not empty; nothing was written; --force removes what is in it");
     };
-    return change_registry(url, std::move(request), options);
+    return change_registry(url, ready(std::move(request)), options);
 }
 
 change_result restore_registry(std::string_view content, bool force,

@@ -71,19 +71,31 @@ void lock_list::add(std::string_view path) {
 }
 
 void lock_list::add_all(const lock_list &more) {
+    static constexpr size_t FEW_MORE = 16;
+    keys_.reserve(keys_.size() + more.keys_.size() + FEW_MORE);
     keys_.insert(keys_.end(), more.keys_.begin(), more.keys_.end());
     owners_.insert(owners_.end(), more.owners_.begin(), more.owners_.end());
 }
 
 void lock_list::sort() {
-    if (!std::is_sorted(keys_.begin(), keys_.end(), lock_before))
-        std::sort(keys_.begin(), keys_.end(), lock_before);
+    // Usually one sorted list behind another.
+    auto second = std::is_sorted_until(keys_.begin(), keys_.end(), lock_before);
+    if (!std::is_sorted(second, keys_.end(), lock_before))
+        std::sort(second, keys_.end(), lock_before);
+    std::inplace_merge(keys_.begin(), second, keys_.end(), lock_before);
     keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
 }
 
 bool lock_list::includes(const lock_list &other) const {
     return std::includes(keys_.begin(), keys_.end(), other.keys_.begin(), other.keys_.end(),
                          lock_before);
+}
+
+bool lock_list::meets(std::string_view path, size_t *from) const {
+    const std::string_view key = locked_key_of(path);
+    while (*from < size() && lock_before(keys_[*from], key))
+        ++*from;
+    return *from < size() && keys_[*from] == key;
 }
 
 std::string lock_list::operator[](size_t number) const {

@@ -83,6 +83,9 @@ class lock_list {
     void sort();
     // Of sorted lists.
     bool includes(const lock_list &other) const;
+    // Of a sorted list: whether the lock of a key is found from a number on, which moves up to it; it
+    // may be missed where keys come in another order.
+    bool meets(std::string_view path, size_t *from) const;
 
     size_t size() const { return keys_.size(); }
     std::string operator[](size_t number) const;  // the name

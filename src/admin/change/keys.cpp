@@ -19,7 +19,7 @@ change_result set_key(const std::string &path, const std::string &value,
         throw error(KEYVIEW_FAILURE_USAGE, "no key can be '" + path + "': " + fault);
     change_request request;
     request.locks.add(request.changes.add(path, value));
-    return change_registry("", std::move(request), options);
+    return change_registry("", ready(std::move(request)), options);
 }
 
 change_result remove_keys(const std::vector<std::string> &paths, change_options options) {
@@ -28,7 +28,7 @@ change_result remove_keys(const std::vector<std::string> &paths, change_options 
         removal.locks.add(removal.changes.add(path, std::nullopt));
         options.present.push_back(path);
     }
-    return change_registry("", std::move(removal), options);
+    return change_registry("", ready(std::move(removal)), options);
 }
 
 }  // namespace keyview::admin

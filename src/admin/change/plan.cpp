@@ -65,8 +65,8 @@ namespace {
 // and does to each key what the registry does: first all prunings, then the changes in their order.
 class planning {
   public:
-    planning(const std::shared_ptr<const change_request> &request,
-             std::shared_ptr<const key_list> before, const change_options &options)
+    planning(const ready_request &request, std::shared_ptr<const key_list> before,
+             const change_options &options)
         : request_(*request),
           asked_(request->changes),
           before_(*before),
@@ -154,7 +154,9 @@ class planning {
 
     // The parents that a put of a key creates.
     void create_parents(std::string_view path) {
-        for (size_t end = path.find('.'); end != path.npos; end = path.find('.', end + 1)) {
+        bool known = path_within(put_, parent_path(path));
+        for (size_t end = path.find('.'); !known && end != path.npos;
+             end = path.find('.', end + 1)) {
             const std::string_view parent = path.substr(0, end);
             bool present = path_within(put_, parent) || before_.find(parent) != key_list::NONE;
             if (!present) made_.reported.changes.add(key_list::NONE, change_ - 1, end);
@@ -175,8 +177,10 @@ class planning {
         locks.add_all(request_.locks);
         locks.keep(keys_);
         locks.keep(made_.before);
+        size_t next = 0;  // of the request's locks
         for (const change_row &one : made_.reported.changes)
-            if (below_a_root(one.path)) locks.add(one.path);
+            if (below_a_root(one.path) && !request_.locks.meets(one.path, &next))
+                locks.add(one.path);
         locks.sort();
     }
 
@@ -202,10 +206,8 @@ static void check_keys(const key_list &before, const change_options &options) {
             throw error(KEYVIEW_FAILURE_USAGE, "there is a key " + path + " already");
 }
 
-using shared_request = std::shared_ptr<const change_request>;
-
 // The plan as of one moment. Without a registry the tree is empty, at revision 0.
-static plan make_plan(const registry *keys, const shared_request &request,
+static plan make_plan(const registry *keys, const ready_request &request,
                       const change_options &options) {
     auto before = std::make_shared<key_list>();
     uint64_t revision = 0;
@@ -217,7 +219,7 @@ static plan make_plan(const registry *keys, const shared_request &request,
         (void)before->add(path, DAMAGED_VALUE);
     before->sort_unique();
     check_keys(*before, options);
-    if (request->check) request->check(*before);
+    if (request->check) request->check(*before, options.prune);
     if (options.if_revision != 0 && options.if_revision != revision) {
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree is at revision " + std::to_string(revision) +
                                                  ", not " + std::to_string(options.if_revision) +
@@ -274,8 +276,8 @@ static void write(const registry &keys, const key_list &asked, const plan &made,
 
 // False if the tree changed meanwhile so that the plan must be made anew.
 static bool try_to_carry_out(const registry &keys, const lock_list &locks,
-                             const shared_request &request, const change_options &options,
-                             bool last, change_result *out) {
+                             const ready_request &request, const change_options &options, bool last,
+                             change_result *out) {
     std::vector<held_lock> held = lock_all(keys, locks, options);
     plan made = make_plan(&keys, request, options);
     size_t changes = made.pruned.size() + made.asked.size();
@@ -298,10 +300,14 @@ static bool try_to_carry_out(const registry &keys, const lock_list &locks,
     return true;
 }
 
-change_result change_registry(const std::string &url, change_request wanted,
-                              const change_options &options) {
+ready_request ready(change_request wanted) {
     wanted.changes.sort();
-    auto request = std::make_shared<const change_request>(std::move(wanted));
+    wanted.locks.sort();
+    return std::make_shared<const change_request>(std::move(wanted));
+}
+
+change_result change_registry(const std::string &url, const ready_request &request,
+                              const change_options &options) {
     std::optional<registry> keys = registry::open_if_present(url);
     // What must find a key creates no registry for it.
     if (!keys && !options.present.empty()) keys = registry::open(url);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,13 +45,17 @@ struct change_request {
     std::vector<std::string> examines = {};  // keys that check reads
     bool prunes_all = false;                 // pruning covers keys outside the sections, too
     // Throws if the request does not fit the tree. present holds at least the keys that change or
-    // are examined; it is empty for a registry that does not exist.
-    std::function<void(const key_list &present)> check = {};
+    // are examined; it is empty for a registry that does not exist. prunes is that of the options.
+    std::function<void(const key_list &present, bool prunes)> check = {};
 };
+
+// A request that can be carried out, or planned, several times.
+using ready_request = std::shared_ptr<const change_request>;
+ready_request ready(change_request wanted);
 
 // Carries a request out in the registry of a URL ("": the one in force), or reports what that would
 // do. A registry that does not exist is created. All of it happens or nothing does.
-change_result change_registry(const std::string &url, change_request request,
+change_result change_registry(const std::string &url, const ready_request &request,
                               const change_options &options);
 
 }  // namespace keyview::admin

@@ -1,6 +1,8 @@
 // See byte_strings.h.
 #include "admin/document/byte_strings.h"
 
+#include <algorithm>
+
 #include "admin/document/base64.h"
 #include "model/text.h"
 
@@ -9,12 +11,16 @@ namespace keyview::admin {
 using nlohmann::json;
 using nlohmann::ordered_json;
 
+static constexpr std::string_view SUFFIX = "_base64";
+
 std::string byte_field(const field_row &row) {
-    return std::string(row.field) + "_base64";
+    return row.field + std::string(SUFFIX);
 }
 
-bool is_byte_field(const field_row &row, const std::string &name) {
-    return row.kind != value_kind::flag && row.kind != value_kind::word && name == byte_field(row);
+bool is_byte_field(const field_row &row, std::string_view name) {
+    if (row.kind == value_kind::flag || row.kind == value_kind::word) return false;
+    size_t plain = name.size() - std::min(name.size(), SUFFIX.size());
+    return name.substr(plain) == SUFFIX && name.substr(0, plain) == row.field;
 }
 
 bool has_byte_field(const field_row &row, const json &record) {

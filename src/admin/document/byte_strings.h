@@ -13,7 +13,7 @@ namespace keyview::admin {
 
 // Whether a name is that of the second field, and whether a record has it. Flags and words have
 // none.
-bool is_byte_field(const field_row &row, const std::string &name);
+bool is_byte_field(const field_row &row, std::string_view name);
 bool has_byte_field(const field_row &row, const nlohmann::json &record);
 std::string byte_field(const field_row &row);
 

@@ -9,14 +9,18 @@
 namespace keyview::admin {
 
 // What only the registry shows about the document. What is pruned cannot be relied on.
-static void check_against(const key_list &present, const document_plan &plan, bool prune,
-                          problem_list *problems) {
-    for (const question &asked : plan.instances) {
-        if (!prune && present.find(asked.path) != key_list::NONE) continue;
+static void check_instances(const key_list &present, const std::vector<question> &instances,
+                            problem_list *problems) {
+    for (const question &asked : instances) {
+        if (present.find(asked.path) != key_list::NONE) continue;
         problems->add(asked.place,
                       "names an instance that neither the document nor the registry has");
     }
-    for (const question &asked : plan.services) {
+}
+
+static void check_services(const key_list &present, const std::vector<question> &services,
+                           problem_list *problems) {
+    for (const question &asked : services) {
         // "a.b" and "a*b" share a key; to store one over the other would lose a service.
         size_t at = present.find(asked.path);
         if (at == key_list::NONE || *present[at].value == DAMAGED_VALUE) continue;
@@ -29,7 +33,7 @@ static void check_against(const key_list &present, const document_plan &plan, bo
     }
 }
 
-change_result apply_document(std::string_view document, const change_options &options) {
+ready_request read_request(std::string_view document) {
     static constexpr const char *INVALID = "the document is invalid; nothing was written";
     problem_list faults;
     document_plan plan = read_document(document, &faults);
@@ -38,12 +42,19 @@ change_result apply_document(std::string_view document, const change_options &op
     for (const auto *questions : {&plan.instances, &plan.services})
         for (const question &asked : *questions)
             request.examines.push_back(asked.path);
-    request.check = [&](const key_list &present) {
+    request.check = [instances = std::move(plan.instances), services = std::move(plan.services)](
+                        const key_list &present, bool prunes) {
         problem_list problems;
-        check_against(present, plan, options.prune, &problems);
+        if (prunes) check_instances(key_list(), instances, &problems);
+        if (!prunes) check_instances(present, instances, &problems);
+        check_services(present, services, &problems);
         problems.throw_if_any(INVALID);
     };
-    return change_registry("", std::move(request), options);
+    return ready(std::move(request));
+}
+
+change_result apply_document(std::string_view document, const change_options &options) {
+    return change_registry("", read_request(document), options);
 }
 
 }  // namespace keyview::admin

@@ -19,4 +19,7 @@ namespace keyview::admin {
 // KEYVIEW_FAILURE_CONTENT if the document is invalid, or does not fit the registry.
 change_result apply_document(std::string_view document, const change_options &options);
 
+// The request of a document, for change_registry(): it no longer needs the text.
+ready_request read_request(std::string_view document);
+
 }  // namespace keyview::admin

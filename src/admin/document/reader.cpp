@@ -121,17 +121,22 @@ class document_walk {
         return true;
     }
 
-    static bool is_list(const rows<list_row> &lists, const std::string &field) {
+    static bool is_list(const rows<list_row> &lists, std::string_view field) {
         return std::any_of(lists.begin(), lists.end(),
                            [&](const list_row &row) { return row.field == field; });
     }
 
-    static bool is_field(const record_table &table, const std::string &field) {
-        return field == "name" || (table.scoped && field == "scope") ||
-               is_list(table.lists, field) ||
-               std::any_of(table.fields.begin(), table.fields.end(), [&](const field_row &row) {
-                   return row.field == field || is_byte_field(row, field);
-               });
+    // Those of a table that a record has, by their numbers.
+    using given_fields = std::vector<bool>;
+
+    static bool is_field(const record_table &table, std::string_view field, given_fields *given) {
+        for (size_t n = 0; n < table.fields.count; ++n) {
+            const field_row &row = table.fields.first[n];
+            if (field != row.field && !is_byte_field(row, field)) continue;
+            (*given)[n] = true;
+            return true;
+        }
+        return field == "name" || (table.scoped && field == "scope") || is_list(table.lists, field);
     }
 
     // parent is the path of the record that holds the list, empty at the top.
@@ -151,8 +156,9 @@ class document_walk {
                      const pointer &place) {
         const record_table &table = *list.record;
         if (!record.is_object()) return refuse(place, "must be an object");
+        given_fields given(table.fields.count);
         for (const auto &[field, value] : record.items()) {
-            if (!is_field(table, field)) unknown(place, field, table);
+            if (!is_field(table, field, &given)) unknown(place, field, table);
         }
         std::string path = parent;
         if (table.scoped && !append_name(table, record, "scope", place, &path)) return;
@@ -163,7 +169,7 @@ class document_walk {
         const std::string_view key = put(path, own_value(name));
         if (!claim(list, key, place)) return;
         if (place.has_two_steps()) start_section_record(key);
-        write_record(list, record, path, place);
+        write_record(list, record, given, path, place);
     }
 
     // A database, a storage manager entry or a node: only these have a lock of their own.
@@ -199,8 +205,8 @@ class document_walk {
         return false;
     }
 
-    void write_record(const list_row &list, const json &record, const std::string &path,
-                      const pointer &place) {
+    void write_record(const list_row &list, const json &record, const given_fields &given,
+                      const std::string &path, const pointer &place) {
         const record_table &table = *list.record;
         const auto &name = record.at("name").get_ref<const std::string &>();
         const auto name_place = [&] { return (place / "name").to_string(); };
@@ -211,8 +217,8 @@ class document_walk {
                 path_below(path_below(section_record_, KEY_INSTANCE), element_of(name));
             plan_->instances.push_back({name_place(), instance, path, name});
         }
-        for (const field_row &row : table.fields)
-            read_field(row, record, path, place);
+        for (size_t n = 0; n < table.fields.count; ++n)
+            if (given[n]) read_field(table.fields.first[n], record, path, place);
         for (const list_row &row : table.lists)
             read_list(row, record, path, place);
     }

@@ -70,11 +70,11 @@ change_result undo_changes(std::string_view text, bool overwrite, const change_o
     change_request request;
     for (const key_change &one : changes)
         (void)request.changes.add(one.path, one.before);
-    request.check = [&](const key_list &present) {
+    request.check = [&](const key_list &present, bool) {
         if (!overwrite) check_unchanged(changes, present);
     };
     (void)registry::open();  // one that does not exist is not created
-    return change_registry("", std::move(request), options);
+    return change_registry("", ready(std::move(request)), options);
 }
 
 }  // namespace keyview::admin
