@@ -62,7 +62,7 @@ class tool_scale {
 url_maker embedded_urls(const std::string &directory);
 
 // Prints a line for each of the sizes and the commands of the picture: engine, command, databases, and
-// the milliseconds that pass, the median of several runs.
+// the milliseconds that pass, the fewest of several runs.
 void print_points(const char *engine, const std::string &directory, const url_maker &new_url,
                   const std::vector<int> &sizes);
 
