@@ -30,7 +30,7 @@ constexpr char LIST[] = "list of 10,000 databases / two transactions by hand";
 constexpr char CROWD[] = "fetch + release typical beside 39 other readers / alone";
 constexpr char APPLY_BY_HAND[] =
     "apply of 10,000 databases in a cluster / puts by hand, 100 at once";
-constexpr char GROWTH[] = "apply in a cluster, per database of 10,000 / of 100";
+constexpr char GROWTH[] = "apply in a cluster, per database of 10,000 / of 1,000";
 
 constexpr int LISTED = 10000;
 
@@ -245,12 +245,12 @@ double put_by_hand_us(const std::string &url, int databases) {
 void growth_row(report *to, const test::etcd_members &members) {
     if (!to->wants({GROWTH, APPLY_BY_HAND})) return;
     constexpr int ROUNDS = 3;
-    constexpr int RUNS = 7;
+    constexpr int RUNS = 5;
     constexpr double ENOUGH_US = 8e6;
     const scratch_directory scratch;
     const url_maker urls = cluster_urls(members);
     tool_scale one(scratch.path(), urls, 1);
-    tool_scale small(scratch.path(), urls, 100);
+    tool_scale small(scratch.path(), urls, 1000);
     tool_scale large(scratch.path(), urls, 10000);
     series per_large, per_small, large_us, by_hand_us;
     double passed_us = 0;
