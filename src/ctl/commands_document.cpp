@@ -24,7 +24,7 @@ static exit_code run_apply(const tool &shared, const given_names &names) {
     return carry_out(shared, {WHAT, names[0], shared.prune},
                      [&](const admin::change_options &options) {
                          if (!request) request = admin::read_request(document);
-                         document = std::string();  // as large as what it asks for
+                         std::string().swap(document);  // an assignment would keep its memory
                          return admin::change_registry("", request, options);
                      });
 }

@@ -275,9 +275,8 @@ static void write(const registry &keys, const key_list &asked, const plan &made,
 }
 
 // False if the tree changed meanwhile so that the plan must be made anew.
-static bool try_to_carry_out(const registry &keys, const lock_list &locks,
-                             const ready_request &request, const change_options &options, bool last,
-                             change_result *out) {
+static bool try_to_carry_out(const registry &keys, lock_list locks, const ready_request &request,
+                             const change_options &options, bool last, change_result *out) {
     std::vector<held_lock> held = lock_all(keys, locks, options);
     plan made = make_plan(&keys, request, options);
     size_t changes = made.pruned.size() + made.asked.size();
@@ -286,6 +285,7 @@ static bool try_to_carry_out(const registry &keys, const lock_list &locks,
         if (!last) return false;
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree changed meanwhile, again and again");
     }
+    locks = {};  // a large one would be in memory during the write
     if (changes > 0 && options.before_write) options.before_write(made.reported);
     bool any_revision = last && options.if_revision == 0;
     try {
@@ -321,7 +321,8 @@ change_result change_registry(const std::string &url, const ready_request &reque
         }
         // Nothing is created before the request has passed all checks.
         if (!keys) keys = registry::create(url);
-        if (try_to_carry_out(*keys, locks, request, options, n == TRIES, &done)) return done;
+        if (try_to_carry_out(*keys, std::move(locks), request, options, n == TRIES, &done))
+            return done;
     }
 }
 
