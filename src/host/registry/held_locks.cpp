@@ -103,7 +103,7 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
     return found == nullptr ? nullptr : found->lock.get();
 }
 
-bool held_locks::find(const tree_reader &reader, std::string_view path, copied_key *found) {
+bool held_locks::find(const tree_reader &reader, const char *path, copied_key *found) {
     held_entry *lock = covering(reader.keys, path);
     if (lock == nullptr) return false;
     lock_cover cover = lock->cover();

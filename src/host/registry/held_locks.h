@@ -53,7 +53,7 @@ class held_locks : unique {
 
     // Finds a key, or its list, in the view of the closest lock that covers it; false if no view
     // covers it.
-    bool find(const tree_reader &reader, std::string_view path, copied_key *found);
+    bool find(const tree_reader &reader, const char *path, copied_key *found);
     bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
 
     // The view of the one lock that this thread holds; null if it holds more or is of another store.

@@ -197,9 +197,10 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
     return snapshot::TOP;
 }
 
-void locked_view::find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
+void locked_view::find(const tree_reader &reader, const lock_cover &cover, const char *path,
                        copied_key *found) {
     begin(reader, cover);
+    if (find_in_order(path, found)) return;
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
     if (key == snapshot::NONE) {

@@ -80,7 +80,7 @@ class locked_view {
     static bool covers_children(const lock_cover &cover, std::string_view path);
 
     // Find a key, or its list, that the view covers.
-    void find(const tree_reader &reader, const lock_cover &cover, std::string_view path,
+    void find(const tree_reader &reader, const lock_cover &cover, const char *path,
               copied_key *found);
     copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
