@@ -41,6 +41,11 @@ struct changes_read : callback_guard {
     change_batch batch;
 };
 
+struct names_read : callback_guard {
+    const lock_names *names;
+    std::string latest;
+};
+
 struct users_read : callback_guard {
     std::vector<lock_user> users;
 };
@@ -76,6 +81,12 @@ static void add_change(void *arg, uint64_t revision, keyview_bytes path,
         read->batch.changes.push_back(
             {revision, {text_of(path), optional_text(before), optional_text(after)}});
     });
+}
+
+static keyview_bytes name_at(void *arg, size_t number) {
+    auto *read = static_cast<names_read *>(arg);
+    read->run([&] { read->latest = read->names->at(number); });
+    return bytes_of(read->latest);
 }
 
 static void add_user(void *arg, keyview_bytes name, int32_t shared, int32_t waits,
@@ -170,15 +181,6 @@ void registry::apply(size_t count, const std::function<key_row(size_t number)> &
 
 // ---- Locks --------------------------------------------------------------------------------------
 
-template <typename strings>
-static std::vector<keyview_bytes> bytes_of_all(const strings &names) {
-    std::vector<keyview_bytes> out;
-    out.reserve(names.size());
-    for (const std::string &name : names)
-        out.push_back(bytes_of(name));
-    return out;
-}
-
 held_lock::held_lock(keyview_registry *registry, std::string_view name, bool shared,
                      int64_t wait_ms) {
     keyview_lock *lock = nullptr;
@@ -186,16 +188,19 @@ held_lock::held_lock(keyview_registry *registry, std::string_view name, bool sha
     lock_.reset(lock);
 }
 
-held_lock::held_lock(keyview_registry *registry, const std::vector<std::string> &names,
-                     int64_t wait_ms) {
-    const std::vector<keyview_bytes> all = bytes_of_all(names);
+held_lock::held_lock(keyview_registry *registry, const lock_names &names, int64_t wait_ms) {
+    names_read read{{}, &names, {}};
     keyview_lock *lock = nullptr;
-    check(keyview_lock_acquire_all(registry, all.data(), all.size(), wait_ms, &lock));
+    int32_t rc = keyview_lock_acquire_all(registry, name_at, &read, names.count, wait_ms, &lock);
     lock_.reset(lock);
+    read.finish(rc);
 }
 
 std::vector<lock_user> registry::lock_users(const std::vector<std::string> &names) const {
-    const std::vector<keyview_bytes> known = bytes_of_all(names);
+    std::vector<keyview_bytes> known;
+    known.reserve(names.size());
+    for (const std::string &name : names)
+        known.push_back(bytes_of(name));
     users_read read;
     read.finish(keyview_lock_list(handle_.get(), known.data(), known.size(), add_user, &read));
     return std::move(read.users);

@@ -68,11 +68,17 @@ struct change_batch {
     uint64_t up_to = 0;                 // the revision to continue from
 };
 
+// Names of locks by their numbers, which are usually not requested.
+struct lock_names {
+    size_t count;
+    std::function<std::string(size_t number)> at;
+};
+
 // A lock, released at the end of the scope.
 class held_lock {
   public:
     held_lock(keyview_registry *registry, std::string_view name, bool shared, int64_t wait_ms);
-    held_lock(keyview_registry *registry, const std::vector<std::string> &names, int64_t wait_ms);
+    held_lock(keyview_registry *registry, const lock_names &names, int64_t wait_ms);
 
     bool still_held() const { return keyview_lock_held(lock_.get()) != 0; }
     keyview_lock *get() const { return lock_.get(); }
@@ -124,7 +130,7 @@ class registry {
         return {handle_.get(), name, shared, wait_ms};
     }
     // Several at once: the registry is locked as a whole.
-    held_lock lock_all(const std::vector<std::string> &names, int64_t wait_ms) const {
+    held_lock lock_all(const lock_names &names, int64_t wait_ms) const {
         return {handle_.get(), names, wait_ms};
     }
     std::vector<lock_user> lock_users(const std::vector<std::string> &names) const;

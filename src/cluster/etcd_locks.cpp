@@ -281,8 +281,7 @@ class end_of_earlier {
 }  // namespace
 
 // A holder of one lock may wait for a further one, behind this one: so it is given up now and then.
-std::vector<std::shared_ptr<held_lock>> etcd_locks::acquire_all(const std::vector<std::string> &,
-                                                                wait_limit limit) {
+std::shared_ptr<held_lock> etcd_locks::acquire_all(wait_limit limit) {
     using std::chrono::milliseconds;
     static constexpr milliseconds WINDOW{500};
     const uint32_t wait_ms = limit.ms();
@@ -293,7 +292,7 @@ std::vector<std::shared_ptr<held_lock>> etcd_locks::acquire_all(const std::vecto
         std::shared_ptr<held_lock> all = acquire(
             ALL_LOCKS, lock_mode::exclusive, static_cast<uint32_t>(std::max<int64_t>(left, 0)), {});
         end_of_earlier others(cluster_.get(), static_cast<const etcd_lock &>(*all).entry());
-        if (others.wait(std::min(end, steady::now() + WINDOW))) return {std::move(all)};
+        if (others.wait(std::min(end, steady::now() + WINDOW))) return all;
         holder = others.holder();
     } while (steady::now() < end);
     throw host_error(failure::lock, "all locks of the registry were not granted within " +

@@ -116,8 +116,7 @@ class etcd_locks final : public lock_service {
                                        const lock_cover &wanted) override;
 
     // Takes the lock that stands for all.
-    std::vector<std::shared_ptr<held_lock>> acquire_all(const std::vector<std::string> &names,
-                                                        wait_limit limit) override;
+    std::shared_ptr<held_lock> acquire_all(wait_limit limit) override;
 
     // Returns the users of all locks, whatever the names: the cluster contains their queues.
     std::vector<lock_use> users(const std::vector<std::string> &names) override;

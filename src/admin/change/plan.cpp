@@ -248,10 +248,7 @@ static std::vector<held_lock> lock_all(const registry &keys, const lock_list &na
     std::vector<held_lock> held;
     if (names.size() > FEW_LOCKS) {
         report_step(options, "waits for " + std::to_string(names.size()) + " locks");
-        std::vector<std::string> all;
-        all.reserve(names.size());
-        for (const std::string &name : names)
-            all.push_back(name);
+        lock_names all = {names.size(), [&](size_t number) { return names[number]; }};
         held.push_back(keys.lock_all(all, lock_wait_ms()));
         return held;
     }

@@ -348,9 +348,7 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
     throw not_granted(name, mode, wait_ms);
 }
 
-// One lock in the place of all that are wanted.
-std::vector<std::shared_ptr<held_lock>> file_locks::acquire_all(const std::vector<std::string> &,
-                                                                wait_limit limit) {
+std::shared_ptr<held_lock> file_locks::acquire_all(wait_limit limit) {
     static constexpr uint32_t WINDOW_MS = 100;
     release_moments();
     const lock_offsets whole = offsets_at(WHOLE_BYTE, &words_);
@@ -360,7 +358,7 @@ std::vector<std::shared_ptr<held_lock>> file_locks::acquire_all(const std::vecto
         auto lock = std::make_shared<file_lock>(shared_from_this(), nullptr);
         deadline window(std::min(WINDOW_MS, wait_ms));
         do {
-            if (lock->try_all(whole)) return {lock};
+            if (lock->try_all(whole)) return lock;
         } while (window.pause());
     } while (wait.pause());
     throw host_error(failure::lock, "all locks of the registry were not granted within " +

@@ -65,8 +65,7 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
     std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode, wait_limit limit,
                                        const lock_cover &wanted = {}) override;
 
-    std::vector<std::shared_ptr<held_lock>> acquire_all(const std::vector<std::string> &names,
-                                                        wait_limit limit) override;
+    std::shared_ptr<held_lock> acquire_all(wait_limit limit) override;
 
     std::vector<lock_use> users(const std::vector<std::string> &names) override;
 

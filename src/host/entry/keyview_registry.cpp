@@ -39,6 +39,16 @@ static std::vector<std::string> strings_of(const keyview_bytes *names, size_t co
     return out;
 }
 
+static std::vector<std::string> sorted_names(keyview_name_source source, void *arg, size_t count) {
+    std::vector<std::string> out;
+    out.reserve(count);
+    for (size_t n = 0; n < count; ++n)
+        out.emplace_back(view_of(source(arg, n)));
+    std::sort(out.begin(), out.end());
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+    return out;
+}
+
 static wait_limit limit_of(std::string_view name, int64_t wait_ms) {
     if (wait_ms < 0 || is_held_above(name)) return lock_wait_for(name);
     return static_cast<uint32_t>(std::min<int64_t>(wait_ms, UINT32_MAX));
@@ -175,17 +185,17 @@ int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int
     });
 }
 
-int32_t keyview_lock_acquire_all(keyview_registry *registry, const keyview_bytes *names,
+int32_t keyview_lock_acquire_all(keyview_registry *registry, keyview_name_source source, void *arg,
                                  size_t count, int64_t wait_ms, keyview_lock **lock) {
     return coded([&] {
-        std::vector<std::string> sorted = strings_of(names, count);
-        std::sort(sorted.begin(), sorted.end());
-        sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-        // One by one they do not wait for a lock of another name that is held above.
         lock_service *locks = registry->opened.locks.get();
         wait_limit limit = limit_of("", wait_ms);
-        auto held = any_held_above() ? locks->lock_service::acquire_all(sorted, limit)
-                                     : locks->acquire_all(sorted, limit);
+        std::vector<std::shared_ptr<held_lock>> held;
+        if (any_held_above()) {
+            held = locks->acquire_each(sorted_names(source, arg, count), limit);
+        } else {
+            held.push_back(locks->acquire_all(limit));
+        }
         *lock = new keyview_lock{registry->opened, std::move(held)};
     });
 }

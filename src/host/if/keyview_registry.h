@@ -124,10 +124,14 @@ KEYVIEW_HOST_FUNCTION void keyview_lock_release(keyview_lock *lock);
 
 // Takes several locks exclusively as one, or none of them, and waits for all together as for one.
 // The registry is locked as a whole, in few steps however many names there are: use it where many are
-// needed, or a wide change is ahead.
+// needed, or a wide change is ahead. The source returns each name by its number, from 0 up to count;
+// what it points to must last until its next call. It is called only below a process that holds locks
+// itself (KEYVIEW_LOCKS_ABOVE): then the locks are taken one by one.
+typedef keyview_bytes (*keyview_name_source)(void *arg, size_t number);
 KEYVIEW_HOST_FUNCTION int32_t keyview_lock_acquire_all(keyview_registry *registry,
-                                                       const keyview_bytes *names, size_t count,
-                                                       int64_t wait_ms, keyview_lock **lock);
+                                                       keyview_name_source source, void *arg,
+                                                       size_t count, int64_t wait_ms,
+                                                       keyview_lock **lock);
 
 // Whether the lock is held, as far as this process can tell without a call to the registry.
 KEYVIEW_HOST_FUNCTION int32_t keyview_lock_held(const keyview_lock *lock);

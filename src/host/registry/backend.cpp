@@ -9,7 +9,7 @@
 namespace keyview::host {
 
 // All of them together are waited for as long as one may be.
-std::vector<std::shared_ptr<held_lock>> lock_service::acquire_all(
+std::vector<std::shared_ptr<held_lock>> lock_service::acquire_each(
     const std::vector<std::string> &names, wait_limit limit) {
     using std::chrono::milliseconds;
     using std::chrono::steady_clock;

@@ -63,11 +63,13 @@ class lock_service : public abstract_base {
     virtual std::shared_ptr<held_lock> acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted = {}) = 0;
 
-    // Acquires several locks exclusively, or none; the names are sorted, so that two programs never
-    // wait for each other in a ring. A service may take further locks in their place, and so grant
-    // any number of them in a few steps.
-    virtual std::vector<std::shared_ptr<held_lock>> acquire_all(
-        const std::vector<std::string> &names, wait_limit limit);
+    // Acquires several locks exclusively one by one, or none; the names are sorted, so that two
+    // programs never wait for each other in a ring.
+    std::vector<std::shared_ptr<held_lock>> acquire_each(const std::vector<std::string> &names,
+                                                         wait_limit limit);
+
+    // Acquires, in a few steps, one lock that excludes each lock of the registry.
+    virtual std::shared_ptr<held_lock> acquire_all(wait_limit limit) = 0;
 
     // The holders and waiters of locks, as far as the service knows them. A service that does not
     // store the names of its locks reports on those in names.
