@@ -9,9 +9,11 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <shared_mutex>
 #include <thread>
 
 #include "host/embedded/embedded.h"
+#include "host/embedded/environment.h"
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
@@ -436,6 +438,27 @@ TEST_F(Repair, EachChangeOfADamagedKeyRepairsIt) {
 }
 
 // ---- Growth and full disks ----------------------------------------------------------------------
+
+// A thread that reads one moment may start another one while a writer waits to move the map.
+TEST(MapMutex, ItsHolderMayLockItAgainWhileAMoveWaits) {
+    map_mutex map;
+    std::atomic<bool> moved{false};
+    std::shared_lock first(map);
+    std::thread mover([&] {
+        while (!map.try_lock())
+            std::this_thread::yield();
+        moved = true;
+        map.unlock();
+    });
+    for (int i = 0; i < 1000; ++i) {
+        std::shared_lock again(map);
+        EXPECT_FALSE(moved);
+    }
+    first.unlock();
+    mover.join();
+    EXPECT_TRUE(moved);
+    EXPECT_TRUE(map.try_lock()) << "nothing of it is left";
+}
 
 TEST_F(Embedded, AFullDiskLeavesTheOldState) {
     apply({put("a.b", "old")});
