@@ -33,7 +33,7 @@ struct rows_read : callback_guard {
     std::vector<std::string> *damaged;
 };
 
-struct writing : callback_guard {
+struct changes_written : callback_guard {
     const std::function<key_row(size_t)> *change_at;
 };
 
@@ -66,8 +66,7 @@ static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
 }
 
 static void fill_change(void *arg, size_t number, keyview_change *out) {
-    auto *changes = static_cast<writing *>(arg);
-    changes_written.store(number, std::memory_order_relaxed);
+    auto *changes = static_cast<changes_written *>(arg);
     changes->run([&] {
         const key_row one = (*changes->change_at)(number);
         *out = {bytes_of(one.path), bytes_of(one.value.value_or("")), one.value ? 0 : 1};
@@ -169,8 +168,7 @@ std::optional<change_batch> registry::changes_since(std::string_view path, uint6
 
 void registry::apply(size_t count, const std::function<key_row(size_t number)> &change_at,
                      const std::vector<held_lock> &locks, uint64_t revision) const {
-    writing changes{{}, &change_at};
-    changes_to_write = count;
+    changes_written changes{{}, &change_at};
     std::vector<keyview_lock *> fences;
     fences.reserve(locks.size());
     for (const held_lock &lock : locks)

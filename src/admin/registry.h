@@ -20,8 +20,8 @@
 
 namespace keyview::admin {
 
-// What this process has done so far, for reports of progress.
-inline std::atomic<uint64_t> keys_read{0}, changes_written{0}, changes_to_write{0};
+// How many keys this process has read so far, for reports of progress.
+inline std::atomic<uint64_t> keys_read{0};
 
 // Throws the failure of a C function; does nothing after a success.
 void check(int32_t rc);

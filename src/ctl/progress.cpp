@@ -58,30 +58,23 @@ void progress::count(uint64_t done, uint64_t total) {
 }
 
 // "75 %, 3 of 4, 12/s, 1 s left", or "52000 keys read, 25000/s"; "" if there is nothing to count.
-std::string progress::amount_done(double time_s) {
+std::string progress::amount_done(double time_s) const {
     constexpr uint64_t FEW_KEYS = 1000;
-    constexpr double SHORTEST_RATE_S = 0.2;
     uint64_t keys = admin::keys_read;
-    if (uint64_t writes = admin::changes_to_write; writes > 0) {
-        if (total_ != writes) counted_from_s_ = time_s;
-        total_ = writes;
-        done_ = admin::changes_written;
-    }
     uint64_t done = total_ > 0 ? done_ : keys;
     if (total_ == 0 && keys < FEW_KEYS) return "";
-    double counted_s = time_s - counted_from_s_;
-    double rate = static_cast<double>(done) / std::max(counted_s, 0.001);
+    double rate = static_cast<double>(done) / std::max(time_s, 0.001);
     char speed[32];
     (void)snprintf(speed, sizeof speed, rate < 10 ? ", %.1f/s" : ", %.0f/s", rate);  // it fits
     if (total_ == 0) return ", " + std::to_string(keys) + " keys read" + speed;
     std::string out = ", " + std::to_string(done * 100 / total_) + " %, " + std::to_string(done) +
-                      " of " + std::to_string(total_);
-    if (done == 0 || counted_s < SHORTEST_RATE_S) return out;
+                      " of " + std::to_string(total_) + speed;
+    if (done == 0) return out;
     auto left = static_cast<uint64_t>(static_cast<double>(total_ - done) / rate);
-    return out + speed + ", " + std::to_string(left) + " s left";
+    return out + ", " + std::to_string(left) + " s left";
 }
 
-std::string progress::current_line(double time_s) {
+std::string progress::current_line(double time_s) const {
     return command_ + " goes on for " + std::to_string(static_cast<uint64_t>(time_s)) + " s" +
            amount_done(time_s) + (step_.empty() ? "" : ": it " + step_);
 }

@@ -28,14 +28,13 @@ class progress {
     // What the command does now, or waits for.
     void step(const std::string &text);
 
-    // How much of it is done; without it, the changes that are written are counted, else the keys
-    // that were read.
+    // How much of it is done; without it, the keys that were read are counted.
     void count(uint64_t done, uint64_t total);
 
   private:
     void report_loop();
-    std::string amount_done(double time_s);
-    std::string current_line(double time_s);
+    std::string amount_done(double time_s) const;
+    std::string current_line(double time_s) const;
 
     std::string command_;
     bool to_people_;
@@ -45,7 +44,6 @@ class progress {
     std::condition_variable changed_;
     std::string step_;
     uint64_t done_ = 0, total_ = 0;
-    double counted_from_s_ = 0;
     bool stopped_ = false;
 };
 

@@ -30,8 +30,7 @@ enum : uint32_t { TAKEN = 0x4B56746B, GIVEN_BACK = 0x4B566766 };
 
 struct kept_blocks {
     head *first[CLASSES];
-    size_t
-        room;  // bytes that may still be cached: 0 before the thread is registered, and at its end
+    size_t room;  // bytes that may still be cached; 0 before registration and at the end
     bool registered;
 };
 
