@@ -68,7 +68,7 @@ bench-picture:
 	@cmake --build $(BUILD)/release
 	@bench/scaling-picture $(BUILD)/release
 
-install: all
+install: cluster
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
 
 docs: all
