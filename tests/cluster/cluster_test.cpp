@@ -244,6 +244,12 @@ TEST_F(Cluster, OnlyAMissedChangeIsAGap) {
     run("test $(" + watch + std::to_string(changed - 1) + " | grep -c '\"gap\"') = 1");
 }
 
+// The contract of hosts, over the module.
+TEST_F(Cluster, TheKitKeepsTheContract) {
+    run("export KEYVIEW_REGISTRY=" + url +
+        "; " KEYVIEWCTL " apply " EXAMPLE_DOCUMENT " && " HOSTTEST " " KIT);
+}
+
 // keyviewctl over the module, with both kinds of registry side by side.
 TEST_F(Cluster, TheToolWorksOnAnyRegistry) {
     scratch_directory folder;
