@@ -76,7 +76,7 @@ docs: all
 
 format:
 	@packaging/install-packages check
-	@git ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format -i
+	@git ls-files -co --exclude-standard '*.cpp' '*.h' '*.hpp' '*.c' | xargs clang-format -i
 
 clean:
 	@rm -rf $(BUILD)

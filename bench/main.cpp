@@ -17,8 +17,8 @@ using namespace keyview::bench;
 static bool measure_all(const bench_setup &setup) {
     bool good = true;
     for (const auto measure :
-         {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows, write_rows, lock_rows,
-          shortcut_rows, handover_rows, process_rows, scale_rows}) {
+         {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows, layer_rows, write_rows,
+          lock_rows, shortcut_rows, handover_rows, process_rows, scale_rows}) {
         try {
             measure(setup);
         } catch (const std::exception &error) {

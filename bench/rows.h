@@ -19,6 +19,7 @@ void change_rows(const bench_setup &setup);
 void instruction_rows(const bench_setup &setup);
 void list_rows(const bench_setup &setup);
 void trace_rows(const bench_setup &setup);
+void layer_rows(const bench_setup &setup);
 void write_rows(const bench_setup &setup);
 void lock_rows(const bench_setup &setup);
 void shortcut_rows(const bench_setup &setup);
