@@ -2,6 +2,9 @@
 #include "ctl/manual.h"
 
 #include <CLI/CLI.hpp>
+#include <sstream>
+#include <string_view>
+#include <utility>
 
 #include "admin/care/findings.h"
 #include "admin/document/meanings.h"
@@ -19,10 +22,36 @@ static std::string plain(const std::string &text) {
     return out.empty() || out[0] != '.' ? out : "\\&" + out;
 }
 
-static std::string head(const char *page, int section, const char *what) {
-    return std::string(".TH ") + page + " " + std::to_string(section) +
-           " \"\" \"keyview " KEYVIEW_VERSION "\"\n.SH NAME\n" + plain(page) + " \\- " +
-           plain(what) + "\n";
+static constexpr char DATE[] = "2026-11-26";  // of the pages' texts
+
+static std::string head(const std::string &page, int section, const char *what) {
+    std::string title = page;
+    for (char &c : title)
+        c = static_cast<char>(toupper(c));
+    return ".TH " + title + " " + std::to_string(section) + " " + DATE +
+           " \"keyview " KEYVIEW_VERSION "\"\n.SH NAME\n" + plain(page) + " \\- " + plain(what) +
+           "\n";
+}
+
+// A line of text as lines of at most 80 characters, each of its sentences on a line of its own.
+static std::string wrapped_line(const std::string &text) {
+    std::string out, line;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        const bool ends =
+            !line.empty() && (line.size() + 1 + word.size() > 80 || line.back() == '.');
+        if (ends) out += std::exchange(line, "") + "\n";
+        if (line.empty() && !out.empty() && word[0] == '.') word.insert(0, "\\&");
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return out + line + "\n";
+}
+
+static std::string wrapped(const std::string &page) {
+    std::string out, line;
+    for (std::istringstream lines(page); std::getline(lines, line);)
+        out += line.empty() || line[0] == '.' ? line + "\n" : wrapped_line(line);
+    return out;
 }
 
 static std::string term(const std::string &name, const std::string &text) {
@@ -51,20 +80,34 @@ static std::string commands_of(const CLI::App &app, const std::string &before) {
     return out;
 }
 
-// The way of a new user.
+// By task, in an order in which they run one after the other.
 static constexpr struct {
-    const char *command, *what;
+    const char *task, *command, *what;
 } EXAMPLES[] = {
-    {"export KEYVIEW_REGISTRY=lmdb:/var/lib/keyview", "choose the registry"},
-    {"keyviewctl apply --dry-run cluster.json", "see what a document would do"},
-    {"keyviewctl apply cluster.json", "do it, in one transaction"},
-    {"keyviewctl status", "sum up the cluster"},
-    {"keyviewctl status Sales", "see a database on one screen"},
-    {"keyviewctl disable Sales --service reporting", "disable a service with all its instances"},
-    {"keyviewctl watch DATABASE.DATABASES.sales", "follow its changes"},
-    {"keyviewctl backup saved", "save the whole tree"},
-    {"keyviewctl diff saved", "compare with it"},
-    {"keyviewctl restore --force saved", "bring it back"},
+    {"Begin", "export KEYVIEW_REGISTRY=lmdb:/var/lib/keyview", "choose the registry"},
+    {"Begin", "keyviewctl apply --dry-run cluster.json", "print what a document would change"},
+    {"Begin", "keyviewctl apply cluster.json", "change it, in one transaction"},
+    {"Begin", "keyviewctl doctor", "check everything from the settings to a lock"},
+    {"Read", "keyviewctl status", "sum up the cluster"},
+    {"Read", "keyviewctl status Sales", "a database on one screen"},
+    {"Read", "keyviewctl show Sales -o json", "a whole record, for programs"},
+    {"Read", "keyviewctl roster Sales reporting", "on which instances and nodes a service runs"},
+    {"Read", "keyviewctl tree DATABASE.DATABASES.sales", "the keys below one"},
+    {"Read", "keyviewctl explain DATABASE.DATABASES.sales.ROLE", "what a key means, who reads it"},
+    {"Change", "keyviewctl disable Sales --service reporting",
+     "disable a service with all its instances"},
+    {"Change", "keyviewctl role Sales PHYSICAL_STANDBY", "change the role of a database"},
+    {"Change", "keyviewctl set DATABASE.DATABASES.sales.DOMAIN example.org", "set a key"},
+    {"Change", "keyviewctl export cluster.yaml", "write all records as a document"},
+    {"Change", "keyviewctl apply --prune --yes cluster.yaml",
+     "apply it, and remove what it does not contain"},
+    {"Observe", "keyviewctl watch DATABASE.DATABASES.sales", "follow changes as they happen"},
+    {"Observe", "keyviewctl lock list", "print who holds or awaits locks"},
+    {"Back up", "keyviewctl backup saved", "save the whole tree as of one moment"},
+    {"Back up", "keyviewctl diff saved", "compare with it: exit status 0 if they are equal"},
+    {"Back up", "keyviewctl restore --force saved", "make the tree what it was"},
+    {"Repair", "keyviewctl check", "look for damage"},
+    {"Repair", "keyviewctl lint", "look for what readers misread, with the remedies"},
 };
 
 static std::string tool_page(const CLI::App &app) {
@@ -83,14 +126,20 @@ static std::string tool_page(const CLI::App &app) {
                                   "; lint proposes: " + row.remedy + ".");
     }
     out += ".SH EXAMPLES\n";
-    for (const auto &row : EXAMPLES)
+    std::string_view task;
+    for (const auto &row : EXAMPLES) {
+        if (row.task != task) out += std::string(".SS ") + row.task + "\n";
+        task = row.task;
         out += term(row.command, row.what);
+    }
     out += ".SH FILES\n" + term("~/.config/keyview/config", "the user's settings") +
            term("/etc/keyview/config", "the machine's settings") +
            plain(
                "Lines of \"name = value\"; \"keyviewctl config\" lists the names. A section "
                "[context.NAME] holds the settings of a context.") +
-           "\n.SH SEE ALSO\n.BR keyview\\-document (5),\n.BR keyview\\-keys (7)\n";
+           "\n.SH SEE ALSO\n.BR keyview\\-backup (5),\n.BR keyview\\-config (5),\n"
+           ".BR keyview\\-document (5),\n.BR keyview (7),\n.BR keyview\\-keys (7),\n"
+           ".BR keyview\\-locks (7)\n";
     return out;
 }
 
@@ -139,9 +188,9 @@ static std::string document_page() {
 }
 
 std::string manual_page(const CLI::App &app, const std::string &page) {
-    if (page == "keyviewctl") return tool_page(app);
-    if (page == "keyview-document") return document_page();
-    return page == "keyview-keys" ? keys_page() : "";
+    if (page == "keyviewctl") return wrapped(tool_page(app));
+    if (page == "keyview-document") return wrapped(document_page());
+    return page == "keyview-keys" ? wrapped(keys_page()) : "";
 }
 
 }  // namespace keyview::ctl
