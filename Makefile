@@ -10,7 +10,7 @@
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make format    formats the sources
-#   make docs      writes what docs/ say of the fields from the tool's tables
+#   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
 
 PREFIX ?= /usr/local
 DESTDIR ?=
