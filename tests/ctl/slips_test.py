@@ -282,4 +282,4 @@ class RemovalsInACluster(Removals, Cluster):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + sys.argv[5:])
+    unittest.main(argv=sys.argv[:1] + sys.argv[4:])

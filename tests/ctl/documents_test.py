@@ -1,0 +1,138 @@
+#!/usr/bin/env python3
+"""What the documents show is run: the shell examples of README.md, docs/ and the manual pages, and the C
+programs of the pages of the operations. The pages are well-formed, and each operation has one.
+
+Usage: documents_test.py KEYVIEWCTL BUILD SOURCES COMPILER
+"""
+import glob
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOL, BUILD, SOURCES, COMPILER = map(os.path.abspath, sys.argv[1:5])
+PAGES = sorted(glob.glob(f"{SOURCES}/docs/man/man?/*") + glob.glob(f"{BUILD}/man/man?/*"))
+OPERATIONS = [page for page in PAGES if page.endswith(".3")]
+DOCUMENTS = [f"{SOURCES}/README.md", *sorted(glob.glob(f"{SOURCES}/docs/*.md"))]
+LINKS = ["-I", f"{BUILD}/include", "-L", f"{BUILD}/lib", f"-Wl,-rpath,{BUILD}/lib"]
+MARKS = {"\\e": "\\", "\\-": "-", "\\&": "", "\\(aq": "'"}
+
+
+def content(name):
+    with open(name) as file:
+        return file.read()
+
+
+def without_marks(text):
+    return re.sub(r"\\(?:e|-|&|\(aq)", lambda mark: MARKS[mark[0]], text)
+
+
+# The literal blocks of a page, and the bold terms of its examples.
+def blocks_of_page(page):
+    text = content(page)
+    examples = text[text.index(".SH EXAMPLES"):].split(".SH FILES")[0] if ".SH EXAMPLES" in text else ""
+    blocks = ["$ " + line for line in re.findall(r"(?m)^\.B (.*)$", examples)]
+    blocks += re.findall(r"(?s)\.Bd -literal -offset indent\n(.*?)\n\.Ed", text)
+    return [without_marks(block) for block in blocks]
+
+
+# The blocks of a language in a document.
+def blocks_of_document(document, language):
+    return re.findall(rf"(?s)```{language}\n(.*?)```", content(document))
+
+
+def commands_of(name):
+    if name.endswith(".md"):
+        return "".join(blocks_of_document(name, "sh"))
+    lines = "\n".join(blocks_of_page(name)).split("\n")
+    return "\n".join(line[2:] for line in lines if line.startswith("$ "))
+
+
+class Documents(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.env = {"PATH": f"{self.folder}/bin:{BUILD}/bin:{os.environ['PATH']}", "HOME": self.folder}
+
+    # A folder in which a reader may stand: the examples, the program of the README, a registry that may be empty.
+    def prepare(self, name):
+        os.mkdir(f"{self.folder}/bin")
+        self.write("bin/cc", f'#!/bin/sh\nexec {COMPILER} {" ".join(LINKS)} "$@" {" ".join(LINKS[2:])}\n')
+        os.chmod(f"{self.folder}/bin/cc", 0o755)
+        for example in glob.glob(f"{SOURCES}/examples/*.*"):
+            shutil.copy(example, self.folder)
+        self.write("sales.c", blocks_of_document(DOCUMENTS[0], "c")[0])
+        self.write("list.c", blocks_of_page(f"{SOURCES}/docs/man/man3/prsr_list_db.3")[-1])
+        if name.endswith("keyview-config.5"):
+            self.write(".config/keyview/config", blocks_of_page(name)[0] + "\n")
+        if "apply cluster.json" not in commands_of(name):
+            self.env["KEYVIEW_REGISTRY"] = f"lmdb:{self.folder}/registry"
+            subprocess.run([TOOL, "apply", "cluster.json"], cwd=self.folder, env=self.env, check=True,
+                           stdout=subprocess.DEVNULL)
+        if name.endswith("keyview-hosttest.1"):
+            subprocess.run(["cc", "-shared", "-fPIC", "-o", "host.so", "host.c"], cwd=self.folder, env=self.env, check=True)
+
+    def write(self, name, text):
+        os.makedirs(os.path.dirname(f"{self.folder}/{name}"), exist_ok=True)
+        with open(f"{self.folder}/{name}", "w") as file:
+            file.write(text)
+
+    def run_examples(self, name):
+        self.prepare(name)
+        script = commands_of(name).replace("/var/lib/keyview", f"{self.folder}/registry").replace(
+            "keyviewctl watch ", "keyviewctl watch --for 0.1 ")
+        ended = subprocess.run(["sh", "-e"], input=script, cwd=self.folder, env=self.env, capture_output=True, text=True)
+        self.assertEqual(ended.returncode, 0, f"{name}\n{script}\n{ended.stdout[-2000:]}\n{ended.stderr[-2000:]}")
+
+    # What mandoc has to say of a page, but for pages of this set: it looks for those in the system alone.
+    def test_the_pages_are_well_formed(self):
+        names = {os.path.basename(page) for page in PAGES}
+        ended = subprocess.run(["mandoc", "-Tlint", *PAGES], capture_output=True, text=True)
+        self.assertEqual(re.sub(r"(?m)^.*referenced manual not found.*\n", "", ended.stdout), "")
+        for page in PAGES:
+            for name, section in re.findall(r"(?m)^\.(?:Xr|BR) (\S+) \(?(\d)", content(page)):
+                self.assertIn(f"{without_marks(name)}.{section}", names, page)
+
+    def test_each_operation_has_a_page(self):
+        exported = content(f"{SOURCES}/tests/keyview/exported_names.txt").split()
+        self.assertEqual(sorted(f"{name}.3" for name in exported), [os.path.basename(page) for page in OPERATIONS])
+        found = subprocess.run(["man", "-M", f"{SOURCES}/docs/man", "-w", *exported], capture_output=True, text=True)
+        self.assertEqual(found.stdout.split(), [f"{SOURCES}/docs/man/man3/{name}.3" for name in exported])
+        shown = subprocess.run(["man", "-M", f"{SOURCES}/docs/man", exported[0]], capture_output=True, text=True)
+        self.assertRegex(shown.stdout, rf"(?s)NAME\n +{exported[0]} .*RETURN VALUES.*EXAMPLES")
+
+    # All in one program, which runs the one that its argument names.
+    def test_the_examples_of_operations_run(self):
+        names = [os.path.basename(page)[:-2] for page in OPERATIONS]
+        source = "#include <string.h>\n"
+        for name, page in zip(names, OPERATIONS):
+            example = [block for block in blocks_of_page(page) if "int main" in block]
+            self.assertEqual(len(example), 1, page)
+            self.assertIn(name + "(", example[0])
+            source += example[0].replace("int main(void)", f"static int main_of_{name}(void)") + "\n"
+        source += "int main(int argc, char **argv) {\n    (void)argc;\n"
+        source += "".join(f'    if (strcmp(argv[1], "{name}") == 0) return main_of_{name}();\n' for name in names)
+        self.write("all.c", source + "    return 2;\n}\n")
+        self.prepare(OPERATIONS[0])
+        subprocess.run(["cc", "-std=c99", "-Wall", "-Wextra", "-Werror", "-o", "all", "all.c", "-lkeyview12", "-lkeyview-host"],
+                       cwd=self.folder, env=self.env, check=True)
+        for name in names:
+            ended = subprocess.run([f"{self.folder}/all", name], env=self.env, capture_output=True, text=True)
+            self.assertEqual((ended.returncode, ended.stdout == ""), (0, False), (name, ended))
+
+    def test_the_way_of_a_new_user_is_short(self):
+        way = re.search(r"(?s)## From the shell\n+```sh\n(.*?)```", content(DOCUMENTS[0])).group(1)
+        self.assertLessEqual(len(way.splitlines()), 10)
+
+
+# A test for each page and document that shows commands.
+for shown in DOCUMENTS + PAGES:
+    if commands_of(shown):
+        title = "test_" + re.sub(r"\W", "_", os.path.relpath(shown, SOURCES))
+        setattr(Documents, title, lambda self, name=shown: self.run_examples(name))
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
