@@ -97,7 +97,7 @@ std::string file_text(const std::string &path, const char *variable, bool secret
         return host_error(failure::usage,
                           "the file " + path + " that " + variable + " names " + why);
     };
-    unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat known = {};
     if (file.get() < 0 || fstat(file.get(), &known) != 0) {
         throw refuse(std::string("cannot be read: ") + strerror(errno));

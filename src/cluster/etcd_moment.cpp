@@ -11,7 +11,7 @@ namespace keyview::host {
 
 // ---- Half-applied change sets -------------------------------------------------------------------
 
-static constexpr std::chrono::milliseconds PAUSE{10};
+static constexpr std::chrono::milliseconds POLL_PAUSE{10};
 
 std::string half_applied_text(const std::string &marker) {
     journal::Marker state;
@@ -29,7 +29,7 @@ void half_applied_wait::wait(const std::string &marker) {
         end_ = now + cluster_->calls().settings().answer_wait;
     }
     if (now >= end_) throw host_error(failure::content, half_applied_text(marker));
-    std::this_thread::sleep_for(PAUSE);
+    std::this_thread::sleep_for(POLL_PAUSE);
 }
 
 // ---- Moments ------------------------------------------------------------------------------------

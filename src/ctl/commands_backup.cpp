@@ -69,16 +69,15 @@ static exit_code run_copy(const tool &shared, const given_names &names) {
     return report_left_out(shared.registry, left_out);
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"backup", "Write the whole tree, as of one moment, into a file with mode 0600",
-     "FILE --salvage", run_backup},
-    {"restore", "Make the tree what a backup holds, all of it or nothing",
-     "FILE --force --dry-run --if-revision --yes", run_restore},
-    {"copy", "Copy the whole tree into another registry",
-     "--to --force --dry-run --if-revision --yes --salvage", run_copy},
-};
-
 void add_backup_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"backup", "Write the whole tree, as of one moment, into a file with mode 0600",
+         "FILE --salvage", run_backup},
+        {"restore", "Make the tree what a backup holds, all of it or nothing",
+         "FILE --force --dry-run --if-revision --yes", run_restore},
+        {"copy", "Copy the whole tree into another registry",
+         "--to --force --dry-run --if-revision --yes --salvage", run_copy},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

@@ -120,15 +120,14 @@ static std::string coverage(bool admin::finding_row::*covers) {
     return "Of what \"keyviewctl explain --findings\" lists it finds all but " + others + ".";
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"check",
-     "Inspect the whole registry for damage: exit code 0 if there is none, 8 with findings", "",
-     run_check},
-    {"lint", "Find what readers misread: exit code 0 if there is nothing, 8 with findings", "",
-     run_lint},
-};
-
 void add_check_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"check",
+         "Inspect the whole registry for damage: exit code 0 if there is none, 8 with findings", "",
+         run_check},
+        {"lint", "Find what readers misread: exit code 0 if there is nothing, 8 with findings", "",
+         run_lint},
+    };
     add_commands(app, shared, COMMANDS);
     app->get_subcommand("check")->footer(coverage(&admin::finding_row::by_check));
     app->get_subcommand("lint")->footer(coverage(&admin::finding_row::by_lint));

@@ -146,8 +146,9 @@ static void add_service_entries(const std::string &database, const std::string &
 }
 
 static exit_code run_rm(const tool &shared, const record_kind &kind, const given_names &names,
-                        std::vector<std::string> all) {
-    all.insert(all.begin(), names[kind.list != nullptr ? 1 : 0]);
+                        const std::vector<std::string> &more) {
+    std::vector<std::string> all = {names[kind.list != nullptr ? 1 : 0]};
+    all.insert(all.end(), more.begin(), more.end());
     std::set<std::string> paths;
     std::string what = kind.word;
     for (const std::string &name : all) {
@@ -164,7 +165,7 @@ static exit_code run_rm(const tool &shared, const record_kind &kind, const given
 // ---- The commands -------------------------------------------------------------------------------
 
 using record_run = exit_code (*)(const tool &, const record_kind &, const given_names &,
-                                 std::vector<std::string>);
+                                 const std::vector<std::string> &);
 
 static void add_kinds(CLI::App *group, tool *shared, const char *does, const char *option,
                       const char *more, record_run run) {
@@ -184,11 +185,9 @@ void add_create_commands(CLI::App *app, tool *shared) {
     CLI::App *create = app->add_subcommand("create", "Create a database, a service or an instance");
     create->require_subcommand(1);
     create->fallthrough();
-    add_kinds(
-        create, shared, "Create", "FIELD",
-        "FIELD=VALUE, as \"explain --fields\" lists them; instances are joined by commas",
-        [](const tool &tool_in_use, const record_kind &kind, const given_names &names,
-           std::vector<std::string> rest) { return run_create(tool_in_use, kind, names, rest); });
+    add_kinds(create, shared, "Create", "FIELD",
+              "FIELD=VALUE, as \"explain --fields\" lists them; instances are joined by commas",
+              run_create);
     add_kinds(app->get_subcommand("rm"), shared, "Remove, by its name,", "MORE",
               "The names of more, removed with it", run_rm);
 }

@@ -33,15 +33,14 @@ static exit_code run_recover(const tool &shared, const given_names &) {
                        {std::string(shared.resume ? "finished" : "taken back")});
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"doctor",
-     "Inspect the registry, how it is reached and its locks: exit code 4 if something is bad", "",
-     run_doctor},
-    {"recover", "Complete or take back a large change set that stopped half-way in a cluster",
-     "--resume --undo", run_recover},
-};
-
 void add_doctor_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"doctor",
+         "Inspect the registry, how it is reached and its locks: exit code 4 if something is bad",
+         "", run_doctor},
+        {"recover", "Complete or take back a large change set that stopped half-way in a cluster",
+         "--resume --undo", run_recover},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

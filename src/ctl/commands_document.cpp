@@ -62,17 +62,17 @@ static exit_code run_export(const tool &shared, const given_names &names) {
     return report_left_out(shared.registry, tree.left_out);
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"apply", "Put a cluster document, JSON or YAML, into the registry, all of it or nothing",
-     "FILE --prune --dry-run --if-revision --yes", run_apply},
-    {"diff",
-     "Show what applying a document, or restoring a backup, would change; exit code 1 if anything",
-     "FILE --prune", run_diff},
-    {"export", "Write the tree as a cluster document: JSON, or YAML for -o yaml and names in .yaml",
-     "[FILE] --salvage", run_export},
-};
-
 void add_document_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"apply", "Put a cluster document, JSON or YAML, into the registry, all of it or nothing",
+         "FILE --prune --dry-run --if-revision --yes", run_apply},
+        {"diff",
+         "Show what applying a document, or restoring a backup, would change; exit code 1 if anything",
+         "FILE --prune", run_diff},
+        {"export",
+         "Write the tree as a cluster document: JSON, or YAML for -o yaml and names in .yaml",
+         "[FILE] --salvage", run_export},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

@@ -143,13 +143,12 @@ static exit_code run_edit(const tool &shared, const given_names &names) {
     }
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"edit",
-     "Edit the document of a database in $VISUAL or $EDITOR, and make the database what it says",
-     "DB --dry-run --if-revision --yes", run_edit},
-};
-
 void add_edit_command(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"edit",
+         "Edit the document of a database in $VISUAL or $EDITOR, and make the database what it says",
+         "DB --dry-run --if-revision --yes", run_edit},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

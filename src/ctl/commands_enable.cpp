@@ -40,7 +40,7 @@ static constexpr flag_operations<int32_t> SET = {prsr_set_db_enabled, prsr_set_i
                                                  prsr_set_service_instance_enabled};
 
 // "instance Sales1 of service audit of database Sales".
-static std::string words_for(const given_names &of) {
+static std::string subject_of(const given_names &of) {
     return (of[INSTANCE].empty() ? "" : "instance " + of[INSTANCE] + " of ") +
            (of[SERVICE].empty() ? "" : "service " + of[SERVICE] + " of ") + "database " + of[DB];
 }
@@ -68,7 +68,7 @@ static std::string flag_key(const given_names &of) {
 // A service is set with all its instances.
 static exit_code change_flag(const session &library, const given_names &of, int32_t enabled) {
     const std::string what =
-        words_for(of) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
+        subject_of(of) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
     int32_t present = 0;
     library.check(GET.run(library, of, &present), what);
     bool cascade = !of[SERVICE].empty() && of[INSTANCE].empty();
@@ -85,7 +85,7 @@ static exit_code run_change(const session &library, const given_names &names) {
 static exit_code run_enabled(const session &library, const given_names &names) {
     int32_t enabled = 0;
     library.check(GET.run(library, names, &enabled),
-                  "whether " + words_for(names) + " is enabled cannot be read");
+                  "whether " + subject_of(names) + " is enabled cannot be read");
     return show_answer_for(library, names, "enabled", enabled, enabled_view(enabled));
 }
 
@@ -94,26 +94,25 @@ static exit_code run_supported(const session &library, const given_names &names)
     int32_t rc = library.call(prsr_get_service_instance_supported, names[DB], names[SERVICE],
                               names[INSTANCE], &supported);
     rc = refined(rc, [&] { return GET.run(library, names, &ignored); });
-    library.check(rc, "whether " + words_for(names) + " is supported cannot be read");
+    library.check(rc, "whether " + subject_of(names) + " is supported cannot be read");
     return show_answer_for(library, names, "supported", supported, flag_view(supported));
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"enable",
-     "Enable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance --dry-run", with_library<run_change<1>>},
-    {"disable",
-     "Disable a database, an instance, a service with all its instances, or one instance of it",
-     "DB --service --instance --dry-run", with_library<run_change<0>>},
-    {"enabled", "Report whether one of these is enabled: exit code 0, or disabled: 1",
-     "DB --service --instance", with_library<run_enabled>},
-    {"supported",
-     "Report whether an instance of a service is preferred or available, and enabled: exit code 0, "
-     "or not: 1",
-     "DB SERVICE INSTANCE", with_library<run_supported>},
-};
-
 void add_enable_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"enable",
+         "Enable a database, an instance, a service with all its instances, or one instance of it",
+         "DB --service --instance --dry-run", with_library<run_change<1>>},
+        {"disable",
+         "Disable a database, an instance, a service with all its instances, or one instance of it",
+         "DB --service --instance --dry-run", with_library<run_change<0>>},
+        {"enabled", "Report whether one of these is enabled: exit code 0, or disabled: 1",
+         "DB --service --instance", with_library<run_enabled>},
+        {"supported",
+         "Report whether an instance of a service is preferred or available, and enabled: exit code 0, "
+         "or not: 1",
+         "DB SERVICE INSTANCE", with_library<run_supported>},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

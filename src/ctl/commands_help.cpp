@@ -136,14 +136,6 @@ static exit_code run_complete(const tool &shared, const std::vector<std::string>
     return EXIT_DONE;
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"version", "Print the version", "", run_version, true},
-    {"errors", "Show what the exit codes mean, or one of them", "[CODE]", run_errors, true},
-    {"config", "Show each setting and where it comes from", "", run_config, true},
-    {"completion", "Write the script by which a shell completes", "SHELL", run_completion, true},
-    {"manual", "Write a manual page as roff, for \"man -l -\"", "[PAGE]", run_manual, true},
-};
-
 static constexpr command_row CONTEXT_COMMANDS[] = {
     {"contexts", "List the contexts of the settings files", "", run_contexts, true},
     {"use-context", "Use a context from now on: a line of the user's settings file", "CONTEXT",
@@ -151,6 +143,14 @@ static constexpr command_row CONTEXT_COMMANDS[] = {
 };
 
 void add_help_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"version", "Print the version", "", run_version, true},
+        {"errors", "Show what the exit codes mean, or one of them", "[CODE]", run_errors, true},
+        {"config", "Show each setting and where it comes from", "", run_config, true},
+        {"completion", "Write the script by which a shell completes", "SHELL", run_completion,
+         true},
+        {"manual", "Write a manual page as roff, for \"man -l -\"", "[PAGE]", run_manual, true},
+    };
     auto words = std::make_shared<std::vector<std::string>>();
     CLI::App *help = add_command(
         app, shared, "help", "Show the commands, or how to use one of them",

@@ -227,21 +227,21 @@ static exit_code run_undo(const tool &shared, const given_names &names) {
 
 // ---- The commands -------------------------------------------------------------------------------
 
-static constexpr command_row COMMANDS[] = {
-    {"get", "Show the value of a key, or the keys that a prefix selects",
-     "KEY --prefix --keys-only", run_get},
-    {"ls", "List the keys one level below a key, or below the root", "[KEY]", run_ls},
-    {"tree", "Show a key, or the root, with all that is below it", "[KEY]", run_tree},
-    {"explain",
-     "Explain what a key means, which commands use it and how it is stored; or all keys. A path may "
-     "have <db> and such for its names",
-     "[KEY] --fields --findings", run_explain, true},
-    {"rm", "Remove a key with all that is below it", "[KEY] --dry-run --if-revision --yes", run_rm},
-    {"undo", "Take back the changes of a command, from the file that its answer names",
-     "FILE --overwrite --dry-run --if-revision --yes", run_undo},
-};
-
 void add_key_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"get", "Show the value of a key, or the keys that a prefix selects",
+         "KEY --prefix --keys-only", run_get},
+        {"ls", "List the keys one level below a key, or below the root", "[KEY]", run_ls},
+        {"tree", "Show a key, or the root, with all that is below it", "[KEY]", run_tree},
+        {"explain",
+         "Explain what a key means, which commands use it and how it is stored; or all keys. A path may "
+         "have <db> and such for its names",
+         "[KEY] --fields --findings", run_explain, true},
+        {"rm", "Remove a key with all that is below it", "[KEY] --dry-run --if-revision --yes",
+         run_rm},
+        {"undo", "Take back the changes of a command, from the file that its answer names",
+         "FILE --overwrite --dry-run --if-revision --yes", run_undo},
+    };
     add_commands(app, shared, COMMANDS);
     auto path = std::make_shared<given_names>();
     auto chosen = std::make_shared<set_options>();

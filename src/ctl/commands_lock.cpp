@@ -119,12 +119,11 @@ static exit_code run_list(const tool &shared, const given_names &) {
     return show_result(shared.format, "locks", "locks", {std::move(rows)});
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"list", "List the holders of locks and their waiters, as far as the registry knows", "",
-     run_list},
-};
-
 void add_lock_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"list", "List the holders of locks and their waiters, as far as the registry knows", "",
+         run_list},
+    };
     CLI::App *lock = app->add_subcommand("lock", "Use the cluster's named locks");
     lock->require_subcommand(1);
     lock->fallthrough();

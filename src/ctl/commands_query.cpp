@@ -16,7 +16,7 @@
 namespace keyview::ctl {
 
 // "service reporting of database Sales".
-static std::string words_for(const given_names &names) {
+static std::string service_subject(const given_names &names) {
     return "service " + names[1] + " of database " + names[0];
 }
 
@@ -43,7 +43,7 @@ static exit_code run_roster(const session &library, const given_names &names) {
     int32_t rc = library.call(prsr_get_srv_instances, names[0], names[1], &inst_names, &node_names,
                               &avail, &inst_count);
     rc = refined(rc, [&] { return probe_service(library, names); });
-    library.check(rc, "the roster of " + words_for(names) + " cannot be read");
+    library.check(rc, "the roster of " + service_subject(names) + " cannot be read");
     view_list roster;
     for (uint32_t n = 0; n < inst_count; ++n) {
         roster.push_back({view_fields{{"instance", text_view(inst_names[n])},
@@ -63,7 +63,7 @@ static exit_code run_policy(const session &library, const given_names &names) {
     int32_t rc = library.call(prsr_get_service_rcn_policy, names[0], names[1], &policy);
     bool nothing_read = rc == PRSR_SUCCESS && *keyview_host_last_error() != '\0';
     if (nothing_read) rc = probe_service(library, names);
-    library.check(rc, "the failover policy of " + words_for(names) + " cannot be read");
+    library.check(rc, "the failover policy of " + service_subject(names) + " cannot be read");
     return show_answer(
         library.shared.format, "rcn_policy",
         {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"rcn_policy", policy_view(policy)}});
@@ -139,21 +139,20 @@ static exit_code run_instance_on(const session &library, const given_names &give
     return exit_of_answer(name.empty() ? 0 : 1);
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"roster", "List on which instances and nodes a service runs; available: it takes over",
-     "DB SERVICE", with_library<run_roster>},
-    {"policy", "Show the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
-     with_library<run_policy>},
-    {"role", "Show the role of a database, or set it", "DB [ROLE] --dry-run",
-     with_library<run_role>},
-    {"domain", "Show the domain of a database", "DB", with_library<run_domain>},
-    {"name", "Show the registered name of a database or of an instance", "DB [INSTANCE]",
-     with_library<run_name>},
-    {"instance-on", "Show which instance of a database is on a node; exit code 1 if none is",
-     "DB NODE", with_library<run_instance_on>},
-};
-
 void add_query_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"roster", "List on which instances and nodes a service runs; available: it takes over",
+         "DB SERVICE", with_library<run_roster>},
+        {"policy", "Show the failover policy of a service: NONE, BASIC or PRECONNECT", "DB SERVICE",
+         with_library<run_policy>},
+        {"role", "Show the role of a database, or set it", "DB [ROLE] --dry-run",
+         with_library<run_role>},
+        {"domain", "Show the domain of a database", "DB", with_library<run_domain>},
+        {"name", "Show the registered name of a database or of an instance", "DB [INSTANCE]",
+         with_library<run_name>},
+        {"instance-on", "Show which instance of a database is on a node; exit code 1 if none is",
+         "DB NODE", with_library<run_instance_on>},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

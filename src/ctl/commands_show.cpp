@@ -57,13 +57,13 @@ static exit_code run_show(const session &library, const given_names &names) {
     return show_result(format, "prsr_cfg", "record", view_of(*found.record, format));
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"list", "List the databases by their registered names, or the nodes, or the storage managers",
-     "[KIND]", with_library<run_list>},
-    {"show", "Show the whole record of a database", "DB", with_library<run_show>},
-};
-
 void add_show_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"list",
+         "List the databases by their registered names, or the nodes, or the storage managers",
+         "[KIND]", with_library<run_list>},
+        {"show", "Show the whole record of a database", "DB", with_library<run_show>},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

@@ -179,12 +179,11 @@ static exit_code run_status(const session &library, const given_names &names) {
     return names[0].empty() ? show_all(library) : show_database(library, names[0]);
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"status", "Show the services, instances and nodes of a database, or sum up the cluster",
-     "[DB]", with_library<run_status>},
-};
-
 void add_status_command(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"status", "Show the services, instances and nodes of a database, or sum up the cluster",
+         "[DB]", with_library<run_status>},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

@@ -9,13 +9,13 @@
 namespace keyview::ctl {
 
 // "storage manager entry Stg1 of scope node1".
-static std::string words_for(const given_names &names) {
+static std::string stg_subject(const given_names &names) {
     return "storage manager entry " + names[1] + " of scope " + names[0];
 }
 
 static exit_code run_stg(const session &library, const given_names &names) {
     fetched_stg found(library, names[0], names[1]);
-    library.check_record(found.rc, words_for(names) + " cannot be shown",
+    library.check_record(found.rc, stg_subject(names) + " cannot be shown",
                          STG_ROOT + ("." + element_of(names[0]) + "." + element_of(names[1])));
     output_format format = library.shared.format;
     return show_result(format, "prsr_stg_cfg", "record", view_of(*found.record, format));
@@ -24,7 +24,7 @@ static exit_code run_stg(const session &library, const given_names &names) {
 static exit_code run_stg_name(const session &library, const given_names &names) {
     std::string name;
     library.check(library.read_name(&name, prsr_get_stg_name, names[0], names[1]),
-                  "the registered name of " + words_for(names) + " cannot be read");
+                  "the registered name of " + stg_subject(names) + " cannot be read");
     return show_answer(library.shared.format, "stg_name",
                        {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"name", {name}}});
 }
@@ -32,7 +32,7 @@ static exit_code run_stg_name(const session &library, const given_names &names) 
 static exit_code run_stg_enabled(const session &library, const given_names &names) {
     int32_t enabled = 0;
     library.check(library.call(prsr_get_stg_enabled, names[0], names[1], &enabled),
-                  "whether " + words_for(names) + " is enabled cannot be read");
+                  "whether " + stg_subject(names) + " is enabled cannot be read");
     show_answer(
         library.shared.format, "stg_enabled",
         {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"enabled", enabled_view(enabled)}});
@@ -47,19 +47,18 @@ static exit_code run_nodeapps(const session &library, const given_names &names) 
     return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found.record, format));
 }
 
-static constexpr command_row COMMANDS[] = {
-    {"stg", "Show the whole record of a storage manager entry", "SCOPE NAME",
-     with_library<run_stg>},
-    {"stg-name", "Show the registered name of a storage manager entry", "SCOPE NAME",
-     with_library<run_stg_name>},
-    {"stg-enabled",
-     "Report whether a storage manager entry is enabled: exit code 0, or disabled: 1", "SCOPE NAME",
-     with_library<run_stg_enabled>},
-    {"nodeapps", "Show the whole record of a node's applications", "NODE",
-     with_library<run_nodeapps>},
-};
-
 void add_stg_nodeapps_commands(CLI::App *app, tool *shared) {
+    static constexpr command_row COMMANDS[] = {
+        {"stg", "Show the whole record of a storage manager entry", "SCOPE NAME",
+         with_library<run_stg>},
+        {"stg-name", "Show the registered name of a storage manager entry", "SCOPE NAME",
+         with_library<run_stg_name>},
+        {"stg-enabled",
+         "Report whether a storage manager entry is enabled: exit code 0, or disabled: 1",
+         "SCOPE NAME", with_library<run_stg_enabled>},
+        {"nodeapps", "Show the whole record of a node's applications", "NODE",
+         with_library<run_nodeapps>},
+    };
     add_commands(app, shared, COMMANDS);
 }
 

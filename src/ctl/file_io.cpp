@@ -114,7 +114,7 @@ std::string read_file(const std::string &name) {
     std::string content;
     char block[64 * 1024];
     for (;;) {
-        ssize_t got = read(file.fd, block, sizeof block);
+        ssize_t got = ::read(file.fd, block, sizeof block);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) fail(CANNOT_READ, name, errno);
         if (got == 0) return content;

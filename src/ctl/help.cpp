@@ -13,7 +13,7 @@ static constexpr char SEE[] = "See what is configured", CHANGE[] = "Change the c
 // A command below another has no task of its own.
 static constexpr struct {
     const char *command, *task, *example;
-} EXAMPLES[] = {
+} COMMAND_EXAMPLES[] = {
     {"status", SEE, "status Sales"},
     {"list", SEE, "list"},
     {"show", SEE, "show Sales"},
@@ -77,7 +77,7 @@ static const CLI::App *below(const CLI::App &app, const std::string &word) {
 }
 
 void add_examples(CLI::App *app) {
-    for (const auto &row : EXAMPLES) {
+    for (const auto &row : COMMAND_EXAMPLES) {
         CLI::App *command = app;
         for (const std::string &word : CLI::detail::split(row.command, ' '))
             command = command->get_subcommand(word);

@@ -36,7 +36,7 @@ static std::string painted_scalar(const view &shown) {
 
 // ---- Tables -------------------------------------------------------------------------------------
 
-static std::string cell_of(const view &shown) {
+static std::string people_cell(const view &shown) {
     const view_list *list = list_in(shown);
     if (list == nullptr) return scalar_of(shown);
     std::string out;
@@ -52,7 +52,7 @@ static std::string grid_of(const view_list &records) {
     for (const view &record : records) {
         std::vector<cell> row;
         for (const auto &[name, field] : std::get<view_fields>(record.value))
-            row.push_back({cell_of(field), tone_of(field)});
+            row.push_back({people_cell(field), tone_of(field)});
         row.resize(rows[0].size());
         rows.push_back(std::move(row));
     }

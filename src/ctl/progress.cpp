@@ -18,7 +18,7 @@ namespace keyview::ctl {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-static constexpr seconds FIRST{1}, LONGEST{60};
+static constexpr seconds FIRST_REPORT{1}, LONGEST_PAUSE{60};
 
 void progress::start() noexcept {
     if (!to_people_ || thread_.joinable()) return;
@@ -83,7 +83,7 @@ void progress::report_loop() {
     constexpr std::chrono::milliseconds FRAME{200};
     const bool moves = is_terminal(STDERR_FILENO);
     std::unique_lock guard(mutex_);
-    std::chrono::milliseconds pause = FIRST;
+    std::chrono::milliseconds pause = FIRST_REPORT;
     while (!changed_.wait_for(guard, pause, [this] { return stopped_; })) {
         std::chrono::duration<double> since = steady_clock::now() - begun_;
         if (moves) {
@@ -91,7 +91,7 @@ void progress::report_loop() {
             pause = FRAME;
         } else {
             print_remark(current_line(since.count()));
-            pause = std::min(std::chrono::duration_cast<seconds>(since), LONGEST);
+            pause = std::min(std::chrono::duration_cast<seconds>(since), LONGEST_PAUSE);
         }
     }
     if (moves) show_moving_line("");

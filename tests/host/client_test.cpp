@@ -5,25 +5,25 @@
 
 namespace keyview::test {
 
-static const std::string SALES = "DATABASE.DATABASES.sales";
+static const std::string SALES_KEY = "DATABASE.DATABASES.sales";
 static const std::string CRM = "DATABASE.DATABASES.crm";
 
 class Client : public RegistryTest {
   protected:
     Client() {
-        apply({put(SALES, std::string("Sales\0", 6)), put(CRM, "CRM"),
-               put(SALES + ".ENABLED", "true")});
+        apply({put(SALES_KEY, std::string("Sales\0", 6)), put(CRM, "CRM"),
+               put(SALES_KEY + ".ENABLED", "true")});
     }
 };
 
 TEST_F(Client, OpensExactlyWhatIsThere) {
     client keys;
-    EXPECT_EQ(keys.read(SALES), std::string("Sales\0", 6));
+    EXPECT_EQ(keys.read(SALES_KEY), std::string("Sales\0", 6));
     EXPECT_EQ(keys.read(CRM), "CRM");
     EXPECT_EQ(keys.read("DATABASE.DATABASES"), "");
     const std::string NONE[] = {"DATABASE.DATABASES.Sales",
                                 "DATABASE.DATABASES.sale",
-                                SALES + ".",
+                                SALES_KEY + ".",
                                 "DATABASE..DATABASES",
                                 "",
                                 ".",
@@ -37,14 +37,14 @@ TEST_F(Client, OpensExactlyWhatIsThere) {
 TEST_F(Client, EnumeratesWithACountdown) {
     client keys;
     EXPECT_EQ(keys.list("DATABASE.DATABASES"), "1:crm 0:sales (16)0");
-    EXPECT_EQ(keys.list(SALES), "0:ENABLED (16)0");
+    EXPECT_EQ(keys.list(SALES_KEY), "0:ENABLED (16)0");
     EXPECT_EQ(keys.list(CRM), "(16)-1");
 }
 
 TEST_F(Client, ABufferThatIsTooSmallLosesNothing) {
     client keys;
     void *key = nullptr;
-    ASSERT_EQ(keys.open(SALES, &key), 0);
+    ASSERT_EQ(keys.open(SALES_KEY, &key), 0);
     char buffer[8] = "";
     uint32_t size = 5;
     EXPECT_EQ(kvtc_get_value(keys.reg, key, nullptr, buffer, &size), KVTC_ERR_MORE_DATA);
@@ -87,7 +87,7 @@ TEST_F(Client, HandlesThatAreNotLiveAreRefused) {
     ASSERT_EQ(keys.open(CRM, &key), 0);
     EXPECT_NE(kvtc_close_key(other.reg, key), 0) << "another handle's key";
     EXPECT_EQ(kvtc_close_key(keys.reg, key), 0);
-    ASSERT_EQ(keys.open(SALES, &reused), 0);
+    ASSERT_EQ(keys.open(SALES_KEY, &reused), 0);
     EXPECT_EQ(keys.value_of(key), "(2)") << "its place is another key's now";
     EXPECT_EQ(kvtc_terminate(other.reg), 0);
     for (void *bad :

@@ -26,8 +26,8 @@ extern "C" ssize_t pread(int fd, void *to, size_t size, off_t offset) {
 
 namespace keyview::test {
 
-static constexpr const char *NAME = "LKRT.DATABASE.DATABASES.sales";
-static constexpr const char *KEY = "DATABASE.DATABASES.sales.ROLE";
+static constexpr const char *PROCESS_LOCK = "LKRT.DATABASE.DATABASES.sales";
+static constexpr const char *ROLE_KEY = "DATABASE.DATABASES.sales.ROLE";
 
 class Process : public RegistryTest {};
 
@@ -37,23 +37,23 @@ static const locker *late_locker;
 
 static void fetch_and_exit() {
     static std::vector<std::string> overwritten;  // reachable when the process ends
-    int32_t rc = late_locker->exclusive(NAME);
+    int32_t rc = late_locker->exclusive(PROCESS_LOCK);
     for (size_t size = 16; size <= 4096; size += 16) {
         for (int i = 0; i < 8; ++i)
             overwritten.emplace_back(size, '\xFF');
     }
-    bool same = late_client->read(KEY) == "PRIMARY";
-    if (rc == 0) rc = late_locker->unlock(NAME);
+    bool same = late_client->read(ROLE_KEY) == "PRIMARY";
+    if (rc == 0) rc = late_locker->unlock(PROCESS_LOCK);
     _exit(rc == 0 && same ? 0 : 1);
 }
 
 TEST_F(Process, AnAtexitHandlerCanFetch) {
-    apply({put(KEY, "PRIMARY")});
+    apply({put(ROLE_KEY, "PRIMARY")});
     child_process exiting([](const meeting &) {
         late_client = new client;
         late_locker = new locker;
-        (void)late_locker->exclusive(NAME);  // so that this thread has a table of locks
-        (void)late_locker->unlock(NAME);
+        (void)late_locker->exclusive(PROCESS_LOCK);  // so that this thread has a table of locks
+        (void)late_locker->unlock(PROCESS_LOCK);
         (void)atexit(fetch_and_exit);
         exit(2);
         return 3;
@@ -85,7 +85,7 @@ TEST_F(Process, ForksWhileARegistryIsOpened) {
     slow.join();
     EXPECT_TRUE(child.here.wait());
     EXPECT_LT(took, 1s) << "the fork waited for the open";
-    EXPECT_EQ(apply({put(KEY)}).created, 4u);
+    EXPECT_EQ(apply({put(ROLE_KEY)}).created, 4u);
 }
 
 }  // namespace keyview::test

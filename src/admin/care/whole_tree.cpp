@@ -23,7 +23,7 @@ static void add_damage(void *arg, keyview_bytes location, keyview_bytes reason) 
     call->run([&] { call->damage->add(text_of(location), text_of(reason)); });
 }
 
-static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
+static void add_sound_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
     auto *call = static_cast<inspection_call *>(arg);
     call->run([&] {
         if (path_within(text_of(path), ROOT)) (*call->keys)[text_of(path)] = text_of(*value);
@@ -33,7 +33,7 @@ static void add_row(void *arg, keyview_bytes path, const keyview_bytes *value) {
 inspected inspect_registry(key_map *keys, problem_list *damage) {
     inspected out;
     inspection_call call{{}, keys, damage};
-    int32_t rc = keyview_registry_check(add_damage, add_row, &call, &out.keys, &out.pages);
+    int32_t rc = keyview_registry_check(add_damage, add_sound_row, &call, &out.keys, &out.pages);
     call.finish(rc == KEYVIEW_FAILURE_NOT_FOUND ? KEYVIEW_FAILURE_REGISTRY : rc);
     return out;
 }

@@ -10,7 +10,7 @@ namespace keyview::admin {
 
 using nlohmann::json;
 
-[[noreturn]] static void refuse(const std::string &why) {
+[[noreturn]] static void refuse_undo(const std::string &why) {
     throw error(KEYVIEW_FAILURE_CONTENT, "the list of changes is invalid: " + why);
 }
 
@@ -18,11 +18,11 @@ using nlohmann::json;
 static std::optional<std::string> value_in(const json &change, const std::string &name) {
     auto text = change.find(name), raw = change.find(name + "_base64");
     std::string bytes;
-    if (text == change.end()) refuse("a change has no \"" + name + "\"");
+    if (text == change.end()) refuse_undo("a change has no \"" + name + "\"");
     if (text->is_string()) return text->get<std::string>();
     if (raw == change.end()) return std::nullopt;
     if (!raw->is_string() || !from_base64(raw->get_ref<const std::string &>(), &bytes))
-        refuse("\"" + name + "_base64\" is no base64");
+        refuse_undo("\"" + name + "_base64\" is no base64");
     return bytes;
 }
 
@@ -31,13 +31,13 @@ static std::vector<key_change> changes_in(std::string_view text) {
     json list = parse_json(text, &problems);
     problems.throw_if_any("the list of changes is no JSON");
     if (!list.is_object() || list.value("kind", json()) != "changes" || !list["changes"].is_array())
-        refuse("it must be an object of the kind \"changes\"");
+        refuse_undo("it must be an object of the kind \"changes\"");
     std::vector<key_change> changes;
     for (const json &one : list["changes"]) {
-        if (!one.is_object()) refuse("a change must be an object");
+        if (!one.is_object()) refuse_undo("a change must be an object");
         std::optional<std::string> path = value_in(one, "path");
         const char *fault = path ? path_fault(*path) : "there is none";
-        if (fault != nullptr) refuse("a path: " + std::string(fault));
+        if (fault != nullptr) refuse_undo("a path: " + std::string(fault));
         changes.push_back({*path, value_in(one, "before"), value_in(one, "after")});
     }
     return changes;

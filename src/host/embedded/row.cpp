@@ -7,9 +7,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/embedded/pages/page_format.h"
+
 namespace keyview::host {
 
-static constexpr size_t LONGEST_KEY = 511;  // LMDB's limit
 static constexpr size_t HASHED_HEAD = LONGEST_KEY - 1 - sizeof(XXH128_canonical_t);
 static constexpr char INNER = '\x01';
 static constexpr char LAST = '\x00';

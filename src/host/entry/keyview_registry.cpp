@@ -27,7 +27,7 @@ static std::string_view view_of(keyview_bytes bytes) {
     return bytes.size == 0 ? std::string_view() : std::string_view(bytes.data, bytes.size);
 }
 
-static keyview_bytes bytes_of(std::string_view text) {
+static keyview_bytes c_bytes(std::string_view text) {
     return {text.data(), text.size()};
 }
 
@@ -72,21 +72,21 @@ static reach depth_of(int32_t depth) {
 static void read_part(moment *now, std::string_view path, reach depth, bool salvage,
                       keyview_row_callback row, void *arg) {
     auto deliver_row = [&](std::string_view key, std::string_view value) {
-        keyview_bytes bytes = bytes_of(value);
-        row(arg, bytes_of(key), &bytes);
+        keyview_bytes bytes = c_bytes(value);
+        row(arg, c_bytes(key), &bytes);
     };
     if (salvage) {
         (void)now->scan(path, depth, deliver_row,
-                        [&](std::string_view key) { row(arg, bytes_of(key), nullptr); });
+                        [&](std::string_view key) { row(arg, c_bytes(key), nullptr); });
     } else {
         (void)now->moment::scan(path, depth, deliver_row, {});  // of a copy, which is in order
     }
 }
 
 static void deliver(const tree_change &one, keyview_change_callback change, void *arg) {
-    keyview_bytes before = one.before ? bytes_of(*one.before) : keyview_bytes{};
-    keyview_bytes after = one.after ? bytes_of(*one.after) : keyview_bytes{};
-    change(arg, one.revision, bytes_of(one.path), one.before ? &before : nullptr,
+    keyview_bytes before = one.before ? c_bytes(*one.before) : keyview_bytes{};
+    keyview_bytes after = one.after ? c_bytes(*one.after) : keyview_bytes{};
+    change(arg, one.revision, c_bytes(one.path), one.before ? &before : nullptr,
            one.after ? &after : nullptr);
 }
 
@@ -216,8 +216,8 @@ int32_t keyview_lock_list(keyview_registry *registry, const keyview_bytes *names
                           keyview_lock_callback use, void *arg) {
     return coded([&] {
         for (const lock_use &one : registry->opened.locks->users(strings_of(names, count))) {
-            use(arg, bytes_of(one.name), one.mode == lock_mode::shared ? 1 : 0, one.waits ? 1 : 0,
-                bytes_of(one.holder));
+            use(arg, c_bytes(one.name), one.mode == lock_mode::shared ? 1 : 0, one.waits ? 1 : 0,
+                c_bytes(one.holder));
         }
     });
 }
@@ -228,11 +228,11 @@ int32_t keyview_registry_check(keyview_damage_callback damage, keyview_row_callb
         check_counts counts = check_backend(
             registry_url(),
             [&](const std::string &location, const std::string &reason) {
-                damage(arg, bytes_of(location), bytes_of(reason));
+                damage(arg, c_bytes(location), c_bytes(reason));
             },
             [&](std::string_view path, std::string_view value) {
-                keyview_bytes bytes = bytes_of(value);
-                row(arg, bytes_of(path), &bytes);
+                keyview_bytes bytes = c_bytes(value);
+                row(arg, c_bytes(path), &bytes);
             });
         *keys = counts.keys;
         *pages = counts.pages;
@@ -242,7 +242,7 @@ int32_t keyview_registry_check(keyview_damage_callback damage, keyview_row_callb
 int32_t keyview_registry_diagnose(keyview_diagnosis_callback found, void *arg) {
     return coded([&] {
         diagnose_backend(registry_url(), [&](const diagnosis &one) {
-            found(arg, bytes_of(one.subject), static_cast<int32_t>(one.state), bytes_of(one.text));
+            found(arg, c_bytes(one.subject), static_cast<int32_t>(one.state), c_bytes(one.text));
         });
     });
 }

@@ -15,7 +15,7 @@
 using namespace keyview;
 using namespace keyview::host;
 
-static constexpr uint16_t VERSION[] = {2, 1};
+static constexpr uint16_t LKSV_VERSION[] = {2, 1};
 static constexpr uint64_t SIZE = 272;
 static constexpr size_t MAX_NAME_LENGTH = MAX_PATH_LENGTH + 16;
 
@@ -28,19 +28,19 @@ struct lock_client {
 
 }  // namespace
 
-static handle_table<lock_client> clients(2);
+static handle_table<lock_client> lock_clients(2);
 
 static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
     if (lk == nullptr || version == nullptr) {
         return fail(BAD_ARGUMENT, {"a pointer of the call is null"});
     }
-    if (version[0] != VERSION[0] || version[1] != VERSION[1] || size != SIZE) {
+    if (version[0] != LKSV_VERSION[0] || version[1] != LKSV_VERSION[1] || size != SIZE) {
         return fail(BAD_ARGUMENT, {"the lock service is version 2.1 with size 272"});
     }
     (void)lock_wait_ms();  // a setting that cannot be used is told now
     auto client = std::make_unique<lock_client>();
     client->registry = open_backend(registry_url(), open_mode::existing);
-    void *made = clients.add(std::move(client));
+    void *made = lock_clients.add(std::move(client));
     if (made == nullptr) return fail(FAILED, {"the process has too many lock service handles"});
     *lk = made;
     return 0;
@@ -48,7 +48,7 @@ static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
 
 static int32_t take_lock(void *lk, const char *name, lock_mode mode) {
     return at_border([&]() -> int32_t {
-        lock_client *client = clients.find(lk);
+        lock_client *client = lock_clients.find(lk);
         if (client == nullptr) return fail(BAD_ARGUMENT, {"this is no live lock service handle"});
         size_t length = name == nullptr ? 0 : strnlen(name, MAX_NAME_LENGTH + 1);
         if (length == 0 || length > MAX_NAME_LENGTH) {
@@ -76,7 +76,7 @@ int32_t lksvsinit(void * /*status*/, void **lk, const uint16_t *version, const u
 // Locks that other threads took through the handle stay with them.
 int32_t lksvsterm(void * /*status*/, void *lk) {
     return at_border([&]() -> int32_t {
-        if (clients.remove(lk) == nullptr) {
+        if (lock_clients.remove(lk) == nullptr) {
             return fail(BAD_ARGUMENT, {"this is no live lock service handle"});
         }
         held_locks::of_thread().release_all(lk);

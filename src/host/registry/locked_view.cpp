@@ -11,7 +11,7 @@ static constexpr size_t MAX_SINGLE_KEYS = 32;
 // The bounds of the cache of a registry handle.
 static constexpr size_t MAX_KEPT = 8;
 static constexpr size_t MAX_KEPT_SINGLE_KEYS = MAX_SINGLE_KEYS / 2;  // at another revision
-static constexpr size_t MAX_KEPT_BYTES = size_t{16} << 20;
+static constexpr size_t MAX_COPIED_BYTES = size_t{16} << 20;
 
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
@@ -57,7 +57,7 @@ void kept_copies::drop_oldest() {
     size_t kept = 0;
     for (size_t bytes = 0; kept < std::min(all_.size(), MAX_KEPT); ++kept) {
         bytes += all_[all_.size() - 1 - kept]->bytes();
-        if (bytes > MAX_KEPT_BYTES) break;
+        if (bytes > MAX_COPIED_BYTES) break;
     }
     all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
 }

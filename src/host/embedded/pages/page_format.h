@@ -99,7 +99,7 @@ struct meta {
 };
 static_assert(sizeof(meta) == 136, "the layout is LMDB's");
 
-constexpr size_t LONGEST_KEY = 511;
+constexpr size_t LONGEST_KEY = 511;  // what LMDB is built with
 constexpr unsigned MOST_LEVELS = 32;
 
 }  // namespace keyview::host
