@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "host/support/deadline.h"
 #include "host/support/error.h"
@@ -23,6 +24,7 @@ namespace keyview::host {
 
 static constexpr const char *DATA_FILE = "data.mdb";
 static constexpr const char *NEW_DATA_FILE = "data.new";
+static constexpr const char *FORMAT_FILE = "format";
 static constexpr const char *LMDB_LOCK_FILE = "lock.mdb";
 static constexpr const char *FILES[] = {DATA_FILE, LMDB_LOCK_FILE, registry_directory::LOCK_FILE};
 static constexpr uint32_t CREATION_WAIT_MS = 30000;
@@ -145,6 +147,27 @@ static mode_t check_directory(const std::string &path, int fd) {
     return 0600 | ((found.st_mode & S_ISGID) != 0 ? found.st_mode & 0060 : 0);
 }
 
+// The version of all files, of the rows in them and of the words in the lock file. Without its file it
+// is 1: what writes another version makes the file, with the version in place of 1. Such a registry is
+// not damaged: nobody should restore a backup over it.
+static void check_format(const std::string &path, int directory) {
+    static constexpr std::string_view HEAD = "keyview ", KNOWN = "keyview 1\n";
+    unique_fd fd(openat(directory, FORMAT_FILE, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid() && errno == ENOENT) return;
+    char text[32];
+    ssize_t size = fd.valid() ? pread(fd.get(), text, sizeof text, 0) : -1;
+    if (size < 0) throw failed(path, FORMAT_FILE);
+    std::string_view found(text, static_cast<size_t>(size));
+    if (found == KNOWN) return;
+    if (found.substr(0, HEAD.size()) != HEAD)
+        throw refused(failure::registry, path, "its file \"format\" is not one of keyview");
+    found.remove_prefix(HEAD.size());
+    throw refused(
+        failure::registry, path,
+        "it has format " + std::string(found.substr(0, found.find('\n'))) +
+            ", and this version of keyview reads format 1; install the version that wrote it");
+}
+
 // Does not open an existing file: to open and close LMDB's lock file would undo its protection.
 static bool check_file(const std::string &path, int directory, const char *name,
                        struct stat *found) {
@@ -205,6 +228,7 @@ registry_directory::registry_directory(const std::string &path, open_mode mode)
     if (mode == open_mode::create) make_directory(path_);
     fd_ = open_directory(path_);
     file_mode_ = check_directory(path_, fd());
+    check_format(path_, fd());
     struct stat found = {};
     bool made = false;
     for (size_t n = 0; n < std::size(FILES); ++n) {

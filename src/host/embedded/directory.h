@@ -1,7 +1,8 @@
 // The directory of an embedded registry: found or made, and refused if it is not safe.
 //
 //     data.mdb, lock.mdb    LMDB's
-//     locks                 the byte ranges of the named locks
+//     locks                 the byte ranges of the named locks, and the shared words
+//     format                "keyview" and the version of all this; there is none for version 1
 //
 // The directory is made with mode 0700 and files with 0600, whatever the umask. If an
 // administrator gives the directory to a group, set-group-ID included (chmod g+rwxs), files get the
