@@ -11,6 +11,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "admin/care/backup.h"
@@ -82,7 +83,12 @@ struct line_reader {
 // The text before its checksum.
 static std::string_view verified(std::string_view content) {
     if (!is_backup(content)) refuse("it does not begin with \"keyview-backup\"");
-    if (content.substr(0, FIRST_LINE.size()) != FIRST_LINE) refuse("its format is not 1");
+    if (content.substr(0, FIRST_LINE.size()) != FIRST_LINE) {
+        std::string_view version = content.substr(HEAD.size());
+        refuse("it has format " +
+               std::string(version.substr(0, std::min<size_t>(version.find('\n'), 20))) +
+               ", and this version of keyview reads format 1");
+    }
     size_t at = content.rfind(CHECKSUM);
     if (at == content.npos || content[at - 1] != '\n')
         refuse("it has no checksum: it was cut short");

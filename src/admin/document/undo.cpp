@@ -32,6 +32,8 @@ static std::vector<key_change> changes_in(std::string_view text) {
     problems.throw_if_any("the list of changes is no JSON");
     if (!list.is_object() || list.value("kind", json()) != "changes" || !list["changes"].is_array())
         refuse_undo("it must be an object of the kind \"changes\"");
+    if (list.value("version", json(1)) != 1)
+        refuse_undo("it is not of version 1, which this version of keyviewctl reads");
     std::vector<key_change> changes;
     for (const json &one : list["changes"]) {
         if (!one.is_object()) refuse_undo("a change must be an object");
