@@ -8,6 +8,8 @@ import glob
 import os
 import re
 import shutil
+import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -19,6 +21,12 @@ OPERATIONS = [page for page in PAGES if page.endswith(".3")]
 DOCUMENTS = [f"{SOURCES}/README.md", *sorted(glob.glob(f"{SOURCES}/docs/*.md"))]
 LINKS = ["-I", f"{BUILD}/include", "-L", f"{BUILD}/lib", f"-Wl,-rpath,{BUILD}/lib"]
 MARKS = {"\\e": "\\", "\\-": "-", "\\&": "", "\\(aq": "'"}
+
+
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
 
 
 def content(name):
@@ -83,9 +91,18 @@ class Documents(unittest.TestCase):
     def run_examples(self, name):
         self.prepare(name)
         script = commands_of(name).replace("/var/lib/keyview", f"{self.folder}/registry").replace(
-            "keyviewctl watch ", "keyviewctl watch --for 0.1 ")
-        ended = subprocess.run(["sh", "-e"], input=script, cwd=self.folder, env=self.env, capture_output=True, text=True)
-        self.assertEqual(ended.returncode, 0, f"{name}\n{script}\n{ended.stdout[-2000:]}\n{ended.stderr[-2000:]}")
+            "keyviewctl watch ", "keyviewctl watch --for 0.1 ").replace("sleep 1", "sleep 0.2")
+        ports = {}
+        script = re.sub(r":(23\d\d)\b", lambda port: ":%d" % ports.setdefault(port[1], free_port()), script)
+        with open(f"{self.folder}/output", "w+") as output:
+            shell = subprocess.Popen(["sh", "-e"], stdin=subprocess.PIPE, stdout=output, stderr=output, cwd=self.folder,
+                                     env=self.env, text=True, start_new_session=True)
+            try:
+                shell.communicate(script, timeout=120)
+            finally:
+                os.killpg(shell.pid, signal.SIGKILL) if ports else None  # the members that it started
+            output.seek(0)
+            self.assertEqual(shell.returncode, 0, f"{name}\n{script}\n{output.read()[-3000:]}")
 
     # What mandoc has to say of a page, but for pages of this set: it looks for those in the system alone.
     def test_the_pages_are_well_formed(self):
@@ -122,6 +139,11 @@ class Documents(unittest.TestCase):
         for name in names:
             ended = subprocess.run([f"{self.folder}/all", name], env=self.env, capture_output=True, text=True)
             self.assertEqual((ended.returncode, ended.stdout == ""), (0, False), (name, ended))
+
+    def test_links_lead_to_files(self):
+        for document in [*DOCUMENTS, f"{SOURCES}/ARCHITECTURE.md", f"{SOURCES}/CONTRIBUTING.md", f"{SOURCES}/CHANGELOG.md"]:
+            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", content(document)):
+                self.assertTrue(os.path.exists(os.path.join(os.path.dirname(document), link)), f"{document}: {link}")
 
     def test_the_way_of_a_new_user_is_short(self):
         way = re.search(r"(?s)## From the shell\n+```sh\n(.*?)```", content(DOCUMENTS[0])).group(1)
