@@ -4,6 +4,7 @@ programs of the pages of the operations. The pages are well-formed, and each ope
 
 Usage: documents_test.py KEYVIEWCTL BUILD SOURCES COMPILER
 """
+import concurrent.futures
 import glob
 import os
 import re
@@ -59,15 +60,14 @@ def commands_of(name):
     return "\n".join(line[2:] for line in lines if line.startswith("$ "))
 
 
-class Documents(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.env = {"PATH": f"{self.folder}/bin:{BUILD}/bin:{os.environ['PATH']}", "HOME": self.folder}
+class Reader:
+    """A folder in which a reader of a document stands: the examples, the program of the README, a registry that
+    may be empty, the installed programs on the path."""
 
-    # A folder in which a reader may stand: the examples, the program of the README, a registry that may be empty.
-    def prepare(self, name):
-        os.mkdir(f"{self.folder}/bin")
+    def __init__(self, name):
+        self.name = name
+        self.folder = tempfile.mkdtemp()
+        self.env = {"PATH": f"{self.folder}/bin:{BUILD}/bin:{os.environ['PATH']}", "HOME": self.folder}
         self.write("bin/cc", f'#!/bin/sh\nexec {COMPILER} {" ".join(LINKS)} "$@" {" ".join(LINKS[2:])}\n')
         os.chmod(f"{self.folder}/bin/cc", 0o755)
         for example in glob.glob(f"{SOURCES}/examples/*.*"):
@@ -78,19 +78,30 @@ class Documents(unittest.TestCase):
             self.write(".config/keyview/config", blocks_of_page(name)[0] + "\n")
         if "apply cluster.json" not in commands_of(name):
             self.env["KEYVIEW_REGISTRY"] = f"lmdb:{self.folder}/registry"
-            subprocess.run([TOOL, "apply", "cluster.json"], cwd=self.folder, env=self.env, check=True,
-                           stdout=subprocess.DEVNULL)
+            self.run(TOOL, "apply", "cluster.json")
         if name.endswith("keyview-hosttest.1"):
-            subprocess.run(["cc", "-shared", "-fPIC", "-o", "host.so", "host.c"], cwd=self.folder, env=self.env, check=True)
+            self.run("cc", "-shared", "-fPIC", "-o", "host.so", "host.c")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        shutil.rmtree(self.folder, ignore_errors=True)  # a member that was killed may still write
 
     def write(self, name, text):
         os.makedirs(os.path.dirname(f"{self.folder}/{name}"), exist_ok=True)
         with open(f"{self.folder}/{name}", "w") as file:
             file.write(text)
 
-    def run_examples(self, name):
-        self.prepare(name)
-        script = commands_of(name).replace("/var/lib/keyview", f"{self.folder}/registry").replace(
+    def run(self, *command):
+        ended = subprocess.run(command, cwd=self.folder, env=self.env, capture_output=True, text=True)
+        if ended.returncode != 0:
+            raise AssertionError(f"{command}: {ended.returncode}: {ended.stdout[-2000:]}{ended.stderr[-2000:]}")
+        return ended.stdout
+
+    # The commands in their order, with ports of this run and no wait that is for people.
+    def run_examples(self):
+        script = commands_of(self.name).replace("/var/lib/keyview", f"{self.folder}/registry").replace(
             "keyviewctl watch ", "keyviewctl watch --for 0.1 ").replace("sleep 1", "sleep 0.2")
         ports = {}
         script = re.sub(r":(23\d\d)\b", lambda port: ":%d" % ports.setdefault(port[1], free_port()), script)
@@ -100,9 +111,25 @@ class Documents(unittest.TestCase):
             try:
                 shell.communicate(script, timeout=120)
             finally:
-                os.killpg(shell.pid, signal.SIGKILL) if ports else None  # the members that it started
+                if ports:  # the members that it started
+                    os.killpg(shell.pid, signal.SIGKILL)
             output.seek(0)
-            self.assertEqual(shell.returncode, 0, f"{name}\n{script}\n{output.read()[-3000:]}")
+            return shell.returncode, f"{self.name}\n{script}\n{output.read()[-3000:]}"
+
+
+class Documents(unittest.TestCase):
+    # At once: most of the time is a wait for members, locks and compilers.
+    def test_the_examples_of_documents_run(self):
+        shown = [name for name in DOCUMENTS + PAGES if commands_of(name)]
+        self.assertGreater(len(shown), 14)
+
+        def run_examples(name):
+            with Reader(name) as reader:
+                return reader.run_examples()
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            for code, text in pool.map(run_examples, shown):
+                with self.subTest(text.split("\n")[0]):
+                    self.assertEqual(code, 0, text)
 
     # What mandoc has to say of a page, but for pages of this set: it looks for those in the system alone.
     def test_the_pages_are_well_formed(self):
@@ -132,13 +159,11 @@ class Documents(unittest.TestCase):
             source += example[0].replace("int main(void)", f"static int main_of_{name}(void)") + "\n"
         source += "int main(int argc, char **argv) {\n    (void)argc;\n"
         source += "".join(f'    if (strcmp(argv[1], "{name}") == 0) return main_of_{name}();\n' for name in names)
-        self.write("all.c", source + "    return 2;\n}\n")
-        self.prepare(OPERATIONS[0])
-        subprocess.run(["cc", "-std=c99", "-Wall", "-Wextra", "-Werror", "-o", "all", "all.c", "-lkeyview12", "-lkeyview-host"],
-                       cwd=self.folder, env=self.env, check=True)
-        for name in names:
-            ended = subprocess.run([f"{self.folder}/all", name], env=self.env, capture_output=True, text=True)
-            self.assertEqual((ended.returncode, ended.stdout == ""), (0, False), (name, ended))
+        with Reader(OPERATIONS[0]) as reader:
+            reader.write("all.c", source + "    return 2;\n}\n")
+            reader.run("cc", "-std=c99", "-Wall", "-Wextra", "-Werror", "-o", "all", "all.c", "-lkeyview12", "-lkeyview-host")
+            for name in names:
+                self.assertNotEqual(reader.run(f"{reader.folder}/all", name), "", name)
 
     def test_links_lead_to_files(self):
         for document in [*DOCUMENTS, f"{SOURCES}/ARCHITECTURE.md", f"{SOURCES}/CONTRIBUTING.md", f"{SOURCES}/CHANGELOG.md"]:
@@ -149,12 +174,6 @@ class Documents(unittest.TestCase):
         way = re.search(r"(?s)## From the shell\n+```sh\n(.*?)```", content(DOCUMENTS[0])).group(1)
         self.assertLessEqual(len(way.splitlines()), 10)
 
-
-# A test for each page and document that shows commands.
-for shown in DOCUMENTS + PAGES:
-    if commands_of(shown):
-        title = "test_" + re.sub(r"\W", "_", os.path.relpath(shown, SOURCES))
-        setattr(Documents, title, lambda self, name=shown: self.run_examples(name))
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1])

@@ -26,7 +26,8 @@ for file in "$libdir/libkeyview12.so" "$libdir/libkeyview-host.so" include/keyvi
     include/keyview/keyview_host.h include/keyview/keyview_registry.h include/keyview/platform/kvtc.h \
     share/bash-completion/completions/keyviewctl share/zsh/site-functions/_keyviewctl \
     share/fish/vendor_completions.d/keyviewctl.fish share/man/man1/keyviewctl.1 \
-    share/man/man5/keyview-document.5 share/man/man7/keyview-keys.7 \
+    share/man/man5/keyview-document.5 share/man/man7/keyview-keys.7 share/man/man7/keyview.7 \
+    share/man/man3/prsr_init.3 share/man/man3/prsr_release_nodeapps_config.3 \
     share/keyview/schemas/keyviewctl-1.json share/keyview/schemas/keyview-cluster-1.json \
     share/doc/keyview/README.md share/doc/keyview/docs/keyview-document.md \
     share/doc/keyview/examples/cluster.json; do
@@ -48,6 +49,7 @@ left=$(grep -rlF -e /opt/keyview -e "$folder/staged" -e "$sources" "$lib/pkgconf
 [ -z "$left" ] || fail "names the folder of its build: $left"
 
 "$prefix/bin/keyviewctl" apply "$prefix/share/doc/keyview/examples/cluster.json" >/dev/null
+"$prefix/bin/keyview-hosttest" "$lib/libkeyview-host.so"
 "$prefix/bin/keyviewctl" manual | cmp - "$prefix/share/man/man1/keyviewctl.1"
 
 mkdir "$folder/programs" "$folder/by-pkg-config"
