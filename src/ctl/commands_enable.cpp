@@ -12,32 +12,21 @@ namespace keyview::ctl {
 // What has a flag: a database or, where the other names are not empty, what is in it.
 enum { DB, SERVICE, INSTANCE };
 
-namespace {
-// The operations on each kind of flag; value is what is set, or receives what is read.
-template <typename value>
-struct flag_operations {
-    int32_t (*of_database)(void *, prsr_ctx *, const char *, value);
-    int32_t (*of_instance)(void *, prsr_ctx *, const char *, const char *, value);
-    int32_t (*of_service)(void *, prsr_ctx *, const char *, const char *, value);
-    int32_t (*of_service_instance)(void *, prsr_ctx *, const char *, const char *, const char *,
-                                   value);
+static prsr::result<bool> read_flag(const session &library, const given_names &of) {
+    bool database = of[SERVICE].empty(), whole = of[INSTANCE].empty();
+    if (database && whole) return library->get_db_enabled(of[DB]);
+    if (database) return library->get_instance_enabled(of[DB], of[INSTANCE]);
+    if (whole) return library->get_service_enabled(of[DB], of[SERVICE]);
+    return library->get_service_instance_enabled(of[DB], of[SERVICE], of[INSTANCE]);
+}
 
-    int32_t run(const session &library, const given_names &of, value flag) const {
-        bool database = of[SERVICE].empty(), whole = of[INSTANCE].empty();
-        if (database && whole) return library.call(of_database, of[DB], flag);
-        if (database) return library.call(of_instance, of[DB], of[INSTANCE], flag);
-        if (whole) return library.call(of_service, of[DB], of[SERVICE], flag);
-        return library.call(of_service_instance, of[DB], of[SERVICE], of[INSTANCE], flag);
-    }
-};
-}  // namespace
-
-static constexpr flag_operations<int32_t *> GET = {prsr_get_db_enabled, prsr_get_instance_enabled,
-                                                   prsr_get_service_enabled,
-                                                   prsr_get_service_instance_enabled};
-static constexpr flag_operations<int32_t> SET = {prsr_set_db_enabled, prsr_set_instance_enabled,
-                                                 prsr_set_service_enabled,
-                                                 prsr_set_service_instance_enabled};
+static prsr::result<void> write_flag(const session &library, const given_names &of, bool enabled) {
+    bool database = of[SERVICE].empty(), whole = of[INSTANCE].empty();
+    if (database && whole) return library->set_db_enabled(of[DB], enabled);
+    if (database) return library->set_instance_enabled(of[DB], of[INSTANCE], enabled);
+    if (whole) return library->set_service_enabled(of[DB], of[SERVICE], enabled);
+    return library->set_service_instance_enabled(of[DB], of[SERVICE], of[INSTANCE], enabled);
+}
 
 // "instance Sales1 of service audit of database Sales".
 static std::string subject_of(const given_names &of) {
@@ -46,7 +35,7 @@ static std::string subject_of(const given_names &of) {
 }
 
 static exit_code show_answer_for(const session &library, const given_names &of,
-                                 const char *question, int32_t flag, const view &answer) {
+                                 const char *question, bool flag, const view &answer) {
     show_answer(library.shared.format, question,
                 {{"dbname", {of[DB]}},
                  {"srvname", optional_view(of[SERVICE])},
@@ -66,46 +55,42 @@ static std::string flag_key(const given_names &of) {
 }
 
 // A service is set with all its instances.
-static exit_code change_flag(const session &library, const given_names &of, int32_t enabled) {
-    const std::string what =
-        subject_of(of) + " cannot be " + (enabled != 0 ? "enabled" : "disabled");
-    int32_t present = 0;
-    library.check(GET.run(library, of, &present), what);
+static exit_code change_flag(const session &library, const given_names &of, bool enabled) {
+    const std::string what = subject_of(of) + " cannot be " + (enabled ? "enabled" : "disabled");
+    library.check(read_flag(library, of).code(), what);
     bool cascade = !of[SERVICE].empty() && of[INSTANCE].empty();
     return change_words(library, what,
-                        {flag_key(of), cascade, element_of(enabled != 0 ? FLAG_TRUE : FLAG_FALSE)},
-                        [&] { return SET.run(library, of, enabled); });
+                        {flag_key(of), cascade, element_of(enabled ? FLAG_TRUE : FLAG_FALSE)},
+                        [&] { return write_flag(library, of, enabled).code(); });
 }
 
-template <int32_t ENABLED>
+template <bool ENABLED>
 static exit_code run_change(const session &library, const given_names &names) {
     return change_flag(library, names, ENABLED);
 }
 
 static exit_code run_enabled(const session &library, const given_names &names) {
-    int32_t enabled = 0;
-    library.check(GET.run(library, names, &enabled),
-                  "whether " + subject_of(names) + " is enabled cannot be read");
-    return show_answer_for(library, names, "enabled", enabled, enabled_view(enabled));
+    const auto enabled = read_flag(library, names);
+    library.check(enabled.code(), "whether " + subject_of(names) + " is enabled cannot be read");
+    return show_answer_for(library, names, "enabled", *enabled, enabled_view(*enabled));
 }
 
 static exit_code run_supported(const session &library, const given_names &names) {
-    int32_t supported = 0, ignored = 0;
-    int32_t rc = library.call(prsr_get_service_instance_supported, names[DB], names[SERVICE],
-                              names[INSTANCE], &supported);
-    rc = refined(rc, [&] { return GET.run(library, names, &ignored); });
-    library.check(rc, "whether " + subject_of(names) + " is supported cannot be read");
-    return show_answer_for(library, names, "supported", supported, flag_view(supported));
+    const auto supported =
+        library->get_service_instance_supported(names[DB], names[SERVICE], names[INSTANCE]);
+    library.check(refined(supported.code(), [&] { return read_flag(library, names).code(); }),
+                  "whether " + subject_of(names) + " is supported cannot be read");
+    return show_answer_for(library, names, "supported", *supported, flag_view(*supported));
 }
 
 void add_enable_commands(CLI::App *app, tool *shared) {
     static constexpr command_row COMMANDS[] = {
         {"enable",
          "Enable a database, an instance, a service with all its instances, or one instance of it",
-         "DB --service --instance --dry-run", with_library<run_change<1>>},
+         "DB --service --instance --dry-run", with_library<run_change<true>>},
         {"disable",
          "Disable a database, an instance, a service with all its instances, or one instance of it",
-         "DB --service --instance --dry-run", with_library<run_change<0>>},
+         "DB --service --instance --dry-run", with_library<run_change<false>>},
         {"enabled", "Report whether one of these is enabled: exit code 0, or disabled: 1",
          "DB --service --instance", with_library<run_enabled>},
         {"supported",

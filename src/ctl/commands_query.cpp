@@ -22,36 +22,29 @@ static std::string service_subject(const given_names &names) {
 
 // Reads the flag of a service: PRSR_ERR_NO_DATABASE if there is no such service.
 static int32_t probe_service(const session &library, const given_names &names) {
-    int32_t ignored = 0;
-    return library.call(prsr_get_service_enabled, names[0], names[1], &ignored);
+    return library->get_service_enabled(names[0], names[1]).code();
 }
 
 // Reads a field of the database's record: PRSR_ERR_NO_DATABASE if either is missing.
 static int32_t probe_field(const session &library, const std::string &dbname,
-                           char *prsr_cfg::*field) {
-    fetched_database found(library, dbname);
-    if (found.rc != PRSR_SUCCESS) return found.rc;
-    return found.record->*field == nullptr ? PRSR_ERR_NO_DATABASE : PRSR_SUCCESS;
+                           std::string_view (prsr::database::*field)() const) {
+    const auto found = library->fetch_db_config(dbname);
+    if (!found) return found.code();
+    return ((*found).*field)().data() == nullptr ? PRSR_ERR_NO_DATABASE : PRSR_SUCCESS;
 }
 
 // ---- Services -----------------------------------------------------------------------------------
 
 static exit_code run_roster(const session &library, const given_names &names) {
-    char **inst_names = nullptr, **node_names = nullptr;
-    int32_t *avail = nullptr;
-    uint32_t inst_count = 0;
-    int32_t rc = library.call(prsr_get_srv_instances, names[0], names[1], &inst_names, &node_names,
-                              &avail, &inst_count);
-    rc = refined(rc, [&] { return probe_service(library, names); });
-    library.check(rc, "the roster of " + service_subject(names) + " cannot be read");
+    const auto found = library->get_srv_instances(names[0], names[1]);
+    library.check(refined(found.code(), [&] { return probe_service(library, names); }),
+                  "the roster of " + service_subject(names) + " cannot be read");
     view_list roster;
-    for (uint32_t n = 0; n < inst_count; ++n) {
-        roster.push_back({view_fields{{"instance", text_view(inst_names[n])},
-                                      {"node", text_view(node_names[n])},
-                                      {"available", flag_view(avail[n])}}});
+    for (const prsr::roster_entry &one : *found) {
+        roster.push_back({view_fields{{"instance", text_view(one.instance)},
+                                      {"node", text_view(one.node)},
+                                      {"available", flag_view(one.available)}}});
     }
-    (void)library.call(prsr_release_srv_instances, inst_names, node_names, avail,
-                       inst_count);  // it has no other failure
     return show_answer(
         library.shared.format, "roster",
         {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"roster", {std::move(roster)}}});
@@ -59,14 +52,14 @@ static exit_code run_roster(const session &library, const given_names &names) {
 
 // This operation reports NONE for whatever cannot be read; only an existing service may have none.
 static exit_code run_policy(const session &library, const given_names &names) {
-    int32_t policy = 0;
-    int32_t rc = library.call(prsr_get_service_rcn_policy, names[0], names[1], &policy);
-    bool nothing_read = rc == PRSR_SUCCESS && *keyview_host_last_error() != '\0';
+    const auto policy = library->get_service_rcn_policy(names[0], names[1]);
+    int32_t rc = policy.code();
+    bool nothing_read = policy && *keyview_host_last_error() != '\0';
     if (nothing_read) rc = probe_service(library, names);
     library.check(rc, "the failover policy of " + service_subject(names) + " cannot be read");
     return show_answer(
         library.shared.format, "rcn_policy",
-        {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"rcn_policy", policy_view(policy)}});
+        {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"rcn_policy", policy_view(*policy)}});
 }
 
 // ---- Role and domain ----------------------------------------------------------------------------
@@ -74,59 +67,60 @@ static exit_code run_policy(const session &library, const given_names &names) {
 // The command line has the new role as one of ROLES.
 static exit_code set_role(const session &library, const given_names &names) {
     auto role = static_cast<int32_t>(std::find(ROLES, std::end(ROLES), names[1]) - ROLES);
-    return change_words(library, "the role of database " + names[0] + " cannot be set",
-                        {database_key(names[0]) + "." + KEY_ROLE, false, ROLES[role]},
-                        [&] { return library.call(prsr_set_db_role, names[0], role); });
+    return change_words(
+        library, "the role of database " + names[0] + " cannot be set",
+        {database_key(names[0]) + "." + KEY_ROLE, false, ROLES[role]},
+        [&] { return library->set_db_role(names[0], static_cast<prsr::role>(role)).code(); });
 }
 
 static exit_code run_role(const session &library, const given_names &names) {
     bool sets = !names[1].empty();
-    int32_t role = 0;
-    int32_t rc = library.call(prsr_get_db_role, names[0], &role);
+    const auto found = library->get_db_role(names[0]);
+    int32_t rc = found.code();
     if (rc == PRSR_ERR_ROLE && sets) rc = PRSR_SUCCESS;  // an invalid word is replaced
-    rc = refined(rc, [&] { return probe_field(library, names[0], &prsr_cfg::role); });
+    rc = refined(rc, [&] { return probe_field(library, names[0], &prsr::database::role); });
     library.check(rc, "the role of database " + names[0] + " cannot be " + (sets ? "set" : "read"));
     if (sets) return set_role(library, names);
+    const auto role = static_cast<int32_t>(*found);
     return show_answer(library.shared.format, "role",
                        {{"dbname", {names[0]}}, {"role", {coded{role, ROLES[role]}}}});
 }
 
 static exit_code run_domain(const session &library, const given_names &names) {
-    char *domain = nullptr;
-    int32_t rc = library.call(prsr_get_domain, names[0], &domain);
-    view shown = text_view(domain);
-    (void)prsr_free_domain(library.ctx(), domain);  // null does no harm
-    rc = refined(rc, [&] { return probe_field(library, names[0], &prsr_cfg::domain); });
-    library.check(rc, "the domain of database " + names[0] + " cannot be read");
+    const auto domain = library->get_domain(names[0]);
+    library.check(refined(domain.code(),
+                          [&] { return probe_field(library, names[0], &prsr::database::domain); }),
+                  "the domain of database " + names[0] + " cannot be read");
     return show_answer(library.shared.format, "domain",
-                       {{"dbname", {names[0]}}, {"domain", std::move(shown)}});
+                       {{"dbname", {names[0]}}, {"domain", text_view(domain->text())}});
 }
 
 // ---- Names --------------------------------------------------------------------------------------
 
 static exit_code run_name(const session &library, const given_names &names) {
-    std::string name;
-    int32_t rc = names[1].empty()
-                     ? library.read_name(&name, prsr_get_spname, names[0])
-                     : library.read_name(&name, prsr_get_instance_name, names[0], names[1]);
-    library.check(rc, "the registered name of " +
-                          (names[1].empty() ? "" : "instance " + names[1] + " of ") + "database " +
-                          names[0] + " cannot be read");
+    const auto name = names[1].empty() ? library->get_spname(names[0])
+                                       : library->get_instance_name(names[0], names[1]);
+    library.check(name.code(), "the registered name of " +
+                                   (names[1].empty() ? "" : "instance " + names[1] + " of ") +
+                                   "database " + names[0] + " cannot be read");
     return show_answer(
         library.shared.format, "name",
-        {{"dbname", {names[0]}}, {"instname", optional_view(names[1])}, {"name", {name}}});
+        {{"dbname", {names[0]}}, {"instname", optional_view(names[1])}, {"name", {*name}}});
 }
 
 // The node came before the database once: that order is read, too, where only it makes sense.
 static exit_code run_instance_on(const session &library, const given_names &given) {
     given_names names = given;
     auto read = [&](std::string *name) {
-        int32_t rc = library.read_name(name, prsr_get_node_instance_name, names[0], names[1]);
-        return refined(rc, [&] { return probe_field(library, names[0], &prsr_cfg::sp_name); });
+        const auto found = library->get_node_instance_name(names[0], names[1]);
+        *name = *found;
+        return refined(found.code(),
+                       [&] { return probe_field(library, names[0], &prsr::database::sp_name); });
     };
     std::string name;
     int32_t rc = read(&name);
-    if (rc == PRSR_ERR_NO_DATABASE && probe_field(library, names[1], &prsr_cfg::sp_name) == 0) {
+    if (rc == PRSR_ERR_NO_DATABASE &&
+        probe_field(library, names[1], &prsr::database::sp_name) == 0) {
         std::swap(names[0], names[1]);
         print_remark("the database comes first: instance-on " + names[0] + " " + names[1]);
         rc = read(&name);

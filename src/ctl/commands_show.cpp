@@ -50,11 +50,11 @@ static exit_code run_list(const session &library, const given_names &names) {
 }
 
 static exit_code run_show(const session &library, const given_names &names) {
-    fetched_database found(library, names[0]);
-    library.check_record(found.rc, "database " + names[0] + " cannot be shown",
+    const auto found = library->fetch_db_config(names[0]);
+    library.check_record(found.code(), "database " + names[0] + " cannot be shown",
                          database_key(names[0]));
     output_format format = library.shared.format;
-    return show_result(format, "prsr_cfg", "record", view_of(*found.record, format));
+    return show_result(format, "prsr_cfg", "record", view_of(*found, format));
 }
 
 void add_show_commands(CLI::App *app, tool *shared) {

@@ -13,43 +13,38 @@
 
 namespace keyview::ctl {
 
-static std::string text_of(const char *text) {
-    return text == nullptr ? "-" : text;
+static std::string text_of(std::string_view text) {
+    return std::string(text.data() == nullptr ? "-" : text);
 }
 
 // ---- One database -------------------------------------------------------------------------------
 
 // "Sales1", or "Sales3 (disabled)".
-static view named_instances(char *const *names, const int32_t *flags, uint32_t count) {
+static view named_instances(const prsr::service_instance_list &instances) {
     view_list list;
-    for (uint32_t n = 0; n < count; ++n)
-        list.push_back({text_of(names[n]) + (flags[n] != 0 ? "" : " (disabled)")});
+    for (const prsr::service_instance &one : instances)
+        list.push_back({text_of(one.name) + (one.enabled ? "" : " (disabled)")});
     return {std::move(list)};
 }
 
-// The fields of each record of an array.
-template <typename record>
-static view_list rows_of(record *const *records, uint32_t count,
-                         view_fields (*fields_of)(const record &)) {
+static view_list instance_rows(const prsr::instance_list &instances) {
     view_list rows;
-    for (uint32_t n = 0; n < count && records != nullptr; ++n)
-        if (records[n] != nullptr) rows.push_back({fields_of(*records[n])});
+    for (const prsr::instance &one : instances)
+        rows.push_back({view_fields{{"instance", text_view(one.name())},
+                                    {"node", text_view(one.node())},
+                                    {"state", enabled_view(one.enabled())}}});
     return rows;
 }
 
-static view_fields instance_fields(const prsr_inst_cfg &one) {
-    return {{"instance", text_view(one.name)},
-            {"node", text_view(one.node)},
-            {"state", enabled_view(one.enabled)}};
-}
-
-static view_fields service_fields(const prsr_srv_cfg &one) {
-    return {
-        {"service", text_view(one.name)},
-        {"state", enabled_view(one.enabled)},
-        {"failover", policy_view(one.rcn_policy)},
-        {"preferred", named_instances(one.preferred, one.preferred_enabled, one.preferred_count)},
-        {"available", named_instances(one.available, one.available_enabled, one.available_count)}};
+static view_list service_rows(const prsr::service_list &services) {
+    view_list rows;
+    for (const prsr::service &one : services)
+        rows.push_back({view_fields{{"service", text_view(one.name())},
+                                    {"state", enabled_view(one.enabled())},
+                                    {"failover", policy_view(one.rcn_policy())},
+                                    {"preferred", named_instances(one.preferred())},
+                                    {"available", named_instances(one.available())}}});
+    return rows;
 }
 
 static std::string section(const view_list &rows) {
@@ -57,37 +52,35 @@ static std::string section(const view_list &rows) {
 }
 
 static exit_code show_database(const session &library, const std::string &dbname) {
-    fetched_database found(library, dbname);
-    library.check_record(found.rc, "the status of database " + dbname + " cannot be read",
+    const auto found = library->fetch_db_config(dbname);
+    library.check_record(found.code(), "the status of database " + dbname + " cannot be read",
                          database_key(dbname));
-    const prsr_cfg &record = *found.record;
-    view_list instances = rows_of(record.instances, record.instance_count, instance_fields),
-              services = rows_of(record.services, record.service_count, service_fields);
+    const prsr::database record = *found;
+    view_list instances = instance_rows(record.instances()),
+              services = service_rows(record.services());
     if (library.shared.format == output_format::table) {
-        std::string head = "database " + escaped(text_of(record.sp_name)) + ": " +
-                           (record.enabled != 0 ? "enabled" : "disabled") + ", role " +
-                           escaped(text_of(record.role)) + ", policy " +
-                           escaped(text_of(record.policy)) + "\n";
+        std::string head = "database " + escaped(text_of(record.sp_name())) + ": " +
+                           (record.enabled() ? "enabled" : "disabled") + ", role " +
+                           escaped(text_of(record.role())) + ", policy " +
+                           escaped(text_of(record.policy())) + "\n";
         write_result(head + section(instances) + section(services));
         return EXIT_DONE;
     }
     return show_result(library.shared.format, "database_status", "status",
-                       {view_fields{{"database", text_view(record.sp_name)},
-                                    {"enabled", flag_view(record.enabled)},
-                                    {"role", text_view(record.role)},
-                                    {"policy", text_view(record.policy)},
+                       {view_fields{{"database", text_view(record.sp_name())},
+                                    {"enabled", flag_view(record.enabled())},
+                                    {"role", text_view(record.role())},
+                                    {"policy", text_view(record.policy())},
                                     {"instances", {std::move(instances)}},
                                     {"services", {std::move(services)}}}});
 }
 
 // ---- All of them --------------------------------------------------------------------------------
 
-template <typename record>
-static int64_t enabled_of(record *const *records, uint32_t count) {
-    int64_t enabled = 0;
-    for (uint32_t n = 0; n < count && records != nullptr; ++n)
-        enabled += records[n] != nullptr && records[n]->enabled != 0;
-    return enabled;
+template <typename records>
+static int64_t enabled_of(const records &listed) {
+    return std::count_if(listed.begin(), listed.end(),
+                         [](const auto &one) { return one.enabled(); });
 }
 
 namespace {
@@ -101,15 +94,16 @@ struct trouble {
 }  // namespace
 
 // Without a record only its name and the trouble are known.
-static view database_row(const std::string &name, const prsr_cfg *record, const trouble &found,
-                         bool people) {
-    auto known = [&](const view &shown) { return record == nullptr ? view{} : shown; };
+static view database_row(const std::string &name, const prsr::database &record,
+                         const trouble &found, bool people) {
+    auto known = [&](const view &shown) { return record ? shown : view{}; };
     view state = {coded{0, "unreadable", tone::bad}};
-    if (record != nullptr) state = enabled_view(record->enabled);
+    if (record) state = enabled_view(record.enabled());
     view_fields fields = {{"database", {name}},
                           {people ? "state" : "enabled", people ? state : known(state)},
-                          {"role", record == nullptr ? view{} : text_view(record->role)}};
-    auto add_share = [&](const std::string &what, int64_t enabled, int64_t all) {
+                          {"role", record ? text_view(record.role()) : view{}}};
+    auto add_share = [&](const std::string &what, const auto &listed) {
+        const int64_t enabled = enabled_of(listed), all = listed.size();
         if (people) {
             std::string share = std::to_string(enabled) + " of " + std::to_string(all);
             fields.push_back({what + " enabled", known({share})});
@@ -118,10 +112,8 @@ static view database_row(const std::string &name, const prsr_cfg *record, const 
             fields.push_back({what + "_enabled", known(number_view(enabled))});
         }
     };
-    static constexpr prsr_cfg NOTHING = {};
-    const prsr_cfg &of = record == nullptr ? NOTHING : *record;
-    add_share("instances", enabled_of(of.instances, of.instance_count), of.instance_count);
-    add_share("services", enabled_of(of.services, of.service_count), of.service_count);
+    add_share("instances", record ? record.instances() : prsr::instance_list());
+    add_share("services", record ? record.services() : prsr::service_list());
     if (!people) {
         fields.push_back(
             {"error", found.code == EXIT_DONE ? view{} : text_view(exit_word(found.code))});
@@ -155,15 +147,14 @@ static exit_code show_all(const session &library) {
     for (const admin::listed_database &one : databases) {
         library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
                                        databases.size());
-        fetched_database fetched(library, one.element);
-        if (fetched.rc == PRSR_ERR_NO_DATABASE && one.reason.empty())
+        const auto fetched = library->fetch_db_config(one.element);
+        if (fetched.code() == PRSR_ERR_NO_DATABASE && one.reason.empty())
             continue;  // removed meanwhile
         trouble found = {EXIT_CONTENT, one.reason};
-        if (one.reason.empty()) found = trouble_of(library, fetched.rc, WHAT);
-        const bool readable = fetched.rc == PRSR_SUCCESS && !one.damaged;
-        const prsr_cfg *record = readable ? fetched.record : nullptr;
+        if (one.reason.empty()) found = trouble_of(library, fetched.code(), WHAT);
+        const prsr::database record = fetched && !one.damaged ? *fetched : prsr::database();
         std::string name = one.element;
-        if (record != nullptr && one.reason.empty()) name = text_of(record->sp_name);
+        if (record && one.reason.empty()) name = text_of(record.sp_name());
         rows.push_back(database_row(name, record, found, people));
         if (found.code == EXIT_DONE) continue;
         code = std::max(code, found.code);

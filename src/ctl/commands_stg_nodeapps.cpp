@@ -14,37 +14,35 @@ static std::string stg_subject(const given_names &names) {
 }
 
 static exit_code run_stg(const session &library, const given_names &names) {
-    fetched_stg found(library, names[0], names[1]);
-    library.check_record(found.rc, stg_subject(names) + " cannot be shown",
+    const auto found = library->fetch_stg_config(names[0], names[1]);
+    library.check_record(found.code(), stg_subject(names) + " cannot be shown",
                          STG_ROOT + ("." + element_of(names[0]) + "." + element_of(names[1])));
     output_format format = library.shared.format;
-    return show_result(format, "prsr_stg_cfg", "record", view_of(*found.record, format));
+    return show_result(format, "prsr_stg_cfg", "record", view_of(*found, format));
 }
 
 static exit_code run_stg_name(const session &library, const given_names &names) {
-    std::string name;
-    library.check(library.read_name(&name, prsr_get_stg_name, names[0], names[1]),
-                  "the registered name of " + stg_subject(names) + " cannot be read");
+    const auto name = library->get_stg_name(names[0], names[1]);
+    library.check(name.code(), "the registered name of " + stg_subject(names) + " cannot be read");
     return show_answer(library.shared.format, "stg_name",
-                       {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"name", {name}}});
+                       {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"name", {*name}}});
 }
 
 static exit_code run_stg_enabled(const session &library, const given_names &names) {
-    int32_t enabled = 0;
-    library.check(library.call(prsr_get_stg_enabled, names[0], names[1], &enabled),
-                  "whether " + stg_subject(names) + " is enabled cannot be read");
+    const auto enabled = library->get_stg_enabled(names[0], names[1]);
+    library.check(enabled.code(), "whether " + stg_subject(names) + " is enabled cannot be read");
     show_answer(
         library.shared.format, "stg_enabled",
-        {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"enabled", enabled_view(enabled)}});
-    return exit_of_answer(enabled);
+        {{"stg_scope", {names[0]}}, {"stg_name", {names[1]}}, {"enabled", enabled_view(*enabled)}});
+    return exit_of_answer(*enabled);
 }
 
 static exit_code run_nodeapps(const session &library, const given_names &names) {
-    fetched_nodeapps found(library, names[0]);
-    library.check_record(found.rc, "the applications of node " + names[0] + " cannot be shown",
+    const auto found = library->fetch_nodeapps_config(names[0]);
+    library.check_record(found.code(), "the applications of node " + names[0] + " cannot be shown",
                          NODEAPPS_ROOT + ("." + element_of(names[0])));
     output_format format = library.shared.format;
-    return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found.record, format));
+    return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found, format));
 }
 
 void add_stg_nodeapps_commands(CLI::App *app, tool *shared) {

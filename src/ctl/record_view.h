@@ -2,28 +2,30 @@
 // reserved field are left out: they carry no information.
 #pragma once
 
+#include <utility>
+
 #include "ctl/view.h"
-#include "keyview/if/prsr.h"
+#include "keyview/if/prsr.hpp"
 
 namespace keyview::ctl {
 
 // For people the enabled flags of a service's instances follow the instances' names, and the
 // counts and constants, which the lists show anyway, are left out.
-view view_of(const prsr_cfg &record, output_format format);
+view view_of(const prsr::database &record, output_format format);
 
-view view_of(const prsr_stg_cfg &record, output_format format);
-view view_of(const prsr_nodeapps_cfg &record, output_format format);
+view view_of(const prsr::storage_manager &record, output_format format);
+view view_of(const prsr::node_applications &record, output_format format);
 
-// A PRSR_RCN_* code with its word.
-view policy_view(int32_t policy);
+// A failover policy with its word.
+view policy_view(prsr::failover policy);
 
-// An array of the library as a list: of returns the view of each entry; null stays null.
-template <typename entry, typename entry_view>
-view list_view(entry *entries, uint32_t count, const entry_view &of) {
-    if (entries == nullptr) return {};
+// A list of the library: of returns the view of each entry; a null list is null.
+template <typename entries, typename entry_view>
+view list_view(const entries &listed, const entry_view &of) {
+    if (listed.is_null()) return {};
     view_list list;
-    for (uint32_t n = 0; n < count; ++n)
-        list.push_back(of(entries[n]));
+    for (const auto &entry : listed)
+        list.push_back(of(entry));
     return {std::move(list)};
 }
 

@@ -2,12 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "ctl/command.h"
 #include "ctl/output.h"
-#include "keyview/if/prsr.h"
+#include "keyview/if/prsr.hpp"
 
 namespace keyview::ctl {
 
@@ -16,7 +15,9 @@ class session {
     explicit session(const tool &tool_in_use);
     session(const session &) = delete;
     session &operator=(const session &) = delete;
-    ~session();
+
+    // The operations of the library.
+    prsr::context *operator->() const { return &context_; }
 
     // The tool_error of a code other than PRSR_SUCCESS; check throws it. what: "show database Sales".
     tool_error failure(int32_t rc, const std::string &what) const;
@@ -27,55 +28,11 @@ class session {
     // The same for the record of a key, whose damage is a failure, too.
     void check_record(int32_t rc, const std::string &what, const std::string &key) const;
 
-    // Calls an operation with the context before its arguments; a std::string as its C string.
-    template <typename operation, typename... types>
-    int32_t call(operation run, const types &...arguments) const {
-        return run(status_, ctx_, passed(arguments)...);
-    }
-
-    // Reads a name through an operation that fills a buffer, which grows until the name fits.
-    template <typename operation, typename... types>
-    int32_t read_name(std::string *name, operation run, const types &...arguments) const {
-        return fill(name,
-                    [&](uint32_t size, char *buf) { return call(run, arguments..., size, buf); });
-    }
-
-    prsr_ctx *ctx() const { return ctx_; }
-
     const tool &shared;
 
   private:
-    static const char *passed(const std::string &text) { return text.c_str(); }
-    template <typename type>
-    static type passed(type argument) {
-        return argument;
-    }
-    static int32_t fill(std::string *name,
-                        const std::function<int32_t(uint32_t size, char *buf)> &read);
-
-    uint64_t status_block_[28] = {};  // 224 bytes, what the lock service expects
-    void *status_ = status_block_;
-    prsr_ctx *ctx_ = nullptr;
+    mutable prsr::context context_;  // one thread uses it
 };
-
-// A record that an operation of the library allocates, released at the end of the scope.
-template <typename type, auto FETCH, auto RELEASE>
-struct fetched {
-    template <typename... types>
-    explicit fetched(const session &owner, const types &...names)
-        : library(owner), rc(owner.call(FETCH, names..., &record)) {}
-    fetched(const fetched &) = delete;
-    fetched &operator=(const fetched &) = delete;
-    ~fetched() { (void)library.call(RELEASE, record); }  // a null record is ignored
-
-    const session &library;
-    type *record = nullptr;
-    int32_t rc;
-};
-using fetched_database = fetched<prsr_cfg, prsr_fetch_db_config, prsr_release_db_config>;
-using fetched_stg = fetched<prsr_stg_cfg, prsr_fetch_stg_config, prsr_release_stg_config>;
-using fetched_nodeapps =
-    fetched<prsr_nodeapps_cfg, prsr_fetch_nodeapps_config, prsr_release_nodeapps_config>;
 
 // A command that uses the library, as a row of a table has it.
 template <exit_code (*run)(const session &library, const given_names &names)>

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -47,9 +48,9 @@ inline const view_list *list_in(const view &shown) {
     return std::get_if<view_list>(&shown.value);
 }
 
-// A string of the library's; null stays null.
-inline view text_view(const char *text) {
-    if (text == nullptr) return {};
+// A string of the library's; one without data is null.
+inline view text_view(std::string_view text) {
+    if (text.data() == nullptr) return {};
     return {std::string(text)};
 }
 

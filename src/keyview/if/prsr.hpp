@@ -274,7 +274,9 @@ class list {
             ++at_;
             return *this;
         }
-        iterator operator++(int) noexcept { return {of_, at_++}; }
+        iterator operator++(int) noexcept {  // NOLINT: const would be no iterator of C++20
+            return {of_, at_++};
+        }
         bool operator==(const iterator &other) const noexcept { return at_ == other.at_; }
         bool operator!=(const iterator &other) const noexcept { return at_ != other.at_; }
 
