@@ -49,8 +49,12 @@ static std::string wrapped_line(const std::string &text) {
 
 static std::string wrapped(const std::string &page) {
     std::string out, line;
-    for (std::istringstream lines(page); std::getline(lines, line);)
-        out += line.empty() || line[0] == '.' ? line + "\n" : wrapped_line(line);
+    bool as_it_is = false;
+    for (std::istringstream lines(page); std::getline(lines, line);) {
+        if (line == ".nf" || line == ".fi") as_it_is = line == ".nf";
+        const bool whole = as_it_is || line.empty() || line[0] == '.';
+        out += whole ? line + "\n" : wrapped_line(line);
+    }
     return out;
 }
 
@@ -157,7 +161,11 @@ static std::string keys_page() {
         out += term("Stored", row.encoding) + term("Written by", row.written_by) +
                term("Read by", row.read_by) + term("Without it", row.absence);
     }
-    return out + ".SH SEE ALSO\n.BR keyviewctl (1)\n";
+    out += ".SH EXAMPLES\n" +
+           term("keyviewctl explain DATABASE.DATABASES.sales.ROLE", "what a key means") +
+           term("keyviewctl get DATABASE.DATABASES.sales.ROLE", "its value") +
+           term("keyviewctl ls DATABASE.DATABASES.sales", "the keys below one");
+    return out + ".SH SEE ALSO\n.BR keyviewctl (1),\n.BR keyview (7)\n";
 }
 
 // ---- keyview-document(5) ------------------------------------------------------------------------
@@ -184,6 +192,15 @@ static std::string document_page() {
             row.field + " (" + row.type + ")",
             row.key + (row.limit == 0 ? "" : "; up to " + std::to_string(row.limit) + " bytes"));
     }
+    out +=
+        ".SH EXAMPLES\nA document of one database, sales.json:\n.PP\n.nf\n" +
+        plain(
+            R"({"format": "keyview-cluster", "version": 1, "databases": [
+  {"name": "Sales", "role": "PRIMARY", "enabled": true, "instances": [
+    {"name": "Sales1", "node": "node1", "enabled": true}]}]})") +
+        "\n.fi\n" + term("keyviewctl apply --dry-run sales.json", "what it would change") +
+        term("keyviewctl apply sales.json", "create or change what it names") +
+        term("keyviewctl export cluster.yaml", "write the whole tree as a document, here as YAML");
     return out + ".SH SEE ALSO\n.BR keyviewctl (1),\n.BR keyview\\-keys (7)\n";
 }
 

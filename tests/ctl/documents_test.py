@@ -76,6 +76,8 @@ class Reader:
         self.write("list.c", blocks_of_page(f"{SOURCES}/docs/man/man3/prsr_list_db.3")[-1])
         if name.endswith("keyview-config.5"):
             self.write(".config/keyview/config", blocks_of_page(name)[0] + "\n")
+        if name.endswith("keyview-document.5"):
+            self.write("sales.json", without_marks(re.search(r"(?s)\.nf\n(.*?)\.fi", content(name))[1]))
         if "apply cluster.json" not in commands_of(name):
             self.env["KEYVIEW_REGISTRY"] = f"lmdb:{self.folder}/registry"
             self.run(TOOL, "apply", "cluster.json")
@@ -164,6 +166,12 @@ class Documents(unittest.TestCase):
             reader.run("cc", "-std=c99", "-Wall", "-Wextra", "-Werror", "-o", "all", "all.c", "-lkeyview12", "-lkeyview-host")
             for name in names:
                 self.assertNotEqual(reader.run(f"{reader.folder}/all", name), "", name)
+
+    # What the README shows at its head is what a reader of it sees.
+    def test_the_first_picture_is_true(self):
+        command, shown = re.search(r"(?m)^    \$ keyviewctl (.*)\n((?:    .*\n|\n)+)", content(DOCUMENTS[0])).groups()
+        with Reader(OPERATIONS[0]) as reader:
+            self.assertEqual(reader.run(TOOL, *command.split()), re.sub("(?m)^    ", "", shown.rstrip("\n") + "\n"))
 
     def test_links_lead_to_files(self):
         for document in [*DOCUMENTS, f"{SOURCES}/ARCHITECTURE.md", f"{SOURCES}/CONTRIBUTING.md", f"{SOURCES}/CHANGELOG.md"]:
