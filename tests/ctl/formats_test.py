@@ -30,7 +30,7 @@ class Stored:
         return [line for line in text.splitlines() if not line.startswith(("revision ", "checksum "))]
 
     def saved_keys(self):
-        lines = content(self.file("backup")).decode().splitlines()
+        lines = content(self.file("backup.txt")).decode().splitlines()
         return [line for line in lines if not line.startswith(("revision ", "checksum "))]
 
     def test_it_is_read_and_written(self):
@@ -46,7 +46,7 @@ class Stored:
         self.good("check")
 
     def test_its_backup_its_documents_and_changes_are_read(self):
-        for name, command in (("backup", "restore"), ("document.json", "apply"), ("document.yaml", "apply")):
+        for name, command in (("backup.txt", "restore"), ("document.json", "apply"), ("document.yaml", "apply")):
             url = self.second_url()
             self.good(command, self.file(name), "--registry", url)
             self.assertEqual(self.good("export", "-", "--registry", url), content(self.file("document.json")).decode())
@@ -80,7 +80,7 @@ class OnOneMachine(Stored, Administrator):
             file.write("keyview 1\n")
         before = self.keys(self.url)
         rows = [
-            ("backup", b"keyview-backup 1", b"keyview-backup 2", "restore --force --yes", 8, b"it has format 2"),
+            ("backup.txt", b"keyview-backup 1", b"keyview-backup 2", "restore --force --yes", 8, b"it has format 2"),
             ("document.json", b'"version": 1', b'"version": 2', "apply", 8, b"/version"),
             ("document.yaml", b"version: 1", b"version: 2", "apply", 8, b"/version"),
             ("changes.json", b'"version": 1', b'"version": 2', "undo --yes", 8, b"not of version 1"),
@@ -123,11 +123,11 @@ class InACluster(Stored, Cluster):
         super().setUp()
         prefix = self.url[len(self.address):].encode()
         self.call("deleterange", {"key": prefix + b"/", "range_end": prefix + b"0"})
-        for line in content(self.file("cluster")).decode().splitlines():
+        for line in content(self.file("cluster.txt")).decode().splitlines():
             self.put(*map(base64.b64decode, line.split(" ")))
 
     def test_a_newer_version_is_refused(self):
-        tree = next(base64.b64decode(line.split(" ")[1]) for line in content(self.file("cluster")).decode().splitlines()
+        tree = next(base64.b64decode(line.split(" ")[1]) for line in content(self.file("cluster.txt")).decode().splitlines()
                     if base64.b64decode(line.split(" ")[0]) == b"/tree")
         self.put(b"/tree", tree.replace(b"keyview 1", b"keyview 2"))
         for command in ("list", "set --create --yes --as text A 1"):
