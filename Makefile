@@ -9,6 +9,8 @@
 #   make bench     the benchmarks
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
 #   make install   DESTDIR= PREFIX=/usr/local
+#   make packages  the Debian packages: build/packages
+#   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
 #   make format    formats the sources
 #   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
 
@@ -16,7 +18,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture install format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture install packages test-packages format clean
 
 all:
 	@packaging/install-packages build
@@ -70,6 +72,14 @@ bench-picture:
 
 install: cluster
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
+
+packages:
+	@packaging/install-packages build cluster packages
+	@packaging/build-packages $(BUILD)/packages
+
+test-packages:
+	@packaging/install-packages test-packages
+	@packaging/test-packages $(BUILD)/packages
 
 docs: all
 	@docs/generate $(BUILD)/release/bin/keyviewctl
