@@ -8,6 +8,7 @@
 #   make check     the gate: gate-static, test and gate-tests
 #   make bench     the benchmarks
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
+#   make wheel     the Python package as build/wheel/keyview-*.whl
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
@@ -18,7 +19,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture install packages test-packages format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture wheel install packages test-packages format clean
 
 all:
 	@packaging/install-packages build
@@ -70,7 +71,10 @@ bench-picture:
 	@cmake --build $(BUILD)/release
 	@bench/scaling-picture $(BUILD)/release
 
-install: cluster
+install:
+	@packaging/install-packages build cluster python
+	@cmake --preset release -DKEYVIEW_CLUSTER=ON -DKEYVIEW_PYTHON=ON >/dev/null
+	@cmake --build $(BUILD)/release
 	@DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
 
 packages:
@@ -80,6 +84,11 @@ packages:
 test-packages:
 	@packaging/install-packages test-packages
 	@packaging/test-packages $(BUILD)/packages
+
+wheel:
+	@packaging/install-packages python wheel
+	@cd python && /usr/bin/python3 -c \
+		"from setuptools.build_meta import build_wheel as build; print(build('../$(BUILD)/wheel'))"
 
 docs: all
 	@docs/generate $(BUILD)/release/bin/keyviewctl
