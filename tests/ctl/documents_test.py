@@ -67,12 +67,16 @@ class Reader:
     def __init__(self, name):
         self.name = name
         self.folder = tempfile.mkdtemp()
-        self.env = {"PATH": f"{self.folder}/bin:{BUILD}/bin:{os.environ['PATH']}", "HOME": self.folder}
-        self.write("bin/cc", f'#!/bin/sh\nexec {COMPILER} {" ".join(LINKS)} "$@" {" ".join(LINKS[2:])}\n')
-        os.chmod(f"{self.folder}/bin/cc", 0o755)
+        self.env = {"PATH": f"{self.folder}/bin:{BUILD}/bin:{os.environ['PATH']}", "HOME": self.folder,
+                    "PYTHONPATH": f"{BUILD}/python", "LD_LIBRARY_PATH": f"{BUILD}/lib"}
+        for linker, compiler in (("cc", COMPILER), ("c++", shutil.which("c++"))):
+            self.write(f"bin/{linker}", f'#!/bin/sh\nexec {compiler} {" ".join(LINKS)} "$@" {" ".join(LINKS[2:])}\n')
+            os.chmod(f"{self.folder}/bin/{linker}", 0o755)
+        os.symlink("/usr/bin/python3", f"{self.folder}/bin/python3")  # for which cffi is packaged
         for example in glob.glob(f"{SOURCES}/examples/*.*"):
             shutil.copy(example, self.folder)
-        self.write("sales.c", blocks_of_document(DOCUMENTS[0], "c")[0])
+        for language, program in (("c", "sales.c"), ("cpp", "sales.cpp"), ("python", "sales.py")):
+            self.write(program, blocks_of_document(DOCUMENTS[0], language)[0])
         self.write("list.c", blocks_of_page(f"{SOURCES}/docs/man/man3/prsr_list_db.3")[-1])
         if name.endswith("keyview-config.5"):
             self.write(".config/keyview/config", blocks_of_page(name)[0] + "\n")
