@@ -12,9 +12,36 @@
 namespace keyview::bench {
 
 constexpr char FRESH[] = "process that fetches once / process that selects once from SQLite";
+constexpr char PYTHON[] = "Python fetch typical / C fetch + release";
+constexpr char PYTHON_CALLS[] = "Python fetch typical: its calls / the whole";
+constexpr char PYTHON_TEXTS[] = "Python fetch typical: texts and lists / the whole";
+constexpr char PYTHON_CLASSES[] = "Python fetch typical: dataclasses / the whole";
 constexpr char INSTRUCTIONS[] = "instructions per key of a fetch typical, whole process";
 
+static void measure_python(const bench_setup &setup) {
+    if (!setup.to->wants({PYTHON, PYTHON_CALLS, PYTHON_TEXTS, PYTHON_CLASSES})) return;
+    const std::string programs = program_directory(), build = programs + "/..";
+    const std::string database = folded(TYPICAL.database);
+    constexpr char FETCHES[] = "200";
+    series c, whole, calls, texts, classes;
+    for (int round = 0; round < 15; ++round) {
+        c.push_back(figures_of({programs + "/fetch_once", setup.url, database, FETCHES})[1]);
+        const std::vector<double> python = figures_of(
+            {"env", "PYTHONPATH=" + build + "/python", "LD_LIBRARY_PATH=" + build + "/lib",
+             "/usr/bin/python3", PYTHON_FETCH, setup.url, database, FETCHES});
+        whole.push_back(python[0]);
+        calls.push_back(python[2]);
+        texts.push_back(python[1] - python[2]);
+        classes.push_back(python[0] - python[1]);
+    }
+    setup.to->ratio(PYTHON, whole, c, NO_GOAL);
+    setup.to->ratio(PYTHON_CALLS, calls, whole, NO_GOAL);
+    setup.to->ratio(PYTHON_TEXTS, texts, whole, NO_GOAL);
+    setup.to->ratio(PYTHON_CLASSES, classes, whole, NO_GOAL);
+}
+
 void process_rows(const bench_setup &setup) {
+    measure_python(setup);
     if (!setup.to->wants({FRESH})) return;
     const std::string file = setup.directory + "/fresh.sqlite";
     // Both stores are open in this process meanwhile: neither program is the first or last user.
