@@ -1,6 +1,6 @@
 #!/bin/sh
-# Installs a build, moves what was installed to another prefix and uses it there: the tool, and the C
-# and C++ programs of examples/, built by pkg-config and by CMake.
+# Installs a build, moves what was installed to another prefix and uses it there: the tool, the C
+# and C++ programs of examples/, built by pkg-config and by CMake, and the one in Python.
 #
 # Usage: installed_test.sh BUILD SOURCES LIBDIR CC CXX
 set -eu
@@ -23,6 +23,7 @@ fail() {
 
 # Every file that somebody looks for, by the name under which it is looked for.
 for file in "$libdir/libkeyview12.so" "$libdir/libkeyview-host.so" include/keyview/prsr.h \
+    include/keyview/prsr.hpp lib/python3/dist-packages/keyview/_declarations.py \
     include/keyview/keyview_host.h include/keyview/keyview_registry.h include/keyview/platform/kvtc.h \
     share/bash-completion/completions/keyviewctl share/zsh/site-functions/_keyviewctl \
     share/fish/vendor_completions.d/keyviewctl.fish share/man/man1/keyviewctl.1 \
@@ -80,6 +81,13 @@ for way in by-pkg-config by-cmake; do
     ldd "$folder/$way/example-c" | grep -qF "$lib/libkeyview-host.so.0" ||
         fail "$way: example.c runs with another library"
 done
+
+# The Python package finds the libraries beside it.
+python="env PYTHONPATH=$prefix/lib/python3/dist-packages /usr/bin/python3 -B"
+$python "$prefix/share/doc/keyview/examples/example.py" | grep -qx 'Sales: reporting without Sales3' ||
+    fail "example.py"
+$python -c 'import keyview; print(open("/proc/self/maps").read())' | grep -qF "$lib/libkeyview-host.so.0" ||
+    fail "Python runs with another library"
 
 rm -r "$folder/registry"
 if "$folder/by-cmake/example-c" 2>"$folder/error"; then fail "a program reads a registry that is gone"; fi
