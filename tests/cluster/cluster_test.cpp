@@ -245,8 +245,9 @@ TEST_F(Cluster, OnlyAMissedChangeIsAGap) {
 }
 
 // The contract of hosts, over the module.
+// With sanitizers, the module has more thread-local storage than is kept for what is loaded late.
 TEST_F(Cluster, TheKitKeepsTheContract) {
-    run("export KEYVIEW_REGISTRY=" + url +
+    run("export GLIBC_TUNABLES=glibc.rtld.optional_static_tls=65536 KEYVIEW_REGISTRY=" + url +
         "; " KEYVIEWCTL " apply " EXAMPLE_DOCUMENT " && " HOSTTEST " " KIT);
 }
 

@@ -35,7 +35,7 @@ class Administrator(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder)
         self.url = self.registry_url()
         self.env = {"PATH": os.environ["PATH"], "HOME": self.folder, "KEYVIEW_REGISTRY": self.url,
-                    "EDITOR": "true"}
+                    "EDITOR": "true", **{name: os.environ[name] for name in os.environ if "SAN_OPTIONS" in name}}
         self.good("apply", EXAMPLE)
 
     def registry_url(self):

@@ -148,7 +148,7 @@ int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
         return too_small(KVTC_ERR_MORE_DATA, "value of '", path_of(*key), *size, " bytes",
                          capacity);
     }
-    if (!stored.empty()) memcpy(value, stored.data(), stored.size());
+    if (capacity > 0 && !stored.empty()) memcpy(value, stored.data(), stored.size());
     return KVTC_SUCCESS;
 }
 
