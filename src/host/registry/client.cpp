@@ -79,16 +79,6 @@ int32_t registry_client::close(void *handle) {
     return KVTC_SUCCESS;
 }
 
-void registry_client::begin_references(copies *to) {
-    referred_.push_back(to->shared_from_this());
-}
-
-void registry_client::end_references(const copies *to) {
-    referred_.erase(
-        std::find_if(referred_.begin(), referred_.end(),
-                     [&](const std::shared_ptr<copies> &one) { return one.get() == to; }));
-}
-
 // ---- Opening and values -------------------------------------------------------------------------
 
 // From the view of a held lock, else from the store.
@@ -192,7 +182,8 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 // ---- Enumeration --------------------------------------------------------------------------------
 
 int32_t registry_client::list_children(open_key *key) {
-    copied_key list = key->copied;
+    const referred_key &known = key->copied;
+    copied_key list{known.of == nullptr ? nullptr : known.of->of.get(), known.part, known.key};
     if (list.part == nullptr || !list.part->covers_children(list.key)) {
         std::string_view path = path_of(*key);
         list = {};

@@ -33,6 +33,13 @@ class registry_client {
     uint64_t token = 0;  // of this handle itself
 
   private:
+    // A key of a copy, as copied_key, which the open key keeps alive.
+    struct referred_key {
+        referred_copies *of = nullptr;
+        snapshot *part = nullptr;
+        uint32_t key = snapshot::NONE;
+    };
+
     struct open_key {
         uint64_t token = 0;  // its handle; 0 while it is free
         uint32_t slot = 0;   // from 1
@@ -40,7 +47,7 @@ class registry_client {
         open_key *next_free = nullptr;
 
         // Either a key of a copy, or a path and the value read at the open.
-        copied_key copied;
+        referred_key copied;
         std::string path;
         std::string value;
 
@@ -48,7 +55,7 @@ class registry_client {
         bool listed;
         uint32_t passed;
         snapshot::range children;
-        copied_key list;
+        referred_key list;
         std::unique_ptr<snapshot> own_list;  // of a key that no lock covers
     };
 
@@ -60,27 +67,18 @@ class registry_client {
     bool read(const char *path, open_key *key);
     int32_t list_children(open_key *key);
 
-    // An open key keeps the copies alive that it refers to. They are counted here and not by
-    // shared_ptr, because each open and close of a key does it.
-    void refer(copied_key *from, const copied_key &to) {
-        if (to.of != nullptr) {
-            if (to.of->references == 0) begin_references(to.of);
-            ++to.of->references;
-        }
-        *from = to;
+    void refer(referred_key *from, const copied_key &to) {
+        *from = {to.of == nullptr ? nullptr : kept_.refer(to.of), to.part, to.key};
     }
-    void forget(copied_key *from) {
-        if (from->of != nullptr && --from->of->references == 0) end_references(from->of);
+    static void forget(referred_key *from) {
+        if (from->of != nullptr) kept_copies::release(from->of);
         *from = {};
     }
-    [[gnu::noinline]] void begin_references(copies *to);
-    [[gnu::noinline]] void end_references(const copies *to);
     static std::string_view path_of(const open_key &key);
     static std::string_view value_of(const open_key &key);
 
     std::shared_ptr<store> keys_;
     kept_copies kept_;
-    std::vector<std::shared_ptr<copies>> referred_;  // by open keys
     std::vector<std::unique_ptr<open_key>> open_;
     open_key *first_free_ = nullptr;
 };

@@ -29,6 +29,7 @@ void copies::become_stale(const revision &now) {
 }
 
 std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
+    drop_unreferred();
     auto known = std::find_if(all_.begin(), all_.end(),
                               [&](const std::shared_ptr<copies> &one) { return one->top == top; });
     std::shared_ptr<copies> taken;
@@ -36,7 +37,7 @@ std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &
         taken = std::move(*known);
         all_.erase(known);
         if (!taken->as_of.same_as(as_of)) {
-            bool in_use = taken->references > 0 || taken.use_count() > 1;
+            bool in_use = taken.use_count() > 1;
             if (in_use || taken->single_keys > MAX_KEPT_SINGLE_KEYS) {
                 taken.reset();
             } else {
@@ -60,6 +61,21 @@ void kept_copies::drop_oldest() {
         if (bytes > MAX_COPIED_BYTES) break;
     }
     all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
+}
+
+void kept_copies::drop_unreferred() {
+    auto is_unreferred = [](const auto &one) { return one->keys == 0; };
+    referred_.erase(std::remove_if(referred_.begin(), referred_.end(), is_unreferred),
+                    referred_.end());
+    latest_ = nullptr;
+}
+
+referred_copies *kept_copies::find_referred(copies *to) {
+    drop_unreferred();
+    for (const auto &one : referred_)
+        if (one->of.get() == to) return one.get();
+    referred_.push_back(std::make_unique<referred_copies>(referred_copies{to->shared_from_this()}));
+    return referred_.back().get();
 }
 
 // ---- The view -----------------------------------------------------------------------------------

@@ -42,7 +42,6 @@ struct copies : std::enable_shared_from_this<copies> {
     revision as_of;
     std::vector<std::unique_ptr<snapshot>> parts;  // the top with its children first
     size_t single_keys = 0;                        // number of parts with one key only
-    size_t references = 0;                         // from open keys
 
     order_of_reads order;  // of the reader that read most
 
@@ -52,16 +51,36 @@ struct copies : std::enable_shared_from_this<copies> {
     size_t bytes() const;
 };
 
-// The copies that a registry handle caches, up to a bound.
+// Copies, and how many open keys of one registry handle refer to them. The keys are counted here and
+// not by shared_ptr, because each open and close of a key does it.
+struct referred_copies {
+    std::shared_ptr<copies> of;
+    size_t keys = 0;
+};
+
+// The copies that a registry handle caches, up to a bound, and those that its open keys refer to.
 class kept_copies {
   public:
     // The cached copies, stale unless they are of that revision, or new ones without a part.
     std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
 
+    // Counts one more open key that refers to the copies; release() counts it off. Copies without a
+    // key are dropped when others are taken or referred to.
+    referred_copies *refer(copies *to) {
+        if (latest_ == nullptr || latest_->of.get() != to) latest_ = find_referred(to);
+        ++latest_->keys;
+        return latest_;
+    }
+    static void release(referred_copies *from) { --from->keys; }
+
   private:
     void drop_oldest();
+    void drop_unreferred();
+    [[gnu::noinline]] referred_copies *find_referred(copies *to);
 
     std::vector<std::shared_ptr<copies>> all_;  // the latest last
+    std::vector<std::unique_ptr<referred_copies>> referred_;
+    referred_copies *latest_ = nullptr;  // of referred_
 };
 
 // The source of a read: the store, and the copies made before.
