@@ -8,6 +8,7 @@
 
 #include "hosttest/locks.h"
 #include "hosttest/rules.h"
+#include "model/roots.h"
 
 namespace keyview::hosttest {
 
@@ -16,8 +17,10 @@ using namespace std::chrono_literals;
 static constexpr size_t STATUS_WORDS = 28;
 static constexpr uint64_t MARK = 0x5a5a5a5a5a5a5a5a;
 
-static constexpr char LOCK[] = "LKRT.DATABASE.DATABASES.keyview-hosttest";
-static constexpr char OTHER_LOCK[] = "LKRT.DATABASE.DATABASES.keyview-hosttest-2";
+// The lock of a database that need not exist.
+static std::string test_lock(const char *name = "keyview-hosttest") {
+    return std::string(model::LOCK_HEAD) + model::DB_ROOT + "." + name;
+}
 
 lock_client::lock_client() {
     for (size_t n = 0; n < std::size(status_); ++n)
@@ -57,7 +60,7 @@ int32_t lock_client::checked(int32_t rc) const {
 
 // A thread that takes a lock and releases it.
 struct contender {
-    contender(const char *name, bool exclusive)
+    contender(const std::string &name, bool exclusive)
         : thread([=] {
               lock_client client;
               require(client.take(name, exclusive) == 0, "a lock that was waited for is refused");
@@ -86,13 +89,13 @@ static const char *mode_word(bool exclusive) {
 // A lock that is held in one mode and requested in the other: it must wait, and come with the release.
 static void require_exclusion(bool held, bool requested) {
     lock_client client;
-    require(client.take(LOCK, held) == 0, "a free lock is refused");
-    contender other(LOCK, requested);
+    require(client.take(test_lock(), held) == 0, "a free lock is refused");
+    contender other(test_lock(), requested);
     if (other.granted_within(150ms)) {
         broken(std::string("the ") + mode_word(requested) + " lock is granted beside the " +
                mode_word(held) + " one");
     }
-    require(client.release(LOCK) == 0, "lksvlsunlock fails for a held lock");
+    require(client.release(test_lock()) == 0, "lksvlsunlock fails for a held lock");
     require(other.granted_within(3s), std::string("3 s after the release of the ") +
                                           mode_word(held) + " lock, the waiter still waits");
 }
@@ -103,28 +106,29 @@ static void locks_exclude() {
     require_exclusion(false, true);
 }
 
-static void readers_share() {
+// A lock that is requested while another one is held, and must not wait for it.
+static void require_no_wait(bool exclusive, const std::string &requested, const char *fault) {
     lock_client client;
-    require(client.take(LOCK, false) == 0, "a free lock is refused");
-    contender other(LOCK, false);
-    require(other.granted_within(3s), "a second shared lock waits for the first one");
-    (void)client.release(LOCK);
+    require(client.take(test_lock(), exclusive) == 0, "a free lock is refused");
+    contender other(requested, exclusive);
+    require(other.granted_within(3s), fault);
+    (void)client.release(test_lock());
+}
+
+static void readers_share() {
+    require_no_wait(false, test_lock(), "a second shared lock waits for the first one");
 }
 
 static void locks_are_apart() {
-    lock_client client;
-    require(client.take(LOCK, true) == 0, "a free lock is refused");
-    contender other(OTHER_LOCK, true);
-    require(other.granted_within(3s), "the lock of another name waits");
-    (void)client.release(LOCK);
+    require_no_wait(true, test_lock("keyview-hosttest-2"), "the lock of another name waits");
 }
 
 static void locks_are_released() {
     lock_client client;
     for (bool exclusive : {true, false}) {
-        require(client.take(LOCK, exclusive) == 0, "a free lock is refused");
-        require(client.release(LOCK) == 0, "lksvlsunlock fails for a held lock");
-        contender other(LOCK, true);
+        require(client.take(test_lock(), exclusive) == 0, "a free lock is refused");
+        require(client.release(test_lock()) == 0, "lksvlsunlock fails for a held lock");
+        contender other(test_lock(), true);
         require(other.granted_within(3s),
                 std::string("a ") + mode_word(exclusive) + " lock that was released is not free");
     }
@@ -139,11 +143,11 @@ static void no_change_is_lost() {
         one = std::thread([] {
             lock_client client;
             for (int round = 0; round < ROUNDS; ++round) {
-                require(client.take(LOCK, true) == 0, "a lock is refused");
+                require(client.take(test_lock(), true) == 0, "a lock is refused");
                 int seen = count;
                 std::this_thread::yield();
                 count = seen + 1;
-                require(client.release(LOCK) == 0, "lksvlsunlock fails for a held lock");
+                require(client.release(test_lock()) == 0, "lksvlsunlock fails for a held lock");
             }
         });
     }

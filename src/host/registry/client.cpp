@@ -1,7 +1,6 @@
 // The registry client over a store.
 #include "host/registry/client.h"
 
-#include <algorithm>
 #include <cstring>
 #include <utility>
 
