@@ -4,6 +4,7 @@
 #include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
+#include "ctl/overview.h"
 #include "ctl/text.h"
 
 namespace keyview::ctl {
@@ -42,25 +43,6 @@ static exit_code run_check(const tool &shared, const given_names &) {
 
 // ---- lint ---------------------------------------------------------------------------------------
 
-// "" where a person has to decide.
-static std::string remedy_of(const admin::finding &found) {
-    if (found.remedy.empty()) return "";
-    std::string out = "keyviewctl";
-    for (const std::string &word : found.remedy)
-        out += " " + shell_word(word);
-    return out;
-}
-
-static view finding_view(const admin::finding &found) {
-    return {view_fields{{"rule", {found.row->name}},
-                        {"severity", {found.row->severity}},
-                        {"path", {found.path}},
-                        {"reason", {found.reason}},
-                        {"readers_see", {found.readers_see}},
-                        {"mend", optional_view(remedy_of(found))},
-                        {"decide", optional_view(found.decision)}}};
-}
-
 static std::string findings_for_people(const admin::inspection_report &report) {
     if (report.findings.empty())
         return "nothing to mend: " + std::to_string(report.keys) + " keys inspected\n";
@@ -84,11 +66,7 @@ static exit_code run_lint(const tool &shared, const given_names &) {
         write_result(findings_for_people(report));
         return code;
     }
-    view_list findings;
-    for (const admin::finding &found : report.findings)
-        findings.push_back(finding_view(found));
-    show_answer(shared.format, "lint",
-                {{"keys", count_view(report.keys)}, {"findings", {std::move(findings)}}});
+    show_answer(shared.format, "lint", lint_view(report));
     return code;
 }
 

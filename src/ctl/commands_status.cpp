@@ -1,14 +1,13 @@
 // status: the picture of a database, or of all of them, on one screen.
 #include <algorithm>
 
-#include "admin/care/inspection.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
+#include "ctl/overview.h"
 #include "ctl/people_writer.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
 #include "ctl/text.h"
-#include "host/if/keyview_host.h"
 #include "model/folding.h"
 
 namespace keyview::ctl {
@@ -77,90 +76,21 @@ static exit_code show_database(const session &library, const std::string &dbname
 
 // ---- All of them --------------------------------------------------------------------------------
 
-template <typename records>
-static int64_t enabled_of(const records &listed) {
-    return std::count_if(listed.begin(), listed.end(),
-                         [](const auto &one) { return one.enabled(); });
-}
-
-namespace {
-
-// What keeps a database from being shown in full, if anything does.
-struct trouble {
-    exit_code code = EXIT_DONE;
-    std::string why = {};
-};
-
-}  // namespace
-
-// Without a record only its name and the trouble are known.
-static view database_row(const std::string &name, const prsr::database &record,
-                         const trouble &found, bool people) {
-    auto known = [&](const view &shown) { return record ? shown : view{}; };
-    view state = {coded{0, "unreadable", tone::bad}};
-    if (record) state = enabled_view(record.enabled());
-    view_fields fields = {{"database", {name}},
-                          {people ? "state" : "enabled", people ? state : known(state)},
-                          {"role", record ? text_view(record.role()) : view{}}};
-    auto add_share = [&](const std::string &what, const auto &listed) {
-        const int64_t enabled = enabled_of(listed), all = listed.size();
-        if (people) {
-            std::string share = std::to_string(enabled) + " of " + std::to_string(all);
-            fields.push_back({what + " enabled", known({share})});
-        } else {
-            fields.push_back({what, known(number_view(all))});
-            fields.push_back({what + "_enabled", known(number_view(enabled))});
-        }
-    };
-    add_share("instances", record ? record.instances() : prsr::instance_list());
-    add_share("services", record ? record.services() : prsr::service_list());
-    if (!people) {
-        fields.push_back(
-            {"error", found.code == EXIT_DONE ? view{} : text_view(exit_word(found.code))});
-        fields.push_back({"why", optional_view(found.why)});
-    }
-    return {std::move(fields)};
-}
-
-// Several busy databases are waited for as long as one may be. A registry that fails as a whole ends
-// the command.
-static trouble trouble_of(const session &library, int32_t rc, const char *what) {
-    if (rc == PRSR_SUCCESS) return {};
-    const tool_error failed = library.failure(rc, what);
-    if (failed.code == EXIT_LOCK) (void)keyview_host_set_lock_wait(0);
-    if (failed.code == EXIT_LOCK || failed.code == EXIT_CONTENT) return {failed.code, failed.why};
-    attempt(what, library.shared.registry, [] { return admin::registry::open().revision(); });
-    if (failed.code != EXIT_REGISTRY) library.check(rc, what);
-    return {EXIT_CONTENT, failed.why};
-}
-
 // The exit code is the highest one of a database.
 static exit_code show_all(const session &library) {
-    static constexpr const char *WHAT = "the status of the cluster cannot be read";
     output_format format = library.shared.format;
     bool people = format == output_format::table;
     view_list rows;
     exit_code code = EXIT_DONE;
     std::string troubles;
-    const std::vector<admin::listed_database> databases =
-        attempt(WHAT, library.shared.registry, admin::list_databases);
-    for (const admin::listed_database &one : databases) {
-        library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
-                                       databases.size());
-        const auto fetched = library->fetch_db_config(one.element);
-        if (fetched.code() == PRSR_ERR_NO_DATABASE && one.reason.empty())
-            continue;  // removed meanwhile
-        trouble found = {EXIT_CONTENT, one.reason};
-        if (one.reason.empty()) found = trouble_of(library, fetched.code(), WHAT);
-        const prsr::database record = fetched && !one.damaged ? *fetched : prsr::database();
-        std::string name = one.element;
-        if (record && one.reason.empty()) name = text_of(record.sp_name());
-        rows.push_back(database_row(name, record, found, people));
-        if (found.code == EXIT_DONE) continue;
-        code = std::max(code, found.code);
-        troubles += "\n" + escaped(name) + ": " + escaped(found.why) +
-                    "\n  do: " + exit_rows().first[found.code].todo + "\n";
-    }
+    auto add = [&](const listed_record &one) {
+        rows.push_back(database_row(one, people));
+        if (one.code == EXIT_DONE) return;
+        code = std::max(code, one.code);
+        troubles += "\n" + escaped(one.name) + ": " + escaped(one.why) +
+                    "\n  do: " + exit_rows().first[one.code].todo + "\n";
+    };
+    each_database(library, "the status of the cluster cannot be read", add);
     show_result(format, "cluster_status", "databases", {std::move(rows)});
     if (people) write_result(troubles);
     return code;

@@ -1,0 +1,110 @@
+// See overview.h.
+#include "ctl/overview.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "admin/registry.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+#include "host/if/keyview_host.h"
+
+namespace keyview::ctl {
+
+// ---- Databases ----------------------------------------------------------------------------------
+
+// Notes why a record could not be read.
+static void note_failure(const session &library, int32_t rc, const char *what, listed_record *out) {
+    if (rc == PRSR_SUCCESS) return;
+    const tool_error failed = library.failure(rc, what);
+    if (failed.code == EXIT_LOCK) (void)keyview_host_set_lock_wait(0);
+    out->why = failed.why;
+    out->code = failed.code;
+    if (failed.code == EXIT_LOCK || failed.code == EXIT_CONTENT) return;
+    attempt(what, library.shared.registry, [] { return admin::registry::open().revision(); });
+    if (failed.code != EXIT_REGISTRY) library.check(rc, what);
+    out->code = EXIT_CONTENT;
+}
+
+void each_database(const session &library, const char *what,
+                   const std::function<void(const listed_record &)> &visit) {
+    const std::vector<admin::listed_database> databases =
+        attempt(what, library.shared.registry, admin::list_databases);
+    for (const admin::listed_database &one : databases) {
+        library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
+                                       databases.size());
+        const auto fetched = library->fetch_db_config(one.element);
+        if (fetched.code() == PRSR_ERR_NO_DATABASE && one.reason.empty())
+            continue;  // removed meanwhile
+        listed_record found = {one.element, one.element, {}, EXIT_CONTENT, one.reason};
+        if (one.reason.empty()) {
+            found.code = EXIT_DONE;
+            note_failure(library, fetched.code(), what, &found);
+        }
+        if (fetched && !one.damaged) found.record = *fetched;
+        const bool named = found.record && one.reason.empty();
+        const std::string_view name = named ? found.record.sp_name() : found.name;
+        found.name = name.data() == nullptr ? "-" : std::string(name);
+        visit(found);
+    }
+}
+
+template <typename records>
+static int64_t enabled_of(const records &listed) {
+    return std::count_if(listed.begin(), listed.end(),
+                         [](const auto &one) { return one.enabled(); });
+}
+
+// Without a record only its name and the trouble are known.
+view database_row(const listed_record &one, bool people) {
+    const prsr::database &record = one.record;
+    auto known = [&](const view &shown) { return record ? shown : view{}; };
+    view state = {coded{0, "unreadable", tone::bad}};
+    if (record) state = enabled_view(record.enabled());
+    view_fields fields = {{"database", {one.name}},
+                          {people ? "state" : "enabled", people ? state : known(state)},
+                          {"role", record ? text_view(record.role()) : view{}}};
+    auto add_share = [&](const std::string &what, const auto &listed) {
+        const int64_t enabled = enabled_of(listed), all = listed.size();
+        if (people) {
+            std::string share = std::to_string(enabled) + " of " + std::to_string(all);
+            fields.push_back({what + " enabled", known({share})});
+        } else {
+            fields.push_back({what, known(number_view(all))});
+            fields.push_back({what + "_enabled", known(number_view(enabled))});
+        }
+    };
+    add_share("instances", record ? record.instances() : prsr::instance_list());
+    add_share("services", record ? record.services() : prsr::service_list());
+    if (!people) {
+        fields.push_back(
+            {"error", one.code == EXIT_DONE ? view{} : text_view(exit_word(one.code))});
+        fields.push_back({"why", optional_view(one.why)});
+    }
+    return {std::move(fields)};
+}
+
+// ---- Findings -----------------------------------------------------------------------------------
+
+std::string remedy_of(const admin::finding &found) {
+    if (found.remedy.empty()) return "";
+    std::string out = "keyviewctl";
+    for (const std::string &word : found.remedy)
+        out += " " + shell_word(word);
+    return out;
+}
+
+view_fields lint_view(const admin::inspection_report &report) {
+    view_list findings;
+    for (const admin::finding &found : report.findings)
+        findings.push_back({view_fields{{"rule", {found.row->name}},
+                                        {"severity", {found.row->severity}},
+                                        {"path", {found.path}},
+                                        {"reason", {found.reason}},
+                                        {"readers_see", {found.readers_see}},
+                                        {"mend", optional_view(remedy_of(found))},
+                                        {"decide", optional_view(found.decision)}}});
+    return {{"keys", count_view(report.keys)}, {"findings", {std::move(findings)}}};
+}
+
+}  // namespace keyview::ctl

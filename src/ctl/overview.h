@@ -1,0 +1,36 @@
+// The cluster as a whole: each database as its readers see it, and what lint finds.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "admin/care/inspection.h"
+#include "ctl/session.h"
+
+namespace keyview::ctl {
+
+// A database of the listing. What keeps it from being shown in full has an exit code and words.
+struct listed_record {
+    std::string element;  // of its key
+    std::string name;     // the registered one, where it can be read
+    prsr::database record;
+    exit_code code = EXIT_DONE;
+    std::string why = {};
+};
+
+// Calls visit for each database, in the order of the listing, with its record or what keeps it from
+// being read. Several busy databases are waited for as long as one may be. Throws if the registry fails
+// as a whole. what: "the status of the cluster cannot be read".
+void each_database(const session &library, const char *what,
+                   const std::function<void(const listed_record &)> &visit);
+
+// A row of "status", for people or for programs.
+view database_row(const listed_record &one, bool people);
+
+// The command that mends a finding; "" where a person has to decide.
+std::string remedy_of(const admin::finding &found);
+
+// The fields of the answer of "lint".
+view_fields lint_view(const admin::inspection_report &report);
+
+}  // namespace keyview::ctl
