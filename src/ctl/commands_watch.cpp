@@ -7,9 +7,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
-#include <thread>
 
-#include "admin/change/keys.h"
+#include "ctl/change_source.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
@@ -18,12 +17,6 @@
 #include "model/roots.h"
 
 namespace keyview::ctl {
-
-// Runs a call of the administration for the command.
-template <typename work>
-static auto on_registry(const tool &shared, work &&run) {
-    return attempt("the tree cannot be watched", shared.registry, run);
-}
 
 namespace {
 
@@ -35,32 +28,35 @@ struct watch_options {
     double seconds = 0;
 };
 
-// Follows the history of a registry that has one. Otherwise polls the tree: writes between two polls
-// are reported as one change, after a line that reports the merge.
 class watcher {
   public:
     watcher(const tool &shared, watch_options options)
         : shared_(shared),
           options_(std::move(options)),
-          path_(options_.path.empty() ? ROOT : options_.path),
-          registry_(on_registry(shared_, [] { return admin::registry::open(); })) {}
+          path_(options_.path.empty() ? ROOT : options_.path) {}
 
+    // Throws admin::error, too.
     void run() {
-        uint64_t present = present_revision();
+        admin::registry registry = admin::registry::open();
+        const uint64_t present = registry.revision();
         refuse_future(present);
-        revision_ = options_.from != 0 ? options_.from : present;
+        const uint64_t from = options_.from != 0 ? options_.from : present;
         bool ends = options_.count != 0 || options_.seconds > 0;
-        print_remark("watches " + path_ + " from revision " + std::to_string(revision_) + " on" +
+        print_remark("watches " + path_ + " from revision " + std::to_string(from) + " on" +
                      (ends ? "" : "; Ctrl-C ends it"));
-        if (!follow_history()) poll();
+        change_source source(std::move(registry), path_, from);
+        const change_sink sink = {
+            [this](const revision_jump &jump) { report_jump(jump); },
+            [this](uint64_t since, uint64_t revision, const admin::key_change &change) {
+                report_change(since, revision, change);
+            }};
+        do {
+            source.next([this] { return time_left(); }, sink);
+        } while (!reported_all() && time_left() > 0);
     }
 
   private:
-    static constexpr uint32_t WAIT_MS = 2000, POLL_EVERY_MS = 50;
-
-    uint64_t present_revision() const {
-        return on_registry(shared_, [&] { return registry_.revision(); });
-    }
+    static constexpr uint32_t WAIT_MS = 2000;
 
     void refuse_future(uint64_t present) const {
         if (options_.from <= present) return;
@@ -70,73 +66,24 @@ class watcher {
                          "leave --from out to watch from now on"};
     }
 
-    // So many milliseconds more, or so many as are left.
-    uint32_t time_left(uint32_t most_ms) const {
-        if (options_.seconds <= 0) return most_ms;
+    // In milliseconds, WAIT_MS at most.
+    uint32_t time_left() const {
+        if (options_.seconds <= 0) return WAIT_MS;
         std::chrono::duration<double, std::milli> left = end_ - std::chrono::steady_clock::now();
-        return static_cast<uint32_t>(std::clamp<double>(left.count(), 0, most_ms));
+        return static_cast<uint32_t>(std::clamp<double>(left.count(), 0, WAIT_MS));
     }
 
     bool reported_all() const { return options_.count != 0 && reported_ >= options_.count; }
-    bool goes_on() const { return !reported_all() && time_left(WAIT_MS) > 0; }
 
-    // False, at once, if the registry keeps none.
-    bool follow_history() {
-        for (bool first = true; first || goes_on(); first = false) {
-            std::optional<admin::change_batch> next;
-            try {
-                next = registry_.changes_since(path_, revision_, time_left(WAIT_MS));
-            } catch (const admin::error &failed) {
-                if (failed.kind != KEYVIEW_FAILURE_CHANGED)
-                    fail(failed, "the tree cannot be watched", shared_.registry);
-                report_jump("gap", "is forgotten", present_revision());
-                continue;
-            }
-            if (!next) return false;
-            for (const admin::noted_change &one : next->changes)
-                report_change(revision_, one.revision, one.change);
-            revision_ = next->up_to;
-        }
-        return true;
-    }
-
-    void poll() {
-        admin::read_keys_result seen = read_tree();
-        if (seen.revision != revision_) report_jump("gap", "is not reported", seen.revision);
-        while (goes_on()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(time_left(POLL_EVERY_MS)));
-            if (present_revision() == revision_) continue;
-            admin::read_keys_result now = read_tree();
-            uint64_t before = revision_;
-            if (now.revision > before + 1)
-                report_jump("merged", "is reported as one change", now.revision);
-            for (const admin::key_change &change : admin::differences(seen.keys, now.keys))
-                report_change(before, now.revision, change);
-            revision_ = now.revision;
-            seen = std::move(now);
-        }
-    }
-
-    // A key that does not exist yet has no keys below it either.
-    admin::read_keys_result read_tree() const {
-        admin::read_keys_result found;
-        found.revision = on_registry(shared_, [&] {
-            return registry_.read({{path_, reach::all_below}}, &found.keys);
-        });
-        return found;
-    }
-
-    // Reports a range of revisions without single changes; continues from the later revision.
-    void report_jump(const char *kind, const char *what, uint64_t revision) {
+    void report_jump(const revision_jump &jump) const {
         if (shared_.format == output_format::table) {
-            write_result(std::string(kind) + ": what happened after revision " +
-                         std::to_string(revision_) + " up to " + std::to_string(revision) + " " +
-                         what + "\n");
+            write_result(std::string(jump.kind) + ": what happened after revision " +
+                         std::to_string(jump.since) + " up to " + std::to_string(jump.revision) +
+                         " " + jump.what + "\n");
         } else {
-            write_json(lines_of(
-                kind, {{"since", count_view(revision_)}, {"revision", count_view(revision)}}));
+            write_json(lines_of(jump.kind, {{"since", count_view(jump.since)},
+                                            {"revision", count_view(jump.revision)}}));
         }
-        revision_ = revision;
     }
 
     void report_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
@@ -178,12 +125,10 @@ class watcher {
     const tool &shared_;
     watch_options options_;
     std::string path_;
-    admin::registry registry_;
     std::chrono::steady_clock::time_point end_ =
         std::chrono::steady_clock::now() +
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
             std::chrono::duration<double>(options_.seconds));
-    uint64_t revision_ = 0;  // reported last
     uint64_t reported_ = 0;
 };
 
@@ -197,7 +142,7 @@ static exit_code run_watch(const tool &shared, const watch_options &options) {
                          "another format was chosen", "use -o jsonl, or none for people"};
     }
     shared.reporter->stop();
-    watcher(shared, options).run();
+    attempt("the tree cannot be watched", shared.registry, [&] { watcher(shared, options).run(); });
     return EXIT_DONE;
 }
 
