@@ -14,14 +14,17 @@ constexpr size_t MAX_VALUE_SIZE = size_t{1} << 20;
 constexpr const char *path_fault(std::string_view path) noexcept {
     if (path.empty()) return "the path is empty";
     if (path.size() > MAX_PATH_LENGTH) return "the path is longer than 2047 bytes";
-    char before = '.';
-    for (char c : path) {
-        auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F) return "the path holds a control character";
-        if (c == '.' && before == '.') return "an element of the path is empty";
-        before = c;
+    constexpr unsigned char ABOVE_DOT = '.' + 1, DELETE = 0x7F;
+    size_t element = 0;  // where the present one begins
+    for (size_t at = 0; at < path.size(); ++at) {
+        auto byte = static_cast<unsigned char>(path[at]);
+        if (static_cast<unsigned char>(byte - ABOVE_DOT) < DELETE - ABOVE_DOT) continue;  // most
+        if (byte < 0x20 || byte == DELETE) return "the path holds a control character";
+        if (byte != '.') continue;
+        if (at == element) return "an element of the path is empty";
+        element = at + 1;
     }
-    return before == '.' ? "an element of the path is empty" : nullptr;
+    return element == path.size() ? "an element of the path is empty" : nullptr;
 }
 
 // How far a part of the tree goes below its top.

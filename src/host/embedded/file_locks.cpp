@@ -98,27 +98,31 @@ static bool is_open(int fd, off_t at) {
 namespace {
 
 struct lock_offsets {
+    std::string_view name;  // "" where the turn is beside the gate
     off_t byte;
     off_t gate;
-    off_t turn;
     shared_words::hint *hint;
     shared_words::hint *waits;
+
+    // Needed by writers alone.
+    off_t turn() const {
+        if (name.empty()) return gate + 1;
+        return static_cast<off_t>(XXH3_64bits_withSeed(name.data(), name.size(), 1) >> 3) + GATE;
+    }
 };
 
 }  // namespace
 
 static lock_offsets offsets_at(off_t byte, shared_words *words) {
     auto slot = static_cast<uint64_t>(byte);
-    return {byte, byte + GATE, byte + GATE + 1, words->hint_of(slot), words->waits_of(slot)};
+    return {{}, byte, byte + GATE, words->hint_of(slot), words->waits_of(slot)};
 }
 
 static lock_offsets offsets_of(std::string_view name, shared_words *words) {
     if (name == file_locks::WRITERS) return offsets_at(WRITERS_BYTE, words);
     uint64_t hash = XXH3_64bits(name.data(), name.size());
-    uint64_t further = XXH3_64bits_withSeed(name.data(), name.size(), 1);
     auto byte = static_cast<off_t>(hash >> 3);
-    return {byte, byte + GATE, static_cast<off_t>(further >> 3) + GATE, words->hint_of(hash),
-            words->waits_of(hash)};
+    return {name, byte, byte + GATE, words->hint_of(hash), words->waits_of(hash)};
 }
 
 // ---- Locks --------------------------------------------------------------------------------------
@@ -197,13 +201,13 @@ class file_lock final : public held_lock {
             !no_writer(offsets_at(WHOLE_BYTE, &service_->words_)))
             return false;
         if (std::exchange(waits_, true)) {
-            has_turn_ = has_turn_ || try_byte(fd_, at.turn, F_WRLCK);
+            has_turn_ = has_turn_ || try_byte(fd_, at.turn(), F_WRLCK);
             if (!has_turn_) return false;
-        } else if (!is_open(fd_, at.turn)) {
+        } else if (!is_open(fd_, at.turn())) {
             return false;
         }
         if (!try_byte(fd_, at.gate, F_WRLCK)) return false;
-        if (has_turn_) (void)try_byte(fd_, at.turn, F_UNLCK);  // to release never conflicts
+        if (has_turn_) (void)try_byte(fd_, at.turn(), F_UNLCK);  // to release never conflicts
         return true;
     }
 

@@ -63,9 +63,8 @@ void held_locks::take(const void *service, const backend &registry, std::string_
     size_t cover_at = cover.path.empty()
                           ? spare_name_.npos
                           : static_cast<size_t>(cover.path.data() - spare_name_.data());
-    locked_view view(lock->as_of_grant());
-    entries_.push_back({service, std::move(spare_name_), mode, std::move(lock), registry.keys,
-                        cover_at, cover.depth, std::move(view)});
+    entries_.emplace_back(service, std::move(spare_name_), mode, std::move(lock), registry.keys,
+                          cover_at, cover.depth);
 }
 
 bool held_locks::release(const void *service, std::string_view name) {

@@ -26,6 +26,18 @@ struct held_entry {
     reach depth;
     locked_view view;
 
+    held_entry(const void *through, std::string &&lock_name, lock_mode lock_mode_,
+               std::shared_ptr<held_lock> &&granted, const std::shared_ptr<store> &protects,
+               size_t cover_begins, reach reaches)
+        : service(through),
+          name(std::move(lock_name)),
+          mode(lock_mode_),
+          lock(std::move(granted)),
+          keys(protects),
+          cover_at(cover_begins),
+          depth(reaches),
+          view(lock->as_of_grant()) {}
+
     lock_cover cover() const {
         if (cover_at == name.npos) return {};
         return {std::string_view(name).substr(cover_at), depth};
