@@ -112,6 +112,9 @@ static void make_directory(const std::string &path) {
 }
 
 static unique_fd open_directory(const std::string &path) {
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.valid()) return fd;
+    const int error = errno;
     struct stat found = {};
     if (lstat(path.c_str(), &found) != 0) {
         if (errno != ENOENT && errno != ENOTDIR) throw failed(path, "stat");
@@ -121,9 +124,8 @@ static unique_fd open_directory(const std::string &path) {
         throw refused(failure::denied, path, "it is a symbolic link; give the directory itself");
     }
     if (!S_ISDIR(found.st_mode)) throw refused(failure::usage, path, "it is not a directory");
-    unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd.valid()) throw failed(path, "open");
-    return fd;
+    errno = error;
+    throw failed(path, "open");
 }
 
 // Returns the mode of files. A group is given the files only together with its set-group-ID
