@@ -49,6 +49,7 @@ static constexpr argument_row ARGUMENTS[] = {
     {"--overwrite", "Also where a key has changed since", false, &tool::overwrite},
     {"--resume", "Complete it", false, &tool::resume},
     {"--undo", "Take it back", false, &tool::undo},
+    {"--follow", "On the whole screen, drawn again as it changes, until q", false, &tool::follow},
     {"--fields", "The fields of a cluster document instead", false, &tool::fields},
     {"--findings", "What check, lint and export find instead", false, &tool::findings},
     {"--salvage", "Leave out what is damaged, and list it: exit code 8 if there is any", false,

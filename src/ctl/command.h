@@ -34,7 +34,7 @@ struct tool {
     bool dry_run = false, yes = false, prune = false, force = false;
     bool resume = false, undo = false, fields = false, overwrite = false;
     bool findings = false, salvage = false;
-    bool prefix = false, keys_only = false;
+    bool prefix = false, keys_only = false, follow = false;
     bool quiet = false, verbose = false;
     uint64_t if_revision = 0;
     // The arguments of each command: what they are called, and their values.

@@ -1,6 +1,7 @@
 // status: the picture of a database, or of all of them, on one screen.
 #include <algorithm>
 
+#include "ctl/board/board.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "ctl/overview.h"
@@ -96,14 +97,16 @@ static exit_code show_all(const session &library) {
     return code;
 }
 
-static exit_code run_status(const session &library, const given_names &names) {
+static exit_code run_status(const tool &shared, const given_names &names) {
+    if (shared.follow) return run_board(shared, names[0]);
+    const session library(shared);
     return names[0].empty() ? show_all(library) : show_database(library, names[0]);
 }
 
 void add_status_command(CLI::App *app, tool *shared) {
     static constexpr command_row COMMANDS[] = {
         {"status", "Show the services, instances and nodes of a database, or sum up the cluster",
-         "[DB]", with_library<run_status>},
+         "[DB] --follow", run_status},
     };
     add_commands(app, shared, COMMANDS);
 }

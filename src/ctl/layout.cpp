@@ -31,7 +31,7 @@ static symbol symbol_at(const std::string &text, size_t at) {
     return {bytes, static_cast<size_t>(std::max(wcwidth(code), 0))};
 }
 
-static size_t width_of_text(const std::string &text) {
+size_t width_of_text(const std::string &text) {
     size_t width = 0;
     for (size_t at = 0; at < text.size();) {
         symbol next = symbol_at(text, at);
@@ -74,7 +74,7 @@ static void each_word(const std::string &text, const work &run) {
     }
 }
 
-static std::vector<std::string> lines_of(const std::string &text, size_t columns) {
+std::vector<std::string> wrapped_text(const std::string &text, size_t columns) {
     if (width_of_text(text) <= columns) return {text};
     std::vector<std::string> lines;
     each_word(text, [&](const std::string &whole) {
@@ -128,7 +128,7 @@ static void add_row(const std::vector<cell> &row, const std::vector<size_t> &wid
     std::vector<std::vector<std::string>> cells;
     size_t height = 0;
     for (size_t n = 0; n < row.size(); ++n) {
-        cells.push_back(lines_of(row[n].text, widths[n]));
+        cells.push_back(wrapped_text(row[n].text, widths[n]));
         height = std::max(height, cells.back().size());
     }
     for (size_t line = 0; line < height; ++line) {

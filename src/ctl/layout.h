@@ -8,8 +8,14 @@
 
 namespace keyview::ctl {
 
+// The columns that a text takes.
+size_t width_of_text(const std::string &text);
+
 // A text that is too wide, with an ellipsis in its middle or at its end. A width of 0 is none.
 std::string shortened(const std::string &text, size_t columns, bool at_end = false);
+
+// A text in lines of at most so many columns, broken at blanks; a longer word is shortened.
+std::vector<std::string> wrapped_text(const std::string &text, size_t columns);
 
 struct cell {
     std::string text;

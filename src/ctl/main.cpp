@@ -119,11 +119,6 @@ static int end_parse(const CLI::App &app, const CLI::ParseError &error) {
     return EXIT_USAGE;
 }
 
-// Without credentials that a URL may contain by mistake.
-static std::string shown_url(const std::string &url) {
-    return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
-}
-
 // The command may run under a lock of its own parents, who wait for it. Those of other registries do
 // not concern it.
 static void keep_locks_above(const tool &shared) {

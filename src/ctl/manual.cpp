@@ -105,6 +105,7 @@ static constexpr struct {
     {"Change", "keyviewctl export cluster.yaml", "write all records as a document"},
     {"Change", "keyviewctl apply --prune --yes cluster.yaml",
      "apply it, and remove what it does not contain"},
+    {"Observe", "keyviewctl status --follow", "the cluster on the whole screen, as it changes"},
     {"Observe", "keyviewctl watch DATABASE.DATABASES.sales", "follow changes as they happen"},
     {"Observe", "keyviewctl lock list", "print who holds or awaits locks"},
     {"Back up", "keyviewctl backup saved", "save the whole tree as of one moment"},

@@ -27,9 +27,10 @@ static void note_failure(const session &library, int32_t rc, const char *what, l
 }
 
 void each_database(const session &library, const char *what,
-                   const std::function<void(const listed_record &)> &visit) {
+                   const std::function<void(const listed_record &)> &visit,
+                   const std::string &key) {
     const std::vector<admin::listed_database> databases =
-        attempt(what, library.shared.registry, admin::list_databases);
+        attempt(what, library.shared.registry, [&] { return admin::list_databases(key); });
     for (const admin::listed_database &one : databases) {
         library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
                                        databases.size());

@@ -18,11 +18,12 @@ struct listed_record {
     std::string why = {};
 };
 
-// Calls visit for each database, in the order of the listing, with its record or what keeps it from
-// being read. Several busy databases are waited for as long as one may be. Throws if the registry fails
+// Calls visit for each database, in the order of the listing, or for the one of a key, with its record
+// or what keeps it from being read. Several busy databases are waited for as long as one may be. Throws if the registry fails
 // as a whole. what: "the status of the cluster cannot be read".
 void each_database(const session &library, const char *what,
-                   const std::function<void(const listed_record &)> &visit);
+                   const std::function<void(const listed_record &)> &visit,
+                   const std::string &key = DB_ROOT);
 
 // A row of "status", for people or for programs.
 view database_row(const listed_record &one, bool people);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cwchar>
 #include <filesystem>
 
 #include "model/text.h"
@@ -41,6 +42,18 @@ std::string escaped(std::string_view text) {
     return out;
 }
 
+std::string screen_text(std::string_view escaped_text, bool ascii) {
+    std::string out;
+    for (std::string_view rest = escaped_text; !rest.empty();) {
+        const character next = first_character(rest);
+        const bool shown =
+            next.code < 0x80 || (!ascii && wcwidth(static_cast<wchar_t>(next.code)) >= 0);
+        out += shown ? std::string(rest.substr(0, next.length)) : numbered("\\u%04x", next.code);
+        rest.remove_prefix(next.length);
+    }
+    return out;
+}
+
 std::string json_made_plain(std::string_view json) {
     std::string out;
     while (!json.empty()) {
@@ -64,6 +77,10 @@ std::string absolute_url(const std::string &url) {
     constexpr std::string_view HEAD = "lmdb:";
     if (url.rfind(HEAD, 0) != 0 || url.size() == HEAD.size()) return url;
     return std::string(HEAD) + std::filesystem::absolute(url.substr(HEAD.size())).string();
+}
+
+std::string shown_url(const std::string &url) {
+    return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
 }
 
 std::string shell_word(std::string_view text) {

@@ -11,11 +11,18 @@ namespace keyview::ctl {
 // one line.
 std::string escaped(std::string_view text);
 
+// An escaped text for a screen that counts columns: characters without a width come escaped, too, and,
+// for one that has ASCII only, all others.
+std::string screen_text(std::string_view escaped_text, bool ascii);
+
 // An equivalent JSON text without a byte that escaped() would change, but for line feeds.
 std::string json_made_plain(std::string_view json);
 
 // The URL of a registry as it means the same in any folder.
 std::string absolute_url(const std::string &url);
+
+// A URL without credentials that it may contain by mistake.
+std::string shown_url(const std::string &url);
 
 // A text as one word of a shell's command line.
 std::string shell_word(std::string_view text);

@@ -75,10 +75,10 @@ std::vector<symptom> diagnose_registry() {
     return std::move(call.symptoms);
 }
 
-std::vector<listed_database> list_databases() {
+std::vector<listed_database> list_databases(const std::string &key) {
     key_map keys;
     std::vector<std::string> damaged;
-    (void)registry::open().read({{DB_ROOT, reach::all_below}}, &keys, &damaged);
+    (void)registry::open().read({{key, reach::all_below}}, &keys, &damaged);
     std::map<std::string, listed_database> found;
     for (const auto &[path, value] : keys) {
         if (parent_path(path) != DB_ROOT) continue;

@@ -7,6 +7,7 @@
 
 #include "admin/care/findings.h"
 #include "admin/registry.h"
+#include "model/roots.h"
 
 namespace keyview::admin {
 
@@ -32,13 +33,14 @@ struct symptom {
 // locks.
 std::vector<symptom> diagnose_registry();
 
-// The databases with what keeps readers from reading the name of each, or with damage in it.
+// The databases, or the one of a key, with what keeps readers from reading the name of each, or with
+// damage in it.
 struct listed_database {
     std::string element;  // of its key
     std::string reason = {};
     bool damaged = false;
 };
-std::vector<listed_database> list_databases();
+std::vector<listed_database> list_databases(const std::string &key = DB_ROOT);
 
 // Throws the damage in a key and in what is below it: several operations of the library read a list
 // that is damaged as an empty one.

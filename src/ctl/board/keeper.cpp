@@ -1,0 +1,139 @@
+// See keeper.h.
+#include "ctl/board/keeper.h"
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ctl/board/screen.h"
+#include "ctl/output.h"
+
+namespace keyview::ctl {
+
+static constexpr int ENDING[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
+static constexpr time_t PATIENCE_S = 4;  // with a child that was told to end
+
+sigset_t board_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int number : ENDING)
+        sigaddset(&set, number);
+    for (int number : {SIGTSTP, SIGCONT, SIGWINCH})
+        sigaddset(&set, number);
+    return set;
+}
+
+void end_by_signal(int number) {
+    (void)signal(number, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, number);
+    (void)raise(number);
+    (void)sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+terminal_keeper::terminal_keeper() {
+    void *memory =
+        mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED || tcgetattr(STDIN_FILENO, &before_) != 0) {
+        throw tool_error{EXIT_INTERNAL, "the board cannot be shown", "", strerror(errno), ""};
+    }
+    screen_shown_ = static_cast<bool *>(memory);
+}
+
+terminal_keeper::~terminal_keeper() {
+    (void)munmap(screen_shown_, sizeof(bool));
+}
+
+bool terminal_keeper::in_child() {
+    sigset_t all, before;
+    sigfillset(&all);
+    (void)sigprocmask(SIG_SETMASK, &all, &before);
+    const pid_t parent = getpid();
+    (void)signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would hide the end of the child
+    child_ = fork();
+    if (child_ < 0) {
+        (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+        throw tool_error{EXIT_INTERNAL, "the board cannot be shown", "", strerror(errno), ""};
+    }
+    if (child_ > 0) return false;
+    (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(EXIT_INTERNAL);
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+    return true;
+}
+
+// ---- The parent ---------------------------------------------------------------------------------
+
+// All signals are blocked, so that a parent in the background may set the terminal, too.
+void terminal_keeper::restore() {
+    if (!*screen_shown_) return;
+    *screen_shown_ = false;
+    (void)tcflow(STDOUT_FILENO, TCOON);                    // somebody may have held the output
+    (void)write_all(STDOUT_FILENO, restoring_sequence());  // a terminal that is gone needs none
+    (void)tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+}
+
+// The shell sees its own child stop, once the terminal is as it was.
+void terminal_keeper::stop_with_child() {
+    restore();
+    (void)raise(SIGSTOP);
+    (void)kill(child_, SIGCONT);
+}
+
+int terminal_keeper::end_like(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    const int number = WTERMSIG(status);
+    for (int one : ENDING)
+        if (one == number) end_by_signal(number);
+    throw tool_error{EXIT_INTERNAL, "the board ended by a signal", "", strsignal(number),
+                     "report this, unless somebody sent it"};
+}
+
+// What the terminal sends, the child gets itself.
+void terminal_keeper::pass_on(const siginfo_t &signal) {
+    const bool ends = signal.si_signo == SIGTERM || signal.si_signo == SIGHUP;
+    const bool by_terminal = signal.si_code == SI_KERNEL;
+    const sigset_t handled = board_signals();
+    if (sigismember(&handled, signal.si_signo) != 1 || (by_terminal && !ends)) return;
+    (void)kill(child_, signal.si_signo);
+    if (signal.si_signo == SIGCONT || signal.si_signo == SIGTSTP || signal.si_signo == SIGWINCH)
+        return;
+    ending_ = true;
+}
+
+int terminal_keeper::wait_for_child() {
+    sigset_t all;
+    sigfillset(&all);
+    const timespec patience = {PATIENCE_S, 0};
+    for (;;) {
+        int status = 0;
+        while (waitpid(child_, &status, WNOHANG | WUNTRACED) == child_) {
+            if (WIFSTOPPED(status)) {
+                stop_with_child();
+                continue;
+            }
+            restore();
+            sigset_t none;
+            sigemptyset(&none);
+            const int code = end_like(status);
+            (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+            return code;
+        }
+        siginfo_t signal = {};
+        const int number =
+            ending_ ? sigtimedwait(&all, &signal, &patience) : sigwaitinfo(&all, &signal);
+        if (number > 0) {
+            pass_on(signal);
+        } else if (ending_ && errno == EAGAIN) {
+            (void)kill(child_, SIGKILL);
+        }
+    }
+}
+
+}  // namespace keyview::ctl

@@ -1,0 +1,262 @@
+#!/usr/bin/python3
+"""status --follow on a terminal of its own: keys, sizes, marks, trouble, and what is left of the
+terminal after every end. The screen is that of an emulator; nothing sleeps, each step waits for a text."""
+import fcntl, json, os, pty, re, select, signal, struct, subprocess, termios, time, unittest
+
+import pyte
+
+from admin_test import SALES, TOOL, Administrator
+
+SIZES = [(80, 24), (132, 43), (200, 60)]
+COLOUR = rb"\x1b\[[\d;]*[34]\dm"
+PATIENCE = 30
+
+
+class Screen(pyte.Screen):
+    """Scrolls a part of it, too, as terminals do."""
+
+    def scroll(self, count, change):
+        line, self.cursor.y = self.cursor.y, (self.margins or (0,))[0]
+        change(count or 1)
+        self.cursor.y = line
+
+    def scroll_up(self, count=1):
+        self.scroll(count, self.delete_lines)
+
+    def scroll_down(self, count=1):
+        self.scroll(count, self.insert_lines)
+
+
+class Stream(pyte.ByteStream):
+    csi = {**pyte.ByteStream.csi, "S": "scroll_up", "T": "scroll_down"}
+
+
+class Terminal:
+    """A terminal with the tool in its foreground."""
+
+    def __init__(self, test, *words, size=SIZES[0], **env):
+        self.test, self.raw = test, b""
+        self.screen = Screen(*size)
+        self.stream = Stream(self.screen)
+        self.leader, self.follower = pty.openpty()
+        self.set_size(*size)
+        self.before = termios.tcgetattr(self.follower)
+        self.tool = subprocess.Popen(
+            [TOOL, *words], stdin=self.follower, stdout=self.follower, stderr=self.follower,
+            start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            env={**test.env, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8", **env})
+        test.addCleanup(self.end)
+
+    def end(self):
+        if self.tool.poll() is None:
+            self.tool.kill()
+            self.tool.wait()
+        for fd in (self.leader, self.follower):
+            os.close(fd)
+
+    def set_size(self, columns, lines):
+        fcntl.ioctl(self.follower, termios.TIOCSWINSZ, struct.pack("HHHH", lines, columns, 0, 0))
+        self.screen.resize(lines, columns)
+
+    # Reads what comes within a time; the number of bytes.
+    def read(self, seconds=0.02):
+        if not select.select([self.leader], [], [], seconds)[0]:
+            return 0
+        block = os.read(self.leader, 65536)
+        self.raw += block
+        self.stream.feed(block)
+        return len(block)
+
+    def text(self):
+        columns, buffer = range(self.screen.columns), self.screen.buffer
+        return "\n".join("".join([buffer[line][at].data for at in columns]) for line in range(self.screen.lines))
+
+    def wait(self, *patterns):
+        end = time.monotonic() + PATIENCE
+        while not all(re.search(one, self.text(), re.M) for one in patterns):
+            if time.monotonic() > end:
+                self.test.fail("not on the screen: %s\n%s" % (patterns, self.text()))
+            self.read()
+
+    def press(self, keys, *patterns):
+        os.write(self.leader, keys.encode())
+        self.wait(*patterns)
+
+    def ended(self):
+        end = time.monotonic() + PATIENCE
+        while self.tool.poll() is None:
+            self.test.assertLess(time.monotonic(), end, self.text())
+            self.read()
+        self.drain()
+        return self.tool.returncode
+
+    def drain(self):
+        while self.read():
+            pass
+
+    def board(self):
+        return int(subprocess.check_output(["pgrep", "-P", str(self.tool.pid)]))
+
+    def shows_lines(self):
+        return self.raw.rfind(b"\x1b[?1049l") >= self.raw.rfind(b"\x1b[?1049h")
+
+    def check_restored(self, why):
+        self.test.assertTrue(self.shows_lines(), why)
+        self.test.assertFalse(self.screen.cursor.hidden, why)
+        self.test.assertEqual(termios.tcgetattr(self.follower), self.before, why)
+
+
+class Board(Administrator):
+    def follow(self, *words, **more):
+        shown = Terminal(self, "status", "--follow", *words, **more)
+        shown.wait("good")
+        return shown
+
+    def test_keys_and_changes_at_three_sizes(self):
+        for number, size in enumerate(SIZES):
+            shown = self.follow(size=size)
+            word = ("false", "true")[number % 2]
+            shown.wait("^> ledger +enabled +PRIMARY +2 of 3 +2 of 2 +3", "databases 4 ", "changes 0 ")
+            for keys, *patterns in [
+                    ("j", "^> Sales "), ("\x1bOB", "^> SalesStandby"), ("kk", "^> ledger"), ("G", "^> sandbox"),
+                    ("\x1b[5~", "^> ledger"), ("\x1b[6~", "^> sandbox"), ("g", "^> ledger"), ("\x1b[F", "^> sandbox"), ("\x1b[H", "^> ledger"), ("j", "^> Sales "),
+                    ("\r", "database Sales ", "Sales1 +node1 +enabled", "nightly_batch +disabled PRECONNECT Sales3 +Sales4"),
+                    ("?", "Ctrl-L +draw the screen again"), ("x", "database Sales "),
+                    ("c", "changes 0 of database Sales "), ("\x1b", "changes 0 ──"), ("\x1b", "^> Sales "),
+                    ("/", "^/_"), ("n0de\x7f\x7f\x7fode3", 'databases 1, filter "node3" of 4'), ("\r", "^> Sales", "q leave"),
+                    ("/dis node", 'filter "dis node"', "databases 3,", "^> Sales", "^  sandbox"), ("\x1b", "databases 4 "), ("gj", "^> Sales ")]:
+                shown.press(keys, *patterns)
+            before = len(shown.raw)
+            self.good("set", SALES + ".ENABLED", word)
+            shown.wait(r"^>\*Sales +%s +PRIMARY .* \d s" % ("disabled" if word == "false" else "enabled"),
+                       r"changed \d s ago", r"\d\d:\d\d:\d\d \d+ ~ sales.ENABLED = \w+ -> " + word)
+            self.assertLess(len(shown.raw) - before, 700, "bytes for a change")
+            self.good("set", "DATABASE.STG.node1.stg1.VERSION", "5." + str(number))
+            shown.wait("STG.node1.stg1.VERSION = ", "changes 2 ")
+            shown.press("c", "changes 1 of database Sales ", "^> .* sales.ENABLED")
+            shown.press("c", "changes 2 ─", "^> .* STG.node1")
+            shown.press("j\r", "database Sales ", ("disabled" if word == "false" else "enabled") + ", role PRIMARY")
+            # What was drawn as differences is what a whole redraw shows.
+            for other in SIZES[number - 1], (60, 10), size:
+                shown.set_size(*other)
+                shown.wait("needs 80x24, is 60x10; q leaves" if other[0] == 60 else "^j k move.*q leave")
+                self.assertEqual(shown.screen.lines, other[1])
+            drawn = re.sub(r"\d+ s", "", shown.text())
+            shown.screen.reset()
+            shown.press("\x0c", "^j k move.*q leave", "database Sales ", "changes 2")
+            self.assertEqual(re.sub(r"\d+ s", "", shown.text()), drawn)
+            os.write(shown.leader, b"q")
+            self.assertEqual(shown.ended(), 0)
+            shown.check_restored("q")
+
+    def test_the_terminal_is_restored_after_every_end(self):
+        def send(number, who=lambda shown: shown.tool.pid):
+            return lambda shown: os.kill(who(shown), number)
+
+        for name, end, code in [
+                ("q", lambda shown: os.write(shown.leader, b"q"), 0),
+                ("Ctrl-C", lambda shown: os.write(shown.leader, b"\x03"), -signal.SIGINT),
+                ("Ctrl-\\", lambda shown: os.write(shown.leader, b"\x1c"), -signal.SIGQUIT),
+                ("SIGINT", send(signal.SIGINT), -signal.SIGINT), ("SIGTERM", send(signal.SIGTERM), -signal.SIGTERM),
+                ("SIGHUP", send(signal.SIGHUP), -signal.SIGHUP),
+                ("SIGTERM to the board", send(signal.SIGTERM, Terminal.board), -signal.SIGTERM),
+                ("kill -9", send(signal.SIGKILL), -signal.SIGKILL),
+                ("kill -9 of the board", send(signal.SIGKILL, Terminal.board), 9)]:
+            shown = self.follow()
+            self.assertFalse(shown.shows_lines())
+            end(shown)
+            self.assertEqual(shown.ended(), code, name)
+            while not shown.shows_lines():  # a board whose parent was killed ends after it
+                self.assertGreater(shown.read(PATIENCE), 0, name)
+            shown.drain()
+            shown.check_restored(name)
+        shown.wait("ended by a signal", "Killed")
+
+    def test_a_stop_gives_the_terminal_back_until_it_goes_on(self):
+        for name, stop in [("Ctrl-Z", lambda shown: os.write(shown.leader, b"\x1a")),
+                           ("SIGTSTP", lambda shown: os.kill(shown.tool.pid, signal.SIGTSTP)),
+                           ("SIGSTOP of the board", lambda shown: os.kill(shown.board(), signal.SIGSTOP))]:
+            shown = self.follow()
+            stop(shown)
+            self.assertTrue(os.WIFSTOPPED(os.waitpid(shown.tool.pid, os.WUNTRACED)[1]), name)
+            shown.drain()
+            shown.check_restored(name)
+            shown.screen.reset()
+            os.kill(shown.tool.pid, signal.SIGCONT)
+            shown.wait("^> ledger", "q leave")
+            self.assertFalse(shown.shows_lines(), name)
+            shown.press("j", "^> Sales")
+
+    def test_names_cannot_harm_the_screen(self):
+        for number, name in enumerate(["\u202e", "\u009b31m", "日本語", "e\u0301\u0301", "\u00ad", "\U0010ffff", "x" * 300]):
+            path = "DATABASE.DATABASES.h%d%s" % (number, name)
+            self.store(path, ("H%d%s" % (number, name)).encode() + b"\0")
+            self.store(path + ".ENABLED", b"true\0")
+            self.store(path + ".ROLE", b"\x1b[2J\xff\0")
+        shown = self.follow("--color", "never")
+        shown.wait(r"^. H0\\u202e +enabled +\\x1b\[2J\\xff ", r"^  H1\\u009b31m +enabled", r"^  H5\\u10ffff", r"^  H6x+… enabled")
+        self.assertIn("H2日本語  ", shown.text())
+        state = shown.text().split("\n")[2].find("STATE")
+        for line in range(3, 10):
+            word = "".join(shown.screen.buffer[line][at].data for at in range(state - 1, state + 9))
+            self.assertEqual(word, " enabled  ", shown.text())
+        self.assertNotRegex(shown.raw, COLOUR, "no colour")
+        plain = self.follow(LC_ALL="C", NO_COLOR="1")
+        plain.wait(r"^  H2\\u65e5\\u672c~ enabled", r"^-- databases 11 -----", "^  H6x+~ enabled")
+        self.assertTrue(plain.raw.isascii())
+        self.assertNotRegex(plain.raw, COLOUR)
+        self.assertRegex(self.follow().raw, COLOUR, "colour is the usual")
+
+    def test_a_thousand_databases(self):
+        names = ["d%03d" % number for number in range(1000)]
+        with open(self.path("many.json"), "w") as file:
+            json.dump({"format": "keyview-cluster", "version": 1, "databases": [
+                {"name": name, "role": "PRIMARY", "enabled": True,
+                 "instances": [{"name": name + "i", "node": "n" + name[-1], "enabled": True}]} for name in names]}, file)
+        self.good("apply", self.path("many.json"))
+        shown = self.follow()
+        shown.wait("databases 1-13 of 1004 ", "^> d000")
+        shown.press("\x1bOF", "^> sandbox", "databases 992-1004 of 1004")
+        shown.press("/n7 d99", 'databases 1, filter "n7 d99" of 1004', "^> d997")
+        shown.press("\x7f\r", "databases 10, ", "^  d907", "^> d997")
+        self.assertEqual(shown.read(1.1), 0, "a screen at rest sends nothing")
+        before = len(shown.raw)
+        self.good("disable", "d997")
+        shown.wait(r"^>\*d997 +disabled .* \d s", "d997.ENABLED = true -> false")
+        self.assertLess(len(shown.raw) - before, 500, "bytes for a change")
+        self.good("rm", "DATABASE.DATABASES.d987", "--yes")
+        shown.wait(r"^ \*d987 +removed", "changes 1-6 of ")
+
+    def test_trouble_is_shown_beside_what_was_read_before(self):
+        shown = self.follow("SALES")
+        shown.wait("databases? 1 |database Sales", "Sales1 +node1", "  1 database ")
+        locks = subprocess.Popen(
+            [TOOL, "lock", "run", "LKRT.DATABASE.DATABASES.sales", "--", "sh", "-c", "echo held; read line"],
+            env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.addCleanup(locks.communicate)
+        self.assertEqual(locks.stdout.readline(), b"held\n")
+        data = self.path("registry/data.mdb")
+        os.rename(data, data + ".away")
+        shown.wait(r"stale for \d s", "Sales1 +node1", "^the registry in .* was deleted")
+        os.rename(data + ".away", data)
+        shown.wait("1 cannot be read", "locked: the shared lock LKRT", r"read \d+ s\s+ago:", "Sales1 +node1")
+        locks.stdin.write(b"\n")
+        locks.stdin.flush()
+        shown.wait(" good", "^  enabled, role PRIMARY")
+        self.store("DATABASE.DATABASES.sales.ROLE", b"\xff\0")
+        shown.wait(r"role \\xff")
+
+    def test_what_is_wrong_from_the_beginning_ends_it(self):
+        for words, env, code, text in [
+                (["nobody"], {}, 3, "not registered"), (["--registry", "lmdb:" + self.path("no")], {}, 4, "cannot be"),
+                ([], {"TERM": "dumb"}, 2, 'type "dumb"'), ([], {"TERM": "none-such"}, 2, 'type "none-such"'),
+                (["-o", "json"], {}, 2, "watch")]:
+            shown = Terminal(self, "status", "--follow", *words, **env)
+            self.assertEqual(shown.ended(), code, shown.text())
+            self.assertIn(text, shown.raw.decode())
+            self.assertNotIn(b"\x1b[?1049h", shown.raw)
+
+
+
+if __name__ == "__main__":
+    unittest.main(argv=["board_test.py", "Board"])
