@@ -8,6 +8,7 @@
 #   make check     the gate: gate-static, test and gate-tests
 #   make bench     the benchmarks
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
+#   make test-page   drives the page of "keyviewctl report" in a browser; docs/report*.png
 #   make wheel     the Python package as build/wheel/keyview-*.whl
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
@@ -19,7 +20,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests bench bench-picture wheel install packages test-packages format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture wheel install packages test-packages format clean
 
 all:
 	@packaging/install-packages build
@@ -53,6 +54,13 @@ gate-static:
 gate-tests:
 	@packaging/install-packages build cluster members test check
 	@packaging/gate tests
+
+test-page:
+	@packaging/install-packages build page
+	@cmake --preset release >/dev/null
+	@cmake --build $(BUILD)/release
+	@/usr/bin/python3 tests/ctl/browser_test.py $(BUILD)/release/bin/keyviewctl examples/cluster.json docs/schemas \
+		$(BUILD) docs
 
 bench:
 	@packaging/install-packages build cluster members bench

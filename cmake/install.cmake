@@ -28,7 +28,7 @@ install(DIRECTORY ${CMAKE_BINARY_DIR}/man/ docs/man/ DESTINATION ${CMAKE_INSTALL
     FILES_MATCHING PATTERN "man[1-9]/*.[1-9]")
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${doc_dir})
 install(DIRECTORY docs/ DESTINATION ${doc_dir}/docs
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.json" PATTERN "man" EXCLUDE)
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png" PATTERN "*.json" PATTERN "man" EXCLUDE)
 install(DIRECTORY examples/ DESTINATION ${doc_dir}/examples
     FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.py" PATTERN "*.json" PATTERN "*.yaml")
 install(DIRECTORY docs/schemas/ DESTINATION ${CMAKE_INSTALL_DATADIR}/keyview/schemas)

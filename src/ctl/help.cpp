@@ -28,6 +28,8 @@ static constexpr struct {
     {"stg-name", SEE, "stg-name node1 stg1"},
     {"stg-enabled", SEE, "stg-enabled node1 Stg1"},
     {"nodeapps", SEE, "nodeapps node1"},
+    {"report", SEE, "report report.html"},
+    {"graph", SEE, "graph Sales -o svg"},
     {"watch", SEE, "watch DATABASE.DATABASES.sales --for 1"},
     {"apply", CHANGE, "apply --dry-run cluster.json"},
     {"diff", CHANGE, "diff cluster.json"},

@@ -26,7 +26,7 @@ static constexpr command_group GROUPS[] = {
     add_status_command,  add_show_commands,   add_query_commands,    add_stg_nodeapps_commands,
     add_watch_command,   add_enable_commands, add_document_commands, add_key_commands,
     add_backup_commands, add_check_commands,  add_doctor_commands,   add_lock_commands,
-    add_help_commands,   add_create_commands, add_edit_command,
+    add_help_commands,   add_create_commands, add_edit_command,      add_report_commands,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
@@ -70,7 +70,8 @@ static void add_options(CLI::App *app, tool *shared) {
     app->add_option(
            "-o,--output", chosen.output.option,
            "table, for people; wide, without shortened names; json, yaml, jsonl (a line an "
-           "item), tsv, raw (a bare value) or cmd (commands that rebuild what is shown)")
+           "item), tsv, raw (a bare value) or cmd (commands that rebuild what is shown); html, svg "
+           "and dot for report and graph")
         ->check(CLI::IsMember(words_of("--output")));
     app->add_option("--color", chosen.color.option,
                     "auto, always or never; auto respects NO_COLOR and TERM=dumb")
@@ -157,6 +158,13 @@ static const row &row_of(const setting &one, const rows<row> &words) {
                      one.origin, one.value + " is none of its words", "see \"keyviewctl --help\""};
 }
 
+static void refuse_foreign(const output_word &output, const std::string &command) {
+    if (output.only_for == nullptr || output.only_for == command) return;
+    throw tool_error{EXIT_USAGE, std::string("-o ") + output.word + " cannot show this", "",
+                     std::string("only \"") + output.only_for + "\" writes it",
+                     "use -o json, or leave -o out"};
+}
+
 static void set_lock_wait(const setting &one) {
     char *end = nullptr;
     double wait_s = strtod(one.value.c_str(), &end);
@@ -173,6 +181,7 @@ static void apply_settings(tool *shared) {
     shared->registry = chosen.registry.value;
     const output_word &output = row_of(chosen.output, output_words());
     shared->format = output.means;
+    refuse_foreign(output, shared->command);
     choose_width(output.whole);
     choose_color(row_of(chosen.color, color_words()).means);
     choose_remarks(shared->quiet     ? remarks::none

@@ -96,6 +96,8 @@ static constexpr struct {
     {"Read", "keyviewctl status Sales", "a database on one screen"},
     {"Read", "keyviewctl show Sales -o json", "a whole record, for programs"},
     {"Read", "keyviewctl roster Sales reporting", "on which instances and nodes a service runs"},
+    {"Read", "keyviewctl report report.html", "the cluster as a page for a browser"},
+    {"Read", "keyviewctl graph Sales -o svg", "the map of a database as a picture"},
     {"Read", "keyviewctl tree DATABASE.DATABASES.sales", "the keys below one"},
     {"Read", "keyviewctl explain DATABASE.DATABASES.sales.ROLE", "what a key means, who reads it"},
     {"Change", "keyviewctl disable Sales --service reporting",

@@ -9,10 +9,17 @@
 namespace keyview::ctl {
 
 static constexpr output_word OUTPUTS[] = {
-    {"table", output_format::table}, {"wide", output_format::table, true},
-    {"json", output_format::json},   {"jsonl", output_format::jsonl},
-    {"yaml", output_format::yaml},   {"tsv", output_format::tsv},
-    {"raw", output_format::raw},     {"cmd", output_format::cmd},
+    {"table", output_format::table},
+    {"wide", output_format::table, true},
+    {"json", output_format::json},
+    {"jsonl", output_format::jsonl},
+    {"yaml", output_format::yaml},
+    {"tsv", output_format::tsv},
+    {"raw", output_format::raw},
+    {"cmd", output_format::cmd},
+    {"html", output_format::html, false, "report"},
+    {"svg", output_format::svg, false, "graph"},
+    {"dot", output_format::dot, false, "graph"},
 };
 
 static constexpr color_word COLORS[] = {

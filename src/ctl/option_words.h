@@ -14,7 +14,8 @@ namespace keyview::ctl {
 struct output_word {
     const char *word;
     output_format means;
-    bool whole = false;  // a table for people in which nothing is wrapped or shortened
+    bool whole = false;              // a table for people in which nothing is wrapped or shortened
+    const char *only_for = nullptr;  // the command that has it, if not most do
 };
 rows<output_word> output_words();
 

@@ -115,6 +115,9 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
             write_lines(bare_text(kind, last));
             break;
         case output_format::cmd:
+        case output_format::html:  // these three do not come here
+        case output_format::svg:
+        case output_format::dot:
             throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
                              "only keys and their changes can be shown as commands",
                              "use -o json, or \"tree\", \"get\" or \"diff\" with -o cmd"};

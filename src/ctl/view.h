@@ -11,8 +11,9 @@
 
 namespace keyview::ctl {
 
-// table is for people, the others are for programs; cmd are commands that rebuild what is shown.
-enum class output_format { table, json, jsonl, tsv, raw, cmd, yaml };
+// table is for people, the others are for programs; cmd are commands that rebuild what is shown. html,
+// svg and dot are for the few commands that draw.
+enum class output_format { table, json, jsonl, tsv, raw, cmd, yaml, html, svg, dot };
 
 // Whether stderr is for programs as well.
 inline bool for_programs(output_format format) {
