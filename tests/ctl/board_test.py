@@ -1,11 +1,12 @@
 #!/usr/bin/python3
 """status --follow on a terminal of its own: keys, sizes, marks, trouble, and what is left of the
 terminal after every end. The screen is that of an emulator; nothing sleeps, each step waits for a text."""
-import fcntl, json, os, pty, re, select, signal, struct, subprocess, termios, time, unittest
+import fcntl, json, os, pty, re, select, signal, struct, subprocess, sys, termios, time, unittest
 
 import pyte
 
 from admin_test import SALES, TOOL, Administrator
+from slips_test import Cluster
 
 SIZES = [(80, 24), (132, 43), (200, 60)]
 COLOUR = rb"\x1b\[[\d;]*[34]\dm"
@@ -109,9 +110,11 @@ class Terminal:
 class Board(Administrator):
     def follow(self, *words, **more):
         shown = Terminal(self, "status", "--follow", *words, **more)
-        shown.wait("good")
+        shown.wait("^good")
         return shown
 
+
+class Shows(Board):
     def test_keys_and_changes_at_three_sizes(self):
         for number, size in enumerate(SIZES):
             shown = self.follow(size=size)
@@ -148,44 +151,6 @@ class Board(Administrator):
             os.write(shown.leader, b"q")
             self.assertEqual(shown.ended(), 0)
             shown.check_restored("q")
-
-    def test_the_terminal_is_restored_after_every_end(self):
-        def send(number, who=lambda shown: shown.tool.pid):
-            return lambda shown: os.kill(who(shown), number)
-
-        for name, end, code in [
-                ("q", lambda shown: os.write(shown.leader, b"q"), 0),
-                ("Ctrl-C", lambda shown: os.write(shown.leader, b"\x03"), -signal.SIGINT),
-                ("Ctrl-\\", lambda shown: os.write(shown.leader, b"\x1c"), -signal.SIGQUIT),
-                ("SIGINT", send(signal.SIGINT), -signal.SIGINT), ("SIGTERM", send(signal.SIGTERM), -signal.SIGTERM),
-                ("SIGHUP", send(signal.SIGHUP), -signal.SIGHUP),
-                ("SIGTERM to the board", send(signal.SIGTERM, Terminal.board), -signal.SIGTERM),
-                ("kill -9", send(signal.SIGKILL), -signal.SIGKILL),
-                ("kill -9 of the board", send(signal.SIGKILL, Terminal.board), 9)]:
-            shown = self.follow()
-            self.assertFalse(shown.shows_lines())
-            end(shown)
-            self.assertEqual(shown.ended(), code, name)
-            while not shown.shows_lines():  # a board whose parent was killed ends after it
-                self.assertGreater(shown.read(PATIENCE), 0, name)
-            shown.drain()
-            shown.check_restored(name)
-        shown.wait("ended by a signal", "Killed")
-
-    def test_a_stop_gives_the_terminal_back_until_it_goes_on(self):
-        for name, stop in [("Ctrl-Z", lambda shown: os.write(shown.leader, b"\x1a")),
-                           ("SIGTSTP", lambda shown: os.kill(shown.tool.pid, signal.SIGTSTP)),
-                           ("SIGSTOP of the board", lambda shown: os.kill(shown.board(), signal.SIGSTOP))]:
-            shown = self.follow()
-            stop(shown)
-            self.assertTrue(os.WIFSTOPPED(os.waitpid(shown.tool.pid, os.WUNTRACED)[1]), name)
-            shown.drain()
-            shown.check_restored(name)
-            shown.screen.reset()
-            os.kill(shown.tool.pid, signal.SIGCONT)
-            shown.wait("^> ledger", "q leave")
-            self.assertFalse(shown.shows_lines(), name)
-            shown.press("j", "^> Sales")
 
     def test_names_cannot_harm_the_screen(self):
         for number, name in enumerate(["\u202e", "\u009b31m", "日本語", "e\u0301\u0301", "\u00ad", "\U0010ffff", "x" * 300]):
@@ -227,9 +192,56 @@ class Board(Administrator):
         self.good("rm", "DATABASE.DATABASES.d987", "--yes")
         shown.wait(r"^ \*d987 +removed", "changes 1-6 of ")
 
+
+class Ends(Board):
+    def test_the_terminal_is_restored_after_every_end(self):
+        def send(number, who=lambda shown: shown.tool.pid):
+            return lambda shown: os.kill(who(shown), number)
+
+        stopped = self.follow()  # its output, so that it cannot end in time
+        os.write(stopped.leader, b"\x13")
+        stopped.drain()
+        os.write(stopped.leader, b"j")
+        os.kill(stopped.tool.pid, signal.SIGTERM)
+        for name, end, code in [
+                ("q", lambda shown: os.write(shown.leader, b"q"), 0),
+                ("Ctrl-C", lambda shown: os.write(shown.leader, b"\x03"), -signal.SIGINT),
+                ("Ctrl-\\", lambda shown: os.write(shown.leader, b"\x1c"), -signal.SIGQUIT),
+                ("SIGINT", send(signal.SIGINT), -signal.SIGINT), ("SIGTERM", send(signal.SIGTERM), -signal.SIGTERM),
+                ("SIGHUP", send(signal.SIGHUP), -signal.SIGHUP),
+                ("SIGTERM to the board", send(signal.SIGTERM, Terminal.board), -signal.SIGTERM),
+                ("kill -9", send(signal.SIGKILL), -signal.SIGKILL),
+                ("kill -9 of the board", send(signal.SIGKILL, Terminal.board), 9)]:
+            shown = self.follow()
+            self.assertFalse(shown.shows_lines())
+            end(shown)
+            self.assertEqual(shown.ended(), code, name)
+            while not shown.shows_lines():  # a board whose parent was killed ends after it
+                self.assertGreater(shown.read(PATIENCE), 0, name)
+            shown.drain()
+            shown.check_restored(name)
+        shown.wait("ended by a signal", "Killed")
+        self.assertEqual(stopped.ended(), -signal.SIGTERM)
+        stopped.check_restored("Ctrl-S")
+
+    def test_a_stop_gives_the_terminal_back_until_it_goes_on(self):
+        for name, stop in [("Ctrl-Z", lambda shown: os.write(shown.leader, b"\x1a")),
+                           ("SIGTSTP", lambda shown: os.kill(shown.tool.pid, signal.SIGTSTP)),
+                           ("SIGSTOP of the board", lambda shown: os.kill(shown.board(), signal.SIGSTOP))]:
+            shown = self.follow()
+            stop(shown)
+            self.assertTrue(os.WIFSTOPPED(os.waitpid(shown.tool.pid, os.WUNTRACED)[1]), name)
+            shown.drain()
+            shown.check_restored(name)
+            shown.screen.reset()
+            os.kill(shown.tool.pid, signal.SIGCONT)
+            shown.wait("^> ledger", "q leave")
+            self.assertFalse(shown.shows_lines(), name)
+            shown.press("j", "^> Sales")
+
     def test_trouble_is_shown_beside_what_was_read_before(self):
         shown = self.follow("SALES")
-        shown.wait("databases? 1 |database Sales", "Sales1 +node1", "  1 database ")
+        shown.wait("database Sales", "Sales1 +node1")
         locks = subprocess.Popen(
             [TOOL, "lock", "run", "LKRT.DATABASE.DATABASES.sales", "--", "sh", "-c", "echo held; read line"],
             env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
@@ -242,7 +254,7 @@ class Board(Administrator):
         shown.wait("1 cannot be read", "locked: the shared lock LKRT", r"read \d+ s\s+ago:", "Sales1 +node1")
         locks.stdin.write(b"\n")
         locks.stdin.flush()
-        shown.wait(" good", "^  enabled, role PRIMARY")
+        shown.wait("^good", "^  enabled, role PRIMARY")
         self.store("DATABASE.DATABASES.sales.ROLE", b"\xff\0")
         shown.wait(r"role \\xff")
 
@@ -257,6 +269,24 @@ class Board(Administrator):
             self.assertNotIn(b"\x1b[?1049h", shown.raw)
 
 
+class OnCluster(Cluster):
+    def test_changes_come_from_the_member_and_outlast_it(self):
+        shown = Terminal(self, "status", "--follow", KEYVIEW_ANSWER_WAIT="1")
+        shown.wait("^good", "^> ledger")
+        self.good("disable", "sales", "--service", "reporting")
+        shown.wait(r"^ \*Sales .* 1 of 3 ", "changes 2 ", "sales.SERVICE.reporting.ENABLED = true -> false")
+        self.member.kill()
+        self.member.wait()
+        shown.wait(r"stale for \d+ s", "^> ledger", "^the cluster does not answer")
+        shown.press("j", "^>.Sales")
+        type(self).member = subprocess.Popen(self.member.args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        shown.wait("^good", "q leave")
+        self.good("enable", "sales", "--service", "nightly_batch")
+        shown.wait("^>.Sales .* 2 of 3 ", "changes 3 ")
+        os.write(shown.leader, b"q")
+        self.assertEqual(shown.ended(), 0)
+        shown.check_restored("q")
+
 
 if __name__ == "__main__":
-    unittest.main(argv=["board_test.py", "Board"])
+    unittest.main(argv=sys.argv[:1] + sys.argv[4:])

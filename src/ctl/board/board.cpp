@@ -30,7 +30,7 @@ using std::chrono::steady_clock;
 
 // Redrawn at most so often for changes, and at least so often for times.
 static constexpr milliseconds FRAME{100}, TICK{1000};
-static constexpr std::chrono::seconds LAST_READING{2};
+static constexpr std::chrono::seconds LAST_READING{1};
 
 static void refuse(const std::string &why, const std::string &todo) {
     throw tool_error{EXIT_USAGE, "the board cannot be shown", "", why, todo};

@@ -16,7 +16,7 @@
 namespace keyview::ctl {
 
 static constexpr int ENDING[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
-static constexpr time_t PATIENCE_S = 4;  // with a child that was told to end
+static constexpr time_t PATIENCE_S = 2;  // with a child that was told to end
 
 sigset_t board_signals() {
     sigset_t set;
@@ -74,7 +74,9 @@ bool terminal_keeper::in_child() {
 void terminal_keeper::restore() {
     if (!*screen_shown_) return;
     *screen_shown_ = false;
-    (void)tcflow(STDOUT_FILENO, TCOON);                    // somebody may have held the output
+    termios flowing = before_;
+    flowing.c_iflag &= ~static_cast<tcflag_t>(IXON);  // Ctrl-S may have stopped the output
+    (void)tcsetattr(STDIN_FILENO, TCSANOW, &flowing);
     (void)write_all(STDOUT_FILENO, restoring_sequence());  // a terminal that is gone needs none
     (void)tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }
@@ -86,11 +88,15 @@ void terminal_keeper::stop_with_child() {
     (void)kill(child_, SIGCONT);
 }
 
+// A child that did not end in time was killed: then what it was told counts.
 int terminal_keeper::end_like(int status) {
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    const int number = WTERMSIG(status);
+    const int number = ended_by_ != 0 ? ended_by_ : WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     for (int one : ENDING)
         if (one == number) end_by_signal(number);
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
     throw tool_error{EXIT_INTERNAL, "the board ended by a signal", "", strsignal(number),
                      "report this, unless somebody sent it"};
 }
@@ -104,7 +110,7 @@ void terminal_keeper::pass_on(const siginfo_t &signal) {
     (void)kill(child_, signal.si_signo);
     if (signal.si_signo == SIGCONT || signal.si_signo == SIGTSTP || signal.si_signo == SIGWINCH)
         return;
-    ending_ = true;
+    ended_by_ = signal.si_signo;
 }
 
 int terminal_keeper::wait_for_child() {
@@ -119,18 +125,14 @@ int terminal_keeper::wait_for_child() {
                 continue;
             }
             restore();
-            sigset_t none;
-            sigemptyset(&none);
-            const int code = end_like(status);
-            (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-            return code;
+            return end_like(status);
         }
         siginfo_t signal = {};
         const int number =
-            ending_ ? sigtimedwait(&all, &signal, &patience) : sigwaitinfo(&all, &signal);
+            ended_by_ != 0 ? sigtimedwait(&all, &signal, &patience) : sigwaitinfo(&all, &signal);
         if (number > 0) {
             pass_on(signal);
-        } else if (ending_ && errno == EAGAIN) {
+        } else if (ended_by_ != 0 && errno == EAGAIN) {
             (void)kill(child_, SIGKILL);
         }
     }

@@ -37,7 +37,7 @@ class terminal_keeper {
     termios before_ = {};
     bool *screen_shown_;  // in memory that both share
     pid_t child_ = -1;
-    bool ending_ = false;
+    int ended_by_ = 0;  // the signal that ends it, once there was one
 };
 
 // The signals that a board handles itself.

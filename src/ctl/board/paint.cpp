@@ -41,10 +41,6 @@ static moment mark_of(const board_entry &entry, const std::string &key) {
     return found == entry.marks.end() ? moment() : found->second;
 }
 
-static std::string count_text(size_t count, const char *what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 // ---- Tables -------------------------------------------------------------------------------------
 
 namespace {
@@ -295,24 +291,23 @@ static size_t troubled(const board_data &data) {
                       [](const auto &one) { return !one.second.facts.trouble.empty(); }));
 }
 
-static screen_line head_of(const canvas &on, const std::string &registry, size_t columns) {
+static span health_of(const canvas &on) {
     const board_data &data = on.data;
-    line_maker line = on.line(columns, STRONG);
-    const std::string revision = "revision " + std::to_string(data.revision),
-                      count = count_text(data.entries.size(), "database");
-    line.add_cell(registry, columns / 3);
-    line.add(" " + revision + "  " + count + "  ");
+    if (data.last_good == moment() && data.trouble.empty()) return {"is being read"};
+    if (!data.trouble.empty() || on.now - data.last_good > SILENCE)
+        return {"stale for " + age_text(data.last_good, on.now), BAD};
     const size_t bad = troubled(data);
-    const bool silent = data.last_good != moment() && on.now - data.last_good > SILENCE;
-    if (!data.trouble.empty() || silent) {
-        line.add("stale for " + age_text(data.last_good, on.now), BAD);
-    } else if (bad > 0) {
-        line.add(std::to_string(bad) + " cannot be read", BAD);
-    } else {
-        line.add("good", GOOD);
-    }
-    if (data.last_change != moment())
-        line.add("  changed " + age_text(data.last_change, on.now) + " ago");
+    return bad > 0 ? span{std::to_string(bad) + " cannot be read", BAD} : span{"good", GOOD};
+}
+
+static screen_line head_of(const canvas &on, const std::string &registry, size_t columns) {
+    line_maker line = on.line(columns, STRONG);
+    const span health = health_of(on);
+    line.add_cell(health.text, 18, health.look);
+    line.add_cell("revision " + std::to_string(on.data.revision), 15);
+    const moment changed = on.data.last_change;
+    line.add_cell(changed == moment() ? "" : "changed " + age_text(changed, on.now) + " ago", 17);
+    line.add(registry);
     return line.take();
 }
 
