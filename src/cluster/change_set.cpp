@@ -7,6 +7,7 @@
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
 #include "cluster/journal.pb.h"
+#include "host/support/process.h"
 
 namespace keyview::host {
 

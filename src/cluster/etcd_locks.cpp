@@ -2,10 +2,13 @@
 #include "cluster/etcd_locks.h"
 
 #include <algorithm>
+#include <ctime>
 #include <optional>
 #include <vector>
 
 #include "cluster/faults.h"
+#include "host/registry/reported_wait.h"
+#include "host/support/process.h"
 
 namespace keyview::host {
 
@@ -22,18 +25,20 @@ void sort_by_creation(queue *entries) {
 class acquisition {
   public:
     acquisition(std::shared_ptr<session> cluster, std::string_view name, lock_mode mode,
-                const lock_cover &wanted)
+                const lock_cover &wanted, wait_limit limit)
         : cluster_(std::move(cluster)),
           name_(name),
           mode_(mode),
           part_(cluster_->keys(), std::string(wanted.path), wanted.depth),
-          reads_(!wanted.path.empty() && elements_of(wanted.path) <= MOST_ELEMENTS) {}
+          reads_(!wanted.path.empty() && elements_of(wanted.path) <= MOST_ELEMENTS),
+          limit_(limit),
+          report_(limit, name_) {}
 
-    std::shared_ptr<held_lock> acquire(wait_limit limit) {
+    std::shared_ptr<held_lock> acquire() {
         try {
             while (!enter()) {
                 while (entry_ != nullptr) {
-                    wait(limit);
+                    wait();
                     if (recheck()) return granted();
                 }
             }
@@ -43,7 +48,7 @@ class acquisition {
             if (error.reason != etcd_reason::no_space || !observes) throw;
         }
         entry_.reset();
-        return observe(limit);
+        return observe();
     }
 
   private:
@@ -53,7 +58,7 @@ class acquisition {
     }
 
     void add_own_key(wire_ops *ops) const {
-        add_put(ops, entry_->key(), this_process(), entry_->lease()->id);
+        add_put(ops, entry_->key(), owner_, entry_->lease()->id);
     }
 
     // Adds an entry to the queue; true if the lock is granted with it.
@@ -126,10 +131,11 @@ class acquisition {
     }
 
     // Returns after a part of the TTL at the latest: an event may be missed, and the lease is renewed.
-    void wait(wait_limit limit) {
+    void wait() {
         if (blockers_.empty()) return;
-        if (!end_) end_ = start_ + std::chrono::milliseconds(limit.ms(name_));
+        if (!end_) end_ = start_ + std::chrono::milliseconds(limit_.ms(name_));
         if (steady::now() >= *end_) throw too_late();
+        report_.note(blockers_.front().value());
         std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
         cluster_->keep_alive();
         cluster_->calls().await_deletion(blockers_.back().key(), seen_at_,
@@ -137,7 +143,7 @@ class acquisition {
     }
 
     // A shared lock without a key: see observed_lock.
-    std::shared_ptr<held_lock> observe(wait_limit limit) {
+    std::shared_ptr<held_lock> observe() {
         half_applied_wait pending(cluster_.get());
         for (;;) {
             wire::TxnRequest request;
@@ -152,7 +158,7 @@ class acquisition {
                 bool of_name = range_in(response, 0).kvs_size() > 0;
                 blockers_ = {range_in(response, of_name ? 0 : 1).kvs(0)};
                 seen_at_ = response.header().revision();
-                wait(limit);
+                wait();
                 continue;
             }
             bool whole = part_.take(&response, 0);
@@ -209,7 +215,7 @@ class acquisition {
         auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - start_);
         return {failure::lock, "the lock " + name_ + " was not granted within " +
                                    std::to_string(waited.count()) + " ms: held by " +
-                                   blockers_.back().value()};
+                                   blockers_.front().value()};
     }
 
     std::shared_ptr<session> cluster_;
@@ -218,6 +224,9 @@ class acquisition {
     tree_part part_;
     bool reads_;          // whether the part is to be read
     bool whole_ = false;  // whether it was read
+    wait_limit limit_;
+    reported_wait report_;
+    std::string owner_ = this_process() + since_text(time(nullptr));
     steady::time_point start_ = steady::now();
     std::optional<steady::time_point> end_;  // of the wait, once there is something to wait for
     std::unique_ptr<queue_entry> entry_;
@@ -229,7 +238,7 @@ class acquisition {
 
 std::shared_ptr<held_lock> etcd_locks::acquire(std::string_view name, lock_mode mode,
                                                wait_limit limit, const lock_cover &wanted) {
-    return acquisition(cluster_, name, mode, wanted).acquire(limit);
+    return acquisition(cluster_, name, mode, wanted, limit).acquire();
 }
 
 // ---- All locks ----------------------------------------------------------------------------------
@@ -239,7 +248,8 @@ namespace {
 // Waits for the end of the entries that are earlier than the own one, whatever their names.
 class end_of_earlier {
   public:
-    end_of_earlier(session *cluster, const queue_entry *own) : cluster_(cluster), own_(own) {}
+    end_of_earlier(session *cluster, const queue_entry *own, reported_wait *report)
+        : cluster_(cluster), own_(own), report_(report) {}
 
     // False if some are left at the end of the time, or the own entry is gone.
     bool wait(steady::time_point end) {
@@ -252,6 +262,7 @@ class end_of_earlier {
             const wire::KeyValue *latest = latest_in(range_in(response, 0));
             if (latest == nullptr) return true;
             holder_ = latest->value();
+            report_->note(holder_);
             if (steady::now() >= end) return false;
             std::chrono::seconds ttl = cluster_->calls().settings().lease_ttl;
             cluster_->keep_alive();
@@ -275,6 +286,7 @@ class end_of_earlier {
 
     session *cluster_;
     const queue_entry *own_;
+    reported_wait *report_;
     std::string holder_;
 };
 
@@ -286,12 +298,15 @@ std::shared_ptr<held_lock> etcd_locks::acquire_all(wait_limit limit) {
     static constexpr milliseconds WINDOW{500};
     const uint32_t wait_ms = limit.ms();
     const steady::time_point end = steady::now() + milliseconds(wait_ms);
+    reported_wait report(limit, ALL_LOCKS);
     std::string holder;
     do {
         auto left = std::chrono::duration_cast<milliseconds>(end - steady::now()).count();
-        std::shared_ptr<held_lock> all = acquire(
-            ALL_LOCKS, lock_mode::exclusive, static_cast<uint32_t>(std::max<int64_t>(left, 0)), {});
-        end_of_earlier others(cluster_.get(), static_cast<const etcd_lock &>(*all).entry());
+        auto left_ms = static_cast<uint32_t>(std::max<int64_t>(left, 0));
+        std::shared_ptr<held_lock> all =
+            acquire(ALL_LOCKS, lock_mode::exclusive, limit.within(left_ms), {});
+        end_of_earlier others(cluster_.get(), static_cast<const etcd_lock &>(*all).entry(),
+                              &report);
         if (others.wait(std::min(end, steady::now() + WINDOW))) return all;
         holder = others.holder();
     } while (steady::now() < end);

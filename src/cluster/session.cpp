@@ -2,9 +2,6 @@
 #include "cluster/session.h"
 
 #include <sys/random.h>
-#include <unistd.h>
-
-#include <cerrno>
 
 namespace keyview::host {
 
@@ -20,13 +17,6 @@ static int64_t random_number() {
         throw host_error(failure::internal, "the system returns no random numbers");
     }
     return static_cast<int64_t>(number >> 1 | 1);
-}
-
-std::string this_process() {
-    char host[256] = "";
-    (void)gethostname(host, sizeof(host) - 1);
-    return std::string(program_invocation_short_name) + ", process " + std::to_string(getpid()) +
-           " on " + host;
 }
 
 session::session(const cluster_settings &settings) : calls_(settings), keys_(settings.prefix) {}

@@ -24,9 +24,6 @@
 
 namespace keyview::host {
 
-// The name of this process for waiters: "keyviewctl, process 17 on db1".
-std::string this_process();
-
 class session : unique {
   public:
     // Guarded by the session.

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "admin/registry.h"
 #include "ctl/command.h"
 #include "ctl/exit_codes.h"
 #include "ctl/help.h"
@@ -222,6 +223,11 @@ static void add_lock_above(tool_error *error) {
     }
 }
 
+static void report_wait(void *reporter, keyview_bytes name, keyview_bytes holder) {
+    static_cast<progress *>(reporter)->waits(escaped(admin::text_of(name)),
+                                             escaped(admin::text_of(holder)));
+}
+
 static int run(int argc, char **argv, output_format *format) {
     tool shared;
     CLI::App app("Administers the key tree of a database cluster", "keyviewctl");
@@ -244,6 +250,7 @@ static int run(int argc, char **argv, output_format *format) {
     shared.reporter = std::make_unique<progress>(
         shared.command, shared.needs_registry && !shared.quiet && !for_programs(shared.format));
     shared.reporter->start();
+    keyview_lock_observe_waits(report_wait, shared.reporter.get());
     exit_code code = EXIT_DONE;
     try {
         code = shared.run();

@@ -12,6 +12,8 @@
 #include "admin/registry.h"
 #include "ctl/output.h"
 #include "ctl/terminal.h"
+#include "ctl/text.h"
+#include "model/locks.h"
 
 namespace keyview::ctl {
 
@@ -51,6 +53,22 @@ void progress::step(const std::string &text) {
     step_ = text;
 }
 
+static std::string wait_text(const std::string &lock, const std::string &holder) {
+    size_t time = std::min(holder.rfind(SINCE), holder.size());
+    const std::string what = lock.empty()        ? "the write lock"
+                             : lock == ALL_LOCKS ? "one of the locks"
+                                                 : "the lock " + lock;
+    return "waits for " + holder.substr(0, time) + ", which holds " + what +
+           (time == holder.size() ? "" : holder.substr(time + 1));
+}
+
+void progress::waits(const std::string &lock, const std::string &holder) {
+    const std::string text = holder.empty() ? "" : wait_text(lock, holder);
+    if (!text.empty()) print_step(command_ + " " + text);
+    std::lock_guard guard(mutex_);
+    wait_ = text;
+}
+
 void progress::count(uint64_t done, uint64_t total) {
     std::lock_guard guard(mutex_);
     done_ = done;
@@ -76,7 +94,7 @@ std::string progress::amount_done(double time_s) const {
 
 std::string progress::current_line(double time_s) const {
     return command_ + " goes on for " + std::to_string(static_cast<uint64_t>(time_s)) + " s" +
-           amount_done(time_s) + (step_.empty() ? "" : ": it " + step_);
+           amount_done(time_s) + (step_.empty() ? "" : ": it " + (wait_.empty() ? step_ : wait_));
 }
 
 void progress::report_loop() {

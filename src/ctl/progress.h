@@ -28,6 +28,9 @@ class progress {
     // What the command does now, or waits for.
     void step(const std::string &text);
 
+    // While it waits for a lock: the lock and its holder; "" once that is not known or over.
+    void waits(const std::string &lock, const std::string &holder);
+
     // How much of it is done; without it, the keys that were read are counted.
     void count(uint64_t done, uint64_t total);
 
@@ -42,7 +45,7 @@ class progress {
     std::thread thread_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::string step_;
+    std::string step_, wait_;
     uint64_t done_ = 0, total_ = 0;
     bool stopped_ = false;
 };

@@ -55,6 +55,9 @@ inline std::string lock_of(std::string_view path) {
     return (is_locked_entry(key) ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(key);
 }
 
+// In the text about the holder of a lock, before the time from which it holds it.
+inline constexpr std::string_view SINCE = ", since ";
+
 // What a command that runs under locks, held by the process that started it, knows of them: a line
 // for each, made of the process, the registry's URL and the name, with tabs between.
 inline constexpr char LOCKS_ABOVE[] = "KEYVIEW_LOCKS_ABOVE";

@@ -125,6 +125,30 @@ TEST_F(Cluster, WaitersAreServedInOrder) {
 
 // All locks as one follow each lock that is held and precede each later one, whatever its name; a
 // holder that goes on to a further lock is let through.
+// The one that holds it, not one that waits before.
+TEST_F(Cluster, AWaitNamesTheHolder) {
+    mine.keys->apply({put("a", "")});
+    child_process holder([&](const meeting &) {
+        return execl(KEYVIEWCTL, KEYVIEWCTL, "--registry", url.c_str(), "lock", "run", "--any-name",
+                     "LKRT.a", "sleep", "60", nullptr);
+    });
+    auto users = [&] { return mine.locks->users({}); };
+    for (int n = 0; n < 500 && users().empty(); ++n)
+        usleep(10000);
+    std::thread waiter([&] { EXPECT_NO_THROW(take(mine, lock_mode::exclusive, DEADLINE_MS)); });
+    for (int n = 0; n < 500 && users().size() < 2; ++n)
+        usleep(10000);
+    const std::string known = "keyviewctl, process " + std::to_string(holder.pid) + " on ";
+    std::string text;
+    failure_of([&] { take(theirs, lock_mode::shared, 100); }, &text);
+    EXPECT_NE(text.find("held by " + known), text.npos) << text;
+    EXPECT_NE(text.find(SINCE), text.npos) << text;
+    failure_of([&] { theirs.locks->acquire_all(100); }, &text);
+    EXPECT_NE(text.find("held by "), text.npos) << text;
+    kill(holder.pid, SIGTERM);
+    waiter.join();
+}
+
 TEST_F(Cluster, AllLocksAtOnceExcludeEachName) {
     auto held = mine.locks->acquire("a", lock_mode::shared, 1000);
     EXPECT_THROW(theirs.locks->acquire_all(100), host_error);

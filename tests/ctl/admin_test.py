@@ -278,6 +278,8 @@ class Changes(Administrator):
             rows = json.loads(self.good("lock", "run", name, *shared, "--", TOOL, "-o", "json", "lock", "list"))
             self.assertEqual([row["lock"] for row in rows["locks"]], [name])
             self.assertEqual(rows["locks"][0]["mode"], "shared" if shared else "exclusive")
+            self.assertRegex(rows["locks"][0]["by"], r"^keyviewctl, process \d+ on .")
+            self.assertRegex(rows["locks"][0]["since"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
         self.good("lock", "run", name, "--", "sh", "-c", "exit 77", code=77)
         holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; exec sleep 30"],
                                   env=self.env, stdout=subprocess.PIPE)
@@ -288,7 +290,8 @@ class Changes(Administrator):
 
     def test_what_takes_long_is_told(self):
         name = "LKRT." + SALES
-        for words, told in (([], r"(keyviewctl: set goes on for \d s: it waits for the lock %s\n)+" % name),
+        for words, told in (([], r"(keyviewctl: set goes on for \d s: it waits for keyviewctl, "
+                             r"process \d+ on \S+, which holds the lock %s since [\d-]+T[\d:]+Z\n)+" % name),
                             (["-o", "json"], "")):
             holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; sleep 2.5"],
                                       env=self.env, stdout=subprocess.PIPE)
@@ -307,7 +310,7 @@ class Changes(Administrator):
         lines = seen[:seen.rindex("\r\x1b[K")].split("\r")[1:]
         shares = []
         for line in lines:
-            shown = re.match(r"keyviewctl: status goes on for \d s, (\d+) %, \d of 4, \d\.\d/s, \d s left: it r.*…\x1b\[K$", line)
+            shown = re.match(r"keyviewctl: status goes on for \d s, (\d+) %, \d of 4, \d\.\d/s, \d s left: it (?:reads|waits).*…\x1b\[K$", line)
             self.assertTrue(shown, line)
             shares.append(int(shown[1]))
             self.assertLess(len(line), 80 + len("\x1b[K"))

@@ -7,6 +7,8 @@
 #include <string>
 #include <thread>
 
+#include "host/embedded/lock_offsets.h"
+#include "host/if/keyview_registry.h"
 #include "process.h"
 #include "registry.h"
 
@@ -50,6 +52,83 @@ TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
     EXPECT_NE(try_it(lock_mode::exclusive), 0);
     EXPECT_NE(std::string(keyview_host_last_error()).find(NAME), std::string::npos);
     EXPECT_EQ(try_it(lock_mode::shared), 0) << "a writer that gave up leaves no gate closed";
+}
+
+// In the failure, in the list and while the wait lasts.
+TEST_F(Locks, AWaitNamesTheHolder) {
+    struct report {
+        std::string name, holder;
+    };
+    std::vector<report> reports;
+    auto add = [](void *to, keyview_bytes name, keyview_bytes holder) {
+        static_cast<std::vector<report> *>(to)->push_back(
+            {std::string(name.data, name.size), std::string(holder.data, holder.size)});
+    };
+    keyview_lock_observe_waits(add, &reports);
+    for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
+        for (bool of_all : {false, true}) {
+            if (of_all && mode == lock_mode::shared) continue;
+            child_process holder([&](const meeting &parent) {
+                backend mine = open_backend(url, open_mode::existing);
+                auto held =
+                    of_all ? mine.locks->acquire_all(0) : mine.locks->acquire(NAME, mode, 0);
+                return !parent.tell() || !parent.wait();
+            });
+            ASSERT_TRUE(holder.here.wait());
+            const std::string known = "process " + std::to_string(holder.pid) + " on ";
+            std::string text;
+            reports.clear();
+            failure_of([&] { registry.locks->acquire(NAME, lock_mode::exclusive, 400); }, &text);
+            EXPECT_NE(text.find("it is held by host-tests, " + known), text.npos) << text;
+            EXPECT_NE(text.find(SINCE), text.npos) << text;
+            ASSERT_EQ(reports.size(), 2U) << "its begin and its end";
+            EXPECT_NE(reports[0].holder.find(known), text.npos) << reports[0].holder;
+            EXPECT_EQ(reports[0].name + reports[1].name + reports[1].holder,
+                      std::string(NAME) + NAME);
+            failure_of([&] { registry.locks->acquire_all(0); }, &text);
+            EXPECT_NE(text.find("one is held by host-tests, " + known), text.npos) << text;
+            std::vector<lock_use> users = registry.locks->users({NAME});
+            ASSERT_EQ(users.size(), 1U);
+            EXPECT_EQ(users[0].mode, mode);
+            EXPECT_NE(users[0].holder.find(known), text.npos) << users[0].holder;
+            EXPECT_NE(users[0].holder.find(SINCE), text.npos) << users[0].holder;
+        }
+    }
+    keyview_lock_observe_waits(nullptr, nullptr);
+}
+
+// A note is for people: one that a killed process or an earlier release left names nobody.
+TEST_F(Locks, AWrongNoteNamesNobodyAndDecidesNothing) {
+    shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
+    const lock_offsets at = offsets_of(NAME, &words);
+    auto held = registry.locks->acquire(NAME, lock_mode::exclusive, 0);
+    const uint64_t sound = at.holder->load();
+    constexpr uint64_t DAY = uint64_t{86400} << 32, NOBODY = 4194303;
+    const struct {
+        const char *label;
+        uint64_t note;
+        bool named;
+    } ROWS[] = {
+        {"the holder's", sound, true},
+        {"none", 0, false},
+        {"of a process that does not run", (sound & ~NOBODY) | NOBODY, false},
+        {"of one that had the number before", sound - DAY, false},
+        {"of another name", sound ^ uint64_t{1} << 22, false},
+    };
+    for (const auto &row : ROWS) {
+        at.holder->store(row.note);
+        std::string text;
+        failure_of([&] { registry.locks->acquire(NAME, lock_mode::shared, 0); }, &text);
+        bool named = text.find("host-tests, process") != text.npos;
+        EXPECT_EQ(named, row.named) << row.label << ": " << text;
+        EXPECT_EQ(text.find("another one holds it") == text.npos, row.named) << text;
+    }
+    at.holder->store(sound - DAY);
+    held.reset();
+    EXPECT_EQ(at.holder->load(), sound - DAY) << "a note of another one stays";
+    at.holder->store(sound);
+    EXPECT_TRUE(is_free());
+    EXPECT_EQ(at.holder->load(), 0U) << "one's own goes with the lock";
 }
 
 TEST_F(Locks, DifferentNamesNeverTouch) {

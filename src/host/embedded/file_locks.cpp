@@ -1,34 +1,23 @@
 // Named locks on byte ranges of one file.
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include "host/embedded/file_locks.h"
 
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <utility>
 
+#include "host/embedded/lock_offsets.h"
+#include "host/registry/reported_wait.h"
 #include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
 #include "host/support/fd.h"
 
 namespace keyview::host {
-
-static constexpr off_t GATE = off_t{1} << 62;
-static constexpr off_t NAMES_END = off_t{1} << 61;  // of the bytes of names
-static constexpr off_t WRITERS_BYTE = NAMES_END;    // is not among all locks, nor its gate and turn
-static constexpr off_t WHOLE_BYTE = NAMES_END + 2;
 
 // ---- Descriptors --------------------------------------------------------------------------------
 
@@ -62,15 +51,6 @@ void lock_descriptors::give_back(int fd) noexcept {
 
 // ---- Byte ranges --------------------------------------------------------------------------------
 
-static struct flock range_at(off_t at, off_t length, int type) {
-    struct flock range = {};
-    range.l_type = static_cast<short>(type);
-    range.l_whence = SEEK_SET;
-    range.l_start = at;
-    range.l_len = length;
-    return range;
-}
-
 // A call that does not wait. False if another holds the range in a conflicting mode.
 static bool try_range(int fd, off_t at, off_t length, int type) {
     struct flock range = range_at(at, length, type);
@@ -95,36 +75,6 @@ static bool is_open(int fd, off_t at) {
     return range.l_type == F_UNLCK;
 }
 
-namespace {
-
-struct lock_offsets {
-    std::string_view name;  // "" where the turn is beside the gate
-    off_t byte;
-    off_t gate;
-    shared_words::hint *hint;
-    shared_words::hint *waits;
-
-    // Needed by writers alone.
-    off_t turn() const {
-        if (name.empty()) return gate + 1;
-        return static_cast<off_t>(XXH3_64bits_withSeed(name.data(), name.size(), 1) >> 3) + GATE;
-    }
-};
-
-}  // namespace
-
-static lock_offsets offsets_at(off_t byte, shared_words *words) {
-    auto slot = static_cast<uint64_t>(byte);
-    return {{}, byte, byte + GATE, words->hint_of(slot), words->waits_of(slot)};
-}
-
-static lock_offsets offsets_of(std::string_view name, shared_words *words) {
-    if (name == file_locks::WRITERS) return offsets_at(WRITERS_BYTE, words);
-    uint64_t hash = XXH3_64bits(name.data(), name.size());
-    auto byte = static_cast<off_t>(hash >> 3);
-    return {name, byte, byte + GATE, words->hint_of(hash), words->waits_of(hash)};
-}
-
 // ---- Locks --------------------------------------------------------------------------------------
 
 // A lock, or on the way to one: its descriptor holds what it got so far.
@@ -145,6 +95,8 @@ class file_lock final : public held_lock {
     // In a forked child the descriptor is closed, and its number may be another file's.
     ~file_lock() override {
         if (!still_held()) return;
+        if (noted_ != nullptr && noted_->load(std::memory_order_relaxed) == note_)
+            noted_->store(0, std::memory_order_relaxed);
         struct flock all = {};
         all.l_type = F_UNLCK;
         all.l_whence = SEEK_SET;
@@ -154,6 +106,13 @@ class file_lock final : public held_lock {
         } else {
             close_parent_only(fd_);
         }
+    }
+
+    // For people who wait for the lock that was granted.
+    void note_holder(const lock_offsets &at) {
+        noted_ = at.holder;
+        note_ = new_note(at);
+        noted_->store(note_, std::memory_order_relaxed);
     }
 
     bool still_held() const override { return generation_ == fork_generation(); }
@@ -215,6 +174,8 @@ class file_lock final : public held_lock {
     uint64_t generation_;
     int fd_;
     shared_words::hint *waits_hint_;
+    shared_words::holder_note *noted_ = nullptr;
+    uint64_t note_ = 0;
     bool waits_ = false;
     bool has_turn_ = false;
     bool has_gate_ = false;
@@ -249,87 +210,20 @@ class lock_watch : unique {
 };
 }  // namespace
 
-// ---- Users of locks -----------------------------------------------------------------------------
+// ---- Acquiring ----------------------------------------------------------------------------------
 
-namespace {
-// A range that a descriptor holds, as /proc reports it; processes of other users are not reported.
-struct held_range {
-    off_t first, last;
-    bool shared;
-};
-}  // namespace
-
-// "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
-static std::vector<held_range> ranges_of(const std::filesystem::path &descriptor) {
-    std::vector<held_range> out;
-    std::ifstream text(descriptor);
-    for (std::string line; std::getline(text, line);) {
-        if (line.rfind("lock:", 0) != 0) continue;
-        std::istringstream words(line.substr(5));
-        std::string number, kind, advice, mode, pid, file;
-        off_t first = 0, last = 0;
-        if (words >> number >> kind >> advice >> mode >> pid >> file >> first >> last)
-            out.push_back({first, last, mode == "READ"});
-    }
-    return out;
+static host_error not_granted(const std::string &what, uint32_t wait_ms, const std::string &which,
+                              const std::string &holder) {
+    return host_error(
+        failure::lock,
+        what + " not granted within " + std::to_string(wait_ms) + " ms: " +
+            (holder.empty() ? "another one holds " + which : which + " is held by " + holder));
 }
 
-static const held_range *range_with(const std::vector<held_range> &held, off_t at) {
-    auto found = std::find_if(held.begin(), held.end(), [&](const held_range &one) {
-        return one.first <= at && at <= one.last;
-    });
-    return found == held.end() ? nullptr : &*found;
-}
-
-static std::string process_label(const std::filesystem::path &process) {
-    std::string name;
-    std::getline(std::ifstream(process / "comm"), name);
-    return "process " + process.filename().string() + (name.empty() ? "" : " (" + name + ")");
-}
-
-// A writer that has the gate of a lock and not its byte waits for it.
-static void add_uses(const std::map<off_t, const std::string *> &bytes,
-                     const std::vector<held_range> &held, const std::string &holder,
-                     std::vector<lock_use> *out) {
-    if (held.empty()) return;
-    for (auto [at, name] : bytes) {
-        const held_range *byte = range_with(held, at);
-        const held_range *used = byte == nullptr ? range_with(held, at + GATE) : byte;
-        if (used == nullptr) continue;
-        lock_mode mode = used->shared ? lock_mode::shared : lock_mode::exclusive;
-        out->push_back({*name, mode, byte == nullptr, holder});
-    }
-}
-
-std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
-    namespace fs = std::filesystem;
-    std::map<off_t, const std::string *> bytes;
-    for (const std::string &name : names)
-        bytes.emplace(offsets_of(name, &words_).byte, &name);
-    std::vector<lock_use> out;
-    std::error_code ignored;  // processes come and go
-    for (const fs::directory_entry &process : fs::directory_iterator("/proc", ignored)) {
-        if (process.path().filename().string().find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        for (const fs::directory_entry &fd :
-             fs::directory_iterator(process.path() / "fd", ignored)) {
-            struct stat file = {};
-            bool ours = stat(fd.path().c_str(), &file) == 0 &&
-                        file_id(file.st_dev, file.st_ino) == directory_->lock_id();
-            if (!ours) continue;
-            add_uses(bytes, ranges_of(process.path() / "fdinfo" / fd.path().filename()),
-                     process_label(process.path()), &out);
-        }
-    }
-    return out;
-}
-
-static host_error not_granted(std::string_view name, lock_mode mode, uint32_t wait_ms) {
-    std::string what = mode == lock_mode::shared ? "shared lock " : "exclusive lock ";
-    if (name == file_locks::WRITERS) what = "write lock";
-    return host_error(failure::lock, "the " + what + std::string(name) +
-                                         " was not granted within " + std::to_string(wait_ms) +
-                                         " ms: another one holds it");
+static std::string lock_text(std::string_view name, lock_mode mode) {
+    if (name == file_locks::WRITERS) return "the write lock was";
+    const char *what = mode == lock_mode::shared ? "the shared lock " : "the exclusive lock ";
+    return what + std::string(name) + " was";
 }
 
 // Delivers no part with the lock: reading the file is fast at any time.
@@ -338,18 +232,22 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
     lock_offsets at = offsets_of(name, &words_);
     auto lock = std::make_shared<file_lock>(shared_from_this(), at.waits);
     auto granted = [&] {
-        return mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at);
+        bool got = mode == lock_mode::shared ? lock->try_shared(at) : lock->try_exclusive(at);
+        if (got) lock->note_holder(at);
+        return got;
     };
     if (granted()) return lock;
     release_moments();  // the holder of the lock may have to wait for their end
     uint32_t wait_ms = limit.ms(name);
     lock_watch watch(&watches_.get(), *directory_);
     deadline wait(wait_ms);
+    reported_wait report(limit, name);
     do {
         at.waits->store(1);
         if (granted()) return lock;
+        if (report.due()) report.note(holder_of(at, &words_));
     } while (wait.pause(watch.fd()));
-    throw not_granted(name, mode, wait_ms);
+    throw not_granted(lock_text(name, mode), wait_ms, "it", holder_of(at, &words_));
 }
 
 std::shared_ptr<held_lock> file_locks::acquire_all(wait_limit limit) {
@@ -358,15 +256,18 @@ std::shared_ptr<held_lock> file_locks::acquire_all(wait_limit limit) {
     const lock_offsets whole = offsets_at(WHOLE_BYTE, &words_);
     const uint32_t wait_ms = limit.ms();
     deadline wait(wait_ms);
+    reported_wait report(limit, ALL_LOCKS);
     do {
         auto lock = std::make_shared<file_lock>(shared_from_this(), nullptr);
         deadline window(std::min(WINDOW_MS, wait_ms));
         do {
-            if (lock->try_all(whole)) return lock;
+            if (!lock->try_all(whole)) continue;
+            lock->note_holder(whole);
+            return lock;
         } while (window.pause());
+        if (report.due()) report.note(any_holder());
     } while (wait.pause());
-    throw host_error(failure::lock, "all locks of the registry were not granted within " +
-                                        std::to_string(wait_ms) + " ms: another one holds one");
+    throw not_granted("all locks of the registry were", wait_ms, "one", any_holder());
 }
 
 }  // namespace keyview::host

@@ -21,6 +21,10 @@
 // for it. Where the system grants no watch, and for a hint that is wrong, short sleeps are the net
 // below.
 //
+// Who is granted a lock notes it in the shared words, for those who wait. The note decides nothing: a
+// reader of it knows from the lock byte that the lock is held, and names the process only if it has
+// run since that time.
+//
 // The locks belong to open file descriptions (F_OFD_SETLK), one for each lock that is held. So
 // threads exclude each other, too, and the kernel frees the locks of a process that dies; a forked
 // child closes the descriptors, which would keep the parent's locks alive.
@@ -30,6 +34,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -76,6 +81,8 @@ class file_locks : public lock_service, public std::enable_shared_from_this<file
 
   private:
     friend class file_lock;
+
+    std::string any_holder();
 
     std::shared_ptr<const registry_directory> directory_;
     per_process<lock_descriptors> descriptors_;

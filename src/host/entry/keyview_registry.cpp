@@ -9,6 +9,7 @@
 #include "host/entry/backends.h"
 #include "host/registry/client.h"
 #include "host/registry/lock_wait.h"
+#include "host/registry/reported_wait.h"
 #include "host/support/last_error.h"
 
 using namespace keyview;
@@ -210,6 +211,10 @@ int32_t keyview_lock_held(const keyview_lock *lock) {
                        [](const auto &one) { return one->still_held(); })
                ? 1
                : 0;
+}
+
+void keyview_lock_observe_waits(keyview_wait_callback wait, void *arg) {
+    observe_waits(wait, arg);
 }
 
 int32_t keyview_lock_list(keyview_registry *registry, const keyview_bytes *names, size_t count,

@@ -136,7 +136,14 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_lock_acquire_all(keyview_registry *registr
 // Whether the lock is held, as far as this process can tell without a call to the registry.
 KEYVIEW_HOST_FUNCTION int32_t keyview_lock_held(const keyview_lock *lock);
 
-// holder is empty if the registry does not know it.
+// Delivers, while a call waits for a lock on this thread, the lock's name ("" for the one that orders
+// writers) and its holder as far as it is known, as keyview_lock_list has it; holder is empty when it
+// is no longer known, or the wait is over. A null callback ends it.
+typedef void (*keyview_wait_callback)(void *arg, keyview_bytes name, keyview_bytes holder);
+KEYVIEW_HOST_FUNCTION void keyview_lock_observe_waits(keyview_wait_callback wait, void *arg);
+
+// holder is "keyviewctl, process 17 on db1, since 2026-11-26T12:00:03Z", without the time if only that
+// is not known, and empty if the registry does not know it. A waiter's time is that of its request.
 typedef void (*keyview_lock_callback)(void *arg, keyview_bytes name, int32_t shared, int32_t waits,
                                       keyview_bytes holder);
 

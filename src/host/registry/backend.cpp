@@ -19,8 +19,8 @@ std::vector<std::shared_ptr<held_lock>> lock_service::acquire_each(
     for (const std::string &name : names) {
         auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now()).count();
         if (is_held_above(name)) left = 0;
-        held.push_back(
-            acquire(name, lock_mode::exclusive, static_cast<uint32_t>(std::max<int64_t>(left, 0))));
+        auto left_ms = static_cast<uint32_t>(std::max<int64_t>(left, 0));
+        held.push_back(acquire(name, lock_mode::exclusive, limit.within(left_ms)));
     }
     return held;
 }

@@ -31,28 +31,54 @@ class held_lock : public abstract_base {
     virtual std::unique_ptr<moment> as_of_grant() { return nullptr; }
 };
 
-// The longest wait for a lock, in milliseconds: a number, or a function that is called with the
-// name once a wait is necessary. 0 tries once.
+// What this process has set for waits (lock_wait.h, reported_wait.h). A module has its own copy of the kit, without
+// settings: it gets the kit's with each limit.
+struct wait_rules {
+    uint32_t (*ms)(std::string_view name);
+    void (*report)(std::string_view name, std::string_view holder);
+};
+extern const wait_rules OWN_WAIT_RULES;
+
+// The longest wait for a lock, in milliseconds: a number, or the setting, which is read once a wait
+// is necessary. 0 tries once.
 class wait_limit {
   public:
     // Implicit, so that a number converts to a limit.
     wait_limit(uint32_t wait_ms) : wait_ms_(wait_ms) {}
-    explicit wait_limit(uint32_t (*ask)(std::string_view name)) : ask_(ask) {}
+    static wait_limit as_set() {
+        wait_limit out(0);
+        out.as_set_ = true;
+        return out;
+    }
 
-    uint32_t ms(std::string_view name = {}) const {
-        return ask_ == nullptr ? wait_ms_ : ask_(name);
+    uint32_t ms(std::string_view name = {}) const { return as_set_ ? rules_->ms(name) : wait_ms_; }
+
+    // Another time, for a part of the same wait.
+    wait_limit within(uint32_t wait_ms) const {
+        wait_limit out = *this;
+        out.wait_ms_ = wait_ms;
+        out.as_set_ = false;
+        return out;
+    }
+
+    void report(std::string_view name, std::string_view holder) const {
+        rules_->report(name, holder);
     }
 
   private:
-    uint32_t (*ask_)(std::string_view name) = nullptr;
-    uint32_t wait_ms_ = 0;
+    const wait_rules *rules_ = &OWN_WAIT_RULES;
+    uint32_t wait_ms_;
+    bool as_set_ = false;
 };
 
 struct lock_use {
     std::string name;
     lock_mode mode = lock_mode::exclusive;
     bool waits = false;
-    std::string holder;  // "" if the service does not know it
+    // "keyviewctl, process 17 on db1, since 2026-11-26T12:00:03Z", without the time if only that is
+    // not known, and "" if the service does not know the holder. A waiter's time is that of its
+    // request.
+    std::string holder;
 };
 
 class lock_service : public abstract_base {

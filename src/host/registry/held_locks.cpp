@@ -48,31 +48,26 @@ void held_locks::take(const void *service, const backend &registry, std::string_
                       lock_mode mode) {
     std::shared_ptr<held_lock> lock;
     for (const held_entry &mine : entries_) {
-        if (mine.keys != registry.keys || mine.name != name) continue;
+        if (mine.keys != registry.keys || mine.name.text != name) continue;
         if (mine.mode == lock_mode::exclusive || mode == lock_mode::exclusive) {
             throw host_error(failure::lock,
-                             "the lock " + mine.name + " is held by this thread already");
+                             "the lock " + mine.name.text + " is held by this thread already");
         }
         lock = mine.lock;  // a second request could wait for a writer that waits for this thread
     }
     entries_.reserve(entries_.size() + 1);
-    spare_name_.assign(name);
-    lock_cover cover = cover_of(spare_name_);
+    const lock_cover cover = spare_.cover_as(name);
     if (lock == nullptr)
-        lock = registry.locks->acquire(spare_name_, mode, wait_limit(lock_wait_for), cover);
-    size_t cover_at = cover.path.empty()
-                          ? spare_name_.npos
-                          : static_cast<size_t>(cover.path.data() - spare_name_.data());
-    entries_.emplace_back(service, std::move(spare_name_), mode, std::move(lock), registry.keys,
-                          cover_at, cover.depth);
+        lock = registry.locks->acquire(spare_.text, mode, wait_limit::as_set(), cover);
+    entries_.emplace_back(service, std::move(spare_), mode, std::move(lock), registry.keys);
 }
 
 bool held_locks::release(const void *service, std::string_view name) {
     for (auto at = entries_.end(); at != entries_.begin();) {
         --at;
-        if (at->service != service || at->name != name) continue;
+        if (at->service != service || at->name.text != name) continue;
         at->lock.reset();  // first: a waiting writer should not pay for the rest
-        spare_name_ = std::move(at->name);
+        spare_ = std::move(at->name);
         entries_.erase(at);
         return true;
     }

@@ -16,32 +16,46 @@
 
 namespace keyview::host {
 
+// A name with what it covers, which stays known if the same name comes again.
+struct lock_name {
+    std::string text;
+    size_t cover_at = std::string::npos;  // offset of the path that it covers; npos for none
+    reach depth = reach::all_below;
+
+    lock_cover cover() const {
+        if (cover_at == text.npos) return {};
+        return {std::string_view(text).substr(cover_at), depth};
+    }
+
+    lock_cover cover_as(std::string_view name) {
+        if (text == name) return cover();
+        text.assign(name);
+        const lock_cover found = cover_of(text);
+        depth = found.depth;
+        cover_at =
+            found.path.empty() ? text.npos : static_cast<size_t>(found.path.data() - text.data());
+        return found;
+    }
+};
+
 struct held_entry {
     const void *service;  // the lock service handle that acquired it
-    std::string name;
+    lock_name name;
     lock_mode mode;
     std::shared_ptr<held_lock> lock;
     std::shared_ptr<store> keys;  // the store that the lock protects
-    size_t cover_at;              // offset in the name of the path that it covers; npos for none
-    reach depth;
     locked_view view;
 
-    held_entry(const void *through, std::string &&lock_name, lock_mode lock_mode_,
-               std::shared_ptr<held_lock> &&granted, const std::shared_ptr<store> &protects,
-               size_t cover_begins, reach reaches)
+    held_entry(const void *through, lock_name &&its_name, lock_mode in_mode,
+               std::shared_ptr<held_lock> &&granted, const std::shared_ptr<store> &protects)
         : service(through),
-          name(std::move(lock_name)),
-          mode(lock_mode_),
+          name(std::move(its_name)),
+          mode(in_mode),
           lock(std::move(granted)),
           keys(protects),
-          cover_at(cover_begins),
-          depth(reaches),
           view(lock->as_of_grant()) {}
 
-    lock_cover cover() const {
-        if (cover_at == name.npos) return {};
-        return {std::string_view(name).substr(cover_at), depth};
-    }
+    lock_cover cover() const { return name.cover(); }
 };
 
 class held_locks : unique {
@@ -86,7 +100,7 @@ class held_locks : unique {
 
     uint64_t generation_ = 0;
     std::vector<held_entry> entries_;
-    std::string spare_name_;  // storage for the next name
+    lock_name spare_;  // of the lock that was released last; storage for the next one
 };
 
 }  // namespace keyview::host

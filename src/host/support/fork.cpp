@@ -11,6 +11,7 @@
 namespace keyview::host {
 
 static std::atomic<uint64_t> generation{1};
+static std::atomic<pid_t> number{getpid()};
 
 std::mutex &fork_mutex() noexcept {
     static std::mutex mutex;
@@ -27,6 +28,10 @@ uint64_t fork_generation() noexcept {
     return generation.load(std::memory_order_relaxed);
 }
 
+pid_t process_number() noexcept {
+    return number.load(std::memory_order_relaxed);
+}
+
 static void before_fork() {
     fork_mutex().lock();
 }
@@ -37,6 +42,7 @@ static void after_fork_in_parent() {
 
 static void after_fork_in_child() {
     generation.fetch_add(1, std::memory_order_relaxed);
+    number.store(getpid(), std::memory_order_relaxed);
     for (int fd : parent_only())
         close(fd);
     parent_only().clear();

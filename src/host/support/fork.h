@@ -3,6 +3,8 @@
 // the child, and objects that belong to one process are created anew there.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -15,6 +17,9 @@ namespace keyview::host {
 
 // Changes in the child of a fork. Objects of another generation belong to an ancestor.
 uint64_t fork_generation() noexcept;
+
+// The number of this process, without a system call.
+pid_t process_number() noexcept;
 
 // Held across every fork, so that the data that it guards is consistent in the child. For short
 // work only; no other mutex is locked inside.
