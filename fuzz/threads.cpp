@@ -224,9 +224,9 @@ class worker {
     }
 
     void take_out() {
-        const nlohmann::json all = exported_databases();
-        for (const auto &database : all)
-            require(database["domain"] == all[0]["domain"], "two versions in one export");
+        const std::vector<std::string> domains = exported_domains();
+        for (const std::string &domain : domains)
+            require(domain == domains[0], "two versions in one export");
     }
 
     int number_;
