@@ -9,6 +9,7 @@
 #   make bench     the benchmarks
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
 #   make test-page   drives the page of "keyviewctl report" in a browser; docs/report*.png
+#   make board-picture   records the board at a terminal: docs/board.cast and its pictures
 #   make wheel     the Python package as build/wheel/keyview-*.whl
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
@@ -20,7 +21,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture wheel install packages test-packages format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages format clean
 
 all:
 	@packaging/install-packages build
@@ -78,6 +79,10 @@ bench-picture:
 	@cmake --preset release -DKEYVIEW_BENCH=ON -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/release
 	@bench/scaling-picture $(BUILD)/release
+
+board-picture: all
+	@packaging/install-packages test
+	@docs/record-board $(BUILD)/release/bin/keyviewctl
 
 install:
 	@packaging/install-packages build cluster python

@@ -1,105 +1,23 @@
 #!/usr/bin/python3
 """status --follow on a terminal of its own: keys, sizes, marks, trouble, and what is left of the
 terminal after every end. The screen is that of an emulator; nothing sleeps, each step waits for a text."""
-import fcntl, json, os, pty, re, select, signal, struct, subprocess, sys, termios, time, unittest
+import json, os, re, signal, subprocess, sys, termios, unittest
 
-import pyte
-
-from admin_test import SALES, TOOL, Administrator
+from admin_test import SALES, SCHEMAS, TOOL, Administrator
 from slips_test import Cluster
+from terminal import PATIENCE, Emulator, Terminal
 
 SIZES = [(80, 24), (132, 43), (200, 60)]
 COLOUR = rb"\x1b\[[\d;]*[34]\dm"
-PATIENCE = 30
 
 
-class Screen(pyte.Screen):
-    """Scrolls a part of it, too, as terminals do."""
-
-    def scroll(self, count, change):
-        line, self.cursor.y = self.cursor.y, (self.margins or (0,))[0]
-        change(count or 1)
-        self.cursor.y = line
-
-    def scroll_up(self, count=1):
-        self.scroll(count, self.delete_lines)
-
-    def scroll_down(self, count=1):
-        self.scroll(count, self.insert_lines)
-
-
-class Stream(pyte.ByteStream):
-    csi = {**pyte.ByteStream.csi, "S": "scroll_up", "T": "scroll_down"}
-
-
-class Terminal:
+class Tool(Terminal):
     """A terminal with the tool in its foreground."""
 
     def __init__(self, test, *words, size=SIZES[0], **env):
-        self.test, self.raw = test, b""
-        self.screen = Screen(*size)
-        self.stream = Stream(self.screen)
-        self.leader, self.follower = pty.openpty()
-        self.set_size(*size)
-        self.before = termios.tcgetattr(self.follower)
-        self.tool = subprocess.Popen(
-            [TOOL, *words], stdin=self.follower, stdout=self.follower, stderr=self.follower,
-            start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
-            env={**test.env, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8", **env})
+        super().__init__([TOOL, *words], size, {**test.env, **env})
+        self.test = test
         test.addCleanup(self.end)
-
-    def end(self):
-        if self.tool.poll() is None:
-            self.tool.kill()
-            self.tool.wait()
-        for fd in (self.leader, self.follower):
-            os.close(fd)
-
-    def set_size(self, columns, lines):
-        fcntl.ioctl(self.follower, termios.TIOCSWINSZ, struct.pack("HHHH", lines, columns, 0, 0))
-        self.screen.resize(lines, columns)
-
-    # Reads what comes within a time; the number of bytes.
-    def read(self, seconds=0.02):
-        if not select.select([self.leader], [], [], seconds)[0]:
-            return 0
-        block = os.read(self.leader, 65536)
-        self.raw += block
-        self.stream.feed(block)
-        return len(block)
-
-    def text(self):
-        columns, buffer = range(self.screen.columns), self.screen.buffer
-        return "\n".join("".join([buffer[line][at].data for at in columns]) for line in range(self.screen.lines))
-
-    def wait(self, *patterns):
-        end = time.monotonic() + PATIENCE
-        while not all(re.search(one, self.text(), re.M) for one in patterns):
-            if time.monotonic() > end:
-                self.test.fail("not on the screen: %s\n%s" % (patterns, self.text()))
-            self.read()
-
-    def press(self, keys, *patterns):
-        os.write(self.leader, keys.encode())
-        self.wait(*patterns)
-
-    def ended(self):
-        end = time.monotonic() + PATIENCE
-        while self.tool.poll() is None:
-            self.test.assertLess(time.monotonic(), end, self.text())
-            self.read()
-        self.drain()
-        return self.tool.returncode
-
-    def drain(self):
-        while self.read():
-            pass
-
-    def board(self):
-        return int(subprocess.check_output(["pgrep", "-P", str(self.tool.pid)]))
-
-    def shows_lines(self):
-        return self.raw.rfind(b"\x1b[?1049l") >= self.raw.rfind(b"\x1b[?1049h")
 
     def check_restored(self, why):
         self.test.assertTrue(self.shows_lines(), why)
@@ -109,7 +27,7 @@ class Terminal:
 
 class Board(Administrator):
     def follow(self, *words, **more):
-        shown = Terminal(self, "status", "--follow", *words, **more)
+        shown = Tool(self, "status", "--follow", *words, **more)
         shown.wait("^good")
         return shown
 
@@ -192,6 +110,21 @@ class Shows(Board):
         self.good("rm", "DATABASE.DATABASES.d987", "--yes")
         shown.wait(r"^ \*d987 +removed", "changes 1-6 of ")
 
+    # "make board-picture" makes it again.
+    def test_the_recording_is_of_this_board(self):
+        with open(os.path.join(SCHEMAS, "..", "board.cast")) as file:
+            head, *events = map(json.loads, file)
+        size, lines = (head["width"], head["height"]), set()
+        played = Emulator(*size)
+        for _, _, data in events:
+            played.stream.feed(data.encode())
+            lines.update(played.text().split("\n"))
+        shown = self.follow(size=size)
+        for keys, text in ("", "^> ledger"), ("j", "^> Sales "):
+            shown.press(keys, text)
+            unseen = [line for line in shown.text().split("\n")[1:] if line not in lines]
+            self.assertEqual(unseen, [], "docs/board.cast is of another board")
+
 
 class Ends(Board):
     def test_the_terminal_is_restored_after_every_end(self):
@@ -209,9 +142,9 @@ class Ends(Board):
                 ("Ctrl-\\", lambda shown: os.write(shown.leader, b"\x1c"), -signal.SIGQUIT),
                 ("SIGINT", send(signal.SIGINT), -signal.SIGINT), ("SIGTERM", send(signal.SIGTERM), -signal.SIGTERM),
                 ("SIGHUP", send(signal.SIGHUP), -signal.SIGHUP),
-                ("SIGTERM to the board", send(signal.SIGTERM, Terminal.board), -signal.SIGTERM),
+                ("SIGTERM to the board", send(signal.SIGTERM, Tool.board), -signal.SIGTERM),
                 ("kill -9", send(signal.SIGKILL), -signal.SIGKILL),
-                ("kill -9 of the board", send(signal.SIGKILL, Terminal.board), 9)]:
+                ("kill -9 of the board", send(signal.SIGKILL, Tool.board), 9)]:
             shown = self.follow()
             self.assertFalse(shown.shows_lines())
             end(shown)
@@ -263,7 +196,7 @@ class Ends(Board):
                 (["nobody"], {}, 3, "not registered"), (["--registry", "lmdb:" + self.path("no")], {}, 4, "cannot be"),
                 ([], {"TERM": "dumb"}, 2, 'type "dumb"'), ([], {"TERM": "none-such"}, 2, 'type "none-such"'),
                 (["-o", "json"], {}, 2, "watch")]:
-            shown = Terminal(self, "status", "--follow", *words, **env)
+            shown = Tool(self, "status", "--follow", *words, **env)
             self.assertEqual(shown.ended(), code, shown.text())
             self.assertIn(text, shown.raw.decode())
             self.assertNotIn(b"\x1b[?1049h", shown.raw)
@@ -271,7 +204,7 @@ class Ends(Board):
 
 class OnCluster(Cluster):
     def test_changes_come_from_the_member_and_outlast_it(self):
-        shown = Terminal(self, "status", "--follow", KEYVIEW_ANSWER_WAIT="1")
+        shown = Tool(self, "status", "--follow", KEYVIEW_ANSWER_WAIT="1")
         shown.wait("^good", "^> ledger")
         self.good("disable", "sales", "--service", "reporting")
         shown.wait(r"^ \*Sales .* 1 of 3 ", "changes 2 ", "sales.SERVICE.reporting.ENABLED = true -> false")

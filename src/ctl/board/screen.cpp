@@ -130,6 +130,7 @@ static attr_t attributes_of(unsigned look) {
         attributes |= row.plain;
         if (row.pair != 0) pair = row.pair;
     }
+    if ((look & CHOSEN) != 0) pair = 0;  // colours are hard to read in reverse
     return attributes | static_cast<attr_t>(COLOR_PAIR(pair));
 }
 
