@@ -1,9 +1,11 @@
 // The embedded registry as files: where it may be, what damage and death do to it, how it grows.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <lmdb.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <atomic>
 #include <fstream>
@@ -18,6 +20,17 @@
 #include "process.h"
 #include "registry.h"
 #include "store_test.h"
+
+// What the system calls every file system; 0 for what it is.
+static decltype(statfs::f_type) pretended_system = 0;
+
+extern "C" int fstatfs(int fd, struct statfs *found) noexcept {
+    static const auto libc_fstatfs =
+        reinterpret_cast<int (*)(int, struct statfs *)>(dlsym(RTLD_NEXT, "fstatfs"));
+    int rc = libc_fstatfs(fd, found);
+    if (rc == 0 && pretended_system != 0) found->f_type = pretended_system;
+    return rc;
+}
 
 namespace keyview::test {
 
@@ -94,6 +107,20 @@ TEST_F(Embedded, RefusesUnsafeDirectories) {
     EXPECT_FALSE(fs::exists(at("none")));
     for (const char *name : {"empty", "none"})
         EXPECT_NO_THROW(open_backend("lmdb:" + at(name), open_mode::create));
+}
+
+TEST_F(Embedded, RefusesFileSystemsOfTheNetwork) {
+    for (auto [system, name] : {std::pair(0x6969U, "NFS"), std::pair(0xFF534D42U, "CIFS")}) {
+        for (uint64_t sign : {uint64_t{0}, ~uint64_t{0} << 32}) {  // the kernel's type is signed
+            pretended_system = static_cast<decltype(pretended_system)>(system | sign);
+            std::string text;
+            EXPECT_EQ(failure_of([&] { open_backend(url, open_mode::create); }, &text),
+                      failure::usage);
+            EXPECT_NE(text.find(name), text.npos) << text;
+        }
+    }
+    pretended_system = 0;
+    EXPECT_NO_THROW(open_backend(url, open_mode::existing));
 }
 
 // Every file that a registry gets. In memory: the disk would have to sync 1,500 files.

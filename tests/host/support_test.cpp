@@ -1,6 +1,8 @@
 // Memory, tags, text, trace and settings.
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -245,11 +247,39 @@ TEST_F(Trace, FollowsTheEnvironmentUntilTheProgramChooses) {
     }
 }
 
+// A program of another group than its user's, which only a member of a second group or root can make.
+TEST_F(Trace, FollowsNoEnvironmentWithRaisedRights) {
+    gid_t groups[64];
+    const int count = getgroups(64, groups);
+    auto other = std::find_if(groups, groups + std::max(count, 0),
+                              [](gid_t one) { return one != getgid(); });
+    const bool found = other != groups + std::max(count, 0);
+    if (!found && getuid() != 0) GTEST_SKIP() << "the user is in one group only";
+    const std::string program = std::string(TRACED_PROGRAM) + ".raised";
+    std::filesystem::copy_file(TRACED_PROGRAM, program,
+                               std::filesystem::copy_options::overwrite_existing);
+    ASSERT_EQ(chown(program.c_str(), uid_t(-1), found ? *other : 65534), 0);
+    ASSERT_EQ(chmod(program.c_str(), 02755), 0);
+    child_process raised([&](const meeting &) {
+        setenv("KEYVIEW_TRACE", ("file:" + path).c_str(), 1);
+        setenv("KEYVIEW_TRACE_LEVEL", "4", 1);
+        return execl(program.c_str(), "program", nullptr);
+    });
+    EXPECT_EQ(raised.status(), 0);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    std::filesystem::remove(program);
+}
+
 TEST_F(Trace, AFileIsOpenedAnewAndAnUnusableSinkLeavesTheOldOne) {
     to_file();
     std::filesystem::rename(path, path + ".1");
     trcdprintf(trc, 0, "into the old file");
+    const mode_t mask = umask(0);
     to_file();
+    umask(mask);
+    struct stat made = {};
+    ASSERT_EQ(stat(path.c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0600U);
     for (const char *sink : {"file:", "file:/nowhere/at/all", "file:/tmp", "bogus", "stderr:x"}) {
         EXPECT_NE(keyview_host_set_trace(sink), 0) << sink;
         EXPECT_NE(std::string(keyview_host_last_error()).find(sink), std::string::npos);
