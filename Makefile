@@ -14,6 +14,7 @@
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
+#   make sbom      what the products are built from, as SPDX: build/keyview.spdx
 #   make format    formats the sources
 #   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
 
@@ -21,7 +22,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -97,6 +98,9 @@ packages:
 test-packages:
 	@packaging/install-packages test-packages
 	@packaging/test-packages $(BUILD)/packages
+
+sbom: cluster
+	@packaging/sbom $(BUILD)/release >$(BUILD)/keyview.spdx
 
 wheel:
 	@packaging/install-packages python wheel
