@@ -1,6 +1,7 @@
 // See board.h.
 #include "ctl/board/board.h"
 
+#include <fcntl.h>
 #include <langinfo.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -29,10 +30,10 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // Redrawn at most so often for changes, and at least so often for times.
-static constexpr milliseconds FRAME{100}, TICK{1000};
+static constexpr milliseconds SHORTEST_FRAME{100}, TICK{1000};
 static constexpr std::chrono::seconds LAST_READING{1};
 
-static void refuse(const std::string &why, const std::string &todo) {
+static void refuse_board(const std::string &why, const std::string &todo) {
     throw tool_error{EXIT_USAGE, "the board cannot be shown", "", why, todo};
 }
 
@@ -41,14 +42,14 @@ static void require_terminal(const tool &shared, const std::string &database) {
                               (database.empty() ? "" : " " + database_key(database)) +
                               "\", which prints a line a change";
     if (shared.format != output_format::table)
-        refuse("it is a screen for people, and another format was chosen",
-               watch + ", with -o jsonl");
+        refuse_board("it is a screen for people, and another format was chosen",
+                     watch + ", with -o jsonl");
     if (!is_terminal(STDIN_FILENO) || !is_terminal(STDOUT_FILENO))
-        refuse("standard input and output are no terminal", watch);
+        refuse_board("standard input and output are no terminal", watch);
     const std::string terminal = environment("TERM");
     if (!can_show_screens(terminal.c_str()))
-        refuse("a terminal of type \"" + terminal + "\" shows no whole screen",
-               "set TERM to its type, or " + watch);
+        refuse_board("a terminal of type \"" + terminal + "\" shows no whole screen",
+                     "set TERM to its type, or " + watch);
 }
 
 // The terminal's encoding as the locale has it. Afterwards the program itself works with UTF-8; what
@@ -134,7 +135,8 @@ class board_loop {
     // News that come in quick succession make one frame. Keys do not wait.
     void gather_news(pollfd (&sources)[3]) const {
         const auto since = std::chrono::duration_cast<milliseconds>(steady_clock::now() - drawn_);
-        if (since < FRAME) (void)poll(sources, 2, static_cast<int>((FRAME - since).count()));
+        if (since < SHORTEST_FRAME)
+            (void)poll(sources, 2, static_cast<int>((SHORTEST_FRAME - since).count()));
     }
 
     void end(int number) {
@@ -204,11 +206,19 @@ static void end_reading_of(board_desk *desk) {
         std::this_thread::sleep_for(milliseconds(5));
 }
 
+// A trace that goes to the terminal would be written over the screen.
+static void keep_off_screen() {
+    if (!is_terminal(STDERR_FILENO)) return;
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (nowhere >= 0) (void)dup2(nowhere, STDERR_FILENO);  // without it the trace is seen
+}
+
 [[noreturn]] static void show_board(const tool &shared, const std::string &database, bool ascii,
                                     terminal_keeper *keeper) {
     const sigset_t handled = board_signals();
     (void)sigprocmask(SIG_BLOCK, &handled, nullptr);  // in the reader's thread, too
     choose_remarks(remarks::none, false);
+    keep_off_screen();
     board_desk desk;
     desk.data.ascii = ascii;
     std::thread reader([&] { read_for_board(shared, database, &desk); });

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "ctl/layout.h"
+#include "ctl/text.h"
 
 namespace keyview::ctl {
 
@@ -90,7 +91,7 @@ static std::vector<size_t> widths_of(const table &shape, size_t columns) {
     std::vector<size_t> widths;
     for (size_t n = 0; n < shape.count; ++n) {
         const size_t fixed = shape.first[n].width;
-        const size_t share = (columns - std::min(columns, used)) / shares;
+        const size_t share = (columns - std::min(columns, used)) / std::max<size_t>(shares, 1);
         widths.push_back(fixed != 0 ? fixed : std::min(share, WIDEST));
     }
     return widths;
@@ -103,6 +104,11 @@ static screen_line header_of(const canvas &on, const table &shape, size_t column
     for (size_t n = 0; n < shape.count; ++n)
         line.add_cell(shape.first[n].title, widths[n], TITLE);
     return line.take();
+}
+
+// A person may type what the screen does not show.
+static std::string filter_text(const canvas &on) {
+    return screen_text(escaped(on.view->filter), on.data.ascii);
 }
 
 static unsigned look_of_word(const std::string &text) {
@@ -194,7 +200,7 @@ static frame list_pane(const canvas &on, screen_size size) {
     std::string title = "databases " + range_text(first, rows, listed.size());
     if (!on.view->filter.empty())
         title +=
-            ", filter \"" + on.view->filter + "\" of " + std::to_string(on.data.entries.size());
+            ", filter \"" + filter_text(on) + "\" of " + std::to_string(on.data.entries.size());
     if (!on.data.read_once) title += ", still being read";
     frame out = {title_of(on, title, on.view->focus == pane::list, size.columns),
                  header_of(on, LIST, size.columns)};
@@ -314,7 +320,7 @@ static screen_line head_of(const canvas &on, const std::string &registry, size_t
 static screen_line foot_of(const canvas &on, size_t columns) {
     line_maker line = on.line(columns);
     if (on.view->edits_filter) {
-        line.add("/" + on.view->filter + "_", STRONG);
+        line.add("/" + filter_text(on) + "_", STRONG);
     } else if (!on.data.trouble.empty()) {
         line.add(on.data.trouble, BAD);
     } else {

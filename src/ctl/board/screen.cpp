@@ -76,9 +76,11 @@ std::string restoring_sequence() {
         if (known) out += without_pauses(text);
     };
     struct winsize size = {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 &&
-        tigetstr("csr") != nullptr)
-        add(tparm(tigetstr("csr"), 0, size.ws_row - 1));
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0) {
+        // Scrolling is of all lines again, and a terminal with one screen goes on below it.
+        if (tigetstr("csr") != nullptr) add(tparm(tigetstr("csr"), 0, size.ws_row - 1));
+        add(tparm(tigetstr("cup"), size.ws_row - 1, 0));
+    }
     for (const char *name : {"rmkx", "sgr0", "cnorm", "rmcup"})
         add(tigetstr(name));
     return out;
@@ -95,6 +97,8 @@ static void choose_colors() {
 }
 
 screen::screen(bool coloured) {
+    use_env(FALSE);  // LINES and COLUMNS do not follow the terminal's size
+    use_tioctl(TRUE);
     SCREEN *opened = newterm(nullptr, stdout, stdin);
     terminal_ = opened;
     if (opened == nullptr) return;

@@ -2,6 +2,7 @@
 #include "ctl/board/view_state.h"
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "model/folding.h"
@@ -11,17 +12,19 @@ namespace keyview::ctl {
 // ---- What is listed -----------------------------------------------------------------------------
 
 // All words of the filter must occur.
-static bool passes(const board_entry &entry, const std::string &filter) {
-    std::istringstream words(element_of(filter));
-    for (std::string word; words >> word;)
-        if (entry.searched.find(word) == std::string::npos) return false;
-    return true;
+static bool passes(const board_entry &entry, const std::vector<std::string> &words) {
+    return std::all_of(words.begin(), words.end(), [&](const std::string &word) {
+        return entry.searched.find(word) != std::string::npos;
+    });
 }
 
 std::vector<const board_entry *> listed_databases(const board_data &data, const view_state &view) {
+    std::istringstream split(element_of(view.filter));
+    using words = std::istream_iterator<std::string>;
+    const std::vector<std::string> wanted(words(split), words{});
     std::vector<const board_entry *> listed;
     for (const auto &[element, entry] : data.entries)
-        if (passes(entry, view.filter)) listed.push_back(&entry);
+        if (passes(entry, wanted)) listed.push_back(&entry);
     return listed;
 }
 
