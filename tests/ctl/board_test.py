@@ -188,8 +188,10 @@ class Ends(Board):
         locks.stdin.write(b"\n")
         locks.stdin.flush()
         shown.wait("^good", "^  enabled, role PRIMARY")
+        shown.press("\x1b", "^>.Sales ")
+        self.assertNotIn("*", shown.text(), "a wait is no change")
         self.store("DATABASE.DATABASES.sales.ROLE", b"\xff\0")
-        shown.wait(r"role \\xff")
+        shown.wait(r"^>\*Sales +enabled +\\xff ", r"sales.ROLE = PRIMARY -> \\xff")
 
     def test_what_is_wrong_from_the_beginning_ends_it(self):
         for words, env, code, text in [

@@ -66,14 +66,13 @@ static void keep_known(const database_facts &before, database_facts *now) {
 void put_database(board_data *data, database_facts facts, moment now) {
     auto [at, is_new] = data->entries.try_emplace(facts.element);
     board_entry &entry = at->second;
-    const bool compares = data->read_once;
+    const bool fresh = is_new || entry.removed;
     if (facts.trouble.empty() || is_new) entry.read = now;
-    if (!entry.removed) keep_known(entry.facts, &facts);
+    if (!fresh) keep_known(entry.facts, &facts);
     const database_facts &before = entry.facts;
-    bool differs = before.trouble != facts.trouble || entry.removed;
-    if (compares) {
-        if (mark_row(is_new || entry.removed ? nullptr : &before.row, facts.row, now, &entry))
-            differs = true;
+    // What was busy when it was to be read for the first time did not change by being read.
+    if (data->read_once && (fresh || before.known)) {
+        bool differs = mark_row(fresh ? nullptr : &before.row, facts.row, now, &entry);
         if (mark_rows(before.instances, facts.instances, now, &entry)) differs = true;
         if (mark_rows(before.services, facts.services, now, &entry)) differs = true;
         if (differs) entry.changed = now;
