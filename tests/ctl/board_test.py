@@ -109,6 +109,7 @@ class Shows(Board):
         self.assertLess(len(shown.raw) - before, 500, "bytes for a change")
         self.good("rm", "DATABASE.DATABASES.d987", "--yes")
         shown.wait(r"^ \*d987 +removed", "changes 1-6 of ")
+        shown.press("\x1bsg", "databases 1-13 of 1004, latest change first", r"^>\*d987 .*\n \*d997 .*\n  d000 ")
 
     # "make board-picture" makes it again.
     def test_the_recording_is_of_this_board(self):

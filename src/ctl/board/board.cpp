@@ -16,6 +16,7 @@
 #include "ctl/board/paint.h"
 #include "ctl/board/reader.h"
 #include "ctl/board/screen.h"
+#include "ctl/layout.h"
 #include "ctl/output.h"
 #include "ctl/session.h"
 #include "ctl/terminal.h"
@@ -58,6 +59,7 @@ static bool choose_characters() {
     (void)setlocale(LC_CTYPE, "");
     const bool ascii = nl_langinfo(CODESET) != std::string("UTF-8");
     (void)setlocale(LC_CTYPE, "C.UTF-8");
+    (void)width_of_text(" ");  // sets it as well, and must not later, beside other threads
     return ascii;
 }
 

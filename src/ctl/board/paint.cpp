@@ -201,6 +201,7 @@ static frame list_pane(const canvas &on, screen_size size) {
     if (!on.view->filter.empty())
         title +=
             ", filter \"" + filter_text(on) + "\" of " + std::to_string(on.data.entries.size());
+    if (on.view->by_change) title += ", latest change first";
     if (!on.data.read_once) title += ", still being read";
     frame out = {title_of(on, title, on.view->focus == pane::list, size.columns),
                  header_of(on, LIST, size.columns)};
@@ -324,7 +325,7 @@ static screen_line foot_of(const canvas &on, size_t columns) {
     } else if (!on.data.trouble.empty()) {
         line.add(on.data.trouble, BAD);
     } else {
-        line.add("j k move  Enter open  Esc back  c changes  / filter  Tab pane  ? help  q leave");
+        line.add("j k move  Enter open  Esc back  c changes  / filter  s sort  ? help  q leave");
     }
     return line.take();
 }
@@ -341,6 +342,7 @@ static frame help_pane(const canvas &on, screen_size size) {
         {"c", "the changes of the selected database; again: all changes"},
         {"Tab", "the changes, and back"},
         {"/", "filter: databases that contain all of the words"},
+        {"s", "sort by the latest change, or by name"},
         {"Ctrl-L", "draw the screen again"},
         {"?", "this help; any key ends it"},
         {"q, Ctrl-C", "leave"},

@@ -25,15 +25,26 @@ std::vector<const board_entry *> listed_databases(const board_data &data, const 
     std::vector<const board_entry *> listed;
     for (const auto &[element, entry] : data.entries)
         if (passes(entry, wanted)) listed.push_back(&entry);
+    if (view.by_change) {
+        std::stable_sort(listed.begin(), listed.end(),
+                         [](const board_entry *one, const board_entry *other) {
+                             return one->changed > other->changed;
+                         });
+    }
     return listed;
 }
 
-// The one that was selected, or else the next one.
+// The one that was selected, or else the next one by its name.
 static size_t selected_index(const std::vector<const board_entry *> &listed,
                              const view_state &view) {
-    auto found = std::find_if(listed.begin(), listed.end(), [&](const board_entry *entry) {
-        return entry->facts.element >= view.selected;
-    });
+    auto find = [&](bool exactly) {
+        return std::find_if(listed.begin(), listed.end(), [&](const board_entry *entry) {
+            const int order = entry->facts.element.compare(view.selected);
+            return exactly ? order == 0 : order >= 0;
+        });
+    };
+    auto found = find(true);
+    if (found == listed.end()) found = view.selected.empty() ? listed.begin() : find(false);
     if (found == listed.end() && !listed.empty()) --found;
     return static_cast<size_t>(found - listed.begin());
 }
@@ -200,6 +211,7 @@ bool press_key(const key_press &pressed, const board_data &data, size_t page, vi
     if (pressed.what == key::escape) press_escape(view);
     if (pressed.what == key::tab) press_tab(view);
     if (pressed.text == "c") press_changes(data, view);
+    if (pressed.text == "s") view->by_change = !view->by_change;
     if (pressed.text == "?") view->helps = true;
     if (pressed.text == "/") {
         view->focus = pane::list;

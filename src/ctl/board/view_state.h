@@ -38,6 +38,7 @@ struct view_state {
     bool of_selected = false;  // only the changes of the selected database are listed
     bool helps = false;
     bool edits_filter = false;
+    bool by_change = false;  // the list begins with the latest change
     std::string filter;
     std::string selected;        // the element of a database; "" for the first one
     size_t scroll = 0;           // lines of the database's pane that are above the screen
