@@ -70,23 +70,22 @@ class Terminal(Emulator):
         self.stream.feed(block)
         return len(block)
 
-    def wait(self, *patterns):
+    def until(self, holds, what):
         end = time.monotonic() + PATIENCE
-        while not all(re.search(one, self.text(), re.M) for one in patterns):
+        while not holds():
             if time.monotonic() > end:
-                raise AssertionError("not on the screen: %s\n%s" % (patterns, self.text()))
+                raise AssertionError("%s\n%s" % (what, self.text()))
             self.read()
+
+    def wait(self, *patterns):
+        self.until(lambda: all(re.search(one, self.text(), re.M) for one in patterns), "not seen: %s" % (patterns,))
 
     def press(self, keys, *patterns):
         os.write(self.leader, keys.encode())
         self.wait(*patterns)
 
     def ended(self):
-        end = time.monotonic() + PATIENCE
-        while self.tool.poll() is None:
-            if time.monotonic() > end:
-                raise AssertionError("does not end\n" + self.text())
-            self.read()
+        self.until(lambda: self.tool.poll() is not None, "does not end")
         self.drain()
         return self.tool.returncode
 
