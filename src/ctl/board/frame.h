@@ -20,7 +20,7 @@ enum style : unsigned {
 
 struct span {
     std::string text;
-    unsigned look = PLAIN;
+    unsigned styles = PLAIN;
 };
 
 using screen_line = std::vector<span>;
@@ -29,22 +29,22 @@ using frame = std::vector<screen_line>;
 // Makes one line of so many columns. What does not fit is cut.
 class line_maker {
   public:
-    line_maker(size_t columns, bool ascii, unsigned look = PLAIN)
-        : left_(columns), ascii_(ascii), look_(look) {}
+    line_maker(size_t columns, bool ascii, unsigned styles = PLAIN)
+        : left_(columns), ascii_(ascii), styles_(styles) {}
 
-    void add(const std::string &text, unsigned look = PLAIN);
+    void add(const std::string &text, unsigned styles = PLAIN);
     // In a column of this width, and a blank behind it.
-    void add_cell(const std::string &text, size_t width, unsigned look = PLAIN);
+    void add_cell(const std::string &text, size_t width, unsigned styles = PLAIN);
     void fill_to(size_t columns_left, const char *with = " ");
     size_t left() const { return left_; }
     screen_line take();
 
   private:
-    void add_fitting(const std::string &text, size_t width, unsigned look);
+    void add_fitting(const std::string &text, size_t width, unsigned styles);
 
     size_t left_;
     bool ascii_;
-    unsigned look_;
+    unsigned styles_;
     screen_line line_;
 };
 

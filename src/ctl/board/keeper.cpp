@@ -16,7 +16,7 @@
 namespace keyview::ctl {
 
 static constexpr int ENDING[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
-static constexpr time_t PATIENCE_S = 2;  // with a child that was told to end
+static constexpr time_t PATIENCE_S = 2;  // with a child that is to end
 
 sigset_t board_signals() {
     sigset_t set;
@@ -88,7 +88,7 @@ void terminal_keeper::stop_with_child() {
     (void)kill(child_, SIGCONT);
 }
 
-// A child that did not end in time was killed: then what it was told counts.
+// A child that did not end in time was killed: the signal that it got before counts.
 int terminal_keeper::end_like(int status) {
     const int number = ended_by_ != 0 ? ended_by_ : WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     for (int one : ENDING)
@@ -98,7 +98,7 @@ int terminal_keeper::end_like(int status) {
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     throw tool_error{EXIT_INTERNAL, "the board ended by a signal", "", strsignal(number),
-                     "report this, unless somebody sent it"};
+                     "report this, unless a person sent the signal"};
 }
 
 // What the terminal sends, the child gets itself.

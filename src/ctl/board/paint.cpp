@@ -5,140 +5,18 @@
 #include <algorithm>
 #include <iterator>
 
+#include "ctl/board/tables.h"
 #include "ctl/layout.h"
 #include "ctl/text.h"
 
 namespace keyview::ctl {
 
-static constexpr std::chrono::seconds MARKED_FOR{60};
 static constexpr std::chrono::seconds SILENCE{5};  // of a registry that does not answer
 static constexpr size_t TALL = 36, WIDE = 160;
-
-// ---- Texts --------------------------------------------------------------------------------------
-
-// In steps that grow, so that a screen of old marks rests.
-static std::string age_text(moment then, moment now) {
-    if (then == moment()) return "";
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - then).count();
-    constexpr struct {
-        int64_t below, unit, step;
-        const char *word;
-    } STEPS[] = {{10, 1, 1, " s"},
-                 {60, 1, 10, " s"},
-                 {3600, 60, 1, " m"},
-                 {86400, 3600, 1, " h"},
-                 {INT64_MAX, 86400, 1, " d"}};
-    const auto &chosen = *std::find_if(std::begin(STEPS), std::end(STEPS),
-                                       [&](const auto &row) { return seconds < row.below; });
-    return std::to_string(seconds / chosen.unit / chosen.step * chosen.step) + chosen.word;
-}
-
-static bool is_marked(moment then, moment now) {
-    return then != moment() && now - then < MARKED_FOR;
-}
-
-static moment mark_of(const board_entry &entry, const std::string &key) {
-    auto found = entry.marks.find(key);
-    return found == entry.marks.end() ? moment() : found->second;
-}
-
-// ---- Tables -------------------------------------------------------------------------------------
-
-namespace {
-
-struct column {
-    const char *title;
-    size_t width;  // 0: an equal share of what the others leave, up to WIDEST
-};
-
-struct table {
-    const column *first;
-    size_t count;
-};
-
-// What all parts of one screen need.
-struct canvas {
-    const board_data &data;
-    view_state *view;
-    moment now;
-
-    line_maker line(size_t columns, unsigned look = PLAIN) const {
-        return {columns, data.ascii, look};
-    }
-};
-
-}  // namespace
-
-static constexpr column LIST_COLUMNS[] = {{"DATABASE", 0},  {"STATE", 10},   {"ROLE", 16},
-                                          {"INSTANCES", 9}, {"SERVICES", 9}, {"NODES", 5},
-                                          {"CHANGED", 7}};
-static constexpr column INSTANCE_COLUMNS[] = {
-    {"INSTANCE", 0}, {"NODE", 0}, {"STATE", 8}, {"AGO", 4}};
-static constexpr column SERVICE_COLUMNS[] = {{"SERVICE", 0},   {"STATE", 8},     {"FAILOVER", 10},
-                                             {"PREFERRED", 0}, {"AVAILABLE", 0}, {"AGO", 4}};
-static constexpr table LIST = {LIST_COLUMNS, std::size(LIST_COLUMNS)},
-                       INSTANCES = {INSTANCE_COLUMNS, std::size(INSTANCE_COLUMNS)},
-                       SERVICES = {SERVICE_COLUMNS, std::size(SERVICE_COLUMNS)};
-static constexpr size_t WIDEST = 40;
-static constexpr size_t MARGIN = 2;  // for the marks before a row
-
-static std::vector<size_t> widths_of(const table &shape, size_t columns) {
-    size_t used = MARGIN + shape.count, shares = 0;
-    for (size_t n = 0; n < shape.count; ++n) {
-        used += shape.first[n].width;
-        if (shape.first[n].width == 0) ++shares;
-    }
-    std::vector<size_t> widths;
-    for (size_t n = 0; n < shape.count; ++n) {
-        const size_t fixed = shape.first[n].width;
-        const size_t share = (columns - std::min(columns, used)) / std::max<size_t>(shares, 1);
-        widths.push_back(fixed != 0 ? fixed : std::min(share, WIDEST));
-    }
-    return widths;
-}
-
-static screen_line header_of(const canvas &on, const table &shape, size_t columns) {
-    const std::vector<size_t> widths = widths_of(shape, columns);
-    line_maker line = on.line(columns);
-    line.add(std::string(MARGIN, ' '));
-    for (size_t n = 0; n < shape.count; ++n)
-        line.add_cell(shape.first[n].title, widths[n], TITLE);
-    return line.take();
-}
 
 // A person may type what the screen does not show.
 static std::string filter_text(const canvas &on) {
     return screen_text(escaped(on.view->filter), on.data.ascii);
-}
-
-static unsigned look_of_word(const std::string &text) {
-    if (text == "enabled") return GOOD;
-    return text == "disabled" || text == "removed" ? BAD : PLAIN;
-}
-
-// Adds a row, its cells in as many lines as they need. The last cell is the row's age.
-static void add_table_row(const canvas &on, const table &shape, size_t columns,
-                          const board_entry &entry, const fact_row &row, frame *out) {
-    const std::vector<size_t> widths = widths_of(shape, columns);
-    std::vector<std::vector<std::string>> cells;
-    size_t height = 1;
-    for (size_t n = 0; n < row.cells.size(); ++n) {
-        cells.push_back(wrapped_text(row.cells[n], std::max<size_t>(widths[n], 1)));
-        height = std::max(height, cells.back().size());
-    }
-    const moment changed = mark_of(entry, row.key);
-    for (size_t part = 0; part < height; ++part) {
-        line_maker line = on.line(columns);
-        const bool starred = part == 0 && is_marked(changed, on.now);
-        line.add(starred ? " *" : "  ", starred ? MARKED : PLAIN);
-        for (size_t n = 0; n < cells.size(); ++n) {
-            const std::string text = part < cells[n].size() ? cells[n][part] : "";
-            const bool marked = is_marked(mark_of(entry, mark_key(row, n)), on.now);
-            line.add_cell(text, widths[n], look_of_word(text) | (marked ? MARKED : PLAIN));
-        }
-        if (part == 0) line.add_cell(age_text(changed, on.now), widths.back());
-        out->push_back(line.take());
-    }
 }
 
 // ---- Panes --------------------------------------------------------------------------------------
@@ -185,7 +63,7 @@ static screen_line database_line(const canvas &on, const board_entry &entry, boo
         const std::string stored = n < row.cells.size() ? row.cells[n] : "";
         const bool marked = is_marked(mark_of(entry, mark_key(row, n)), on.now);
         line.add_cell(replaced ? word : stored, widths[n],
-                      replaced ? BAD : look_of_word(stored) | (marked ? MARKED : PLAIN));
+                      replaced ? BAD : styles_of_word(stored) | (marked ? MARKED : PLAIN));
     }
     line.add(age_text(entry.changed, on.now));
     return line.take();
@@ -211,11 +89,11 @@ static frame list_pane(const canvas &on, screen_size size) {
     return out;
 }
 
-static void add_text(const canvas &on, const std::string &text, unsigned look, size_t columns,
+static void add_text(const canvas &on, const std::string &text, unsigned styles, size_t columns,
                      frame *out) {
     for (const std::string &part : wrapped_text(text, columns - MARGIN)) {
         line_maker line = on.line(columns);
-        line.add(std::string(MARGIN, ' ') + part, look);
+        line.add(std::string(MARGIN, ' ') + part, styles);
         out->push_back(line.take());
     }
 }
@@ -301,6 +179,7 @@ static size_t troubled(const board_data &data) {
 static span health_of(const canvas &on) {
     const board_data &data = on.data;
     if (data.last_good == moment() && data.trouble.empty()) return {"is being read"};
+    if (data.last_good == moment()) return {"cannot be read", BAD};
     if (!data.trouble.empty() || on.now - data.last_good > SILENCE)
         return {"stale for " + age_text(data.last_good, on.now), BAD};
     const size_t bad = troubled(data);
@@ -310,7 +189,7 @@ static span health_of(const canvas &on) {
 static screen_line head_of(const canvas &on, const std::string &registry, size_t columns) {
     line_maker line = on.line(columns, STRONG);
     const span health = health_of(on);
-    line.add_cell(health.text, 18, health.look);
+    line.add_cell(health.text, 18, health.styles);
     line.add_cell("revision " + std::to_string(on.data.revision), 15);
     const moment changed = on.data.last_change;
     line.add_cell(changed == moment() ? "" : "changed " + age_text(changed, on.now) + " ago", 17);

@@ -120,9 +120,9 @@ screen::~screen() {
     delscreen(static_cast<SCREEN *>(terminal_));
 }
 
-static attr_t attributes_of(unsigned look) {
+static attr_t attributes_of(unsigned styles) {
     constexpr struct {
-        unsigned look;
+        unsigned styles;
         attr_t plain;  // also where there is no colour
         short pair;
     } ROWS[] = {{STRONG, A_BOLD, 0}, {TITLE, A_BOLD, 4}, {CHOSEN, A_REVERSE, 0},
@@ -130,11 +130,11 @@ static attr_t attributes_of(unsigned look) {
     attr_t attributes = A_NORMAL;
     short pair = 0;
     for (const auto &row : ROWS) {
-        if ((look & row.look) == 0) continue;
+        if ((styles & row.styles) == 0) continue;
         attributes |= row.plain;
         if (row.pair != 0) pair = row.pair;
     }
-    if ((look & CHOSEN) != 0) pair = 0;  // colours are hard to read in reverse
+    if ((styles & CHOSEN) != 0) pair = 0;  // colours are hard to read in reverse
     return attributes | static_cast<attr_t>(COLOR_PAIR(pair));
 }
 
@@ -142,7 +142,7 @@ void screen::draw(const frame &shown) {
     for (size_t y = 0; y < shown.size(); ++y) {
         if (wmove(stdscr, static_cast<int>(y), 0) == ERR) break;
         for (const span &one : shown[y]) {
-            wattrset(stdscr, static_cast<int>(attributes_of(one.look)));
+            wattrset(stdscr, static_cast<int>(attributes_of(one.styles)));
             waddnstr(stdscr, one.text.c_str(), -1);
         }
     }

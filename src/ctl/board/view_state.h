@@ -1,4 +1,4 @@
-// How the board is looked at: the pane in use, the selection, the filter. Keys change it.
+// What of the board is shown: the pane in use, the selection, the filter. Keys change it.
 #pragma once
 
 #include <cstdint>
