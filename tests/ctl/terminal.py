@@ -89,8 +89,8 @@ class Terminal(Emulator):
         self.drain()
         return self.tool.returncode
 
-    def drain(self):
-        while self.read():
+    def drain(self, seconds=0.02):
+        while self.read(seconds):
             pass
 
     # The process of the board, below the one that was started.

@@ -63,7 +63,7 @@ static void keep_known(const database_facts &before, database_facts *now) {
     now->services = before.services;
 }
 
-void put_database(board_data *data, database_facts facts, moment now) {
+void put_database(board_data *data, database_facts facts, moment changed, moment now) {
     auto [at, is_new] = data->entries.try_emplace(facts.element);
     board_entry &entry = at->second;
     const bool fresh = is_new || entry.removed;
@@ -72,10 +72,10 @@ void put_database(board_data *data, database_facts facts, moment now) {
     const database_facts &before = entry.facts;
     // What was busy when it was to be read for the first time did not change by being read.
     if (data->read_once && (fresh || before.known)) {
-        bool differs = mark_row(fresh ? nullptr : &before.row, facts.row, now, &entry);
-        if (mark_rows(before.instances, facts.instances, now, &entry)) differs = true;
-        if (mark_rows(before.services, facts.services, now, &entry)) differs = true;
-        if (differs) entry.changed = now;
+        bool differs = mark_row(fresh ? nullptr : &before.row, facts.row, changed, &entry);
+        if (mark_rows(before.instances, facts.instances, changed, &entry)) differs = true;
+        if (mark_rows(before.services, facts.services, changed, &entry)) differs = true;
+        if (differs) entry.changed = changed;
     }
     entry.removed = false;
     entry.searched = searched_text(facts);

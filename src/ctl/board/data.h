@@ -62,7 +62,8 @@ struct board_data {
 // A cell of a row has a mark of its own.
 std::string mark_key(const fact_row &row, size_t cell);
 
-void put_database(board_data *data, database_facts facts, moment now);
+// changed: when they did, if they differ from those before.
+void put_database(board_data *data, database_facts facts, moment changed, moment now);
 void remove_database(board_data *data, const std::string &element, moment now);
 // Ends a reading of all databases: those that it did not find are removed.
 void end_reading(board_data *data, const std::set<std::string> &found, moment now);

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "ctl/change_source.h"
 #include "ctl/change_view.h"
@@ -140,6 +141,7 @@ class board_reader {
         change_source source(std::move(opened), root_, again ? revision_ : present);
         const session library(shared_);
         everything_ = true;
+        noted_at_ = std::chrono::steady_clock::now();
         while (!desk_->ending) {
             // Without a wait at first: a source that polls compares with what it sees now.
             wait_for_changes(&source, everything_ ? std::chrono::milliseconds(0) : pause_wanted());
@@ -162,6 +164,7 @@ class board_reader {
                 end - std::chrono::steady_clock::now();
             return desk_->ending ? 0U : static_cast<uint32_t>(std::max(time.count(), 0.0));
         };
+        noted_any_ = false;
         source->next(left, {[this](const revision_jump &jump) { note_jump(jump); },
                             [this](uint64_t, uint64_t revision, const admin::key_change &change) {
                                 note_change(revision, change);
@@ -179,7 +182,8 @@ class board_reader {
 
     void add_line(const std::string &text, const std::string &element) {
         desk_->change([&](board_data *data, moment now) {
-            add_change(data, {time_of_day(), text, element}, now);
+            if (!std::exchange(noted_any_, true)) noted_at_ = now;
+            add_change(data, {time_of_day(), text, element}, noted_at_);
         });
     }
 
@@ -236,7 +240,7 @@ class board_reader {
                 found.insert(one.element);
                 if (one.code == EXIT_LOCK) busy_.insert(one.element);
                 desk_->change([&](board_data *data, moment now) {
-                    put_database(data, maker_.facts_of(one), now);
+                    put_database(data, maker_.facts_of(one), noted_at_, now);
                     data->last_good = now;
                 });
             },
@@ -251,6 +255,8 @@ class board_reader {
     uint64_t revision_ = 0;  // that was seen last
     std::set<std::string> changed_, busy_;
     bool everything_ = true;
+    moment noted_at_ = {};  // what is reported at once has one moment
+    bool noted_any_ = false;
 };
 
 }  // namespace
