@@ -30,5 +30,6 @@ install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${doc_dir})
 install(DIRECTORY docs/ DESTINATION ${doc_dir}/docs
     FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png" PATTERN "*.json" PATTERN "man" EXCLUDE)
 install(DIRECTORY examples/ DESTINATION ${doc_dir}/examples
-    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.py" PATTERN "*.json" PATTERN "*.yaml")
+    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.py" PATTERN "*.json" PATTERN "*.yaml"
+    PATTERN "*.service" PATTERN "*.socket")
 install(DIRECTORY docs/schemas/ DESTINATION ${CMAKE_INSTALL_DATADIR}/keyview/schemas)

@@ -51,6 +51,19 @@ std::string change_for_people(const admin::change_row &change) {
     return "~ " + path + " = " + shown(*change.before) + " -> " + shown(*change.after);
 }
 
+std::string line_of(const revision_jump &jump) {
+    return lines_of(jump.kind,
+                    {{"since", count_view(jump.since)}, {"revision", count_view(jump.revision)}});
+}
+
+std::string line_of(uint64_t since, uint64_t revision, const admin::key_change &change) {
+    view_fields fields = {{"since", count_view(since)}, {"revision", count_view(revision)}};
+    view shown = change_view(change);
+    for (auto &field : std::get<view_fields>(shown.value))
+        fields.push_back(std::move(field));
+    return lines_of("change", fields);
+}
+
 std::string set_command(std::string_view path, std::string_view value, bool creates) {
     std::string out = "keyviewctl set " + shell_word(path) + (creates ? " --create" : "");
     bool text = !value.empty() && value.back() == '\0' &&

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "admin/change/plan.h"
+#include "ctl/change_source.h"
 #include "ctl/command.h"
 #include "ctl/file_io.h"
 #include "ctl/output.h"
@@ -46,6 +47,10 @@ exit_code change_words(const session &library, const std::string &what, const wo
 // they are shown.
 view change_view(const admin::change_row &change);
 std::string change_for_people(const admin::change_row &change);
+
+// A line of "watch" for programs.
+std::string line_of(const revision_jump &jump);
+std::string line_of(uint64_t since, uint64_t revision, const admin::key_change &change);
 
 // The command that makes a key what it is; one that may create the key, too.
 std::string set_command(std::string_view path, std::string_view value, bool creates = true);

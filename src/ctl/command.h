@@ -60,6 +60,7 @@ void add_create_commands(CLI::App *app, tool *shared);        // create; rm by n
 void add_edit_command(CLI::App *app, tool *shared);           // edit
 void add_watch_command(CLI::App *app, tool *shared);          // watch
 void add_report_commands(CLI::App *app, tool *shared);        // report, graph
+void add_serve_command(CLI::App *app, tool *shared);          // serve
 void add_status_command(CLI::App *app, tool *shared);         // status
 void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore, copy
 void add_lock_commands(CLI::App *app, tool *shared);          // lock

@@ -18,14 +18,14 @@ static exit_code run_report(const session &library, const given_names &names) {
                          "json have the same for programs"};
     }
     refuse_own_file(file, shared.registry);
-    const page_data data = read_page_data(library, "the cluster cannot be read");
-    const std::string page = page_of(data.json, "'none'");
+    const overview cluster = read_overview(library, "the cluster cannot be read");
+    const std::string page = page_of(page_data_of(cluster, shared.registry), false);
     if (file == "-") {
         write_result(page);
     } else {
         replace_file(file, page);
     }
-    return data.code;
+    return highest_code(cluster.databases);
 }
 
 static exit_code run_graph(const session &library, const given_names &names) {

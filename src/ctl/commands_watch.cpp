@@ -12,7 +12,6 @@
 #include "ctl/change_view.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
-#include "ctl/program_writer.h"
 #include "model/folding.h"
 #include "model/roots.h"
 
@@ -81,19 +80,14 @@ class watcher {
                          std::to_string(jump.since) + " up to " + std::to_string(jump.revision) +
                          " " + jump.what + "\n");
         } else {
-            write_json(lines_of(jump.kind, {{"since", count_view(jump.since)},
-                                            {"revision", count_view(jump.revision)}}));
+            write_json(line_of(jump));
         }
     }
 
     void report_change(uint64_t since, uint64_t revision, const admin::key_change &change) {
         if (reported_all()) return;
         ++reported_;
-        view_fields fields = {{"since", count_view(since)}, {"revision", count_view(revision)}};
-        view shown = change_view(change);
-        for (auto &field : std::get<view_fields>(shown.value))
-            fields.push_back(std::move(field));
-        std::string line = lines_of("change", fields);
+        const std::string line = line_of(since, revision, change);
         if (shared_.format == output_format::table) {
             write_result(std::to_string(revision) + " " + change_for_people(change) + "\n");
         } else {

@@ -30,6 +30,7 @@ static constexpr struct {
     {"nodeapps", SEE, "nodeapps node1"},
     {"report", SEE, "report report.html"},
     {"graph", SEE, "graph Sales -o svg"},
+    {"serve", SEE, "serve --listen 127.0.0.1:0 --for 1"},
     {"watch", SEE, "watch DATABASE.DATABASES.sales --for 1"},
     {"apply", CHANGE, "apply --dry-run cluster.json"},
     {"diff", CHANGE, "diff cluster.json"},

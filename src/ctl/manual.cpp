@@ -109,6 +109,7 @@ static constexpr struct {
      "apply it, and remove what it does not contain"},
     {"Observe", "keyviewctl status --follow", "the cluster on the whole screen, as it changes"},
     {"Observe", "keyviewctl watch DATABASE.DATABASES.sales", "follow changes as they happen"},
+    {"Observe", "keyviewctl serve --for 1", "the same page over HTTP, live"},
     {"Observe", "keyviewctl lock list", "print who holds or awaits locks"},
     {"Back up", "keyviewctl backup saved", "save the whole tree as of one moment"},
     {"Back up", "keyviewctl diff saved", "compare with it: exit status 0 if they are equal"},

@@ -241,9 +241,13 @@ static ordered_json error_json(const tool_error &error) {
             {"more_problems", error.more_problems}};
 }
 
+std::string error_document(const tool_error &error) {
+    return error_json(error).dump() + "\n";
+}
+
 void report_error(output_format format, const tool_error &error) {
     bool programs = for_programs(format);
-    std::string text = programs ? error_json(error).dump() + "\n" : error_text(error);
+    std::string text = programs ? error_document(error) : error_text(error);
     if (programs && is_terminal(STDERR_FILENO)) text = json_made_plain(text);
     remove_moving_line(true);
     (void)write_all(STDERR_FILENO, text);  // a failure here cannot be reported

@@ -81,6 +81,9 @@ auto attempt(const std::string &what, const std::string &where, work &&run) {
     }
 }
 
+// An error as JSON on one line, as -o json prints it.
+std::string error_document(const tool_error &error);
+
 void report_error(output_format format, const tool_error &error);
 
 }  // namespace keyview::ctl

@@ -6,8 +6,11 @@
 
 #include "admin/registry.h"
 #include "ctl/output.h"
+#include "ctl/record_view.h"
 #include "ctl/text.h"
 #include "host/if/keyview_host.h"
+#include "model/folding.h"
+#include "model/locks.h"
 
 namespace keyview::ctl {
 
@@ -29,12 +32,15 @@ static void note_failure(const session &library, int32_t rc, const char *what, l
 void each_database(const session &library, const char *what,
                    const std::function<void(const listed_record &)> &visit,
                    const std::string &key) {
-    const std::vector<admin::listed_database> databases =
-        attempt(what, library.shared.registry, [&] { return admin::list_databases(key); });
+    const std::vector<admin::listed_database> databases = library.observed("list_databases", [&] {
+        return attempt(what, library.shared.registry, [&] { return admin::list_databases(key); });
+    });
     for (const admin::listed_database &one : databases) {
         library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
                                        databases.size());
-        const auto fetched = library->fetch_db_config(one.element);
+        library.observe_lock(lock_of(database_key(one.element)));
+        const auto fetched = library.observed(
+            "fetch_db_config", [&] { return library->fetch_db_config(one.element); });
         if (fetched.code() == PRSR_ERR_NO_DATABASE && one.reason.empty())
             continue;  // removed meanwhile
         listed_record found = {one.element, one.element, {}, EXIT_CONTENT, one.reason};
@@ -83,6 +89,19 @@ view database_row(const listed_record &one, bool people) {
         fields.push_back({"why", optional_view(one.why)});
     }
     return {std::move(fields)};
+}
+
+overview read_overview(const session &library, const char *what) {
+    const std::string &url = library.shared.registry;
+    overview out;
+    out.revision = attempt(what, url, [] { return admin::registry::open().revision(); });
+    each_database(library, what, [&](const listed_record &one) {
+        view record = one.record ? view_of(one.record, output_format::json) : view{};
+        out.databases.push_back({one.element, one.name, database_row(one, false), std::move(record),
+                                 one.code, one.why});
+    });
+    out.lint = library.observed("lint", [&] { return attempt(what, url, admin::lint_registry); });
+    return out;
 }
 
 // ---- Findings -----------------------------------------------------------------------------------

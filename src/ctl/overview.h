@@ -1,8 +1,10 @@
 // The cluster as a whole: each database as its readers see it, and what lint finds.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "admin/care/inspection.h"
 #include "ctl/session.h"
@@ -24,6 +26,30 @@ struct listed_record {
 void each_database(const session &library, const char *what,
                    const std::function<void(const listed_record &)> &visit,
                    const std::string &key = DB_ROOT);
+
+// The exit code of "status": the highest one of a database.
+template <typename records>
+exit_code highest_code(const records &databases) {
+    exit_code code = EXIT_DONE;
+    for (const auto &one : databases)
+        code = std::max(code, one.code);
+    return code;
+}
+
+// All of it, as of about one moment.
+struct overview {
+    struct database {
+        std::string element, name;
+        view row;     // as "status -o json" has it
+        view record;  // as "show -o json" has it, or null
+        exit_code code;
+        std::string why;
+    };
+    uint64_t revision;  // of the tree, before it was read
+    std::vector<database> databases;
+    admin::inspection_report lint;
+};
+overview read_overview(const session &library, const char *what);
 
 // A row of "status", for people or for programs.
 view database_row(const listed_record &one, bool people);

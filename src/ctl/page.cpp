@@ -6,9 +6,6 @@
 #include <iterator>
 #include <utility>
 
-#include "admin/registry.h"
-#include "ctl/output.h"
-#include "ctl/overview.h"
 #include "ctl/program_writer.h"
 #include "ctl/record_view.h"
 #include "ctl/text.h"
@@ -53,17 +50,15 @@ static view failover_words() {
     return {std::move(words)};
 }
 
-static view_list database_rows(const session &library, const char *what, exit_code *code) {
+static view_list database_rows(const overview &cluster) {
     view_list rows;
-    each_database(library, what, [&](const listed_record &one) {
-        *code = std::max(*code, one.code);
-        view row = database_row(one, false);
+    for (const overview::database &one : cluster.databases) {
+        view row = one.row;
         auto &fields = std::get<view_fields>(row.value);
         fields.push_back({"key", {database_key(one.element)}});
-        fields.push_back(
-            {"record", one.record ? view_of(one.record, output_format::json) : view{}});
+        fields.push_back({"record", one.record});
         rows.push_back(std::move(row));
-    });
+    }
     return rows;
 }
 
@@ -75,30 +70,25 @@ static std::string without_tags(const std::string &json) {
     return out;
 }
 
-page_data read_page_data(const session &library, const char *what) {
-    const std::string &url = library.shared.registry;
-    auto revision = [&] {
-        return attempt(what, url, [] { return admin::registry::open().revision(); });
-    };
-    page_data out;
-    uint64_t read_at = revision();
-    view_list databases = database_rows(library, what, &out.code);
-    view_fields found = lint_view(attempt(what, url, admin::lint_registry));
-    view_fields fields = {
-        {"made", {time_now()}},         {"tool", {std::string("keyviewctl ") + KEYVIEW_VERSION}},
-        {"registry", {shown_url(url)}}, {"revision", count_view(read_at)},
-        {"failover", failover_words()}, {"databases", {std::move(databases)}}};
-    fields.push_back(std::move(found.back()));
+std::string page_data_of(const overview &cluster, const std::string &registry_url) {
+    view_fields fields = {{"made", {time_now()}},
+                          {"tool", {std::string("keyviewctl ") + KEYVIEW_VERSION}},
+                          {"registry", {shown_url(registry_url)}},
+                          {"revision", count_view(cluster.revision)},
+                          {"failover", failover_words()},
+                          {"databases", {database_rows(cluster)}}};
+    fields.push_back(lint_view(cluster.lint).back());
     const view plain = made_plain({std::move(fields)});
-    out.json = without_tags(document_of("report", std::get<view_fields>(plain.value)).dump());
-    return out;
+    return without_tags(document_of("report", std::get<view_fields>(plain.value)).dump());
 }
 
 // ---- The page -----------------------------------------------------------------------------------
 
-std::string page_of(const std::string &json, const char *connect) {
-    const std::pair<std::string_view, std::string_view> parts[] = {{"{{connect}}", connect},
-                                                                   {"{{data}}", json}};
+std::string page_of(const std::string &data, bool live) {
+    const std::pair<std::string_view, std::string_view> parts[] = {
+        {"{{connect}}", live ? "'self'" : "'none'"},
+        {"{{live}}", live ? "yes" : "no"},
+        {"{{data}}", data}};
     std::string out;
     std::string_view rest = PAGE;
     for (const auto &[mark, text] : parts) {  // in the order of the marks

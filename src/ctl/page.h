@@ -4,18 +4,14 @@
 
 #include <string>
 
-#include "ctl/session.h"
+#include "ctl/overview.h"
 
 namespace keyview::ctl {
 
 // What the page shows, as JSON without a byte that could end its block or that escaped() would change.
-struct page_data {
-    std::string json;
-    exit_code code = EXIT_DONE;  // the highest one of a database, as of "status"
-};
-page_data read_page_data(const session &library, const char *what);
+std::string page_data_of(const overview &cluster, const std::string &registry_url);
 
-// The page. connect: where its script may connect to, in the words of a content policy.
-std::string page_of(const std::string &json, const char *connect);
+// The page. A live one follows the server that it comes from, and may connect to it.
+std::string page_of(const std::string &data, bool live);
 
 }  // namespace keyview::ctl

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "admin/care/inspection.h"
+#include "admin/registry.h"
 #include "ctl/output.h"
 #include "host/if/keyview_host.h"
 
@@ -29,6 +30,17 @@ tool_error session::failure(int32_t rc, const std::string &what) const {
 void session::check_record(int32_t rc, const std::string &what, const std::string &key) const {
     check(rc, what);
     attempt(what, shared.registry, [&] { admin::require_sound(key); });
+}
+
+void session::observe_lock(const std::string &name) const {
+    if (!observer) return;
+    (void)observed(LOCK_WAIT, [&] {
+        try {
+            (void)admin::registry::open().lock(name, true, -1);
+        } catch (const admin::error &) {  // the call that follows reports it
+        }
+        return 0;
+    });
 }
 
 view_list database_names(const session &library, const std::string &what) {

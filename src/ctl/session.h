@@ -1,7 +1,9 @@
 // A context of the library over the chosen registry, for as long as a command needs it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "ctl/command.h"
@@ -9,6 +11,9 @@
 #include "keyview/if/prsr.hpp"
 
 namespace keyview::ctl {
+
+// What an observer receives as the call that waits for a lock.
+constexpr const char *LOCK_WAIT = "lock wait";
 
 class session {
   public:
@@ -28,6 +33,21 @@ class session {
     // The same for the record of a key, whose damage is a failure, too.
     void check_record(int32_t rc, const std::string &what, const std::string &key) const;
 
+    // Runs a call; its name and the time that it took go to the observer, if there is one.
+    template <typename work>
+    auto observed(const char *call, const work &run) const {
+        if (!observer) return run();
+        const auto begun = std::chrono::steady_clock::now();
+        auto result = run();
+        observer(call,
+                 std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+        return result;
+    }
+
+    // The same with the time that a lock is waited for; without an observer the lock is not taken.
+    void observe_lock(const std::string &name) const;
+
+    std::function<void(const char *call, double seconds)> observer = {};
     const tool &shared;
 
   private:

@@ -7,7 +7,7 @@ Usage: browser_test.py KEYVIEWCTL EXAMPLE SCHEMAS BUILD [PICTURES]
 The rules of accessibility come from the registry of npm, in a fixed version, into BUILD. With PICTURES, a
 folder, pictures of the page are written there.
 """
-import base64, hashlib, io, json, os, sys, tarfile, unittest, urllib.request
+import base64, hashlib, io, json, os, re, subprocess, sys, tarfile, unittest, urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.common.by import By
@@ -16,7 +16,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
 import hostile
-from page_test import Administrator, escaped
+from page_test import TOOL, Administrator, escaped
 
 BUILD, PICTURES = sys.argv[4], (sys.argv[5:] or [None])[0]
 AXE = "https://registry.npmjs.org/axe-core/-/axe-core-4.14.1.tgz"
@@ -73,11 +73,13 @@ class Browser(Administrator):
         self.assertEqual(self.driver.get_log("browser"), [])
         requests = {json.loads(one["message"])["message"]["params"].get("request", {}).get("url", "") for one in
                  self.driver.get_log("performance") if "Network.requestWillBeSent\"" in one["message"]}
-        self.assertTrue(any(url.startswith("file://") for url in requests), "what the page requests is recorded")
+        self.assertTrue(any(url.startswith(("file://", "http://")) for url in requests), "what the page requests is recorded")
         self.assertEqual({url for url in requests if not self.expected(url)}, set())
 
+    served = "http://none/"
+
     def expected(self, url):
-        return url.split("#")[0] in ("", "data:,", "file://" + self.path("page.html"), "file://" + self.path("sales.svg"))
+        return url.startswith(self.served) or url.split("#")[0] in ("", "data:,", "file://" + self.path("page.html"), "file://" + self.path("sales.svg"))
 
     def colours(self, scheme, media=""):
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia",
@@ -130,7 +132,7 @@ class ReportInABrowser(Browser):
         self.assertEqual(self.driver.switch_to.active_element.get_attribute("id"), "sort-state")
         self.one("#filter").send_keys("node5")
         self.assertEqual(self.texts(names), ["ledger", "SalesStandby"])
-        self.assertEqual(self.texts("[role=status]"), ["2 databases"])
+        self.assertEqual(self.texts("main [role=status]"), ["2 databases"])
         self.one("#filter").send_keys(" primary")
         self.assertEqual(self.texts(names), ["ledger"])
         self.one("#filter").clear()
@@ -185,7 +187,7 @@ class ReportInABrowser(Browser):
                                           "return one.domContentLoadedEventEnd - one.responseEnd")
         print("a thousand databases: shown after %d ms" % took, file=sys.stderr)
         self.assertLess(took, 2000)
-        self.assertEqual(self.texts("[role=status]"), ["1,004 databases; 1 to 50 are shown"])
+        self.assertEqual(self.texts("main [role=status]"), ["1,004 databases; 1 to 50 are shown"])
         self.all(".pager button")[1].click()
         self.assertEqual(len(self.all("tbody tr")), 50)
         for view in ("databases", "map"):
@@ -211,6 +213,25 @@ class ReportInABrowser(Browser):
                 with self.subTest(view, scheme=scheme):
                     self.go(view)
                     self.assert_accessible()
+
+    def test_a_served_page_is_live(self):
+        server = subprocess.Popen([TOOL, "serve", "--listen", "127.0.0.1:0"], env=self.env, stderr=subprocess.PIPE, text=True)
+        try:
+            self.served = re.search(r"http://\S+/", server.stderr.readline())[0]
+            self.driver.get(self.served)
+            state = "return document.getElementById('state').textContent"
+            WebDriverWait(self.driver, 10).until(lambda driver: driver.execute_script(state) == "live")
+            self.one("#filter").send_keys("ledger")
+            self.assertEqual(self.texts("tbody td:nth-child(2)"), ["enabled"])
+            self.good("disable", "ledger")
+            WebDriverWait(self.driver, 10).until(lambda _: self.texts("tbody td:nth-child(2)") == ["disabled"])
+            self.assertEqual(self.one("#filter").get_attribute("value"), "ledger")
+            self.assert_accessible()
+            self.driver.get("about:blank")
+        finally:
+            server.terminate()
+            self.assertEqual(server.wait(20), 0)
+            server.stderr.close()
 
     def test_a_picture_follows_light_and_dark(self):
         with open(self.path("sales.svg"), "w") as file:

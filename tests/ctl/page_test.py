@@ -4,7 +4,7 @@ texts. What a browser makes of the page is tested by browser_test.py."""
 import base64, hashlib, html.parser, json, re, sys, unittest, xml.etree.ElementTree
 
 import hostile
-from admin_test import VALIDATOR, Administrator, content
+from admin_test import TOOL, VALIDATOR, Administrator, content
 
 SVG = "{http://www.w3.org/2000/svg}"
 HARMFUL = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200b\u200e\u200f\u2028-\u202e\u2060-\u206f\ufeff\U000e0000-\U000e007f]")

@@ -272,7 +272,7 @@
         }
         parts.push(element("h3", {}, count(found.length, "finding", "findings")));
         if (found.length > 0) parts.push(findingsTable(found));
-        fill = () => {};
+        fill = show;
         main.replaceChildren(...parts);
     }
 
@@ -298,11 +298,29 @@
             count(data.findings.length, "finding", "findings");
     }
 
+    // The server sends a revision when what it has read of the cluster is new.
+    function follow() {
+        const state = document.getElementById("state"), events = new EventSource("v1/events");
+        let shown = data.revision;
+        events.addEventListener("open", () => { state.textContent = "live"; });
+        events.addEventListener("error", () => { state.textContent = "the server does not answer: this may be old"; });
+        events.addEventListener("revision", async (event) => {
+            if (Number(event.data) === shown) return;
+            const answer = await fetch("page.json");
+            if (!answer.ok) return;
+            take(await answer.json());
+            shown = data.revision;
+            showHead();
+            fill();
+        });
+    }
+
     const print = (printing) => () => { state.printing = printing; fill(); };
 
     take(JSON.parse(document.getElementById("data").textContent));
     showHead();
     show();
+    if (document.body.dataset.live === "yes") follow();
     window.addEventListener("hashchange", () => {
         if (location.hash === "#content") return;
         state.page = 0;
