@@ -14,15 +14,17 @@
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
+#   make fuzz      SECONDS=60, each target of the guided fuzzer for so long
 #   make sbom      what the products are built from, as SPDX: build/keyview.spdx
 #   make format    formats the sources
 #   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
 
 PREFIX ?= /usr/local
 DESTDIR ?=
+SECONDS ?= 60
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages sbom format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages fuzz sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -98,6 +100,12 @@ packages:
 test-packages:
 	@packaging/install-packages test-packages
 	@packaging/test-packages $(BUILD)/packages
+
+fuzz:
+	@packaging/install-packages build test check
+	@cmake --preset fuzz >/dev/null
+	@cmake --build $(BUILD)/fuzz --target guided
+	@packaging/fuzz $(BUILD)/fuzz $(SECONDS)
 
 sbom: cluster
 	@packaging/sbom $(BUILD)/release >$(BUILD)/keyview.spdx

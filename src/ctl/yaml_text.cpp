@@ -216,8 +216,8 @@ static void emit(const ordered_json &value, YAML::Emitter *out) {
         *out << YAML::Flow;
         if (value.is_object()) *out << YAML::BeginMap << YAML::EndMap;
         if (value.is_array()) *out << YAML::BeginSeq << YAML::EndSeq;
-    } else if (value.is_number_integer()) {
-        *out << value.get<int64_t>();
+    } else if (value.is_number()) {
+        *out << value.dump();  // a plain word, as JSON spells it
     } else if (value.is_boolean()) {
         *out << value.get<bool>();
     } else {
