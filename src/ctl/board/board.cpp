@@ -223,14 +223,13 @@ static void keep_off_screen() {
     keep_off_screen();
     board_desk desk;
     desk.data.ascii = ascii;
-    std::thread reader([&] { read_for_board(shared, database, &desk); });
-    int ended_by = 0;
-    {
-        board_loop loop(screen_text(escaped(shown_url(shared.registry)), ascii),
-                        color_wanted(STDOUT_FILENO), &desk, keeper);
-        if (!database.empty()) loop.open(element_of(database));
-        ended_by = loop.run();
-    }
+    std::optional<board_loop> loop;
+    loop.emplace(screen_text(escaped(shown_url(shared.registry)), ascii),
+                 color_wanted(STDOUT_FILENO), &desk, keeper);
+    if (!database.empty()) loop->open(element_of(database));
+    const std::thread reader([&] { read_for_board(shared, database, &desk); });
+    const int ended_by = loop->run();
+    loop.reset();  // the terminal is free before the reader is
     end_reading_of(&desk);
     if (ended_by != 0) end_by_signal(ended_by);
     _exit(EXIT_DONE);

@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cwchar>
+#include <new>
 
 // Of term.h, which defines macros by hundreds, "columns" and "lines" among them.
 extern "C" int setupterm(const char *terminal, int fd, int *error);
@@ -101,7 +102,7 @@ screen::screen(bool coloured) {
     use_tioctl(TRUE);
     SCREEN *opened = newterm(nullptr, stdout, stdin);
     terminal_ = opened;
-    if (opened == nullptr) return;
+    if (opened == nullptr) throw std::bad_alloc();  // the terminal is known
     if (coloured && has_colors()) choose_colors();
     cbreak();
     noecho();
@@ -115,7 +116,6 @@ screen::screen(bool coloured) {
 }
 
 screen::~screen() {
-    if (terminal_ == nullptr) return;
     endwin();
     delscreen(static_cast<SCREEN *>(terminal_));
 }
