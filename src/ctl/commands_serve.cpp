@@ -141,18 +141,20 @@ class cluster_reader {
                 send("change", revision, line_of(since, revision, change));
             }};
         uint64_t read_for = known_;  // what the source reported when the cluster was read
-        for (auto earliest = steady::now() + RETRY; !over();) {
+        auto earliest = steady::now();
+        while (!over()) {
             const auto slice_end = steady::now() + std::chrono::milliseconds(WAIT_MS);
             source.next([&] { return left_until(slice_end); }, sink);
             to->tick();
             const uint64_t revision = source.revision();
             const bool changed = revision != known_ && revision != read_for;
-            if (!changed && (!busy_ || steady::now() < earliest)) continue;
             const auto begun = steady::now();
+            if (begun < earliest || (!changed && !busy_)) continue;
             read(to);
             read_for = revision;
-            earliest = steady::now() + RETRY;
-            pause(to, steady::now() - begun);  // half of the time at most goes into reading
+            // Half of the time at most goes into reading; changes are reported meanwhile.
+            const auto took = steady::now() - begun;
+            earliest = steady::now() + (busy_ ? std::max(took, RETRY) : took);
         }
     }
 
