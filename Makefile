@@ -10,6 +10,7 @@
 #   make bench-picture   measures commands over registries of growing size: docs/scaling.svg and its table
 #   make test-page   drives the page of "keyviewctl report" in a browser; docs/report*.png
 #   make board-picture   records the board at a terminal: docs/board.cast and its pictures
+#   make test-serve   "keyviewctl serve" against its limits of time, and mutated requests for a minute
 #   make wheel     the Python package as build/wheel/keyview-*.whl
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
@@ -24,7 +25,7 @@ DESTDIR ?=
 SECONDS ?= 60
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page bench bench-picture board-picture wheel install packages test-packages fuzz sbom format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -65,6 +66,12 @@ test-page:
 	@cmake --build $(BUILD)/release
 	@/usr/bin/python3 tests/ctl/browser_test.py $(BUILD)/release/bin/keyviewctl examples/cluster.json docs/schemas \
 		$(BUILD) docs
+
+test-serve:
+	@packaging/install-packages build cluster members test
+	@cmake --preset release -DKEYVIEW_CLUSTER=ON >/dev/null
+	@cmake --build $(BUILD)/release
+	@/usr/bin/python3 tests/ctl/serve_test.py $(BUILD)/release/bin/keyviewctl examples/cluster.json docs/schemas --long
 
 bench:
 	@packaging/install-packages build cluster members bench
