@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include <atomic>
 
 #include "bench/child.h"
@@ -16,6 +18,7 @@ namespace keyview::bench {
 
 constexpr char DURABLE[] = "durable set of a flag / pwrite 4 KiB + fdatasync";
 constexpr char ENGINE[] = "durable set of a flag / LMDB commit of a row";
+constexpr char HISTORY[] = "durable set of a flag / the same without history";
 constexpr char UNCHANGED[] = "set to the stored value / durable set";
 constexpr char BESIDE_WRITER[] = "fetch typical beside endless commits / quiet";
 
@@ -62,8 +65,12 @@ static void verify_set(session *writer, const char *database) {
 }
 
 // In a registry of typical size; the one that other rows use also has the large record.
+// The history is full, so that each set also removes an entry.
+static constexpr char FULL_HISTORY[] = "32768";
+static constexpr int FILLS_HISTORY = 250;
+
 static void measure_sets(const bench_setup &setup) {
-    if (!setup.to->wants({DURABLE, ENGINE, UNCHANGED})) return;
+    if (!setup.to->wants({DURABLE, ENGINE, HISTORY, UNCHANGED})) return;
     session writer(make_record_registry(setup.directory + "/written", {SMALL, TYPICAL, BUSY}));
     const std::vector<peer_row> rows = peer_rows(record_keys(TYPICAL));
     lmdb_peer engine(setup.directory + "/written-lmdb", rows);
@@ -71,15 +78,21 @@ static void measure_sets(const bench_setup &setup) {
     verify_set(&writer, SMALL.database);
     synced_block block(setup.directory + "/block");
     int32_t enabled = 0;
-    const auto figures =
-        interleave({151, 4}, {[&] {
-                                  set_flag(&writer, BUSY.database, enabled);
-                                  enabled = 1 - enabled;
-                              },
-                              [&] { block.write(); }, [&] { set_flag(&writer, SMALL.database, 1); },
-                              [&] { engine.commit(rows[rows.size() / 2]); }});
+    auto set_other = [&](const char *history_bytes) {
+        (void)setenv("KEYVIEW_HISTORY", history_bytes, 1);  // there is memory
+        set_flag(&writer, BUSY.database, enabled);
+        enabled = 1 - enabled;
+    };
+    for (int n = 0; n < FILLS_HISTORY; ++n)
+        set_other(FULL_HISTORY);
+    const auto figures = interleave(
+        {151, 4}, {[&] { set_other(FULL_HISTORY); }, [&] { block.write(); },
+                   [&] { set_flag(&writer, SMALL.database, 1); },
+                   [&] { engine.commit(rows[rows.size() / 2]); }, [&] { set_other("0"); }});
+    (void)unsetenv("KEYVIEW_HISTORY");
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
+    setup.to->ratio(HISTORY, figures[0], figures[4], 1.1);
     setup.to->ratio(UNCHANGED, figures[2], figures[0], 0.05);
 }
 

@@ -278,6 +278,7 @@ TEST_F(Flips, AFileThatIsCutShortIsRefused) {
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
+    (void)setenv("KEYVIEW_HISTORY", "0", 0);  // it would double the file
     auto number = [&](int n, size_t otherwise) {
         return argc > n ? strtoul(argv[n], nullptr, 10) : otherwise;
     };

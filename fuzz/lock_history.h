@@ -15,6 +15,7 @@
 
 #include "cluster/connection.h"
 #include "cluster/layout.h"
+#include "model/roots.h"
 
 namespace keyview::test {
 
@@ -182,6 +183,7 @@ class lock_judge {
 
     void look_at_write(const host::wire::Event &event) {
         if (!is_below(event.kv().key(), kv_)) return;
+        if (is_below(event.kv().key(), kv_ + '\x01' + std::string(HISTORY_HEAD))) return;
         std::vector<std::string> words = split(event.kv().value());
         if (words.size() != 3) return;  // from before
         ++writes_;

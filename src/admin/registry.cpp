@@ -41,6 +41,20 @@ struct changes_read : callback_guard {
     change_batch batch;
 };
 
+// A change is delivered once its keys are read.
+struct history_read : callback_guard {
+    const std::function<bool(past_change &&)> *sink;
+    std::optional<past_change> latest;
+    bool goes_on = true;
+
+    void deliver() {
+        run([&] {
+            if (latest && goes_on) goes_on = (*sink)(std::move(*latest));
+            latest.reset();
+        });
+    }
+};
+
 struct names_read : callback_guard {
     const lock_names *names;
     std::string latest;
@@ -79,6 +93,32 @@ static void add_change(void *arg, uint64_t revision, keyview_bytes path,
     read->run([&] {
         read->batch.changes.push_back(
             {revision, {text_of(path), optional_text(before), optional_text(after)}});
+    });
+}
+
+static int32_t begin_entry(void *arg, const keyview_history_entry *entry) {
+    auto *read = static_cast<history_read *>(arg);
+    read->deliver();
+    read->run([&] {
+        if (!read->goes_on) return;
+        read->latest = past_change{entry->revision,
+                                   entry->time_us,
+                                   text_of(entry->user),
+                                   text_of(entry->program),
+                                   text_of(entry->host),
+                                   entry->process,
+                                   {},
+                                   entry->left_out};
+    });
+    return read->latest ? 1 : 0;
+}
+
+static void add_past_key(void *arg, uint64_t, keyview_bytes path, const keyview_bytes *before,
+                         const keyview_bytes *after) {
+    auto *read = static_cast<history_read *>(arg);
+    read->run([&] {
+        read->latest->changes.push_back(
+            {text_of(path), optional_text(before), optional_text(after)});
     });
 }
 
@@ -164,6 +204,14 @@ std::optional<change_batch> registry::changes_since(std::string_view path, uint6
                                         add_change, &read, &keeps_history));
     if (keeps_history == 0) return std::nullopt;
     return std::move(read.batch);
+}
+
+void registry::history(uint64_t since,
+                       const std::function<bool(past_change &&change)> &sink) const {
+    history_read read{{}, &sink, {}};
+    int32_t rc = keyview_registry_history(handle_.get(), since, begin_entry, add_past_key, &read);
+    read.deliver();
+    read.finish(rc);
 }
 
 void registry::apply(size_t count, const std::function<key_row(size_t number)> &change_at,

@@ -63,6 +63,16 @@ struct noted_change {
     key_change change;
 };
 
+// A change as the history has it.
+struct past_change {
+    uint64_t revision = 0;  // that the tree had with it
+    int64_t time_us = 0;    // since 1970
+    std::string user, program, host;
+    uint64_t process = 0;
+    std::vector<key_change> changes;
+    uint64_t left_out = 0;  // further keys, whose values are not kept
+};
+
 struct change_batch {
     std::vector<noted_change> changes;  // in their order
     uint64_t up_to = 0;                 // the revision to continue from
@@ -118,6 +128,9 @@ class registry {
     // when the time is over. Nothing if the registry keeps no history.
     std::optional<change_batch> changes_since(std::string_view path, uint64_t since,
                                               uint32_t wait_ms) const;
+
+    // Delivers the changes after a revision, the latest first, until the sink returns false.
+    void history(uint64_t since, const std::function<bool(past_change &&change)> &sink) const;
 
     // Carries out all changes or none, while the locks are held and, unless it is 0, the tree is at
     // the revision. A change is a key that is put or, without a value, removed with all that is below

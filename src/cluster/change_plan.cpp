@@ -92,6 +92,11 @@ std::vector<change_plan::key_change> change_plan::key_changes() const {
     return changes;
 }
 
+void change_plan::record(change_recorder *out) const {
+    for (const auto &[path, key] : tree_)
+        if (key.before != key.after) out->note(path, key.before, key.after);
+}
+
 std::string change_plan::tree_after(const std::string &writer) const {
     tree_facts facts = tree_facts::parse(state_.tree_value());
     for (const auto &[path, key] : tree_) {

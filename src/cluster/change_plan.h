@@ -10,6 +10,7 @@
 
 #include "cluster/session.h"
 #include "cluster/tree_part.h"
+#include "host/registry/history.h"
 #include "host/registry/store.h"
 
 namespace keyview::host {
@@ -26,6 +27,7 @@ class change_plan {
     };
 
     const change_counts &counts() const { return counts_; }
+    void record(change_recorder *out) const;
     std::vector<key_change> key_changes() const;
 
     int64_t tree_revision() const { return state_.tree_revision(); }

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "cluster/change_plan.h"
+#include "cluster/etcd_history.h"
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
 #include "cluster/journal.pb.h"
@@ -99,12 +100,14 @@ class marked_run {
         marker_ = std::move(moved);
     }
 
-    void end(const std::string &tree) {
+    // With the entry in the history; "" for none.
+    void end(const std::string &tree, const std::string &entry) {
         faults.step();
         wire::TxnRequest request = of_marker();
         add_delete(request.mutable_success(), {cluster_->keys().marker(), ""});
         add_delete(request.mutable_success(), cluster_->keys().journals());
         add_put(request.mutable_success(), cluster_->keys().tree(), tree);
+        add_history(request.mutable_success(), cluster_, entry);
         add_range(request.mutable_failure(), {cluster_->keys().tree(), ""});
         wire::TxnResponse response = cluster_->txn(request);
         // While the marker exists, the key of the tree still has its value of before.
@@ -124,6 +127,15 @@ class marked_run {
         throw host_error(failure::content,
                          "the journal of the change set is damaged: apply the whole document anew, "
                          "or restore a backup (\"keyviewctl restore FILE --force\")");
+    }
+
+    // A writer of an earlier release left none.
+    std::string entry() {
+        wire::TxnRequest request = of_marker();
+        add_range(request.mutable_success(), {cluster_->keys().journal_entry(marker_.id()), ""});
+        wire::TxnResponse response = cluster_->txn(request);
+        if (!response.succeeded()) throw taken_over();
+        return value_in(response, 0);
     }
 
   private:
@@ -151,7 +163,8 @@ class change_set {
           plan_(plan),
           entries_(entries_of(terms)),
           id_(cluster_->unique_name()),
-          pieces_(pieces_of(plan.key_changes())) {}
+          pieces_(pieces_of(plan.key_changes())),
+          entry_(entry_of(plan)) {}
 
     outcome run() {
         bool at_once = pieces_.size() <= 1 && entries_.size() <= MOST_FENCES;
@@ -159,6 +172,13 @@ class change_set {
     }
 
   private:
+    static std::string entry_of(const change_plan &plan) {
+        if (history_limit() == 0) return "";
+        change_recorder changes(LARGEST_ENTRY);
+        plan.record(&changes);
+        return changes.entry(0);
+    }
+
     // The conditions under which the change set begins, and reads that show which one failed.
     wire::TxnRequest of_plan() const {
         wire::TxnRequest request;
@@ -183,6 +203,7 @@ class change_set {
         if (!pieces_.empty()) {
             request.mutable_success()->MergeFrom(pieces_.front().to_do.operations());
             add_put(request.mutable_success(), cluster_->keys().tree(), tree);
+            add_history(request.mutable_success(), cluster_, entry_);
         }
         wire::TxnResponse response = cluster_->txn(request);
         if (response.succeeded()) return outcome::done;
@@ -194,16 +215,17 @@ class change_set {
     outcome run_in_pieces() {
         for (uint32_t n = 0; n < pieces_.size(); ++n)
             write_journal(n);
+        if (!entry_.empty()) write_entry();
         Marker marker = first_marker();
         if (!begin(marker)) return outcome::tree_moved;
         marked_run run(cluster_, marker);
         if (!all_fences_hold()) {
-            run.end(plan_.tree_before());
+            run.end(plan_.tree_before(), "");
             throw lock_lost({});
         }
         for (uint32_t n = 0; n < pieces_.size(); ++n)
             run.step(n + 1, pieces_[n].to_do);
-        run.end(marker.tree());
+        run.end(marker.tree(), entry_);
         return outcome::done;
     }
 
@@ -215,6 +237,12 @@ class change_set {
                     piece.SerializeAsString());
             (void)cluster_->txn(request);  // without a condition
         }
+    }
+
+    void write_entry() {
+        wire::TxnRequest request;
+        add_put(request.mutable_success(), cluster_->keys().journal_entry(id_), entry_);
+        (void)cluster_->txn(request);  // without a condition
     }
 
     Marker first_marker() const {
@@ -258,6 +286,7 @@ class change_set {
     std::vector<const queue_entry *> entries_;
     std::string id_;
     std::vector<piece_pair> pieces_;
+    std::string entry_;  // of the history
 };
 
 }  // namespace
@@ -292,11 +321,11 @@ bool finish_half_applied(session *cluster, finish how) {
     if (how == finish::resume) {
         for (uint32_t n = marker.next(); n < marker.pieces(); ++n)
             run.step(n + 1, run.piece(n, false));
-        run.end(marker.tree());
+        run.end(marker.tree(), run.entry());
     } else {
         for (uint32_t n = marker.next(); n-- > 0;)
             run.step(n, run.piece(n, true));
-        run.end(marker.tree_before());
+        run.end(marker.tree_before(), "");
     }
     return true;
 }

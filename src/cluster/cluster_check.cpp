@@ -5,6 +5,7 @@
 #include "cluster/cluster.h"
 #include "cluster/cluster_settings.h"
 #include "cluster/etcd_moment.h"
+#include "model/roots.h"
 
 namespace keyview::host {
 
@@ -36,10 +37,14 @@ check_counts check_cluster(const std::string &url, const damage_sink &damage,
     check_counts counts;
     std::set<std::string, std::less<>> known;
     read_all(&cluster, [&](const wire::KeyValue &row) {
-        ++counts.keys;
         auto elements = cluster.keys().elements(row.key());
-        if (!elements) return damage(row.key(), "is not the key of any path");
+        if (!elements) {
+            ++counts.keys;
+            return damage(row.key(), "is not the key of any path");
+        }
         std::string path = path_of_elements(*elements);
+        if (is_history(path)) return;
+        ++counts.keys;
         std::string_view parent = parent_path(path);
         if (!parent.empty() && known.count(parent) == 0) damage(path, "has no parent");
         sink(path, row.value());

@@ -162,7 +162,7 @@ class acquisition {
                 continue;
             }
             bool whole = part_.take(&response, 0);
-            cluster_->note_depth(part_.deepest());
+            cluster_->note_tree(part_.deepest(), part_.tree_changes());
             if (whole && part_.marker().empty())
                 return std::make_shared<observed_lock>(cluster_, part_);
             if (whole) pending.wait(part_.marker());
@@ -205,7 +205,7 @@ class acquisition {
     std::shared_ptr<held_lock> granted() {
         std::unique_ptr<moment> seen;
         if (whole_) {
-            cluster_->note_depth(part_.deepest());
+            cluster_->note_tree(part_.deepest(), part_.tree_changes());
             seen = moment_of(cluster_, std::move(part_));
         }
         return std::make_shared<etcd_lock>(std::move(entry_), std::move(seen));

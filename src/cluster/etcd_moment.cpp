@@ -41,7 +41,7 @@ void read_part(session *cluster, tree_part *part, int64_t revision) {
         part->ask(cluster->deepest(), revision, request.mutable_success());
         wire::TxnResponse response = cluster->txn(request);
         bool whole = part->take(&response, 0);
-        cluster->note_depth(part->deepest());
+        cluster->note_tree(part->deepest(), part->tree_changes());
         if (!whole) continue;
         if (revision != 0 || part->marker().empty()) return;
         pending.wait(part->marker());

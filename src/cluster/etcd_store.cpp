@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "cluster/change_set.h"
+#include "cluster/etcd_history.h"
 #include "cluster/etcd_locks.h"
 #include "cluster/etcd_moment.h"
 #include "cluster/faults.h"
@@ -86,7 +87,8 @@ void etcd_store::open(bool create) {
                 tree_facts{0, cluster_->unique_name()}.text());
         (void)cluster_->txn(request);  // it fails if the registry exists
     }
-    cluster_->note_depth(tree_state(&cluster_->calls(), keys).deepest());
+    const tree_part state = tree_state(&cluster_->calls(), keys);
+    cluster_->note_tree(state.deepest(), state.tree_changes());
 }
 
 // ---- Setting ------------------------------------------------------------------------------------
@@ -119,6 +121,21 @@ class set_request {
         add_range(request_.mutable_failure(), {entry->key(), ""});
     }
 
+    // With the entry in the history: only over the value before.
+    void record(session *cluster, const std::string &before) {
+        change_recorder changes(MOST_COMPARED);
+        if (before.size() <= MOST_COMPARED) {
+            require_value(&request_, key_, before);
+            changes.note(path_, before, value_);
+        } else {
+            changes.note_unknown(path_);
+        }
+        add_history(request_.mutable_success(), cluster, changes.entry(0));
+    }
+
+    // What the key has now, after a try that failed.
+    const std::optional<std::string> &stored() const { return stored_; }
+
     // Without a lock: only over the value that was read.
     void expect(int64_t revision) { require_changed(&request_, key_, revision); }
 
@@ -140,6 +157,7 @@ class set_request {
             if (by_us) return true;  // by an earlier try
         }
         if (stored.kvs_size() == 0) return false;
+        stored_ = stored.kvs(0).value();
         if (range_in(response, 1).kvs_size() > 0) {
             pending->wait(value_in(response, 1));
             return std::nullopt;
@@ -167,6 +185,7 @@ class set_request {
     std::string key_;
     std::string value_;
     wire::TxnRequest request_;
+    std::optional<std::string> stored_;
     queue_entry *lock_ = nullptr;
 };
 
@@ -184,19 +203,29 @@ bool etcd_store::set(std::string_view path, std::string_view value, const held_l
                                             "the lock anew");
     }
     half_applied_wait pending(cluster_.get());
+    const bool fenced = lock != nullptr && !faults.set_unfenced;
+    const bool recorded = history_limit() > 0;
+    std::optional<std::string> before;
+    if (replaced != nullptr) before = *replaced;
     for (;;) {
         set_request request(cluster_->keys(), path, value);
-        if (lock != nullptr && !faults.set_unfenced) {
-            request.fence(lock->entry());
-        } else {
+        if (fenced) request.fence(lock->entry());
+        if (!fenced || (recorded && !before)) {
             tree_part there(cluster_->keys(), std::string(path), reach::key_alone);
             read_part(cluster_.get(), &there, 0);
             if (there.rows().front().empty()) return false;
-            request.expect(there.rows().front().Get(0).mod_revision());
+            before = there.rows().front().Get(0).value();
+            if (!fenced) request.expect(there.rows().front().Get(0).mod_revision());
         }
+        if (recorded) request.record(cluster_.get(), *before);
         std::optional<bool> done = request.run(cluster_.get(), &pending, replaced);
         if (done) return *done;
+        before = request.stored();
     }
+}
+
+void etcd_store::history(uint64_t since, const history_sink &sink) {
+    read_history(cluster_.get(), since, sink);
 }
 
 // ---- Changing -----------------------------------------------------------------------------------

@@ -7,6 +7,9 @@
 //                                its elements, each followed by 0x01; the value as given. So the
 //                                children of a key are one range, as are its descendants of each
 //                                depth
+//     /kv/<1>keyview-history-... an entry of the history, named by the number of changes that the tree
+//                                had about when it was made, and an id; its revision is that of the
+//                                change
 //     /lk/<name>\0r/<id>         an entry in the queue of a lock, "w" for an exclusive one
 //     /apply                     the marker of a change set that is carried out in pieces
 //     /journal/<id>/<piece>/...  what those pieces do and undo
@@ -21,6 +24,7 @@
 #include <string_view>
 
 #include "host/registry/backend.h"
+#include "model/roots.h"
 
 namespace keyview::host {
 
@@ -46,6 +50,7 @@ class layout {
     std::string marker() const { return prefix_ + "/apply"; }
     key_range journals() const { return beginning_with(prefix_ + "/journal/"); }
     std::string journal(std::string_view id, uint32_t piece, bool undo) const;
+    std::string journal_entry(std::string_view id) const;  // of the history
 
     // path is valid for a key and has no more than MOST_ELEMENTS.
     std::string key(std::string_view path) const { return row(elements_of(path), path); }
@@ -54,6 +59,11 @@ class layout {
     key_range below(std::string_view path, uint32_t elements) const {
         return beginning_with(row(elements, path));
     }
+
+    // Entries of the history (etcd_history.h), all of them and those before a number.
+    std::string history_entry(uint64_t number, std::string_view id) const;
+    key_range history() const;
+    key_range history_before(uint64_t number) const;
 
     // All keys of the tree.
     key_range all_keys() const { return beginning_with(kv_); }

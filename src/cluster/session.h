@@ -42,9 +42,14 @@ class session : unique {
     connection &calls() { return calls_; }
     const layout &keys() const { return keys_; }
 
-    // The depth of the tree when it was read last, and at least that of a tree with a service.
+    // The depth of the tree when it was read last, and at least that of a tree with a service; how
+    // many changes it had then.
     uint32_t deepest() const { return deepest_; }
-    void note_depth(uint32_t deepest) { deepest_ = std::max(deepest, USUAL_DEPTH); }
+    uint64_t tree_changes() const { return tree_changes_; }
+    void note_tree(uint32_t deepest, uint64_t changes) {
+        deepest_ = std::max(deepest, USUAL_DEPTH);
+        tree_changes_ = std::max(changes, tree_changes_.load());
+    }
 
     // Runs one call and sends due keepalives before it.
     wire::TxnResponse txn(const wire::TxnRequest &request, steady::time_point end,
@@ -87,6 +92,7 @@ class session : unique {
     connection calls_;
     layout keys_;
     std::atomic<uint32_t> deepest_{USUAL_DEPTH};
+    std::atomic<uint64_t> tree_changes_{0};
     std::shared_ptr<leases> leases_ = std::make_shared<leases>();
     std::mutex granting_;
 };

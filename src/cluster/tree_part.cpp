@@ -36,6 +36,7 @@ bool tree_part::take(wire::TxnResponse *response, int first_op) {
     revision_ = asked_revision_ != 0 ? asked_revision_ : response->header().revision();
     tree_revision_ = answer(0)->Get(0).mod_revision();
     tree_value_ = answer(0)->Get(0).value();
+    tree_changes_ = static_cast<uint64_t>(answer(0)->Get(0).version());
     deepest_ = tree_facts::parse(tree_value_).deepest;
     marker_ = answer(1)->empty() ? "" : answer(1)->Get(0).value();
     rows_.clear();

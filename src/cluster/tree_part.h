@@ -34,6 +34,7 @@ class tree_part {
     [[nodiscard]] bool take(wire::TxnResponse *response, int first_op);
 
     uint32_t deepest() const { return deepest_; }
+    uint64_t tree_changes() const { return tree_changes_; }   // of which there were so many
     int64_t revision() const { return revision_; }            // of the rows; 0 before take()
     int64_t tree_revision() const { return tree_revision_; }  // of the latest change of the tree
     const std::string &tree_value() const { return tree_value_; }
@@ -58,6 +59,7 @@ class tree_part {
     uint32_t asked_depths_ = 0;
     int64_t asked_revision_ = 0;
     uint32_t deepest_ = 0;
+    uint64_t tree_changes_ = 0;
     int64_t revision_ = 0;
     int64_t tree_revision_ = 0;
     std::string tree_value_;

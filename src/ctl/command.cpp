@@ -33,6 +33,7 @@ static constexpr argument_row ARGUMENTS[] = {
     {"NAME", "Name of the storage manager entry, in any case", true},
     {"KEY", "The key's path"},
     {"FILE", "The file to read or write; - for standard input or output"},
+    {"CHANGE", "The revision, or the file; ./17 is a file"},
     {"CONTEXT", "Name of the context, as in [context.NAME] of a settings file", true},
     {"CODE", "The exit code, or its word"},
     {"SHELL", "bash, zsh or fish"},

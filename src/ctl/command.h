@@ -61,6 +61,7 @@ void add_edit_command(CLI::App *app, tool *shared);           // edit
 void add_watch_command(CLI::App *app, tool *shared);          // watch
 void add_report_commands(CLI::App *app, tool *shared);        // report, graph
 void add_serve_command(CLI::App *app, tool *shared);          // serve
+void add_history_command(CLI::App *app, tool *shared);        // history
 void add_status_command(CLI::App *app, tool *shared);         // status
 void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore, copy
 void add_lock_commands(CLI::App *app, tool *shared);          // lock

@@ -218,7 +218,16 @@ static exit_code run_rm(const tool &shared, const given_names &names) {
 }
 
 static exit_code run_undo(const tool &shared, const given_names &names) {
-    std::string changes = read_file(names[0]);
+    const std::string &change = names[0];
+    if (is_revision(change)) {
+        change_command command = {"revision " + change + " is not taken back", "", true};
+        command.missing = "\"keyviewctl history\" lists the changes that can be taken back";
+        return carry_out(shared, command, [&](const admin::change_options &options) {
+            return admin::undo_revision(strtoull(change.c_str(), nullptr, 10), shared.overwrite,
+                                        options);
+        });
+    }
+    std::string changes = read_file(change);
     return carry_out(shared, {"the changes are not taken back", names[0], true},
                      [&](const admin::change_options &options) {
                          return admin::undo_changes(changes, shared.overwrite, options);
@@ -239,8 +248,10 @@ void add_key_commands(CLI::App *app, tool *shared) {
          "[KEY] --fields --findings", run_explain, true},
         {"rm", "Remove a key with all that is below it", "[KEY] --dry-run --if-revision --yes",
          run_rm},
-        {"undo", "Take back the changes of a command, from the file that its answer names",
-         "FILE --overwrite --dry-run --if-revision --yes", run_undo},
+        {"undo",
+         "Take back a change, by its revision in the history or from the file that the answer of its "
+         "command names",
+         "CHANGE --overwrite --dry-run --if-revision --yes", run_undo},
     };
     add_commands(app, shared, COMMANDS);
     auto path = std::make_shared<given_names>();

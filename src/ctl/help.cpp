@@ -32,6 +32,7 @@ static constexpr struct {
     {"graph", SEE, "graph Sales -o svg"},
     {"serve", SEE, "serve --listen 127.0.0.1:0 --for 1"},
     {"watch", SEE, "watch DATABASE.DATABASES.sales --for 1"},
+    {"history", SEE, "history Sales --since 7d"},
     {"apply", CHANGE, "apply --dry-run cluster.json"},
     {"diff", CHANGE, "diff cluster.json"},
     {"enable", CHANGE, "enable Sales --instance Sales1"},

@@ -28,7 +28,7 @@ static constexpr command_group GROUPS[] = {
     add_watch_command,   add_enable_commands, add_document_commands, add_key_commands,
     add_backup_commands, add_check_commands,  add_doctor_commands,   add_lock_commands,
     add_help_commands,   add_create_commands, add_edit_command,      add_report_commands,
-    add_serve_command,
+    add_serve_command,   add_history_command,
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go

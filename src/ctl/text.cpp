@@ -93,4 +93,10 @@ std::string shell_word(std::string_view text) {
     return out + "'";
 }
 
+bool is_revision(std::string_view text) {
+    constexpr size_t MOST_DIGITS = 19;
+    return !text.empty() && text.size() <= MOST_DIGITS &&
+           text.find_first_not_of("0123456789") == text.npos;
+}
+
 }  // namespace keyview::ctl

@@ -24,6 +24,9 @@ std::string absolute_url(const std::string &url);
 // A URL without credentials that it may contain by mistake.
 std::string shown_url(const std::string &url);
 
+// Whether a text is a revision, which is a number.
+bool is_revision(std::string_view text);
+
 // A text as one word of a shell's command line.
 std::string shell_word(std::string_view text);
 

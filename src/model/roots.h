@@ -1,6 +1,8 @@
 // The keys of the configuration tree: its roots, the elements below them, and what each holds.
 #pragma once
 
+#include <string_view>
+
 namespace model {
 
 // ---- Roots --------------------------------------------------------------------------------------
@@ -9,6 +11,14 @@ inline constexpr char ROOT[] = "DATABASE";
 inline constexpr char DB_ROOT[] = "DATABASE.DATABASES";       // .<db>
 inline constexpr char STG_ROOT[] = "DATABASE.STG";            // .<scope>.<name>
 inline constexpr char NODEAPPS_ROOT[] = "DATABASE.NODEAPPS";  // .<node>
+
+// The history of the tree: a key for each change, beside the tree, that begins so. No operation reads
+// it, and no program sets it.
+inline constexpr std::string_view HISTORY_HEAD = "keyview-history-";
+
+constexpr bool is_history(std::string_view path) noexcept {
+    return path.substr(0, HISTORY_HEAD.size()) == HISTORY_HEAD;
+}
 
 // ---- Lists of a record, an element below them for each entry ------------------------------------
 

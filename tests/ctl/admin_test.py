@@ -94,7 +94,7 @@ class Administrator(unittest.TestCase):
 READS = """list|show sales|show ledger|status|status sales|roster sales reporting|policy ledger booking|role sales
 domain sales|name sales|name sales Sales1|instance-on ledger node5|enabled sales|supported sales reporting sales4
 stg node1 stg1|stg-name node1 stg1|stg-enabled node1 stg1|nodeapps node1|get DATABASE.DATABASES.sales.ENVIRONMENT
-ls DATABASE.STG|tree|explain|explain --findings|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config
+ls DATABASE.STG|tree|explain|explain --findings|explain DATABASE.DATABASES.sales|check|lint|lock list|errors|config|history|history sales
 disable sales --dry-run|role sales PRIMARY --dry-run|set DATABASE.DATABASES.sales.DOMAIN x --dry-run
 rm DATABASE.STG --dry-run""".replace("\n", "|").split("|")
 
@@ -145,7 +145,8 @@ class Output(Administrator):
                             ["watch", path, "--from", "1", "--for", "0.01"], ["explain", text], ["errors", text],
                             ["lock", "run", "LKRT." + text, "--wait", "0", "--", TOOL, "lock", "list"],
                             ["backup", "/no/" + text], ["restore", "/no/" + text], ["copy", "--to", "lmdb:/no/" + text],
-                            ["list", "--registry", "lmdb:/no/" + text], ["config", "--registry", text],
+                            ["list", "--registry", "lmdb:/no/" + text], ["history", "--limit", "9"], ["history", name], ["undo", text],
+                            ["history", "--since", text], ["config", "--registry", text],
                             ["doctor", "--registry", "etcd://" + text], ["manual", text], ["completion", text],
                             ["get", path], ["stg", name, name], ["stg-name", name, name], ["stg-enabled", name, name],
                             ["nodeapps", name], ["policy", name, "s"], ["domain", name], ["enabled", name],
@@ -509,8 +510,15 @@ class Keeping(Administrator):
         "key-unknown": [({SALES + ".FUTURE": b"x\0"}, ""), ({SALES + ".SPFILE.MORE.x": b"x\0"}, "")],
     }
 
+    # The registry of the example anew, without the values of changes: a test that damages a value then damages one key.
+    def begin_without_history(self):
+        self.env["KEYVIEW_HISTORY"] = "0"
+        shutil.rmtree(self.path("registry"))
+        self.good("apply", EXAMPLE)
+
     # Each finding in turn: what lint, check and export report, by the table of findings, and what lint proposes.
     def test_check_lint_and_export_agree_on_each_finding(self):
+        self.begin_without_history()
         self.assertEqual(self.json("lint")["findings"], [])
         table = {row["rule"]: row for row in self.json("explain", "--findings")["findings"]}
         self.assertEqual(list(table), list(self.FINDINGS))
@@ -569,6 +577,7 @@ class Keeping(Administrator):
 
     def test_a_damaged_value_is_found_and_replaced_or_removed(self):
         saved, key = self.path("saved"), SALES + ".START_OPTIONS"
+        self.begin_without_history()
         self.good("set", key, "recognisable")
         self.good("backup", saved)
         for repair in (["set", key, "again"], ["rm", key, "--yes"], ["apply", EXAMPLE], ["restore", saved, "--force", "--yes"],
@@ -590,6 +599,7 @@ class Keeping(Administrator):
     def test_a_document_replaces_the_damaged_name_of_a_service(self):
         document = json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
             {"name": "Sales", "services": [{"name": "RECOGNISABLE"}]}]}).encode()
+        self.begin_without_history()
         self.good("apply", "-", stdin=document)
         name = os.path.join(self.url.split(":")[1], "data.mdb")
         damaged = content(name).replace(b"RECOGNISABLE", b"rECOGNISABLE")

@@ -17,6 +17,7 @@
 #include "host/embedded/embedded.h"
 #include "host/embedded/environment.h"
 #include "host/registry/snapshot.h"
+#include "model/roots.h"
 #include "process.h"
 #include "registry.h"
 #include "store_test.h"
@@ -262,6 +263,7 @@ struct raw_registry {
         EXPECT_EQ(mdb_del(txn, dbi, &at, nullptr), 0);
     }
     // The key that holds a text in its row.
+    // Of the tree: the history has the values, too.
     std::string key_with(const std::string &text) const {
         MDB_cursor *cursor = nullptr;
         MDB_val at = {};
@@ -270,8 +272,8 @@ struct raw_registry {
         EXPECT_EQ(mdb_cursor_open(txn, dbi, &cursor), 0);
         while (found.empty() && mdb_cursor_get(cursor, &at, &data, MDB_NEXT) == 0) {
             std::string row(static_cast<char *>(data.mv_data), data.mv_size);
-            if (row.find(text) != row.npos)
-                found.assign(static_cast<char *>(at.mv_data), at.mv_size);
+            const std::string key(static_cast<char *>(at.mv_data), at.mv_size);
+            if (row.find(text) != row.npos && !is_history(key)) found = key;
         }
         mdb_cursor_close(cursor);
         return found;

@@ -46,37 +46,62 @@ static std::vector<key_change> changes_in(std::string_view text) {
 }
 
 static void check_unchanged(const std::vector<key_change> &changes, const key_list &present) {
+    problem_list conflicts;
     std::map<std::string_view, const key_change *> known;
     for (const key_change &one : changes) {
         known.emplace(one.path, &one);
         size_t at = present.find(one.path);
         std::optional<std::string_view> now;
         if (at != key_list::NONE) now = present[at].value;
-        if (now == one.before || now == one.after) continue;
-        throw error(KEYVIEW_FAILURE_CHANGED, one.path + " has changed since; nothing was written");
+        if (now != one.before && now != one.after) conflicts.add(one.path, "has changed since");
     }
     for (const key_change &one : changes) {
         if (one.before) continue;
         for (size_t at = present.lower_bound(one.path);
              at < present.size() && path_within(present.path(at), one.path); ++at) {
             const std::string_view path = present.path(at);
-            if (known.count(path) > 0) continue;
-            throw error(KEYVIEW_FAILURE_CHANGED,
-                        std::string(path) + " was created since; nothing was written");
+            if (known.emplace(path, nullptr).second)
+                conflicts.add(std::string(path), "was created since");
         }
     }
+    if (conflicts.empty()) return;
+    throw error(
+        KEYVIEW_FAILURE_CHANGED,
+        "keys changed since; nothing was written; --overwrite takes their changes back, too",
+        conflicts.kept(), conflicts.more());
 }
 
-change_result undo_changes(std::string_view text, bool overwrite, const change_options &options) {
-    std::vector<key_change> changes = changes_in(text);
+static change_result take_back(const std::vector<key_change> &changes, bool overwrite,
+                               const change_options &options) {
     change_request request;
     for (const key_change &one : changes)
         (void)request.changes.add(one.path, one.before);
     request.check = [&](const key_list &present, bool) {
         if (!overwrite) check_unchanged(changes, present);
     };
-    (void)registry::open();  // one that does not exist is not created
     return change_registry("", ready(std::move(request)), options);
+}
+
+change_result undo_changes(std::string_view text, bool overwrite, const change_options &options) {
+    const std::vector<key_change> changes = changes_in(text);
+    (void)registry::open();  // one that does not exist is not created
+    return take_back(changes, overwrite, options);
+}
+
+change_result undo_revision(uint64_t revision, bool overwrite, const change_options &options) {
+    std::optional<past_change> wanted;
+    registry::open().history(revision - 1, [&](past_change &&one) {
+        if (one.revision == revision) wanted = std::move(one);
+        return true;
+    });
+    const std::string name = "the change of revision " + std::to_string(revision);
+    if (!wanted) throw error(KEYVIEW_FAILURE_NOT_FOUND, "the history does not have " + name);
+    if (wanted->left_out > 0) {
+        throw error(KEYVIEW_FAILURE_NOT_FOUND, "the history does not have the values of " +
+                                                   std::to_string(wanted->left_out) + " keys of " +
+                                                   name);
+    }
+    return take_back(wanted->changes, overwrite, options);
 }
 
 }  // namespace keyview::admin

@@ -11,6 +11,7 @@
 #include "host/embedded/pages/page_walk.h"
 #include "host/embedded/row.h"
 #include "model/path.h"
+#include "model/roots.h"
 
 namespace keyview::host {
 
@@ -49,7 +50,7 @@ class row_audit {
         known.stated = found.children;
         std::string_view parent = parent_path(path);
         if (!parent.empty()) ++keys_[std::string(parent)].found;
-        if (sound) sink_(path, found.value);
+        if (sound && !is_history(key)) sink_(path, found.value);
     }
 
     // Names what is missing.
@@ -114,7 +115,7 @@ check_counts check_data_file(int fd, const damage_sink &damage, const row_sink &
     if (!read_head(fd, &head, damage)) return counts;
     row_audit audit(damage, sink);
     walk_pages(fd, head.newest(), damage, [&](std::string_view key, std::string_view bytes) {
-        ++counts.keys;
+        if (!is_history(key)) ++counts.keys;
         audit.add(key, bytes);
     });
     audit.compare(damage);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/embedded/lmdb_history.h"
 #include "host/embedded/lmdb_rows.h"
 #include "host/embedded/lmdb_writer.h"
 #include "host/embedded/pages/file_head.h"
@@ -214,6 +215,42 @@ std::shared_ptr<held_lock> lmdb_store::write_lock() {
     return locks_->acquire(file_locks::WRITERS, lock_mode::exclusive, wait_ms);
 }
 
+void lmdb_store::history(uint64_t since, const history_sink &sink) {
+    environment *keys = env();
+    environment::reading now(keys);
+    read_history(*keys, now.cursor(), since, sink);
+}
+
+namespace {
+
+// Changes of the tree with their entry in the history.
+class recorded_writer : public lmdb_writer {
+  public:
+    recorded_writer(const environment &env, MDB_txn *txn, uint64_t limit)
+        : lmdb_writer(env, txn, limit == 0 ? nullptr : &changes_),
+          env_(env),
+          txn_(txn),
+          limit_(limit),
+          changes_(limit / LARGEST_PART) {}
+
+    // Whether anything changed.
+    bool finish() {
+        lmdb_writer::finish();
+        if (changed() && limit_ > 0) add_history(env_, txn_, changes_, limit_);
+        return changed();
+    }
+
+  private:
+    static constexpr uint64_t LARGEST_PART = 4;  // of the history, for one change
+
+    const environment &env_;
+    MDB_txn *txn_;
+    uint64_t limit_;
+    change_recorder changes_;
+};
+
+}  // namespace
+
 static void check_fence(std::string_view path, const held_lock *fence) {
     if (fence != nullptr && !fence->still_held()) throw lock_lost(path);
 }
@@ -236,14 +273,15 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     }
     bool found = false;
     environment *keys = env();
+    const uint64_t limit = history_limit();
     std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
     notice.add(path);
     keys->write([&](MDB_txn *txn) {
         check_fence(path, fence);
-        lmdb_writer writer(*keys, txn);
+        recorded_writer writer(*keys, txn, limit);
         found = writer.replace(path, value, replaced);
-        return writer.changed();
+        return writer.finish();
     });
     return found;
 }
@@ -287,6 +325,7 @@ change_counts lmdb_store::apply(const change_source &changes, const apply_terms 
     check_changes(changes);
     change_counts counts;
     environment *keys = env();
+    const uint64_t limit = history_limit();
     std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
     size_t room = 0;
@@ -298,12 +337,12 @@ change_counts lmdb_store::apply(const change_source &changes, const apply_terms 
     const std::vector<uint32_t> order = row_order(changes);
     auto carry_out = [&](MDB_txn *txn) {
         check_terms(txn, terms);
-        lmdb_writer writer(*keys, txn);
+        recorded_writer writer(*keys, txn, limit);
         for (size_t n = 0; n < changes.size; ++n)
             writer.carry_out(changes.at(order.empty() ? n : order[n]));
-        writer.finish();
+        bool changed = writer.finish();
         counts = writer.counts();
-        return writer.changed();
+        return changed;
     };
     keys->write(carry_out, room);
     return counts;

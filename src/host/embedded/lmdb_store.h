@@ -26,6 +26,7 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
     std::unique_ptr<moment> now(std::string_view part) override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence,
              std::string *replaced) override;
+    void history(uint64_t since, const history_sink &sink) override;
     using store::apply;
     change_counts apply(const change_source &changes, const apply_terms &terms) override;
 

@@ -17,6 +17,15 @@ MDB_cursor *lmdb_writer::cursor() {
     return cursor_.get();
 }
 
+// before is null for a key that did not exist, or whose bytes are damaged; after for one that goes.
+void lmdb_writer::note(std::string_view path, const row *before, const std::string_view *after) {
+    if (changes_ == nullptr) return;
+    std::optional<std::string_view> old, fresh;
+    if (before != nullptr) old = before->value;
+    if (after != nullptr) fresh = *after;
+    changes_->note(path, old, fresh);
+}
+
 // Writes the numbers of the open keys that are not above a key.
 void lmdb_writer::leave(std::string_view path) {
     while (!open_.empty()) {
@@ -56,12 +65,15 @@ void lmdb_writer::put(std::string_view path, std::string_view value) {
     row_state state = seek(path, &found, &alone);
     if (state == row_state::sound) return replace_row(path, found, value);
     ++(state == row_state::damaged ? counts_.replaced : counts_.created);
-    if (state == row_state::absent && !alone) (void)remove_strays(path);
+    bool known = state == row_state::absent && (alone || !remove_strays(path));
+    if (known) note(path, nullptr, &value);
+    if (!known && changes_ != nullptr) changes_->note_unknown(path);
     create(path, value);
 }
 
 void lmdb_writer::replace_row(std::string_view path, const row &found, std::string_view value) {
     if (found.value == value) return;
+    note(path, &found, &value);
     put_row(path, found.children, value);
     ++counts_.replaced;
 }
@@ -83,11 +95,23 @@ void lmdb_writer::remove(std::string_view path) {
     if (state == row_state::sound && path_fault(path) != nullptr) return;
     std::vector<std::string> keys;
     if (state != row_state::absent) keys.emplace_back(row_key(path).view());
+    if (state == row_state::sound) note(path, &found, nullptr);
+    if (state == row_state::damaged && changes_ != nullptr) changes_->note_unknown(path);
     visit_below(env_, cursor(), path, reach::all_below,
-                [&](std::string_view key, std::string_view) { keys.emplace_back(key); });
+                [&](std::string_view key, std::string_view bytes) {
+                    keys.emplace_back(key);
+                    note_removal(key, bytes);
+                });
     for (const std::string &key : keys)
         delete_row(key);
     add_children(parent_path(path), -1);
+}
+
+void lmdb_writer::note_removal(std::string_view key, std::string_view bytes) {
+    if (changes_ == nullptr) return;
+    const std::string path = path_of_row(key, bytes);
+    row found;
+    read_row(key, bytes, &found) ? note(path, &found, nullptr) : changes_->note_unknown(path);
 }
 
 row_state lmdb_writer::state_of(std::string_view path, row *found) {

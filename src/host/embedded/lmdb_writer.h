@@ -9,13 +9,16 @@
 
 #include "host/embedded/environment.h"
 #include "host/embedded/lmdb_rows.h"
+#include "host/registry/history.h"
 #include "host/registry/store.h"
 
 namespace keyview::host {
 
 class lmdb_writer {
   public:
-    lmdb_writer(const environment &env, MDB_txn *txn) : env_(env), txn_(txn) {}
+    // Notes what it changes, unless changes is null.
+    lmdb_writer(const environment &env, MDB_txn *txn, change_recorder *changes = nullptr)
+        : env_(env), txn_(txn), changes_(changes) {}
 
     // Damaged rows are replaced and removed like sound ones. The number of a key's children is written
     // when a key elsewhere is put, and by finish().
@@ -37,6 +40,7 @@ class lmdb_writer {
     };
 
     MDB_cursor *cursor();
+    void note(std::string_view path, const row *before, const std::string_view *after);
     void leave(std::string_view path);
     bool open(std::string_view path);
     row_state seek(std::string_view path, row *found, bool *alone);
@@ -44,6 +48,7 @@ class lmdb_writer {
     void replace_row(std::string_view path, const row &found, std::string_view value);
     void create(std::string_view path, std::string_view value);
     void remove(std::string_view path);
+    void note_removal(std::string_view key, std::string_view bytes);
     row_state state_of(std::string_view path, row *found);
     [[nodiscard]] bool remove_strays(std::string_view path);
     void add_children(std::string_view path, int32_t more);
@@ -53,6 +58,7 @@ class lmdb_writer {
 
     const environment &env_;
     MDB_txn *txn_;
+    change_recorder *changes_;
     std::vector<open_key> open_;  // each one below the one before
     cursor_guard cursor_{nullptr, &mdb_cursor_close};
     change_counts counts_;

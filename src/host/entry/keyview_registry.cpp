@@ -8,6 +8,7 @@
 
 #include "host/entry/backends.h"
 #include "host/registry/client.h"
+#include "host/registry/history.h"
 #include "host/registry/lock_wait.h"
 #include "host/registry/reported_wait.h"
 #include "host/support/last_error.h"
@@ -133,6 +134,22 @@ int32_t keyview_registry_follow(keyview_registry *registry, keyview_bytes path, 
         for (const tree_change &one : batch->changes)
             deliver(one, change, arg);
         *since = batch->up_to;
+    });
+}
+
+int32_t keyview_registry_history(keyview_registry *registry, uint64_t since,
+                                 keyview_history_callback entry, keyview_change_callback change,
+                                 void *arg) {
+    return coded([&] {
+        registry->opened.keys->history(since, [&](const history_entry &one) {
+            const keyview_history_entry head = {
+                one.revision,      one.time_us, c_bytes(one.user), c_bytes(one.program),
+                c_bytes(one.host), one.process, one.left_out};
+            if (entry(arg, &head) == 0) return false;
+            for (const tree_change &key : one.changes)
+                deliver(key, change, arg);
+            return true;
+        });
     });
 }
 

@@ -9,6 +9,8 @@
 //                              etcd://host:port,host:port/prefix, or etcds:// with TLS
 //                                                  in a cluster (docs/keyview-cluster.md)
 //     KEYVIEW_LOCK_WAIT    seconds to wait for a lock, 0 to 86400; 60 by default
+//     KEYVIEW_HISTORY      bytes that the history of changes may take in a registry, up to 1073741824;
+//                          1048576 by default. With 0 this program records none
 //     KEYVIEW_TRACE        where trace lines go:
 //                              none                nowhere; the default
 //                              stderr

@@ -79,6 +79,23 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_registry_follow(keyview_registry *registry
                                                       keyview_change_callback change, void *arg,
                                                       int32_t *keeps_history);
 
+typedef struct keyview_history_entry {
+    uint64_t revision;                  // that the tree had with the change
+    int64_t time_us;                    // since 1970
+    keyview_bytes user, program, host;  // who made it
+    uint64_t process;
+    uint64_t left_out;  // further keys that changed, whose values are not kept
+} keyview_history_entry;
+
+// A result of 0 ends the delivery.
+typedef int32_t (*keyview_history_callback)(void *arg, const keyview_history_entry *entry);
+
+// Delivers who changed what after a revision, the latest change first: each change, then its keys. A
+// registry keeps its latest changes, as far as KEYVIEW_HISTORY says (keyview_host.h).
+KEYVIEW_HOST_FUNCTION int32_t keyview_registry_history(keyview_registry *registry, uint64_t since,
+                                                       keyview_history_callback entry,
+                                                       keyview_change_callback change, void *arg);
+
 // Delivers each value that an operation of the library sets on this thread, once it is stored, with
 // the value that it replaced; revision is 0. A null callback ends it.
 KEYVIEW_HOST_FUNCTION void keyview_registry_observe_sets(keyview_change_callback set, void *arg);

@@ -3,10 +3,15 @@
 
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
+#include "model/roots.h"
 
 namespace keyview::host {
 
 void check_value(std::string_view path, std::string_view value) {
+    if (is_history(path)) {
+        throw host_error(failure::usage, "no program sets " + std::string(path) +
+                                             ": the history of the registry is kept there");
+    }
     if (value.size() <= MAX_VALUE_SIZE) return;
     throw host_error(failure::usage, "the value of " + std::string(path) + " has " +
                                          std::to_string(value.size()) +
@@ -21,7 +26,7 @@ void check_changes(const change_source &changes) {
             throw host_error(failure::usage,
                              "no key can be '" + std::string(one.path) + "': " + fault);
         }
-        check_value(one.path, one.value);
+        if (one.what == change::kind::put) check_value(one.path, one.value);
     }
 }
 

@@ -125,6 +125,10 @@ enum class finish { resume, undo };
 // A store calls it before it waits for the end of all moments, or for another waiter that does.
 void release_moments();
 
+struct history_entry;
+// Receives an entry of the history; false ends the delivery.
+using history_sink = std::function<bool(const history_entry &entry)>;
+
 class store : public abstract_base {
   public:
     // The present moment. part is a key whose revision is of interest, with all that is below it.
@@ -145,6 +149,9 @@ class store : public abstract_base {
     // forgotten that revision.
     virtual std::optional<change_batch> changes_since(std::string_view path, uint64_t since,
                                                       std::chrono::milliseconds wait);
+
+    // Delivers who changed what after a revision, the latest change first (history.h).
+    virtual void history(uint64_t since, const history_sink &sink) = 0;
 
     // Ends a change set that stopped half-way, where that can happen; false if there is none.
     virtual bool finish_apply(finish how);

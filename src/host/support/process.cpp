@@ -13,10 +13,14 @@
 
 namespace keyview::host {
 
-std::string process_text(const std::string &program, pid_t pid) {
+std::string host_name() {
     char host[256] = "";
     (void)gethostname(host, sizeof(host) - 1);
-    return program + ", process " + std::to_string(pid) + " on " + host;
+    return host;
+}
+
+std::string process_text(const std::string &program, pid_t pid) {
+    return program + ", process " + std::to_string(pid) + " on " + host_name();
 }
 
 std::string this_process() {

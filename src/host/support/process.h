@@ -8,6 +8,8 @@
 
 namespace keyview::host {
 
+std::string host_name();
+
 // "keyviewctl, process 17 on db1".
 std::string process_text(const std::string &program, pid_t pid);
 std::string this_process();
