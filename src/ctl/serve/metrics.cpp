@@ -110,8 +110,8 @@ std::string metrics::text(size_t connections, size_t followers) const {
         for (size_t n = 0; n < times.counts.size(); ++n) {
             sum += times.counts[n];
             const std::string bound = n < std::size(BOUNDS) ? decimal(BOUNDS[n]) : "+Inf";
-            out +=
-                name + "_bucket{" + label + "le=\"" + bound + "\"} " + std::to_string(sum) + "\n";
+            out.append(name).append("_bucket{").append(label).append("le=\"").append(bound);
+            out.append("\"} ").append(std::to_string(sum)).append("\n");
         }
         out += name + "_count" + alone + " " + std::to_string(sum) + "\n" + name + "_sum" + alone +
                " " + decimal(times.sum) + "\n";
