@@ -11,6 +11,7 @@
 #include "../host/store_test.h"
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
+#include "host/registry/history.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
 
@@ -431,6 +432,14 @@ TEST_F(Cluster, AHalfAppliedChangeSetIsResumedOrUndone) {
         if (n > 0) fresh.push_back(put("t.k" + std::to_string(n), "new"));
     }
     EXPECT_EQ(mine.keys->apply(old).created, KEYS + 1U);
+    auto entries = [&] {
+        std::vector<history_entry> all;
+        mine.keys->history(0, [&](const history_entry &one) {
+            all.push_back(one);
+            return true;
+        });
+        return all;
+    };
     setting wait("KEYVIEW_ANSWER_WAIT", "1");
     backend told = open_cluster(url);
     for (finish how : {finish::undo, finish::resume}) {
@@ -447,9 +456,14 @@ TEST_F(Cluster, AHalfAppliedChangeSetIsResumedOrUndone) {
             std::thread reader(
                 [&] { EXPECT_EQ(all_are(how == finish::undo ? "old" : "new"), KEYS + 1U); });
             usleep(20000);
+            const size_t before = entries().size();
             EXPECT_TRUE(mine.keys->finish_apply(how));
             EXPECT_FALSE(mine.keys->finish_apply(how));
             reader.join();
+            const std::vector<history_entry> after = entries();
+            const bool resumed = how == finish::resume;
+            EXPECT_EQ(after.size(), before + (resumed ? 1 : 0));
+            EXPECT_TRUE(!resumed || after.front().changes.size() == KEYS + 1U) << "as one change";
             if (how == finish::resume) mine.keys->apply({put("t.k0", "new"), removal("t.new")});
             if (how == finish::resume) mine.keys->apply(old);
         }
