@@ -93,12 +93,12 @@ static void record_sync(int fd) {
     });
 }
 
-static void record_open(int fd, const std::string &path, bool existed) {
+static void record_new(int fd, const std::string &path) {
     if (fd < 0) return;
     record([&](recording &all) {
         const std::string name = name_in(all.directory, path);
         struct stat found = {};
-        if (name.empty() || existed || fstat(fd, &found) != 0) return;
+        if (name.empty() || fstat(fd, &found) != 0) return;
         size_t number = all.files.size();
         all.files[found.st_ino] = number;
         all.events.push_back({kind::make, number, name});
@@ -110,7 +110,7 @@ static int recorded_open(int directory, const char *path, int flags, mode_t mode
     const std::string whole = (flags & O_CREAT) != 0 ? absolute(directory, path) : "";
     bool existed = whole.empty() || access(whole.c_str(), F_OK) == 0;
     int fd = call(directory, path, flags, mode);
-    if (!existed) record_open(fd, whole, existed);
+    if (!existed) record_new(fd, whole);
     return fd;
 }
 

@@ -6,7 +6,6 @@
 //        power_cut --no-sync | --early-commit   as if the kit did not sync, or wrote the end of a
 //        commit before its pages: this must be found.
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -106,7 +105,7 @@ static void put_on_disk(const std::string &directory, const crash_state &left) {
         std::ofstream(directory + "/" + name, std::ios::binary) << content;
 }
 
-// Runs in a process of its own. possible are the trees that may be there.
+// Runs in a process of its own. trees are those behind each change.
 static verdict look_at(const std::string &directory, const crash_state &left,
                        const std::vector<tree> &trees) {
     const std::string url = "lmdb:" + directory;

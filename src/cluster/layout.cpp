@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 
+#include "host/registry/history.h"
 #include "host/support/error.h"
 #include "model/path.h"
 
@@ -57,24 +57,18 @@ std::string layout::journal_entry(std::string_view id) const {
     return prefix_ + "/journal/" + std::string(id) + "/history";
 }
 
-static std::string digits_of(uint64_t number) {
-    char text[32];
-    (void)snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(number));
-    return text;
-}
-
 // Keys of one element, without the separator behind it.
 key_range layout::history() const {
     return beginning_with(kv_ + '\x01' + std::string(HISTORY_HEAD));
 }
 
 std::string layout::history_entry(uint64_t number, std::string_view id) const {
-    return history().begin + digits_of(number) + "-" + std::string(id) + SEPARATOR;
+    return history().begin + history_digits(number) + "-" + std::string(id) + SEPARATOR;
 }
 
 key_range layout::history_before(uint64_t number) const {
     const std::string all = history().begin;
-    return {all, all + digits_of(number)};
+    return {all, all + history_digits(number)};
 }
 
 static std::string queue_of(const std::string &prefix, std::string_view name) {

@@ -109,4 +109,14 @@ void add_arguments(CLI::App *command, tool *shared, const char *arguments,
     }
 }
 
+void add_for_option(CLI::App *command, double *seconds) {
+    command->add_option("--for", *seconds, "End after so many seconds")
+        ->check(CLI::Range(0.0, 1e9));
+}
+
+std::chrono::steady_clock::time_point time_after(double seconds) {
+    using namespace std::chrono;
+    return steady_clock::now() + duration_cast<steady_clock::duration>(duration<double>(seconds));
+}
+
 }  // namespace keyview::ctl

@@ -2,6 +2,7 @@
 // group of commands joins the program.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -88,6 +89,10 @@ struct command_row {
 // Adds the options that arguments lists; the values go to names, in their order.
 void add_arguments(CLI::App *command, tool *shared, const char *arguments,
                    const std::shared_ptr<given_names> &names);
+
+// Adds --for, which ends the command after so many seconds; 0 is no end.
+void add_for_option(CLI::App *command, double *seconds);
+std::chrono::steady_clock::time_point time_after(double seconds);
 
 template <size_t count>
 void add_commands(CLI::App *app, tool *shared, const command_row (&rows)[count]) {

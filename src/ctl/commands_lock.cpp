@@ -111,14 +111,12 @@ static exit_code run_list(const tool &shared, const given_names &) {
     view_list rows;
     for (const admin::lock_user &user :
          attempt("the locks cannot be listed", shared.registry, admin::list_locks)) {
-        const size_t time = std::min(user.holder.rfind(SINCE), user.holder.size());
-        const std::string since =
-            time == user.holder.size() ? "" : user.holder.substr(time + SINCE.size());
+        const lock_holder holder = holder_in_parts(user.holder);
         rows.push_back({view_fields{{"lock", {user.name}},
                                     {"mode", {user.shared ? "shared" : "exclusive"}},
                                     {"state", {user.waits ? "waits" : "holds"}},
-                                    {"by", optional_view(user.holder.substr(0, time))},
-                                    {"since", optional_view(since)}}});
+                                    {"by", optional_view(std::string(holder.process))},
+                                    {"since", optional_view(std::string(holder.since))}}});
     }
     return show_result(shared.format, "locks", "locks", {std::move(rows)});
 }

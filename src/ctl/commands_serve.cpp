@@ -33,14 +33,19 @@ struct serve_options {
 
 static constexpr const char *CANNOT_SERVE = "the cluster cannot be served";
 
-// A file for its owner alone: a line "user:password".
-static std::string login_in(const std::string &file) {
+// The text of a file for its owner alone.
+static std::string secret_in(const std::string &file) {
     struct stat known = {};
     if (stat(file.c_str(), &known) == 0 && (known.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         throw tool_error{EXIT_USAGE, CANNOT_SERVE, file, "others than its owner may use the file",
                          "chmod 600 it"};
     }
-    std::string text = read_file(file);
+    return read_file(file);
+}
+
+// A line "user:password".
+static std::string login_in(const std::string &file) {
+    std::string text = secret_in(file);
     text.resize(std::min(text.find_first_of("\r\n"), text.size()));
     const size_t colon = text.find(':');
     if (colon == 0 || colon == text.npos || colon + 1 == text.size()) {
@@ -54,7 +59,7 @@ static server_options options_of(const serve_options &given, const endpoint &pla
     server_options out;
     if (!given.certificate.empty()) {
         out.certificate = read_file(given.certificate);
-        out.key = read_file(given.key);
+        out.key = secret_in(given.key);
     }
     if (!given.login.empty()) out.login = login_in(given.login);
     if (place.is_local() || (!out.certificate.empty() && !out.login.empty())) return out;
@@ -76,10 +81,7 @@ namespace {
 class cluster_reader {
   public:
     cluster_reader(const session &library, const serve_options &options)
-        : library_(library),
-          end_(steady::now() + std::chrono::duration_cast<steady::duration>(
-                                   std::chrono::duration<double>(options.seconds))),
-          timed_(options.seconds > 0) {}
+        : library_(library), end_(time_after(options.seconds)), timed_(options.seconds > 0) {}
 
     // Reads the cluster and has it answered from now on.
     void read(server *to) {
@@ -214,8 +216,7 @@ void add_serve_command(CLI::App *app, tool *shared) {
     serve->add_option("--tls-key", options->key, "File with its key");
     serve->add_option("--login", options->login,
                       "File for its owner alone, with a line user:password that clients give");
-    serve->add_option("--for", options->seconds, "End after so many seconds")
-        ->check(CLI::Range(0.0, 1e9));
+    add_for_option(serve, &options->seconds);
 }
 
 }  // namespace keyview::ctl

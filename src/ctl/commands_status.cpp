@@ -13,17 +13,13 @@
 
 namespace keyview::ctl {
 
-static std::string text_of(std::string_view text) {
-    return std::string(text.data() == nullptr ? "-" : text);
-}
-
 // ---- One database -------------------------------------------------------------------------------
 
 // "Sales1", or "Sales3 (disabled)".
 static view named_instances(const prsr::service_instance_list &instances) {
     view_list list;
     for (const prsr::service_instance &one : instances)
-        list.push_back({text_of(one.name) + (one.enabled ? "" : " (disabled)")});
+        list.push_back({text_or_dash(one.name) + (one.enabled ? "" : " (disabled)")});
     return {std::move(list)};
 }
 
@@ -59,10 +55,10 @@ static exit_code show_database(const session &library, const std::string &dbname
     view_list instances = instance_rows(record.instances()),
               services = service_rows(record.services());
     if (library.shared.format == output_format::table) {
-        std::string head = "database " + escaped(text_of(record.sp_name())) + ": " +
+        std::string head = "database " + escaped(text_or_dash(record.sp_name())) + ": " +
                            (record.enabled() ? "enabled" : "disabled") + ", role " +
-                           escaped(text_of(record.role())) + ", policy " +
-                           escaped(text_of(record.policy())) + "\n";
+                           escaped(text_or_dash(record.role())) + ", policy " +
+                           escaped(text_or_dash(record.policy())) + "\n";
         write_result(head + section(instances) + section(services));
         return EXIT_DONE;
     }

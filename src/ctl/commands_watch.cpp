@@ -119,10 +119,7 @@ class watcher {
     const tool &shared_;
     watch_options options_;
     std::string path_;
-    std::chrono::steady_clock::time_point end_ =
-        std::chrono::steady_clock::now() +
-        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(options_.seconds));
+    std::chrono::steady_clock::time_point end_ = time_after(options_.seconds);
     uint64_t reported_ = 0;
 };
 
@@ -153,8 +150,7 @@ void add_watch_command(CLI::App *app, tool *shared) {
     watch->add_option("--exec", options->command,
                       "A shell command for each change, which gets its JSON line");
     watch->add_option("--count", options->count, "End after so many changes");
-    watch->add_option("--for", options->seconds, "End after so many seconds")
-        ->check(CLI::Range(0.0, 1e9));
+    add_for_option(watch, &options->seconds);
 }
 
 }  // namespace keyview::ctl

@@ -50,16 +50,9 @@ void each_database(const session &library, const char *what,
         }
         if (fetched && !one.damaged) found.record = *fetched;
         const bool named = found.record && one.reason.empty();
-        const std::string_view name = named ? found.record.sp_name() : found.name;
-        found.name = name.data() == nullptr ? "-" : std::string(name);
+        if (named) found.name = text_or_dash(found.record.sp_name());
         visit(found);
     }
-}
-
-template <typename records>
-static int64_t enabled_of(const records &listed) {
-    return std::count_if(listed.begin(), listed.end(),
-                         [](const auto &one) { return one.enabled(); });
 }
 
 // Without a record only its name and the trouble are known.
@@ -72,13 +65,11 @@ view database_row(const listed_record &one, bool people) {
                           {people ? "state" : "enabled", people ? state : known(state)},
                           {"role", record ? text_view(record.role()) : view{}}};
     auto add_share = [&](const std::string &what, const auto &listed) {
-        const int64_t enabled = enabled_of(listed), all = listed.size();
         if (people) {
-            std::string share = std::to_string(enabled) + " of " + std::to_string(all);
-            fields.push_back({what + " enabled", known({share})});
+            fields.push_back({what + " enabled", known({enabled_share(listed)})});
         } else {
-            fields.push_back({what, known(number_view(all))});
-            fields.push_back({what + "_enabled", known(number_view(enabled))});
+            fields.push_back({what, known(number_view(listed.size()))});
+            fields.push_back({what + "_enabled", known(number_view(enabled_of(listed)))});
         }
     };
     add_share("instances", record ? record.instances() : prsr::instance_list());

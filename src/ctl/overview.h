@@ -21,8 +21,8 @@ struct listed_record {
 };
 
 // Calls visit for each database, in the order of the listing, or for the one of a key, with its record
-// or what keeps it from being read. Several busy databases are waited for as long as one may be. Throws if the registry fails
-// as a whole. what: "the status of the cluster cannot be read".
+// or what keeps it from being read. Several busy databases are waited for as long as one may be.
+// Throws if the registry fails as a whole. what: "the status of the cluster cannot be read".
 void each_database(const session &library, const char *what,
                    const std::function<void(const listed_record &)> &visit,
                    const std::string &key = DB_ROOT);

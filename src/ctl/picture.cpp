@@ -46,7 +46,7 @@ static const char *word_of(mark_kind kind) {
 }
 
 static std::string plain_text(std::string_view text) {
-    return text.data() == nullptr ? "-" : escaped(text);
+    return escaped(text_or_dash(text));
 }
 
 static const char *off(bool enabled) {

@@ -54,12 +54,12 @@ void progress::step(const std::string &text) {
 }
 
 static std::string wait_text(const std::string &lock, const std::string &holder) {
-    size_t time = std::min(holder.rfind(SINCE), holder.size());
+    const lock_holder known = holder_in_parts(holder);
     const std::string what = lock.empty()        ? "the write lock"
                              : lock == ALL_LOCKS ? "one of the locks"
                                                  : "the lock " + lock;
-    return "waits for " + holder.substr(0, time) + ", which holds " + what +
-           (time == holder.size() ? "" : holder.substr(time + 1));
+    return "waits for " + std::string(known.process) + ", which holds " + what +
+           (known.since.empty() ? "" : " since " + std::string(known.since));
 }
 
 void progress::waits(const std::string &lock, const std::string &holder) {

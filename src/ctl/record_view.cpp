@@ -4,6 +4,7 @@
 #include <initializer_list>
 #include <iterator>
 
+#include "ctl/text.h"
 #include "model/words.h"
 
 namespace keyview::ctl {
@@ -41,8 +42,7 @@ static view strings_view(const prsr::string_list &strings) {
 // "sales1, enabled": one line for people.
 static view instances_view(const prsr::service_instance_list &instances) {
     return list_view(instances, [](const prsr::service_instance &one) -> view {
-        return {std::string(one.name.data() == nullptr ? "-" : one.name) +
-                (one.enabled ? ", enabled" : ", disabled")};
+        return {text_or_dash(one.name) + (one.enabled ? ", enabled" : ", disabled")};
     });
 }
 

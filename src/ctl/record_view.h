@@ -2,6 +2,9 @@
 // reserved field are left out: they carry no information.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <string>
 #include <utility>
 
 #include "ctl/view.h"
@@ -18,6 +21,18 @@ view view_of(const prsr::node_applications &record, output_format format);
 
 // A failover policy with its word.
 view policy_view(prsr::failover policy);
+
+// How many records of a list are enabled; for people "2 of 3".
+template <typename records>
+int64_t enabled_of(const records &listed) {
+    return std::count_if(listed.begin(), listed.end(),
+                         [](const auto &one) { return one.enabled(); });
+}
+
+template <typename records>
+std::string enabled_share(const records &listed) {
+    return std::to_string(enabled_of(listed)) + " of " + std::to_string(listed.size());
+}
 
 // A list of the library: of returns the view of each entry; a null list is null.
 template <typename entries, typename entry_view>

@@ -37,7 +37,8 @@ void session::observe_lock(const std::string &name) const {
     (void)observed(LOCK_WAIT, [&] {
         try {
             (void)admin::registry::open().lock(name, true, -1);
-        } catch (const admin::error &) {  // the call that follows reports it
+        } catch (const admin::error &) {  // the call that follows reports it, and waits no more
+            (void)keyview_host_set_lock_wait(0);
         }
         return 0;
     });

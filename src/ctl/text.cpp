@@ -79,6 +79,10 @@ std::string absolute_url(const std::string &url) {
     return std::string(HEAD) + std::filesystem::absolute(url.substr(HEAD.size())).string();
 }
 
+std::string text_or_dash(std::string_view text) {
+    return std::string(text.data() == nullptr ? "-" : text);
+}
+
 std::string shown_url(const std::string &url) {
     return url.find('@') == url.npos ? url : url.substr(0, url.find(':')) + ":...";
 }

@@ -15,6 +15,9 @@ std::string escaped(std::string_view text);
 // for one that has ASCII only, all others.
 std::string screen_text(std::string_view escaped_text, bool ascii);
 
+// A text of a record, "-" for one that is not stored.
+std::string text_or_dash(std::string_view text);
+
 // An equivalent JSON text without a byte that escaped() would change, but for line feeds.
 std::string json_made_plain(std::string_view json);
 

@@ -58,6 +58,17 @@ inline std::string lock_of(std::string_view path) {
 // In the text about the holder of a lock, before the time from which it holds it.
 inline constexpr std::string_view SINCE = ", since ";
 
+// Such a text in its two parts; the time is "" if it is not known.
+struct lock_holder {
+    std::string_view process, since;
+};
+
+constexpr lock_holder holder_in_parts(std::string_view text) noexcept {
+    size_t at = text.rfind(SINCE);
+    if (at == text.npos) return {text, {}};
+    return {text.substr(0, at), text.substr(at + SINCE.size())};
+}
+
 // What a command that runs under locks, held by the process that started it, knows of them: a line
 // for each, made of the process, the registry's URL and the name, with tabs between.
 inline constexpr char LOCKS_ABOVE[] = "KEYVIEW_LOCKS_ABOVE";

@@ -8,6 +8,7 @@
 
 #include "admin/document/reader.h"
 #include "admin/document/writer.h"
+#include "ctl/yaml_text.h"
 #include "table.h"
 
 using namespace keyview::admin;
@@ -150,5 +151,16 @@ TEST(DocumentWriter, RefusesWhatADocumentCannotSay) {
         EXPECT_EQ(all.find(row[2] + ": "), 0u) << all;
         EXPECT_NE(all.find(row[3]), all.npos) << all;
         EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1) << all;
+    }
+}
+
+// A number keeps its kind and its value through YAML, whatever JSON has.
+TEST(Yaml, NumbersStayWhatTheyAre) {
+    for (const char *number :
+         {"18446744073709551615", "-9223372036854775808", "0.25", "-5.5e+27", "0"}) {
+        const auto value = nlohmann::ordered_json::parse("{\"number\":"s + number + "}");
+        const std::string yaml = keyview::ctl::yaml_of(value, false);
+        const std::string json = keyview::ctl::json_text_of("number.yaml", yaml);
+        EXPECT_EQ(nlohmann::ordered_json::parse(json), value) << yaml;
     }
 }

@@ -7,7 +7,7 @@ Usage: serve_test.py KEYVIEWCTL EXAMPLE SCHEMAS [--long]
 With --long it also waits for the limits of time and sends mutated requests for a minute. It runs with Debian's
 Python, which has the checker of the format.
 """
-import base64, http.client, json, os, random, re, resource, select, signal, socket, ssl, subprocess, sys, time, unittest
+import base64, http.client, json, os, random, re, resource, select, shutil, signal, socket, ssl, subprocess, sys, time, unittest
 import urllib.parse
 
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
@@ -312,9 +312,13 @@ class Rights(Served):
 
     def test_others_need_tls_and_a_login(self):
         tls = self.certificate()
+        for source, name, mode in (("cert", "wrong", 0o600), ("key", "shown", 0o644)):
+            shutil.copyfile(self.path(source), self.path(name))
+            os.chmod(self.path(name), mode)
         for words, why in (([], "no TLS or no login"), (tls, "no TLS or no login"), (self.login(), "no TLS or no login"),
                            (tls + self.login(mode=0o644), "others than its owner"), (tls + self.login("carol"), "no login"),
-                           (tls[:2] + self.login(), "only one of"), (tls[:3] + [self.path("cert")] + self.login(), "its key cannot be used")):
+                           (tls[:2] + self.login(), "only one of"), (tls[:3] + [self.path("wrong")] + self.login(), "its key cannot be used"),
+                           (tls[:3] + [self.path("shown")] + self.login(), "others than its owner")):
             for address in ("0.0.0.0:0", "[::]:0"):
                 ended = self.run_tool("serve", "--listen", address, "--for", "0.1", *words)
                 self.assertEqual(ended.returncode, 2, (words, ended.stderr))

@@ -49,14 +49,14 @@ class fact_maker {
         for (const prsr::service &service : services)
             facts.services.push_back(row_of(service));
         facts.policy = text(record.policy());
-        facts.row.cells = {text(one.name),      word_of(record.enabled()),
-                           text(record.role()), share_of(instances),
-                           share_of(services),  std::to_string(nodes.size())};
+        facts.row.cells = {text(one.name),          word_of(record.enabled()),
+                           text(record.role()),     enabled_share(instances),
+                           enabled_share(services), std::to_string(nodes.size())};
         return facts;
     }
 
     std::string text(std::string_view raw) const {
-        return raw.data() == nullptr ? "-" : screen_text(escaped(raw), ascii_);
+        return screen_text(escaped(text_or_dash(raw)), ascii_);
     }
 
     // Of an escaped line; a value may have megabytes.
@@ -73,13 +73,6 @@ class fact_maker {
 
   private:
     static std::string word_of(bool enabled) { return enabled ? "enabled" : "disabled"; }
-
-    template <typename records>
-    static std::string share_of(const records &listed) {
-        const auto enabled = std::count_if(listed.begin(), listed.end(),
-                                           [](const auto &one) { return one.enabled(); });
-        return std::to_string(enabled) + " of " + std::to_string(listed.size());
-    }
 
     fact_row row_of(const prsr::instance &one) const {
         return {"instance " + text(one.name()),

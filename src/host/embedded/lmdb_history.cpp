@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -77,10 +76,7 @@ class history_rows {
 }  // namespace
 
 static std::string key_of_entry(uint64_t revision) {
-    char digits[32];
-    (void)snprintf(digits, sizeof digits, "%016llx",
-                   static_cast<unsigned long long>(revision));  // it fits
-    return std::string(HISTORY_HEAD) + digits;
+    return std::string(HISTORY_HEAD) + history_digits(revision);
 }
 
 // Removes the oldest entries, so that those from a number on are left; a damaged one goes with them.

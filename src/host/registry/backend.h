@@ -31,8 +31,8 @@ class held_lock : public abstract_base {
     virtual std::unique_ptr<moment> as_of_grant() { return nullptr; }
 };
 
-// What this process has set for waits (lock_wait.h, reported_wait.h). A module has its own copy of the kit, without
-// settings: it gets the kit's with each limit.
+// What this process has set for waits (lock_wait.h, reported_wait.h). A module has its own copy of the
+// kit, without settings: it gets the kit's with each limit.
 struct wait_rules {
     uint32_t (*ms)(std::string_view name);
     void (*report)(std::string_view name, std::string_view holder);

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 
 #include "host/support/environment.h"
 #include "host/support/process.h"
@@ -19,6 +20,13 @@ namespace keyview::host {
 
 static constexpr char ENTRY_FORMAT = 1;
 static constexpr uint32_t USUAL_LIMIT = 1 << 20, HIGHEST_LIMIT = 1 << 30;
+
+std::string history_digits(uint64_t number) {
+    char text[32];
+    (void)snprintf(text, sizeof text, "%016llx",
+                   static_cast<unsigned long long>(number));  // it fits
+    return text;
+}
 
 uint64_t history_limit() {
     return environment_number("KEYVIEW_HISTORY", USUAL_LIMIT, HIGHEST_LIMIT);

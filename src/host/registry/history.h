@@ -27,6 +27,9 @@ struct history_entry {
     uint64_t left_out = 0;  // further keys that changed, without their values
 };
 
+// A number in the key of an entry: 16 digits, so that keys are in the order of their numbers.
+std::string history_digits(uint64_t number);
+
 // How many bytes the history may take; 0 if this process records none. Throws failure::usage if
 // KEYVIEW_HISTORY holds no such number.
 uint64_t history_limit();
