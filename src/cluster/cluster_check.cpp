@@ -9,7 +9,7 @@
 
 namespace keyview::host {
 
-static constexpr int64_t AT_ONCE = 5000;
+static constexpr int64_t READ_AT_ONCE = 5000;
 
 // Reads all keys in their order: a parent before its children, since it has fewer elements.
 static void read_all(session *cluster, const std::function<void(const wire::KeyValue &)> &sink) {
@@ -18,7 +18,7 @@ static void read_all(session *cluster, const std::function<void(const wire::KeyV
     for (bool more = true; more;) {
         wire::TxnRequest request;
         add_range(request.mutable_success(), rest, revision);
-        request.mutable_success(0)->mutable_request_range()->set_limit(AT_ONCE);
+        request.mutable_success(0)->mutable_request_range()->set_limit(READ_AT_ONCE);
         wire::TxnResponse response = cluster->txn(request);
         if (revision == 0) revision = response.header().revision();
         const wire::RangeResponse &found = range_in(response, 0);

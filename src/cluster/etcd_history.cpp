@@ -18,13 +18,13 @@ void add_history(wire_ops *ops, session *cluster, const std::string &entry) {
 }
 
 void read_history(session *cluster, uint64_t since, const history_sink &sink) {
-    static constexpr int64_t AT_ONCE = 100;
+    static constexpr int64_t ENTRIES_AT_ONCE = 100;
     history_entry entry;
     for (int64_t latest = 0;;) {
         wire::TxnRequest request;
         add_range(request.mutable_success(), cluster->keys().history());
         wire::RangeRequest *range = request.mutable_success(0)->mutable_request_range();
-        range->set_limit(AT_ONCE);
+        range->set_limit(ENTRIES_AT_ONCE);
         range->set_sort_order(wire::RangeRequest::DESCEND);
         range->set_sort_target(wire::RangeRequest::MOD);
         range->set_min_mod_revision(static_cast<int64_t>(since) + 1);
@@ -42,7 +42,7 @@ void read_history(session *cluster, uint64_t since, const history_sink &sink) {
             }
             if (!sink(entry)) return;
         }
-        if (found.size() < AT_ONCE) return;
+        if (found.size() < ENTRIES_AT_ONCE) return;
         latest = found.rbegin()->mod_revision() - 1;
     }
 }

@@ -150,13 +150,18 @@ TEST_F(Snapshot, IsNotThatOfAForkedChild) {
     EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
 }
 
-// A handle keeps what it copied under a lock. Each change must be seen under the next one, also if
-// killed writers left the counts that tell of changes in any state.
+// A handle keeps what it copied under a lock, and so does the one that is opened after it. Each
+// change must be seen under the next one, also if killed writers left the counts that tell of
+// changes in any state.
 TEST_F(Snapshot, KeepsItsCopiesOnlyWhileThePartIsTheSame) {
     const std::string other = ROOT + ".sales2.A";
+    auto reader = std::make_unique<client>();
+    unsigned reads = 0;
     auto under_lock = [&](const std::string &path) {
+        if (++reads % 5 < 2) reader.reset();
+        if (reader == nullptr) reader = std::make_unique<client>();
         EXPECT_EQ(locks.shared(SALES_LOCK), 0);
-        std::string value = keys.read(path) + keys.list(SALES + ".L");
+        std::string value = reader->read(path) + reader->list(SALES + ".L");
         EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
         return value;
     };
@@ -180,6 +185,32 @@ TEST_F(Snapshot, KeepsItsCopiesOnlyWhileThePartIsTheSame) {
         by_another({removal("DATABASE"), put(paths[4], "x"), put(KEY, "again")});
         EXPECT_EQ(under_lock(KEY), "again0:x (16)0");
     }
+}
+
+// What a handle leaves is not what a lock of another handle still shows.
+TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
+    auto use = [&](const client &handle) {
+        EXPECT_EQ(locks.shared(SALES_LOCK), 0);
+        EXPECT_EQ(handle.read(KEY), "old");
+    };
+    {
+        client first;
+        use(first);
+        EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+    }
+    auto left = registry.keys->take_copies();
+    ASSERT_EQ(left.size(), 1U);
+    const std::weak_ptr<copies> same = left[0];
+    registry.keys->keep_copies(std::move(left));
+    {
+        client second;
+        EXPECT_TRUE(registry.keys->take_copies().empty()) << "one handle has them";
+        use(second);
+        EXPECT_GT(same.use_count(), 1) << "and reads from them";
+    }
+    EXPECT_TRUE(registry.keys->take_copies().empty()) << "the lock still shows them";
+    EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+    EXPECT_TRUE(same.expired());
 }
 
 // Copies are filled again after changes of every kind, between and below keys that are open, by

@@ -18,6 +18,6 @@ struct backend_kind {
 };
 
 // A module exports its row under this name; the number is the version of the row.
-#define KEYVIEW_BACKEND_KIND keyview_backend_kind_2
+#define KEYVIEW_BACKEND_KIND keyview_backend_kind_3
 
 }  // namespace keyview::host

@@ -22,7 +22,7 @@ void observe_sets(keyview_change_callback callback, void *arg) noexcept;
 
 class registry_client {
   public:
-    explicit registry_client(const backend &registry) : keys_(registry.keys) {}
+    explicit registry_client(const backend &registry) : keys_(registry.keys), kept_(keys_) {}
 
     int32_t open(const char *path, void **handle);
     int32_t close(void *handle);

@@ -28,6 +28,16 @@ void copies::become_stale(const revision &now) {
         part->stale = true;
 }
 
+kept_copies::kept_copies(std::shared_ptr<store> keys)
+    : keys_(std::move(keys)), all_(keys_->take_copies()) {}
+
+kept_copies::~kept_copies() {
+    referred_.clear();
+    auto in_use = [](const std::shared_ptr<copies> &one) { return one.use_count() > 1; };
+    all_.erase(std::remove_if(all_.begin(), all_.end(), in_use), all_.end());
+    if (!all_.empty()) keys_->keep_copies(std::move(all_));
+}
+
 std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
     drop_unreferred();
     auto known = std::find_if(all_.begin(), all_.end(),

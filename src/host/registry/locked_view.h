@@ -5,8 +5,8 @@
 // looked up alone. An enumeration of its children copies everything below it in one pass, because a
 // reader of a list reads its entries.
 //
-// A registry handle caches the copies. They are used again under the next lock if the part still
-// has the same revision; else each is filled again when it is needed, which a reader whose keys are
+// A registry handle caches the copies, and leaves them to the next handle of the same registry when it
+// is closed. They are used again under the next lock if the part still has the same revision; else each is filled again when it is needed, which a reader whose keys are
 // the same as before does not notice.
 #pragma once
 
@@ -20,6 +20,7 @@
 
 #include "host/registry/snapshot.h"
 #include "host/registry/store.h"
+#include "host/support/unique.h"
 #include "model/locks.h"
 
 namespace keyview::host {
@@ -59,8 +60,12 @@ struct referred_copies {
 };
 
 // The copies that a registry handle caches, up to a bound, and those that its open keys refer to.
-class kept_copies {
+class kept_copies : unique {
   public:
+    // Begins with those of a handle that was closed, and leaves its own to the next one.
+    explicit kept_copies(std::shared_ptr<store> keys);
+    ~kept_copies();
+
     // The cached copies, stale unless they are of that revision, or new ones without a part.
     std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
 
@@ -78,6 +83,7 @@ class kept_copies {
     void drop_unreferred();
     [[gnu::noinline]] referred_copies *find_referred(copies *to);
 
+    std::shared_ptr<store> keys_;
     std::vector<std::shared_ptr<copies>> all_;  // the latest last
     std::vector<std::unique_ptr<referred_copies>> referred_;
     referred_copies *latest_ = nullptr;  // of referred_

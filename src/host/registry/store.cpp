@@ -1,8 +1,11 @@
 // The checks of all stores, with common texts.
 #include "host/registry/store.h"
 
+#include <utility>
+
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
+#include "host/support/fork.h"
 #include "model/roots.h"
 
 namespace keyview::host {
@@ -72,6 +75,16 @@ std::optional<change_batch> store::changes_since(std::string_view path, uint64_t
 bool store::finish_apply(finish how) {
     (void)how;
     return false;
+}
+
+std::vector<std::shared_ptr<copies>> store::take_copies() {
+    std::lock_guard guard(fork_mutex());
+    return std::exchange(of_closed_, {});
+}
+
+void store::keep_copies(std::vector<std::shared_ptr<copies>> of_closed) {
+    std::lock_guard guard(fork_mutex());
+    of_closed_.swap(of_closed);
 }
 
 }  // namespace keyview::host
