@@ -288,6 +288,22 @@ TEST_F(Trace, AFileIsOpenedAnewAndAnUnusableSinkLeavesTheOldOne) {
     EXPECT_EQ(lines(), "PRSR 0: into the new file\n");
 }
 
+TEST_F(Trace, OneFileIsOpenHoweverManyWereChosen) {
+    to_file();
+    auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = open_files();
+    for (int n = 0; n < 3; ++n) {
+        ASSERT_EQ(keyview_host_set_trace(("file:" + path + std::to_string(n)).c_str()), 0);
+        trcdprintf(trc, 0, "elsewhere");
+    }
+    to_file();
+    trcdprintf(trc, 0, "here");
+    EXPECT_EQ(open_files(), before);
+    EXPECT_EQ(lines(), "PRSR 0: here\n");
+}
+
 TEST_F(Trace, LinesOfThreadsNeverMix) {
     to_file();
     in_threads(5, [&](int thread) {

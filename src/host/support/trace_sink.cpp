@@ -1,5 +1,5 @@
 // Sinks of the trace. A sink lives as long as the process, so that a line may be written to it
-// while the program chooses another; a file is opened anew under its old descriptor.
+// while the program chooses another; all files are opened under one descriptor.
 #include "host/support/trace_sink.h"
 
 #include <fcntl.h>
@@ -112,10 +112,23 @@ static void update_threshold() {
     trace_threshold.store(silent ? DROP_ALL : state().level.value_or(TRCD_FAILURE));
 }
 
+// However many files are chosen in turn, one is open; a line that is being written meanwhile goes to
+// one of the two. The same holds for sockets.
+static void share_descriptor(trace_sink *sink) {
+    if (!sink->owned.valid()) return;
+    for (const auto &known : state().known) {
+        if (known->kind != sink->kind || !known->owned.valid()) continue;
+        dup3(sink->fd, known->fd, O_CLOEXEC);
+        sink->owned = unique_fd();
+        sink->fd = known->fd;
+        return;
+    }
+}
+
 static void activate(std::unique_ptr<trace_sink> sink) {
+    share_descriptor(sink.get());
     for (const auto &known : state().known) {
         if (known->choice != sink->choice) continue;
-        if (known->owned.valid()) dup3(sink->fd, known->fd, O_CLOEXEC);
         active.store(known.get());
         return;
     }
