@@ -15,6 +15,7 @@
 #   make install   DESTDIR= PREFIX=/usr/local
 #   make packages  the Debian packages: build/packages
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
+#   make soak      SECONDS=3600, all operations on both engines; nothing may be held on to (docs/soak.md)
 #   make fuzz      SECONDS=60, each target of the guided fuzzer for so long
 #   make sbom      what the products are built from, as SPDX: build/keyview.spdx
 #   make format    formats the sources
@@ -22,10 +23,9 @@
 
 PREFIX ?= /usr/local
 DESTDIR ?=
-SECONDS ?= 60
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz sbom format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz soak sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -108,11 +108,23 @@ test-packages:
 	@packaging/install-packages test-packages
 	@packaging/test-packages $(BUILD)/packages
 
+fuzz: SECONDS ?= 60
 fuzz:
 	@packaging/install-packages build test check
 	@cmake --preset fuzz >/dev/null
 	@cmake --build $(BUILD)/fuzz --target guided
 	@packaging/fuzz $(BUILD)/fuzz $(SECONDS)
+
+soak: SECONDS ?= 3600
+soak:
+	@packaging/install-packages build cluster members test
+	@cmake --preset release -DKEYVIEW_TESTS=ON -DKEYVIEW_CLUSTER=ON >/dev/null
+	@cmake --build $(BUILD)/release --target soak
+	@for leak in descriptor thread block file key history lock lease watch; do \
+		echo "a planted leak: $$leak"; \
+		$(BUILD)/release/bin/soak --plant $$leak 3 || exit 1; \
+	done
+	@$(BUILD)/release/bin/soak $(SECONDS)
 
 sbom: cluster
 	@packaging/sbom $(BUILD)/release >$(BUILD)/keyview.spdx
