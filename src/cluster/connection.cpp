@@ -13,6 +13,7 @@
 #include "cluster/keepalives.h"
 #include "cluster/tls_probe.h"
 #include "host/support/fork.h"
+#include "model/secret.h"
 
 namespace keyview::host {
 
@@ -58,6 +59,8 @@ uint64_t begin_use() {
 std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings &settings) {
     if (!settings.tls) return grpc::InsecureChannelCredentials();
     grpc::SslCredentialsOptions options;
+    const model::cleared_at_end clears(
+        &options.pem_private_key);  // gRPC keeps a copy, for new handshakes
     options.pem_root_certs = file_text(settings.ca_file, CA_VARIABLE, false);
     if (!settings.cert_file.empty()) {
         options.pem_cert_chain = file_text(settings.cert_file, CERT_VARIABLE, false);
@@ -140,6 +143,7 @@ void connection::log_in(const std::string &refused, steady::time_point end) {
     std::unique_lock one_at_a_time(login_mutex_, end);
     if (token() != refused) return;
     std::string text = file_text(settings_.login_file, LOGIN_VARIABLE, true);
+    const model::cleared_at_end clears_file(&text);
     text.resize(std::min(text.find_first_of("\r\n"), text.size()));
     size_t colon = text.find(':');
     if (colon == text.npos) {
@@ -147,8 +151,9 @@ void connection::log_in(const std::string &refused, steady::time_point end) {
                                              LOGIN_VARIABLE + " names does not hold user:password");
     }
     wire::AuthenticateRequest request;
-    request.set_name(text.substr(0, colon));
-    request.set_password(text.substr(colon + 1));
+    const model::cleared_at_end clears_request(request.mutable_password());
+    request.set_name(text.data(), colon);
+    request.mutable_password()->assign(text, colon + 1);
     wire::AuthenticateResponse response;
     call(&member::users, &wire::Auth::Stub::Authenticate, request, &response, end);
     std::lock_guard guard(token_mutex_);

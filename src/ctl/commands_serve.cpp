@@ -8,7 +8,9 @@
 #include <csignal>
 #include <memory>
 #include <thread>
+#include <utility>
 
+#include "admin/document/base64.h"
 #include "ctl/change_source.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
@@ -19,6 +21,7 @@
 #include "ctl/text.h"
 #include "host/if/keyview_host.h"
 #include "model/roots.h"
+#include "model/secret.h"
 
 namespace keyview::ctl {
 
@@ -43,16 +46,17 @@ static std::string secret_in(const std::string &file) {
     return read_file(file);
 }
 
-// A line "user:password".
+// The login of a line "user:password", as clients send it.
 static std::string login_in(const std::string &file) {
     std::string text = secret_in(file);
+    const model::cleared_at_end clears(&text);
     text.resize(std::min(text.find_first_of("\r\n"), text.size()));
     const size_t colon = text.find(':');
     if (colon == 0 || colon == text.npos || colon + 1 == text.size()) {
         throw tool_error{EXIT_USAGE, CANNOT_SERVE, file, "it holds no login",
                          "write a line user:password into it"};
     }
-    return text;
+    return admin::to_base64(text);
 }
 
 static server_options options_of(const serve_options &given, const endpoint &place) {
@@ -189,11 +193,11 @@ static exit_code run_serve(const tool &shared, const serve_options &options) {
     library.observer = [&](const char *call, double seconds) { counts.observe(call, seconds); };
     shared.reporter->stop();
     endpoint place(options.listen);
-    const server_options how = options_of(options, place);
+    server_options how = options_of(options, place);
     cluster_reader reader(library, options);
     const char *scheme = how.certificate.empty() ? "http://" : "https://";
     const std::string url = place.is_unix() ? place.name() : scheme + place.name() + "/";
-    server http_server(&place, how, &counts);
+    server http_server(&place, std::move(how), &counts);
     reader.read(&http_server);
     print_remark("serves " + shown_url(shared.registry) + " at " + url);
     reader.run(&http_server);

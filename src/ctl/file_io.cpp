@@ -15,6 +15,7 @@
 #include "admin/care/backup.h"
 #include "ctl/output.h"
 #include "ctl/yaml_text.h"
+#include "model/secret.h"
 
 namespace keyview::ctl {
 
@@ -112,13 +113,14 @@ std::string read_file(const std::string &name) {
     file.fd = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (file.fd < 0) fail(CANNOT_READ, name, errno);
     std::string content;
-    char block[64 * 1024];
+    std::string block(64 * 1024, '\0');
+    const model::cleared_at_end clears(&block);  // it may have held a secret
     for (;;) {
-        ssize_t got = ::read(file.fd, block, sizeof block);
+        ssize_t got = ::read(file.fd, block.data(), block.size());
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) fail(CANNOT_READ, name, errno);
         if (got == 0) return content;
-        content.append(block, static_cast<size_t>(got));
+        content.append(block, 0, static_cast<size_t>(got));
     }
 }
 

@@ -347,6 +347,17 @@ class Rights(Served):
         with self.assertRaises(OSError):
             self.ask("/", connection=http.client.HTTPSConnection("localhost", self.where()[1], timeout=5, context=old))
 
+    def test_secrets_are_cleared_once_they_were_read(self):
+        words = self.certificate() + self.login("carol:a-password-in-a-core\n")
+        self.serve("--listen", "127.0.0.1:0", *words)
+        with open(self.path("key"), "rb") as file:
+            secrets = file.read().split(b"\n")[1:3] + [b"a-password-in-a-core"]
+        with open("/proc/%d/maps" % self.server.pid) as maps, open("/proc/%d/mem" % self.server.pid, "rb", 0) as memory:
+            for begin, end in re.findall(r"^(\w+)-(\w+) rw", maps.read(), re.M):
+                memory.seek(int(begin, 16))
+                part = memory.read(int(end, 16) - int(begin, 16))
+                self.assertEqual([one for one in secrets if one in part], [], "what a core would contain")
+
     def test_a_unix_socket_is_its_owners(self):
         path = self.path("socket")
         self.serve("--listen", "unix:" + path)

@@ -9,8 +9,8 @@
 #include <thread>
 #include <utility>
 
-#include "admin/document/base64.h"
 #include "ctl/serve/http_library.h"
+#include "model/secret.h"
 
 namespace keyview::ctl {
 
@@ -71,7 +71,6 @@ server::server(endpoint *place, server_options options, metrics *counts_of_all)
     : counts(counts_of_all),
       options_(std::move(options)),
       checks_host_(place->is_local() && !place->is_unix()) {
-    if (!options_.login.empty()) expected_login_ = admin::to_base64(options_.login);
     unsigned flags = MHD_USE_EPOLL | MHD_USE_INTERNAL_POLLING_THREAD | MHD_ALLOW_SUSPEND_RESUME |
                      MHD_USE_ITC | MHD_USE_ERROR_LOG;
     std::vector<MHD_OptionItem> settings;
@@ -98,6 +97,7 @@ server::server(endpoint *place, server_options options, metrics *counts_of_all)
     alive_ = steady::now().time_since_epoch().count();
     daemon_ = http().start_daemon(flags, 0, nullptr, nullptr, &server_callbacks::handle, this,
                                   MHD_OPTION_ARRAY, settings.data(), MHD_OPTION_END);
+    model::clear_secret(&options_.key);  // the library of TLS has read it
     if (daemon_ == nullptr) {
         throw tool_error{EXIT_USAGE, "the server cannot start", place->name(),
                          options_.certificate.empty() ? "the socket cannot be used"
@@ -110,6 +110,7 @@ server::server(endpoint *place, server_options options, metrics *counts_of_all)
 server::~server() {
     followers.end();
     if (daemon_ != nullptr) http().stop_daemon(daemon_);
+    model::clear_secret(&options_.login);
 }
 
 void server::drain() {
@@ -182,14 +183,13 @@ bool server::may_use_host(const char *host) const {
 
 // Takes as long for a wrong one as for the right one of the same length.
 bool server::has_login(const char *given) const {
-    if (expected_login_.empty()) return true;
+    if (options_.login.empty()) return true;
     constexpr std::string_view SCHEME = "basic ";
     if (given == nullptr || strncasecmp(given, SCHEME.data(), SCHEME.size()) != 0) return false;
     const std::string_view word = std::string_view(given).substr(SCHEME.size());
-    size_t differs = word.size() ^ expected_login_.size();
+    size_t differs = word.size() ^ options_.login.size();
     for (size_t n = 0; n < word.size(); ++n)
-        differs |=
-            static_cast<unsigned char>(word[n] ^ expected_login_[n % expected_login_.size()]);
+        differs |= static_cast<unsigned char>(word[n] ^ options_.login[n % options_.login.size()]);
     return differs == 0;
 }
 

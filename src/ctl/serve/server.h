@@ -21,7 +21,7 @@ namespace keyview::ctl {
 
 struct server_options {
     std::string certificate, key;  // as PEM; both or none
-    std::string login;             // "user:password"; "" for none
+    std::string login;             // as clients send it, in base64; "" for none
 };
 
 class server {
@@ -63,9 +63,8 @@ class server {
     void set_deadline(MHD_Connection *connection, std::chrono::seconds left);
     size_t connections() const;
 
-    const server_options options_;
+    server_options options_;
     const bool checks_host_;
-    std::string expected_login_;
     mutable std::mutex mutex_;  // of what follows
     std::shared_ptr<const answer_map> answers_;
     answer failure_ = error_answer(503, EXIT_REGISTRY, "the cluster is not read yet");
