@@ -16,14 +16,14 @@
 
 namespace keyview::ctl {
 
-using words = std::vector<std::string>;
+using word_list = std::vector<std::string>;
 
 namespace {
 
 // The command line as far as it is complete.
 struct walked {
     const CLI::App *command;
-    words arguments = {};
+    word_list arguments = {};
     const CLI::Option *open = nullptr;  // waits for its value
     bool options_ended = false;         // by "--"
 };
@@ -37,7 +37,7 @@ static const CLI::Option *option_of(const CLI::App *command, const std::string &
     return nullptr;
 }
 
-static walked walk(const CLI::App &app, const words &line) {
+static walked walk(const CLI::App &app, const word_list &line) {
     walked at = {&app};
     for (const std::string &word : line) {
         if (at.open != nullptr) {
@@ -66,25 +66,25 @@ static walked walk(const CLI::App &app, const words &line) {
 }
 
 // Keys one level below what is written of a path.
-static words keys_like(const std::string &path) {
+static word_list keys_like(const std::string &path) {
     std::string_view parent = parent_path(path);
     std::string top(parent.empty() ? ROOT : parent);
-    words out;
+    word_list out;
     for (const auto &[key, value] : readable_children(top))
         if (escaped(key) == key && (key != top || parent.empty())) out.push_back(key);
     return out;
 }
 
-static words children_of(const std::string &path) {
-    words out;
+static word_list children_of(const std::string &path) {
+    word_list out;
     for (const auto &[key, value] : readable_children(path))
         if (key != path && escaped(key) == key) out.push_back(key);
     return out;
 }
 
 // The locks of the listing, and of all databases, nodes and storage manager entries.
-static words lock_names() {
-    words out = {lock_of(DB_ROOT)};
+static word_list lock_names() {
+    word_list out = {lock_of(DB_ROOT)};
     auto add = [&](const std::string &parent) {
         for (const std::string &path : children_of(parent))
             out.push_back(lock_of(path));
@@ -97,7 +97,7 @@ static words lock_names() {
 }
 
 // Programs in the directories of PATH.
-static words programs_like(const std::string &begun) {
+static word_list programs_like(const std::string &begun) {
     std::set<std::string> out;
     for (const std::string &folder : CLI::detail::split(environment("PATH"), ':')) {
         std::error_code failed;
@@ -110,33 +110,33 @@ static words programs_like(const std::string &begun) {
     return {out.begin(), out.end()};
 }
 
-static words command_names(const CLI::App &app) {
-    words out;
+static word_list command_names(const CLI::App &app) {
+    word_list out;
     for (const CLI::App *one : app.get_subcommands(nullptr))
         if (!one->get_group().empty()) out.push_back(one->get_name());
     return out;
 }
 
-static words context_names() {
-    words out;
+static word_list context_names() {
+    word_list out;
     for (const known_context &one : known_contexts())
         out.push_back(one.name);
     return out;
 }
 
-static words values_for(const std::string &name, const walked &at, const std::string &begun) {
+static word_list values_for(const std::string &name, const walked &at, const std::string &begun) {
     const std::string first = at.arguments.empty() ? "" : at.arguments[0];
     if (name == "LOCK") return lock_names();
     if (name == "CMD") return programs_like(begun);
     if (name == "COMMAND") return command_names(*at.command->get_parent());
     if (name == "CONTEXT" || name == "--context") return context_names();
     if (name == "KEY") return keys_like(begun);
-    words names = names_for(name, first);
+    word_list names = names_for(name, first);
     return names.empty() ? words_of(name) : names;
 }
 
-static words option_names(const CLI::App *command) {
-    words out;
+static word_list option_names(const CLI::App *command) {
+    word_list out;
     for (; command != nullptr; command = command->get_parent())
         for (const CLI::Option *option : command->get_options())
             for (const std::string &name : option->get_lnames())
@@ -144,10 +144,10 @@ static words option_names(const CLI::App *command) {
     return out;
 }
 
-static words next_words(const walked &at, const std::string &begun) {
+static word_list next_words(const walked &at, const std::string &begun) {
     if (at.open != nullptr) return values_for("--" + at.open->get_lnames().front(), at, begun);
     if (!at.options_ended && !begun.empty() && begun[0] == '-') return option_names(at.command);
-    words out = command_names(*at.command);
+    word_list out = command_names(*at.command);
     size_t left = at.arguments.size();
     for (const CLI::Option *option : at.command->get_options()) {
         if (!option->get_positional() || left-- > 0) continue;
@@ -156,7 +156,7 @@ static words next_words(const walked &at, const std::string &begun) {
     return out;
 }
 
-std::string candidates_for(const CLI::App &app, words line) {
+std::string candidates_for(const CLI::App &app, word_list line) {
     std::string begun;
     if (!line.empty()) {
         begun = line.back();
