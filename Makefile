@@ -17,15 +17,18 @@
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
 #   make soak      SECONDS=3600, all operations on both engines; nothing may be held on to (docs/soak.md)
 #   make fuzz      SECONDS=60, each target of the guided fuzzer for so long
+#   make histories   MINUTES=30 SEED=1: clients of a cluster under faults, their histories checked; needs root
 #   make sbom      what the products are built from, as SPDX: build/keyview.spdx
 #   make format    formats the sources
 #   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
 
 PREFIX ?= /usr/local
 DESTDIR ?=
+MINUTES ?= 30
+SEED ?= 1
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz soak sbom format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz histories soak sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -125,6 +128,13 @@ soak:
 		$(BUILD)/release/bin/soak --plant $$leak 3 || exit 1; \
 	done
 	@$(BUILD)/release/bin/soak $(SECONDS)
+
+histories:
+	@packaging/install-packages build cluster members test
+	@cmake --preset release -DKEYVIEW_TESTS=ON -DKEYVIEW_CLUSTER=ON >/dev/null
+	@cmake --build $(BUILD)/release --target histories_client histories_changes fencing rivals
+	@/usr/bin/python3 fuzz/histories/report.py $(BUILD)/release fuzz/histories/report.md --seed=$(SEED) \
+		--seconds=$$(($(MINUTES) * 60))
 
 sbom: cluster
 	@packaging/sbom $(BUILD)/release >$(BUILD)/keyview.spdx

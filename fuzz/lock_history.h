@@ -59,6 +59,14 @@ class event_log {
         return events_;
     }
 
+    // Calls the sink with each event from a number on, and moves the number.
+    template <typename sink>
+    void visit(size_t *from, sink &&body) {
+        std::lock_guard guard(mutex_);
+        for (; *from < events_.size(); ++*from)
+            body(events_[*from]);
+    }
+
     // How many keys with that beginning were put and not yet deleted.
     size_t count(const std::string &beginning) {
         std::lock_guard guard(mutex_);
