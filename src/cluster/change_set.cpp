@@ -138,16 +138,16 @@ class marked_run {
         return value_in(response, 0);
     }
 
+    static host_error taken_over() {
+        return {failure::changed, "another program finished or undid the change set"};
+    }
+
   private:
     wire::TxnRequest of_marker() const {
         wire::TxnRequest request;
         require_value(&request, cluster_->keys().marker(), marker_.SerializeAsString());
         add_range(request.mutable_failure(), {cluster_->keys().marker(), ""});
         return request;
-    }
-
-    static host_error taken_over() {
-        return {failure::changed, "another program finished or undid the change set"};
     }
 
     session *cluster_;
@@ -197,6 +197,21 @@ class change_set {
         }
     }
 
+    // The first change of the tree since the plan, for a response that shows one; else an event
+    // without a key. Each try requires the revision of the plan: an earlier one without an answer is
+    // that change or was not carried out, whatever was changed since then.
+    wire::Event first_change(const wire::TxnResponse &response) {
+        const wire::RangeResponse &tree = range_in(response, 0);
+        if (tree.kvs_size() == 0 || tree.kvs(0).mod_revision() == plan_.tree_revision()) return {};
+        connection &calls = cluster_->calls();
+        auto first =
+            calls.next_change(cluster_->keys().tree(), plan_.tree_revision(), calls.answer_end());
+        if (first) return *first;
+        throw host_error(failure::registry,
+                         "the cluster does not report whether it made the changes: read the "
+                         "registry before you repeat them");
+    }
+
     outcome run_at_once() {
         std::string tree = plan_.tree_after(id_);
         wire::TxnRequest request = of_plan();
@@ -205,9 +220,13 @@ class change_set {
             add_put(request.mutable_success(), cluster_->keys().tree(), tree);
             add_history(request.mutable_success(), cluster_, entry_);
         }
-        wire::TxnResponse response = cluster_->txn(request);
+        bool repeated = false;
+        wire::TxnResponse response = cluster_->txn(request, &repeated);
         if (response.succeeded()) return outcome::done;
         if (tree_facts::parse(value_in(response, 0)).writer == id_) return outcome::done;
+        const wire::Event first = repeated ? first_change(response) : wire::Event();
+        if (first.has_kv() && tree_facts::parse(first.kv().value()).writer == id_)
+            return outcome::done;
         require_fences(response);
         return outcome::tree_moved;
     }
@@ -264,11 +283,22 @@ class change_set {
         key_range mine = beginning_with(all.begin + id_ + "/");
         add_delete(request.mutable_success(), {all.begin, mine.begin});
         add_delete(request.mutable_success(), {mine.end, all.end});
-        wire::TxnResponse response = cluster_->txn(request);
+        bool repeated = false;
+        wire::TxnResponse response = cluster_->txn(request, &repeated);
         if (response.succeeded() || value_in(response, 1) == marker.SerializeAsString())
             return true;
+        const wire::Event first = repeated ? first_change(response) : wire::Event();
+        if (first.has_kv() && began_at(first.kv().mod_revision(), marker)) {
+            throw marked_run::taken_over();
+        }
         require_fences(response);
         return false;
+    }
+
+    bool began_at(int64_t revision, const Marker &marker) {
+        wire::TxnRequest request;
+        add_range(request.mutable_success(), {cluster_->keys().marker(), ""}, revision);
+        return value_in(cluster_->txn(request), 0) == marker.SerializeAsString();
     }
 
     // Checks the fences that did not fit into the transaction that began it.

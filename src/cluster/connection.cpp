@@ -388,6 +388,19 @@ void connection::follow(const wire::WatchCreateRequest &what, steady::time_point
     }
 }
 
+std::optional<wire::Event> connection::next_change(const std::string &key, int64_t after_revision,
+                                                   steady::time_point end) {
+    wire::WatchCreateRequest what;
+    what.set_key(key);
+    what.set_start_revision(after_revision + 1);
+    std::optional<wire::Event> next;
+    follow(what, end, [&](const wire::WatchResponse &seen) {
+        next = seen.events(0);
+        return false;
+    });
+    return next;
+}
+
 void connection::await_deletion(const std::string &key, int64_t after_revision,
                                 steady::time_point end) {
     wire::WatchCreateRequest what;

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,11 @@ class connection : unique {
     // until it returns false or the time is over. Throws etcd_error, compacted for instance.
     void follow(const wire::WatchCreateRequest &what, steady::time_point end,
                 const std::function<bool(const wire::WatchResponse &)> &sink);
+
+    // The first change of a key after a revision; nothing if there is none until the time is over.
+    // Throws as follow does.
+    std::optional<wire::Event> next_change(const std::string &key, int64_t after_revision,
+                                           steady::time_point end);
 
     // One try at one member.
     wire::StatusResponse status_of(size_t at, steady::time_point end);

@@ -137,11 +137,15 @@ class set_request {
     const std::optional<std::string> &stored() const { return stored_; }
 
     // Without a lock: only over the value that was read.
-    void expect(int64_t revision) { require_changed(&request_, key_, revision); }
+    void expect(int64_t revision) {
+        require_changed(&request_, key_, revision);
+        expected_ = revision;
+    }
 
     // Whether the key exists and has the value now; nothing if the set must be tried again.
     std::optional<bool> run(session *cluster, half_applied_wait *pending, std::string *replaced) {
-        wire::TxnResponse response = send(cluster);
+        bool repeated = false;
+        wire::TxnResponse response = send(cluster, &repeated);
         if (response.succeeded()) {
             if (replaced != nullptr)
                 *replaced = response.responses(0).response_put().prev_kv().value();
@@ -158,6 +162,13 @@ class set_request {
         }
         if (stored.kvs_size() == 0) return false;
         stored_ = stored.kvs(0).value();
+        if (repeated && expected_ > 0 && stored.kvs(0).mod_revision() != expected_) {
+            // An earlier try is the first change since then, or was not carried out.
+            auto first =
+                cluster->calls().next_change(key_, expected_, cluster->calls().answer_end());
+            if (first && first->type() == wire::Event::PUT && first->kv().value() == value_)
+                return true;
+        }
         if (range_in(response, 1).kvs_size() > 0) {
             pending->wait(value_in(response, 1));
             return std::nullopt;
@@ -171,12 +182,11 @@ class set_request {
     // A request has room for one copy of a large value: such a value is always written.
     static constexpr size_t MOST_COMPARED = size_t{64} << 10;
 
-    wire::TxnResponse send(session *cluster) {
-        bool repeated = false;
+    wire::TxnResponse send(session *cluster, bool *repeated) {
         try {
-            return cluster->txn(request_, &repeated);
+            return cluster->txn(request_, repeated);
         } catch (const etcd_error &) {
-            if (lock_ != nullptr && repeated) lock_->note_doubt();
+            if (lock_ != nullptr && *repeated) lock_->note_doubt();
             throw;
         }
     }
@@ -187,6 +197,7 @@ class set_request {
     wire::TxnRequest request_;
     std::optional<std::string> stored_;
     queue_entry *lock_ = nullptr;
+    int64_t expected_ = 0;  // the revision of the key; 0 under a lock
 };
 
 }  // namespace
