@@ -68,7 +68,9 @@ std::optional<change_batch> etcd_store::changes_since(std::string_view path, uin
         if (error.reason != etcd_reason::compacted) throw;
         tree_part oldest(keys, "", reach::key_alone);
         read_part(cluster_.get(), &oldest, error.revision);
-        if (oldest.tree_revision() > static_cast<int64_t>(since)) throw;
+        // The pieces of a change set move the revision of its marker alone.
+        const bool in_pieces = !oldest.marker().empty();
+        if (in_pieces || oldest.tree_revision() > static_cast<int64_t>(since)) throw;
         follow(error.revision + 1);
     }
     // A silent member may be dead or behind: a call that requires an answer moves on from it.

@@ -345,6 +345,30 @@ TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksWork) {
     EXPECT_TRUE(mine.keys->set("a.b", "new", again.get()));
 }
 
+// The pieces of a large change set do not move the revision of the tree.
+TEST_F(Cluster, ACompactedPieceIsAGap) {
+    connection calls(settings_of(other_url()));
+    auto moved = [&] {
+        wire::TxnRequest request;
+        add_put(request.mutable_success(), "/beside", "");
+        return static_cast<uint64_t>(calls.txn(request, calls.answer_end()).header().revision());
+    };
+    std::vector<change> many = {put("a")};
+    for (int n = 0; n < 150; ++n)
+        many.push_back(put("a.k" + std::to_string(n)));
+    uint64_t begun = 0;
+    int steps = 0;
+    faults.before_step = [&] {
+        if (steps == 0) begun = moved();
+        if (steps == 1) etcdctl(shared_members(), "compaction " + std::to_string(moved()));
+        ++steps;
+    };
+    mine.keys->apply(many);
+    faults.before_step = nullptr;
+    expect_failure([&] { theirs.keys->changes_since("a", begun, std::chrono::milliseconds(300)); },
+                   failure::changed, "keeps its changes", 1);
+}
+
 // Runs a change set or its recovery and stops it after so many steps, as if it were killed. Returns
 // whether it ended earlier.
 template <typename work>
