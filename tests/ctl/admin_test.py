@@ -903,7 +903,8 @@ class ExitCodes(Administrator):
         self.good("set", "DATABASE.MORE", "--as", "text", "x")
         self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<changes>": self.path("changes"), "<folder>": self.folder,
                       "<other>": "lmdb:" + self.path("other")}
-        self.rows = [[cell.strip() for cell in line.split("|")] for line in table("matrix.txt")]
+        rows = [[cell.strip() for cell in line.split("|")] for line in table("matrix.txt")]
+        self.rows = rows[::(EVERY + 1) // 2]
         self.env["KEYVIEW_LOCK_WAIT"] = "0"
 
     def code(self, command, *more, **how):
@@ -944,7 +945,7 @@ class ExitCodes(Administrator):
                 self.assertEqual(self.code_on_copy(done, "--if-revision", "1"), 6, done)
 
     def test_all_json_fits_its_schema(self):
-        for done, no, missing, holds in self.rows[::EVERY]:
+        for done, no, missing, holds in self.rows[::(EVERY + 3) // 4]:
             if done.split()[0] in ("completion", "manual", "help"):
                 continue
             for command in filter(None, (done, no, missing, done + " --nonsense")):
