@@ -18,6 +18,9 @@
 #   make soak      SECONDS=3600, all operations on both engines; nothing may be held on to (docs/soak.md)
 #   make fuzz      SECONDS=60, each target of the guided fuzzer for so long
 #   make histories   MINUTES=30 SEED=1: clients of a cluster under faults, their histories checked; needs root
+#   make coverage  what the tests reach of src/, in lines and conditions, against the goals of its rooms
+#   make mutation  MUTANTS="--sample 200 --seed 1", else all: the library, the locks and the fencing, changed
+#                  in one place at a time; a test must notice
 #   make sbom      what the products are built from, as SPDX: build/keyview.spdx
 #   make format    formats the sources
 #   make docs      writes what docs/ say of fields and operations from the tool and prsr.h
@@ -26,9 +29,10 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 MINUTES ?= 30
 SEED ?= 1
+MUTANTS ?=
 BUILD := build
 
-.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz histories soak sbom format clean
+.PHONY: docs all demo demo-cluster cluster test check gate-static gate-tests test-page test-serve bench bench-picture board-picture wheel install packages test-packages fuzz histories soak coverage mutation sbom format clean
 
 all:
 	@packaging/install-packages build
@@ -135,6 +139,16 @@ histories:
 	@cmake --build $(BUILD)/release --target histories_client histories_changes fencing rivals
 	@/usr/bin/python3 fuzz/histories/report.py $(BUILD)/release fuzz/histories/report.md --seed=$(SEED) \
 		--seconds=$$(($(MINUTES) * 60))
+
+coverage:
+	@packaging/install-packages build cluster members test coverage
+	@cmake --preset coverage >/dev/null
+	@cmake --build $(BUILD)/coverage
+	@packaging/coverage $(BUILD)/coverage
+
+mutation:
+	@packaging/install-packages build cluster members test
+	@fuzz/mutation $(BUILD)/mutation $(MUTANTS)
 
 sbom: cluster
 	@packaging/sbom $(BUILD)/release >$(BUILD)/keyview.spdx

@@ -13,6 +13,14 @@ if(KEYVIEW_SANITIZE)
     add_compile_definitions(KEYVIEW_SANITIZED)
 endif()
 
+# Counters in files that are mapped, so that a process which is killed has counted, too, whatever its
+# environment is.
+if(KEYVIEW_COVERAGE)
+    add_compile_options(-fprofile-instr-generate=${CMAKE_BINARY_DIR}/counters/%m%c.profraw
+        -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+    add_link_options(-fprofile-instr-generate)
+endif()
+
 # For tests, which are compiled more often than run.
 macro(compile_quickly)
     add_compile_options(

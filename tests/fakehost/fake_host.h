@@ -2,7 +2,8 @@
 // text. It notes each call in order, fails calls on demand, bends answers, and fails the running
 // test if a call breaks a contract or something is still outstanding at the end.
 //
-// Blocks come from calloc in exactly the size asked for, so that a sanitizer sees every overrun.
+// Blocks come from calloc in exactly the size asked for, so that a sanitizer sees every overrun; without
+// one there is a mark behind each, which is compared when it is freed.
 #pragma once
 
 #include <cstdint>

@@ -25,11 +25,21 @@ void *pgcinit(int32_t mode) {
     return fake_current;
 }
 
+// Bytes behind each block, which nobody may change. A sanitizer has its own there.
+#ifdef KEYVIEW_SANITIZED
+constexpr char BEHIND[1] = {};
+constexpr size_t BEHIND_SIZE = 0;
+#else
+constexpr char BEHIND[] = "behind";
+constexpr size_t BEHIND_SIZE = sizeof BEHIND;
+#endif
+
 void *tmem_allocm(void *mem, uint64_t size) {
     EXPECT_EQ(mem, fake_current);
     int32_t code = fake_current->enter("alloc", "", "alloc " + std::to_string(size));
     if (fake_current->answered(code) != 0 || size > LARGEST_BLOCK) return nullptr;
-    void *block = calloc(1, size);
+    void *block = calloc(1, size + BEHIND_SIZE);
+    memcpy(static_cast<char *>(block) + size, BEHIND, BEHIND_SIZE);
     fake_current->blocks[block] = size;
     return block;
 }
@@ -43,6 +53,8 @@ void tmem_freem(void *mem, void *block) {
         return;
     }
     fake_current->enter("free", "", "free " + std::to_string(found->second));
+    EXPECT_EQ(memcmp(static_cast<char *>(block) + found->second, BEHIND, BEHIND_SIZE), 0)
+        << "written behind the end";
     fake_current->blocks.erase(found);
     free(block);
 }

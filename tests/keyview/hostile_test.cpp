@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -128,6 +129,58 @@ TEST(Hostile, TheTraceShowsAFullValueWhole) {
     const std::string shown = joined(host.lines("log", "4 "));
     EXPECT_NE(shown.find("prsr_fetch_db_config: value is : " + full + "\n"), std::string::npos);
     EXPECT_NE(shown.find("value [" + full + "]\n"), std::string::npos);
+}
+
+// ---- Names that fill their paths ----------------------------------------------------------------
+
+static std::string replaced(std::string text, const std::string &from, const std::string &to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+// What an operation opens while a database, an entry and a node have a name of that length, as if it
+// were short: the name is not shown.
+static std::vector<std::string> opened(const operation &op, size_t length, int32_t *rc) {
+    const std::string name(length, 'n');
+    test_host host(CLUSTER);
+    for (const char *key : {"$D", "$E", "$N"}) {
+        const std::string from = expanded(key), to = from.substr(0, from.rfind('.') + 1) + name;
+        for (auto &[path, value] : std::map<std::string, std::string>(host.values)) {
+            if ((path + ".").find(from + ".") == 0) host.put(to + path.substr(from.size()), value);
+        }
+    }
+    caller by(host);
+    by.db = by.stg = by.node = name.c_str();
+    *rc = op.run(by).rc;
+    std::vector<std::string> keys;
+    for (const fake_event &event : host.events) {
+        if (event.call == "open") keys.push_back(replaced(event.subject, name, "*"));
+    }
+    return keys;
+}
+
+// A path that does not fit ends an operation, whichever of its paths it is: nothing is opened that is
+// cut. The lengths are those around which one of its paths fits just so.
+TEST(Hostile, ANameThatFitsNoPathEndsTheOperation) {
+    constexpr size_t LONGEST = 2047;
+    for (const operation &op : OPERATIONS) {
+        int32_t rc = 0, before = 0;
+        const std::vector<std::string> whole = opened(op, 30, &before);
+        if (opened(op, LONGEST, &rc) == whole) continue;  // its blocks have the size of the name
+        std::set<size_t> lengths;
+        for (const std::string &path : whole) {
+            for (size_t more : {0, 1, 2, 3})
+                lengths.insert(LONGEST - path.size() + more);
+        }
+        for (size_t length : lengths) {
+            const std::vector<std::string> keys = opened(op, length, &rc);
+            ASSERT_LE(keys.size(), whole.size()) << op.name << length;
+            EXPECT_TRUE(std::equal(keys.begin(), keys.end(), whole.begin())) << op.name << length;
+            EXPECT_TRUE(rc == before || rc == PRSR_ERR_ARGUMENT) << op.name << length << " " << rc;
+            before = rc;
+        }
+    }
 }
 
 // ---- Multi-values -------------------------------------------------------------------------------

@@ -1,12 +1,13 @@
 // Who holds or waits for locks, as the system and the notes of the holders show it.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -28,7 +29,7 @@ struct held_range {
 }  // namespace
 
 // "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
-static std::vector<held_range> ranges_of(const std::filesystem::path &descriptor) {
+static std::vector<held_range> ranges_of(const std::string &descriptor) {
     std::vector<held_range> out;
     std::ifstream text(descriptor);
     for (std::string line; std::getline(text, line);) {
@@ -113,20 +114,27 @@ static unique_fd file_to_query(const registry_directory &directory) {
         openat(directory.fd(), registry_directory::LOCK_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
 }
 
+// Empty if the directory cannot be read: processes come and go. Without memory the iterators of the
+// standard library would end the program.
+static std::vector<std::string> names_in(const std::string &directory) {
+    std::unique_ptr<DIR, int (*)(DIR *)> open(opendir(directory.c_str()), closedir);
+    std::vector<std::string> names;
+    while (const dirent *entry = open == nullptr ? nullptr : readdir(open.get()))
+        names.emplace_back(entry->d_name);
+    return names;
+}
+
 std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
-    namespace fs = std::filesystem;
     lock_listing listing(names, &words_);
-    std::error_code ignored;  // processes come and go
-    for (const fs::directory_entry &process : fs::directory_iterator("/proc", ignored)) {
-        const std::string number = process.path().filename().string();
+    for (const std::string &number : names_in("/proc")) {
         if (number.find_first_not_of("0123456789") != std::string::npos) continue;
-        for (const fs::directory_entry &fd :
-             fs::directory_iterator(process.path() / "fd", ignored)) {
+        const std::string process = "/proc/" + number;
+        for (const std::string &fd : names_in(process + "/fd")) {
             struct stat file = {};
-            bool ours = stat(fd.path().c_str(), &file) == 0 &&
+            bool ours = stat((process + "/fd/" + fd).c_str(), &file) == 0 &&
                         file_id(file.st_dev, file.st_ino) == directory_->lock_id();
             if (!ours) continue;
-            listing.add(ranges_of(process.path() / "fdinfo" / fd.path().filename()),
+            listing.add(ranges_of(process + "/fdinfo/" + fd),
                         static_cast<pid_t>(strtol(number.c_str(), nullptr, 10)));
         }
     }
