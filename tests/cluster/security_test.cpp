@@ -222,12 +222,30 @@ TEST(Security, AnExpiredTokenIsRenewedWhileTheLeaderDies) {
     }
 }
 
-TEST(Security, APortThatDoesNotExistIsRefused) {
+TEST(Security, AUrlThatNamesNoClusterIsRefused) {
     for (const char *port : {"65536", "67915", "0", "", "-1", "1x"}) {
         expect_failure([&] { settings_of("etcd://127.0.0.1:" + std::string(port) + "/x"); },
                        failure::usage, "is no host:port", 0);
     }
+    for (const auto &[address, told] : {std::pair{"a:1", "'//' is missing"},
+                                        {"//:1", "is no host:port"},
+                                        {"//a", "is no host:port"},
+                                        {"//a:1,/x", "is no host:port"},
+                                        {"//a:1/x y", "printable ASCII"},
+                                        {"//a:1/x\x7f", "printable ASCII"}}) {
+        expect_failure([url = std::string("etcd:") + address] { settings_of(url); }, failure::usage,
+                       told, 0);
+    }
     EXPECT_NO_THROW(settings_of("etcd://127.0.0.1:65535/x"));
+    EXPECT_EQ(settings_of("etcd://a:1/x//").prefix, "/x");
+    EXPECT_EQ(settings_of("etcd://a:1/").prefix, "/keyview");
+}
+
+TEST(Security, AFileOfASettingMustBeOne) {
+    for (const auto &[path, told] :
+         {std::pair{"/nowhere/at/all", "cannot be read"}, {"/tmp", "is no regular file"}})
+        expect_failure([file = std::string(path)] { (void)file_text(file, CA_VARIABLE, false); },
+                       failure::usage, told, 0);
 }
 
 // A text with each byte changed, so that only what the code under test copied has it as it is; how

@@ -1,7 +1,9 @@
 // Memory, tags, text, trace and settings.
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 
 #include "host/entry/backends.h"
 #include "host/registry/lock_wait.h"
+#include "host/support/fd.h"
 #include "platform/tmem.h"
 #include "platform/trcd.h"
 #include "platform/txt.h"
@@ -302,6 +305,30 @@ TEST_F(Trace, OneFileIsOpenHoweverManyWereChosen) {
     trcdprintf(trc, 0, "here");
     EXPECT_EQ(open_files(), before);
     EXPECT_EQ(lines(), "PRSR 0: here\n");
+}
+
+TEST_F(Trace, TheJournalGetsAFieldALine) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    unique_fd journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(journal.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(keyview_host_set_trace(("journal:" + path).c_str()), 0);
+    ASSERT_EQ(keyview_host_set_trace_level(4), 0);
+    for (const auto &[level, priority] : {std::pair(0, "3"), {2, "5"}, {4, "7"}}) {
+        trcdprintf(trc, level, "one\nMESSAGE=two");
+        char text[512];
+        const ssize_t size = recv(journal.get(), text, sizeof text, MSG_DONTWAIT);
+        EXPECT_EQ(std::string(text, static_cast<size_t>(std::max(size, ssize_t{0}))),
+                  std::string("PRIORITY=") + priority + "\nKEYVIEW_LEVEL=" + std::to_string(level) +
+                      "\nKEYVIEW_COMPONENT=PRSR\nSYSLOG_IDENTIFIER=" +
+                      program_invocation_short_name + "\nMESSAGE=one\\x0aMESSAGE=two\n");
+    }
+    EXPECT_NE(keyview_host_set_trace(("journal:/" + std::string(200, 'p')).c_str()), 0);
+    for (const char *nobody_reads : {"journal:/nowhere", "syslog"}) {
+        ASSERT_EQ(keyview_host_set_trace(nobody_reads), 0);
+        trcdprintf(trc, 0, "a line that is lost");
+    }
 }
 
 TEST_F(Trace, LinesOfThreadsNeverMix) {
