@@ -274,13 +274,11 @@ std::string connection::no_answer_text(const std::vector<std::string> &failures,
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-// Guarantees a response for each operation, so that callers can index them.
 wire::TxnResponse connection::txn(const wire::TxnRequest &request, steady::time_point end,
                                   bool *repeated) {
     wire::TxnResponse response;
     call(&member::keys, &wire::KV::Stub::Txn, request, &response, end, repeated);
-    int asked = response.succeeded() ? request.success_size() : request.failure_size();
-    if (response.responses_size() != asked) {
+    if (!has_all_results(request, response)) {
         throw etcd_error(failure::registry, etcd_reason::none,
                          "the cluster returned fewer results than requested");
     }

@@ -156,7 +156,10 @@ class acquisition {
             wire::TxnResponse response = cluster_->txn(request);
             if (!response.succeeded()) {
                 bool of_name = range_in(response, 0).kvs_size() > 0;
-                blockers_ = {range_in(response, of_name ? 0 : 1).kvs(0)};
+                const wire::RangeResponse &found = range_in(response, of_name ? 0 : 1);
+                if (found.kvs_size() == 0)
+                    throw host_error(failure::registry, "the cluster refused a lock without cause");
+                blockers_ = {found.kvs(0)};
                 seen_at_ = response.header().revision();
                 wait();
                 continue;

@@ -61,6 +61,12 @@ void add_delete(wire_ops *ops, const key_range &range) {
     if (!range.end.empty()) removal->set_range_end(range.end);
 }
 
+bool has_all_results(const wire::TxnRequest &request, const wire::TxnResponse &response) {
+    const bool succeeded = response.succeeded();
+    const int asked = succeeded ? request.success_size() : request.failure_size();
+    return response.responses_size() == asked && (succeeded || request.compare_size() > 0);
+}
+
 const wire::RangeResponse &range_in(const wire::TxnResponse &response, int op) {
     return response.responses(op).response_range();
 }

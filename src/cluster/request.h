@@ -34,6 +34,10 @@ void add_touch(wire_ops *ops, const std::string &key);
 
 void add_delete(wire_ops *ops, const key_range &range);
 
+// Whether a reply has a result for each operation, so that callers can index them. A request without
+// conditions cannot fail.
+bool has_all_results(const wire::TxnRequest &request, const wire::TxnResponse &response);
+
 // The result of a read among the operations; the first value of it, "" if there is none.
 const wire::RangeResponse &range_in(const wire::TxnResponse &response, int op);
 std::string value_in(const wire::TxnResponse &response, int op);

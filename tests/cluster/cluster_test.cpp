@@ -542,4 +542,22 @@ TEST_F(Cluster, AForkedChildIsRefusedAndItsParentGoesOn) {
     EXPECT_TRUE(mine.keys->set("a.b", "new", held.get()));
 }
 
+// What a member that is wrong may reply: callers index the results of what they asked for.
+TEST(Replies, AReplyWithoutItsResultsIsNotUsed) {
+    wire::TxnRequest asked;
+    add_range(asked.mutable_success(), {"a", ""});
+    add_range(asked.mutable_failure(), {"b", ""});
+    wire::TxnResponse reply;
+    for (const bool succeeded : {false, true}) {
+        reply.set_succeeded(succeeded);
+        EXPECT_FALSE(has_all_results(asked, reply)) << "without results";
+    }
+    reply.add_responses();
+    EXPECT_TRUE(has_all_results(asked, reply));
+    reply.set_succeeded(false);
+    EXPECT_FALSE(has_all_results(asked, reply)) << "refused without a condition";
+    require_there(&asked, "c");
+    EXPECT_TRUE(has_all_results(asked, reply));
+}
+
 }  // namespace keyview::test
