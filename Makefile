@@ -16,7 +16,7 @@
 #   make packages  the Debian packages: build/packages
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
 #   make soak      SECONDS=3600, all operations on both engines; nothing may be held on to (docs/soak.md)
-#   make fuzz      SECONDS=60, each target of the guided fuzzer for so long
+#   make fuzz      SECONDS=60, each target of the guided fuzzer for so long; PLANTED=--planted: each finds a fault
 #   make histories   MINUTES=30 SEED=1: clients of a cluster under faults, their histories checked; needs root
 #   make coverage  what the tests reach of src/, in lines and conditions, against the goals of its rooms
 #   make mutation  MUTANTS="--sample 200 --seed 1", else all: the library, the locks and the fencing, changed
@@ -117,10 +117,10 @@ test-packages:
 
 fuzz: SECONDS ?= 60
 fuzz:
-	@packaging/install-packages build test check
-	@cmake --preset fuzz >/dev/null
+	@packaging/install-packages build cluster members test check
+	@cmake --preset fuzz -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/fuzz --target guided
-	@packaging/fuzz $(BUILD)/fuzz $(SECONDS)
+	@packaging/fuzz $(PLANTED) $(BUILD)/fuzz $(SECONDS)
 
 soak: SECONDS ?= 3600
 soak:

@@ -13,7 +13,9 @@
 
 static void read(std::string_view content) {
     try {
-        if (keyview::admin::is_backup(content)) (void)keyview::admin::keys_in(content);
+        if (!keyview::admin::is_backup(content)) return;
+        (void)keyview::admin::keys_in(content);
+        keyview::test::planted_fault(content.find("\nrevision 2\n") == content.npos);
     } catch (const keyview::admin::error &) {
     }
 }

@@ -6,6 +6,7 @@
 void keyview::test::one_input(std::string_view input) {
     try {
         (void)admin::read_request(input);
+        planted_fault(input.size() % 8 == 3);
     } catch (const admin::error &) {
     }
 }

@@ -16,8 +16,10 @@ void keyview::test::one_input(std::string_view input) {
         pwrite(fd, input.data(), input.size(), 0) != static_cast<ssize_t>(input.size()))
         throw std::runtime_error("no memory");
     try {
+        int damages = 0, rows = 0;
         (void)check_data_file(
-            fd, [](auto &&...) { return true; }, [](auto &&...) { return true; });
+            fd, [&](auto &&...) { return ++damages > 0; }, [&](auto &&...) { return ++rows > 0; });
+        planted_fault(damages == 1 && rows > 0);
     } catch (const host_error &) {
     }
 }

@@ -193,7 +193,8 @@ class soak {
 
   private:
     static void choose(const std::string &url) {
-        require(keyview_host_set_registry(url.c_str()) == 0, keyview_host_last_error());
+        if (keyview_host_set_registry(url.c_str()) != 0)
+            throw std::runtime_error(keyview_host_last_error());
     }
 
     void thread(int number, unsigned seed) {
