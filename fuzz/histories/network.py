@@ -3,11 +3,13 @@ namespaces of its own (see alone())."""
 from __future__ import annotations
 
 import os
+import shutil
 import subprocess
 import sys
 from typing import Callable
 
 HUB = "10.77.0.254"
+NOT_PERMITTED = 77
 
 
 def call(*words: str) -> str:
@@ -22,12 +24,22 @@ def void(_: object) -> None:
 
 
 def alone() -> None:
-    """Starts this program again in namespaces that end with it, and with all its processes and mounts."""
+    """Starts this program again in namespaces that end with it, and with all its processes and mounts. Ends with
+    NOT_PERMITTED where the kernel refuses them, or what is done in them; a tool that is missing is a failure."""
     if os.environ.get("HISTORIES_ALONE") == "1":
         return
-    os.environ["HISTORIES_ALONE"] = "1"
+    missing = [tool for tool in ("unshare", "mount", "ip", "tc", "iptables") if shutil.which(tool) is None]
+    if missing:
+        sys.exit(f"histories: missing: {' '.join(missing)}")
     as_root = [] if os.geteuid() == 0 else ["--map-root-user"]
     words = ["unshare", *as_root, "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
+    rule = "iptables -w -A INPUT -s 10.77.0.1 -m statistic --mode random --probability 0.5 -j DROP"
+    try:
+        call(*words, "sh", "-ec", f"mount -t tmpfs tmpfs /run; ip link add hub type bridge; {rule}")
+    except RuntimeError as refusal:
+        print(f"histories: not run, the kernel does not permit it here: {refusal}", file=sys.stderr)
+        sys.exit(NOT_PERMITTED)
+    os.environ["HISTORIES_ALONE"] = "1"
     os.execvp("unshare", [*words, sys.executable, *sys.argv])
 
 

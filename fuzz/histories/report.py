@@ -19,6 +19,8 @@ PLANT_S, PLANT_EPOCH_S = 60, 3
 def run(build: str, seed: int, *words: str) -> dict[str, Any]:
     done = subprocess.run([sys.executable, f"{HERE}/histories.py", build, f"--seed={seed}", *words],
                           stdout=subprocess.PIPE, text=True, check=False)
+    if not done.stdout:
+        sys.exit(f"no report: {' '.join(done.args[1:])} ended with {done.returncode}")
     result: dict[str, Any] = json.loads(done.stdout)
     result["good"] = done.returncode == 0
     return result
