@@ -113,7 +113,7 @@ std::string read_file(const std::string &name) {
     file.fd = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (file.fd < 0) fail(CANNOT_READ, name, errno);
     std::string content;
-    std::string block(64 * 1024, '\0');
+    std::string block(size_t{64} << 10, '\0');
     const model::cleared_at_end clears(&block);  // it may have held a secret
     for (;;) {
         ssize_t got = ::read(file.fd, block.data(), block.size());
