@@ -124,17 +124,21 @@ static std::vector<std::string> names_in(const std::string &directory) {
     return names;
 }
 
+static std::string file_in(const std::string &directory, const std::string &name) {
+    return directory + "/" + name;
+}
+
 std::vector<lock_use> file_locks::users(const std::vector<std::string> &names) {
     lock_listing listing(names, &words_);
     for (const std::string &number : names_in("/proc")) {
         if (number.find_first_not_of("0123456789") != std::string::npos) continue;
-        const std::string process = "/proc/" + number;
-        for (const std::string &fd : names_in(process + "/fd")) {
+        const std::string process = file_in("/proc", number), files = file_in(process, "fd");
+        for (const std::string &fd : names_in(files)) {
             struct stat file = {};
-            bool ours = stat((process + "/fd/" + fd).c_str(), &file) == 0 &&
+            bool ours = stat(file_in(files, fd).c_str(), &file) == 0 &&
                         file_id(file.st_dev, file.st_ino) == directory_->lock_id();
             if (!ours) continue;
-            listing.add(ranges_of(process + "/fdinfo/" + fd),
+            listing.add(ranges_of(file_in(file_in(process, "fdinfo"), fd)),
                         static_cast<pid_t>(strtol(number.c_str(), nullptr, 10)));
         }
     }
