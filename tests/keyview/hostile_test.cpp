@@ -170,7 +170,7 @@ TEST(Hostile, ANameThatFitsNoPathEndsTheOperation) {
         if (opened(op, LONGEST, &rc) == whole) continue;  // its blocks have the size of the name
         std::set<size_t> lengths;
         for (const std::string &path : whole) {
-            for (size_t more : {0, 1, 2, 3})
+            for (size_t more : {0U, 1U, 2U, 3U})
                 lengths.insert(LONGEST - path.size() + more);
         }
         for (size_t length : lengths) {
