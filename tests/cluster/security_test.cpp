@@ -11,6 +11,10 @@
 #include <new>
 #include <string>
 
+#ifdef KEYVIEW_SANITIZED
+#include <sanitizer/allocator_interface.h>
+#endif
+
 #include "../host/process.h"
 #include "cluster/cluster_settings.h"
 #include "host/support/fd.h"
@@ -255,15 +259,13 @@ static constexpr char MASK = 0x55;
 static thread_local const std::string *masked_secret = nullptr;
 static thread_local int freed_with_it = 0;
 
-static void free_block(void *block) {
-    if (masked_secret != nullptr && block != nullptr) {
-        const char *begin = static_cast<char *>(block), *end = begin + malloc_usable_size(block);
-        auto same = [](char one, char masked) { return (one ^ MASK) == masked; };
-        const char *hit =
-            std::search(begin, end, masked_secret->begin(), masked_secret->end(), same);
-        if (hit != end && (hit == begin || hit[-1] == ':')) ++freed_with_it;
-    }
-    free(block);
+static void search_freed(const void *block) {
+    if (masked_secret == nullptr || block == nullptr) return;
+    const char *begin = static_cast<const char *>(block),
+               *end = begin + malloc_usable_size(const_cast<void *>(block));
+    auto same = [](char one, char masked) { return (one ^ MASK) == masked; };
+    const char *hit = std::search(begin, end, masked_secret->begin(), masked_secret->end(), same);
+    if (hit != end && (hit == begin || hit[-1] == ':')) ++freed_with_it;
 }
 
 TEST(Security, APasswordIsClearedBehindTheLogin) {
@@ -279,6 +281,12 @@ TEST(Security, APasswordIsClearedBehindTheLogin) {
         letter ^= MASK;
     }
     setting login(LOGIN_VARIABLE, file);
+#ifdef KEYVIEW_SANITIZED
+    ASSERT_GT(__sanitizer_install_malloc_and_free_hooks(
+                  [](const volatile void *, size_t) {},
+                  [](const volatile void *block) { search_freed(const_cast<void *>(block)); }),
+              0);
+#endif
     masked_secret = &masked;
     open_cluster(one.url());
     masked_secret = nullptr;
@@ -296,14 +304,17 @@ TEST(Security, NoSecretIsShown) {
 
 }  // namespace keyview::test
 
+#ifndef KEYVIEW_SANITIZED  // which has operators of its own
 void *operator new(size_t size) {
     void *block = malloc(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
 void operator delete(void *block) noexcept {
-    keyview::test::free_block(block);
+    keyview::test::search_freed(block);
+    free(block);
 }
 void operator delete(void *block, size_t) noexcept {
-    keyview::test::free_block(block);
+    operator delete(block);
 }
+#endif
