@@ -354,8 +354,11 @@ class Rights(Served):
             secrets = file.read().split(b"\n")[1:3] + [b"a-password-in-a-core"]
         with open("/proc/%d/maps" % self.server.pid) as maps, open("/proc/%d/mem" % self.server.pid, "rb", 0) as memory:
             for begin, end in re.findall(r"^(\w+)-(\w+) rw", maps.read(), re.M):
+                size = int(end, 16) - int(begin, 16)
+                if size > 1 << 30:  # the shadow of a sanitizer, which has no copies
+                    continue
                 memory.seek(int(begin, 16))
-                part = memory.read(int(end, 16) - int(begin, 16))
+                part = memory.read(size)
                 self.assertEqual([one for one in secrets if one in part], [], "what a core would contain")
 
     def test_a_unix_socket_is_its_owners(self):
