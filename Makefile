@@ -55,7 +55,7 @@ test:
 	@packaging/install-packages build cluster members test
 	@cmake --preset release -DKEYVIEW_TESTS=ON -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/release
-	@ctest --test-dir $(BUILD)/release --output-on-failure -j3
+	@ctest --test-dir $(BUILD)/release --output-on-failure -j4
 
 check: gate-static test gate-tests
 
