@@ -5,9 +5,10 @@
 // looked up alone. An enumeration of its children copies everything below it in one pass, because a
 // reader of a list reads its entries.
 //
-// A registry handle caches the copies, and leaves them to the next handle of the same registry when it
-// is closed. They are used again under the next lock if the part still has the same revision; else each is filled again when it is needed, which a reader whose keys are
-// the same as before does not notice.
+// A registry handle caches the copies, and leaves them to the next handle of the same registry when
+// it is closed. They are used again under the next lock if the part still has the same revision;
+// else each is filled again when it is needed, which a reader whose keys are the same as before does
+// not notice.
 #pragma once
 
 #include <cstdint>

@@ -68,6 +68,7 @@ int32_t prsr_init_ext(void *status, prsr_ctx **ctx_out, void *lk) noexcept {
     ctx->trc = register_trace();
     ctx->reg = reg;
     ctx->mem = mem;
+    ctx->owns_lk = 0;
 
     const int32_t rc = complete_context(status, ctx, lk);
     if (rc != PRSR_SUCCESS) {
