@@ -1,6 +1,7 @@
 // A child process of a test: it runs a body, meets its parent at agreed points, and may be killed.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -77,12 +78,19 @@ class child_process {
     }
 };
 
-// Runs the body in n threads at once, each with its number, until all have ended.
+// Runs the body in n threads at once, each with its number, until all have ended. What a body throws
+// fails the test.
 template <typename work>
 void in_threads(int n, work &&body) {
     std::vector<std::thread> threads;
     for (int i = 0; i < n; ++i)
-        threads.emplace_back([&body, i] { body(i); });
+        threads.emplace_back([&body, i] {
+            try {
+                body(i);
+            } catch (const std::exception &error) {
+                ADD_FAILURE() << "thread " << i << ": " << error.what();
+            }
+        });
     for (std::thread &one : threads)
         one.join();
 }
