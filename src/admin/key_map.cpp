@@ -2,8 +2,6 @@
 #include "admin/key_map.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstring>
 
 #include "model/path.h"
 #include "model/records.h"
@@ -11,16 +9,8 @@
 namespace keyview::admin {
 
 bool path_order::operator()(std::string_view a, std::string_view b) const {
-    size_t same = 0, both = std::min(a.size(), b.size());
-    // Eight bytes at once: paths share long heads.
-    for (uint64_t one = 0, other = 0; same + sizeof one <= both; same += sizeof one) {
-        memcpy(&one, a.data() + same, sizeof one);
-        memcpy(&other, b.data() + same, sizeof other);
-        if (one != other) break;
-    }
-    while (same < both && a[same] == b[same])
-        ++same;
-    if (same == both) return a.size() < b.size();
+    const size_t same = common_head(a, b);
+    if (same == std::min(a.size(), b.size())) return a.size() < b.size();
     auto rank = [](char c) { return c == '.' ? 0U : static_cast<unsigned char>(c) + 1U; };
     return rank(a[same]) < rank(b[same]);
 }

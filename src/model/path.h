@@ -1,7 +1,10 @@
 // Key paths: elements joined by ".", how long they may be, and how far a part of the tree goes.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace model {
@@ -37,6 +40,19 @@ constexpr bool path_within(std::string_view path, std::string_view top,
     if (path.size() == top.size()) return true;
     if (path[top.size()] != '.' || depth == reach::key_alone) return false;
     return depth == reach::all_below || path.find('.', top.size() + 1) == path.npos;
+}
+
+// How many bytes two paths begin with alike. Paths share long heads: eight bytes at once.
+inline size_t common_head(std::string_view a, std::string_view b) noexcept {
+    size_t same = 0, both = std::min(a.size(), b.size());
+    for (uint64_t one = 0, other = 0; same + sizeof one <= both; same += sizeof one) {
+        memcpy(&one, a.data() + same, sizeof one);
+        memcpy(&other, b.data() + same, sizeof other);
+        if (one != other) break;
+    }
+    while (same < both && a[same] == b[same])
+        ++same;
+    return same;
 }
 
 // The path of the parent; "" for an element alone.

@@ -115,7 +115,10 @@ void add_history(const environment &env, MDB_txn *txn, const change_recorder &ch
     uint64_t first = end;
     bool known = rows.first() && entry_place(rows.entry(), &first);
     if (!known || end - first > limit) remove_before(&rows, end - std::min(end, limit - limit / 8));
-    if (end - place <= limit) rows.put(key, write_row(key, key, 0, entry));
+    if (end - place > limit) return;
+    std::string bytes;
+    write_row(key, key, 0, entry, &bytes);
+    rows.put(key, bytes);
 }
 
 void read_history(const environment &env, MDB_cursor *cursor, uint64_t since,

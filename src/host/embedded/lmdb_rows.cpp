@@ -23,16 +23,30 @@ void visit_below(const environment &env, MDB_cursor *cursor, std::string_view pa
     }
 }
 
-row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
-    row_key key(path);
-    MDB_val at = bytes_of(key.view());
-    MDB_val data = {};
-    int rc = mdb_get(txn, environment::KEYS, &at, &data);
+// What LMDB returned for the key of a path.
+static row_state state_of(const environment &env, int rc, const MDB_val &data, const row_key &key,
+                          std::string_view path, row *out) {
     if (rc == MDB_NOTFOUND) return row_state::absent;
     env.check(rc, "mdb_get");
     if (!read_row(key.view(), view_of(data), out)) return row_state::damaged;
     bool other = key_is_hashed(key.view()) && out->path != path;
     return other ? row_state::absent : row_state::sound;
+}
+
+row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out) {
+    row_key key(path);
+    MDB_val at = bytes_of(key.view());
+    MDB_val data = {};
+    int rc = mdb_get(txn, environment::KEYS, &at, &data);
+    return state_of(env, rc, data, key, path, out);
+}
+
+row_state look_up(const environment &env, MDB_cursor *cursor, std::string_view path, row *out) {
+    row_key key(path);
+    MDB_val at = bytes_of(key.view());
+    MDB_val data = {};
+    int rc = mdb_cursor_get(cursor, &at, &data, MDB_SET_KEY);
+    return state_of(env, rc, data, key, path, out);
 }
 
 void visit_damaged_neighbours(const environment &env, MDB_cursor *cursor, std::string_view path,

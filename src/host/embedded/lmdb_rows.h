@@ -66,8 +66,10 @@ using row_visitor = std::function<void(std::string_view key, std::string_view by
 void visit_below(const environment &env, MDB_cursor *cursor, std::string_view path, reach which,
                  const row_visitor &visit);
 
-// Finds the row of a key. Its views end with the next change or with the transaction.
+// Finds the row of a key. Its views end with the next change or with the transaction. A cursor that
+// is near the row finds it sooner.
 row_state look_up(const environment &env, MDB_txn *txn, std::string_view path, row *out);
+row_state look_up(const environment &env, MDB_cursor *cursor, std::string_view path, row *out);
 
 // Visits the damaged rows that may be the one of an absent key. A damaged row key stays where its
 // row was written: next to the true row key, and a hashed one among those with the same head.

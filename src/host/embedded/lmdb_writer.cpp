@@ -12,9 +12,9 @@ void lmdb_writer::carry_out(const change_view &one) {
     if (damage_seen_) finish();  // numbers of children are then those of the stored rows
 }
 
-MDB_cursor *lmdb_writer::cursor() {
-    if (!cursor_) cursor_ = open_cursor(env_, txn_);
-    return cursor_.get();
+MDB_cursor *lmdb_writer::opened(cursor_guard *cursor) {
+    if (!*cursor) *cursor = open_cursor(env_, txn_);
+    return cursor->get();
 }
 
 // before is null for a key that did not exist, or whose bytes are damaged; after for one that goes.
@@ -31,7 +31,8 @@ void lmdb_writer::leave(std::string_view path) {
     while (!open_.empty()) {
         const open_key &last = open_.back();
         if (last.path.size() < path.size() && path_within(path, last.path)) return;
-        put_row(last.path, damage_seen_ ? count_children(last.path) : last.children, last.value);
+        put_row(last.path, damage_seen_ ? count_children(last.path) : last.children, last.value,
+                opened(&above_));
         open_.pop_back();
     }
 }
@@ -41,7 +42,8 @@ void lmdb_writer::leave(std::string_view path) {
 bool lmdb_writer::open(std::string_view path) {
     if (!open_.empty() && open_.back().path == path) return true;
     row found;
-    row_state state = state_of(path, &found);
+    row_state state = look_up(env_, opened(&above_), path, &found);
+    damage_seen_ = damage_seen_ || state == row_state::damaged;
     if (state == row_state::damaged) return false;
     if (state == row_state::absent) {
         put(path, {});
@@ -74,7 +76,7 @@ void lmdb_writer::put(std::string_view path, std::string_view value) {
 void lmdb_writer::replace_row(std::string_view path, const row &found, std::string_view value) {
     if (found.value == value) return;
     note(path, &found, &value);
-    put_row(path, found.children, value);
+    put_row(path, found.children, value, opened(&cursor_));
     ++counts_.replaced;
 }
 
@@ -83,7 +85,7 @@ void lmdb_writer::replace_row(std::string_view path, const row &found, std::stri
 void lmdb_writer::create(std::string_view path, std::string_view value) {
     std::string_view parent = parent_path(path);
     if (!parent.empty() && open(parent)) ++open_.back().children;
-    put_row(path, damage_seen_ ? count_children(path) : 0, value);
+    put_row(path, damage_seen_ ? count_children(path) : 0, value, opened(&cursor_));
 }
 
 // The path may be that of no key, as damage leaves it.
@@ -97,7 +99,7 @@ void lmdb_writer::remove(std::string_view path) {
     if (state != row_state::absent) keys.emplace_back(row_key(path).view());
     if (state == row_state::sound) note(path, &found, nullptr);
     if (state == row_state::damaged && changes_ != nullptr) changes_->note_unknown(path);
-    visit_below(env_, cursor(), path, reach::all_below,
+    visit_below(env_, opened(&cursor_), path, reach::all_below,
                 [&](std::string_view key, std::string_view bytes) {
                     keys.emplace_back(key);
                     note_removal(key, bytes);
@@ -129,7 +131,7 @@ row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
     MDB_val data = {};
     row next;
     auto step = [&](MDB_cursor_op op) {
-        int rc = mdb_cursor_get(cursor(), &at, &data, op);
+        int rc = mdb_cursor_get(opened(&cursor_), &at, &data, op);
         if (rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
         return rc == MDB_SUCCESS;
     };
@@ -149,7 +151,7 @@ row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
 bool lmdb_writer::remove_strays(std::string_view path) {
     row_key true_key(path);
     std::vector<std::string> strays;
-    visit_damaged_neighbours(env_, cursor(), path,
+    visit_damaged_neighbours(env_, opened(&cursor_), path,
                              [&](std::string_view key, std::string_view bytes) {
                                  row found;
                                  damage_seen_ = true;
@@ -165,22 +167,23 @@ void lmdb_writer::add_children(std::string_view path, int32_t more) {
     row found;
     if (path.empty() || state_of(path, &found) != row_state::sound) return;
     uint32_t children = found.children + static_cast<uint32_t>(more);
-    put_row(path, damage_seen_ ? count_children(path) : children, found.value);
+    put_row(path, damage_seen_ ? count_children(path) : children, found.value, opened(&cursor_));
 }
 
 uint32_t lmdb_writer::count_children(std::string_view path) {
     uint32_t count = 0;
-    visit_below(env_, cursor(), path, reach::children,
+    visit_below(env_, opened(&cursor_), path, reach::children,
                 [&](std::string_view, std::string_view) { ++count; });
     return count;
 }
 
-void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value) {
+void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value,
+                          MDB_cursor *cursor) {
     row_key key(path);
-    std::string bytes = write_row(key.view(), path, children, value);
+    write_row(key.view(), path, children, value, &bytes_);
     MDB_val at = bytes_of(key.view());
-    MDB_val data = bytes_of(bytes);
-    env_.check(mdb_cursor_put(cursor(), &at, &data, 0), "mdb_put");
+    MDB_val data = bytes_of(bytes_);
+    env_.check(mdb_cursor_put(cursor, &at, &data, 0), "mdb_put");
 }
 
 void lmdb_writer::delete_row(std::string_view key) {

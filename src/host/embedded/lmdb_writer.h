@@ -39,7 +39,7 @@ class lmdb_writer {
         uint32_t children;
     };
 
-    MDB_cursor *cursor();
+    MDB_cursor *opened(cursor_guard *cursor);
     void note(std::string_view path, const row *before, const std::string_view *after);
     void leave(std::string_view path);
     bool open(std::string_view path);
@@ -53,7 +53,8 @@ class lmdb_writer {
     [[nodiscard]] bool remove_strays(std::string_view path);
     void add_children(std::string_view path, int32_t more);
     uint32_t count_children(std::string_view path);
-    void put_row(std::string_view path, uint32_t children, std::string_view value);
+    void put_row(std::string_view path, uint32_t children, std::string_view value,
+                 MDB_cursor *cursor);
     void delete_row(std::string_view key);
 
     const environment &env_;
@@ -61,6 +62,8 @@ class lmdb_writer {
     change_recorder *changes_;
     std::vector<open_key> open_;  // each one below the one before
     cursor_guard cursor_{nullptr, &mdb_cursor_close};
+    cursor_guard above_{nullptr, &mdb_cursor_close};  // at the open keys, which lie on other pages
+    std::string bytes_;                               // of the latest row
     change_counts counts_;
     bool damage_seen_ = false;  // then numbers of children are counted anew
 };

@@ -58,15 +58,18 @@ bool path_before(std::string_view a, std::string_view b) {
            std::string_view(place_b, whole_key(b, place_b));
 }
 
+static size_t last_dot(std::string_view path) noexcept {
+    const void *dot = memrchr(path.data(), '.', path.size());
+    return dot == nullptr ? path.npos
+                          : static_cast<size_t>(static_cast<const char *>(dot) - path.data());
+}
+
 bool row_before(std::string_view a, std::string_view b) noexcept {
-    size_t last_a = a.rfind('.'), last_b = b.rfind('.');
-    size_t both = std::min(a.size(), b.size());
-    auto at = static_cast<size_t>(
-        std::mismatch(a.begin(), a.begin() + static_cast<ptrdiff_t>(both), b.begin()).first -
-        a.begin());
-    size_t last = std::min(last_a, last_b);
+    const size_t last_a = last_dot(a), last_b = last_dot(b);
+    const size_t at = common_head(a, b);
+    const size_t last = std::min(last_a, last_b);
     if (last_a != last_b && last < at) return last_a == last;
-    if (at == both) return a.size() < b.size();
+    if (at == std::min(a.size(), b.size())) return a.size() < b.size();
     auto byte = [at](std::string_view path, size_t end) {
         if (path[at] == '.') return at == end ? LAST : INNER;
         return path[at];
@@ -155,15 +158,14 @@ bool row_is_misplaced(std::string_view key, std::string_view bytes) {
     return !stored.empty() && read_row(row_key(stored).view(), bytes, &found);
 }
 
-std::string write_row(std::string_view key, std::string_view path, uint32_t children,
-                      std::string_view value) {
+void write_row(std::string_view key, std::string_view path, uint32_t children,
+               std::string_view value, std::string *bytes) {
     std::string_view kept = key_is_hashed(key) ? path : std::string_view();
     row_head head = {FORMAT, 0, static_cast<uint16_t>(kept.size()), children};
-    std::string bytes(reinterpret_cast<const char *>(&head), sizeof(head));
-    bytes += kept;
-    bytes += value;
-    checksum sum = checksum_of(key, bytes);
-    return bytes.append(reinterpret_cast<const char *>(&sum), sizeof(sum));
+    bytes->assign(reinterpret_cast<const char *>(&head), sizeof(head));
+    bytes->append(kept).append(value);
+    checksum sum = checksum_of(key, *bytes);
+    bytes->append(reinterpret_cast<const char *>(&sum), sizeof(sum));
 }
 
 }  // namespace keyview::host

@@ -93,7 +93,8 @@ constexpr size_t row_room(std::string_view path, std::string_view value) noexcep
     return path.size() + value.size() + HEADS;
 }
 
-std::string write_row(std::string_view key, std::string_view path, uint32_t children,
-                      std::string_view value);
+// Replaces bytes by those of a row.
+void write_row(std::string_view key, std::string_view path, uint32_t children,
+               std::string_view value, std::string *bytes);
 
 }  // namespace keyview::host

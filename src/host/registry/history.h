@@ -5,11 +5,12 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "host/registry/store.h"
@@ -51,11 +52,13 @@ class change_recorder {
 
   private:
     struct key_values {
+        std::string path;
         std::optional<std::string> before, after;
     };
 
     uint64_t most_, used_ = 0, left_out_ = 0;
-    std::map<std::string, key_values, std::less<>> keys_;
+    std::deque<key_values> keys_;
+    std::unordered_map<std::string_view, key_values *> known_;  // by path
 };
 
 // False if these are no bytes of an entry.
