@@ -40,15 +40,27 @@ view change_view(const admin::change_row &change) {
                         {"after", value_view(change.after)}}};
 }
 
-static std::string shown(std::string_view value) {
-    return value.empty() ? "(no value)" : escaped(admin::value_for_people(value));
+static void append_value(std::string_view value, std::string *out) {
+    if (value.empty()) {
+        *out += "(no value)";
+    } else {
+        append_escaped(admin::value_for_people(value), out);
+    }
+}
+
+static void append_change(const admin::change_row &change, std::string *out) {
+    *out += !change.before ? "+ " : !change.after ? "- " : "~ ";
+    append_escaped(change.path, out);
+    *out += " = ";
+    if (change.before) append_value(*change.before, out);
+    if (change.before && change.after) *out += " -> ";
+    if (change.after) append_value(*change.after, out);
 }
 
 std::string change_for_people(const admin::change_row &change) {
-    std::string path = escaped(change.path);
-    if (!change.before) return "+ " + path + " = " + shown(*change.after);
-    if (!change.after) return "- " + path + " = " + shown(*change.before);
-    return "~ " + path + " = " + shown(*change.before) + " -> " + shown(*change.after);
+    std::string out;
+    append_change(change, &out);
+    return out;
 }
 
 std::string line_of(const revision_jump &jump) {
@@ -107,8 +119,13 @@ class long_text {
     explicit long_text(writer write) : write_(write) {}
 
     void add(std::string_view text) {
+        append([&](std::string *to) { *to += text; });
+    }
+    // The function appends to the text.
+    template <typename function>
+    void append(const function &more) {
         static constexpr size_t ENOUGH = size_t{64} << 10;
-        text_ += text;
+        more(&text_);
         if (text_.size() >= ENOUGH) end();
     }
     void end() {
@@ -124,10 +141,19 @@ class long_text {
 static void list_for_people(const admin::change_result &changed, long_text *out) {
     if (changed.changes.empty())
         return out->add("nothing to change: all of it is stored already\n");
-    for (const admin::change_row &one : changed.changes)
-        out->add(change_for_people(one).append("\n"));
-    for (const std::string &lock : changed.locks)
-        out->add("lock " + escaped(lock).append("\n"));
+    for (const admin::change_row &one : changed.changes) {
+        out->append([&](std::string *line) {
+            append_change(one, line);
+            *line += '\n';
+        });
+    }
+    for (const std::string &lock : changed.locks) {
+        out->append([&](std::string *line) {
+            *line += "lock ";
+            append_escaped(lock, line);
+            *line += '\n';
+        });
+    }
     change_counts counts = counts_of(changed);
     out->add(std::to_string(counts.created) + " keys created, " + std::to_string(counts.replaced) +
              " changed, " + std::to_string(counts.removed) + " removed\n");

@@ -16,29 +16,33 @@ static std::string numbered(const char *form, uint32_t number) {
     return text;
 }
 
-std::string escaped(std::string_view text) {
-    std::string out;
+void append_escaped(std::string_view text, std::string *out) {
     while (!text.empty()) {
         size_t plain = 0;  // most of the characters, at once
         while (plain < text.size() && text[plain] >= 0x20 && text[plain] < 0x7f &&
                text[plain] != '\\')
             ++plain;
-        out += text.substr(0, plain);
+        *out += text.substr(0, plain);
         text.remove_prefix(plain);
         if (text.empty()) break;
         character next = first_character(text);
         if (next.length == 0) {
             next.length = 1;
-            out += numbered("\\x%02x", static_cast<unsigned char>(text[0]));
+            *out += numbered("\\x%02x", static_cast<unsigned char>(text[0]));
         } else if (harmful(next.code)) {
-            out += numbered(next.code < 0x80 ? "\\x%02x" : "\\u%04x", next.code);
+            *out += numbered(next.code < 0x80 ? "\\x%02x" : "\\u%04x", next.code);
         } else if (next.code == '\\') {
-            out += "\\\\";
+            *out += "\\\\";
         } else {
-            out += text.substr(0, next.length);
+            *out += text.substr(0, next.length);
         }
         text.remove_prefix(next.length);
     }
+}
+
+std::string escaped(std::string_view text) {
+    std::string out;
+    append_escaped(text, &out);
     return out;
 }
 

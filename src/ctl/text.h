@@ -10,6 +10,7 @@ namespace keyview::ctl {
 // turns the direction of writing come out as "\x1b" or "\u202e", a "\" is doubled. Never more than
 // one line.
 std::string escaped(std::string_view text);
+void append_escaped(std::string_view text, std::string *out);
 
 // An escaped text for a screen that counts columns: characters without a width come escaped, too, and,
 // for one that has ASCII only, all others.

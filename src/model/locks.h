@@ -52,7 +52,10 @@ constexpr bool is_locked_entry(std::string_view locked_key) noexcept {
 // The lock under which a key is changed.
 inline std::string lock_of(std::string_view path) {
     const std::string_view key = locked_key_of(path);
-    return (is_locked_entry(key) ? STG_LOCK_HEAD : LOCK_HEAD) + std::string(key);
+    const std::string_view head = is_locked_entry(key) ? STG_LOCK_HEAD : LOCK_HEAD;
+    std::string name;
+    name.reserve(head.size() + key.size());
+    return name.append(head).append(key);
 }
 
 // In the text about the holder of a lock, before the time from which it holds it.

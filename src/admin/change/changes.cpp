@@ -93,7 +93,7 @@ bool lock_list::includes(const lock_list &other) const {
 
 bool lock_list::meets(std::string_view path, size_t *from) const {
     const std::string_view key = locked_key_of(path);
-    while (*from < size() && lock_before(keys_[*from], key))
+    while (*from < size() && keys_[*from] != key && lock_before(keys_[*from], key))
         ++*from;
     return *from < size() && keys_[*from] == key;
 }

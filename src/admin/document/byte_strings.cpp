@@ -17,14 +17,19 @@ std::string byte_field(const field_row &row) {
     return row.field + std::string(SUFFIX);
 }
 
+// Words and flags are plain text.
+static bool has_byte_form(const field_row &row) {
+    return row.kind != value_kind::flag && row.kind != value_kind::word;
+}
+
 bool is_byte_field(const field_row &row, std::string_view name) {
-    if (row.kind == value_kind::flag || row.kind == value_kind::word) return false;
+    if (!has_byte_form(row)) return false;
     size_t plain = name.size() - std::min(name.size(), SUFFIX.size());
     return name.substr(plain) == SUFFIX && name.substr(0, plain) == row.field;
 }
 
 bool has_byte_field(const field_row &row, const json &record) {
-    return is_byte_field(row, byte_field(row)) && record.contains(byte_field(row));
+    return has_byte_form(row) && record.contains(byte_field(row));
 }
 
 // ---- Writing ------------------------------------------------------------------------------------

@@ -58,8 +58,16 @@ std::optional<fault> check_path(const record_table &table, std::string_view path
 }
 
 std::string path_below(const std::string &path, std::string_view element) {
-    std::string below = path.empty() ? "" : path + ".";
-    return below.append(element);
+    std::string below;
+    below.reserve(path.size() + 1 + element.size());
+    below = path;
+    append_element(element, &below);
+    return below;
+}
+
+void append_element(std::string_view element, std::string *path) {
+    if (!path->empty()) *path += '.';
+    *path += element;
 }
 
 std::string own_value(std::string_view name) {

@@ -28,6 +28,7 @@ std::string bytes_text(size_t count);
 
 // The path of a key below another one.
 std::string path_below(const std::string &path, std::string_view element);
+void append_element(std::string_view element, std::string *path);
 
 // The stored form of a name, its zero byte included.
 std::string own_value(std::string_view name);

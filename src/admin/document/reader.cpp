@@ -33,19 +33,22 @@ class pointer {
     }
 
     std::string to_string() const {
-        return above_ == nullptr ? "" : above_->to_string() + "/" + step();
+        std::string out;
+        append_to(&out);
+        return out;
     }
 
   private:
     pointer(const pointer *above, std::string_view field, size_t number)
         : above_(above), field_(field), number_(number) {}
 
-    std::string step() const {
-        if (field_.data() == nullptr) return std::to_string(number_);
-        std::string out;
+    void append_to(std::string *out) const {
+        if (above_ == nullptr) return;
+        above_->append_to(out);
+        *out += '/';
+        if (field_.data() == nullptr) *out += std::to_string(number_);
         for (char c : field_)
-            c == '~' ? out += "~0" : c == '/' ? out += "~1" : out += c;
-        return out;
+            c == '~' ? *out += "~0" : c == '/' ? *out += "~1" : *out += c;
     }
 
     const pointer *above_ = nullptr;
@@ -130,13 +133,14 @@ class document_walk {
     using given_fields = std::vector<bool>;
 
     static bool is_field(const record_table &table, std::string_view field, given_fields *given) {
+        if (field == "name" || (table.scoped && field == "scope")) return true;
         for (size_t n = 0; n < table.fields.count; ++n) {
             const field_row &row = table.fields.first[n];
             if (field != row.field && !is_byte_field(row, field)) continue;
             (*given)[n] = true;
             return true;
         }
-        return field == "name" || (table.scoped && field == "scope") || is_list(table.lists, field);
+        return is_list(table.lists, field);
     }
 
     // parent is the path of the record that holds the list, empty at the top.
@@ -187,7 +191,7 @@ class document_walk {
         const auto &text = name->get_ref<const std::string &>();
         std::optional<fault> wrong = check_name(text, table.dotted_name, table.name_limit);
         if (wrong) return refuse(place, wrong->reason), false;
-        *path = path_below(*path, element_of(text, table.dotted_name));
+        append_element(element_of(text, table.dotted_name), path);
         return true;
     }
 
