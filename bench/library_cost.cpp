@@ -3,9 +3,9 @@
 // program and calls no libc, so that whatever callgrind counts in the library and in libc is the
 // library's own. Run by bench/library-cost.
 //
-// library_cost N prints the mean microseconds of N fetches with their release. Then the host returns
-// what it returned the first time, key by key, without looking anything up: what remains is the
-// library and the calls that it has to make.
+// library_cost N [Small] prints the mean microseconds of N fetches with their release, of the typical
+// record or of the small one. Then the host returns what it returned the first time, key by key, without
+// looking anything up: what remains is the library and the calls that it has to make.
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -26,6 +26,8 @@
 #include "platform/txt.h"
 
 namespace {
+using keyview::bench::record_size;
+
 struct tree_key {
     std::string path;
     std::string value;
@@ -118,8 +120,8 @@ const tree_key *find_timed(const char *path) {
     return opened[next_opened++];
 }
 
-void fill_tree() {
-    for (const auto &key : keyview::bench::record_keys(keyview::bench::TYPICAL))
+void fill_tree(const record_size &size) {
+    for (const auto &key : keyview::bench::record_keys(size))
         tree.push_back({key.path, key.value, {}});
     std::sort(tree.begin(), tree.end(),
               [](const tree_key &a, const tree_key &b) { return a.path < b.path; });
@@ -249,11 +251,11 @@ int32_t txtrep(char *, uint64_t, uint64_t, const char *, uint64_t, const char *,
 
 // ---- The run ------------------------------------------------------------------------------------
 
-int32_t fetch(prsr_ctx *ctx, prsr_cfg **cfg) {
-    return prsr_fetch_db_config(nullptr, ctx, "typical", cfg);
+int32_t fetch(prsr_ctx *ctx, const record_size &size, prsr_cfg **cfg) {
+    return prsr_fetch_db_config(nullptr, ctx, size.database, cfg);
 }
 
-double mean_us(prsr_ctx *ctx, int fetches) {
+double mean_us(prsr_ctx *ctx, const record_size &size, int fetches) {
     using namespace std::chrono;
     timed = true;
     steady_clock::time_point start;
@@ -261,25 +263,29 @@ double mean_us(prsr_ctx *ctx, int fetches) {
         if (i == 0) start = steady_clock::now();
         prsr_cfg *cfg = nullptr;
         next_opened = 0;
-        if (fetch(ctx, &cfg) != PRSR_SUCCESS) return -1;
+        if (fetch(ctx, size, &cfg) != PRSR_SUCCESS) return -1;
         (void)prsr_release_db_config(nullptr, ctx, cfg);
     }
     return duration<double, std::micro>(steady_clock::now() - start).count() / fetches;
 }
 
 int main(int argc, char **argv) {
-    fill_tree();
+    using namespace keyview::bench;
+    const bool small = argc > 2 && std::string_view(argv[2]) == SMALL.database;
+    const record_size size = small ? SMALL : TYPICAL;
+    fill_tree(size);
     prsr_ctx *ctx = nullptr;
     prsr_cfg *cfg = nullptr;
     int32_t rc = prsr_init(nullptr, &ctx);
-    if (rc == PRSR_SUCCESS) rc = fetch(ctx, &cfg);
-    if (rc != PRSR_SUCCESS || cfg->instance_count != 8 || cfg->service_count != 20 ||
-        cfg->services[19]->preferred_count != 4 || cfg->services[0]->available_enabled[3] != 1) {
+    if (rc == PRSR_SUCCESS) rc = fetch(ctx, size, &cfg);
+    if (rc != PRSR_SUCCESS || cfg->instance_count != static_cast<uint32_t>(size.instances) ||
+        cfg->service_count != static_cast<uint32_t>(size.services) ||
+        cfg->services[0]->preferred_count == 0 || cfg->services[0]->available_enabled[0] != 1) {
         std::fprintf(stderr, "library_cost: the fetch went wrong, code %d\n", rc);
         return 1;
     }
     if (argc > 1) {
-        std::printf("%f\n", mean_us(ctx, atoi(argv[1])));
+        std::printf("%f\n", mean_us(ctx, size, atoi(argv[1])));
         return 0;
     }
     std::printf("%zu\n", tree.size());

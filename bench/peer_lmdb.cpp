@@ -22,11 +22,24 @@ static bytes_view view_of(const MDB_val &value) {
     return {static_cast<const char *>(value.mv_data), value.mv_size};
 }
 
-lmdb_peer::lmdb_peer(const std::string &directory, const std::vector<peer_row> &rows) {
-    require_call(mkdir(directory.c_str(), 0700) == 0, "mkdir");
+void lmdb_peer::open(const std::string &directory) {
     check(mdb_env_create(&env_), "mdb_env_create");
     check(mdb_env_set_mapsize(env_, MAP_SIZE), "mdb_env_set_mapsize");
     check(mdb_env_open(env_, directory.c_str(), MDB_NOTLS, 0600), "mdb_env_open");
+}
+
+lmdb_peer::lmdb_peer(const std::string &directory) {
+    open(directory);
+    MDB_txn *opening = nullptr;
+    check(mdb_txn_begin(env_, nullptr, MDB_RDONLY, &opening), "mdb_txn_begin");
+    check(mdb_dbi_open(opening, nullptr, 0, &dbi_), "mdb_dbi_open");
+    check(mdb_txn_commit(opening), "mdb_txn_commit");
+    open_reader();
+}
+
+lmdb_peer::lmdb_peer(const std::string &directory, const std::vector<peer_row> &rows) {
+    require_call(mkdir(directory.c_str(), 0700) == 0, "mkdir");
+    open(directory);
     MDB_txn *filling = nullptr;
     check(mdb_txn_begin(env_, nullptr, 0, &filling), "mdb_txn_begin");
     check(mdb_dbi_open(filling, nullptr, 0, &dbi_), "mdb_dbi_open");

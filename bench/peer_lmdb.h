@@ -17,6 +17,8 @@ class lmdb_peer {
   public:
     // Makes an environment in a new directory and puts the rows in.
     lmdb_peer(const std::string &directory, const std::vector<peer_row> &rows);
+    // Opens the environment in a directory.
+    explicit lmdb_peer(const std::string &directory);
     lmdb_peer(const lmdb_peer &) = delete;
     lmdb_peer &operator=(const lmdb_peer &) = delete;
     ~lmdb_peer();
@@ -34,6 +36,7 @@ class lmdb_peer {
     void commit(const peer_row &row);
 
   private:
+    void open(const std::string &directory);
     void open_reader();
     void begin();
 

@@ -21,8 +21,12 @@ constexpr char AFTER_COMMIT[] = "floor: LMDB pass after a commit of one of its r
 constexpr char IN_TURN[] = "fetch in turn over 1,000 typical databases / quiet fetch of one";
 constexpr char PASS_IN_TURN[] = "floor: LMDB pass in turn over the same / quiet pass of one";
 constexpr char FIRST[] = "first fetch typical in a process / quiet";
+constexpr char FIRST_PASS[] = "floor: first LMDB pass in a process / quiet pass";
+constexpr char FIRST_TO_PASS[] = "first fetch typical in a process / first LMDB pass in a process";
 constexpr char CALLS[] = "fetch + release typical / the library's calls alone";
 constexpr char CALLS_ENGINE[] = "floor: the library's calls alone / LMDB pass";
+constexpr char SMALL_CALLS[] = "fetch + release small / the library's calls alone";
+constexpr char SMALL_CALLS_ENGINE[] = "floor: the library's calls alone, small / LMDB pass";
 
 constexpr int DATABASES = 1000;
 
@@ -125,47 +129,56 @@ static void measure_in_turn(const bench_setup &setup) {
 // ---- The first of a process ---------------------------------------------------------------------
 
 static void measure_first(const bench_setup &setup) {
-    if (!setup.to->wants({FIRST})) return;
+    if (!setup.to->wants({FIRST, FIRST_PASS, FIRST_TO_PASS})) return;
     constexpr int ROUNDS = 51;
+    const std::string engine = setup.directory + "/first-lmdb", programs = program_directory();
     const session other(setup.url);  // the process is neither the first nor the last user
-    series first, quiet;
+    const lmdb_peer other_pass(engine, peer_rows(record_keys(TYPICAL)));
+    series first, quiet, first_pass, quiet_pass;
+    const auto add = [](const std::vector<std::string> &program, series *its_first, series *rest) {
+        const auto took = figures_of(program);
+        require(took.size() == 2, "a program prints no times");
+        its_first->push_back(took[0]);
+        rest->push_back(took[1]);
+    };
     for (int round = 0; round < ROUNDS; ++round) {
-        const auto took = figures_of(
-            {program_directory() + "/fetch_once", setup.url, folded(TYPICAL.database), "40"});
-        require(took.size() == 2, "fetch_once prints no times");
-        first.push_back(took[0]);
-        quiet.push_back(took[1]);
+        add({programs + "/fetch_once", setup.url, folded(TYPICAL.database), "40"}, &first, &quiet);
+        add({programs + "/pass_once", engine, TYPICAL.database, "40"}, &first_pass, &quiet_pass);
     }
     setup.to->ratio(FIRST, first, quiet, 3);
+    setup.to->ratio(FIRST_PASS, first_pass, quiet_pass, NO_GOAL);
+    setup.to->ratio(FIRST_TO_PASS, first, first_pass, NO_GOAL);
 }
 
 // ---- The calls alone ----------------------------------------------------------------------------
 
-static void measure_calls(const bench_setup &setup) {
-    if (!setup.to->wants({CALLS, CALLS_ENGINE})) return;
+static void measure_calls(const bench_setup &setup, const record_size &size, const char *to_calls,
+                          const char *calls_to_pass) {
+    if (!setup.to->wants({to_calls, calls_to_pass})) return;
     constexpr int ROUNDS = 21;
     session reader(setup.url);
-    lmdb_peer engine(setup.directory + "/calls-lmdb", peer_rows(record_keys(TYPICAL)));
-    const std::string prefix = row_prefix(TYPICAL.database);
+    lmdb_peer engine(setup.directory + "/calls-" + size.database, peer_rows(record_keys(size)));
+    const std::string prefix = row_prefix(size.database);
     series fetches, calls, passes;
     for (int round = 0; round < ROUNDS; ++round) {
-        const auto mean = figures_of({program_directory() + "/library_cost", "200"});
+        const auto mean = figures_of({program_directory() + "/library_cost", "200", size.database});
         require(mean.size() == 1 && mean[0] > 0, "library_cost prints no time");
-        const auto beside = interleave({3, 3}, {[&] { reader.fetch(TYPICAL.database); },
+        const auto beside = interleave({3, 3}, {[&] { reader.fetch(size.database); },
                                                 [&] { free_record(engine.fetch(prefix)); }});
         calls.push_back(mean[0]);
         fetches.push_back(median(beside[0]));
         passes.push_back(median(beside[1]));
     }
-    setup.to->ratio(CALLS, fetches, calls, NO_GOAL);
-    setup.to->ratio(CALLS_ENGINE, calls, passes, NO_GOAL);
+    setup.to->ratio(to_calls, fetches, calls, NO_GOAL);
+    setup.to->ratio(calls_to_pass, calls, passes, NO_GOAL);
 }
 
 void change_rows(const bench_setup &setup) {
     measure_after_set(setup);
     measure_in_turn(setup);
     measure_first(setup);
-    measure_calls(setup);
+    measure_calls(setup, TYPICAL, CALLS, CALLS_ENGINE);
+    measure_calls(setup, SMALL, SMALL_CALLS, SMALL_CALLS_ENGINE);
 }
 
 }  // namespace keyview::bench
