@@ -42,8 +42,7 @@ void key_list::sort() {
     auto before = [](const row &a, const row &b) {
         return path_order()({a.bytes, a.path_size}, {b.bytes, b.path_size});
     };
-    if (!std::is_sorted(rows_.begin(), rows_.end(), before))
-        std::stable_sort(rows_.begin(), rows_.end(), before);
+    sort_runs(rows_.begin(), rows_.end(), before);
 }
 
 void key_list::sort_unique() {

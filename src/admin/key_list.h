@@ -2,6 +2,7 @@
 // and a short row for each key.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,6 +24,15 @@ class byte_store {
     char *next_ = nullptr;
     size_t room_ = 0;
 };
+
+// Sorts what is usually one sorted list behind another, stably.
+template <typename iterator, typename order>
+void sort_runs(iterator begin, iterator end, const order &before) {
+    iterator second = std::is_sorted_until(begin, end, before);
+    if (second == end) return;
+    if (!std::is_sorted(second, end, before)) std::stable_sort(second, end, before);
+    std::inplace_merge(begin, second, end, before);
+}
 
 // Random access by number for a class that has size() and operator[].
 template <typename list>

@@ -78,11 +78,7 @@ void lock_list::add_all(const lock_list &more) {
 }
 
 void lock_list::sort() {
-    // Usually one sorted list behind another.
-    auto second = std::is_sorted_until(keys_.begin(), keys_.end(), lock_before);
-    if (!std::is_sorted(second, keys_.end(), lock_before))
-        std::sort(second, keys_.end(), lock_before);
-    std::inplace_merge(keys_.begin(), second, keys_.end(), lock_before);
+    sort_runs(keys_.begin(), keys_.end(), lock_before);
     keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
 }
 

@@ -28,13 +28,14 @@ static_assert(sizeof(row_head) == 8, "rows are read by other builds, too");
 using checksum = XXH64_hash_t;
 
 static size_t whole_key(std::string_view path, char *out) {
-    size_t last = path.npos;
-    for (size_t i = 0; i < path.size(); ++i) {
-        bool dot = path[i] == '.';
-        out[i] = dot ? INNER : path[i];
-        if (dot) last = i;
+    std::copy(path.begin(), path.end(), out);
+    char *last = nullptr, *from = out, *end = out + path.size();
+    while (void *dot = memchr(from, '.', static_cast<size_t>(end - from))) {
+        last = static_cast<char *>(dot);
+        *last = INNER;
+        from = last + 1;
     }
-    if (last != path.npos) out[last] = LAST;
+    if (last != nullptr) *last = LAST;
     return path.size();
 }
 

@@ -111,25 +111,22 @@ bool read_entry(std::string_view bytes, history_entry *out) {
 void change_recorder::note(std::string_view path, std::optional<std::string_view> before,
                            std::optional<std::string_view> after) {
     if (is_history(path)) return;
-    auto known = known_.find(path);
-    if (known == known_.end()) {
+    auto known = keys_.find(std::string(path));
+    if (known == keys_.end()) {
         constexpr size_t NUMBERS = 12;
         used_ += path.size() + before.value_or("").size() + NUMBERS;
         if (left_out_ > 0 || used_ + after.value_or("").size() > most_) {
             ++left_out_;
             return;
         }
-        key_values &fresh = keys_.emplace_back();
-        fresh.path = path;
-        if (before) fresh.before = *before;
-        known = known_.emplace(fresh.path, &fresh).first;
+        known = keys_.emplace(path, key_values{}).first;
+        if (before) known->second.before = *before;
     }
     used_ += after.value_or("").size();
-    known->second->after.reset();
-    if (after) known->second->after = *after;
+    known->second.after.reset();
+    if (after) known->second.after = *after;
     if (used_ <= most_) return;
-    known->second->after = known->second->before;  // which the entry leaves out
-    known_.erase(known);
+    keys_.erase(known);
     ++left_out_;
 }
 
@@ -151,12 +148,12 @@ static const std::string &user_name() {
 }
 
 std::string change_recorder::entry(uint64_t place) const {
-    std::vector<const key_values *> changed;
-    for (const key_values &one : keys_)
-        if (one.before != one.after) changed.push_back(&one);
+    std::vector<const decltype(keys_)::value_type *> changed;
+    for (const auto &one : keys_)
+        if (one.second.before != one.second.after) changed.push_back(&one);
     if (changed.size() + left_out_ == 0) return "";
     std::sort(changed.begin(), changed.end(),
-              [](const auto *a, const auto *b) { return a->path < b->path; });
+              [](const auto *a, const auto *b) { return a->first < b->first; });
     using namespace std::chrono;
     const auto now = duration_cast<microseconds>(system_clock::now().time_since_epoch());
     std::string out(1, ENTRY_FORMAT);
@@ -169,11 +166,12 @@ std::string change_recorder::entry(uint64_t place) const {
     add_number(&out, left_out_);
     add_number(&out, changed.size());
     out.reserve(out.size() + used_);
-    for (const key_values *one : changed) {
-        add_number(&out, (one->before ? 1U : 0U) + (one->after ? 2U : 0U));
-        add_text(&out, one->path);
-        if (one->before) add_text(&out, *one->before);
-        if (one->after) add_text(&out, *one->after);
+    for (const auto *one : changed) {
+        const auto &[path, values] = *one;
+        add_number(&out, (values.before ? 1U : 0U) + (values.after ? 2U : 0U));
+        add_text(&out, path);
+        if (values.before) add_text(&out, *values.before);
+        if (values.after) add_text(&out, *values.after);
     }
     return out;
 }

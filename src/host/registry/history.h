@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
@@ -52,13 +51,11 @@ class change_recorder {
 
   private:
     struct key_values {
-        std::string path;
         std::optional<std::string> before, after;
     };
 
     uint64_t most_, used_ = 0, left_out_ = 0;
-    std::deque<key_values> keys_;
-    std::unordered_map<std::string_view, key_values *> known_;  // by path
+    std::unordered_map<std::string, key_values> keys_;
 };
 
 // False if these are no bytes of an entry.
