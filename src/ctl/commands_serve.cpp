@@ -92,13 +92,17 @@ class cluster_reader {
         // Nobody waits long for a lock that somebody forgot.
         (void)keyview_host_set_lock_wait(std::min(LONGEST_LOCK_WAIT_MS, lock_wait_));
         const overview cluster = read_overview(library_, CANNOT_SERVE);
-        to->publish(
-            std::make_shared<const answer_map>(answers_of(cluster, library_.shared.registry)));
+        const entry_overview entries = read_entries(library_, CANNOT_SERVE);
+        to->publish(std::make_shared<const answer_map>(
+            answers_of(cluster, entries, library_.shared.registry)));
         to->counts->note_read(cluster);
         to->followers.publish("revision", cluster.revision, std::to_string(cluster.revision));
         known_ = cluster.revision;
         busy_ = std::any_of(cluster.databases.begin(), cluster.databases.end(),
                             [](const auto &one) { return one.code == EXIT_LOCK; });
+        for (const auto *records : {&entries.nodes, &entries.storage_managers})
+            for (const auto &one : *records)
+                busy_ = busy_ || (one.error && one.error->code == EXIT_LOCK);
     }
 
     // Until the end; the cluster was read once.

@@ -95,6 +95,92 @@ overview read_overview(const session &library, const char *what) {
     return out;
 }
 
+// ---- Beside the databases -----------------------------------------------------------------------
+
+// No list operation of the library covers these; their roots may be missing.
+static admin::key_map keys_of(const tool &shared, const char *root, reach depth) {
+    admin::key_map keys;
+    attempt("the names cannot be listed", shared.registry, [&] {
+        return admin::registry::open().read({{root, depth}}, &keys);
+    });
+    keys.erase(root);
+    return keys;
+}
+
+static std::string name_in(const std::string &path, const std::string &value) {
+    return value.empty() ? std::string(last_element(path)) : value.substr(0, value.find('\0'));
+}
+
+std::vector<listed_entry> list_nodes(const tool &shared) {
+    std::vector<listed_entry> nodes;
+    for (const auto &[path, value] : keys_of(shared, NODEAPPS_ROOT, reach::children))
+        nodes.push_back({"", std::string(last_element(path)), name_in(path, value)});
+    return nodes;
+}
+
+std::vector<listed_entry> list_storage_managers(const tool &shared) {
+    std::vector<listed_entry> entries;
+    for (const auto &[path, value] : keys_of(shared, STG_ROOT, reach::all_below)) {
+        const std::string_view scope = parent_path(path);
+        if (parent_path(scope) != STG_ROOT) continue;
+        entries.push_back({std::string(last_element(scope)), std::string(last_element(path)),
+                           name_in(path, value)});
+    }
+    return entries;
+}
+
+view names_view(const std::vector<listed_entry> &nodes) {
+    view_list names;
+    for (const listed_entry &one : nodes)
+        names.push_back({one.name});
+    return {std::move(names)};
+}
+
+view scopes_view(const std::vector<listed_entry> &storage_managers) {
+    view_list entries;
+    for (const listed_entry &one : storage_managers)
+        entries.push_back({view_fields{{"scope", {one.scope}}, {"name", {one.name}}}});
+    return {std::move(entries)};
+}
+
+// Reads each entry by the function, which returns its view or throws.
+static std::vector<entry_overview::record> read_each(
+    const session &library, const char *what, const std::vector<listed_entry> &entries,
+    const std::function<view(const listed_entry &)> &read) {
+    std::vector<entry_overview::record> out;
+    for (const listed_entry &one : entries) {
+        try {
+            out.push_back({one, read(one)});
+        } catch (const tool_error &error) {
+            if (error.code == EXIT_NOT_FOUND) continue;  // removed meanwhile
+            if (error.code == EXIT_LOCK) (void)keyview_host_set_lock_wait(0);
+            attempt(what, library.shared.registry,
+                    [] { return admin::registry::open().revision(); });
+            out.push_back({one, {}, error});
+        }
+    }
+    return out;
+}
+
+entry_overview read_entries(const session &library, const char *what) {
+    entry_overview out;
+    out.nodes = read_each(library, what, list_nodes(library.shared), [&](const auto &one) {
+        const auto found = library->fetch_nodeapps_config(one.element);
+        library.check_record(found.code(), "node " + one.name + " cannot be shown",
+                             std::string(NODEAPPS_ROOT) + "." + one.element);
+        return view_of(*found, output_format::json);
+    });
+    out.storage_managers =
+        read_each(library, what, list_storage_managers(library.shared), [&](const auto &one) {
+            const auto found = library->fetch_stg_config(one.scope, one.element);
+            library.check_record(found.code(),
+                                 "storage manager entry " + one.name + " cannot be shown",
+                                 std::string(STG_ROOT) + "." + one.scope + "." + one.element);
+            return view_of(*found, output_format::json);
+        });
+    return out;
+}
+
 // ---- Findings -----------------------------------------------------------------------------------
 
 std::string remedy_of(const admin::finding &found) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,34 @@ struct overview {
     admin::inspection_report lint;
 };
 overview read_overview(const session &library, const char *what);
+
+// ---- Beside the databases -----------------------------------------------------------------------
+
+// A node with applications, or a storage manager entry.
+struct listed_entry {
+    std::string scope;    // the element of its key; "" for a node
+    std::string element;  // of its key
+    std::string name;     // the registered one, where it can be read
+};
+std::vector<listed_entry> list_nodes(const tool &shared);
+std::vector<listed_entry> list_storage_managers(const tool &shared);
+
+// The lists as "list" has them.
+view names_view(const std::vector<listed_entry> &nodes);
+view scopes_view(const std::vector<listed_entry> &storage_managers);
+
+// Their records, as of about one moment.
+struct entry_overview {
+    struct record {
+        listed_entry of;
+        view fields;                           // as the command that shows it has them with -o json
+        std::optional<tool_error> error = {};  // why there are none
+    };
+    std::vector<record> nodes, storage_managers;
+};
+entry_overview read_entries(const session &library, const char *what);
+
+// ---- Views --------------------------------------------------------------------------------------
 
 // A row of "status", for people or for programs.
 view database_row(const listed_record &one, bool people);

@@ -104,7 +104,8 @@ class Answers(Served):
         self.store("DATABASE.DATABASES.sandbox.ROLE", b"MASTER\0")
         self.serve()
         rows = [("/v1/databases", "list", 0), ("/v1/status", "status", 0), ("/v1/lint", "lint", 8), ("/v1/version", "version", 0),
-                ("/v1/databases/SALES", "show sales", 0), ("/v1/databases/ledger", "show ledger", 0)]
+                ("/v1/databases/SALES", "show sales", 0), ("/v1/databases/ledger", "show ledger", 0), ("/v1/nodeapps", "list nodes", 0),
+                ("/v1/nodeapps/NODE1", "nodeapps node1", 0), ("/v1/stg", "list storage-managers", 0), ("/v1/stg/node1/stg1", "stg node1 stg1", 0)]
         rows = [(path, command.split(), code) for path, command, code in rows]
         rows += [("/v1/databases/" + urllib.parse.quote(one["name"], safe=""), ["show", one["name"]], 0)
                  for one in hostile.document()["databases"]]
@@ -146,18 +147,23 @@ class Answers(Served):
 
     def test_what_cannot_be_read_is_an_error(self):
         self.env["KEYVIEW_LOCK_WAIT"] = "0"
-        holder = subprocess.Popen([TOOL, "lock", "run", "LKRT.DATABASE.DATABASES.ledger", "--", "sh", "-c", "echo held; read end"], env=self.env,
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        held = {"/v1/databases/ledger": "LKRT.DATABASE.DATABASES.ledger", "/v1/nodeapps/node1": "LKRT.DATABASE.NODEAPPS.node1",
+                "/v1/stg/node1/stg1": "LKRT.STG.DATABASE.STG.node1.stg1"}
+        under = [word for lock in held.values() for word in (TOOL, "lock", "run", lock, "--")]
+        holder = subprocess.Popen(under + ["sh", "-c", "echo held; read end"], env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         holder.stdout.readline()
         self.serve()
-        error = json.loads(self.body("/v1/databases/ledger", 503))
-        VALIDATOR.validate(error)
-        self.assertEqual(error["error"], "lock")
+        for path in held:
+            error = json.loads(self.body(path, 503))
+            VALIDATOR.validate(error)
+            self.assertEqual(error["error"], "lock", path)
+        self.assertEqual(self.ask("/v1/stg/node2/stg2")[0], 200)
         rows = json.loads(self.body("/v1/status"))["databases"]
         self.assertEqual([row["error"] for row in rows if row["database"] == "ledger"], ["lock"])
         self.assertEqual(self.body("/readyz"), b"ok\n")
         holder.communicate(b"end\n")
-        self.wait_for("/v1/databases/ledger", 200)
+        for path in held:
+            self.wait_for(path, 200)
 
     def test_metrics_pass_the_checker_of_the_format(self):
         self.store("DATABASE.DATABASES.sandbox.ROLE", b"MASTER\0")

@@ -1,6 +1,7 @@
 // See answers.h.
 #include "ctl/serve/answers.h"
 
+#include <algorithm>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -11,7 +12,8 @@
 
 namespace keyview::ctl {
 
-static constexpr std::string_view DATABASES = "/v1/databases";
+static constexpr std::string_view DATABASES = "/v1/databases", NODES = "/v1/nodeapps",
+                                  STG = "/v1/stg";
 
 answer answer_of(const char *type, std::string body, unsigned status) {
     return {status, type, std::make_shared<const std::string>(std::move(body)), ""};
@@ -65,9 +67,26 @@ struct answer_maker {
     }
 };
 
+// The records of nodes or storage managers, under the elements of their keys.
+static void add_entries(const std::vector<entry_overview::record> &records, std::string_view head,
+                        const char *kind, answer_maker *out, std::vector<listed_entry> *listed) {
+    for (const entry_overview::record &one : records) {
+        listed->push_back(one.of);
+        std::string path = std::string(head) + "/";
+        if (!one.of.scope.empty()) path += one.of.scope + "/";
+        path += one.of.element;
+        if (one.error) {
+            out->add(path, error_answer(*one.error));
+        } else {
+            out->add_document(path, kind, {{"record", one.fields}});
+        }
+    }
+}
+
 }  // namespace
 
-answer_map answers_of(const overview &cluster, const std::string &registry_url) {
+answer_map answers_of(const overview &cluster, const entry_overview &entries,
+                      const std::string &registry_url) {
     answer_maker out = {{}, cluster.revision};
     const std::string data = page_data_of(cluster, registry_url);
     out.add("/page.json", answer_of(JSON, data));
@@ -85,19 +104,30 @@ answer_map answers_of(const overview &cluster, const std::string &registry_url) 
         }
     }
     out.add_document(std::string(DATABASES), "db_list", {{"db_list", {std::move(names)}}});
+    std::vector<listed_entry> nodes, storage_managers;
+    add_entries(entries.nodes, NODES, "prsr_nodeapps_cfg", &out, &nodes);
+    out.add_document(std::string(NODES), "node_list", {{"nodes", names_view(nodes)}});
+    add_entries(entries.storage_managers, STG, "prsr_stg_cfg", &out, &storage_managers);
+    out.add_document(std::string(STG), "stg_list",
+                     {{"storage_managers", scopes_view(storage_managers)}});
     out.add_document("/v1/status", "cluster_status", {{"databases", {std::move(rows)}}});
     out.add_document("/v1/lint", "lint", lint_view(cluster.lint));
     out.add_document("/v1/version", "version", {{"release", {std::string(KEYVIEW_VERSION)}}});
     return std::move(out.answers);
 }
 
+static bool names_record(const std::string &path) {
+    constexpr std::string_view HEADS[] = {DATABASES, NODES, STG};
+    return std::any_of(std::begin(HEADS), std::end(HEADS), [&](std::string_view head) {
+        return path.size() > head.size() && path.compare(0, head.size(), head) == 0 &&
+               path[head.size()] == '/';
+    });
+}
+
 answer find_answer(const answer_map &answers, const std::string &path) {
     auto found = answers.find(path);
-    const bool of_database =
-        path.compare(0, DATABASES.size() + 1, std::string(DATABASES) + "/") == 0;
-    if (found == answers.end() && of_database)  // in any case, as everywhere
-        found = answers.find(std::string(DATABASES) + "/" +
-                             element_of(path.substr(DATABASES.size() + 1)));
+    if (found == answers.end() && names_record(path))  // in any case, as everywhere
+        found = answers.find(element_of(path));
     if (found != answers.end()) return found->second;
     return error_answer(404, EXIT_NOT_FOUND, "there is nothing under this path");
 }

@@ -27,7 +27,8 @@ constexpr const char *JSON = "application/json";
 
 // By the path of the request.
 using answer_map = std::map<std::string, answer>;
-answer_map answers_of(const overview &cluster, const std::string &registry_url);
+answer_map answers_of(const overview &cluster, const entry_overview &entries,
+                      const std::string &registry_url);
 
 // The answer to a path; an unknown one is an error, too.
 answer find_answer(const answer_map &answers, const std::string &path);
