@@ -39,6 +39,8 @@
 namespace keyview::test {
 
 static constexpr int64_t LOCK_WAIT_MS = 4000;
+static constexpr int32_t GIVEN_UP =
+    -1;  // what took too long, for a client that then calls it undone
 static constexpr int COUNTERS = 4;
 static constexpr int NARROW = 3,
                      WIDE = 150;  // instances of a record; more than a transaction holds
@@ -161,7 +163,9 @@ class mixed_client {
     void step() {
         epoch_now_ = numbered("e", *epoch_) + "-";
         // Without a lock, whose request would be the one that is lost.
-        const int row = has("failed-is-undone") ? 3 : any_of(10);
+        const bool plain =
+            has("failed-is-undone") || has("failed-is-done") || has("reads-own-member");
+        const int row = plain ? 3 : has("gives-up") ? 5 : any_of(10);
         if (row < static_cast<int>(std::size(KINDS))) return use(KINDS[row]);
         section(epoch_now_ + numbered("c", any_of(COUNTERS)));
     }
@@ -197,9 +201,9 @@ class mixed_client {
         const std::string database = epoch_now_ + one.database;
         const std::string what = database + "." + one.name;
         if (any_of(100) < 55) {
-            std::string value;
+            std::string value = std::exchange(believed_[what], "");
             begin(what, 'r', "");
-            bool done = (this->*one.get)(database, &value) == 0;
+            bool done = !value.empty() || (this->*one.get)(database, &value) == 0;
             if (!done) recover();
             if (done && has("stale-read") && now_and_then() && !seen_[what].empty())
                 value = seen_[what];
@@ -211,14 +215,19 @@ class mixed_client {
         std::string value = one.values > 0 ? std::to_string(any_of(one.values)) : own_value();
         begin(what, 'w', value);
         if (has("lost-write") && now_and_then()) return end("ok", value);
-        bool done = (this->*one.set)(database, value) == 0;
+        const int32_t rc = (this->*one.set)(database, value);
+        const bool done = rc == 0;
         if (!done) recover();
-        end(done ? "ok" : failed(), value);
+        if (!done && has("failed-is-done")) believed_[what] = value;
+        end(done ? "ok" : failed(rc), value);
         if (done && one.locks) report_.line("L");
     }
 
-    // A write that failed may still take place, unless the client believes the opposite.
-    const char *failed() const { return has("failed-is-undone") ? "no" : "open"; }
+    // A write that failed may still take place, unless the client believes otherwise.
+    const char *failed(int32_t rc) const {
+        if (has("failed-is-undone") || rc == GIVEN_UP) return "no";
+        return has("failed-is-done") ? "ok" : "open";
+    }
 
     // What an administrator does if a writer died, or was stopped, within a large change.
     void recover() {
@@ -264,12 +273,34 @@ class mixed_client {
         return apply_all(registry_, {{path_of(database, KEY_DOMAIN), value}}, nullptr);
     }
     int32_t get_domain(const std::string &database, std::string *value) {
+        if (has("reads-own-member")) return read_own_member(path_of(database, KEY_DOMAIN), value);
         char *domain = nullptr;
         int32_t rc = prsr_get_domain(status(), ctx(), database.c_str(), &domain);
         if (rc != PRSR_SUCCESS) return rc;
         *value = domain;
         (void)prsr_free_domain(ctx(), domain);
         return rc;
+    }
+
+    // As the first member of the URL has it, which does not ask the others.
+    static int32_t read_own_member(const std::string &path, std::string *value) {
+        const std::string url = getenv("KEYVIEW_REGISTRY");
+        const size_t host = url.find("//") + 2, prefix = url.find('/', host);
+        std::string key = url.substr(prefix) + "/kv/\\00" +
+                          std::to_string(1 + std::count(path.begin(), path.end(), '.'));
+        for (const char c : path + ".")
+            key += c == '.' ? "\\001" : std::string(1, c);
+        const std::string command =
+            "ETCDCTL_API=3 etcdctl get --consistency=s --print-value-only "
+            "--endpoints=" +
+            url.substr(host, url.find_first_of(",/", host) - host) + " \"$(printf '" + key +
+            "')\" 2>/dev/null";
+        char read[128] = "";
+        FILE *answer = popen(command.c_str(), "r");
+        const bool any = answer != nullptr && fread(read, 1, sizeof(read) - 1, answer) > 0;
+        const bool done = answer != nullptr && pclose(answer) == 0 && any;
+        *value = read;
+        return done ? PRSR_SUCCESS : PRSR_ERR_REGISTRY;
     }
 
     int32_t set_record(const std::string &database, const std::string &version) {
@@ -290,7 +321,10 @@ class mixed_client {
             usleep(50000);
             all = half;
         }
+        const auto begun = std::chrono::system_clock::now();
         if (rc == 0) rc = apply_all(registry_, all, lock);
+        if (has("gives-up") && std::chrono::system_clock::now() - begun > std::chrono::milliseconds(750))
+            rc = GIVEN_UP;
         keyview_lock_release(lock);
         return rc;
     }
@@ -397,7 +431,8 @@ class mixed_client {
     std::unique_ptr<context> context_;
     const volatile int *epoch_ = nullptr;
     std::string epoch_now_;
-    std::map<std::string, std::string> seen_;  // of a client that reads what was
+    std::map<std::string, std::string> seen_;      // of a client that reads what was
+    std::map<std::string, std::string> believed_;  // of one that reads what it failed to write
     int values_ = 0;
 };
 

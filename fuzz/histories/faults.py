@@ -172,14 +172,17 @@ OF_MEMBERS = {
 KINDS = {**OF_CLIENTS, **OF_MEMBERS}
 
 
-def plan(seed: int, seconds: float, kinds: list[str], clients: list[int], members: int) -> list[Fault]:
-    """Many faults of clients at once, but one for each; those of members one after the other."""
+def plan(seed: int, seconds: float, kinds: list[str], clients: list[int], members: int,
+         harmed: list[int]) -> list[Fault]:
+    """Many faults of clients at once, but one for each; those of members one after the other. Members other than
+    those that are to be harmed, if there are such, have none."""
     chance = random.Random(seed)
     found = []
     busy = dict.fromkeys(clients, 0.0)
     at = 0.5
     while at < seconds and (some := [kind for kind in OF_CLIENTS if kind in kinds]):
         kind, client, member = chance.choice(some), chance.choice(clients), chance.randrange(max(1, members))
+        member = chance.choice(harmed) if harmed else member
         length = chance.uniform(KINDS[kind].shortest, KINDS[kind].longest)
         if busy[client] <= at:
             busy[client] = at + length + 0.5
@@ -189,6 +192,9 @@ def plan(seed: int, seconds: float, kinds: list[str], clients: list[int], member
     while at < seconds and (some := [kind for kind in OF_MEMBERS if kind in kinds]):
         kind = chance.choice(some)
         member, other = chance.sample(range(members), 2)
+        if harmed:
+            member = chance.choice(harmed)
+            other = chance.choice([n for n in range(members) if n != member])
         length = chance.uniform(KINDS[kind].shortest, KINDS[kind].longest)
         found.append(Fault(at, kind, 0, member, other, length))
         at += length + SETTLE_S

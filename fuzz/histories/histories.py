@@ -33,18 +33,26 @@ LONGEST_CALL_S = 12.0
 
 
 class Plant(NamedTuple):
-    """A fault on purpose: in every third client of a role, or in how a member is replaced. What brings it to
-    light, and the check that must find it."""
+    """A fault on purpose: in every third client of a role, or in how a member is replaced. Each kind that brings
+    it to light, and the check that must find it."""
     role: str
     kinds: list[str]
     check: str
 
 
 LOST_ANSWERS = ["answers of a member lost", "answers of all members lost"]
+REFUSALS = ["client cut from a member", "client cut from all members", "requests to a member lost", "member killed",
+            "member stopped", "member heard by no member", "no majority", "disk of a member full",
+            "lossy link to all members", "lossy links of a member"]
+PARTITIONS = ["member cut from a member", "member cut from all members", "member hears no member"]
+DELAYS = ["client's clock an hour ahead", "slow link of a client", "slow link of a member"]
 PLANTS = {
     "stale-read": Plant("mixed", [], "linearizability"),
     "lost-write": Plant("mixed", [], "linearizability"),
     "failed-is-undone": Plant("mixed", LOST_ANSWERS, "linearizability"),
+    "failed-is-done": Plant("mixed", REFUSALS, "linearizability"),
+    "reads-own-member": Plant("mixed", PARTITIONS, "linearizability"),
+    "gives-up": Plant("mixed", DELAYS, "linearizability"),
     "forgetful-member": Plant("member", ["member replaced"], "exclusion"),
     "no-lock": Plant("mixed", [], "exclusion"),
     "forgets-loss": Plant("mixed", ["client stopped"], "exclusion"),
@@ -56,6 +64,7 @@ PLANTS = {
     "swaps-changes": Plant("watch", [], "watch"),
     "hides-gap": Plant("watch", ["compaction in mid-watch"], "watch"),
 }
+assert {kind for plant in PLANTS.values() for kind in plant.kinds} == set(faults.KINDS), "each kind is proven"
 
 
 class Run:
@@ -83,11 +92,13 @@ class Run:
             self.all_changes = Report(directory + "/changes")
             subprocess.Popen([self.program("changes"), self.url, self.all_changes.path], env=self.environment)
         self.clients: list[Client] = []
+        self.harmed: list[int] = []  # members: those of clients with a fault on purpose, else any
         for role, seats in (("mixed", MIXED), ("watch", WATCHES if network else ())):
             for number, known in enumerate(seats):
                 url = self.members.url(known) if network else self.url
                 mine = [name for name in planted if PLANTS[name].role == role and number % 3 == 0]
                 self.clients.append(Client(self, role, number, url, mine))
+                self.harmed += known[:1] if mine else []
 
     def program(self, name: str) -> str:
         return f"{self.build}/bin/histories_{name}"
@@ -153,9 +164,9 @@ class Run:
             else:
                 self.check(f"e{epoch}-")
 
-        # Who has a fault on purpose is the one to be harmed.
+        # A client with a fault on purpose is the one to be harmed, and its first member.
         victims = [n for n, one in enumerate(self.clients) if one.planted] or list(range(len(self.clients)))
-        for one in faults.plan(self.seed, seconds, kinds, victims, self.members.count):
+        for one in faults.plan(self.seed, seconds, kinds, victims, self.members.count, self.harmed):
             later(one.at, lambda one=one: begin(one))  # type: ignore[misc]
         later(epoch_s, end_epoch)
         wanted = {PLANTS[name].check for name in self.planted}

@@ -129,14 +129,13 @@ class Members:
     # ---- Disks ----
 
     def fill_disk(self, n: int) -> None:
-        with open(f"{self.disk(n)}/filler", "wb") as file:
-            block = b"\0" * (1 << 20)
-            try:
+        block = b"\0" * (1 << 20)
+        try:
+            with open(f"{self.disk(n)}/filler", "wb", buffering=0) as file:
                 while True:
                     file.write(block)
-                    file.flush()
-            except OSError:
-                pass
+        except OSError:
+            pass
 
     def free_disk(self, n: int) -> None:
         try:

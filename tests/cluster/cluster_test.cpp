@@ -345,6 +345,27 @@ TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksWork) {
     EXPECT_TRUE(mine.keys->set("a.b", "new", again.get()));
 }
 
+// Its lease is revoked, so that its entry is gone when the lock becomes free: it waits in the queue anew.
+TEST_F(Cluster, AWaiterWithoutItsEntryIsNotGranted) {
+    mine.keys->apply({put("a.b", "old")});
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    std::thread waiter([&] {
+        auto lock = take(theirs, lock_mode::exclusive, DEADLINE_MS);
+        EXPECT_TRUE(lock->still_held());
+        EXPECT_NO_THROW(theirs.keys->set("a.b", "new", lock.get()));
+    });
+    while (mine.locks->users({}).size() < 2)
+        usleep(10000);
+    const std::string tool =
+        "ETCDCTL_API=3 etcdctl --endpoints=" + shared_members().address(0) + " ";
+    run("lease=$(" + tool + "get --prefix " + prefix +
+        "/lk/ --sort-by=CREATE -w fields | sed -n 's/\"Lease\" : //p' | tail -n 1); " + tool +
+        "lease revoke $(printf %x $lease)");
+    held.reset();
+    waiter.join();
+    EXPECT_EQ(value_at(mine, "a.b"), "new");
+}
+
 // The pieces of a large change set do not move the revision of the tree.
 TEST_F(Cluster, ACompactedPieceIsAGap) {
     connection calls(settings_of(other_url()));

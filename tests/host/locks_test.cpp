@@ -1,8 +1,11 @@
 // Named locks: which modes exclude each other, across threads, contexts and processes, and what
 // death does.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -136,6 +139,48 @@ TEST_F(Locks, AWrongNoteNamesNobodyAndDecidesNothing) {
     at.holder->store(sound);
     EXPECT_TRUE(is_free());
     EXPECT_EQ(at.holder->load(), 0U) << "one's own goes with the lock";
+}
+
+// The descriptor belongs to no process until it is received.
+static void send_descriptor(int to, int fd) {
+    char byte = 0;
+    iovec data = {&byte, 1};
+    alignas(cmsghdr) char space[CMSG_SPACE(sizeof(fd))] = {};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = space;
+    message.msg_controllen = sizeof(space);
+    cmsghdr *rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(fd));
+    memcpy(CMSG_DATA(rights), &fd, sizeof(fd));
+    ASSERT_EQ(sendmsg(to, &message, 0), 1);
+    ::close(fd);
+}
+
+// As that of a process in another container.
+TEST_F(Locks, AHolderThatNoProcessShowsIsListed) {
+    shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
+    for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        int fd = ::open((directory + "/locks").c_str(), O_RDWR | O_CLOEXEC);
+        struct flock range = range_at(offsets_of(NAME, &words).byte, 1,
+                                      mode == lock_mode::shared ? F_RDLCK : F_WRLCK);
+        ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &range), 0);
+        send_descriptor(ends[0], fd);
+        std::vector<lock_use> users = registry.locks->users({"LKRT.none", NAME});
+        ASSERT_EQ(users.size(), 1U);
+        EXPECT_EQ(users[0].name, NAME);
+        EXPECT_EQ(users[0].mode, mode);
+        EXPECT_FALSE(users[0].waits);
+        EXPECT_EQ(users[0].holder, "");
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+    EXPECT_TRUE(is_free());
 }
 
 TEST_F(Locks, DifferentNamesNeverTouch) {
