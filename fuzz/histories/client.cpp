@@ -323,7 +323,8 @@ class mixed_client {
         }
         const auto begun = std::chrono::system_clock::now();
         if (rc == 0) rc = apply_all(registry_, all, lock);
-        if (has("gives-up") && std::chrono::system_clock::now() - begun > std::chrono::milliseconds(750))
+        if (has("gives-up") &&
+            std::chrono::system_clock::now() - begun > std::chrono::milliseconds(750))
             rc = GIVEN_UP;
         keyview_lock_release(lock);
         return rc;
