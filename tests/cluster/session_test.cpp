@@ -58,4 +58,17 @@ TEST(Session, AnEntryIsNeverLostToAnotherThread) {
         EXPECT_TRUE(sessions[0]->lives(*leases[i])) << i;
 }
 
+// A request that is carried out late creates no entry then.
+TEST(Session, AClosedLeaseEndsWithItsLastEntry) {
+    session mine(settings_of(shared_members().url(fresh_prefix())));
+    const steady::time_point end = mine.calls().answer_end();
+    const auto first = mine.add_entry(end), second = mine.add_entry(end);
+    ASSERT_EQ(first, second) << "under one lease";
+    mine.close(first.get());
+    mine.release(mine.unique_name(), first);
+    EXPECT_TRUE(mine.lives(*second));
+    mine.release(mine.unique_name(), second);
+    EXPECT_FALSE(mine.lives(*second));
+}
+
 }  // namespace keyview::test
