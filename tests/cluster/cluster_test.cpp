@@ -10,7 +10,6 @@
 #include "../host/process.h"
 #include "../host/store_test.h"
 #include "cluster/etcd_locks.h"
-#include "cluster/faults.h"
 #include "host/registry/history.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
@@ -388,23 +387,6 @@ TEST_F(Cluster, ACompactedPieceIsAGap) {
     faults.before_step = nullptr;
     expect_failure([&] { theirs.keys->changes_since("a", begun, std::chrono::milliseconds(300)); },
                    failure::changed, "keeps its changes", 1);
-}
-
-// Runs a change set or its recovery and stops it after so many steps, as if it were killed. Returns
-// whether it ended earlier.
-template <typename work>
-static bool stop_after(int steps, work &&body) {
-    auto outer = std::exchange(faults.before_step, [&] {
-        if (steps-- == 0) throw std::bad_alloc();
-    });
-    bool ended = true;
-    try {
-        body();
-    } catch (const std::bad_alloc &) {
-        ended = false;
-    }
-    faults.before_step = std::move(outer);
-    return ended;
 }
 
 // One recovery pauses at each of its steps while another one in the other direction is stopped at

@@ -8,9 +8,11 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "../host/registry.h"
 #include "cluster/cluster.h"
+#include "cluster/faults.h"
 #include "members.h"
 
 namespace keyview::test {
@@ -65,6 +67,23 @@ double seconds_of(work &&body) {
 inline std::string value_at(const backend &registry, const std::string &path) {
     std::string value;
     return registry.keys->now()->read(path, &value) ? value : "(none)";
+}
+
+// Runs a change set or its recovery and stops it after so many steps, as if it were killed. Returns
+// whether it ended earlier.
+template <typename work>
+bool stop_after(int steps, work &&body) {
+    auto outer = std::exchange(faults.before_step, [&] {
+        if (steps-- == 0) throw std::bad_alloc();
+    });
+    bool ended = true;
+    try {
+        body();
+    } catch (const std::bad_alloc &) {
+        ended = false;
+    }
+    faults.before_step = std::move(outer);
+    return ended;
 }
 
 // Expects a failure with that text within the answer wait and what a busy machine adds. Without an answer

@@ -129,13 +129,12 @@ TEST_F(Embedded, OnlyASetGroupIdDirectoryGivesRightsWhateverTheUmask) {
     static constexpr struct {
         mode_t directory, files;  // 0: the directory does not exist
     } ROWS[] = {{0, 0600}, {0700, 0600}, {0755, 0600}, {0770, 0600}, {02770, 0660}, {02775, 0660}};
-    std::string memory = "/dev/shm/keyview-XXXXXX";
-    ASSERT_NE(mkdtemp(memory.data()), nullptr);
+    const scratch_directory memory("/dev/shm");
     for (mode_t mask = 0; mask <= 0100; ++mask) {
         for (const auto &row : ROWS) {
             SCOPED_TRACE(testing::Message()
                          << std::oct << "umask " << mask << ", " << row.directory);
-            std::string made = memory + "/u";
+            std::string made = memory.path + "/u";
             if (row.directory != 0) {
                 fs::create_directory(made);
                 ASSERT_EQ(chmod(made.c_str(), row.directory), 0);
@@ -156,7 +155,6 @@ TEST_F(Embedded, OnlyASetGroupIdDirectoryGivesRightsWhateverTheUmask) {
             fs::remove_all(made);
         }
     }
-    fs::remove(memory);
 }
 
 TEST_F(Embedded, DoctorReportsFilesThatOthersMayUse) {

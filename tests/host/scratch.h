@@ -9,14 +9,15 @@
 namespace keyview::test {
 
 struct scratch_directory {
-    scratch_directory() {
+    explicit scratch_directory(const std::string &parent = std::filesystem::temp_directory_path())
+        : path(parent + "/keyview-XXXXXX") {
         if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
     }
     scratch_directory(const scratch_directory &) = delete;
     scratch_directory &operator=(const scratch_directory &) = delete;
     ~scratch_directory() { std::filesystem::remove_all(path); }
 
-    std::string path = (std::filesystem::temp_directory_path() / "keyview-XXXXXX").string();
+    std::string path;
 };
 
 }  // namespace keyview::test

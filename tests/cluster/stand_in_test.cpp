@@ -1,0 +1,319 @@
+// A member between the module and a real one that fails or changes one answer of each work.
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "cluster/etcd.grpc.pb.h"
+#include "cluster/request.h"
+#include "host/registry/history.h"
+#include "host/registry/snapshot.h"
+#include "shared.h"
+
+namespace keyview::test {
+
+using grpc::StatusCode;
+
+// What is done to one answer.
+struct bad_answer {
+    const char *label;
+    bool carried_out;     // the call
+    grpc::Status status;  // in place of the answer; OK: it is changed
+    void (*change)(wire::TxnResponse *) = nullptr;
+    bool passes = false;  // another try has the answer
+};
+
+// Forwards calls, on two ports as two members do.
+class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
+  public:
+    explicit stand_in(const std::string &member)
+        : channel_(grpc::CreateChannel(member, grpc::InsecureChannelCredentials())) {
+        int ports[2];
+        grpc::ServerBuilder builder;
+        for (int &port : ports)
+            builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+        builder.RegisterService(static_cast<wire::KV::Service *>(this));
+        builder.RegisterService(static_cast<wire::Lease::Service *>(this));
+        builder.RegisterService(static_cast<wire::Watch::Service *>(this));
+        server_ = builder.BuildAndStart();
+        url = "etcd://127.0.0.1:" + std::to_string(ports[0]) +
+              ",127.0.0.1:" + std::to_string(ports[1]);
+    }
+
+    std::string url;
+    bad_answer bad;
+    std::atomic<int> left{0};  // calls until the bad answer
+    std::function<void()> at_watch;
+
+  private:
+    template <typename stub, typename question, typename answer>
+    grpc::Status forward(stub *to,
+                         grpc::Status (stub::*rpc)(grpc::ClientContext *, const question &,
+                                                   answer *),
+                         const question *asked, answer *out) {
+        const bool now = --left == 0;
+        if (now && !bad.carried_out) return bad.status;
+        grpc::ClientContext context;
+        const grpc::Status status = (to->*rpc)(&context, *asked, out);
+        if (!now) return status;
+        if constexpr (std::is_same_v<answer, wire::TxnResponse>)
+            if (bad.change != nullptr) bad.change(out);
+        return bad.status;
+    }
+
+    grpc::Status Txn(grpc::ServerContext *, const wire::TxnRequest *asked,
+                     wire::TxnResponse *out) override {
+        return forward(&keys_, &wire::KV::Stub::Txn, asked, out);
+    }
+    grpc::Status LeaseGrant(grpc::ServerContext *, const wire::LeaseGrantRequest *asked,
+                            wire::LeaseGrantResponse *out) override {
+        return forward(&leases_, &wire::Lease::Stub::LeaseGrant, asked, out);
+    }
+    grpc::Status LeaseRevoke(grpc::ServerContext *, const wire::LeaseRevokeRequest *asked,
+                             wire::LeaseRevokeResponse *out) override {
+        return forward(&leases_, &wire::Lease::Stub::LeaseRevoke, asked, out);
+    }
+    grpc::Status Watch(
+        grpc::ServerContext *from,
+        grpc::ServerReaderWriter<wire::WatchResponse, wire::WatchRequest> *here) override {
+        wire::WatchRequest asked;
+        wire::WatchResponse one;
+        auto context = grpc::ClientContext::FromServerContext(*from);
+        auto there = watches_.Watch(context.get());
+        if (here->Read(&asked)) there->Write(asked);
+        if (at_watch) std::exchange(at_watch, nullptr)();
+        if (--left == 0) return bad.status;
+        while (there->Read(&one) && here->Write(one))
+            continue;
+        context->TryCancel();
+        return there->Finish();
+    }
+
+    std::shared_ptr<grpc::Channel> channel_;
+    wire::KV::Stub keys_{channel_};
+    wire::Lease::Stub leases_{channel_};
+    wire::Watch::Stub watches_{channel_};
+    std::unique_ptr<grpc::Server> server_;
+};
+
+// ---- Works --------------------------------------------------------------------------------------
+
+class StandIn : public testing::Test {
+  protected:
+    static constexpr uint32_t WAIT_MS = 5000;
+    static constexpr model::lock_cover PART{"a", reach::all_below};
+
+    // Returns what it read, which no bad answer that passes may change.
+    struct work {
+        const char *label;
+        std::function<std::string(const backend &)> run;
+        bool half_applied = false;  // an earlier change set
+    };
+
+    static std::vector<change> many() {
+        std::vector<change> all = {removal("a.c")};
+        for (int n = 0; n < 150; ++n)  // more than a transaction holds
+            all.push_back(put("a.k" + std::to_string(n), "new"));
+        return all;
+    }
+
+    static std::string tree_of(const backend &from) {
+        snapshot all("a", reach::all_below);
+        std::string out;
+        if (!from.keys->now()->copy("a", reach::all_below, &all)) return "none";
+        for (uint32_t n = 0; n < all.size(); ++n)
+            out += std::string(all.path(n)) + "=" + std::string(all.value(n)) + "\n";
+        return out;
+    }
+
+    std::string changes_of(const backend &from) const {
+        std::string out;
+        from.keys->history(begun, [&](const history_entry &one) {
+            out += " " + std::to_string(one.changes.size());
+            return true;
+        });
+        return out;
+    }
+
+    static std::string counts_of(const change_counts &all) {
+        return std::to_string(all.created) + "+" + std::to_string(all.replaced) + "-" +
+               std::to_string(all.removed);
+    }
+
+    // What a sound member has: the tree, and the sizes of the changes since the begin of the work.
+    std::string state() const { return tree_of(sound) + changes_of(sound); }
+
+    void begin(bool half_applied) {
+        sound.keys->finish_apply(finish::undo);
+        sound.keys->apply({removal("a"), put("a.b", "0")});
+        begun = sound.keys->now()->current().tree;
+        sound.keys->apply({put("a.b", "old"), put("a.c.d", "deep")});
+        before = state();
+        if (half_applied) stop_after(1, [&] { sound.keys->apply(many()); });
+    }
+
+    // "" after a failure, which has a text.
+    std::string run(const work &one, bool fails) {
+        std::string text;
+        try {
+            return one.run(open_cluster(member.url + prefix, open_mode::existing)) + ".";
+        } catch (const host_error &error) {
+            text = error.what();
+        }
+        member.at_watch = nullptr;
+        EXPECT_TRUE(fails && !text.empty()) << text;
+        return "";
+    }
+
+    const setting limit{"KEYVIEW_HISTORY", "2560"};  // ten entries
+    scratch_directory memory{"/dev/shm"};            // some thousand writes
+    etcd_members real{1, {"--data-dir=" + memory.path + "/m"}};
+    stand_in member{real.address(0)};
+    const std::string prefix = "/test";
+    backend sound = open_cluster(real.url(prefix));
+    uint64_t begun = 0;
+    std::string before;
+
+    const std::vector<work> WORKS = {
+        {"open", [&](const backend &) { return open_cluster(member.url + fresh_prefix()), ""; }},
+        {"read", [](const backend &mine) { return value_at(mine, "a.b") + tree_of(mine); }},
+        {"set",
+         [](const backend &mine) { return mine.keys->set("a.b", "new", nullptr) ? "1" : "0"; }},
+        {"set under a lock",
+         [](const backend &mine) {
+             auto held = mine.locks->acquire("LKRT.a", lock_mode::exclusive, 0, PART);
+             return mine.keys->set("a.b", "new", held.get()) ? "1" : "0";
+         }},
+        {"apply under a lock",
+         [](const backend &mine) {
+             auto held = mine.locks->acquire("LKRT.a", lock_mode::exclusive, 0, PART);
+             return counts_of(mine.keys->apply({removal("a.c")}, {{held.get()}, 0}));
+         }},
+        {"wait for a lock",
+         [&](const backend &mine) {
+             auto theirs = sound.locks->acquire("LKRT.a", lock_mode::exclusive, 0);
+             member.at_watch = [&] { theirs.reset(); };
+             auto held = mine.locks->acquire("LKRT.a", lock_mode::shared, WAIT_MS, PART);
+             auto seen = held->as_of_grant();
+             std::string value;
+             return seen != nullptr && !seen->read("a.b", &value) ? "none" : "";
+         }},
+        {"list and take all locks",
+         [](const backend &mine) {
+             auto all = mine.locks->acquire_all(WAIT_MS);
+             auto users = mine.locks->users({});
+             return users.empty() ? std::string() : users[0].name;
+         }},
+        {"apply",
+         [](const backend &mine) {
+             return counts_of(mine.keys->apply({put("a.b", "new"), removal("a.c"), put("a.x.y")}));
+         }},
+        {"apply in pieces",
+         [](const backend &mine) { return counts_of(mine.keys->apply(many())); }},
+        {"resume",
+         [](const backend &mine) { return mine.keys->finish_apply(finish::resume) ? "1" : "0"; },
+         true},
+        {"undo",
+         [](const backend &mine) { return mine.keys->finish_apply(finish::undo) ? "1" : "0"; },
+         true},
+        {"follow",
+         [&](const backend &mine) {
+             const std::string changes = changes_of(mine);
+             change_batch seen;
+             while (seen.changes.empty())
+                 seen = mine.keys->changes_since("a", begun, std::chrono::milliseconds(WAIT_MS))
+                            .value();
+             return changes + " " + std::to_string(seen.changes.size());
+         }},
+        {"check",
+         [&](const backend &) {
+             std::string found;
+             auto counts = KEYVIEW_BACKEND_KIND.check(
+                 member.url + prefix, [&](auto &path, auto &reason) { found += path + reason; },
+                 [](auto, auto) {});
+             return found + std::to_string(counts.keys);
+         }},
+    };
+};
+
+static void without_keys(wire::TxnResponse *out) {
+    for (auto &one : *out->mutable_responses())
+        one.mutable_response_range()->clear_kvs();
+}
+static void without_revisions(wire::TxnResponse *out) {
+    for (auto &one : *out->mutable_responses())
+        for (auto &key : *one.mutable_response_range()->mutable_kvs()) {
+            key.set_create_revision(0);
+            key.set_mod_revision(0);
+        }
+}
+static void with_other_values(wire::TxnResponse *out) {
+    for (auto &one : *out->mutable_responses())
+        for (auto &key : *one.mutable_response_range()->mutable_kvs())
+            key.set_value("odd");
+}
+static void with_the_other_outcome(wire::TxnResponse *out) {
+    out->set_succeeded(!out->succeeded());
+}
+
+// The answer to each call of each work is lost once, and is another bad one once. A work whose call can be
+// repeated ends as if nothing had happened, its entry in the history included; another one is done or
+// not. Whatever an answer contained, the next program can do the work.
+TEST_F(StandIn, OneBadAnswerChangesNothing) {
+    const bad_answer ROWS[] = {
+        {"lost", true, {StatusCode::UNAVAILABLE, "x"}, nullptr, true},
+        {"lost at the end", true, {StatusCode::CANCELLED, "x"}, nullptr, true},
+        {"broken off", true, {StatusCode::INTERNAL, "x"}, nullptr, true},
+        {"dropped", false, {StatusCode::UNKNOWN, "x"}, nullptr, true},
+        {"stopped", false, {StatusCode::ABORTED, "x"}, nullptr, true},
+        {"too many", false, {StatusCode::RESOURCE_EXHAUSTED, "too many requests"}, nullptr, true},
+        {"no lease", false, {StatusCode::NOT_FOUND, "requested lease not found"}},
+        {"a lease", false, {StatusCode::FAILED_PRECONDITION, "lease already exists"}},
+        {"compacted", false, {StatusCode::OUT_OF_RANGE, "revision has been compacted"}},
+        {"full", false, {StatusCode::RESOURCE_EXHAUSTED, "database space exceeded"}},
+        {"denied", false, {StatusCode::PERMISSION_DENIED, "permission denied"}},
+        {"no login", false, {StatusCode::UNAUTHENTICATED, "x"}},
+        {"old login", false, {StatusCode::INVALID_ARGUMENT, "revision of auth store is old"}},
+        {"corrupt", false, {StatusCode::DATA_LOSS, "corrupt cluster"}},
+        {"odd", false, {StatusCode::OUT_OF_RANGE, "x"}},
+        {"without keys", true, {}, without_keys},
+        {"without revisions", true, {}, without_revisions},
+        {"with other values", true, {}, with_other_values},
+        {"with the other outcome", true, {}, with_the_other_outcome}};
+    size_t next = 0;
+    int answers = 0;
+    for (const work &one : WORKS) {
+        SCOPED_TRACE(one.label);
+        begin(one.half_applied);
+        member.left = 0;
+        const std::string result = run(one, false), after = state();
+        const int calls = -member.left;
+        ASSERT_GT(calls, 0);
+        for (int n = 0; n < 2 * calls; ++n) {
+            const int call = n / 2 + 1;
+            member.bad = ROWS[n % 2 == 0 ? 0 : next++ % std::size(ROWS)];
+            SCOPED_TRACE(member.bad.label + (", call " + std::to_string(call)));
+            begin(one.half_applied);
+            member.left = call;
+            const std::string out = run(one, !member.bad.passes);
+            answers += member.left.exchange(0) <= 0;
+            if (out.empty()) {
+                sound.keys->finish_apply(finish::undo);
+                const std::string then = state();
+                EXPECT_TRUE(then == before || then == after) << then;
+            } else if (member.bad.change == nullptr) {
+                EXPECT_EQ(out, result);
+                EXPECT_EQ(state(), after);
+            }
+            if (HasFailure()) return;
+        }
+    }
+    EXPECT_GT(answers, 100);
+}
+
+}  // namespace keyview::test
