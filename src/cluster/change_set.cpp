@@ -125,8 +125,11 @@ class marked_run {
         if (range_in(response, 0).kvs_size() > 0 && found.ParseFromString(value_in(response, 0)))
             return found;
         throw host_error(failure::content,
-                         "the journal of the change set is damaged: apply the whole document anew, "
-                         "or restore a backup (\"keyviewctl restore FILE --force\")");
+                         "the journal of the change set is damaged: recover it in the other "
+                         "direction; if that fails, too, delete the key " +
+                             cluster_->keys().marker() +
+                             " (etcdctl del) and restore a backup (\"keyviewctl restore FILE "
+                             "--force\")");
     }
 
     // A writer of an earlier release left none.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "../host/process.h"
 #include "../host/store_test.h"
 #include "cluster/etcd_locks.h"
+#include "cluster/journal.pb.h"
 #include "host/registry/history.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
@@ -33,6 +35,25 @@ class Cluster : public testing::Test {
     std::string other_url() const {
         const etcd_members &all = shared_members();
         return "etcd://" + all.address(2) + "," + all.address(0) + "," + all.address(1) + prefix;
+    }
+
+    // Stores or removes a key below the prefix, or all that begin with it.
+    void store_raw(const std::string &key, const std::optional<std::string> &value,
+                   bool all = false) {
+        connection calls(settings_of(url));
+        wire::TxnRequest request;
+        if (value) add_put(request.mutable_success(), prefix + key, *value);
+        const key_range range = all ? beginning_with(prefix + key) : key_range{prefix + key, ""};
+        if (!value) add_delete(request.mutable_success(), range);
+        (void)calls.txn(request, calls.answer_end());
+    }
+
+    std::string found_by_check() const {
+        std::string found;
+        KEYVIEW_BACKEND_KIND.check(
+            url, [&](const std::string &, const std::string &reason) { found += reason; },
+            [](std::string_view, std::string_view) {});
+        return found;
     }
 
     std::string prefix = fresh_prefix();
@@ -504,30 +525,82 @@ TEST_F(Cluster, AHalfAppliedChangeSetIsResumedOrUndone) {
 
 TEST_F(Cluster, DamageIsReportedAndNeverServed) {
     mine.keys->apply({put("a.b.c", "v")});
-    std::string head = prefix + "/kv/";
-    auto at = [&](const std::string &escaped) { return "\"$(printf '" + head + escaped + "')\""; };
-    struct {
-        const char *key;
+    const struct {
+        std::string key;
         const char *told;
-    } const ROWS[] = {{"\\003a\\001x\\001y\\001", "has no parent"},
-                      {"\\003a\\001b\\001y", "not the key of any path"},
-                      {"\\003a\\001b\\001\\005\\001", "not the key of any path"},
-                      {"\\002a\\001b\\001y\\001", "not the key of any path"}};
+    } ROWS[] = {{"\3a\1x\1y\1", "has no parent"},
+                {"\3a\1b\1y", "not the key of any path"},
+                {"\3a\1b\1\5\1", "not the key of any path"},
+                {"\3a\1b\1y.z\1", "not the key of any path"},
+                {"\2a\1b\1y\1", "not the key of any path"}};
     for (const auto &row : ROWS) {
-        etcdctl(shared_members(), "put " + at(row.key) + " v");
+        store_raw("/kv/" + row.key, "v");
         snapshot all("a", reach::all_below);
         EXPECT_EQ(failure_of([&] { mine.keys->now()->copy("a", reach::all_below, &all); }),
                   failure::content)
             << row.key;
-        std::string found;
-        KEYVIEW_BACKEND_KIND.check(
-            url, [&](const std::string &, const std::string &reason) { found += reason; },
-            [](std::string_view, std::string_view) {});
-        EXPECT_NE(found.find(row.told), found.npos) << row.key << found;
-        etcdctl(shared_members(), "del " + at(row.key));
+        EXPECT_NE(found_by_check().find(row.told), std::string::npos) << row.key;
+        store_raw("/kv/" + row.key, std::nullopt);
     }
-    etcdctl(shared_members(), "put " + prefix + "/tree 'keyview 2 8'");
-    expect_failure([&] { value_at(mine, "a"); }, failure::content, "another format", 0);
+    for (const char *other : {"keyview 2 8", "keyview 1 101 x", "keyview 1 x", ""}) {
+        store_raw("/tree", other);
+        expect_failure([&] { value_at(mine, "a"); }, failure::content, "another format", 0);
+    }
+}
+
+// A key of the cluster's own with another content, while a change set is half-way.
+TEST_F(Cluster, DamagedStateOfAChangeSetIsReported) {
+    const setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    const backend told = open_cluster(url);
+    mine.keys->apply({put("a")});
+    std::vector<change> many;
+    for (int n = 0; n < 150; ++n)
+        many.push_back(put("a.k" + std::to_string(n)));
+    stop_after(1, [&] { mine.keys->apply(many); });
+    auto finish_it = [&](finish how) { return [&told, how] { told.keys->finish_apply(how); }; };
+    EXPECT_NE(found_by_check().find("after 1 of 2 pieces"), std::string::npos);
+    store_raw("/journal/", std::nullopt, true);
+    for (finish how : {finish::resume, finish::undo}) {
+        expect_failure(finish_it(how), failure::content, "delete the key " + prefix + "/apply", 0);
+    }
+    journal::Marker beyond;
+    beyond.set_next(1);
+    for (const std::string &marker : {std::string("\x7f"), beyond.SerializeAsString()}) {
+        store_raw("/apply", marker);
+        expect_failure(finish_it(finish::undo), failure::content,
+                       "marker of a change set is damaged", 0);
+    }
+    store_raw("/apply", "\x7f");
+    expect_failure([&] { value_at(told, "a"); }, failure::content, "is damaged", 1);
+    store_raw("/apply", std::nullopt);  // what the failure advises
+    told.keys->apply(many);
+    EXPECT_EQ(value_at(mine, "a.k149"), "");
+}
+
+// Keys that are no entries of a queue are not listed, and no entries of the history are reported.
+TEST_F(Cluster, KeysOfSomebodyElseAreNoEntries) {
+    for (const std::string &key :
+         {std::string("/lk/"), std::string("/lk/x"), std::string("/lk/x\0", 6)})
+        store_raw(key, "v");
+    EXPECT_TRUE(mine.locks->users({}).empty());
+    store_raw("/kv/\1" + std::string(HISTORY_HEAD) + "1\1", "v");
+    expect_failure([&] { mine.keys->history(0, [](const history_entry &) { return true; }); },
+                   failure::content, "the history is damaged at revision", 0);
+}
+
+TEST_F(Cluster, APathIsNotTooDeepForATransaction) {
+    std::string deep = "a";
+    for (int n = 1; n < 100; ++n)
+        deep += ".a";
+    mine.keys->apply({put(deep, "v")});
+    EXPECT_EQ(value_at(theirs, deep), "v");
+    deep += ".a";
+    expect_failure([&] { mine.keys->apply({put(deep)}); }, failure::usage, "100 elements at most",
+                   0);
+    EXPECT_EQ(value_at(mine, deep), "(none)");
+    EXPECT_FALSE(mine.keys->set(deep, "v", nullptr));
+    EXPECT_NO_THROW(mine.locks->acquire("x", lock_mode::exclusive, 0, {deep, reach::all_below}));
+    EXPECT_EQ(mine.keys->apply({removal(deep), removal("a..b"), removal("a")}).removed, 100U);
 }
 
 TEST_F(Cluster, AForkedChildIsRefusedAndItsParentGoesOn) {
