@@ -1,4 +1,5 @@
-// A member between the module and a real one that fails or changes one answer of each work.
+// A member between the module and a real one that loses, fails or changes answers.
+// of each work.
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 
@@ -47,7 +48,9 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
 
     std::string url;
     bad_answer bad;
-    std::atomic<int> left{0};  // calls until the bad answer
+    std::string lost;              // what a request contains from whose answer on there is none
+    std::function<void()> behind;  // the first such request
+    std::atomic<int> left{0};      // calls until the bad answer
     std::function<void()> at_watch;
 
   private:
@@ -68,7 +71,13 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
 
     grpc::Status Txn(grpc::ServerContext *, const wire::TxnRequest *asked,
                      wire::TxnResponse *out) override {
-        return forward(&keys_, &wire::KV::Stub::Txn, asked, out);
+        const grpc::Status status = forward(&keys_, &wire::KV::Stub::Txn, asked, out);
+        if (!lost.empty() && asked->SerializeAsString().find(lost) != std::string::npos) {
+            lost.clear();
+            silent_ = true;
+            behind();
+        }
+        return silent_ ? grpc::Status(StatusCode::UNAVAILABLE, "lost") : status;
     }
     grpc::Status LeaseGrant(grpc::ServerContext *, const wire::LeaseGrantRequest *asked,
                             wire::LeaseGrantResponse *out) override {
@@ -94,6 +103,7 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
         return there->Finish();
     }
 
+    bool silent_ = false;
     std::shared_ptr<grpc::Channel> channel_;
     wire::KV::Stub keys_{channel_};
     wire::Lease::Stub leases_{channel_};
@@ -101,7 +111,56 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
     std::unique_ptr<grpc::Server> server_;
 };
 
-// ---- Works --------------------------------------------------------------------------------------
+// What was carried out without an answer, and replaced by another program, is
+// not carried out again.
+TEST(Answers, AChangeIsCarriedOutOnce) {
+    etcd_members &three = shared_members();
+    const std::string prefix = fresh_prefix();
+    backend other = open_cluster(three.url(prefix));
+    std::vector<change> many;  // more than a transaction holds
+    for (int n = 0; n < 150; ++n)
+        many.push_back(put("a.c" + std::to_string(n), "x"));
+    const struct {
+        const char *label;
+        std::string mark;  // of the request that changes the tree
+        bool set;
+        std::vector<change> before;
+    } ROWS[] = {{"a set", "stolen", true, {}},
+                {"a change set", "stolen", false, {}},
+                {"one in pieces", "process " + std::to_string(getpid()), false, many}};
+    for (const auto &row : ROWS) {
+        other.keys->apply({put("a.b", "before"), removal("a.c0")});
+        const auto is_made = [&] {
+            return row.before.empty() ? value_at(other, "a.b") == "stolen"
+                                      : other.keys->finish_apply(finish::resume);
+        };
+        {
+            stand_in member(three.address(0));
+            member.lost = row.mark;
+            member.behind = [&] {
+                while (!is_made())
+                    continue;
+                other.keys->apply({put("a.b", "after")});
+            };
+            backend mine = open_cluster(member.url + "," + three.address(1) + prefix);
+            std::vector<change> changes = row.before;
+            changes.push_back(put("a.b", "stolen"));
+            try {
+                if (row.set)
+                    mine.keys->set("a.b", "stolen", nullptr);
+                else
+                    mine.keys->apply(changes);
+            } catch (const host_error &error) {
+                EXPECT_EQ(error.kind, failure::changed) << row.label << ": " << error.what();
+            }
+            EXPECT_TRUE(member.lost.empty()) << row.label;
+        }
+        EXPECT_EQ(value_at(other, "a.b"), "after") << row.label;
+    }
+}
+
+// ---- Works
+// --------------------------------------------------------------------------------------
 
 class StandIn : public testing::Test {
   protected:
@@ -145,7 +204,8 @@ class StandIn : public testing::Test {
                std::to_string(all.removed);
     }
 
-    // What a sound member has: the tree, and the sizes of the changes since the begin of the work.
+    // What a sound member has: the tree, and the sizes of the changes since the
+    // begin of the work.
     std::string state() const { return tree_of(sound) + changes_of(sound); }
 
     void begin(bool half_applied) {
@@ -261,9 +321,10 @@ static void with_the_other_outcome(wire::TxnResponse *out) {
     out->set_succeeded(!out->succeeded());
 }
 
-// The answer to each call of each work is lost once, and is another bad one once. A work whose call can be
-// repeated ends as if nothing had happened, its entry in the history included; another one is done or
-// not. Whatever an answer contained, the next program can do the work.
+// The answer to each call of each work is lost once, and is another bad one
+// once. A work whose call can be repeated ends as if nothing had happened, its
+// entry in the history included; another one is done or not. Whatever an answer
+// contained, the next program can do the work.
 TEST_F(StandIn, OneBadAnswerChangesNothing) {
     const bad_answer ROWS[] = {
         {"lost", true, {StatusCode::UNAVAILABLE, "x"}, nullptr, true},
