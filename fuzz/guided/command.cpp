@@ -9,8 +9,11 @@
 #include "model/text.h"
 #include "target.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <sstream>
 
 using namespace keyview;
 
@@ -81,4 +84,41 @@ void keyview::test::one_input(std::string_view input) {
         require(error.code == ctl::EXIT_USAGE, "another code");
         require(!error.what.empty() && (!error.why.empty() || !error.problems.empty()), "no cause");
     }
+}
+
+// ---- Changes of inputs --------------------------------------------------------------------------
+
+extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t max_size);
+
+// Called by the fuzzer in the place of its own changes: every other one leaves out, repeats or changes
+// one line and keeps the rest.
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size,
+                                          unsigned seed) {
+    std::minstd_rand random(seed);
+    std::vector<std::string> all;
+    std::istringstream text(std::string(reinterpret_cast<const char *>(data), size));
+    for (std::string line; std::getline(text, line);)
+        all.push_back(line);
+    if (all.empty() || random() % 2 == 0) return LLVMFuzzerMutate(data, size, max_size);
+    const auto one = all.begin() + static_cast<ptrdiff_t>(random() % all.size());
+    switch (random() % 4) {
+        case 0:
+            all.erase(one);
+            break;
+        case 1:
+            all.insert(one, all[random() % all.size()]);
+            break;
+        default:
+            constexpr size_t LONGEST = 64;
+            const size_t before = std::min(one->size(), LONGEST);
+            one->resize(LONGEST);
+            one->resize(
+                LLVMFuzzerMutate(reinterpret_cast<uint8_t *>(one->data()), before, LONGEST));
+    }
+    std::string out;
+    for (const std::string &line : all)
+        out += line + '\n';
+    out.resize(std::min(out.size(), max_size));
+    std::copy(out.begin(), out.end(), data);
+    return out.size();
 }
