@@ -111,7 +111,9 @@ bool read_entry(std::string_view bytes, history_entry *out) {
 void change_recorder::note(std::string_view path, std::optional<std::string_view> before,
                            std::optional<std::string_view> after) {
     if (is_history(path)) return;
-    auto known = keys_.find(std::string(path));
+    // A key that is not there is known only if the change removed it before.
+    auto known = before || removes_ ? keys_.find(std::string(path)) : keys_.end();
+    removes_ = removes_ || !after;
     if (known == keys_.end()) {
         constexpr size_t NUMBERS = 12;
         used_ += path.size() + before.value_or("").size() + NUMBERS;

@@ -55,6 +55,7 @@ class change_recorder {
     };
 
     uint64_t most_, used_ = 0, left_out_ = 0;
+    bool removes_ = false;
     std::unordered_map<std::string, key_values> keys_;
 };
 
