@@ -208,6 +208,8 @@ static life live(const std::string &directory) {
     out.change(1);
     out.step([&] { read_all(directory); });
     out.step([&] { write_under_locks(directory); });
+    out.change(2);
+    out.change(3);
     out.change(13);  // its lists make the file grow
     out.step([] { (void)admin::diagnose_registry(); });
     if (fault.error != MEMORY) out.step([] { (void)admin::check_registry(); });

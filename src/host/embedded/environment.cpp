@@ -302,8 +302,11 @@ void environment::write_once(const std::function<bool(MDB_txn *)> &work) {
     check(mdb_txn_begin(env_, nullptr, 0, &begun), "mdb_txn_begin");
     std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)> current(begun, &mdb_txn_abort);
     if (!work(begun)) return;
+    const replaced_meta replaced(data_fd_, mdb_txn_id(begun));
     // A commit ends the transaction, whatever comes of it.
-    check(mdb_txn_commit(current.release()), "mdb_txn_commit");
+    int rc = mdb_txn_commit(current.release());
+    if (rc != MDB_SUCCESS) replaced.restore();
+    check(rc, "mdb_txn_commit");
 }
 
 void environment::write(const std::function<bool(MDB_txn *)> &work, size_t room) {

@@ -182,6 +182,28 @@ static std::string inspect_head(int fd, file_head *out) {
     return fault_of_pair(fd, *out);
 }
 
+// ---- A commit that failed -----------------------------------------------------------------------
+
+replaced_meta::replaced_meta(int fd, size_t commit) : fd_(fd), known_(read(&before_)) {
+    if (commit % 2 == 0 || !known_) return;
+    at_ = before_.content.page_size();
+    known_ = read(&before_);
+}
+
+bool replaced_meta::read(image *out) const {
+    return read_bytes(fd_, out, sizeof(*out), at_);
+}
+
+void replaced_meta::restore() const {
+    image now{};
+    if (!known_ || !read(&now) || now.content.commit != before_.content.commit) return;
+    if (memcmp(&now, &before_, sizeof(now)) == 0) return;
+    // If this fails, too, the head is refused as damaged.
+    (void)!pwrite(fd_, &before_, sizeof(before_), static_cast<off_t>(at_));
+}
+
+// ---- The head -----------------------------------------------------------------------------------
+
 bool read_head(int fd, file_head *out, const damage_sink &damage) {
     *out = {};
     std::string fault = inspect_head(fd, out);

@@ -25,6 +25,31 @@ std::string foreign_format(int fd);
 // work meanwhile.
 [[nodiscard]] bool read_head(int fd, file_head *out, const damage_sink &damage);
 
+// The meta that a commit is about to replace. LMDB takes back a commit whose meta it cannot write, but
+// not all of it: the number and the last page are again those of the replaced meta, the trees and the map
+// are not. No reader of the head could tell that from damage.
+class replaced_meta {
+  public:
+    // fd: for reading and writing. commit: the number of the one that begins.
+    replaced_meta(int fd, size_t commit);
+
+    // After a commit that failed, under the lock of writers: puts the meta back if LMDB took the
+    // commit back.
+    void restore() const;
+
+  private:
+    struct image {
+        page_head page;
+        meta content;
+    };
+    bool read(image *out) const;
+
+    int fd_;
+    size_t at_ = 0;
+    image before_{};
+    bool known_;
+};
+
 // The end of each report of damage: the remedy.
 constexpr const char *RESTORE =
     "; restore a backup into a new directory (\"keyviewctl restore FILE --registry lmdb:DIRECTORY\"), or "
