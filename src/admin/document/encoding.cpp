@@ -200,31 +200,6 @@ std::optional<fault> decode_value(const field_row &row, std::string_view stored,
     return wrong;
 }
 
-std::optional<fault> check_stored_list(std::string_view stored) {
-    if (stored == ZERO) return std::nullopt;
-    size_t first_end = stored.find(std::string_view("\0\0", 2));
-    if (stored.size() > 2 && stored[0] != '\0' && first_end == stored.size() - 2)
-        return std::nullopt;
-    return fault{"is not a list of strings: each with its zero byte, and one zero byte more"};
-}
-
-std::optional<fault> check_stored(const field_row &row, std::string_view stored) {
-    if (stored.size() > row.limit) {
-        return fault{"has " + bytes_text(stored.size()) + ", and its readers take up to " +
-                     bytes_text(row.limit)};
-    }
-    if (row.kind == value_kind::env) return check_stored_list(stored);
-    if (row.kind == value_kind::address && stored.empty()) return std::nullopt;
-    if (stored.empty() || stored.back() != '\0') return fault{"does not end with a zero byte"};
-    stored.remove_suffix(1);
-    if (stored.find('\0') != stored.npos) return fault{"holds a zero byte before its end"};
-    std::string text = element_of(stored);
-    if (row.kind == value_kind::flag && text != "true" && text != "false") {
-        return fault{"is neither TRUE nor FALSE"};
-    }
-    return row.kind == value_kind::word ? check_word(row, text) : std::nullopt;
-}
-
 std::optional<fault> decode_own_value(const record_table &table, std::string_view element,
                                       std::string_view stored, std::string *name) {
     if (stored.empty()) return fault{"has no own value, which would be its registered name"};

@@ -42,13 +42,6 @@ std::optional<fault> encode_value(const field_row &row, const nlohmann::json &va
 std::optional<fault> decode_value(const field_row &row, std::string_view stored,
                                   nlohmann::json *value);
 
-// What keeps the readers of a field from reading a stored value as it was meant, if anything does:
-// less than a document asks for.
-std::optional<fault> check_stored(const field_row &row, std::string_view stored);
-
-// What keeps readers from reading a stored list of strings, if anything does.
-std::optional<fault> check_stored_list(std::string_view stored);
-
 // The name in a stored own value of the key of this element.
 std::optional<fault> decode_own_value(const record_table &table, std::string_view element,
                                       std::string_view stored, std::string *name);
