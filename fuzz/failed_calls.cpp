@@ -4,6 +4,7 @@
 //
 // Usage: failed_calls [EVERY [FIRST]]   one call of EVERY (1), from the number FIRST (1)
 //        failed_calls --one NUMBER ERROR   that call alone, in this process; -1: an allocation
+//        failed_calls --writes          each write to a file
 //        failed_calls --unnoticed       as if a failed write had succeeded: this must be found
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -38,11 +39,11 @@ static thread_local struct {
     long left = 0;  // calls until then
     const char *failed = nullptr;
 } fault;
-static bool unnoticed = false;
+static bool writes_only = false, unnoticed = false;
 
 static bool fails_now(const char *name, bool allocation) {
     if (!fault.armed || allocation != (fault.error == MEMORY)) return false;
-    if (unnoticed && strstr(name, "write") == nullptr) return false;
+    if (writes_only && strstr(name, "write") == nullptr) return false;
     if (--fault.left != 0) return false;
     fault.failed = name;
     if (!allocation) errno = fault.error;
@@ -278,12 +279,13 @@ static int sweep(int error, long every, long first) {
 int main(int argc, char **argv) {
     using namespace keyview::test;
     unnoticed = argc > 1 && argv[1] == std::string("--unnoticed");
-    const long every = argc > 1 && !unnoticed ? strtol(argv[1], nullptr, 10) : 1;
+    writes_only = unnoticed || (argc > 1 && argv[1] == std::string("--writes"));
+    const long every = argc > 1 && !writes_only ? strtol(argv[1], nullptr, 10) : 1;
     const long first = argc > 2 ? strtol(argv[2], nullptr, 10) : 1;
     if (argc == 4 && argv[1] == std::string("--one"))
         return run_with(strtol(argv[2], nullptr, 10),
                         static_cast<int>(strtol(argv[3], nullptr, 10)));
-    if (unnoticed) return sweep(EIO, 1, 1) == 0 ? 0 : 1;
+    if (writes_only) return sweep(EIO, 1, 1) == 0 ? 0 : 1;
     int wrong = sweep(EIO, every, first) + sweep(EACCES, every, first) + sweep(EINTR, every, first);
     wrong += sweep(MEMORY, every * 3, first);
     return wrong == 0 ? 0 : 1;

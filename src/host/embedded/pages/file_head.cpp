@@ -83,16 +83,13 @@ static std::string fault_of(const page_head &page, const meta &one, size_t index
 }
 
 static bool read_meta(int fd, size_t index, size_t page_size, meta *out, std::string *fault) {
-    struct {
-        page_head page;
-        meta content;
-    } whole;
+    meta_page whole;
     if (!read_bytes(fd, &whole, sizeof(whole), index * page_size)) {
         *fault = "cannot be read";
         return false;
     }
     *out = whole.content;
-    *fault = fault_of(whole.page, whole.content, index);
+    *fault = fault_of(whole.head, whole.content, index);
     return fault->empty();
 }
 
@@ -190,13 +187,14 @@ replaced_meta::replaced_meta(int fd, size_t commit) : fd_(fd), known_(read(&befo
     known_ = read(&before_);
 }
 
-bool replaced_meta::read(image *out) const {
+bool replaced_meta::read(meta_page *out) const {
     return read_bytes(fd_, out, sizeof(*out), at_);
 }
 
 void replaced_meta::restore() const {
-    image now{};
-    if (!known_ || !read(&now) || now.content.commit != before_.content.commit) return;
+    meta_page now{};
+    if (!known_ || !foreign_format(fd_).empty()) return;
+    if (!read(&now) || now.content.commit != before_.content.commit) return;
     if (memcmp(&now, &before_, sizeof(now)) == 0) return;
     // If this fails, too, the head is refused as damaged.
     (void)!pwrite(fd_, &before_, sizeof(before_), static_cast<off_t>(at_));

@@ -26,8 +26,7 @@ std::string foreign_format(int fd);
 [[nodiscard]] bool read_head(int fd, file_head *out, const damage_sink &damage);
 
 // The meta that a commit is about to replace. LMDB takes back a commit whose meta it cannot write, but
-// not all of it: the number and the last page are again those of the replaced meta, the trees and the map
-// are not. No reader of the head could tell that from damage.
+// not all of it (page_format.h). No reader of the head could tell what is left from damage.
 class replaced_meta {
   public:
     // fd: for reading and writing. commit: the number of the one that begins.
@@ -38,15 +37,11 @@ class replaced_meta {
     void restore() const;
 
   private:
-    struct image {
-        page_head page;
-        meta content;
-    };
-    bool read(image *out) const;
+    bool read(meta_page *out) const;
 
     int fd_;
     size_t at_ = 0;
-    image before_{};
+    meta_page before_{};
     bool known_;
 };
 

@@ -8,7 +8,8 @@
 //     pages.
 //   - Pages 0 and 1 are metas. A commit with the number n writes meta n % 2 last, so the two have
 //     commits that follow each other; a new file has commit 0 in both, and a compacted copy 0 and
-//     1.
+//     1. A commit whose meta cannot be written leaves the number and the last page of the meta that
+//     was there, and its own trees and map.
 //   - A meta names the roots of two trees: the keys of the unnamed database in the order of memcmp,
 //     and the free list with commit numbers as keys. Their statistics are exact.
 //   - Branch and leaf pages hold 2-byte offsets behind the head, in key order, and nodes from the
@@ -98,6 +99,11 @@ struct meta {
     size_t bytes_in_use() const { return (last_page + 1) * page_size(); }
 };
 static_assert(sizeof(meta) == 136, "the layout is LMDB's");
+
+struct meta_page {
+    page_head head;
+    meta content;
+};
 
 constexpr size_t LONGEST_KEY = 511;  // what LMDB is built with
 constexpr unsigned MOST_LEVELS = 32;
