@@ -17,7 +17,7 @@ class first_and_rest {
         if (count_ < MOST) took_us_[count_++] = now_us() - start_us_;
     }
 
-    // Prints the microseconds of the first one and the median of the others.
+    // Prints the microseconds of the first one and the median of the others; there must be some.
     void print() {
         qsort(took_us_ + 1, static_cast<size_t>(count_ - 1), sizeof *took_us_, smaller_first);
         printf("%f %f\n", took_us_[0], took_us_[count_ / 2]);

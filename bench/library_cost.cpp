@@ -278,9 +278,12 @@ int main(int argc, char **argv) {
     prsr_cfg *cfg = nullptr;
     int32_t rc = prsr_init(nullptr, &ctx);
     if (rc == PRSR_SUCCESS) rc = fetch(ctx, size, &cfg);
-    if (rc != PRSR_SUCCESS || cfg->instance_count != static_cast<uint32_t>(size.instances) ||
-        cfg->service_count != static_cast<uint32_t>(size.services) ||
-        cfg->services[0]->preferred_count == 0 || cfg->services[0]->available_enabled[0] != 1) {
+    const auto instances = static_cast<uint32_t>(size.instances);
+    const auto services = static_cast<uint32_t>(size.services);
+    const uint32_t half = instances / 2;  // preferred, and as many available
+    if (rc != PRSR_SUCCESS || cfg->instance_count != instances || cfg->service_count != services ||
+        cfg->services[services - 1]->preferred_count != half ||
+        cfg->services[0]->available_enabled[half - 1] != 1) {
         std::fprintf(stderr, "library_cost: the fetch went wrong, code %d\n", rc);
         return 1;
     }

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 
@@ -113,17 +112,10 @@ static std::string failure_in(call &&run) {
     }
 }
 
-// As in_threads, for a body that may throw: returns what one of them threw.
+// The same of calls in threads.
 template <typename work>
 static std::string at_once(int count, work &&body) {
-    std::mutex mutex;
-    std::string failed;
-    in_threads(count, [&](int n) {
-        std::string why = failure_in([&] { body(n); });
-        std::lock_guard guard(mutex);
-        if (!why.empty()) failed = why;
-    });
-    return failed;
+    return failure_in([&] { in_threads(count, body); });
 }
 
 // ---- Rounds -------------------------------------------------------------------------------------

@@ -1,7 +1,6 @@
 // A child process of a test: it runs a body, meets its parent at agreed points, and may be killed.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,6 +9,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -78,21 +78,26 @@ class child_process {
     }
 };
 
-// Runs the body in n threads at once, each with its number, until all have ended. What a body throws
-// fails the test.
+// Runs the body in n threads at once, each with its number, until all have ended. Throws what one of
+// them threw.
 template <typename work>
 void in_threads(int n, work &&body) {
     std::vector<std::thread> threads;
-    for (int i = 0; i < n; ++i)
-        threads.emplace_back([&body, i] {
+    std::mutex mutex;
+    std::exception_ptr thrown;
+    for (int i = 0; i < n; ++i) {
+        threads.emplace_back([&, i] {
             try {
                 body(i);
-            } catch (const std::exception &error) {
-                ADD_FAILURE() << "thread " << i << ": " << error.what();
+            } catch (...) {
+                const std::lock_guard guard(mutex);
+                thrown = std::current_exception();
             }
         });
+    }
     for (std::thread &one : threads)
         one.join();
+    if (thrown) std::rethrow_exception(thrown);
 }
 
 }  // namespace keyview::test
