@@ -119,13 +119,8 @@ class long_text {
     explicit long_text(writer write) : write_(write) {}
 
     void add(std::string_view text) {
-        append([&](std::string *to) { *to += text; });
-    }
-    // The function appends to the text.
-    template <typename function>
-    void append(const function &more) {
         static constexpr size_t ENOUGH = size_t{64} << 10;
-        more(&text_);
+        text_ += text;
         if (text_.size() >= ENOUGH) end();
     }
     void end() {
@@ -141,18 +136,16 @@ class long_text {
 static void list_for_people(const admin::change_result &changed, long_text *out) {
     if (changed.changes.empty())
         return out->add("nothing to change: all of it is stored already\n");
+    std::string line;  // one for all: there may be many
     for (const admin::change_row &one : changed.changes) {
-        out->append([&](std::string *line) {
-            append_change(one, line);
-            *line += '\n';
-        });
+        line.clear();
+        append_change(one, &line);
+        out->add(line += '\n');
     }
     for (const std::string &lock : changed.locks) {
-        out->append([&](std::string *line) {
-            *line += "lock ";
-            append_escaped(lock, line);
-            *line += '\n';
-        });
+        line = "lock ";
+        append_escaped(lock, &line);
+        out->add(line += '\n');
     }
     change_counts counts = counts_of(changed);
     out->add(std::to_string(counts.created) + " keys created, " + std::to_string(counts.replaced) +

@@ -165,14 +165,17 @@ static std::vector<entry_overview::record> read_each(
 entry_overview read_entries(const session &library, const char *what) {
     entry_overview out;
     out.nodes = read_each(library, what, list_nodes(library.shared), [&](const auto &one) {
-        const auto found = library->fetch_nodeapps_config(one.element);
+        const auto found = library.observed(
+            "fetch_nodeapps_config", [&] { return library->fetch_nodeapps_config(one.element); });
         library.check_record(found.code(), "node " + one.name + " cannot be shown",
                              std::string(NODEAPPS_ROOT) + "." + one.element);
         return view_of(*found, output_format::json);
     });
     out.storage_managers =
         read_each(library, what, list_storage_managers(library.shared), [&](const auto &one) {
-            const auto found = library->fetch_stg_config(one.scope, one.element);
+            const auto found = library.observed("fetch_stg_config", [&] {
+                return library->fetch_stg_config(one.scope, one.element);
+            });
             library.check_record(found.code(),
                                  "storage manager entry " + one.name + " cannot be shown",
                                  std::string(STG_ROOT) + "." + one.scope + "." + one.element);

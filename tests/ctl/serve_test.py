@@ -102,10 +102,13 @@ class Answers(Served):
     def test_the_json_is_that_of_the_commands(self):
         self.good("apply", "-", stdin=json.dumps(hostile.document()).encode())
         self.store("DATABASE.DATABASES.sandbox.ROLE", b"MASTER\0")
+        for key in ("DATABASE.STG.a/b.c", "DATABASE.STG.a.b/c"):  # one path for both: that of the scope without "/"
+            self.store(key, key.rsplit(".", 1)[1].encode() + b"\0")
         self.serve()
         rows = [("/v1/databases", "list", 0), ("/v1/status", "status", 0), ("/v1/lint", "lint", 8), ("/v1/version", "version", 0),
                 ("/v1/databases/SALES", "show sales", 0), ("/v1/databases/ledger", "show ledger", 0), ("/v1/nodeapps", "list nodes", 0),
-                ("/v1/nodeapps/NODE1", "nodeapps node1", 0), ("/v1/stg", "list storage-managers", 0), ("/v1/stg/node1/stg1", "stg node1 stg1", 0)]
+                ("/v1/nodeapps/NODE1", "nodeapps node1", 0), ("/v1/stg", "list storage-managers", 0), ("/v1/stg/node1/stg1", "stg node1 stg1", 0),
+                ("/v1/stg/a/b/c", "stg a b/c", 0)]
         rows = [(path, command.split(), code) for path, command, code in rows]
         rows += [("/v1/databases/" + urllib.parse.quote(one["name"], safe=""), ["show", one["name"]], 0)
                  for one in hostile.document()["databases"]]

@@ -42,8 +42,7 @@ void lmdb_writer::leave(std::string_view path) {
 bool lmdb_writer::open(std::string_view path) {
     if (!open_.empty() && open_.back().path == path) return true;
     row found;
-    row_state state = look_up(env_, opened(&above_), path, &found);
-    damage_seen_ = damage_seen_ || state == row_state::damaged;
+    row_state state = state_of(path, &found);
     if (state == row_state::damaged) return false;
     if (state == row_state::absent) {
         put(path, {});
@@ -117,7 +116,7 @@ void lmdb_writer::note_removal(std::string_view key, std::string_view bytes) {
 }
 
 row_state lmdb_writer::state_of(std::string_view path, row *found) {
-    row_state state = look_up(env_, txn_, path, found);
+    row_state state = look_up(env_, opened(&above_), path, found);
     damage_seen_ = damage_seen_ || state == row_state::damaged;
     return state;
 }

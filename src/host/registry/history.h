@@ -55,7 +55,7 @@ class change_recorder {
     };
 
     uint64_t most_, used_ = 0, left_out_ = 0;
-    bool removes_ = false;
+    bool removes_ = false;  // the change removed a key
     std::unordered_map<std::string, key_values> keys_;
 };
 
