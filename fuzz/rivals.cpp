@@ -18,6 +18,7 @@
 #include "cluster/cluster.h"
 #include "cluster/etcd_locks.h"
 #include "cluster/faults.h"
+#include "host/registry/reported_wait.h"
 #include "lock_history.h"
 #include "members.h"
 #include "own_process.h"
@@ -48,15 +49,17 @@ static std::string path_below(const std::string &name, unsigned key) {
 
 static volatile sig_atomic_t asked_to_end = 0;
 
-// Reports "G mode, created, granted, entry" for a grant, "S value" for a set, "L" for a set that
-// was refused since the lock was lost, and "E text" for what must not happen.
+// Reports "W" for a wait, "G mode, created, granted, entry" for a grant, "S value" for a set, "L" for
+// a set that was refused since the lock was lost, and "E text" for what must not happen.
 class rival {
   public:
     rival(const std::string &url, const std::string &report, const std::string &id)
         : registry_(KEYVIEW_BACKEND_KIND.open(url, open_mode::existing)),
           report_(report),
           id_(id),
-          random_(static_cast<unsigned>(std::hash<std::string>()(id))) {}
+          random_(static_cast<unsigned>(std::hash<std::string>()(id))) {
+        observe_waits(tell_wait, &report_);
+    }
 
     void step(const std::string &only_name) {
         std::string name =
@@ -70,6 +73,10 @@ class rival {
     }
 
   private:
+    static void tell_wait(void *report, keyview_bytes, keyview_bytes holder) {
+        if (holder.size > 0) static_cast<report_file *>(report)->line("W");
+    }
+
     unsigned any_of(unsigned count) { return static_cast<unsigned>(random_() % count); }
 
     void hold(const std::string &name, lock_mode mode) {
@@ -158,6 +165,12 @@ class seat {
         silent_since_ = stopwatch();
     }
 
+    // Whether it has waited: its entry is there, and it knows of it.
+    bool has_waited() {
+        read();
+        return has_waited_;
+    }
+
     void ask_to_end() { process_->send(SIGTERM); }
 
     void end(std::vector<std::string> *wrong) {
@@ -175,6 +188,7 @@ class seat {
         }
         if (silent_since_.ms() > LONGEST_SILENCE_MS) {
             errors_.emplace_back("a process came to nothing");
+            (void)fprintf(stderr, "rivals: %s\n", errors_.back().c_str());
             silent_since_ = stopwatch();
         }
     }
@@ -184,6 +198,7 @@ class seat {
         std::vector<std::string> words = split(line);
         if (words[0] == "E") errors_.push_back(words[1]);
         if (words[0] == "L") ++counts_->lost;
+        has_waited_ |= words[0] == "W";
         if (words[0] == "S") {
             ++counts_->sets;
             judge_->told_set(line.substr(2));
@@ -200,6 +215,7 @@ class seat {
     std::unique_ptr<own_process> process_;
     stopwatch silent_since_;
     std::vector<std::string> errors_;
+    bool has_waited_ = false;
 };
 
 class arena {
@@ -218,13 +234,16 @@ class arena {
         std::string queue = layout(PREFIX).lock_queue(lock_name(PLANTED)).begin;
         auto held = registry_.locks->acquire(lock_name(PLANTED), lock_mode::exclusive, 1000);
         seat waiter(maker(PLANTED), &counts_, &judge_);
+        stopwatch watch;
+        for (; !waiter.has_waited(); usleep(1000))
+            require(watch.ms() < LONGEST_SILENCE_MS, "a waiter does not wait");
         await_entries(queue, 2);
         waiter.stop();
         await_entries(queue, 1);
         held.reset();
         await_entries(queue, 0);
         waiter.go_on();
-        stopwatch watch;
+        watch = stopwatch();
         for (int64_t before = counts_.acquisitions; counts_.acquisitions == before; usleep(1000)) {
             require(watch.ms() < LONGEST_SILENCE_MS, "a waiter that was stopped is not granted");
             waiter.read();
