@@ -217,13 +217,18 @@ TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
 // readers of some keys, of all keys in the same order, and of lists.
 TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
     std::mt19937 random(20261126);
-    std::vector<std::string> some = {SALES, KEY, SALES + ".L", SALES + ".I"};
+    std::vector<std::string> below = {"", ".A", ".L", ".I"};
     for (const char *name : {"i1", "i2", "i3"}) {
         for (const char *field : {"", ".NODE", ".E", ".E.x"})
-            some.push_back(SALES + ".I." + name + field);
+            below.push_back(std::string(".I.") + name + field);
     }
-    auto any = [&] { return some[random() % some.size()]; };
-    for (int round = 0; round < 600 && !HasFailure(); ++round) {
+    const std::string databases[] = {SALES, ROOT + ".ledger", ROOT + ".sales2"};
+    for (int round = 0; round < 900 && !HasFailure(); ++round) {
+        const std::string top = databases[random() % 3], lock = "LKRT." + top;
+        std::vector<std::string> some;
+        for (const std::string &one : below)
+            some.push_back(top + one);
+        auto any = [&] { return some[random() % some.size()]; };
         std::vector<change> changes;
         for (size_t i = random() % 3; i > 0; --i) {
             std::string value(random() % (round % 8 == 0 ? 40 : 3),
@@ -231,7 +236,7 @@ TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
             changes.push_back(random() % 4 == 0 ? removal(any()) : put(any(), value));
         }
         apply(changes);
-        ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+        ASSERT_EQ(locks.exclusive(lock.c_str()), 0);
         if (random() % 4 == 0) (void)keys.set(any(), "mine");
         void *open = nullptr;
         const std::string opened = any();
@@ -244,15 +249,15 @@ TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
                 ASSERT_EQ(keys.list(some[i]), fresh.list(some[i]));
             }
         }
-        ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+        ASSERT_EQ(locks.unlock(lock.c_str()), 0);
         if (there && random() % 2 == 0) {
             std::string then = stored(opened);
-            apply({put(opened, "later"), put(SALES + ".I.i0", "before the others")});
-            ASSERT_EQ(locks.shared(SALES_LOCK), 0);
+            apply({put(opened, "later"), put(top + ".I.i0", "before the others")});
+            ASSERT_EQ(locks.shared(lock.c_str()), 0);
             ASSERT_EQ(keys.read(opened), "later");
             ASSERT_EQ(keys.value_of(open), then) << "of the lock under which it was opened";
-            ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
-            apply({removal(SALES + ".I.i0")});
+            ASSERT_EQ(locks.unlock(lock.c_str()), 0);
+            apply({removal(top + ".I.i0")});
         }
         if (there) (void)kvtc_close_key(keys.reg, open);
     }

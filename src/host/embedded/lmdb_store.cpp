@@ -101,19 +101,22 @@ bool lmdb_moment::copy_in_order(std::string_view path, reach which, snapshot *ou
     std::vector<key_range> ranges = key_ranges(path, which);
     if (ranges.size() != 1) return false;
     std::string_view list;  // the head that the keys of a list share, within the page of LMDB
+    row found;
     for (row_scan rows(*env_, reading_.cursor(), ranges.front()); rows.more(); rows.next()) {
         std::string_view key = rows.key();
-        if (key_is_hashed(key)) return false;
-        row found;
-        bool sound = read_row(key, rows.bytes(), &found);
-        // A damaged row behind the range is another part's, unless one of ours is missing.
-        if (!sound && (rows.in_range() || !out->complete()))
-            throw damaged_row(path_of_row(key, rows.bytes()));
         size_t end = list.size();
         bool goes_on =
             key.size() > end && key[end] == '\0' && memcmp(key.data(), list.data(), end) == 0;
+        if (!goes_on && !rows.in_range()) {
+            if (out->complete()) break;
+            // A row that is missing may stand behind the range, damaged in its key.
+            if (!read_row(key, rows.bytes(), &found))
+                throw damaged_row(path_of_row(key, rows.bytes()));
+            throw damaged_list(path);
+        }
+        if (key_is_hashed(key)) return false;
+        if (!read_row(key, rows.bytes(), &found)) throw damaged_row(path_of_row(key, rows.bytes()));
         if (!goes_on) {
-            if (!rows.in_range()) break;
             end = key.rfind('\0');
             list = key.substr(0, end);
             if (end == key.npos || !out->begin_list(list, '\x01')) throw damaged_list(path);

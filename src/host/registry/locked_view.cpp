@@ -28,6 +28,31 @@ void copies::become_stale(const revision &now) {
         part->stale = true;
 }
 
+void copies::guess_order(const copies &other) {
+    order = other.order;
+    order_is_guess = true;
+}
+
+void copies::add_part(std::unique_ptr<snapshot> part) {
+    parts.push_back(std::move(part));
+    auto is_there = [this](const read_key &read) {
+        return read.part < parts.size() && read.key < parts[read.part]->size();
+    };
+    while (usable < order.size() && is_there(order[usable]))
+        ++usable;
+}
+
+void copies::end_order(size_t count) {
+    order.resize(count);
+    usable = count;
+    order_is_guess = false;
+}
+
+void copies::append_order(const read_key &read) {
+    order.push_back(read);
+    usable = order.size();
+}
+
 kept_copies::kept_copies(std::shared_ptr<store> keys)
     : keys_(std::move(keys)), all_(keys_->take_copies()) {}
 
@@ -38,6 +63,15 @@ kept_copies::~kept_copies() {
     if (!all_.empty()) keys_->keep_copies(std::move(all_));
 }
 
+// Whether the copies serve for a revision; they are stale then if they are of another one.
+static bool bring_to(const revision &as_of, const std::shared_ptr<copies> &kept) {
+    if (kept->as_of.same_as(as_of)) return true;
+    bool in_use = kept.use_count() > 1;
+    if (in_use || kept->single_keys > MAX_KEPT_SINGLE_KEYS) return false;
+    kept->become_stale(as_of);
+    return true;
+}
+
 std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
     drop_unreferred();
     auto known = std::find_if(all_.begin(), all_.end(),
@@ -46,17 +80,12 @@ std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &
     if (known != all_.end()) {
         taken = std::move(*known);
         all_.erase(known);
-        if (!taken->as_of.same_as(as_of)) {
-            bool in_use = taken.use_count() > 1;
-            if (in_use || taken->single_keys > MAX_KEPT_SINGLE_KEYS) {
-                taken.reset();
-            } else {
-                taken->become_stale(as_of);
-            }
-        }
     }
-    if (taken == nullptr) {
-        taken = std::make_shared<copies>(top, as_of);
+    if (taken == nullptr || !bring_to(as_of, taken)) {
+        if (taken == nullptr && !all_.empty()) taken = all_.back();
+        auto fresh = std::make_shared<copies>(top, as_of);
+        if (taken != nullptr) fresh->guess_order(*taken);
+        taken = std::move(fresh);
     }
     all_.push_back(taken);
     drop_oldest();
@@ -125,8 +154,8 @@ copied_key locked_view::copy(std::string_view path, reach which) {
 }
 
 snapshot *locked_view::add_part(std::unique_ptr<snapshot> part) {
-    latest_ = copies_->parts.size();
-    copies_->parts.push_back(std::move(part));
+    latest_ = static_cast<uint32_t>(copies_->parts.size());
+    copies_->add_part(std::move(part));
     return copies_->parts.back().get();
 }
 
@@ -160,7 +189,7 @@ bool locked_view::fill(snapshot *part) {
 }
 
 void locked_view::forget_order() {
-    copies_->order.clear();
+    copies_->end_order(0);
     next_ = 0;
 }
 
@@ -176,7 +205,7 @@ bool locked_view::find_predicted(const char *path, copied_key *found) {
 // Searches the latest part that covers the key, which becomes latest_; false if none does.
 bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
-    for (size_t i = parts.size(); i-- > 0;) {
+    for (auto i = static_cast<uint32_t>(parts.size()); i-- > 0;) {
         if (!parts[i]->covers(path)) continue;
         if (parts[i]->stale) (void)fill(parts[i].get());
         latest_ = i;
@@ -191,10 +220,15 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
 // set of a flag, leaves it as it is.
 void locked_view::record_order(uint32_t key, copied_key *found) {
     order_of_reads &order = copies_->order;
-    std::pair read(copies_->parts[latest_].get(), key);
-    *found = {copies_.get(), read.first, key};
-    if (next_ == order.size()) order.push_back(read);
+    const read_key read = {latest_, key};
+    *found = {copies_.get(), copies_->parts[latest_].get(), key};
     if (next_ < order.size() && order[next_] == read) {
+        ++next_;
+        return;
+    }
+    if (next_ < order.size() && copies_->order_is_guess) copies_->end_order(next_);
+    if (next_ == order.size()) {
+        copies_->append_order(read);
         ++next_;
         return;
     }
@@ -205,7 +239,7 @@ void locked_view::record_order(uint32_t key, copied_key *found) {
     own_order_.push_back(read);
     if (own_order_.size() <= order.size()) return;
     order.swap(own_order_);
-    next_ = order.size();
+    next_ = copies_->usable = order.size();
 }
 
 // Adds a part with this key alone.
@@ -240,7 +274,7 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
                                   std::string_view path) {
     begin(reader, cover);
     const auto &parts = copies_->parts;
-    for (size_t i = parts.size(); i-- > 0;) {
+    for (auto i = static_cast<uint32_t>(parts.size()); i-- > 0;) {
         if (!parts[i]->covers(path)) continue;
         if (parts[i]->stale) (void)fill(parts[i].get());
         uint32_t key = parts[i]->find(path);

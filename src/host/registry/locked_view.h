@@ -35,8 +35,15 @@ struct copied_key {
     uint32_t key = snapshot::NONE;
 };
 
-// Keys in the order in which a reader read them: a part, and a key of it.
-using order_of_reads = std::vector<std::pair<snapshot *, uint32_t>>;
+// A part by its number, and a key of it.
+struct read_key {
+    uint32_t part;
+    uint32_t key;
+    bool operator==(const read_key &other) const { return part == other.part && key == other.key; }
+};
+
+// Keys in the order in which a reader read them.
+using order_of_reads = std::vector<read_key>;
 
 // The copies of one part of the tree, as of one revision.
 struct copies : std::enable_shared_from_this<copies> {
@@ -45,11 +52,20 @@ struct copies : std::enable_shared_from_this<copies> {
     std::vector<std::unique_ptr<snapshot>> parts;  // the top with its children first
     size_t single_keys = 0;                        // number of parts with one key only
 
-    order_of_reads order;  // of the reader that read most
+    // Of the reader that read most. At first a guess, that of another part of the tree: records of
+    // the same shape have their keys at the same places. usable is how many of its first keys are
+    // there; all, unless it is a guess.
+    order_of_reads order;
+    size_t usable = 0;
+    bool order_is_guess = false;
 
     copies(std::string_view key, const revision &state) : top(key), as_of(state) {}
 
     void become_stale(const revision &now);
+    void guess_order(const copies &other);
+    void add_part(std::unique_ptr<snapshot> part);
+    void end_order(size_t count);
+    void append_order(const read_key &read);
     size_t bytes() const;
 };
 
@@ -112,8 +128,9 @@ class locked_view {
 
     // Finds a key without a search if the reader before read the same key at this point.
     bool find_in_order(const char *path, copied_key *found) {
-        if (copies_ == nullptr || next_ >= copies_->order.size()) return false;
-        auto [part, key] = copies_->order[next_];
+        if (copies_ == nullptr || next_ >= copies_->usable) return false;
+        const auto [number, key] = copies_->order[next_];
+        snapshot *part = copies_->parts[number].get();
         if (part->stale || strcmp(part->path_text(key), path) != 0) return false;
         *found = {copies_.get(), part, key};
         ++next_;
@@ -143,7 +160,7 @@ class locked_view {
 
     std::unique_ptr<moment> moment_;  // null before the first read of the store, and after detach
     std::shared_ptr<copies> copies_;  // null before the first read
-    size_t latest_ = 0;               // the part that contains the key found last
+    uint32_t latest_ = 0;             // the part that contains the key found last
     size_t next_ = 0;                 // in copies_->order; beyond it, the order is another one
     order_of_reads own_order_;        // from then on
     std::vector<std::pair<std::string, std::string>> changes_;  // since the moment
