@@ -25,6 +25,8 @@ constexpr char FIRST_PASS[] = "floor: first LMDB pass in a process / quiet pass"
 constexpr char FIRST_TO_PASS[] = "first fetch typical in a process / first LMDB pass in a process";
 constexpr char CALLS[] = "fetch + release typical / the library's calls alone";
 constexpr char CALLS_ENGINE[] = "floor: the library's calls alone / LMDB pass";
+constexpr char LARGE_CALLS[] = "fetch + release large / the library's calls alone";
+constexpr char LARGE_CALLS_ENGINE[] = "floor: the library's calls alone, large / LMDB pass";
 constexpr char SMALL_CALLS[] = "fetch + release small / the library's calls alone";
 constexpr char SMALL_CALLS_ENGINE[] = "floor: the library's calls alone, small / LMDB pass";
 
@@ -160,8 +162,10 @@ static void measure_calls(const bench_setup &setup, const record_size &size, con
     lmdb_peer engine(setup.directory + "/calls-" + size.database, peer_rows(record_keys(size)));
     const std::string prefix = row_prefix(size.database);
     series fetches, calls, passes;
+    const std::string fetches_each = std::to_string(2 + 32000 / size.services / size.instances);
     for (int round = 0; round < ROUNDS; ++round) {
-        const auto mean = figures_of({program_directory() + "/library_cost", "200", size.database});
+        const auto mean =
+            figures_of({program_directory() + "/library_cost", fetches_each, size.database});
         require(mean.size() == 1 && mean[0] > 0, "library_cost prints no time");
         const auto beside = interleave({3, 3}, {[&] { reader.fetch(size.database); },
                                                 [&] { free_record(engine.fetch(prefix)); }});
@@ -178,6 +182,7 @@ void change_rows(const bench_setup &setup) {
     measure_in_turn(setup);
     measure_first(setup);
     measure_calls(setup, TYPICAL, CALLS, CALLS_ENGINE);
+    measure_calls(setup, LARGE, LARGE_CALLS, LARGE_CALLS_ENGINE);
     measure_calls(setup, SMALL, SMALL_CALLS, SMALL_CALLS_ENGINE);
 }
 
