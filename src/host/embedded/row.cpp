@@ -117,15 +117,14 @@ bool read_row(std::string_view key, std::string_view bytes, row *out) noexcept {
     row_head head;
     checksum sum = 0;
     if (bytes.size() < sizeof(head) + sizeof(sum)) return false;
-    std::string_view covered = bytes.substr(0, bytes.size() - sizeof(sum));
-    memcpy(&head, covered.data(), sizeof(head));
-    memcpy(&sum, covered.data() + covered.size(), sizeof(sum));
-    if (sum != checksum_of(key, covered) || head.format != FORMAT) return false;
-    std::string_view rest = covered.substr(sizeof(head));
-    if (head.path_length > std::min(rest.size(), MAX_PATH_LENGTH)) return false;
-    out->path = rest.substr(0, head.path_length);
+    const size_t covered = bytes.size() - sizeof(sum), room = covered - sizeof(head);
+    memcpy(&head, bytes.data(), sizeof(head));
+    memcpy(&sum, bytes.data() + covered, sizeof(sum));
+    if (sum != checksum_of(key, {bytes.data(), covered}) || head.format != FORMAT) return false;
+    if (head.path_length > std::min(room, MAX_PATH_LENGTH)) return false;
+    out->path = {bytes.data() + sizeof(head), head.path_length};
     out->children = head.children;
-    out->value = rest.substr(head.path_length);
+    out->value = {out->path.data() + out->path.size(), room - out->path.size()};
     return true;
 }
 

@@ -11,11 +11,15 @@ namespace keyview::host {
 
 static constexpr size_t FIRST_CAPACITY = 4096;
 static constexpr size_t LARGE_CAPACITY = size_t{256} << 10;
-static constexpr size_t KEYS_OF_A_RECORD = 512;
+static constexpr size_t KEYS_OF_A_RECORD = 1024;
+static constexpr size_t BYTES_OF_A_RECORD = size_t{64} << 10;
 
 void byte_block::grow(size_t more) {
     size_t factor = capacity_ < LARGE_CAPACITY ? 4 : 2;
-    size_t capacity = std::max({FIRST_CAPACITY, capacity_ * factor, size_ + more});
+    reserve(std::max({FIRST_CAPACITY, capacity_ * factor, size_ + more}));
+}
+
+void byte_block::reserve(size_t capacity) {
     std::unique_ptr<char[]> larger(new char[capacity]);
     if (size_ > 0) memcpy(larger.get(), bytes_.get(), size_);
     bytes_ = std::move(larger);
@@ -23,7 +27,9 @@ void byte_block::grow(size_t more) {
 }
 
 snapshot::snapshot(std::string_view top, reach depth) : depth_(depth), top_(top) {
-    if (depth == reach::all_below) keys_.reserve(KEYS_OF_A_RECORD);
+    if (depth != reach::all_below) return;
+    keys_.reserve(KEYS_OF_A_RECORD);
+    bytes_.reserve(BYTES_OF_A_RECORD);
 }
 
 static char *put(char *to, std::string_view text) {
@@ -46,18 +52,17 @@ void snapshot::add_top(std::string_view value, uint32_t children) {
     filled_ = 0;
     list_of_ = NONE;
     to_come_.assign(1, {TOP, TOP + 1, {}});
-    if (!same_row(top_, value, children)) put_row(top_, value, children);
+    if (keys_.empty() || !same_row(top_, value, children)) put_row(top_, value, children);
 }
 
 bool snapshot::add(std::string_view name, std::string_view value, uint32_t children) {
-    if (same_row(name, value, children)) return true;
+    if (filled_ < size() && same_row(name, value, children)) return true;
     if (keys_[list_of_].first < filled_ && this->name(filled_ - 1) >= name) return false;
     put_row(name, value, children);
     return true;
 }
 
 bool snapshot::same_row(std::string_view name, std::string_view value, uint32_t children) {
-    if (filled_ == size()) return false;
     const row &known = keys_[filled_];
     if (known.parent != list_of_ || known.count != children || this->name(filled_) != name) {
         end_rows(filled_);
@@ -126,7 +131,8 @@ bool snapshot::begin_list(std::string_view key, char separator) {
     std::string_view above = to_come_.back().list;
     std::string_view name = this->name(parent);
     bool follows = key.size() == above.size() + 1 + name.size() && key[above.size()] == separator &&
-                   key.substr(0, above.size()) == above && key.substr(above.size() + 1) == name;
+                   std::string_view(key.data(), above.size()) == above &&
+                   std::string_view(key.data() + above.size() + 1, name.size()) == name;
     // The list of the top may be filled without its path as key.
     if (parent != TOP && !follows) return false;
     list_of_ = parent;
@@ -141,7 +147,11 @@ bool snapshot::begin_list(std::string_view key, char separator) {
 uint32_t snapshot::find(std::string_view path) {
     if (keys_.empty()) return NONE;
     uint32_t key = latest_;
-    while (key != TOP && !path_within(path, this->path(key)))
+    const size_t alike = common_head(path, this->path(key));
+    auto is_above = [&](size_t end) {
+        return end <= alike && (end == path.size() || path[end] == '.');
+    };
+    while (key != TOP && !is_above(keys_[key].path_size))
         key = keys_[key].parent;
     for (size_t end = keys_[key].path_size; end < path.size();) {
         size_t start = end + 1;

@@ -32,6 +32,7 @@ class byte_block {
 
     char *at(size_t offset) { return bytes_.get() + offset; }
     void clear() { size_ = 0; }
+    void reserve(size_t capacity);
 
   private:
     void grow(size_t more);
@@ -108,7 +109,10 @@ class snapshot {
     }
     // With a zero byte behind it.
     const char *path_text(uint32_t key) const { return bytes_.at(keys_[key].path_at); }
-    std::string_view name(uint32_t key) const { return path(key).substr(keys_[key].name_at); }
+    std::string_view name(uint32_t key) const {
+        const row &of = keys_[key];
+        return {bytes_.at(of.path_at) + of.name_at, size_t{of.path_size} - of.name_at};
+    }
     std::string_view value(uint32_t key) const {
         return {bytes_.at(keys_[key].value_at), keys_[key].value_size};
     }
@@ -139,7 +143,7 @@ class snapshot {
         std::string_view list;
     };
 
-    // Whether the next row of a filling is there already; takes its value then.
+    // Whether the next row of a filling is the one that is there; takes its value then.
     bool same_row(std::string_view name, std::string_view value, uint32_t children);
 
     void end_rows(uint32_t count);
