@@ -1,6 +1,7 @@
 // See text.h.
 #include "ctl/text.h"
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cwchar>
@@ -16,13 +17,20 @@ static std::string numbered(const char *form, uint32_t number) {
     return text;
 }
 
+// Characters of ASCII that stand for themselves.
+static constexpr auto UNESCAPED = [] {
+    std::array<bool, 256> plain{};
+    for (size_t code = 0x20; code < 0x7f; ++code)
+        plain[code] = code != '\\';
+    return plain;
+}();
+
 void append_escaped(std::string_view text, std::string *out) {
     while (!text.empty()) {
         size_t plain = 0;  // most of the characters, at once
-        while (plain < text.size() && text[plain] >= 0x20 && text[plain] < 0x7f &&
-               text[plain] != '\\')
+        while (plain < text.size() && UNESCAPED[static_cast<unsigned char>(text[plain])])
             ++plain;
-        *out += text.substr(0, plain);
+        out->append(text.data(), plain);
         text.remove_prefix(plain);
         if (text.empty()) break;
         character next = first_character(text);

@@ -37,8 +37,8 @@ struct plan {
 
 // ---- Planning -----------------------------------------------------------------------------------
 
-static std::vector<part> parts_of(const change_request &request, const change_options &options,
-                                  bool whole) {
+static std::vector<part> parts_of(const change_request &request, const change_options &options) {
+    const bool whole = options.prune || request.changes.size() > FEW_CHANGES;
     std::vector<part> parts;
     for (const auto *keys : {&options.present, &options.absent})
         for (const std::string &path : *keys)
@@ -211,10 +211,8 @@ static plan make_plan(const registry *keys, const ready_request &request,
                       const change_options &options) {
     auto before = std::make_shared<key_list>();
     uint64_t revision = 0;
-    bool whole = options.prune || request->changes.size() > FEW_CHANGES;
     std::vector<std::string> damaged;
-    if (keys != nullptr)
-        revision = keys->read(parts_of(*request, options, whole), before.get(), &damaged);
+    if (keys != nullptr) revision = keys->read(parts_of(*request, options), before.get(), &damaged);
     for (const std::string &path : damaged)
         (void)before->add(path, DAMAGED_VALUE);
     before->sort_unique();
@@ -271,18 +269,31 @@ static void write(const registry &keys, const key_list &asked, const plan &made,
     keys.apply(made.pruned.size() + made.asked.size(), change_at, locks, revision);
 }
 
+// Whether a plan is one for the tree as it is now. That for no registry is one for an empty tree.
+static bool still_holds(const registry &keys, const change_request &request,
+                        const change_options &options, plan *made) {
+    if (made->reported.revision != 0) return keys.revision() == made->reported.revision;
+    key_list found;
+    std::vector<std::string> damaged;
+    made->reported.revision = keys.read(parts_of(request, options), &found, &damaged);
+    return found.size() == 0 && damaged.empty();
+}
+
 // False if the tree changed meanwhile so that the plan must be made anew.
-static bool try_to_carry_out(const registry &keys, lock_list locks, const ready_request &request,
+static bool try_to_carry_out(const registry &keys, plan made, const ready_request &request,
                              const change_options &options, bool last, change_result *out) {
-    std::vector<held_lock> held = lock_all(keys, locks, options);
-    plan made = make_plan(&keys, request, options);
+    const std::vector<held_lock> held = lock_all(keys, made.reported.locks, options);
+    if (!still_holds(keys, *request, options, &made)) {
+        const lock_list locks = std::move(made.reported.locks);
+        made = {};  // a large one would be in memory beside the new one
+        made = make_plan(&keys, request, options);
+        if (!locks.includes(made.reported.locks)) {
+            if (!last) return false;
+            throw error(KEYVIEW_FAILURE_CHANGED, "the tree changed meanwhile, again and again");
+        }
+    }
     size_t changes = made.pruned.size() + made.asked.size();
     report_step(options, "writes " + std::to_string(changes) + " changes");
-    if (!locks.includes(made.reported.locks)) {
-        if (!last) return false;
-        throw error(KEYVIEW_FAILURE_CHANGED, "the tree changed meanwhile, again and again");
-    }
-    locks = {};  // a large one would be in memory during the write
     if (changes > 0 && options.before_write) options.before_write(made.reported);
     bool any_revision = last && options.if_revision == 0;
     try {
@@ -310,15 +321,11 @@ change_result change_registry(const std::string &url, const ready_request &reque
     if (!keys && !options.present.empty()) keys = registry::open(url);
     change_result done;
     for (int n = 1;; ++n) {
-        lock_list locks;
-        {
-            change_result planned = make_plan(keys ? &*keys : nullptr, request, options).reported;
-            if (options.dry_run) return planned;
-            locks = std::move(planned.locks);
-        }
+        plan made = make_plan(keys ? &*keys : nullptr, request, options);
+        if (options.dry_run) return std::move(made.reported);
         // Nothing is created before the request has passed all checks.
         if (!keys) keys = registry::create(url);
-        if (try_to_carry_out(*keys, std::move(locks), request, options, n == TRIES, &done))
+        if (try_to_carry_out(*keys, std::move(made), request, options, n == TRIES, &done))
             return done;
     }
 }
