@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -176,6 +177,20 @@ static void set_lock_wait(const setting &one) {
                      one.value + " is no number of seconds from 0 to 86400", "correct it"};
 }
 
+// For the kit, which has it from the environment, and for the commands that are started.
+static void set_history(const setting &one) {
+    if (one.origin == one.variable) return;
+    static constexpr uint64_t MOST = uint64_t{1} << 30;
+    uint64_t bytes = 0;
+    const char *end = one.value.data() + one.value.size();
+    auto [at, failed] = std::from_chars(one.value.data(), end, bytes);
+    bool sound = failed == std::errc() && at == end && bytes <= MOST;
+    if (sound && setenv(one.variable, one.value.c_str(), 1) == 0) return;
+    throw tool_error{EXIT_USAGE, "the setting history cannot be used", one.origin,
+                     one.value + " is no number of bytes from 0 to " + std::to_string(MOST),
+                     "correct it"};
+}
+
 static void apply_settings(tool *shared) {
     settings &chosen = shared->chosen;
     chosen.resolve(shared->command.rfind("config ", 0) == 0);  // these choose another context
@@ -191,6 +206,7 @@ static void apply_settings(tool *shared) {
                                      : remarks::usual,
                    for_programs(shared->format));
     set_lock_wait(chosen.lock_wait);
+    set_history(chosen.history);
 }
 
 // An unknown name may be misspelt.

@@ -30,8 +30,11 @@ struct settings {
     setting output = {"output", "KEYVIEW_OUTPUT", "table"};
     setting color = {"color", "KEYVIEW_COLOR", "auto"};
     setting lock_wait = {"lock_wait", "KEYVIEW_LOCK_WAIT", "60"};
+    setting history = {"history", "KEYVIEW_HISTORY", "1048576"};
 
-    std::vector<setting *> all() { return {&context, &registry, &output, &color, &lock_wait}; }
+    std::vector<setting *> all() {
+        return {&context, &registry, &output, &color, &lock_wait, &history};
+    }
 
     // Finds all values. Throws a tool_error for a file that cannot be understood and, unless one may be
     // chosen that is not there, for a context that no file has.
