@@ -13,6 +13,9 @@ static constexpr size_t MAX_KEPT = 8;
 static constexpr size_t MAX_KEPT_SINGLE_KEYS = MAX_SINGLE_KEYS / 2;  // at another revision
 static constexpr size_t MAX_COPIED_BYTES = size_t{16} << 20;
 
+// A guess is copied, whether it is used or not.
+static constexpr size_t MAX_GUESSED = 4096;
+
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
 size_t copies::bytes() const {
@@ -29,7 +32,8 @@ void copies::become_stale(const revision &now) {
 }
 
 void copies::guess_order(const copies &other) {
-    order = other.order;
+    const size_t count = std::min(other.order.size(), MAX_GUESSED);
+    order.assign(other.order.begin(), other.order.begin() + static_cast<ptrdiff_t>(count));
     order_is_guess = true;
 }
 
