@@ -12,6 +12,7 @@ namespace keyview::host {
 struct planted_faults {
     bool set_unfenced = false;          // a set does not require that its lock is held
     bool grant_unchecked = false;       // a waiter does not require that its own key exists
+    bool lose_keep_alives = false;      // calls that gRPC never ends
     std::function<void()> before_step;  // of a change set in pieces; throws to stop it
 
     void step() const {
@@ -23,6 +24,7 @@ inline planted_faults faults;
 struct no_faults {
     bool set_unfenced = false;
     bool grant_unchecked = false;
+    bool lose_keep_alives = false;
     static void step() {}
 };
 constexpr no_faults faults;

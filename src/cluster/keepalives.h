@@ -5,12 +5,9 @@
 #include <grpcpp/channel.h>
 #include <grpcpp/client_context.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <memory>
-#include <mutex>
 
 #include "host/support/unique.h"
 
@@ -20,8 +17,9 @@ class keepalives : unique {
   public:
     keepalives();
 
-    // Cancels those that are under way. The channels must outlive it: if a callback dropped the
-    // last reference to a channel, gRPC would wait for the thread that the callback runs on.
+    // Cancels those that are under way, and waits for them, but not without end. The channels must
+    // outlive it: if a callback dropped the last reference to a channel, gRPC would wait for the
+    // thread that the callback runs on.
     ~keepalives();
 
     // See connection::keep_alive().
@@ -31,12 +29,9 @@ class keepalives : unique {
 
   private:
     struct one_call;
+    struct calls;
 
-    void end(const one_call *ended);
-
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    std::list<std::unique_ptr<one_call>> under_way_;
+    std::shared_ptr<calls> calls_;
 };
 
 }  // namespace keyview::host

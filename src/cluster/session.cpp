@@ -95,15 +95,17 @@ void session::keep_alive() {
         std::lock_guard guard(leases_->mutex);
         for (const std::shared_ptr<lease> &one : leases_->all) {
             bool used = !one->closed || one->entries > 0;
-            if (!used || one->renewing || now < one->requested + part || now >= one->end) continue;
-            one->renewing = true;
+            bool renewing = now < one->renewing_until;
+            if (!used || renewing || now < one->requested + part || now >= one->end) continue;
+            one->renewing_until = now + part;
             due.push_back(one);
         }
     }
     for (const std::shared_ptr<lease> &one : due) {
         calls_.keep_alive(one->id, [state = leases_, one, now](int64_t seconds) {
             std::lock_guard guard(state->mutex);
-            one->renewing = false;
+            if (now < one->requested) return;  // a later one was answered first
+            one->renewing_until = {};
             if (seconds < 0) return;
             one->requested = now;
             one->end =

@@ -31,8 +31,8 @@ class session : unique {
         int64_t id = 0;
         steady::time_point requested;
         steady::time_point end;
-        bool renewing = false;
-        bool closed = false;  // to further entries
+        steady::time_point renewing_until;  // at most; a renewal may be lost
+        bool closed = false;                // to further entries
         size_t entries = 0;
     };
 

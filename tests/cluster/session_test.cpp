@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "cluster/faults.h"
 #include "cluster/session.h"
 #include "shared.h"
 
@@ -56,6 +57,23 @@ TEST(Session, AnEntryIsNeverLostToAnotherThread) {
     }
     for (size_t i = 0; i < leases.size(); ++i)
         EXPECT_TRUE(sessions[0]->lives(*leases[i])) << i;
+}
+
+// gRPC was seen to lose a renewal: no callback came, for no deadline and no cancellation.
+TEST(Session, ALostRenewalIsRepeatedAndHoldsNothingUp) {
+    setting ttl("KEYVIEW_LEASE_TTL", "3");
+    auto mine = std::make_unique<session>(settings_of(shared_members().url(fresh_prefix())));
+    const auto held = mine->add_entry(mine->calls().answer_end());
+    usleep(1100000);
+    faults.lose_keep_alives = true;
+    mine->keep_alive();
+    faults.lose_keep_alives = false;
+    for (int waited_ms = 0; waited_ms < 3500; waited_ms += 100, usleep(100000))
+        mine->keep_alive();
+    EXPECT_TRUE(mine->lives(*held));
+    const steady::time_point begun = steady::now();
+    mine.reset();
+    EXPECT_LT(steady::now() - begun, std::chrono::seconds(10));
 }
 
 // A request that is carried out late creates no entry then.
