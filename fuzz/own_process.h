@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -91,6 +92,16 @@ class own_process {
     void kill_it() {
         send(SIGKILL);
         (void)status();
+    }
+
+    // Whether it ends in that time.
+    bool ends_within(int64_t wait_ms) const {
+        for (;; --wait_ms) {
+            siginfo_t end = {};
+            (void)waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT);
+            if (end.si_pid == pid_ || wait_ms <= 0) return end.si_pid == pid_;
+            usleep(1000);
+        }
     }
 
     // Waits for its end: the exit status, or the signal that ended it, negative.

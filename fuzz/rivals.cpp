@@ -175,6 +175,7 @@ class seat {
 
     void end(std::vector<std::string> *wrong) {
         ask_to_end();
+        if (!process_->ends_within(LONGEST_SILENCE_MS)) process_->kill_it();
         int status = process_->status();
         if (status != 0) wrong->push_back("a process failed: status " + std::to_string(status));
         read();
