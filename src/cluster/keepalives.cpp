@@ -86,7 +86,7 @@ void keepalives::calls::end(const one_call *call) {
 
 keepalives::keepalives() : calls_(std::make_shared<calls>()) {}
 
-// gRPC loses a call now and then: neither its deadline nor that it is cancelled ends it. Such a call,
+// gRPC was seen to lose a call: neither its deadline nor that it was cancelled ended it. Such a call,
 // and its channel with it, stays in memory: gRPC may still use it.
 keepalives::~keepalives() {
     static constexpr std::chrono::seconds LONGEST_END{2};

@@ -32,7 +32,7 @@ class byte_block {
 
     char *at(size_t offset) { return bytes_.get() + offset; }
     void clear() { size_ = 0; }
-    void reserve(size_t capacity);
+    void reserve(size_t capacity);  // no less than its size
 
   private:
     void grow(size_t more);
