@@ -56,9 +56,12 @@ class pointer {
     size_t number_ = 0;
 };
 
+// What the walk does about a key that two records of the document stand for.
+enum class claims { unchecked, checked };
+
 class document_walk {
   public:
-    explicit document_walk(document_plan *plan) : plan_(plan) {}
+    document_walk(document_plan *plan, claims check) : plan_(plan), check_(check) {}
 
     // A record of a section.
     void read_item(const std::string &field, size_t number, const json &record) {
@@ -83,6 +86,7 @@ class document_walk {
             read_list(SECTIONS.first[n], document, "", pointer());
             problems->add_all(of_sections_[n]);
         }
+        plan_->changes.sort();
         resolve_instances();
     }
 
@@ -197,6 +201,7 @@ class document_walk {
 
     // Each key belongs to one record of the document.
     bool claim(const list_row &list, std::string_view path, const pointer &place) {
+        if (check_ == claims::unchecked) return true;
         auto [first, fresh] = first_places_.try_emplace(path);
         if (fresh) {
             const std::string text = place.to_string();
@@ -253,14 +258,15 @@ class document_walk {
 
     // What the document itself holds need not be asked of the registry.
     void resolve_instances() {
+        const auto answered = [&](const question &asked) {
+            return plan_->changes.find(asked.path) != key_list::NONE;
+        };
         std::vector<question> &open = plan_->instances;
-        open.erase(std::remove_if(
-                       open.begin(), open.end(),
-                       [&](const question &asked) { return first_places_.count(asked.path) > 0; }),
-                   open.end());
+        open.erase(std::remove_if(open.begin(), open.end(), answered), open.end());
     }
 
     document_plan *plan_;
+    claims check_;
     std::vector<problem_list> of_sections_ = std::vector<problem_list>(SECTIONS.count);
     problem_list *problems_ = nullptr;
     std::string section_record_;
@@ -270,14 +276,32 @@ class document_walk {
 
 }  // namespace
 
-document_plan read_document(std::string_view text, problem_list *problems) {
+static document_plan walk_document(std::string_view text, claims check, problem_list *problems) {
     document_plan plan;
-    document_walk walk(&plan);
+    document_walk walk(&plan, check);
     const json rest = parse_json(text, problems, [&](auto &field, size_t number, auto &item) {
         if (problems->empty()) walk.read_item(field, number, item);
     });
     if (problems->empty()) walk.end(rest, problems);
     return plan;
+}
+
+// Of sorted changes: whether two records stand for one key. The key of a list may come twice, that of
+// preferred and available, and has no value.
+static bool has_rival_records(const key_list &changes) {
+    for (size_t n = 1; n < changes.size(); ++n)
+        if (changes.path(n) == changes.path(n - 1) && !changes[n].value->empty()) return true;
+    return false;
+}
+
+// The first place of each key is kept only for a document that has problems: in memory and time it
+// would be a good part of what a large one costs.
+document_plan read_document(std::string_view text, problem_list *problems) {
+    const problem_list none = *problems;
+    document_plan plan = walk_document(text, claims::unchecked, problems);
+    if (problems->empty() && !has_rival_records(plan.changes)) return plan;
+    *problems = none;
+    return walk_document(text, claims::checked, problems);
 }
 
 }  // namespace keyview::admin
