@@ -1,7 +1,8 @@
 // Damages the data file of a small registry, byte by byte and by cutting it short, and lets a
-// process read everything each time. Whatever the damage: no reader gets another name or value, or
-// the answer that a stored key is missing; no signal ends a reader; and the check reports all that
-// a reader notices.
+// process read everything each time, and in a copy replace everything. Whatever the damage: no reader
+// gets another name or value, or the answer that a stored key is missing; no signal ends a reader or a
+// writer; what a writer could replace reads as it was written; and the check reports all that a
+// reader notices.
 //
 // Usage: flips [STEP [BITS [FROM [TO]]]]; every STEP-th byte (61; 1 for all) between two offsets of
 // the file (all of it), each with all its bits inverted and with BITS single ones (1; 8 for all).
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -19,6 +21,7 @@
 
 #include "admin/care/inspection.h"
 #include "admin/document/document.h"
+#include "host/embedded/pages/page_format.h"
 #include "host/registry/snapshot.h"
 #include "process.h"
 #include "registry.h"
@@ -36,7 +39,8 @@ constexpr int WRONG_KEY = 2;
 constexpr int WRONG_LIST = 4;
 constexpr int WRONG_SUBTREE = 8;
 constexpr int WRONG_UNDER_LOCK = 16;
-constexpr int WRONG = WRONG_KEY | WRONG_LIST | WRONG_SUBTREE | WRONG_UNDER_LOCK;
+constexpr int WRONG_AFTER_WRITE = 32;
+constexpr int WRONG = WRONG_KEY | WRONG_LIST | WRONG_SUBTREE | WRONG_UNDER_LOCK | WRONG_AFTER_WRITE;
 constexpr int ENDED = -1;
 
 using tree = std::map<std::string, std::string>;
@@ -201,6 +205,32 @@ class Flips : public testing::Test {
         return in_process([&] { return reading(expected).run(url); });
     }
 
+    // Replaces every value by a longer one, in a copy with the damage.
+    int replace_all() {
+        const std::string copied = scratch.path + "/copy";
+        std::filesystem::remove_all(copied);
+        std::filesystem::create_directory(copied);
+        std::filesystem::copy_file(directory + "/data.mdb", copied + "/data.mdb");
+        return in_process([&] {
+            tree found;
+            try {
+                backend registry = open_backend("lmdb:" + copied, open_mode::existing);
+                std::vector<change> replacements;
+                for (const auto &[path, value] : expected)
+                    replacements.push_back(put(path, value + "x"));
+                registry.keys->apply(replacements);
+                for (const char *root : {"DATABASE", "z"})
+                    copy(registry.keys.get(), root, reach::all_below, &found);
+            } catch (const host_error &) {
+                return REFUSED;
+            }
+            bool same = found.size() == expected.size();
+            for (const auto &[path, value] : expected)
+                same = same && found[path] == value + "x";
+            return same ? 0 : WRONG_AFTER_WRITE;
+        });
+    }
+
     // 1 if there are findings.
     int check() {
         return in_process([] {
@@ -215,6 +245,12 @@ class Flips : public testing::Test {
     void judge(const std::string &damage) {
         int seen = read_all();
         int reported = check();
+        int replaced = replace_all();
+        ++counts[replaced == ENDED     ? "writers ended"
+                 : replaced & WRONG    ? "WRONG writes"
+                 : replaced == REFUSED ? "writers refused"
+                                       : "replaced"];
+        EXPECT_TRUE(replaced == 0 || replaced == REFUSED) << damage << ", writing: " << replaced;
         ++counts[seen == ENDED ? "ended" : seen & WRONG ? "WRONG" : seen ? "refused" : "unchanged"];
         ++counts[reported == 1 ? "reported" : "not reported"];
         EXPECT_NE(seen, ENDED) << damage;
@@ -255,6 +291,21 @@ TEST_F(Flips, NoByteMakesAReaderBelieveSomethingElse) {
             damage_byte(at, 1U << (first + n) % 8);
     }
     print("bytes");
+}
+
+// A change moves the nodes of a page by their sizes.
+TEST_F(Flips, NoSizeOfANodeEndsAWriter) {
+    constexpr size_t PAGE = 4096, EACH = 7;
+    size_t nodes = 0;
+    for (size_t page = 0; page < sound.size(); page += PAGE) {
+        const page_head head = value_at<page_head>(sound, page);
+        if (head.kind != LEAF_PAGE) continue;
+        for (size_t at = sizeof(head); at < head.nodes.lower; at += sizeof(uint16_t)) {
+            if (nodes++ % EACH == 0)
+                damage_byte(page + value_at<uint16_t>(sound, page + at), 1U << nodes % 8);
+        }
+    }
+    print("sizes");
 }
 
 TEST_F(Flips, AFileThatIsCutShortIsRefused) {

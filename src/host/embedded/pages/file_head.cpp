@@ -18,7 +18,6 @@ static constexpr uint32_t VERSION = 1;
 static constexpr int LMDB_MAJOR = 0;
 static constexpr int LMDB_MINOR = 9;
 static constexpr size_t SMALLEST_PAGE = 512;
-static constexpr size_t LARGEST_PAGE = 32 << 10;
 // Writers that follow each other without a pause could change the head between any two reads.
 static constexpr uint32_t HEAD_WAIT_MS = 5000;
 

@@ -13,8 +13,8 @@
 //   - A meta names the roots of two trees: the keys of the unnamed database in the order of memcmp,
 //     and the free list with commit numbers as keys. Their statistics are exact.
 //   - Branch and leaf pages hold 2-byte offsets behind the head, in key order, and nodes from the
-//     end of the page. A node has 8 bytes before its key. The first key of a branch page means
-//     nothing.
+//     end of the page, without a gap; each begins at an even offset. A node has 8 bytes before its
+//     key. The first key of a branch page means nothing.
 //   - A value that does not fit a leaf is in pages of its own; its node has flag 1 and their
 //     number.
 //   - Each commit enters the pages that it freed into the free list under its own number, or under
@@ -106,6 +106,7 @@ struct meta_page {
 };
 
 constexpr size_t LONGEST_KEY = 511;  // what LMDB is built with
+constexpr size_t LARGEST_PAGE = size_t{32} << 10;
 constexpr unsigned MOST_LEVELS = 32;
 
 }  // namespace keyview::host

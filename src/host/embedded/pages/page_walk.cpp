@@ -2,6 +2,7 @@
 #include "host/embedded/pages/page_walk.h"
 
 #include <algorithm>
+#include <bitset>
 #include <optional>
 #include <string>
 #include <vector>
@@ -132,6 +133,13 @@ class page_walk {
         return give_up(name_of_page(number), "has another number in its head");
     }
 
+    static size_t size_of_node(std::string_view page, size_t offset, bool leaf) {
+        node_head found = node_at(page, offset);
+        size_t size = sizeof(node_head) + found.key_size;
+        if (leaf) size += found.flags == LONG_VALUE ? sizeof(page_number) : found.value_size();
+        return size;
+    }
+
     // Whether every node of a page lies within it.
     static bool nodes_fit(std::string_view page, bool leaf) {
         page_head head = head_of(page);
@@ -142,12 +150,27 @@ class page_walk {
         for (size_t n = 0; n < nodes_of(page); ++n) {
             size_t offset = offset_of(page, n);
             if (offset < upper || offset + sizeof(node_head) > page.size()) return false;
-            node_head found = node_at(page, offset);
-            size_t size = sizeof(node_head) + found.key_size;
-            if (leaf) size += found.flags == LONG_VALUE ? sizeof(page_number) : found.value_size();
-            if (size > page.size() - offset) return false;
+            if (size_of_node(page, offset, leaf) > page.size() - offset) return false;
         }
         return leaf || nodes_of(page) > 1;
+    }
+
+    // Whether the nodes, which lie within the page, fill it from the first one to its end. A change
+    // moves them by their sizes.
+    static bool nodes_fill(std::string_view page, bool leaf) {
+        std::bitset<LARGEST_PAGE / 2 + 1> starts, ends;  // each but the last end is a start
+        size_t upper = head_of(page).nodes.upper;
+        if (upper % 2 != 0) return false;
+        starts.set(page.size() / 2);
+        ends.set(upper / 2);
+        for (size_t n = 0; n < nodes_of(page); ++n) {
+            size_t start = offset_of(page, n);
+            size_t end = (start + size_of_node(page, start, leaf) + 1) / 2;
+            if (start % 2 != 0 || starts[start / 2] || ends[end]) return false;
+            starts.set(start / 2);
+            ends.set(end);
+        }
+        return starts == ends;
     }
 
     void walk_page(tree *which, page_number number, const std::string &owner, const bounds &within,
@@ -164,6 +187,7 @@ class page_walk {
             fault = "has entries that do not lie within it";
         }
         if (!fault.empty()) return (void)give_up(name_of_page(number), fault);
+        if (!nodes_fill(page, leaf)) report(number, "has entries that overlap or leave a gap");
         if (!leaf) return walk_branch(which, page, within, depth);
         which->found.depth = std::max(which->found.depth, static_cast<uint16_t>(depth));
         if (depth != which->head.depth) report(number, "is not as deep as its tree states");
