@@ -7,6 +7,7 @@
 #include <iostream>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "admin/change/keys.h"
 #include "admin/document/base64.h"
@@ -17,6 +18,7 @@
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 #include "ctl/undo_file.h"
+#include "model/folding.h"
 #include "model/locks.h"
 
 namespace keyview::ctl {
@@ -77,11 +79,11 @@ std::string line_of(uint64_t since, uint64_t revision, const admin::key_change &
 }
 
 std::string set_command(std::string_view path, std::string_view value, bool creates) {
-    std::string out = "keyviewctl set " + shell_word(path) + (creates ? " --create" : "");
+    std::string out = creates ? "keyviewctl set --create" : "keyviewctl set";
     bool text = !value.empty() && value.back() == '\0' &&
                 escaped(value.substr(0, value.size() - 1)) == value.substr(0, value.size() - 1);
-    if (!text) return out + " --as base64 " + shell_word(admin::to_base64(value));
-    return out + " --as text -- " + shell_word(value.substr(0, value.size() - 1));
+    out += (text ? " --as text -- " : " --as base64 -- ") + shell_word(path) + " ";
+    return out + shell_word(text ? value.substr(0, value.size() - 1) : admin::to_base64(value));
 }
 
 static std::string commands_of(const admin::change_result &changed) {
@@ -92,7 +94,7 @@ static std::string commands_of(const admin::change_result &changed) {
         if (one.after) {
             out += set_command(one.path, *one.after, !one.before) + "\n";
         } else if (!below) {
-            out += "keyviewctl rm --yes " + shell_word(one.path) + "\n";
+            out += "keyviewctl rm --yes -- " + shell_word(one.path) + "\n";
             removed = one.path;
         }
     }
@@ -179,7 +181,7 @@ static exit_code show_changes(const tool &shared, const admin::change_result &ch
         case output_format::table: {
             long_text out(write_result);
             list_for_people(changed, &out);
-            if (!line.empty()) out.add(escaped(line) + "\n");
+            if (!line.empty()) out.add(line + "\n");
             out.end();
             return EXIT_DONE;
         }
@@ -199,6 +201,7 @@ static exit_code show_changes(const tool &shared, const admin::change_result &ch
 
 exit_code change_words(const session &library, const std::string &what, const word_change &wanted,
                        const std::function<int32_t()> &operation) {
+    require_fields(library.shared.format, "changes");
     const std::string &key = wanted.key, stored = wanted.word + '\0';
     admin::read_keys_result found = attempt(what, library.shared.registry, [&] {
         return wanted.all_below ? admin::read_keys(std::string(parent_path(key)), reach::all_below)
@@ -274,7 +277,7 @@ static std::string loss_in(const admin::change_result &changed) {
 }
 
 static std::string where_of(const tool &shared, const change_command &command) {
-    return shared.registry + (command.url.empty() ? "" : " to " + command.url);
+    return shared.registry + (command.url.empty() ? "" : " to " + shown_url(command.url));
 }
 
 // The changes that a person agreed to; nothing where nobody was asked. Throws if the answer is no.
@@ -304,7 +307,11 @@ static std::optional<admin::key_changes> confirmed(const tool &shared,
     std::string answer;
     std::getline(std::cin, answer);
     shared.reporter->start();
-    if (answer == "y" || answer == "yes") return std::move(planned.changes);
+    std::istringstream words(answer);
+    std::string word, rest;
+    words >> word >> rest;
+    word = element_of(word);
+    if (rest.empty() && (word == "y" || word == "yes")) return std::move(planned.changes);
     throw tool_error{EXIT_NO, "nothing was changed", "", "the answer was no",
                      "--yes answers with yes"};
 }
@@ -352,6 +359,7 @@ class undo_writer {
 }  // namespace
 
 exit_code carry_out(const tool &shared, const change_command &command, const change_function &run) {
+    require_fields(shared.format, "changes");
     std::optional<admin::key_changes> agreed;
     if (command.confirms) agreed = confirmed(shared, command, run);
     undo_writer undo;
@@ -374,10 +382,15 @@ exit_code carry_out(const tool &shared, const change_command &command, const cha
         bool in_file = failed.kind == KEYVIEW_FAILURE_CONTENT && !command.file.empty();
         fail(failed, command.what, in_file ? file_label(command.file) : where_of(shared, command));
     }
-    // Always EXIT_DONE.
-    (void)show_changes(
-        shared, changed, command.compares,
-        options.dry_run ? "" : undo.command(command.url.empty() ? shared.registry : command.url));
+    const std::string way_back =
+        options.dry_run ? "" : undo.command(command.url.empty() ? shared.registry : command.url);
+    try {
+        (void)show_changes(shared, changed, command.compares, way_back);  // always EXIT_DONE
+    } catch (tool_error &unseen) {
+        if (options.dry_run || changed.changes.empty()) throw;
+        unseen.todo = "the change was made" + (way_back.empty() ? "" : "; undo: " + way_back);
+        throw;
+    }
     return command.compares && !changed.changes.empty() ? EXIT_NO : EXIT_DONE;
 }
 

@@ -23,7 +23,7 @@ pid_t start_child(std::vector<std::string> command) {
     for (int number : {SIGPIPE, SIGINT, SIGQUIT})
         (void)signal(number, SIG_DFL);
     execvp(words[0], words.data());
-    print_remark(command[0] + " cannot be run: " + strerror(errno));
+    print_warning(command[0] + " cannot be run: " + strerror(errno));
     _exit(127);
 }
 

@@ -109,9 +109,18 @@ void add_arguments(CLI::App *command, tool *shared, const char *arguments,
     }
 }
 
+std::function<std::string(const std::string &)> seconds_up_to(double most) {
+    return [most](const std::string &text) {
+        char *end = nullptr;
+        const double seconds = strtod(text.c_str(), &end);
+        const bool sound = end != text.c_str() && *end == '\0' && seconds >= 0 && seconds <= most;
+        return std::string(sound ? "" : "is no number of seconds from 0 on");
+    };
+}
+
 void add_for_option(CLI::App *command, double *seconds) {
-    command->add_option("--for", *seconds, "End after so many seconds")
-        ->check(CLI::Range(0.0, 1e9));
+    command->add_option("--for", *seconds, "End after so many seconds; 0 is no end")
+        ->check(seconds_up_to(1e9), "", "");
 }
 
 std::chrono::steady_clock::time_point time_after(double seconds) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,7 +38,7 @@ struct tool {
     bool findings = false, salvage = false;
     bool prefix = false, keys_only = false, follow = false;
     bool quiet = false, verbose = false;
-    uint64_t if_revision = 0;
+    std::optional<uint64_t> if_revision;
     // The arguments of each command: what they are called, and their values.
     std::map<const CLI::App *, std::pair<std::vector<std::string>, std::shared_ptr<given_names>>>
         arguments;
@@ -89,6 +90,9 @@ struct command_row {
 // Adds the options that arguments lists; the values go to names, in their order.
 void add_arguments(CLI::App *command, tool *shared, const char *arguments,
                    const std::shared_ptr<given_names> &names);
+
+// A check of an option's value, which must be a number of seconds from 0 to this one.
+std::function<std::string(const std::string &)> seconds_up_to(double most);
 
 // Adds --for, which ends the command after so many seconds; 0 is no end.
 void add_for_option(CLI::App *command, double *seconds);

@@ -14,6 +14,7 @@ static bool for_people(const tool &shared) {
 
 static exit_code run_backup(const tool &shared, const given_names &names) {
     const std::string &file = names[0];
+    if (file != "-") require_fields(shared.format, "backup");
     refuse_own_file(file, shared.registry);
     admin::backup saved = attempt("the registry is not backed up", shared.registry,
                                   [&] { return admin::backup_registry(shared.salvage); });
@@ -60,6 +61,9 @@ static exit_code run_restore(const tool &shared, const given_names &names) {
 
 static exit_code run_copy(const tool &shared, const given_names &names) {
     const std::string &url = names[0];
+    if (url.empty())
+        throw tool_error{EXIT_USAGE, "the registry is not copied", "", "--to is empty",
+                         "give the URL of the other registry"};
     admin::problem_list left_out;
     (void)carry_out(shared, {"the registry is not copied", "", shared.force, false, url},
                     [&](const admin::change_options &options) {

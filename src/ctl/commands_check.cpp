@@ -52,7 +52,7 @@ static std::string findings_for_people(const admin::inspection_report &report) {
                escaped(found.path) + "\n  " + escaped(found.reason) +
                "\n  readers see: " + escaped(found.readers_see) +
                (found.remedy.empty() ? "\n  decide:      " + escaped(found.decision)
-                                     : "\n  mend:        " + escaped(remedy_of(found))) +
+                                     : "\n  mend:        " + remedy_of(found)) +
                "\n";
     }
     return out;

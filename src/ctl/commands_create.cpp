@@ -68,8 +68,9 @@ static ordered_json instances_in(const std::string &names) {
     return out;
 }
 
-static void set_field(const record_kind &kind, const std::string &assignment,
-                      ordered_json *record) {
+// given: the fields that have their value already.
+static void set_field(const record_kind &kind, const std::string &assignment, ordered_json *record,
+                      std::set<std::string> *given) {
     const size_t equals = assignment.find('=');
     const std::string field = assignment.substr(0, equals);
     std::vector<std::string> known;
@@ -79,6 +80,8 @@ static void set_field(const record_kind &kind, const std::string &assignment,
         known.push_back(row.field);
         if (row.field != field || equals == assignment.npos) continue;
         const std::string value = assignment.substr(equals + 1);
+        const bool once = given->insert(field).second || row.type == "list of texts";
+        if (!once) refuse(field + " is given twice", "give it once");
         if (!valid_utf8(value)) refuse("the value of " + field + " is no UTF-8", "use \"set\"");
         ordered_json &at = (*record)[field];
         if (row.type == "flag") {
@@ -113,9 +116,10 @@ static exit_code run_create(const tool &shared, const record_kind &kind, const g
     const std::string &name = names[below ? 1 : 0];
     ordered_json record = ordered_json::parse(kind.defaults);
     record["name"] = name;
+    std::set<std::string> given;
     for (const std::string &assignment : fields)
-        set_field(kind, assignment, &record);
-    if (kind.needed != nullptr && !record.contains(kind.needed))
+        set_field(kind, assignment, &record, &given);
+    if (kind.needed != nullptr && record.value(kind.needed, "").empty())
         refuse(std::string("readers need its ") + kind.needed,
                std::string("give ") + kind.needed + "=VALUE");
     if (below) {
@@ -172,8 +176,10 @@ static void add_kinds(CLI::App *group, tool *shared, const char *does, const cha
     for (const record_kind &kind : KINDS) {
         auto names = std::make_shared<given_names>();
         auto rest = std::make_shared<std::vector<std::string>>();
-        CLI::App *one = add_command(group, shared, kind.word, std::string(does) + " a " + kind.word,
-                                    [=, &kind] { return run(*shared, kind, *names, *rest); });
+        CLI::App *one =
+            add_command(group, shared, kind.word,
+                        std::string(does) + (kind.word[0] == 'i' ? " an " : " a ") + kind.word,
+                        [=, &kind] { return run(*shared, kind, *names, *rest); });
         add_arguments(one, shared,
                       (kind.arguments + std::string(" --dry-run --if-revision --yes")).c_str(),
                       names);

@@ -35,6 +35,7 @@ class edited_text {
         int error = errno;
         if (fd >= 0) close(fd);
         if (written) return;
+        if (fd >= 0) unlink(path_.c_str());
         throw tool_error{exit_of_errno(error), "there is no file to edit", path_, strerror(error),
                          "set TMPDIR to a folder where this user may write"};
     }
@@ -111,7 +112,7 @@ static admin::change_result apply_text(const std::string &text, const std::strin
                                        uint64_t revision, admin::change_options options) {
     options.prune = true;
     options.prune_within = database;
-    if (options.if_revision == 0) options.if_revision = revision;
+    if (!options.if_revision) options.if_revision = revision;
     options.before_write = [&database,
                             write = options.before_write](const admin::change_result &planned) {
         check_within(database, planned);

@@ -9,9 +9,11 @@
 #include <memory>
 #include <optional>
 
+#include "admin/nearest.h"
 #include "ctl/change_view.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
+#include "ctl/suggest.h"
 #include "ctl/text.h"
 #include "model/folding.h"
 #include "model/roots.h"
@@ -140,6 +142,13 @@ static std::string entry_for_people(const admin::past_change &one) {
     return out;
 }
 
+static void remark_on_nothing(const std::string &database) {
+    std::string meant;
+    if (!database.empty() && !key_exists(database_key(database)))
+        meant = nearest(database, registered_names(DB_ROOT));
+    print_remark("no such change is kept" + (meant.empty() ? "" : "; did you mean " + meant + "?"));
+}
+
 static exit_code run_history(const tool &shared, const given_names &names,
                              const history_options &options) {
     const begin_of_history begin = begin_in(options.since);
@@ -157,6 +166,7 @@ static exit_code run_history(const tool &shared, const given_names &names,
         for (const admin::past_change &one : found)
             text += entry_for_people(one);
         write_result(text);
+        if (found.empty()) remark_on_nothing(names[0]);
         return EXIT_DONE;
     }
     view_list rows;
@@ -177,7 +187,7 @@ void add_history_command(CLI::App *app, tool *shared) {
     history->add_option("--since", options->since,
                         "Changes after this revision, or from this time on: "
                         "2026-11-26T12:00:00Z, 30m, 2h, 7d");
-    history->add_option("--limit", options->limit, "No more than so many changes");
+    history->add_option("--limit", options->limit, "No more than so many changes; 0 is no limit");
 }
 
 }  // namespace keyview::ctl

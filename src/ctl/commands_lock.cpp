@@ -141,7 +141,7 @@ void add_lock_commands(CLI::App *app, tool *shared) {
                   "Also a name that no program uses, or one of a record that does not exist");
     run->add_option("--wait", options->wait_s,
                     "Seconds to wait for it; without it, the setting lock_wait")
-        ->check(CLI::Range(0.0, 86400.0));
+        ->check(seconds_up_to(86400), "", "");
     run->add_option("CMD", options->command, "The command with its arguments, behind --")
         ->required();
     add_commands(lock, shared, COMMANDS);

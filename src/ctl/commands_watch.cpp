@@ -149,7 +149,7 @@ void add_watch_command(CLI::App *app, tool *shared) {
                       "The revision that was seen last, not above the present one");
     watch->add_option("--exec", options->command,
                       "A shell command for each change, which gets its JSON line");
-    watch->add_option("--count", options->count, "End after so many changes");
+    watch->add_option("--count", options->count, "End after so many changes; 0 is no end");
     add_for_option(watch, &options->seconds);
 }
 

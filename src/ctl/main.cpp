@@ -69,7 +69,9 @@ static void add_options(CLI::App *app, tool *shared) {
                     "URL of the registry, such as lmdb:/var/lib/keyview")
         ->each([shared](const std::string &) { shared->registry_given = true; });
     app->add_option("--context", chosen.context.option,
-                    "Use the settings of this context of the settings files");
+                    "Use the settings of this context of the settings files")
+        ->check([](const std::string &name) { return std::string(name.empty() ? "is empty" : ""); },
+                "", "");
     app->add_option(
            "-o,--output", chosen.output.option,
            "table, for people; wide, without shortened names; json, yaml, jsonl (a line an "
@@ -241,8 +243,7 @@ static void add_lock_above(tool_error *error) {
 }
 
 static void report_wait(void *reporter, keyview_bytes name, keyview_bytes holder) {
-    static_cast<progress *>(reporter)->waits(escaped(admin::text_of(name)),
-                                             escaped(admin::text_of(holder)));
+    static_cast<progress *>(reporter)->waits(admin::text_of(name), admin::text_of(holder));
 }
 
 static int run(int argc, char **argv, output_format *format) {

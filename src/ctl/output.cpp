@@ -70,12 +70,27 @@ void write_lines(const std::string &text) {
 
 // ---- Results ------------------------------------------------------------------------------------
 
-static std::string bare_text(const char *kind, const view &shown) {
-    std::string text;
-    if (bare_text_of(shown, &text)) return text;
+[[noreturn]] static void refuse_raw(const char *kind) {
     throw tool_error{EXIT_USAGE, "-o raw cannot show this", "",
                      std::string("the result, of kind ") + kind + ", has several fields",
                      "use -o json or -o tsv"};
+}
+
+[[noreturn]] static void refuse_commands() {
+    throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
+                     "only keys and their changes can be shown as commands",
+                     "use -o json, or \"tree\", \"get\" or \"diff\" with -o cmd"};
+}
+
+void require_fields(output_format format, const char *kind) {
+    if (format == output_format::raw) refuse_raw(kind);
+    if (format == output_format::cmd && kind != std::string_view("changes")) refuse_commands();
+}
+
+static std::string bare_text(const char *kind, const view &shown) {
+    std::string text;
+    if (!bare_text_of(shown, &text)) refuse_raw(kind);
+    return text;
 }
 
 static void remark_on_empty(const char *kind) {
@@ -83,9 +98,12 @@ static void remark_on_empty(const char *kind) {
         std::string_view kind;
         const char *text;
     } TEXTS[] = {
-        {"db_list", "there are no databases"},      {"cluster_status", "there are no databases"},
-        {"keys", "there are no keys below it"},     {"roster", "the service has no instances"},
-        {"locks", "no lock is held or waited for"}, {"contexts", "no settings file has a context"},
+        {"db_list", "there are no databases"},
+        {"cluster_status", "there are no databases"},
+        {"keys", "there are no keys below it"},
+        {"roster", "the service has no instances"},
+        {"locks", "no lock of the key tree is held or waited for"},
+        {"contexts", "no settings file has a context"},
     };
     const auto *found = std::find_if(std::begin(TEXTS), std::end(TEXTS),
                                      [&](const auto &row) { return row.kind == kind; });
@@ -118,9 +136,7 @@ exit_code show_answer(output_format format, const char *kind, const view_fields 
         case output_format::html:  // these three do not come here
         case output_format::svg:
         case output_format::dot:
-            throw tool_error{EXIT_USAGE, "-o cmd cannot show this", "",
-                             "only keys and their changes can be shown as commands",
-                             "use -o json, or \"tree\", \"get\" or \"diff\" with -o cmd"};
+            refuse_commands();
     }
     return EXIT_DONE;
 }

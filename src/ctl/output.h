@@ -64,6 +64,10 @@ exit_code show_result(output_format format, const char *kind, const char *value_
 // Formats other than table and JSON show the last field, too.
 exit_code show_answer(output_format format, const char *kind, const view_fields &fields);
 
+// For a command that changes something, before it does: throws EXIT_USAGE if the format cannot show an
+// answer of several fields.
+void require_fields(output_format format, const char *kind);
+
 // Throws what the administration failed with as the tool's error.
 [[noreturn]] void fail(const admin::error &failed, const std::string &what,
                        const std::string &where);

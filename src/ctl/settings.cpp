@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "ctl/file_io.h"
@@ -24,6 +25,7 @@ namespace {
 struct settings_file {
     std::string name;
     std::map<std::string, std::string> values;  // by "registry" or "context.test.registry"
+    std::set<std::string> contexts;             // that have a section, be it empty
 };
 
 }  // namespace
@@ -142,6 +144,7 @@ class settings_reader {
         }
         if (name.size() == HEAD.size()) return refuse(quoted(line) + " names no context");
         section_ = std::string(name) + ".";
+        file_->contexts.emplace(name.substr(HEAD.size()));
         note_first(section_, quoted(line));
     }
 
@@ -184,7 +187,7 @@ class settings_reader {
 }  // namespace
 
 static settings_file read_settings(const std::string &name, const std::vector<std::string> &names) {
-    settings_file file = {name, {}};
+    settings_file file = {name, {}, {}};
     admin::problem_list wrong = settings_reader(&file, names).read(text_of_file(name));
     if (wrong.empty()) return file;
     throw tool_error{EXIT_USAGE,
@@ -217,24 +220,19 @@ class search {
     }
 
     bool has_context(const std::string &name) const {
-        const std::string head = "context." + name + ".";
         return std::any_of(std::begin(files_), std::end(files_), [&](const settings_file &file) {
-            auto at = file.values.lower_bound(head);
-            return at != file.values.end() && at->first.rfind(head, 0) == 0;
+            return file.contexts.count(name) > 0;
         });
     }
 
     // The user's go before the machine's.
     std::map<std::string, known_context> contexts() const {
-        constexpr std::string_view HEAD = "context.";
         std::map<std::string, known_context> out;
         for (const settings_file &file : files_) {
-            for (const auto &[key, value] : file.values) {
-                if (key.substr(0, HEAD.size()) != HEAD) continue;
-                std::string name = key.substr(HEAD.size(), key.rfind('.') - HEAD.size());
-                known_context &one =
-                    out.emplace(name, known_context{name, "", file.name}).first->second;
-                if (one.file == file.name && last_element(key) == "registry") one.registry = value;
+            for (const std::string &name : file.contexts) {
+                auto registry = file.values.find("context." + name + ".registry");
+                const bool known = registry != file.values.end();
+                out.emplace(name, known_context{name, known ? registry->second : "", file.name});
             }
         }
         return out;
@@ -292,7 +290,8 @@ std::vector<known_context> known_contexts() {
 // Where the value of the usual context is in the text, without the remark behind it; its end and no
 // bytes if there is none.
 static std::pair<size_t, size_t> usual_context_in(std::string_view text) {
-    for (size_t at = 0; at < text.size();) {
+    const bool marked = text.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK;
+    for (size_t at = marked ? BYTE_ORDER_MARK.size() : 0; at < text.size();) {
         size_t end = std::min(text.find('\n', at), text.size());
         std::string_view line = text.substr(at, end - at);
         size_t equals = line.find('=');

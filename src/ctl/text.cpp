@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <filesystem>
 
+#include "admin/document/base64.h"
 #include "model/text.h"
 
 namespace keyview::ctl {
@@ -103,9 +104,11 @@ std::string shell_word(std::string_view text) {
     constexpr std::string_view PLAIN =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:=@%+,";
     if (!text.empty() && text.find_first_not_of(PLAIN) == text.npos) return std::string(text);
+    if (escaped(text) != text && text.back() != '\n')  // a line feed at the end would be lost
+        return "\"$(echo " + admin::to_base64(text) + " | base64 -d)\"";
     std::string out = "'";
     for (char c : text)
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        out += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
     return out + "'";
 }
 

@@ -31,7 +31,8 @@ std::string shown_url(const std::string &url);
 // Whether a text is a revision, which is a number.
 bool is_revision(std::string_view text);
 
-// A text as one word of a shell's command line.
+// A text as one word of a shell's command line, which may be shown anywhere: escaped() changes nothing
+// of it, but for a line feed at its end.
 std::string shell_word(std::string_view text);
 
 }  // namespace keyview::ctl

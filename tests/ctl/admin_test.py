@@ -1076,6 +1076,7 @@ class Comfort(Administrator):
         for before, after in (("", "context = {}\n"), ("# mine\ncolor = never\n", "context = {}\n# mine\ncolor = never\n"),
                               ("#context = x\n context=test # why\r\n", "#context = x\n context={} # why\r\n"),
                               ("\ufeffcolor = never\n", "\ufeffcontext = {}\ncolor = never\n"),
+                              ("\ufeffcontext = test\n", "\ufeffcontext = {}\n"),
                               ("context = 'gone' ; x\n\n", "context = {} ; x\n\n"), ("context =\n", "context = {}\n")):
             for name, written in (("test", "test"), ("a b", '"a b"'), ("test", "test")):
                 self.settings(before + sections)

@@ -155,6 +155,22 @@ class Removals:
         for broken in (b"", b"[]", b'{"kind": "changes", "changes": [{}]}', content(file)[:-9], content(EXAMPLE)):
             self.good("undo", "-", "--yes", code=8, stdin=broken)
 
+    def test_an_answer_that_cannot_be_written_says_what_was_done(self):
+        with open("/dev/full", "w") as full:
+            ended = subprocess.run([TOOL, "rm", SALES, "--yes"], env=self.env, stdout=full, stderr=subprocess.PIPE)
+        self.assertEqual(ended.returncode, 9, ended.stderr)
+        self.undo(re.search(r"the change was made; undo: (.*)", ended.stderr.decode()).group(1))
+        self.assertEqual(self.good("get", SALES), "Sales\n")
+
+    def test_no_registry_is_copied_to_nowhere(self):
+        self.assertIn("--to is empty", self.run_tool("copy", "--to", "", "--force", "--yes").stderr.decode())
+
+    def test_a_value_in_the_list_is_a_text_or_null(self):
+        for changes in ([{"path": SALES + ".ROLE", "before": 7, "after": "PRIMARY\0"}],
+                        [{"path": SALES + ".ROLE", "before": word, "after": "PRIMARY\0"} for word in "ab"]):
+            text = json.dumps({"kind": "changes", "version": 1, "changes": changes})
+            self.assertIn(self.run_tool("undo", "-", "--yes", stdin=text.encode()).returncode, (6, 8))
+
     def test_without_a_place_for_the_undo_nothing_goes(self):
         before = self.dumps()
         self.good("rm", SALES, "--yes", code=2, HOME="", XDG_STATE_HOME="")
@@ -199,7 +215,7 @@ class Slips:
 
     def run_row(self, command):
         head, colon, rest = command.partition(":")
-        if head in ("n", "y"):
+        if head in ("n", "y", "YES"):
             code, seen, _ = self.answered(head, *rest.split())
             return code, seen
         words = command.split()
@@ -261,6 +277,39 @@ class Slips:
             first = waiting.returncode == 0  # it came before the removal
             self.assertTrue(first or waiting.returncode == 3, (words, waiting.returncode, err))
             self.good("restore", self.path("saved"), "--force", "--yes")
+
+
+class Pasted(Engine):
+    """Commands that an answer contains do what they say, whatever the names have in them."""
+    NAMES = ("o'brien", "a\\b", "a';touch pwned;'b", "$(touch pwned)", "a b", "-odd", "\u202eb")
+
+    def registry_url(self):
+        return "lmdb:" + self.path("re'g\\x $y")
+
+    def shell(self, text):
+        ended = subprocess.run(["sh", "-c", text], env={**self.env, "PATH": self.folder + ":" + os.environ["PATH"]},
+                               cwd=self.folder, stdin=subprocess.DEVNULL, capture_output=True)
+        self.assertEqual(ended.returncode, 0, (text, ended.stderr))
+        self.assertFalse(os.path.exists(self.path("pwned")), text)
+
+    def test_each_does_what_it_says(self):
+        for name in self.NAMES:
+            with self.subTest(name):
+                self.good("create", "database", "--", name)
+                sound = self.dump()
+                key = json.loads(self.good("tree", "-o", "json"))["keys"]
+                path = max((one["path"] for one in key if one["path"].startswith(SALES.rsplit(".", 1)[0] + ".") and
+                            one.get("value") == name + "\0"), key=len, default=None)
+                self.assertIsNotNone(path)
+                self.good("set", "--as", "text", "--", path + ".ENABLED", "TRUE")
+                self.shell(re.search(r"mend: +(.*)", self.good("lint", code=8)).group(1))
+                self.assertEqual(self.dump()[2:], sound[2:])
+                gone = self.good("rm", "--yes", "--", path)
+                self.shell(re.search(r"undo: (.*)", gone).group(1))
+                self.assertEqual(self.dump()[2:], sound[2:])
+                commands = self.good("rm", "--dry-run", "-o", "cmd", "--", path)
+                self.shell(commands)
+                self.assertNotEqual(self.dump()[2:], sound[2:])
 
 
 class SlipsOnLmdb(Slips, Engine):

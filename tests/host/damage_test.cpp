@@ -244,6 +244,10 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
     auto remove = [](const std::string &path) { fs::remove(path); };
     auto empty = [](const std::string &path) { fs::resize_file(path, 0); };
     auto halve = [](const std::string &path) { fs::resize_file(path, fs::file_size(path) / 2); };
+    auto exchange = [&](const std::string &) {
+        fs::rename(directory, directory + ".moved");
+        fs::create_directory(directory);
+    };
     const struct {
         const char *name;
         std::function<void(const std::string &)> harm;
@@ -253,7 +257,7 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
         {"data.mdb", empty, "data.mdb was deleted"},  {"data.mdb", halve, "was cut short"},
         {"lock.mdb", remove, "lock.mdb was deleted"}, {"lock.mdb", replace, "lock.mdb was deleted"},
         {"lock.mdb", empty, "lock.mdb was deleted"},  {"locks", remove, "locks was deleted"},
-        {"locks", replace, "locks was deleted"},
+        {"locks", replace, "locks was deleted"},      {"", exchange, "directory was replaced"},
     };
     for (const auto &row : ROWS) {
         SCOPED_TRACE(std::string(row.name) + ": " + row.expected);
@@ -274,6 +278,7 @@ TEST_F(Damage, FilesThatWereTakenAwayAreNoticed) {
         });
         EXPECT_EQ(user.status(), 0);
         fs::remove_all(directory);
+        fs::remove_all(directory + ".moved");
         fs::rename(directory + ".kept", directory);
     }
 }

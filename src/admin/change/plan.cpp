@@ -218,9 +218,9 @@ static plan make_plan(const registry *keys, const ready_request &request,
     before->sort_unique();
     check_keys(*before, options);
     if (request->check) request->check(*before, options.prune);
-    if (options.if_revision != 0 && options.if_revision != revision) {
+    if (options.if_revision && *options.if_revision != revision) {
         throw error(KEYVIEW_FAILURE_CHANGED, "the tree is at revision " + std::to_string(revision) +
-                                                 ", not " + std::to_string(options.if_revision) +
+                                                 ", not " + std::to_string(*options.if_revision) +
                                                  "; nothing was written");
     }
     plan made = planning(request, std::move(before), options).make();
@@ -295,13 +295,13 @@ static bool try_to_carry_out(const registry &keys, plan made, const ready_reques
     size_t changes = made.pruned.size() + made.asked.size();
     report_step(options, "writes " + std::to_string(changes) + " changes");
     if (changes > 0 && options.before_write) options.before_write(made.reported);
-    bool any_revision = last && options.if_revision == 0;
+    bool any_revision = last && !options.if_revision;
     try {
         if (changes > 0) {
             write(keys, request->changes, made, held, any_revision ? 0 : made.reported.revision);
         }
     } catch (const error &failed) {
-        if (failed.kind != KEYVIEW_FAILURE_CHANGED || options.if_revision != 0 || last) throw;
+        if (failed.kind != KEYVIEW_FAILURE_CHANGED || options.if_revision || last) throw;
         return false;
     }
     *out = std::move(made.reported);

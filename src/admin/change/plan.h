@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,9 @@ struct change_result {
 };
 
 struct change_options {
-    bool dry_run = false;      // report what would change, write nothing, take no lock
-    bool prune = false;        // remove what is not requested
-    uint64_t if_revision = 0;  // the tree must be at this revision, else KEYVIEW_FAILURE_CHANGED
+    bool dry_run = false;                 // report what would change, write nothing, take no lock
+    bool prune = false;                   // remove what is not requested
+    std::optional<uint64_t> if_revision;  // the tree's, else KEYVIEW_FAILURE_CHANGED
     // Keys that must be there (else KEYVIEW_FAILURE_NOT_FOUND), and that must not be (else
     // KEYVIEW_FAILURE_USAGE).
     std::vector<std::string> present = {}, absent = {};

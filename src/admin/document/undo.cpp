@@ -20,6 +20,7 @@ static std::optional<std::string> value_in(const json &change, const std::string
     std::string bytes;
     if (text == change.end()) refuse_undo("a change has no \"" + name + "\"");
     if (text->is_string()) return text->get<std::string>();
+    if (!text->is_null()) refuse_undo("\"" + name + "\" is neither a text nor null");
     if (raw == change.end()) return std::nullopt;
     if (!raw->is_string() || !from_base64(raw->get_ref<const std::string &>(), &bytes))
         refuse_undo("\"" + name + "_base64\" is no base64");
@@ -49,7 +50,7 @@ static void check_unchanged(const std::vector<key_change> &changes, const key_li
     problem_list conflicts;
     std::map<std::string_view, const key_change *> known;
     for (const key_change &one : changes) {
-        known.emplace(one.path, &one);
+        if (!known.emplace(one.path, &one).second) conflicts.add(one.path, "is there twice");
         size_t at = present.find(one.path);
         std::optional<std::string_view> now;
         if (at != key_list::NONE) now = present[at].value;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -90,13 +91,18 @@ void endpoint::listen_on_address(const std::string &address) {
     const size_t colon = address.rfind(':');
     if (colon == address.npos) refuse_endpoint(EXIT_USAGE, address, "it has no port");
     std::string host = address.substr(0, colon);
+    const char *port = address.c_str() + colon + 1, *end = address.c_str() + address.size();
+    uint16_t number = 0;  // the resolver cuts a larger one
+    auto [at, failed] = std::from_chars(port, end, number);
+    if (failed != std::errc() || at != end)
+        refuse_endpoint(EXIT_USAGE, address, "its port is no number from 0 to 65535");
     if (host.size() > 1 && host.front() == '[' && host.back() == ']')
         host = host.substr(1, host.size() - 2);
     addrinfo hints = {}, *found = nullptr;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
-    const int failed = getaddrinfo(host.c_str(), address.substr(colon + 1).c_str(), &hints, &found);
-    if (failed != 0) refuse_endpoint(EXIT_USAGE, address, gai_strerror(failed));
+    const int unknown = getaddrinfo(host.c_str(), port, &hints, &found);
+    if (unknown != 0) refuse_endpoint(EXIT_USAGE, address, gai_strerror(unknown));
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
     fd_ = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;

@@ -226,9 +226,12 @@ static void make_data(const std::string &path, int directory, mode_t mode) {
 }
 
 registry_directory::registry_directory(const std::string &path, open_mode mode)
-    : path_(absolute(path)) {
+    : path_(absolute(path)), named_(path_ + "/.") {
     if (mode == open_mode::create) make_directory(path_);
     fd_ = open_directory(path_);
+    file_status own;
+    if (!read_status(fd(), "", &own)) throw failed(path_, "statx");
+    id_ = own.id;
     file_mode_ = check_directory(path_, fd());
     check_format(path_, fd());
     struct stat found = {};
@@ -266,6 +269,12 @@ std::string registry_directory::excess_rights() const {
 
 // LMDB's two files must not become empty either. The lock file is empty until a lock is taken.
 void registry_directory::require_in_place() const {
+    file_status named;  // none where this process may not search, or in another root
+    if (read_status(AT_FDCWD, named_.c_str(), &named) && named.id != id_) {
+        throw host_error(failure::registry, "the registry in '" + path_ +
+                                                "' failed: the directory was replaced while in "
+                                                "use; restart the program");
+    }
     for (size_t n = 0; n < std::size(FILES); ++n) {
         file_status found;
         bool same = read_status(fd(), FILES[n], &found) && found.id == ids_[n];

@@ -52,8 +52,8 @@ class registry_directory : public std::enable_shared_from_this<registry_director
     file_id data_id() const { return ids_[0]; }
     file_id lock_id() const { return ids_[2]; }
 
-    // Throws failure::registry if a file was replaced or emptied since the opening: other processes
-    // then use another registry, or the same one without our locks.
+    // Throws failure::registry if the directory was replaced since the opening, or a file replaced or
+    // emptied: other processes then use another registry, or the same one without our locks.
     void require_in_place() const;
 
     // Which files have more rights than new ones get, and the remedy; "" if none has.
@@ -70,8 +70,9 @@ class registry_directory : public std::enable_shared_from_this<registry_director
   private:
     void make(size_t file, open_mode mode);
 
-    std::string path_;
+    std::string path_, named_;  // the same, to what a link at its end names
     unique_fd fd_;
+    file_id id_ = {};
     mode_t file_mode_;            // of new files
     std::array<file_id, 3> ids_;  // of data.mdb, lock.mdb, locks
 };
