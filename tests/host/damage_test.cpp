@@ -8,6 +8,8 @@
 #include <fstream>
 
 #include "admin/care/inspection.h"
+#include "host/embedded/pages/page_format.h"
+#include "host/embedded/row.h"
 #include "process.h"
 #include "registry.h"
 
@@ -180,6 +182,53 @@ TEST_F(Damage, TheDoctorFindsADamagedValue) {
 }
 
 // Two writers and a reader, each with the map it has come to know so far.
+// A file that is too large to be walked when it is opened: a change of a damaged row walks it.
+TEST_F(Damage, ASizeThatIsDamagedIsNotRepairedInPlace) {
+    std::vector<change> rows;
+    for (int n = 0; n < 640; ++n) {
+        rows.push_back(put("a.long" + std::to_string(n), std::string(8000, 'v')));
+        rows.push_back(put("a.row" + std::to_string(n), "value"));
+    }
+    apply(rows);
+    close();
+    std::ifstream whole(file("data.mdb"), std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(whole), {}};
+    std::map<std::string, size_t> nodes;  // of short rows, by path: where the size of the value is
+    constexpr size_t PAGE = 4096;
+    for (size_t page = 2 * PAGE; page < bytes.size(); page += PAGE) {
+        const page_head head = value_at<page_head>(bytes, page);
+        if (head.kind != LEAF_PAGE || head.number != page / PAGE) continue;
+        for (size_t at = sizeof(head); at < head.nodes.lower; at += sizeof(uint16_t)) {
+            const size_t node = page + value_at<uint16_t>(bytes, page + at);
+            const node_head found = value_at<node_head>(bytes, node);
+            const std::string_view text(bytes.data() + node + sizeof(found),
+                                        found.key_size + found.value_size());
+            row known;
+            if (found.flags == 0 &&
+                read_row(text.substr(0, found.key_size), text.substr(found.key_size), &known))
+                nodes[path_of_row(text.substr(0, found.key_size), text.substr(found.key_size))] =
+                    node;
+        }
+    }
+    for (int n = 0; n < 640; n += 40) {
+        const std::string path = "a.row" + std::to_string(n);
+        ASSERT_EQ(nodes.count(path), 1U);
+        std::string damaged = bytes;
+        damaged[nodes[path]] ^= 2;
+        std::ofstream(file("data.mdb"), std::ios::binary) << damaged;
+        child_process repair([&](const meeting &) {
+            open();
+            if (stored("a.long7") != std::string(8000, 'v')) return 1;
+            std::string text;
+            failure_of([&] { n % 80 == 0 ? apply({put(path, "longer")}) : apply({removal("a")}); },
+                       &text);
+            return text.find("overlap or leave a gap") == text.npos ? 2 : 0;
+        });
+        EXPECT_EQ(repair.status(), 0) << path;
+    }
+    std::ofstream(file("data.mdb"), std::ios::binary) << bytes;
+}
+
 TEST_F(Damage, TheFileGrowsBeforeItsMapAndNeverShrinks) {
     apply({put("a.b", "0")});
     child_process reader([&](const meeting &parent) {

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "host/embedded/lmdb_check.h"
+#include "host/embedded/pages/page_walk.h"
 #include "host/registry/store.h"
 #include "host/support/deadline.h"
 #include "host/support/error.h"
@@ -164,6 +165,13 @@ void environment::require_sound_pages(MDB_txn *reader, file_head head) {
         (void)read_head(data_fd_, &head, refuse_it);
     } while (wait.pause());
     throw too_fast();
+}
+
+void environment::require_all_pages() const {
+    auto refuse_it = [this](auto &subject, auto &reason) { refuse(subject, reason); };
+    file_head head;
+    (void)read_head(data_fd_, &head, refuse_it);
+    walk_pages(data_fd_, head.newest(), refuse_it, [](auto, auto) {});
 }
 
 // The map must not move meanwhile.

@@ -73,6 +73,10 @@ class environment {
     // orders the writers of all processes.
     void write(const std::function<bool(MDB_txn *)> &work, size_t room = 0);
 
+    // For a writer that met a damaged row: throws failure::content unless the pages of the latest
+    // commit are sound. A large file is not walked when it is opened.
+    void require_all_pages() const;
+
     // Throws unless rc is 0.
     void check(int rc, const char *what) const;
 

@@ -109,15 +109,23 @@ void lmdb_writer::remove(std::string_view path) {
 }
 
 void lmdb_writer::note_removal(std::string_view key, std::string_view bytes) {
+    row found;
+    const bool sound = read_row(key, bytes, &found);
+    if (!sound) see_damage();
     if (changes_ == nullptr) return;
     const std::string path = path_of_row(key, bytes);
-    row found;
-    read_row(key, bytes, &found) ? note(path, &found, nullptr) : changes_->note_unknown(path);
+    sound ? note(path, &found, nullptr) : changes_->note_unknown(path);
+}
+
+// The engine moves rows by their sizes, which may be what is damaged.
+void lmdb_writer::see_damage() {
+    if (!damage_seen_) env_.require_all_pages();
+    damage_seen_ = true;
 }
 
 row_state lmdb_writer::state_of(std::string_view path, row *found) {
     row_state state = look_up(env_, opened(&above_), path, found);
-    damage_seen_ = damage_seen_ || state == row_state::damaged;
+    if (state == row_state::damaged) see_damage();
     return state;
 }
 
@@ -137,7 +145,7 @@ row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
     bool behind = step(MDB_SET_RANGE);
     if (behind && view_of(at) == key.view()) {
         bool sound = read_row(key.view(), view_of(data), found);
-        damage_seen_ = damage_seen_ || !sound;
+        if (!sound) see_damage();
         return sound ? row_state::sound : row_state::damaged;
     }
     *alone = !behind || read_row(view_of(at), view_of(data), &next);
@@ -153,7 +161,7 @@ bool lmdb_writer::remove_strays(std::string_view path) {
     visit_damaged_neighbours(env_, opened(&cursor_), path,
                              [&](std::string_view key, std::string_view bytes) {
                                  row found;
-                                 damage_seen_ = true;
+                                 see_damage();
                                  if (read_row(true_key.view(), bytes, &found))
                                      strays.emplace_back(key);
                              });

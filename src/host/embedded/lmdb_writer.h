@@ -49,6 +49,7 @@ class lmdb_writer {
     void create(std::string_view path, std::string_view value);
     void remove(std::string_view path);
     void note_removal(std::string_view key, std::string_view bytes);
+    void see_damage();
     row_state state_of(std::string_view path, row *found);
     [[nodiscard]] bool remove_strays(std::string_view path);
     void add_children(std::string_view path, int32_t more);
