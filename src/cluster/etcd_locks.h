@@ -18,6 +18,7 @@
 #include "cluster/etcd_moment.h"
 #include "cluster/session.h"
 #include "host/registry/backend.h"
+#include "host/support/fork.h"
 #include "host/support/unique.h"
 
 namespace keyview::host {
@@ -33,8 +34,10 @@ class queue_entry : unique {
     const std::string &key() const { return key_; }
     session::lease *lease() const { return lease_.get(); }
 
-    // Also keeps the lease alive: the caller still needs the lock.
+    // Also keeps the lease alive: the caller still needs the lock. A forked child has none of its
+    // parent's.
     bool lives() const {
+        if (generation_ != fork_generation()) return false;
         cluster_->keep_alive();
         return cluster_->lives(*lease_);
     }
@@ -68,6 +71,7 @@ class queue_entry : unique {
     void note_answer(bool answered) { known_ = answered; }
 
   private:
+    uint64_t generation_ = fork_generation();
     std::shared_ptr<session> cluster_;
     std::string key_;
     std::shared_ptr<session::lease> lease_;

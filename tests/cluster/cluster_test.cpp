@@ -1,5 +1,7 @@
 // Registries in a healthy cluster: the store, the locks, change sets in pieces.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -384,6 +386,16 @@ TEST_F(Cluster, AWaiterWithoutItsEntryIsNotGranted) {
     held.reset();
     waiter.join();
     EXPECT_EQ(value_at(mine, "a.b"), "new");
+}
+
+TEST_F(Cluster, AForkedChildHoldsNoLockOfItsParent) {
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    const pid_t child = fork();
+    if (child == 0) _exit(held->still_held() ? 1 : 0);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(held->still_held());
 }
 
 // The pieces of a large change set do not move the revision of the tree.

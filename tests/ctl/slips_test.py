@@ -163,6 +163,7 @@ class Removals:
         self.assertEqual(self.good("get", SALES), "Sales\n")
 
     def test_no_registry_is_copied_to_nowhere(self):
+        self.good("lock", "run", "--any-name", "", "--", "true", code=2)
         self.assertIn("--to is empty", self.run_tool("copy", "--to", "", "--force", "--yes").stderr.decode())
 
     def test_a_value_in_the_list_is_a_text_or_null(self):
@@ -250,6 +251,17 @@ class Slips:
                 self.good("restore", self.path("saved"), "--force", "--yes")
         self.assertEqual(self.dump(self.other), rest)
         print("%d slips in %s" % (len(rows), self.url.split(":")[0]))
+
+    # A daemon closes its standard descriptors; what it prints must not go into the files of the registry.
+    def test_a_program_without_standard_descriptors_harms_nothing(self):
+        program = os.path.join(os.path.dirname(TOOL), "embedder")
+        shell = "exec \"$0\" \"$1\" <&- >&- 2>&-"
+        for command in ([program, self.url], ["sh", "-c", shell, program, self.url]):
+            for trace in ("none", "stderr"):
+                ended = subprocess.run(command, env={**self.env, "KEYVIEW_TRACE": trace, "KEYVIEW_TRACE_LEVEL": "4"},
+                                       capture_output=True)
+                self.assertEqual(ended.returncode, 0, (command, ended.stderr[-500:]))
+        self.good("check")
 
     # More locks than are taken one by one, while the command's parent holds one of another name.
     def test_a_wide_plan_waits_for_no_lock_above_it(self):

@@ -11,6 +11,7 @@
 #include "host/registry/backend_kind.h"
 #include "host/support/environment.h"
 #include "host/support/error.h"
+#include "host/support/fd.h"
 #include "host/support/fork.h"
 
 namespace keyview::host {
@@ -89,6 +90,7 @@ void check_registry_url(const std::string &url) {
 }
 
 backend open_backend(const std::string &url, open_mode mode) {
+    occupy_standard_descriptors();
     return kind_of(url).open(url, mode);
 }
 

@@ -196,6 +196,7 @@ int32_t keyview_registry_recover(keyview_registry *registry, int32_t undo) {
 int32_t keyview_lock_acquire(keyview_registry *registry, keyview_bytes name, int32_t shared,
                              int64_t wait_ms, keyview_lock **lock) {
     return coded([&] {
+        if (name.size == 0) throw host_error(failure::usage, "the name of the lock is empty");
         auto held = registry->opened.locks->acquire(
             view_of(name), shared != 0 ? lock_mode::shared : lock_mode::exclusive,
             limit_of(view_of(name), wait_ms));

@@ -70,7 +70,7 @@ typedef void (*keyview_change_callback)(void *arg, uint64_t revision, keyview_by
 
 // Delivers the changes of a key and of what is below it after the revision *since, and moves *since
 // to the revision to continue from. Waits up to wait_ms for the first one. *keeps_history receives 0
-// if the registry keeps no history: then there never is a change.
+// if the registry cannot deliver them so, as one on a single machine: then there never is a change.
 //
 // KEYVIEW_FAILURE_CHANGED if the registry no longer holds the changes after that revision.
 KEYVIEW_HOST_FUNCTION int32_t keyview_registry_follow(keyview_registry *registry,

@@ -139,6 +139,7 @@ void free_block(void *block) noexcept {
     head *given = static_cast<head *>(block) - 1;
     if (given->state != TAKEN) freed_twice();
     given->state = GIVEN_BACK;
+    memset(block, 0, block_size(0));  // a record that is used after its end has no tag
     size_t bytes = COUNTED_BYTES[given->size_class];
     if (bytes > mine.room) return keep_first_or_free(given, bytes);
     keep(given, bytes);

@@ -1,11 +1,20 @@
 // A file descriptor with an owner.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
 
 namespace keyview::host {
+
+// Before a file is opened for longer than a call: in a process without standard descriptors it would
+// become one, and what the program prints would go into the registry. Printing fails instead.
+inline void occupy_standard_descriptors() noexcept {
+    constexpr int FLAGS[] = {O_WRONLY, O_RDONLY, O_RDONLY};
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0) (void)::open("/dev/null", FLAGS[fd] | O_CLOEXEC);
+}
 
 class unique_fd {
   public:

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <vector>
 
+#include "host/support/fd.h"
+
 namespace keyview::host {
 
 static std::atomic<uint64_t> generation{1};
@@ -63,6 +65,7 @@ int open_parent_only(const std::function<int()> &open) {
     }
     std::lock_guard guard(fork_mutex());
     parent_only().reserve(parent_only().size() + 1);
+    occupy_standard_descriptors();
     int fd = open();
     if (fd >= 0) parent_only().push_back(fd);
     return fd;

@@ -66,6 +66,7 @@ static host_error unusable(std::string_view choice, std::string_view why) {
 
 // Nothing may block the program, so a pipe without a reader is refused and a full one loses lines.
 static unique_fd open_file(std::string_view choice, const std::string &path) {
+    occupy_standard_descriptors();
     unique_fd fd(
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
     if (!fd.valid()) throw unusable(choice, strerror(errno));

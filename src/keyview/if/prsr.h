@@ -349,8 +349,8 @@ PRSR_API int32_t prsr_get_instance_name(void *status, prsr_ctx *ctx, const char 
 //
 // Takes the database's lock, shared.
 // Returns the lock's code; PRSR_ERR_REGISTRY if the instances cannot be walked, a missing database
-// or an instance without a node included; PRSR_ERR_ARGUMENT if the name does not fit, or a path
-// does not; PRSR_ERR_MEMORY.
+// or an instance without a node included, or if an instance's key name does not fit into buf;
+// PRSR_ERR_ARGUMENT if the name does not fit, or a path does not; PRSR_ERR_MEMORY.
 PRSR_API int32_t prsr_get_node_instance_name(void *status, prsr_ctx *ctx, const char *dbname,
                                              const char *nodename, uint32_t bufsize,
                                              char *buf) PRSR_NOEXCEPT;
