@@ -9,28 +9,32 @@
 
 namespace {
 
-// Of the program; null if it has none.
+// Of the program. Those that allocate throw nothing: it would be an exception of another runtime.
+struct operators {
+    void *(*allocate)(size_t, const std::nothrow_t &);
+    void *(*allocate_array)(size_t, const std::nothrow_t &);
+    void (*free)(void *);
+    void (*free_array)(void *);
+};
+
 template <typename operation>
-operation *of_program(const char *name) {
-    return reinterpret_cast<operation *>(dlsym(RTLD_DEFAULT, name));
+bool find(const char *name, operation **out) {
+    *out = reinterpret_cast<operation *>(dlsym(RTLD_DEFAULT, name));
+    return *out != nullptr;
 }
 
-// Those without an exception, which would be one of another runtime.
-using allocation = void *(size_t, const std::nothrow_t &);
-using deallocation = void(void *);
-
-void *allocate(allocation *own, size_t size) {
-    return own != nullptr ? own(size, std::nothrow) : malloc(size == 0 ? 1 : size);
+operators find_operators() {
+    operators found = {};
+    bool all = find("_ZnwmRKSt9nothrow_t", &found.allocate) &&
+               find("_ZnamRKSt9nothrow_t", &found.allocate_array) && find("_ZdlPv", &found.free) &&
+               find("_ZdaPv", &found.free_array);
+    return all ? found : operators();
 }
 
-void *allocate_one(size_t size) {
-    static allocation *const own = of_program<allocation>("_ZnwmRKSt9nothrow_t");
-    return allocate(own, size);
-}
-
-void *allocate_array(size_t size) {
-    static allocation *const own = of_program<allocation>("_ZnamRKSt9nothrow_t");
-    return allocate(own, size);
+// Null in a program that has not all of them, whatever it loads later.
+const operators &of_program() {
+    static const operators found = find_operators();
+    return found;
 }
 
 void *required(void *block) {
@@ -39,29 +43,31 @@ void *required(void *block) {
 
 }  // namespace
 
-void *operator new(size_t size) {
-    return required(allocate_one(size));
-}
 void *operator new(size_t size, const std::nothrow_t &) noexcept {
-    return allocate_one(size);
-}
-void *operator new[](size_t size) {
-    return required(allocate_array(size));
+    auto *allocate = of_program().allocate;
+    return allocate != nullptr ? allocate(size, std::nothrow) : malloc(size == 0 ? 1 : size);
 }
 void *operator new[](size_t size, const std::nothrow_t &) noexcept {
-    return allocate_array(size);
+    auto *allocate = of_program().allocate_array;
+    return allocate != nullptr ? allocate(size, std::nothrow) : malloc(size == 0 ? 1 : size);
+}
+void *operator new(size_t size) {
+    return required(operator new(size, std::nothrow));
+}
+void *operator new[](size_t size) {
+    return required(operator new[](size, std::nothrow));
 }
 
 void operator delete(void *block) noexcept {
-    static deallocation *const own = of_program<deallocation>("_ZdlPv");
-    own != nullptr ? own(block) : free(block);
+    auto *give_back = of_program().free;
+    give_back != nullptr ? give_back(block) : free(block);
+}
+void operator delete[](void *block) noexcept {
+    auto *give_back = of_program().free_array;
+    give_back != nullptr ? give_back(block) : free(block);
 }
 void operator delete(void *block, size_t) noexcept {
     operator delete(block);
-}
-void operator delete[](void *block) noexcept {
-    static deallocation *const own = of_program<deallocation>("_ZdaPv");
-    own != nullptr ? own(block) : free(block);
 }
 void operator delete[](void *block, size_t) noexcept {
     operator delete[](block);
