@@ -15,6 +15,7 @@
 #include "ctl/suggest.h"
 #include "model/folding.h"
 #include "model/text.h"
+#include "model/words.h"
 
 namespace keyview::ctl {
 
@@ -35,7 +36,7 @@ struct record_kind {
 
 static constexpr record_kind KINDS[] = {
     {"database", "DB", nullptr, nullptr, "databases[]",
-     R"({"role": "PRIMARY", "enabled": true, "instances": [], "services": []})", nullptr, false},
+     R"({"enabled": true, "instances": [], "services": []})", nullptr, false},
     {"service", "DB SERVICE", "services", KEY_SERVICE, "databases[].services[]",
      R"({"enabled": true, "preferred": [], "available": []})", nullptr, true},
     {"instance", "DB INSTANCE", "instances", KEY_INSTANCE, "databases[].instances[]",
@@ -116,6 +117,7 @@ static exit_code run_create(const tool &shared, const record_kind &kind, const g
     const std::string &name = names[below ? 1 : 0];
     ordered_json record = ordered_json::parse(kind.defaults);
     record["name"] = name;
+    if (!below) record["role"] = ROLES[0];
     std::set<std::string> given;
     for (const std::string &assignment : fields)
         set_field(kind, assignment, &record, &given);
