@@ -69,6 +69,16 @@ void lmdb_peer::begin() {
     check(mdb_cursor_renew(txn_, cursor_), "mdb_cursor_renew");
 }
 
+peer_row lmdb_peer::row(const std::string &name) {
+    begin();
+    MDB_val key = value_of(name);
+    MDB_val value = {};
+    check(mdb_get(txn_, dbi_, &key, &value), "mdb_get");
+    peer_row found = {name, {static_cast<const char *>(value.mv_data), value.mv_size}};
+    mdb_txn_reset(txn_);
+    return found;
+}
+
 void lmdb_peer::commit(const peer_row &row) {
     MDB_txn *writing = nullptr;
     check(mdb_txn_begin(env_, nullptr, 0, &writing), "mdb_txn_begin");

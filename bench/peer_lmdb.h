@@ -32,6 +32,9 @@ class lmdb_peer {
     // One pass over all rows, copying their values; for free_list.
     name_list list();
 
+    // A row by its name.
+    peer_row row(const std::string &name);
+
     // Replaces one row and waits until that is on the disk.
     void commit(const peer_row &row);
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include <atomic>
+#include <filesystem>
 
 #include "bench/child.h"
 #include "bench/failure.h"
@@ -64,32 +65,48 @@ static void verify_set(session *writer, const char *database) {
     }
 }
 
-// In a registry of typical size; the one that other rows use also has the large record.
-// The history is full, so that each set also removes an entry.
-static constexpr char FULL_HISTORY[] = "32768";
-static constexpr int FILLS_HISTORY = 250;
+// Fills the history to its usual bound, so that sets also remove entries.
+static constexpr int FILLS_HISTORY = 8000;
 
+// The engine on a copy of a registry's file: the same pages, free ones too.
+static std::string copy_registry(const std::string &from, const std::string &to) {
+    std::filesystem::create_directory(to);
+    std::filesystem::copy_file(from + "/data.mdb", to + "/data.mdb");
+    return to;
+}
+
+// The row of a database's flag there.
+static std::string flag_row(const record_size &size) {
+    return "DATABASE\x01"
+           "DATABASES\x01" +
+           folded(size.database) + std::string("\0ENABLED", 8);
+}
+
+// In a registry of typical size; the one that other rows use also has the large record.
 static void measure_sets(const bench_setup &setup) {
     if (!setup.to->wants({DURABLE, ENGINE, HISTORY, UNCHANGED})) return;
-    session writer(make_record_registry(setup.directory + "/written", {SMALL, TYPICAL, BUSY}));
-    const std::vector<peer_row> rows = peer_rows(record_keys(TYPICAL));
-    lmdb_peer engine(setup.directory + "/written-lmdb", rows);
+    const std::string written = setup.directory + "/written";
+    session writer(make_record_registry(written, {SMALL, TYPICAL, BUSY}));
     verify_set(&writer, BUSY.database);
     verify_set(&writer, SMALL.database);
     synced_block block(setup.directory + "/block");
     int32_t enabled = 0;
-    auto set_other = [&](const char *history_bytes) {
-        (void)setenv("KEYVIEW_HISTORY", history_bytes, 1);  // there is memory
+    auto set_other = [&] {
         set_flag(&writer, BUSY.database, enabled);
         enabled = 1 - enabled;
     };
+    auto set_unrecorded = [&] {
+        (void)setenv("KEYVIEW_HISTORY", "0", 1);  // there is memory
+        set_other();
+        (void)unsetenv("KEYVIEW_HISTORY");
+    };
     for (int n = 0; n < FILLS_HISTORY; ++n)
-        set_other(FULL_HISTORY);
+        set_other();
+    lmdb_peer engine(copy_registry(written, setup.directory + "/written-lmdb"));
+    const peer_row row = engine.row(flag_row(BUSY));
     const auto figures = interleave(
-        {151, 4}, {[&] { set_other(FULL_HISTORY); }, [&] { block.write(); },
-                   [&] { set_flag(&writer, SMALL.database, 1); },
-                   [&] { engine.commit(rows[rows.size() / 2]); }, [&] { set_other("0"); }});
-    (void)unsetenv("KEYVIEW_HISTORY");
+        {151, 4}, {set_other, [&] { block.write(); }, [&] { set_flag(&writer, SMALL.database, 1); },
+                   [&] { engine.commit(row); }, set_unrecorded});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
     setup.to->ratio(HISTORY, figures[0], figures[4], 1.1);
