@@ -73,7 +73,9 @@ static std::optional<int64_t> time_at(const std::string &text) {
         if (rest != nullptr && *rest != '\0') rest = strptime(rest, "%z", &zone);
         offset_s = zone.tm_gmtoff;
     }
-    if (rest == nullptr || *rest != '\0') return std::nullopt;
+    constexpr long WIDEST_OFFSET_S = 14 * 3600L;  // of the zones in use
+    if (rest == nullptr || *rest != '\0' || std::labs(offset_s) > WIDEST_OFFSET_S)
+        return std::nullopt;
     return (static_cast<int64_t>(timegm(&utc)) - offset_s) * SECOND_US +
            static_cast<int64_t>(fraction * SECOND_US);
 }

@@ -142,6 +142,8 @@ class History:
         self.assertEqual(len(self.history()), before)
         self.good("list", KEYVIEW_HISTORY="x")
         self.good("set", SALES + ".DOMAIN", "y", code=2, KEYVIEW_HISTORY="x")
+        self.good("role", "sales", "SNAPSHOT_STANDBY", code=2, KEYVIEW_HISTORY="x")
+        self.good("history", "--since", "2026-11-26T12:00:00+99:00", code=2)
         for number in range(12):
             self.good("set", SALES + ".DOMAIN", "value %d" % number, KEYVIEW_HISTORY="1024")
         kept = self.history()
