@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <optional>
 
 #include "bench/child.h"
 #include "bench/failure.h"
@@ -82,6 +83,35 @@ static std::string flag_row(const record_size &size) {
            folded(size.database) + std::string("\0ENABLED", 8);
 }
 
+namespace {
+
+// A registry that never had a history: what one costs is also the pages that it takes.
+class unrecorded {
+  public:
+    explicit unrecorded(const std::string &directory) {
+        const off_switch off;
+        writer_.emplace(make_record_registry(directory, {SMALL, TYPICAL, BUSY}));
+    }
+
+    template <typename Work>
+    void run(const Work &work) {
+        const off_switch off;
+        work(&*writer_);
+    }
+
+  private:
+    struct off_switch {
+        off_switch() { (void)setenv("KEYVIEW_HISTORY", "0", 1); }  // there is memory
+        off_switch(const off_switch &) = delete;
+        off_switch &operator=(const off_switch &) = delete;
+        ~off_switch() { (void)unsetenv("KEYVIEW_HISTORY"); }
+    };
+
+    std::optional<session> writer_;
+};
+
+}  // namespace
+
 // In a registry of typical size; the one that other rows use also has the large record.
 static void measure_sets(const bench_setup &setup) {
     if (!setup.to->wants({DURABLE, ENGINE, HISTORY, UNCHANGED})) return;
@@ -91,22 +121,19 @@ static void measure_sets(const bench_setup &setup) {
     verify_set(&writer, SMALL.database);
     synced_block block(setup.directory + "/block");
     int32_t enabled = 0;
-    auto set_other = [&] {
-        set_flag(&writer, BUSY.database, enabled);
+    auto set_other = [&](session *one) {
+        set_flag(one, BUSY.database, enabled);
         enabled = 1 - enabled;
     };
-    auto set_unrecorded = [&] {
-        (void)setenv("KEYVIEW_HISTORY", "0", 1);  // there is memory
-        set_other();
-        (void)unsetenv("KEYVIEW_HISTORY");
-    };
     for (int n = 0; n < FILLS_HISTORY; ++n)
-        set_other();
+        set_other(&writer);
     lmdb_peer engine(copy_registry(written, setup.directory + "/written-lmdb"));
     const peer_row row = engine.row(flag_row(BUSY));
+    unrecorded bare(setup.directory + "/unrecorded");
     const auto figures = interleave(
-        {151, 4}, {set_other, [&] { block.write(); }, [&] { set_flag(&writer, SMALL.database, 1); },
-                   [&] { engine.commit(row); }, set_unrecorded});
+        {151, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
+                   [&] { set_flag(&writer, SMALL.database, 1); }, [&] { engine.commit(row); },
+                   [&] { bare.run([&](session *one) { set_other(one); }); }});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
     setup.to->ratio(HISTORY, figures[0], figures[4], 1.1);
