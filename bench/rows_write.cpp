@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <optional>
 
 #include "bench/child.h"
 #include "bench/failure.h"
@@ -85,29 +84,12 @@ static std::string flag_row(const record_size &size) {
 
 namespace {
 
-// A registry that never had a history: what one costs is also the pages that it takes.
-class unrecorded {
-  public:
-    explicit unrecorded(const std::string &directory) {
-        const off_switch off;
-        writer_.emplace(make_record_registry(directory, {SMALL, TYPICAL, BUSY}));
-    }
-
-    template <typename Work>
-    void run(const Work &work) {
-        const off_switch off;
-        work(&*writer_);
-    }
-
-  private:
-    struct off_switch {
-        off_switch() { (void)setenv("KEYVIEW_HISTORY", "0", 1); }  // there is memory
-        off_switch(const off_switch &) = delete;
-        off_switch &operator=(const off_switch &) = delete;
-        ~off_switch() { (void)unsetenv("KEYVIEW_HISTORY"); }
-    };
-
-    std::optional<session> writer_;
+// While it lives, no change is recorded.
+struct history_off {
+    history_off() { (void)setenv("KEYVIEW_HISTORY", "0", 1); }  // there is memory
+    history_off(const history_off &) = delete;
+    history_off &operator=(const history_off &) = delete;
+    ~history_off() { (void)unsetenv("KEYVIEW_HISTORY"); }
 };
 
 }  // namespace
@@ -116,7 +98,8 @@ class unrecorded {
 static void measure_sets(const bench_setup &setup) {
     if (!setup.to->wants({DURABLE, ENGINE, HISTORY, UNCHANGED})) return;
     const std::string written = setup.directory + "/written";
-    session writer(make_record_registry(written, {SMALL, TYPICAL, BUSY}));
+    const std::vector<record_size> sizes = {SMALL, TYPICAL, BUSY};
+    session writer(make_record_registry(written, sizes));
     verify_set(&writer, BUSY.database);
     verify_set(&writer, SMALL.database);
     synced_block block(setup.directory + "/block");
@@ -129,11 +112,19 @@ static void measure_sets(const bench_setup &setup) {
         set_other(&writer);
     lmdb_peer engine(copy_registry(written, setup.directory + "/written-lmdb"));
     const peer_row row = engine.row(flag_row(BUSY));
-    unrecorded bare(setup.directory + "/unrecorded");
-    const auto figures = interleave(
-        {151, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
-                   [&] { set_flag(&writer, SMALL.database, 1); }, [&] { engine.commit(row); },
-                   [&] { bare.run([&](session *one) { set_other(one); }); }});
+    // What a history costs is also the pages that it takes: this registry never had one.
+    const auto make_unrecorded = [&] {
+        const history_off off;
+        return make_record_registry(setup.directory + "/unrecorded", sizes);
+    };
+    session unrecorded(make_unrecorded());
+    const auto set_unrecorded = [&] {
+        const history_off off;
+        set_other(&unrecorded);
+    };
+    const auto figures = interleave({151, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
+                                               [&] { set_flag(&writer, SMALL.database, 1); },
+                                               [&] { engine.commit(row); }, set_unrecorded});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
     setup.to->ratio(HISTORY, figures[0], figures[4], 1.1);
