@@ -272,4 +272,22 @@ std::vector<key_change> set_recorder::changes() const {
     return changes_;
 }
 
+// ---- Damage that the library meets --------------------------------------------------------------
+
+damage_recorder::damage_recorder() {
+    keyview_registry_observe_damage(add, this);
+}
+
+void damage_recorder::add(void *arg, keyview_bytes text) {
+    auto *recorder = static_cast<damage_recorder *>(arg);
+    recorder->run([&] {
+        if (recorder->first_.empty()) recorder->first_ = text_of(text);
+    });
+}
+
+std::string damage_recorder::first() const {
+    finish(0);
+    return first_;
+}
+
 }  // namespace keyview::admin

@@ -181,4 +181,22 @@ class set_recorder : callback_guard {
     std::vector<key_change> changes_;
 };
 
+// Records the damage that the operations of the library meet on this thread, until the end of the
+// scope.
+class damage_recorder : callback_guard {
+  public:
+    damage_recorder();
+    damage_recorder(const damage_recorder &) = delete;
+    damage_recorder &operator=(const damage_recorder &) = delete;
+    ~damage_recorder() { keyview_registry_observe_damage(nullptr, nullptr); }
+
+    // What was met first; "" if nothing was.
+    std::string first() const;
+
+  private:
+    static void add(void *arg, keyview_bytes text);
+
+    std::string first_;
+};
+
 }  // namespace keyview::admin

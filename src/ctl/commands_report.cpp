@@ -5,7 +5,6 @@
 #include "ctl/page.h"
 #include "ctl/picture.h"
 #include "ctl/session.h"
-#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -35,9 +34,8 @@ static exit_code run_graph(const session &library, const given_names &names) {
         throw tool_error{EXIT_USAGE, "graph draws a picture", "", "another format was chosen",
                          "use -o svg or -o dot; \"status\" with -o json has the same for programs"};
     }
-    const auto found = library->fetch_db_config(names[0]);
-    library.check_record(found.code(), "database " + names[0] + " cannot be drawn",
-                         database_key(names[0]));
+    const auto found = library.read_record("database " + names[0] + " cannot be drawn",
+                                           [&] { return library->fetch_db_config(names[0]); });
     write_result(format == output_format::dot ? dot_of(*found) : svg_of(*found));
     return EXIT_DONE;
 }

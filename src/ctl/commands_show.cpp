@@ -4,7 +4,6 @@
 #include "ctl/overview.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
-#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -21,9 +20,8 @@ static exit_code run_list(const session &library, const given_names &names) {
 }
 
 static exit_code run_show(const session &library, const given_names &names) {
-    const auto found = library->fetch_db_config(names[0]);
-    library.check_record(found.code(), "database " + names[0] + " cannot be shown",
-                         database_key(names[0]));
+    const auto found = library.read_record("database " + names[0] + " cannot be shown",
+                                           [&] { return library->fetch_db_config(names[0]); });
     output_format format = library.shared.format;
     return show_result(format, "prsr_cfg", "record", view_of(*found, format));
 }

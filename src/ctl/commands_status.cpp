@@ -9,7 +9,6 @@
 #include "ctl/record_view.h"
 #include "ctl/session.h"
 #include "ctl/text.h"
-#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -48,9 +47,8 @@ static std::string section(const view_list &rows) {
 }
 
 static exit_code show_database(const session &library, const std::string &dbname) {
-    const auto found = library->fetch_db_config(dbname);
-    library.check_record(found.code(), "the status of database " + dbname + " cannot be read",
-                         database_key(dbname));
+    const auto found = library.read_record("the status of database " + dbname + " cannot be read",
+                                           [&] { return library->fetch_db_config(dbname); });
     const prsr::database record = *found;
     view_list instances = instance_rows(record.instances()),
               services = service_rows(record.services());

@@ -4,7 +4,6 @@
 #include "ctl/output.h"
 #include "ctl/record_view.h"
 #include "ctl/session.h"
-#include "model/folding.h"
 
 namespace keyview::ctl {
 
@@ -14,9 +13,9 @@ static std::string stg_subject(const given_names &names) {
 }
 
 static exit_code run_stg(const session &library, const given_names &names) {
-    const auto found = library->fetch_stg_config(names[0], names[1]);
-    library.check_record(found.code(), stg_subject(names) + " cannot be shown",
-                         STG_ROOT + ("." + element_of(names[0]) + "." + element_of(names[1])));
+    const auto found = library.read_record(stg_subject(names) + " cannot be shown", [&] {
+        return library->fetch_stg_config(names[0], names[1]);
+    });
     output_format format = library.shared.format;
     return show_result(format, "prsr_stg_cfg", "record", view_of(*found, format));
 }
@@ -38,9 +37,9 @@ static exit_code run_stg_enabled(const session &library, const given_names &name
 }
 
 static exit_code run_nodeapps(const session &library, const given_names &names) {
-    const auto found = library->fetch_nodeapps_config(names[0]);
-    library.check_record(found.code(), "the applications of node " + names[0] + " cannot be shown",
-                         NODEAPPS_ROOT + ("." + element_of(names[0])));
+    const auto found =
+        library.read_record("the applications of node " + names[0] + " cannot be shown",
+                            [&] { return library->fetch_nodeapps_config(names[0]); });
     output_format format = library.shared.format;
     return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found, format));
 }

@@ -39,16 +39,19 @@ void each_database(const session &library, const char *what,
         library.shared.reporter->count(static_cast<uint64_t>(&one - databases.data()),
                                        databases.size());
         library.observe_lock(lock_of(database_key(one.element)));
+        const admin::damage_recorder damage;
         const auto fetched = library.observed(
             "fetch_db_config", [&] { return library->fetch_db_config(one.element); });
         if (fetched.code() == PRSR_ERR_NO_DATABASE && one.reason.empty())
             continue;  // removed meanwhile
-        listed_record found = {one.element, one.element, {}, EXIT_CONTENT, one.reason};
-        if (one.reason.empty()) {
+        const bool sound = damage.first().empty();
+        listed_record found = {
+            one.element, one.element, {}, EXIT_CONTENT, sound ? one.reason : damage.first()};
+        if (found.why.empty()) {
             found.code = EXIT_DONE;
             note_failure(library, fetched.code(), what, &found);
         }
-        if (fetched && !one.damaged) found.record = *fetched;
+        if (fetched && sound) found.record = *fetched;
         const bool named = found.record && one.reason.empty();
         if (named) found.name = text_or_dash(found.record.sp_name());
         visit(found);
@@ -165,20 +168,20 @@ static std::vector<entry_overview::record> read_each(
 entry_overview read_entries(const session &library, const char *what) {
     entry_overview out;
     out.nodes = read_each(library, what, list_nodes(library.shared), [&](const auto &one) {
-        const auto found = library.observed(
-            "fetch_nodeapps_config", [&] { return library->fetch_nodeapps_config(one.element); });
-        library.check_record(found.code(), "node " + one.name + " cannot be shown",
-                             std::string(NODEAPPS_ROOT) + "." + one.element);
+        const auto found = library.read_record("node " + one.name + " cannot be shown", [&] {
+            return library.observed("fetch_nodeapps_config",
+                                    [&] { return library->fetch_nodeapps_config(one.element); });
+        });
         return view_of(*found, output_format::json);
     });
     out.storage_managers =
         read_each(library, what, list_storage_managers(library.shared), [&](const auto &one) {
-            const auto found = library.observed("fetch_stg_config", [&] {
-                return library->fetch_stg_config(one.scope, one.element);
+            const std::string shown = "storage manager entry " + one.name + " cannot be shown";
+            const auto found = library.read_record(shown, [&] {
+                return library.observed("fetch_stg_config", [&] {
+                    return library->fetch_stg_config(one.scope, one.element);
+                });
             });
-            library.check_record(found.code(),
-                                 "storage manager entry " + one.name + " cannot be shown",
-                                 std::string(STG_ROOT) + "." + one.scope + "." + one.element);
             return view_of(*found, output_format::json);
         });
     return out;

@@ -27,9 +27,8 @@ tool_error session::failure(int32_t rc, const std::string &what) const {
     return {code, what, shared.registry, why, same ? known.todo : exit_rows().first[code].todo};
 }
 
-void session::check_record(int32_t rc, const std::string &what, const std::string &key) const {
-    check(rc, what);
-    attempt(what, shared.registry, [&] { admin::require_sound(key); });
+void session::check_damage(const std::string &text, const std::string &what) const {
+    if (!text.empty()) fail({KEYVIEW_FAILURE_CONTENT, text}, what, shared.registry);
 }
 
 void session::observe_lock(const std::string &name) const {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 
+#include "admin/registry.h"
 #include "ctl/command.h"
 #include "ctl/output.h"
 #include "keyview/if/prsr.hpp"
@@ -30,8 +31,16 @@ class session {
         if (rc != PRSR_SUCCESS) throw failure(rc, what);
     }
 
-    // The same for the record of a key, whose damage is a failure, too.
-    void check_record(int32_t rc, const std::string &what, const std::string &key) const;
+    // Runs an operation that reads a record, and returns its result. Damage that it met is a failure,
+    // too: operations read a list that is damaged as an empty one.
+    template <typename work>
+    auto read_record(const std::string &what, const work &run) const {
+        const admin::damage_recorder damage;
+        auto found = run();
+        check(found.code(), what);
+        check_damage(damage.first(), what);
+        return found;
+    }
 
     // Runs a call; its name and the time that it took go to the observer, if there is one.
     template <typename work>
@@ -51,6 +60,8 @@ class session {
     const tool &shared;
 
   private:
+    void check_damage(const std::string &text, const std::string &what) const;
+
     mutable prsr::context context_;  // one thread uses it
 };
 

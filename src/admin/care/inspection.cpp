@@ -78,7 +78,8 @@ std::vector<symptom> diagnose_registry() {
 std::vector<listed_database> list_databases(const std::string &key) {
     key_map keys;
     std::vector<std::string> damaged;
-    (void)registry::open().read({{key, reach::all_below}}, &keys, &damaged);
+    const reach depth = key == DB_ROOT ? reach::children : reach::key_alone;
+    (void)registry::open().read({{key, depth}}, &keys, &damaged);
     std::map<std::string, listed_database> found;
     for (const auto &[path, value] : keys) {
         if (parent_path(path) != DB_ROOT) continue;
@@ -87,20 +88,15 @@ std::vector<listed_database> list_databases(const std::string &key) {
         found[element] = {element, wrong ? path + " " + wrong->reason : ""};
     }
     for (const std::string &path : damaged) {
-        std::string element(last_element(first_elements(path, 3)));
-        found[element] = {element, path + " has stored bytes that are not those that were written",
-                          true};
+        if (parent_path(path) != DB_ROOT) continue;
+        std::string element(last_element(path));
+        found[element] = {element, path + " has stored bytes that are not those that were written"};
     }
     std::vector<listed_database> out;
     out.reserve(found.size());
     for (auto &[element, one] : found)
         out.push_back(std::move(one));
     return out;
-}
-
-void require_sound(const std::string &path) {
-    key_map keys;
-    (void)registry::open().read({{path, reach::all_below}}, &keys);
 }
 
 void check_listing() {

@@ -33,18 +33,12 @@ struct symptom {
 // locks.
 std::vector<symptom> diagnose_registry();
 
-// The databases, or the one of a key, with what keeps readers from reading the name of each, or with
-// damage in it.
+// The databases, or the one of a key, with what keeps readers from reading the name of each.
 struct listed_database {
     std::string element;  // of its key
     std::string reason = {};
-    bool damaged = false;
 };
 std::vector<listed_database> list_databases(const std::string &key = DB_ROOT);
-
-// Throws the damage in a key and in what is below it: several operations of the library read a list
-// that is damaged as an empty one.
-void require_sound(const std::string &path);
 
 // Throws why the databases cannot be enumerated, if they cannot: prsr_list_db then lists none.
 void check_listing();

@@ -157,6 +157,10 @@ void keyview_registry_observe_sets(keyview_change_callback set, void *arg) {
     observe_sets(set, arg);
 }
 
+void keyview_registry_observe_damage(keyview_failure_callback damage, void *arg) {
+    observe_damage(damage, arg);
+}
+
 int32_t keyview_registry_apply(keyview_registry *registry, const keyview_change *changes,
                                size_t count, keyview_lock *const *locks, size_t lock_count,
                                uint64_t revision) {

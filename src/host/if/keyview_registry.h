@@ -100,6 +100,13 @@ KEYVIEW_HOST_FUNCTION int32_t keyview_registry_history(keyview_registry *registr
 // the value that it replaced; revision is 0. A null callback ends it.
 KEYVIEW_HOST_FUNCTION void keyview_registry_observe_sets(keyview_change_callback set, void *arg);
 
+// Delivers the text of each KEYVIEW_FAILURE_CONTENT of an outside operation or of a function of this
+// header on this thread: the library reads a list that is damaged as an empty one. A null callback
+// ends it.
+typedef void (*keyview_failure_callback)(void *arg, keyview_bytes text);
+KEYVIEW_HOST_FUNCTION void keyview_registry_observe_damage(keyview_failure_callback damage,
+                                                           void *arg);
+
 // ---- Changing -----------------------------------------------------------------------------------
 
 typedef struct keyview_change {

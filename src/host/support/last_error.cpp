@@ -14,6 +14,15 @@ last_failure &thread_failure() noexcept {
     return latest;
 }
 
+static thread_local struct {
+    keyview_failure_callback callback;
+    void *arg;
+} damage_observer;
+
+void observe_damage(keyview_failure_callback callback, void *arg) noexcept {
+    damage_observer = {callback, arg};
+}
+
 static failure kind_of(int32_t code) {
     if (code == BAD_ARGUMENT || code == NAME_TOO_LONG) return failure::usage;
     if (code == LOCK_FAILED) return failure::lock;
@@ -49,6 +58,9 @@ int32_t fail(const std::exception &error) noexcept {
     if (known == nullptr) return fail(FAILED, {error.what()});
     int32_t code = fail(code_of(known->kind), {error.what()});
     thread_failure().kind = known->kind;
+    if (known->kind == failure::content && damage_observer.callback != nullptr)
+        damage_observer.callback(damage_observer.arg,
+                                 {thread_failure().text, strlen(thread_failure().text)});
     return code;
 }
 

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "host/if/keyview_registry.h"
 #include "host/support/error.h"
 
 namespace keyview::host {
@@ -28,6 +29,9 @@ struct last_failure {
 };
 
 last_failure &thread_failure() noexcept;
+
+// Receives the text of each failure::content of this thread from now on, until it is null.
+void observe_damage(keyview_failure_callback callback, void *arg) noexcept;
 
 // Stores the text, joined from its pieces, as the thread's latest failure; returns the code.
 int32_t fail(int32_t code, std::initializer_list<std::string_view> pieces) noexcept;
