@@ -49,27 +49,28 @@ struct tool {
 };
 
 // A group adds its commands to the app. A new group is a file with such a function, and its row in
-// main.cpp.
+// main.cpp, which names the commands.
 using command_group = void (*)(CLI::App *app, tool *shared);
 
-void add_show_commands(CLI::App *app, tool *shared);          // list, show
-void add_query_commands(CLI::App *app, tool *shared);         // roster, role, name, ...
-void add_enable_commands(CLI::App *app, tool *shared);        // enable, disable, enabled, supported
-void add_stg_nodeapps_commands(CLI::App *app, tool *shared);  // stg, nodeapps, ...
-void add_document_commands(CLI::App *app, tool *shared);      // apply, diff, export
-void add_key_commands(CLI::App *app, tool *shared);           // get, ls, tree, set, rm, explain
-void add_create_commands(CLI::App *app, tool *shared);        // create; rm by name, below rm
-void add_edit_command(CLI::App *app, tool *shared);           // edit
-void add_watch_command(CLI::App *app, tool *shared);          // watch
-void add_report_commands(CLI::App *app, tool *shared);        // report, graph
-void add_serve_command(CLI::App *app, tool *shared);          // serve
-void add_history_command(CLI::App *app, tool *shared);        // history
-void add_status_command(CLI::App *app, tool *shared);         // status
-void add_backup_commands(CLI::App *app, tool *shared);        // backup, restore, copy
-void add_lock_commands(CLI::App *app, tool *shared);          // lock
-void add_check_commands(CLI::App *app, tool *shared);         // check, lint
-void add_doctor_commands(CLI::App *app, tool *shared);        // doctor, recover
-void add_help_commands(CLI::App *app, tool *shared);          // help, version, errors, config, ...
+void add_show_commands(CLI::App *app, tool *shared);
+void add_query_commands(CLI::App *app, tool *shared);
+void add_enable_commands(CLI::App *app, tool *shared);
+void add_stg_nodeapps_commands(CLI::App *app, tool *shared);
+void add_document_commands(CLI::App *app, tool *shared);
+void add_key_commands(CLI::App *app, tool *shared);
+void add_create_commands(CLI::App *app, tool *shared);
+void add_removal_commands(CLI::App *app, tool *shared);  // below rm, which is there
+void add_edit_command(CLI::App *app, tool *shared);
+void add_watch_command(CLI::App *app, tool *shared);
+void add_report_commands(CLI::App *app, tool *shared);
+void add_serve_command(CLI::App *app, tool *shared);
+void add_history_command(CLI::App *app, tool *shared);
+void add_status_command(CLI::App *app, tool *shared);
+void add_backup_commands(CLI::App *app, tool *shared);
+void add_lock_commands(CLI::App *app, tool *shared);
+void add_check_commands(CLI::App *app, tool *shared);
+void add_doctor_commands(CLI::App *app, tool *shared);
+void add_help_commands(CLI::App *app, tool *shared);
 
 // One command: run takes no arguments, what it needs is bound to it. A plain one uses no registry.
 CLI::App *add_command(CLI::App *app, tool *shared, const char *name, const std::string &description,

@@ -90,14 +90,6 @@ exit_code show_findings(const tool &shared) {
     return show_result(shared.format, "findings", "findings", {std::move(rows)});
 }
 
-// For the help of a command.
-static std::string coverage(bool admin::finding_row::*covers) {
-    std::string others;
-    for (const admin::finding_row &row : admin::finding_rows())
-        if (!(row.*covers)) others += (others.empty() ? "" : ", ") + std::string(row.name);
-    return "Of what \"keyviewctl explain --findings\" lists it finds all but " + others + ".";
-}
-
 void add_check_commands(CLI::App *app, tool *shared) {
     static constexpr command_row COMMANDS[] = {
         {"check",
@@ -107,9 +99,6 @@ void add_check_commands(CLI::App *app, tool *shared) {
          run_lint},
     };
     add_commands(app, shared, COMMANDS);
-    app->get_subcommand("check")->footer(coverage(&admin::finding_row::by_check));
-    app->get_subcommand("lint")->footer(coverage(&admin::finding_row::by_lint));
-    app->get_subcommand("export")->footer(coverage(&admin::finding_row::by_export));
 }
 
 }  // namespace keyview::ctl

@@ -196,6 +196,9 @@ void add_create_commands(CLI::App *app, tool *shared) {
     add_kinds(create, shared, "Create", "FIELD",
               "FIELD=VALUE, as \"explain --fields\" lists them; instances are joined by commas",
               run_create);
+}
+
+void add_removal_commands(CLI::App *app, tool *shared) {
     add_kinds(app->get_subcommand("rm"), shared, "Remove, by its name,", "MORE",
               "The names of more, removed with it", run_rm);
 }

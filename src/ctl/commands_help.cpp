@@ -159,7 +159,7 @@ void add_help_commands(CLI::App *app, tool *shared) {
     add_commands(app, shared, COMMANDS);
     add_commands(app->get_subcommand("config"), shared, CONTEXT_COMMANDS);
     CLI::App *complete = add_command(
-        app, shared, "__complete", "", [=] { return run_complete(*shared, *words); }, true);
+        app, shared, COMPLETE, "", [=] { return run_complete(*shared, *words); }, true);
     complete->group("");
     complete->add_option("WORD", *words, "The words so far");
 }

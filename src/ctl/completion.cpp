@@ -65,6 +65,17 @@ static walked walk(const CLI::App &app, const word_list &line) {
     return at;
 }
 
+word_list line_to_complete(const word_list &request) {
+    const size_t first = request.size() > 1 && request[1] == "--" ? 2 : 1;
+    if (request.size() <= first) return {};
+    return {request.begin() + static_cast<ptrdiff_t>(first), request.end() - 1};
+}
+
+std::string first_argument(const CLI::App &app, const word_list &line) {
+    const walked at = walk(app, line);
+    return at.arguments.empty() ? "" : at.arguments.front();
+}
+
 // Keys one level below what is written of a path.
 static word_list keys_like(const std::string &path) {
     std::string_view parent = parent_path(path);

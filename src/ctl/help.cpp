@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "admin/care/findings.h"
+
 namespace keyview::ctl {
 
 static constexpr char SEE[] = "See what is configured", CHANGE[] = "Change the configuration",
@@ -80,16 +82,32 @@ static const CLI::App *below(const CLI::App &app, const std::string &word) {
     return nullptr;
 }
 
-void add_examples(CLI::App *app) {
+// What a command that inspects does not find.
+static std::string coverage(const std::string &command) {
+    bool admin::finding_row::*covers = command == "check"    ? &admin::finding_row::by_check
+                                       : command == "lint"   ? &admin::finding_row::by_lint
+                                       : command == "export" ? &admin::finding_row::by_export
+                                                             : nullptr;
+    if (covers == nullptr) return "";
+    std::string others;
+    for (const admin::finding_row &row : admin::finding_rows())
+        if (!(row.*covers)) others += (others.empty() ? "" : ", ") + std::string(row.name);
+    return "Of what \"keyviewctl explain --findings\" lists it finds all but " + others + ".\n\n";
+}
+
+static void add_example(CLI::App *command, const std::string &name) {
     for (const auto &row : COMMAND_EXAMPLES) {
-        CLI::App *command = app;
-        for (const std::string &word : CLI::detail::split(row.command, ' '))
-            command = command->get_subcommand(word);
+        if (name != row.command) continue;
         if (*row.task != '\0') command->group(row.task);
-        std::string before = command->get_footer();
-        if (!before.empty()) before += "\n\n";
-        command->footer(before + "Example:\n  keyviewctl " + row.example);
+        command->footer(coverage(name) + "Example:\n  keyviewctl " + row.example);
     }
+    for (CLI::App *below : command->get_subcommands(nullptr))
+        add_example(below, name + " " + below->get_name());
+}
+
+void add_examples(CLI::App *app) {
+    for (CLI::App *command : app->get_subcommands(nullptr))
+        add_example(command, command->get_name());
 }
 
 std::string help_of(const CLI::App &app, const std::vector<std::string> &words) {

@@ -42,8 +42,9 @@ size_t width_of_text(const std::string &text) {
 }
 
 std::string shortened(const std::string &text, size_t columns, bool at_end) {
-    size_t width = width_of_text(text);
-    if (columns == 0 || width <= columns) return text;
+    if (columns == 0 || text.size() <= columns) return text;  // no byte takes more than a column
+    const size_t width = width_of_text(text);
+    if (width <= columns) return text;
     const size_t head = at_end ? columns - 1 : columns / 2,
                  tail = columns - 1 - head;  // beside the ellipsis
     std::string out;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 
 #include "admin/registry.h"
 #include "ctl/command.h"
+#include "ctl/completion.h"
 #include "ctl/exit_codes.h"
 #include "ctl/help.h"
 #include "ctl/option_words.h"
@@ -24,12 +26,31 @@
 
 namespace keyview::ctl {
 
-static constexpr command_group GROUPS[] = {
-    add_status_command,  add_show_commands,   add_query_commands,    add_stg_nodeapps_commands,
-    add_watch_command,   add_enable_commands, add_document_commands, add_key_commands,
-    add_backup_commands, add_check_commands,  add_doctor_commands,   add_lock_commands,
-    add_help_commands,   add_create_commands, add_edit_command,      add_report_commands,
-    add_serve_command,   add_history_command,
+// A start describes the commands of the groups that have the one in the command line, because all of
+// them take longer than most commands do; all, if no group has it.
+static constexpr struct {
+    command_group add;
+    const char *commands;  // those that need no other group
+} GROUPS[] = {
+    {add_status_command, "status"},
+    {add_show_commands, "list show"},
+    {add_query_commands, "roster role policy domain name instance-on"},
+    {add_stg_nodeapps_commands, "stg stg-name stg-enabled nodeapps"},
+    {add_watch_command, "watch"},
+    {add_enable_commands, "enable disable enabled supported"},
+    {add_document_commands, "apply diff export"},
+    {add_key_commands, "get ls tree set rm undo explain"},
+    {add_backup_commands, "backup restore copy"},
+    {add_check_commands, "check lint"},
+    {add_doctor_commands, "doctor recover"},
+    {add_lock_commands, "lock"},
+    {add_help_commands, "version errors config completion __complete"},
+    {add_create_commands, "create"},
+    {add_removal_commands, "rm"},
+    {add_edit_command, "edit"},
+    {add_report_commands, "report graph"},
+    {add_serve_command, "serve"},
+    {add_history_command, "history"},
 };
 
 // If a standard descriptor is closed, the next file opened takes its number, and output would go
@@ -86,6 +107,23 @@ static void add_options(CLI::App *app, tool *shared) {
     app->add_flag("-v,--verbose", shared->verbose,
                   "Print what is being done, and how long it takes")
         ->excludes(quiet);
+}
+
+// Adds the commands that the words of a command line need.
+static void add_groups(CLI::App *app, tool *shared, std::vector<std::string> words) {
+    const bool completes = !words.empty() && words.front() == COMPLETE;
+    if (completes) words = line_to_complete(words);
+    const std::string chosen = first_argument(*app, words);
+    auto has = [](const auto &group, const std::string &name) {
+        const std::vector<std::string> commands = CLI::detail::split(group.commands, ' ');
+        return std::find(commands.begin(), commands.end(), name) != commands.end();
+    };
+    const bool known = std::any_of(std::begin(GROUPS), std::end(GROUPS),
+                                   [&](const auto &group) { return has(group, chosen); });
+    for (const auto &group : GROUPS)
+        if (!known || has(group, chosen) || (completes && has(group, COMPLETE)))
+            group.add(app, shared);
+    add_examples(app);
 }
 
 static constexpr const char *TRY_HELP =
@@ -251,9 +289,7 @@ static int run(int argc, char **argv, output_format *format) {
     CLI::App app("Administers the key tree of a database cluster", "keyviewctl");
     shared.app = &app;
     add_options(&app, &shared);
-    for (command_group add : GROUPS)
-        add(&app, &shared);
-    add_examples(&app);
+    add_groups(&app, &shared, {argv + std::min(argc, 1), argv + argc});
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -113,8 +113,9 @@ std::string text_for_people(const view &shown) {
         add_fields(*fields, 0, false, &out);
     } else if (const view_list *list = list_in(shown)) {
         if (!list->empty() && is_record(list->front())) return grid_of(*list);
+        const size_t columns = width_of(STDOUT_FILENO);
         for (const view &item : *list) {
-            std::string line = shortened(scalar_of(item), width_of(STDOUT_FILENO));
+            const std::string line = shortened(scalar_of(item), columns);
             out += painted(STDOUT_FILENO, tone_of(item), line) + "\n";
         }
     } else {

@@ -1001,6 +1001,7 @@ class Comfort(Administrator):
         for command in self.commands():
             self.assertRegex(whole, r"(?m)^  %s " % command.split()[0])
             text = self.good("help", *command.split())
+            self.assertEqual(text, self.good(*command.split(), "--help"))
             example = re.search(r"Example:\n  keyviewctl (.*)\n", text)
             self.assertTrue(example, command)
             words = example.group(1).split()
