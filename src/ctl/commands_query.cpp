@@ -52,11 +52,11 @@ static exit_code run_roster(const session &library, const given_names &names) {
 
 // This operation reports NONE for whatever cannot be read; only an existing service may have none.
 static exit_code run_policy(const session &library, const given_names &names) {
-    const auto policy = library->get_service_rcn_policy(names[0], names[1]);
-    int32_t rc = policy.code();
-    bool nothing_read = policy && *keyview_host_last_error() != '\0';
-    if (nothing_read) rc = probe_service(library, names);
-    library.check(rc, "the failover policy of " + service_subject(names) + " cannot be read");
+    const std::string what = "the failover policy of " + service_subject(names) + " cannot be read";
+    const auto policy =
+        library.read(what, [&] { return library->get_service_rcn_policy(names[0], names[1]); });
+    bool nothing_read = *keyview_host_last_error() != '\0';
+    if (nothing_read) library.check(probe_service(library, names), what);
     return show_answer(
         library.shared.format, "rcn_policy",
         {{"dbname", {names[0]}}, {"srvname", {names[1]}}, {"rcn_policy", policy_view(*policy)}});

@@ -34,8 +34,8 @@ static exit_code run_graph(const session &library, const given_names &names) {
         throw tool_error{EXIT_USAGE, "graph draws a picture", "", "another format was chosen",
                          "use -o svg or -o dot; \"status\" with -o json has the same for programs"};
     }
-    const auto found = library.read_record("database " + names[0] + " cannot be drawn",
-                                           [&] { return library->fetch_db_config(names[0]); });
+    const auto found = library.read("database " + names[0] + " cannot be drawn",
+                                    [&] { return library->fetch_db_config(names[0]); });
     write_result(format == output_format::dot ? dot_of(*found) : svg_of(*found));
     return EXIT_DONE;
 }

@@ -20,8 +20,8 @@ static exit_code run_list(const session &library, const given_names &names) {
 }
 
 static exit_code run_show(const session &library, const given_names &names) {
-    const auto found = library.read_record("database " + names[0] + " cannot be shown",
-                                           [&] { return library->fetch_db_config(names[0]); });
+    const auto found = library.read("database " + names[0] + " cannot be shown",
+                                    [&] { return library->fetch_db_config(names[0]); });
     output_format format = library.shared.format;
     return show_result(format, "prsr_cfg", "record", view_of(*found, format));
 }

@@ -47,8 +47,8 @@ static std::string section(const view_list &rows) {
 }
 
 static exit_code show_database(const session &library, const std::string &dbname) {
-    const auto found = library.read_record("the status of database " + dbname + " cannot be read",
-                                           [&] { return library->fetch_db_config(dbname); });
+    const auto found = library.read("the status of database " + dbname + " cannot be read",
+                                    [&] { return library->fetch_db_config(dbname); });
     const prsr::database record = *found;
     view_list instances = instance_rows(record.instances()),
               services = service_rows(record.services());

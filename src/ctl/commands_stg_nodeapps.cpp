@@ -13,9 +13,8 @@ static std::string stg_subject(const given_names &names) {
 }
 
 static exit_code run_stg(const session &library, const given_names &names) {
-    const auto found = library.read_record(stg_subject(names) + " cannot be shown", [&] {
-        return library->fetch_stg_config(names[0], names[1]);
-    });
+    const auto found = library.read(stg_subject(names) + " cannot be shown",
+                                    [&] { return library->fetch_stg_config(names[0], names[1]); });
     output_format format = library.shared.format;
     return show_result(format, "prsr_stg_cfg", "record", view_of(*found, format));
 }
@@ -37,9 +36,8 @@ static exit_code run_stg_enabled(const session &library, const given_names &name
 }
 
 static exit_code run_nodeapps(const session &library, const given_names &names) {
-    const auto found =
-        library.read_record("the applications of node " + names[0] + " cannot be shown",
-                            [&] { return library->fetch_nodeapps_config(names[0]); });
+    const auto found = library.read("the applications of node " + names[0] + " cannot be shown",
+                                    [&] { return library->fetch_nodeapps_config(names[0]); });
     output_format format = library.shared.format;
     return show_result(format, "prsr_nodeapps_cfg", "record", view_of(*found, format));
 }

@@ -168,7 +168,7 @@ static std::vector<entry_overview::record> read_each(
 entry_overview read_entries(const session &library, const char *what) {
     entry_overview out;
     out.nodes = read_each(library, what, list_nodes(library.shared), [&](const auto &one) {
-        const auto found = library.read_record("node " + one.name + " cannot be shown", [&] {
+        const auto found = library.read("node " + one.name + " cannot be shown", [&] {
             return library.observed("fetch_nodeapps_config",
                                     [&] { return library->fetch_nodeapps_config(one.element); });
         });
@@ -177,7 +177,7 @@ entry_overview read_entries(const session &library, const char *what) {
     out.storage_managers =
         read_each(library, what, list_storage_managers(library.shared), [&](const auto &one) {
             const std::string shown = "storage manager entry " + one.name + " cannot be shown";
-            const auto found = library.read_record(shown, [&] {
+            const auto found = library.read(shown, [&] {
                 return library.observed("fetch_stg_config", [&] {
                     return library->fetch_stg_config(one.scope, one.element);
                 });

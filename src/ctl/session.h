@@ -31,10 +31,10 @@ class session {
         if (rc != PRSR_SUCCESS) throw failure(rc, what);
     }
 
-    // Runs an operation that reads a record, and returns its result. Damage that it met is a failure,
-    // too: operations read a list that is damaged as an empty one.
+    // Runs an operation that reads, and returns its result. Damage that it met is a failure, too: some
+    // operations read a list that is damaged as an empty one, or a policy as none.
     template <typename work>
-    auto read_record(const std::string &what, const work &run) const {
+    auto read(const std::string &what, const work &run) const {
         const admin::damage_recorder damage;
         auto found = run();
         check(found.code(), what);

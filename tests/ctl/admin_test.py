@@ -771,6 +771,8 @@ class Damage(Administrator):
                     self.assertEqual((shown[hit]["error"], shown[hit]["instances"]), ("content", None))
                     self.good("status", hit, code=8)
                     self.good("show", hit, code=8)
+                if key.endswith(".RCNPOLICY"):
+                    self.good("policy", hit, names[4].replace("*", "."), code=8)
                 below = [path for path in self.before if path.startswith(key + ".")]
                 expected = {path: value for path, value in self.before.items() if path != key}
                 if below:
