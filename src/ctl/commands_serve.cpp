@@ -63,6 +63,9 @@ static server_options options_of(const serve_options &given, const endpoint &pla
     server_options out;
     if (!given.certificate.empty()) {
         out.certificate = read_file(given.certificate);
+        if (out.certificate.empty())
+            throw tool_error{EXIT_USAGE, CANNOT_SERVE, given.certificate, "it holds no certificate",
+                             "name a file with the certificate in PEM"};
         out.key = secret_in(given.key);
     }
     if (!given.login.empty()) out.login = login_in(given.login);

@@ -124,7 +124,9 @@ class Answers(Served):
             again = one.getresponse()
             self.assertEqual((again.status, again.read(), again.headers["ETag"]), (304, b"", got.headers["ETag"]))
         one.close()
-        self.assertEqual(self.ask("/", "HEAD")[2], b"")
+        for path, kind in (("/", "text/html; charset=utf-8"), ("/v1/events", "text/event-stream")):
+            status, headers, body = self.ask(path, "HEAD")
+            self.assertEqual((status, headers["Content-Type"], body), (200, kind, b""))
         page = self.body("/").decode()
         self.assertIn("connect-src 'self'", page)
         self.assertIn(self.body("/page.json").decode(), page)
@@ -324,8 +326,10 @@ class Rights(Served):
         for source, name, mode in (("cert", "wrong", 0o600), ("key", "shown", 0o644)):
             shutil.copyfile(self.path(source), self.path(name))
             os.chmod(self.path(name), mode)
+        open(self.path("empty"), "w").close()
         for words, why in (([], "no TLS or no login"), (tls, "no TLS or no login"), (self.login(), "no TLS or no login"),
                            (tls + self.login(mode=0o644), "others than its owner"), (tls + self.login("carol"), "no login"),
+                           (["--tls-cert", self.path("empty")] + tls[2:] + self.login(), "no certificate"),
                            (tls[:2] + self.login(), "only one of"), (tls[:3] + [self.path("wrong")] + self.login(), "its key cannot be used"),
                            (tls[:3] + [self.path("shown")] + self.login(), "others than its owner")):
             for address in ("0.0.0.0:0", "[::]:0"):

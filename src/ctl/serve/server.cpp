@@ -274,7 +274,7 @@ int server::send(MHD_Connection *connection, const answer &what) {
         {"Cross-Origin-Resource-Policy", "same-origin"},
         {"Cache-Control", "no-store"},
     };
-    const bool follows = what.type == EVENT_STREAM;
+    const bool follows = what.type == EVENT_STREAM && what.body == nullptr;
     const bool page = what.type != nullptr && strncmp(what.type, "text/html", 9) == 0;
     answer sent = what;
     if (is_known(connection, what))
@@ -306,9 +306,10 @@ int server::handle(MHD_Connection *connection, const char *path, const char *met
     const bool reads = strcmp(method, "GET") == 0 || strcmp(method, "HEAD") == 0;
     if (!begun && reads && !has_body(connection)) return MHD_YES;
     answer chosen = choose(connection, path, reads);
-    const bool follows =
-        strcmp(path, EVENTS) == 0 && chosen.status == 404 && strcmp(method, "GET") == 0;
-    if (follows) chosen = {200, EVENT_STREAM, nullptr, ""};
+    const bool events = strcmp(path, EVENTS) == 0 && chosen.status == 404;
+    const bool follows = events && strcmp(method, "GET") == 0;
+    if (events) chosen = answer_of(EVENT_STREAM, "", 200);
+    if (follows) chosen.body = nullptr;
     set_deadline(connection, follows ? std::chrono::hours(24 * 365) : ANSWER_TIME);
     return send(connection, chosen);
 }
