@@ -42,7 +42,8 @@ extern "C" {
 KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_registry(const char *url);
 
 // Chooses how long a lock is waited for, in milliseconds: 0 tries once. At most a day; a negative
-// wait goes back to the environment.
+// wait goes back to the environment. Writers of a registry on one machine take turns, for the time of
+// one write each, and wait 10 s at least for theirs.
 KEYVIEW_HOST_FUNCTION int32_t keyview_host_set_lock_wait(int64_t wait_ms);
 
 // How long a lock is waited for, in milliseconds; -1 if KEYVIEW_LOCK_WAIT cannot be used.
