@@ -3,6 +3,7 @@
 
 #include <initializer_list>
 #include <iterator>
+#include <utility>
 
 #include "ctl/text.h"
 #include "model/words.h"
@@ -22,7 +23,7 @@ enum class readers { all, people, programs };
 
 struct record_field {
     const char *name;
-    view shown;
+    mutable view shown;  // moved out of the list that has the field
     readers readers_of_it = readers::all;
 };
 }  // namespace
@@ -31,7 +32,7 @@ static view record_of(output_format format, std::initializer_list<record_field> 
     readers hidden = format == output_format::table ? readers::programs : readers::people;
     view_fields shown;
     for (const record_field &field : fields)
-        if (field.readers_of_it != hidden) shown.push_back({field.name, field.shown});
+        if (field.readers_of_it != hidden) shown.emplace_back(field.name, std::move(field.shown));
     return {std::move(shown)};
 }
 
@@ -67,19 +68,23 @@ static view instance_view(const prsr::instance &record, output_format format) {
 static view service_view(const prsr::service &record, output_format format) {
     const prsr::service_instance_list preferred = record.preferred(),
                                       available = record.available();
-    return record_of(format, {{"name", text_view(record.name())},
-                              {"preferred", instances_view(preferred), readers::people},
-                              {"available", instances_view(available), readers::people},
-                              {"available", names_view(available), readers::programs},
-                              {"available_enabled", flags_view(available), readers::programs},
-                              {"available_count", number_view(available.size()), readers::programs},
-                              {"preferred", names_view(preferred), readers::programs},
-                              {"preferred_enabled", flags_view(preferred), readers::programs},
-                              {"preferred_count", number_view(preferred.size()), readers::programs},
-                              {"rcn_policy", policy_view(record.rcn_policy())},
-                              {"env", strings_view(record.env())},
-                              {"env_n", number_view(record.env().size()), readers::programs},
-                              {"enabled", flag_view(record.enabled())}});
+    const bool people = format == output_format::table;
+    auto of = [](bool wanted, view (*made)(const prsr::service_instance_list &),
+                 const prsr::service_instance_list &list) { return wanted ? made(list) : view{}; };
+    return record_of(format,
+                     {{"name", text_view(record.name())},
+                      {"preferred", of(people, instances_view, preferred), readers::people},
+                      {"available", of(people, instances_view, available), readers::people},
+                      {"available", of(!people, names_view, available), readers::programs},
+                      {"available_enabled", of(!people, flags_view, available), readers::programs},
+                      {"available_count", number_view(available.size()), readers::programs},
+                      {"preferred", of(!people, names_view, preferred), readers::programs},
+                      {"preferred_enabled", of(!people, flags_view, preferred), readers::programs},
+                      {"preferred_count", number_view(preferred.size()), readers::programs},
+                      {"rcn_policy", policy_view(record.rcn_policy())},
+                      {"env", strings_view(record.env())},
+                      {"env_n", number_view(record.env().size()), readers::programs},
+                      {"enabled", flag_view(record.enabled())}});
 }
 
 template <typename records, typename record>

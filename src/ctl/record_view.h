@@ -39,6 +39,7 @@ template <typename entries, typename entry_view>
 view list_view(const entries &listed, const entry_view &of) {
     if (listed.is_null()) return {};
     view_list list;
+    list.reserve(static_cast<size_t>(listed.size()));
     for (const auto &entry : listed)
         list.push_back(of(entry));
     return {std::move(list)};
