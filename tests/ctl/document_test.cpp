@@ -81,15 +81,19 @@ static std::string wrapped(const std::string &where, std::string text) {
     return where == "service" ? service_with(text) : text;
 }
 
+static void expect_one(const problem_list &problems, const std::string &place,
+                       const std::string &reason) {
+    const std::string all = listed(problems);
+    EXPECT_TRUE(all.find(place + ": ") == 0 && all.find(reason) != all.npos) << all;
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1) << all;
+}
+
 TEST(DocumentReader, RefusesWithPlaceAndReason) {
     for (const auto &row : rows_of("refusals.txt", 4)) {
         SCOPED_TRACE(row[1]);
         problem_list problems;
         (void)read_document(wrapped(row[0], row[1]), &problems);
-        std::string all = listed(problems);
-        EXPECT_EQ(all.find(row[2] + ": "), 0u) << all;
-        EXPECT_NE(all.find(row[3]), all.npos) << all;
-        EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1) << all;
+        expect_one(problems, row[2], row[3]);
     }
 }
 
@@ -147,10 +151,7 @@ TEST(DocumentWriter, RefusesWhatADocumentCannotSay) {
         tree.make(row[0]).value = bytes_of(row[1]);
         problem_list problems;
         (void)write_document(&tree, &problems);
-        std::string all = listed(problems);
-        EXPECT_EQ(all.find(row[2] + ": "), 0u) << all;
-        EXPECT_NE(all.find(row[3]), all.npos) << all;
-        EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1) << all;
+        expect_one(problems, row[2], row[3]);
     }
 }
 

@@ -116,20 +116,18 @@ class InACluster(Stored, Cluster):
             return json.load(answer)
 
     def put(self, key, value):
-        prefix = self.url[len(self.address):].encode()
-        self.call("put", {"key": prefix + key, "value": value})
+        self.call("put", {"key": self.prefix + key, "value": value})
 
     def setUp(self):
         super().setUp()
-        prefix = self.url[len(self.address):].encode()
-        self.call("deleterange", {"key": prefix + b"/", "range_end": prefix + b"0"})
-        for line in content(self.file("cluster.txt")).decode().splitlines():
-            self.put(*map(base64.b64decode, line.split(" ")))
+        self.prefix = self.url[len(self.address):].encode()
+        self.call("deleterange", {"key": self.prefix + b"/", "range_end": self.prefix + b"0"})
+        self.rows = dict(map(base64.b64decode, line.split(b" ")) for line in content(self.file("cluster.txt")).splitlines())
+        for row in self.rows.items():
+            self.put(*row)
 
     def test_a_newer_version_is_refused(self):
-        tree = next(base64.b64decode(line.split(" ")[1]) for line in content(self.file("cluster.txt")).decode().splitlines()
-                    if base64.b64decode(line.split(" ")[0]) == b"/tree")
-        self.put(b"/tree", tree.replace(b"keyview 1", b"keyview 2"))
+        self.put(b"/tree", self.rows[b"/tree"].replace(b"keyview 1", b"keyview 2"))
         for command in ("list", "set --create --yes --as text A 1"):
             ended = self.run_tool(*command.split())
             self.assertEqual(ended.returncode, 8, ended.stderr)

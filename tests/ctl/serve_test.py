@@ -61,6 +61,12 @@ class Served(Administrator):
         finally:
             connection.close()
 
+    def events_of_a_change(self):
+        with self.follower() as one:
+            self.read_until(one, b"event: revision")
+            self.good("disable", "sales")
+            return self.read_until(one, b"event: revision")
+
     def body(self, path, status=200):
         got, _, body = self.ask(path)
         self.assertEqual(got, status, (path, body))
@@ -138,10 +144,7 @@ class Answers(Served):
     def test_a_change_is_answered_and_reported(self):
         self.serve()
         tag = self.ask("/v1/status")[1]["ETag"]
-        with self.follower() as one:
-            self.read_until(one, b"event: revision")
-            self.good("disable", "sales")
-            seen = self.read_until(one, b"event: revision").decode()
+        seen = self.events_of_a_change().decode()
         line = json.loads(re.search(r"event: change\ndata: (.*)\n", seen)[1])
         VALIDATOR.validate(line)
         self.assertEqual((line["path"], line["after"]), ("DATABASE.DATABASES.sales.ENABLED", "false\0"))
@@ -436,10 +439,7 @@ class InACluster(Served, Cluster):
     def test_changes_come_from_the_history_and_a_failure_is_reported(self):
         self.env["KEYVIEW_ANSWER_WAIT"] = "1"
         self.serve()
-        with self.follower() as one:
-            self.read_until(one, b"event: revision")
-            self.good("disable", "sales")
-            self.assertIn(b"event: change", self.read_until(one, b"event: revision"))
+        self.assertIn(b"event: change", self.events_of_a_change())
         self.member.send_signal(signal.SIGSTOP)
         try:
             self.wait_for("/readyz", 503)

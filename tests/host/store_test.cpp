@@ -19,6 +19,9 @@ class Store : public testing::TestWithParam<backend_row> {
         return keys->now()->read(path, &found) ? found : "(none)";
     }
 
+    struct : held_lock {
+        bool still_held() const override { return false; }
+    } lost;
     std::unique_ptr<fresh_registry> fresh = GetParam().make();
     store *keys = fresh->opened.keys.get();
 };
@@ -29,17 +32,9 @@ INSTANTIATE_TEST_SUITE_P(Backends, Store, testing::ValuesIn(backends_under_test(
 TEST_P(Store, AnInvalidChangeLeavesAllAsItWas) {
     keys->apply({put("a.b", "old")});
     std::string large(MAX_VALUE_SIZE + 1, 'v');
-    const std::string BAD[] = {"",
-                               ".",
-                               "a.",
-                               ".a",
-                               "a..b",
-                               "a.\x01",
-                               "a.\x1f.b",
-                               "a\x7f",
-                               std::string("a\0b", 3),
-                               std::string(MAX_PATH_LENGTH + 1, 'x')};
-    for (const std::string &path : BAD) {
+    std::vector<std::string> bad = {"", ".", "a.", ".a", "a..b", "a.\x01", "a.\x1f.b", "a\x7f"};
+    bad.insert(bad.end(), {std::string("a\0b", 3), std::string(MAX_PATH_LENGTH + 1, 'x')});
+    for (const std::string &path : bad) {
         auto change_it = [&] { keys->apply({put("a.b", "new"), put(path, "v")}); };
         EXPECT_EQ(failure_of(change_it), failure::usage) << path;
         EXPECT_FALSE(keys->set(path, "v", nullptr)) << path;
@@ -54,9 +49,6 @@ TEST_P(Store, AnInvalidChangeLeavesAllAsItWas) {
 }
 
 TEST_P(Store, SetsOnlyWhatExistsAndOnlyUnderALockThatIsHeld) {
-    struct lost_lock : held_lock {
-        bool still_held() const override { return false; }
-    } lost;
     keys->apply({put("a.b", "old")});
     EXPECT_FALSE(keys->set("a.c", "new", nullptr));
     std::string text;
@@ -76,28 +68,22 @@ TEST_P(Store, SetsOnlyWhatExistsAndOnlyUnderALockThatIsHeld) {
 }
 
 TEST_P(Store, AppliesOnlyOnItsTerms) {
-    struct lost_lock : held_lock {
-        bool still_held() const override { return false; }
-    } lost;
     auto revision = [&] { return keys->now()->current().tree; };
+    auto failed = [&](const char *text, const apply_terms &terms) {
+        return failure_of([&] { keys->apply({put("a.b", text)}, terms); });
+    };
     keys->apply({put("a.b", "old")});
     uint64_t before = revision();
     EXPECT_NE(before, 0U);
     EXPECT_EQ(keys->apply({put("a.b", "old")}).replaced, 0U);
     {
         auto held = fresh->opened.locks->acquire("LKRT.a", lock_mode::exclusive, 1000);
-        EXPECT_EQ(failure_of([&] {
-                      keys->apply({put("a.b", "new")}, {{held.get(), &lost}, 0});
-                  }),
-                  failure::lock);
+        EXPECT_EQ(failed("new", {{held.get(), &lost}, 0}), failure::lock);
         EXPECT_EQ(revision(), before) << "moved by what changed nothing";
         keys->apply({put("a.b", "new")}, {{held.get()}, before});
     }
     EXPECT_NE(revision(), before);
-    EXPECT_EQ(failure_of([&] {
-                  keys->apply({put("a.b", "newer")}, {{}, before});
-              }),
-              failure::changed);
+    EXPECT_EQ(failed("newer", {{}, before}), failure::changed);
     EXPECT_EQ(value("a.b"), "new");
 }
 
