@@ -1,5 +1,4 @@
-// The registry client as its callers see it, without locks, beside what keyview-hosttest checks of every
-// host.
+// The registry client as its callers see it, without locks.
 #include <gtest/gtest.h>
 
 #include "registry.h"
@@ -25,6 +24,35 @@ TEST_F(Client, OpensExactlyWhatIsThere) {
     for (const char *path : {"DATABASE.DATABASES.Sales", "DATABASE.DATABASES.sale",
                              "DATABASE.DATABASES.sales.", "DATABASE..DATABASES", "", ".", "\x01"})
         EXPECT_EQ(keys.read(path), "(4)") << path;
+    for (size_t length : {2047U, 5000U})
+        EXPECT_EQ(keys.read(std::string(length, 'x')), "(4)") << length;
+}
+
+TEST_F(Client, EnumeratesWithACountdown) {
+    client keys;
+    EXPECT_EQ(keys.list("DATABASE.DATABASES"), "1:crm 0:sales (16)0");
+    EXPECT_EQ(keys.list(SALES_KEY), "0:ENABLED (16)0");
+    EXPECT_EQ(keys.list(CRM), "(16)-1");
+}
+
+TEST_F(Client, ABufferThatIsTooSmallLosesNothing) {
+    client keys;
+    void *key = nullptr;
+    ASSERT_EQ(keys.open(SALES_KEY, &key), 0);
+    char buffer[8] = "";
+    uint32_t size = 5;
+    EXPECT_EQ(kvtc_get_value(keys.reg, key, nullptr, buffer, &size), KVTC_ERR_MORE_DATA);
+    EXPECT_EQ(size, 6U);
+    EXPECT_EQ(kvtc_get_value(keys.reg, key, nullptr, buffer, &size), 0) << "exactly what is needed";
+    EXPECT_STREQ(buffer, "Sales");
+
+    int32_t last = 5;
+    size = 7;
+    int32_t rc = kvtc_enum_subkey(keys.reg, key, buffer, &size, &last);
+    EXPECT_TRUE(rc != 0 && rc != KVTC_ERR_MORE_DATA && rc != KVTC_ERR_NO_MORE_KEYS) << rc;
+    size = 8;
+    EXPECT_EQ(kvtc_enum_subkey(keys.reg, key, buffer, &size, &last), 0);
+    EXPECT_STREQ(buffer, "ENABLED");
 }
 
 TEST_F(Client, ReplacesValuesOfExistingKeysOnly) {

@@ -1,4 +1,4 @@
-// Memory, text, trace and settings, beside what keyview-hosttest checks of every host.
+// Memory, tags, text, trace and settings.
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/socket.h>
@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -23,12 +24,27 @@
 
 namespace keyview::test {
 
-// ---- Memory -------------------------------------------------------------------------------------
+// ---- Memory and tags ----------------------------------------------------------------------------
+
+TEST(Memory, BlocksAreZeroAlsoWhenUsedAgain) {
+    void *mem = pgcinit(0);
+    for (int round = 0; round < 3; ++round) {
+        for (size_t size : {0U, 1U, 16U, 17U, 64U, 1024U, 2048U, 4096U, 4097U, 1000000U}) {
+            auto *block = static_cast<char *>(tmem_allocm(mem, size));
+            ASSERT_NE(block, nullptr) << size;
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(max_align_t), 0U) << size;
+            EXPECT_EQ(std::string(block, size), std::string(size, '\0')) << size;
+            memset(block, 'x', size);
+            tmem_freem(mem, block);
+        }
+    }
+    tmem_freem(mem, nullptr);
+    EXPECT_EQ(tmem_allocm(mem, UINT64_MAX), nullptr);
+}
 
 // Threads pass blocks on to each other and end; what one gave back another may have taken.
 TEST(Memory, BlocksMayComeBackFromOtherThreads) {
     void *mem = pgcinit(0);
-    EXPECT_EQ(tmem_allocm(mem, UINT64_MAX), nullptr);
     constexpr size_t COUNT = 5000;
     std::vector<unsigned char *> blocks(COUNT);
     auto size_of = [](size_t i) { return i % 4200; };
@@ -81,11 +97,40 @@ TEST(MemoryDeathTest, ABlockIsGivenBackOnce) {
 
 #endif
 
+TEST(Memory, TagsTakeTwelveBytesAtMost) {
+    char bytes[17] = "################";
+    for (int i = 0; i < 8; ++i) {
+        tmem_fill_tag(bytes, "PRSRCFGC");
+        EXPECT_NE(tmem_check_tag(bytes, "PRSRCFGC"), 0);
+        EXPECT_EQ(tmem_check_tag(bytes, "PRSRCFGB"), 0);
+        bytes[i] ^= 1;
+        EXPECT_EQ(tmem_check_tag(bytes, "PRSRCFGC"), 0) << i;
+    }
+    EXPECT_STREQ(bytes + 12, "####");
+}
+
 // ---- Text ---------------------------------------------------------------------------------------
 
-TEST(Text, IsOrderedWhateverItsCase) {
+TEST(Text, OnlyAsciiLettersHaveACase) {
+    std::string all;
+    for (int c = 1; c < 256; ++c)
+        all += static_cast<char>(c);
+    std::string lower(all.size() + 1, '\0');
+    std::string upper(all.size() + 1, '\0');
+    txtmlo(lower.data(), all.data(), all.size());
+    txtmup(upper.data(), all.data(), all.size());
+    for (size_t i = 0; i < all.size(); ++i) {
+        char c = all[i];
+        EXPECT_EQ(lower[i], c >= 'A' && c <= 'Z' ? c + 32 : c);
+        EXPECT_EQ(upper[i], c >= 'a' && c <= 'z' ? c - 32 : c);
+    }
+    EXPECT_EQ(txtclo(lower.c_str(), upper.c_str()), 0);
+    char target[] = "######";
+    txtlo(target, "AbC");
+    EXPECT_EQ(std::string(target, 6), std::string("abc\0##", 6));
     for (const char *longer : {"TRUE", "trve", "tru\xff", "true"})
         EXPECT_TRUE(txtclo("Tru", longer) < 0 && txtclo(longer, "Tru") > 0) << longer;
+    EXPECT_NE(txtclo("a[@", "A{`"), 0) << "no letters";
 }
 
 TEST(Text, ReplacesInPlaceWithinItsCapacity) {
