@@ -2,6 +2,7 @@
 #include "ctl/completion.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -66,9 +67,10 @@ static walked walk(const CLI::App &app, const word_list &line) {
 }
 
 word_list line_to_complete(const word_list &request) {
-    const size_t first = request.size() > 1 && request[1] == "--" ? 2 : 1;
-    if (request.size() <= first) return {};
-    return {request.begin() + static_cast<ptrdiff_t>(first), request.end() - 1};
+    auto at = std::find(request.begin(), request.end(), COMPLETE);
+    if (at != request.end()) ++at;
+    if (at != request.end() && *at == "--") ++at;
+    return at == request.end() ? word_list() : word_list(at, request.end() - 1);
 }
 
 std::string first_argument(const CLI::App &app, const word_list &line) {

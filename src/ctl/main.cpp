@@ -110,10 +110,10 @@ static void add_options(CLI::App *app, tool *shared) {
 }
 
 // Adds the commands that the words of a command line need.
-static void add_groups(CLI::App *app, tool *shared, std::vector<std::string> words) {
-    const bool completes = !words.empty() && words.front() == COMPLETE;
-    if (completes) words = line_to_complete(words);
-    const std::string chosen = first_argument(*app, words);
+static void add_groups(CLI::App *app, tool *shared, const std::vector<std::string> &words) {
+    std::string chosen = first_argument(*app, words);
+    const bool completes = chosen == COMPLETE;
+    if (completes) chosen = first_argument(*app, line_to_complete(words));
     auto has = [](const auto &group, const std::string &name) {
         const std::vector<std::string> commands = CLI::detail::split(group.commands, ' ');
         return std::find(commands.begin(), commands.end(), name) != commands.end();

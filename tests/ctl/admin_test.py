@@ -1004,6 +1004,7 @@ class Comfort(Administrator):
             self.assertRegex(whole, r"(?m)^  %s " % command.split()[0])
             text = self.good("help", *command.split())
             self.assertEqual(text, self.good(*command.split(), "--help"))
+            self.assertEqual(self.good("-q", "__complete", "--", "-q", *command.split(), "--qui"), "--quiet\n")
             example = re.search(r"Example:\n  keyviewctl (.*)\n", text)
             self.assertTrue(example, command)
             words = example.group(1).split()
