@@ -122,7 +122,7 @@ static void measure_sets(const bench_setup &setup) {
         const history_off off;
         set_other(&unrecorded);
     };
-    const auto figures = interleave({151, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
+    const auto figures = interleave({401, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
                                                [&] { set_flag(&writer, SMALL.database, 1); },
                                                [&] { engine.commit(row); }, set_unrecorded});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);

@@ -32,17 +32,6 @@ inline backend open_cluster(const std::string &url, open_mode mode = open_mode::
     return KEYVIEW_BACKEND_KIND.open(url, mode);
 }
 
-// A variable of the environment while the object lives.
-struct setting {
-    setting(const char *its_name, const std::string &value) : name(its_name) {
-        (void)setenv(name, value.c_str(), 1);
-    }
-    setting(const setting &) = delete;
-    setting &operator=(const setting &) = delete;
-    ~setting() { (void)unsetenv(name); }
-    const char *name;
-};
-
 inline void run(const std::string &command) {
     scratch_directory scratch;
     const std::string log = scratch.path + "/log";

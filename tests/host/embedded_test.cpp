@@ -16,6 +16,8 @@
 
 #include "host/embedded/embedded.h"
 #include "host/embedded/environment.h"
+#include "host/embedded/row.h"
+#include "host/registry/history.h"
 #include "host/registry/snapshot.h"
 #include "model/roots.h"
 #include "process.h"
@@ -570,6 +572,115 @@ TEST_F(Embedded, KilledWritersLeaveAWholeTree) {
         EXPECT_EQ(stored("a.x"), stored("a.y"));
         EXPECT_EQ(apply({put("a.w", std::to_string(round))}).created, round == 0 ? 1U : 0U);
     }
+}
+
+// ---- History ------------------------------------------------------------------------------------
+
+class History : public Embedded {
+  protected:
+    // The changes of one key, the newest first, as "before>after".
+    std::vector<std::string> changes_since(uint64_t since) {
+        std::vector<std::string> out;
+        revisions.clear();
+        registry.keys->history(since, [&](const history_entry &one) {
+            revisions.push_back(one.revision);
+            EXPECT_EQ(one.changes.size() + one.left_out, 1U);
+            out.emplace_back(one.changes.empty() ? LEFT_OUT : "");
+            for (const tree_change &change : one.changes) {
+                EXPECT_EQ(change.path, "a.b");
+                out.back() = change.before.value_or("none") + ">" + change.after.value_or("none");
+            }
+            return true;
+        });
+        return out;
+    }
+
+    static constexpr char LEFT_OUT[] = "values too large";
+    std::vector<uint64_t> revisions;
+};
+
+// For limits from what holds no entry to what holds all, with entries small, as large as several
+// others together, and larger than the limit: what is kept are the last changes, each once and whole, and
+// not many fewer than fit.
+TEST_F(History, KeepsTheLastChangesWithinItsLimit) {
+    constexpr size_t CHANGES = 400, HEADS = 250;  // of an entry, at most
+    for (const size_t limit :
+         {size_t{1}, size_t{700}, size_t{5000}, size_t{40000}, size_t{1} << 20}) {
+        url = "lmdb:" + scratch.path + "/" + std::to_string(limit);
+        open();
+        {
+            const setting none{"KEYVIEW_HISTORY", "0"};
+            apply({put("a.b", "none")});
+        }
+        const setting bytes{"KEYVIEW_HISTORY", std::to_string(limit)};
+        std::vector<std::string> made;  // the newest first
+        size_t largest = 0, all = 0;
+        std::string last = "none";
+        for (size_t n = 0; n < CHANGES; ++n) {
+            const size_t size = n % 61 == 60 ? 9000 : n % 13 == 12 ? 1500 : 20;
+            const std::string value = std::to_string(n) + std::string(size, 'v');
+            EXPECT_TRUE(registry.keys->set("a.b", value, nullptr));
+            made.insert(made.begin(), last + ">" + value);
+            const size_t room = last.size() + value.size() + HEADS;
+            largest = std::max(largest, room);
+            all += room;
+            last = value;
+            if (n % 7 != 0 && n + 1 != CHANGES) continue;
+            const std::vector<std::string> kept = changes_since(0);
+            const std::vector<uint64_t> numbers = revisions;
+            ASSERT_LE(kept.size(), made.size());
+            size_t bytes_kept = 0;
+            for (size_t at = 0; at < kept.size(); ++at) {
+                bytes_kept += kept[at].size();
+                const bool left_out = kept[at] == LEFT_OUT && made[at].size() + HEADS > limit / 4;
+                ASSERT_TRUE(kept[at] == made[at] || left_out)
+                    << limit << ": " << at << " back from " << n;
+            }
+            EXPECT_LE(bytes_kept, limit);
+            const size_t most = bytes_kept + kept.size() * HEADS + largest;
+            EXPECT_TRUE(all <= limit || most >= limit * 3 / 4) << limit << ": " << most;
+            for (size_t at = 0; at < numbers.size(); at += 5)
+                EXPECT_EQ(changes_since(numbers[at]).size(), at) << limit;
+        }
+    }
+}
+
+// A row that is no entry, though its checksum is right: it is reported, later changes are kept, and it
+// goes with the oldest.
+TEST_F(History, DamageIsReportedAndLeavesWithTheOldest) {
+    {
+        const setting none{"KEYVIEW_HISTORY", "0"};
+        apply({put("a.b", "none")});
+    }
+    const setting bytes{"KEYVIEW_HISTORY", "40000"};
+    int changes = 0;
+    const auto change_often = [&](int times) {
+        for (const int end = changes + times; changes < end; ++changes)
+            apply({put("a.b", std::to_string(changes))});
+    };
+    change_often(100);
+    const std::string first = std::string(HISTORY_HEAD) + history_digits(1);
+    const std::string endless = "\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff";
+    const std::string entry("\1\0", 2), sealed = "\2", number = "\5";
+    for (const std::string &value :
+         {std::string(), entry, sealed, sealed + number, sealed + endless,
+          sealed + number + endless, sealed + number + "\x7f", sealed + number + "\1x",
+          sealed + number + "\2" + entry,
+          sealed + sealed_entries({{7, sealed_entries({{7, entry}})}}), std::string("\3")}) {
+        std::string row;
+        write_row(first, first, 0, value, &row);
+        close();
+        raw_registry(directory).put(first, row);
+        open();
+        std::string text;
+        EXPECT_EQ(failure_of([&] { changes_since(0); }, &text), failure::content) << value;
+        EXPECT_NE(text.find(first), text.npos) << text;
+        const uint64_t newest = revisions.front();
+        change_often(20);
+        EXPECT_EQ(changes_since(newest).size(), 20U);
+    }
+    change_often(400);
+    EXPECT_GT(changes_since(0).size(), 100U);
 }
 
 }  // namespace keyview::test

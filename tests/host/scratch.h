@@ -1,4 +1,4 @@
-// A temporary directory that lives as long as the object.
+// What a test changes outside itself, while an object lives.
 #pragma once
 
 #include <cstdlib>
@@ -8,6 +8,7 @@
 
 namespace keyview::test {
 
+// A temporary directory.
 struct scratch_directory {
     explicit scratch_directory(const std::string &parent = std::filesystem::temp_directory_path())
         : path(parent + "/keyview-XXXXXX") {
@@ -18,6 +19,17 @@ struct scratch_directory {
     ~scratch_directory() { std::filesystem::remove_all(path); }
 
     std::string path;
+};
+
+// A variable of the environment.
+struct setting {
+    setting(const char *its_name, const std::string &value) : name(its_name) {
+        (void)setenv(name, value.c_str(), 1);
+    }
+    setting(const setting &) = delete;
+    setting &operator=(const setting &) = delete;
+    ~setting() { (void)unsetenv(name); }
+    const char *name;
 };
 
 }  // namespace keyview::test

@@ -1,5 +1,10 @@
 // Rows of the history. The number of an entry is the count of bytes that all entries before it took, so
 // that the first and the last row tell how many bytes there are.
+//
+// Each change writes a row for its entry. A page of such rows holds few of them, and a tree with many
+// pages is one level deeper, a page that each commit then writes. So once the entries have passed a further
+// SEALED_BYTES, those that have a row of their own are sealed: they become one row, named for the last of
+// them, whose value is beside the tree.
 #include "host/embedded/lmdb_history.h"
 
 #include <algorithm>
@@ -12,6 +17,22 @@
 #include "model/roots.h"
 
 namespace keyview::host {
+
+static constexpr uint64_t SEALED_BYTES = 1 << 13;
+
+static std::string key_of_entry(uint64_t revision) {
+    return std::string(HISTORY_HEAD) + history_digits(revision);
+}
+
+static uint64_t place_of(const numbered_entry &one) {
+    uint64_t place = 0;
+    (void)entry_place(one.bytes, &place);  // those of history_rows have one
+    return place;
+}
+
+static uint64_t room_of(const numbered_entry &one) {
+    return row_room(key_of_entry(one.revision), one.bytes);
+}
 
 namespace {
 
@@ -46,13 +67,36 @@ class history_rows {
         return number;
     }
 
-    // The bytes of the entry; "" if they are damaged.
-    std::string_view entry() const {
+    // The bytes of the row; "" if they are damaged.
+    std::string_view value() const {
         row found;
         return read_row(view_of(key_), view_of(data_), &found) ? found.value : std::string_view();
     }
 
-    void put(std::string_view key, const std::string &bytes) {
+    // The entries of the row, the oldest first; none if it is damaged.
+    std::vector<numbered_entry> entries() const {
+        std::vector<numbered_entry> out;
+        uint64_t place = 0;
+        if (entry_place(value(), &place)) return {{revision(), value()}};
+        const bool sound = read_sealed(value(), &out) &&
+                           std::all_of(out.begin(), out.end(), [&](const numbered_entry &one) {
+                               return entry_place(one.bytes, &place);
+                           });
+        if (!sound) out.clear();
+        return out;
+    }
+
+    // The number of the first entry of the row; false if it is damaged.
+    bool place(uint64_t *out) const {
+        const std::vector<numbered_entry> all = entries();
+        if (!all.empty()) *out = place_of(all.front());
+        return !all.empty();
+    }
+
+    void put(uint64_t revision, std::string_view value) {
+        const std::string key = key_of_entry(revision);
+        std::string bytes;
+        write_row(key, key, 0, value, &bytes);
         MDB_val at = bytes_of(key), data = bytes_of(bytes);
         env_.check(mdb_cursor_put(cursor_, &at, &data, 0), "mdb_put");
     }
@@ -75,50 +119,64 @@ class history_rows {
 
 }  // namespace
 
-static std::string key_of_entry(uint64_t revision) {
-    return std::string(HISTORY_HEAD) + history_digits(revision);
-}
-
-// Removes the oldest entries, so that those from a number on are left; a damaged one goes with them.
+// Removes the oldest rows, so that entries from a number on are left; a damaged row goes with them.
 static void remove_before(history_rows *rows, uint64_t first) {
     uint64_t place = 0;
-    while (rows->first() && !(entry_place(rows->entry(), &place) && place >= first))
+    while (rows->first() && !(rows->place(&place) && place >= first))
         rows->remove();
 }
 
 // The number of the next entry. The revisions of a compacted copy begin anew: entries of the original
 // are then no part of its history.
 static uint64_t next_place(history_rows *rows, uint64_t revision) {
-    uint64_t place = 0;
     for (bool found = rows->last(); found; found = rows->previous()) {
         if (rows->revision() >= revision) {
             remove_before(rows, UINT64_MAX);
             return 0;
         }
-        if (entry_place(rows->entry(), &place))
-            return place + row_room(rows->path(), rows->entry());
+        const std::vector<numbered_entry> entries = rows->entries();
+        if (!entries.empty()) return place_of(entries.back()) + room_of(entries.back());
     }
     return 0;
 }
 
-// Several entries go at once, as each removal writes a further page.
+// Seals the last rows that hold one entry each, back to one that is as large by itself.
+static void seal(history_rows *rows, uint64_t size) {
+    std::vector<std::pair<uint64_t, std::string>> copies;  // the newest first; a removal moves rows
+    uint64_t place = 0;
+    while (rows->last() && entry_place(rows->value(), &place) && rows->value().size() < size) {
+        copies.emplace_back(rows->revision(), rows->value());
+        rows->remove();
+    }
+    if (copies.empty()) return;
+    std::vector<numbered_entry> entries;
+    for (auto one = copies.rbegin(); one != copies.rend(); ++one)
+        entries.push_back({one->first, one->second});
+    rows->put(entries.back().revision, sealed_entries(entries));
+}
+
+// Seals, and removes the oldest, before the entries pass a further part of the limit, so that most
+// entries cost one row and no more. Several go at once, as each removal writes a further page.
 void add_history(const environment &env, MDB_txn *txn, const change_recorder &changes,
                  uint64_t limit) {
     const uint64_t revision = mdb_txn_id(txn) + 1;
-    const std::string key = key_of_entry(revision);
     cursor_guard cursor = open_cursor(env, txn);
     history_rows rows(env, cursor.get());
     const uint64_t place = next_place(&rows, revision);
     const std::string entry = changes.entry(place);
     if (entry.empty()) return;
-    const uint64_t end = place + row_room(key, entry);
-    uint64_t first = end;
-    bool known = rows.first() && entry_place(rows.entry(), &first);
-    if (!known || end - first > limit) remove_before(&rows, end - std::min(end, limit - limit / 8));
-    if (end - place > limit) return;
-    std::string bytes;
-    write_row(key, key, 0, entry, &bytes);
-    rows.put(key, bytes);
+    const uint64_t end = place + room_of({revision, entry});
+    const uint64_t part = std::clamp<uint64_t>(limit / 16, 1, SEALED_BYTES);
+    if (place == 0 || place / part != end / part) {
+        uint64_t first = place;
+        const uint64_t most = limit - part;
+        const bool known = rows.first() && rows.place(&first);
+        if (!known || end - first > most)
+            remove_before(&rows, end - std::min(end, most - most / 8));
+        if (end - place > limit) return;
+        seal(&rows, part);
+    }
+    rows.put(revision, entry);
 }
 
 void read_history(const environment &env, MDB_cursor *cursor, uint64_t since,
@@ -126,9 +184,13 @@ void read_history(const environment &env, MDB_cursor *cursor, uint64_t since,
     history_rows rows(env, cursor);
     history_entry entry;
     for (bool found = rows.last(); found && rows.revision() > since; found = rows.previous()) {
-        entry.revision = rows.revision();
-        if (!read_entry(rows.entry(), &entry)) throw damaged_row(rows.path());
-        if (!sink(entry)) return;
+        const std::vector<numbered_entry> entries = rows.entries();
+        if (entries.empty()) throw damaged_row(rows.path());
+        for (auto one = entries.rbegin(); one != entries.rend() && one->revision > since; ++one) {
+            entry.revision = one->revision;
+            if (!read_entry(one->bytes, &entry)) throw damaged_row(rows.path());
+            if (!sink(entry)) return;
+        }
     }
 }
 

@@ -3,6 +3,8 @@
 //
 //     place, time, user, program, host, process, keys left out, keys
 //     for each key: 1 with a value before, + 2 with one after; path; value before; value after
+//
+// Sealed entries: format 2, then the revision and the bytes of each.
 #include "host/registry/history.h"
 
 #include <pwd.h>
@@ -19,7 +21,7 @@
 
 namespace keyview::host {
 
-static constexpr char ENTRY_FORMAT = 1;
+static constexpr char ENTRY_FORMAT = 1, SEALED_FORMAT = 2;
 static constexpr uint32_t USUAL_LIMIT = 1 << 20, HIGHEST_LIMIT = 1 << 30;
 
 std::string history_digits(uint64_t number) {
@@ -64,14 +66,16 @@ struct entry_reader {
         return 0;
     }
 
-    std::string text() {
+    std::string_view bytes() {
         const uint64_t size = number();
         sound = sound && size <= rest.size();
-        if (!sound) return "";
-        std::string out(rest.substr(0, size));
+        if (!sound) return {};
+        const std::string_view out = rest.substr(0, size);
         rest.remove_prefix(size);
         return out;
     }
+
+    std::string text() { return std::string(bytes()); }
 };
 
 }  // namespace
@@ -104,6 +108,26 @@ bool read_entry(std::string_view bytes, history_entry *out) {
         out->changes.push_back(std::move(one));
     }
     return in.sound && in.rest.empty();
+}
+
+std::string sealed_entries(const std::vector<numbered_entry> &entries) {
+    std::string out(1, SEALED_FORMAT);
+    for (const numbered_entry &one : entries) {
+        add_number(&out, one.revision);
+        add_text(&out, one.bytes);
+    }
+    return out;
+}
+
+bool read_sealed(std::string_view bytes, std::vector<numbered_entry> *out) {
+    out->clear();
+    if (bytes.empty() || bytes.front() != SEALED_FORMAT) return false;
+    entry_reader in{bytes.substr(1)};
+    while (in.sound && !in.rest.empty()) {
+        const uint64_t revision = in.number();
+        out->push_back({revision, in.bytes()});
+    }
+    return in.sound && !out->empty();
 }
 
 // ---- What changes -------------------------------------------------------------------------------

@@ -63,4 +63,16 @@ class change_recorder {
 [[nodiscard]] bool read_entry(std::string_view bytes, history_entry *out);
 [[nodiscard]] bool entry_place(std::string_view bytes, uint64_t *place);
 
+// The bytes of an entry and the revision that the tree had with it.
+struct numbered_entry {
+    uint64_t revision = 0;
+    std::string_view bytes;
+};
+
+// Several entries as one value; the oldest is first.
+std::string sealed_entries(const std::vector<numbered_entry> &entries);
+
+// The entries of such a value, which own no bytes; false if it is none. There is one at least.
+[[nodiscard]] bool read_sealed(std::string_view bytes, std::vector<numbered_entry> *out);
+
 }  // namespace keyview::host
