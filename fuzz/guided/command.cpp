@@ -36,8 +36,7 @@ struct command_line {
         using namespace keyview::ctl;
         shared.app = &app;
         add_options(&app, &shared);
-        for (command_group add : GROUPS)
-            add(&app, &shared);
+        add_groups(&app, &shared, {});
     }
 
     // Throws the tool_error of a setting; does nothing with a line that cannot be parsed.
