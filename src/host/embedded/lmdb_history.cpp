@@ -11,6 +11,8 @@
 #include <charconv>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "host/embedded/lmdb_rows.h"
 #include "host/embedded/row.h"
@@ -75,10 +77,11 @@ class history_rows {
 
     // The entries of the row, the oldest first; none if it is damaged.
     std::vector<numbered_entry> entries() const {
-        std::vector<numbered_entry> out;
+        const std::string_view bytes = value();
         uint64_t place = 0;
-        if (entry_place(value(), &place)) return {{revision(), value()}};
-        const bool sound = read_sealed(value(), &out) &&
+        if (entry_place(bytes, &place)) return {{revision(), bytes}};
+        std::vector<numbered_entry> out;
+        const bool sound = read_sealed(bytes, &out) &&
                            std::all_of(out.begin(), out.end(), [&](const numbered_entry &one) {
                                return entry_place(one.bytes, &place);
                            });
