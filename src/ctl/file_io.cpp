@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,7 +45,9 @@ struct open_file {
 };
 
 // A file that is gone at the end of the scope, unless it was kept. Where the file system can, it
-// has no name until it is whole, so that not even a killed program leaves a part of one behind.
+// has no name until it is whole, so that not even a killed program leaves a part of one behind. A file
+// without a name cannot replace another one, it needs a name beside it for a moment: a child takes both
+// steps, so that who kills this program does not come between them.
 class temporary_file {
   public:
     explicit temporary_file(std::string target) : target_(std::move(target)) {
@@ -64,25 +67,37 @@ class temporary_file {
 
     // Under its target's name from now on; false, with errno, if that cannot be.
     bool keep() {
-        if ((name_.empty() && !give_name()) || rename(name_.c_str(), target_.c_str()) != 0)
-            return false;
+        if (name_.empty()) return keep_in_child();
+        if (rename(name_.c_str(), target_.c_str()) != 0) return false;
         name_.clear();
         return true;
     }
 
   private:
-    bool give_name() {
-        constexpr int TRIES = 100;  // killed programs may have left names
-        std::string self = "/proc/self/fd/" + std::to_string(file_.fd);
+    bool keep_in_child() const {
+        constexpr int TRIES = 100;  // a machine that went down may have left names
+        const std::string self = "/proc/self/fd/" + std::to_string(file_.fd);
         for (int n = 0; n < TRIES; ++n) {
-            std::string name = target_ + "." + std::to_string(getpid() + n);
-            if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
-                name_ = name;
-                return true;
+            const std::string name = target_ + "." + std::to_string(getpid() + n);
+            const pid_t child = _Fork();
+            if (child == 0) _exit(link_and_rename(self.c_str(), name.c_str()));
+            if (child < 0) return false;
+            int status = 0;
+            while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
             }
-            if (errno != EEXIST) return false;
+            errno = WIFEXITED(status) ? WEXITSTATUS(status) : EINTR;
+            if (errno != EEXIST) return errno == 0;
         }
         return false;
+    }
+
+    // 0, or errno. Other threads stand still in the child: this calls nothing but the kernel.
+    int link_and_rename(const char *self, const char *name) const {
+        if (linkat(AT_FDCWD, self, AT_FDCWD, name, AT_SYMLINK_FOLLOW) != 0) return errno;
+        if (rename(name, target_.c_str()) == 0) return 0;
+        const int error = errno;
+        (void)unlink(name);
+        return error;
     }
 
     std::string target_;

@@ -325,6 +325,7 @@ int main(int argc, char **argv) {
     raise_file_limit();
     (void)setenv("GRPC_VERBOSITY", "NONE", 0);  // the tool reports errors, once
     (void)signal(SIGPIPE, SIG_IGN);             // a closed pipe is seen where it is written to
+    (void)signal(SIGCHLD, SIG_DFL);             // an inherited SIG_IGN would hide how a child ends
     output_format format = output_format::table;
     try {
         return run(argc, argv, &format);

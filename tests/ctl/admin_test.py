@@ -283,6 +283,9 @@ class Changes(Administrator):
             self.assertRegex(rows["locks"][0]["by"], r"^keyviewctl, process \d+ on .")
             self.assertRegex(rows["locks"][0]["since"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
         self.good("lock", "run", name, "--", "sh", "-c", "exit 77", code=77)
+        ignored = subprocess.run([TOOL, "lock", "run", name, "--", "sh", "-c", "exit 78"], env=self.env,
+                                 preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        self.assertEqual(ignored.returncode, 78)
         holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; exec sleep 30"],
                                   env=self.env, stdout=subprocess.PIPE)
         holder.stdout.readline()

@@ -55,7 +55,6 @@ bool terminal_keeper::in_child() {
     sigfillset(&all);
     (void)sigprocmask(SIG_SETMASK, &all, &before);
     const pid_t parent = getpid();
-    (void)signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would hide the end of the child
     child_ = fork();
     if (child_ < 0) {
         (void)sigprocmask(SIG_SETMASK, &before, nullptr);
@@ -81,10 +80,16 @@ void terminal_keeper::restore() {
     (void)tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }
 
-// The shell sees its own child stop, once the terminal is as it was.
+// The shell sees its own child stop, once the terminal is as it was. The signal that ends the stop is
+// passed on here, once: a second one would have the board leave the screen again.
 void terminal_keeper::stop_with_child() {
     restore();
     (void)raise(SIGSTOP);
+    sigset_t going_on;
+    sigemptyset(&going_on);
+    sigaddset(&going_on, SIGCONT);
+    const timespec at_once = {0, 0};
+    (void)sigtimedwait(&going_on, nullptr, &at_once);
     (void)kill(child_, SIGCONT);
 }
 
