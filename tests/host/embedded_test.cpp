@@ -667,8 +667,8 @@ TEST_F(History, DamageIsReportedAndLeavesWithTheOldest) {
           sealed + number + endless, sealed + number + "\x7f", sealed + number + "\1x",
           sealed + number + "\2" + entry,
           sealed + sealed_entries({{7, sealed_entries({{7, entry}})}}), std::string("\3")}) {
-        std::string row;
-        write_row(first, first, 0, value, &row);
+        std::string buffer;
+        const std::string row(write_row(first, first, 0, value, &buffer));
         close();
         raw_registry(directory).put(first, row);
         open();

@@ -23,7 +23,7 @@ namespace keyview::host {
 static constexpr uint64_t SEALED_BYTES = 1 << 13;
 
 static std::string key_of_entry(uint64_t revision) {
-    return std::string(HISTORY_HEAD) + history_digits(revision);
+    return history_digits(revision).insert(0, HISTORY_HEAD);
 }
 
 static uint64_t place_of(const numbered_entry &one) {
@@ -32,8 +32,8 @@ static uint64_t place_of(const numbered_entry &one) {
     return place;
 }
 
-static uint64_t room_of(const numbered_entry &one) {
-    return row_room(key_of_entry(one.revision), one.bytes);
+static uint64_t room_of(std::string_view entry) {
+    return row_room(HISTORY_HEAD, entry) + HISTORY_DIGITS;
 }
 
 namespace {
@@ -44,7 +44,8 @@ class history_rows {
     history_rows(const environment &env, MDB_cursor *cursor) : env_(env), cursor_(cursor) {}
 
     bool last() {
-        const std::string behind = std::string(HISTORY_HEAD) + "g";  // behind any digit
+        static const auto &behind = *new std::string(std::string(HISTORY_HEAD) + "g");  // any digit
+        if (step(MDB_LAST) && view_of(key_) < behind) return within();  // usually
         key_ = bytes_of(behind);
         (void)step(step(MDB_SET_RANGE) ? MDB_PREV : MDB_LAST);
         return within();
@@ -96,11 +97,22 @@ class history_rows {
         return !all.empty();
     }
 
+    // The number behind its last entry.
+    bool end(uint64_t *out) const {
+        const std::string_view bytes = value();
+        if (entry_place(bytes, out)) {
+            *out += room_of(bytes);
+            return true;
+        }
+        const std::vector<numbered_entry> all = entries();
+        if (!all.empty()) *out = place_of(all.back()) + room_of(all.back().bytes);
+        return !all.empty();
+    }
+
     void put(uint64_t revision, std::string_view value) {
         const std::string key = key_of_entry(revision);
-        std::string bytes;
-        write_row(key, key, 0, value, &bytes);
-        MDB_val at = bytes_of(key), data = bytes_of(bytes);
+        std::string buffer;
+        MDB_val at = bytes_of(key), data = bytes_of(write_row(key, key, 0, value, &buffer));
         env_.check(mdb_cursor_put(cursor_, &at, &data, 0), "mdb_put");
     }
     void remove() { env_.check(mdb_cursor_del(cursor_, 0), "mdb_del"); }
@@ -137,8 +149,8 @@ static uint64_t next_place(history_rows *rows, uint64_t revision) {
             remove_before(rows, UINT64_MAX);
             return 0;
         }
-        const std::vector<numbered_entry> entries = rows->entries();
-        if (!entries.empty()) return place_of(entries.back()) + room_of(entries.back());
+        uint64_t end = 0;
+        if (rows->end(&end)) return end;
     }
     return 0;
 }
@@ -168,7 +180,7 @@ void add_history(const environment &env, MDB_txn *txn, const change_recorder &ch
     const uint64_t place = next_place(&rows, revision);
     const std::string entry = changes.entry(place);
     if (entry.empty()) return;
-    const uint64_t end = place + room_of({revision, entry});
+    const uint64_t end = place + room_of(entry);
     const uint64_t part = std::clamp<uint64_t>(limit / 16, 1, SEALED_BYTES);
     if (place == 0 || place / part != end / part) {
         uint64_t first = place;

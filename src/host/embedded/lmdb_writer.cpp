@@ -187,9 +187,8 @@ uint32_t lmdb_writer::count_children(std::string_view path) {
 void lmdb_writer::put_row(std::string_view path, uint32_t children, std::string_view value,
                           MDB_cursor *cursor) {
     row_key key(path);
-    write_row(key.view(), path, children, value, &bytes_);
     MDB_val at = bytes_of(key.view());
-    MDB_val data = bytes_of(bytes_);
+    MDB_val data = bytes_of(write_row(key.view(), path, children, value, &buffer_));
     env_.check(mdb_cursor_put(cursor, &at, &data, 0), "mdb_put");
 }
 

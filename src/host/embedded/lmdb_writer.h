@@ -64,7 +64,7 @@ class lmdb_writer {
     std::vector<open_key> open_;  // each one below the one before
     cursor_guard cursor_{nullptr, &mdb_cursor_close};
     cursor_guard above_{nullptr, &mdb_cursor_close};  // at the open keys, which lie on other pages
-    std::string bytes_;                               // of the latest row
+    std::string buffer_;                              // for the latest row
     change_counts counts_;
     bool damage_seen_ = false;  // then numbers of children are counted anew
 };

@@ -158,14 +158,17 @@ bool row_is_misplaced(std::string_view key, std::string_view bytes) {
     return !stored.empty() && read_row(row_key(stored).view(), bytes, &found);
 }
 
-void write_row(std::string_view key, std::string_view path, uint32_t children,
-               std::string_view value, std::string *bytes) {
+std::string_view write_row(std::string_view key, std::string_view path, uint32_t children,
+                           std::string_view value, std::string *buffer) {
     std::string_view kept = key_is_hashed(key) ? path : std::string_view();
     row_head head = {FORMAT, 0, static_cast<uint16_t>(kept.size()), children};
-    bytes->assign(reinterpret_cast<const char *>(&head), sizeof(head));
-    bytes->append(kept).append(value);
-    checksum sum = checksum_of(key, *bytes);
-    bytes->append(reinterpret_cast<const char *>(&sum), sizeof(sum));
+    buffer->assign(key);
+    buffer->append(reinterpret_cast<const char *>(&head), sizeof(head));
+    buffer->append(kept).append(value);
+    const std::string_view whole = *buffer;
+    checksum sum = checksum_of(whole.substr(0, key.size()), whole.substr(key.size()));
+    buffer->append(reinterpret_cast<const char *>(&sum), sizeof(sum));
+    return std::string_view(*buffer).substr(key.size());
 }
 
 }  // namespace keyview::host

@@ -83,7 +83,6 @@ bool row_is_below(std::string_view key, std::string_view bytes, std::string_view
 // Whether a row is sound but for its row key.
 bool row_is_misplaced(std::string_view key, std::string_view bytes);
 
-// The bytes of a row. path is that of the key, hashed or not.
 // Whether the row of one path is before that of another; for paths whose row keys are not hashed.
 bool row_before(std::string_view a, std::string_view b) noexcept;
 
@@ -93,8 +92,9 @@ constexpr size_t row_room(std::string_view path, std::string_view value) noexcep
     return path.size() + value.size() + HEADS;
 }
 
-// Replaces bytes by those of a row.
-void write_row(std::string_view key, std::string_view path, uint32_t children,
-               std::string_view value, std::string *bytes);
+// The bytes of a row, in a buffer that holds its key before them. path is that of the key, hashed or
+// not.
+std::string_view write_row(std::string_view key, std::string_view path, uint32_t children,
+                           std::string_view value, std::string *buffer);
 
 }  // namespace keyview::host

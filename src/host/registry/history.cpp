@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 
 #include "host/support/environment.h"
 #include "host/support/process.h"
@@ -22,13 +21,14 @@
 namespace keyview::host {
 
 static constexpr char ENTRY_FORMAT = 1, SEALED_FORMAT = 2;
+static constexpr size_t USUAL_HEAD = 128;  // bytes of an entry before its keys
 static constexpr uint32_t USUAL_LIMIT = 1 << 20, HIGHEST_LIMIT = 1 << 30;
 
 std::string history_digits(uint64_t number) {
-    char text[32];
-    (void)snprintf(text, sizeof text, "%016llx",
-                   static_cast<unsigned long long>(number));  // it fits
-    return text;
+    std::string out(HISTORY_DIGITS, '0');
+    for (auto at = out.rbegin(); number != 0; ++at, number >>= 4)
+        *at = "0123456789abcdef"[number & 0xF];
+    return out;
 }
 
 uint64_t history_limit() {
@@ -136,7 +136,7 @@ void change_recorder::note(std::string_view path, std::optional<std::string_view
                            std::optional<std::string_view> after) {
     if (is_history(path)) return;
     // A key that is not there is known only if the change removed it before.
-    auto known = before || removes_ ? keys_.find(std::string(path)) : keys_.end();
+    auto known = before || removes_ ? keys_.find(path) : keys_.end();
     removes_ = removes_ || !after;
     if (known == keys_.end()) {
         constexpr size_t NUMBERS = 12;
@@ -174,15 +174,15 @@ static const std::string &user_name() {
 }
 
 std::string change_recorder::entry(uint64_t place) const {
-    std::vector<const decltype(keys_)::value_type *> changed;
-    for (const auto &one : keys_)
-        if (one.second.before != one.second.after) changed.push_back(&one);
-    if (changed.size() + left_out_ == 0) return "";
-    std::sort(changed.begin(), changed.end(),
-              [](const auto *a, const auto *b) { return a->first < b->first; });
+    const auto changed =
+        static_cast<uint64_t>(std::count_if(keys_.begin(), keys_.end(), [](const auto &one) {
+            return one.second.before != one.second.after;
+        }));
+    if (changed + left_out_ == 0) return "";
     using namespace std::chrono;
     const auto now = duration_cast<microseconds>(system_clock::now().time_since_epoch());
     std::string out(1, ENTRY_FORMAT);
+    out.reserve(USUAL_HEAD + used_);
     add_number(&out, place);
     add_number(&out, static_cast<uint64_t>(now.count()));
     add_text(&out, user_name());
@@ -190,10 +190,9 @@ std::string change_recorder::entry(uint64_t place) const {
     add_text(&out, host_name());
     add_number(&out, static_cast<uint64_t>(getpid()));
     add_number(&out, left_out_);
-    add_number(&out, changed.size());
-    out.reserve(out.size() + used_);
-    for (const auto *one : changed) {
-        const auto &[path, values] = *one;
+    add_number(&out, changed);
+    for (const auto &[path, values] : keys_) {
+        if (values.before == values.after) continue;
         add_number(&out, (values.before ? 1U : 0U) + (values.after ? 2U : 0U));
         add_text(&out, path);
         if (values.before) add_text(&out, *values.before);

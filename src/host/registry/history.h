@@ -6,10 +6,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "host/registry/store.h"
@@ -27,7 +27,8 @@ struct history_entry {
     uint64_t left_out = 0;  // further keys that changed, without their values
 };
 
-// A number in the key of an entry: 16 digits, so that keys are in the order of their numbers.
+// A number in the key of an entry, so that keys are in the order of their numbers.
+inline constexpr size_t HISTORY_DIGITS = 16;
 std::string history_digits(uint64_t number);
 
 // How many bytes the history may take; 0 if this process records none. Throws failure::usage if
@@ -56,7 +57,7 @@ class change_recorder {
 
     uint64_t most_, used_ = 0, left_out_ = 0;
     bool removes_ = false;  // the change removed a key
-    std::unordered_map<std::string, key_values> keys_;
+    std::map<std::string, key_values, std::less<>> keys_;
 };
 
 // False if these are no bytes of an entry.

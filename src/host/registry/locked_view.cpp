@@ -206,11 +206,21 @@ bool locked_view::find_predicted(const char *path, copied_key *found) {
     return true;
 }
 
-// Searches the latest part that covers the key, which becomes latest_; false if none does.
+// Whether the reader before read this key and no other one, as a set of a flag does.
+bool locked_view::is_read_alone(std::string_view path) const {
+    const order_of_reads &order = copies_->order;
+    if (order.size() != 1 || copies_->order_is_guess) return false;
+    return copies_->parts[order.front().part]->path(order.front().key) == path;
+}
+
+// Searches the latest part that covers the key, which becomes latest_; false if none does, or if it is
+// not worth while to fill it again.
 bool locked_view::find_copy(std::string_view path, uint32_t *key) {
     const auto &parts = copies_->parts;
     for (auto i = static_cast<uint32_t>(parts.size()); i-- > 0;) {
         if (!parts[i]->covers(path)) continue;
+        const bool single = parts[i]->depth() == reach::key_alone;
+        if (parts[i]->stale && !single && is_read_alone(path)) return false;
         if (parts[i]->stale) (void)fill(parts[i].get());
         latest_ = i;
         *key = parts[i]->find(path);

@@ -148,6 +148,7 @@ class locked_view {
 
   private:
     void begin(const tree_reader &reader, const lock_cover &cover);
+    bool is_read_alone(std::string_view path) const;
     bool find_copy(std::string_view path, uint32_t *key);
     void record_order(uint32_t key, copied_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);

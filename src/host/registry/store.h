@@ -136,8 +136,9 @@ class store : public abstract_base {
     virtual std::unique_ptr<moment> now(std::string_view part = {}) = 0;
 
     // Replaces the value of an existing key; false if there is no such key. Where fence is given,
-    // nothing is written unless that lock is still held. replaced, which may be null, receives the
-    // value that the key had; it stays as it is if an earlier try without an answer replaced that.
+    // nothing is written unless that lock is still held. replaced, which may be null, has the value
+    // that the caller read, and receives the one that the key had; it stays as it is if an earlier try
+    // without an answer replaced that.
     virtual bool set(std::string_view path, std::string_view value, const held_lock *fence,
                      std::string *replaced = nullptr) = 0;
 
