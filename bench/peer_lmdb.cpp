@@ -74,17 +74,28 @@ peer_row lmdb_peer::row(const std::string &name) {
     MDB_val key = value_of(name);
     MDB_val value = {};
     check(mdb_get(txn_, dbi_, &key, &value), "mdb_get");
-    peer_row found = {name, {static_cast<const char *>(value.mv_data), value.mv_size}};
+    peer_row found = {name, std::string(static_cast<const char *>(value.mv_data), value.mv_size)};
     mdb_txn_reset(txn_);
     return found;
 }
 
-void lmdb_peer::commit(const peer_row &row) {
+peer_row lmdb_peer::last_row() {
+    begin();
+    MDB_val key = {}, value = {};
+    check(mdb_cursor_get(cursor_, &key, &value, MDB_LAST), "mdb_cursor_get");
+    std::string name(static_cast<const char *>(key.mv_data), key.mv_size);
+    mdb_txn_reset(txn_);
+    return row(name);
+}
+
+void lmdb_peer::commit(const std::vector<peer_row> &rows) {
     MDB_txn *writing = nullptr;
     check(mdb_txn_begin(env_, nullptr, 0, &writing), "mdb_txn_begin");
-    MDB_val name = value_of(row.name);
-    MDB_val value = value_of(row.value);
-    check(mdb_put(writing, dbi_, &name, &value, 0), "mdb_put");
+    for (const peer_row &row : rows) {
+        MDB_val name = value_of(row.name);
+        MDB_val value = value_of(row.value);
+        check(mdb_put(writing, dbi_, &name, &value, 0), "mdb_put");
+    }
     check(mdb_txn_commit(writing), "mdb_txn_commit");
 }
 

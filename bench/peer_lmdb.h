@@ -32,11 +32,12 @@ class lmdb_peer {
     // One pass over all rows, copying their values; for free_list.
     name_list list();
 
-    // A row by its name.
+    // A row by its name, and the one behind all others.
     peer_row row(const std::string &name);
+    peer_row last_row();
 
-    // Replaces one row and waits until that is on the disk.
-    void commit(const peer_row &row);
+    // Replaces rows and waits until that is on the disk.
+    void commit(const std::vector<peer_row> &rows);
 
   private:
     void open(const std::string &directory);

@@ -72,7 +72,7 @@ static void measure_after_set(const bench_setup &setup) {
         set(SMALL.database, round % 2);
         after_other.push_back(time_once(fetch));
         pass_quiet.push_back(time_quiet(pass));
-        engine.commit(rows[rows.size() / 2]);
+        engine.commit({rows[rows.size() / 2]});
         pass_after.push_back(time_once(pass));
     }
     setup.to->ratio(AFTER_SET, after, quiet, 2.5);

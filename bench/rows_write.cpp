@@ -19,6 +19,7 @@ namespace keyview::bench {
 
 constexpr char DURABLE[] = "durable set of a flag / pwrite 4 KiB + fdatasync";
 constexpr char ENGINE[] = "durable set of a flag / LMDB commit of a row";
+constexpr char ENGINE_HISTORY[] = "durable set of a flag / LMDB commit of a row and an entry";
 constexpr char HISTORY[] = "durable set of a flag / the same without history";
 constexpr char UNCHANGED[] = "set to the stored value / durable set";
 constexpr char BESIDE_WRITER[] = "fetch typical beside endless commits / quiet";
@@ -96,7 +97,7 @@ struct history_off {
 
 // In a registry of typical size; the one that other rows use also has the large record.
 static void measure_sets(const bench_setup &setup) {
-    if (!setup.to->wants({DURABLE, ENGINE, HISTORY, UNCHANGED})) return;
+    if (!setup.to->wants({DURABLE, ENGINE, ENGINE_HISTORY, HISTORY, UNCHANGED})) return;
     const std::string written = setup.directory + "/written";
     const std::vector<record_size> sizes = {SMALL, TYPICAL, BUSY};
     session writer(make_record_registry(written, sizes));
@@ -111,7 +112,8 @@ static void measure_sets(const bench_setup &setup) {
     for (int n = 0; n < FILLS_HISTORY; ++n)
         set_other(&writer);
     lmdb_peer engine(copy_registry(written, setup.directory + "/written-lmdb"));
-    const peer_row row = engine.row(flag_row(BUSY));
+    const std::vector<peer_row> row = {engine.row(flag_row(BUSY))};
+    const std::vector<peer_row> row_and_entry = {row.front(), engine.last_row()};
     // What a history costs is also the pages that it takes: this registry never had one.
     const auto make_unrecorded = [&] {
         const history_off off;
@@ -124,9 +126,11 @@ static void measure_sets(const bench_setup &setup) {
     };
     const auto figures = interleave({401, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
                                                [&] { set_flag(&writer, SMALL.database, 1); },
-                                               [&] { engine.commit(row); }, set_unrecorded});
+                                               [&] { engine.commit(row); }, set_unrecorded,
+                                               [&] { engine.commit(row_and_entry); }});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
+    setup.to->ratio(ENGINE_HISTORY, figures[0], figures[5], NO_GOAL);
     setup.to->ratio(HISTORY, figures[0], figures[4], 1.1);
     setup.to->ratio(UNCHANGED, figures[2], figures[0], 0.05);
 }
