@@ -29,9 +29,20 @@ struct outcome {
 
 static void load_only() {}
 
+// A host that opens no registry has none to be tested with.
+static void open_only() {
+    void *reg = nullptr;
+    char text[1024] = {};
+    uint64_t size = sizeof text;
+    const int32_t kv = host.kvtc_init_ext(&reg, 3, text, &size, 0);
+    text[sizeof text - 1] = '\0';
+    if (kv != KVTC_SUCCESS) untestable("kvtc_init_ext returns " + std::to_string(kv) + ": " + text);
+}
+
 static std::vector<rule> all_rules() {
     std::vector<rule> all = {
-        {"operations", "the host can be loaded and defines every outside operation", load_only}};
+        {"operations", "the host can be loaded and defines every outside operation", load_only},
+        {"opens", "kvtc_init_ext opens the registry of the host", open_only}};
     for (auto part : {memory_rules, text_rules, registry_rules, lock_rules, library_rules})
         for (const rule &one : part())
             all.push_back(one);
@@ -90,11 +101,11 @@ static bool chosen(const rule &one, char **names) {
     return *names != nullptr;
 }
 
-// The rules on a host; without its operations no further one can be checked.
+// The rules on a host; without its operations and its registry no further one can be checked.
 static int test(const char *file, char **names, bool verbose) {
     int counts[3] = {};
     for (const rule &one : all_rules()) {
-        const bool first = one.check == load_only;
+        const bool first = one.check == load_only || one.check == open_only;
         if (!first && !chosen(one, names)) continue;
         outcome result = run(one, file);
         if (result.verdict < KEPT || result.verdict > UNTESTABLE) {

@@ -21,6 +21,16 @@ def table(name):
     return [line for line in lines if line[0] != "#"]
 
 
+# The rows of the table of findings, with what the marks stand for: rule, keys with their values, decision.
+def findings():
+    for line in table("findings.txt"):
+        line = re.sub(r"<(\\?.)\*(\d+)>", lambda mark: mark[1] * int(mark[2]), line.replace("<sales>", SALES))
+        rule, keys, decision = line.split(" | ")
+        values = dict(key.split(" = ", 1) for key in keys.split("; ") if key)
+        yield rule, {key: None if text == "None" else text.encode().decode("unicode_escape").encode("latin-1")
+                     for key, text in values.items()}, None if decision == "-" else decision
+
+
 def validator(name):
     return jsonschema.Draft202012Validator(json.loads(content(os.path.join(SCHEMAS, name))))
 
@@ -135,25 +145,9 @@ class Output(Administrator):
             for other in ("STG.%s.%s" % (name, name), "NODEAPPS." + name, "NODEAPPS.%s.VIP" % name):
                 self.store("DATABASE." + other, value)
             path = "DATABASE.DATABASES." + name
-            for command in (["list"], ["status"], ["status", name], ["show", name], ["tree", path], ["lint"],
-                            ["get", path, "-o", "raw"], ["ls", "DATABASE.DATABASES", "-o", "tsv"], ["check"],
-                            ["tree", path, "-o", "json"], ["tree", path, "-o", "cmd"], ["export"],
-                            ["show", "no" + text], ["rm", path, "--dry-run"], ["role", name],
-                            ["set", path + ".ROLE", text], ["frob" + text], ["-o", "json", "get", text],
-                            ["roster", name, "s"], ["name", name, "i"], ["instance-on", name, name],
-                            ["disable", name, "--service", "s", "--dry-run"], ["diff", EXAMPLE, "--prune"],
-                            ["watch", path, "--from", "1", "--for", "0.01"], ["explain", text], ["errors", text],
-                            ["lock", "run", "LKRT." + text, "--wait", "0", "--", TOOL, "lock", "list"],
-                            ["backup", "/no/" + text], ["restore", "/no/" + text], ["copy", "--to", "lmdb:/no/" + text],
-                            ["list", "--registry", "lmdb:/no/" + text], ["history", "--limit", "9"], ["history", name], ["undo", text],
-                            ["history", "--since", text], ["config", "--registry", text],
-                            ["doctor", "--registry", "etcd://" + text], ["manual", text], ["completion", text],
-                            ["get", path], ["stg", name, name], ["stg-name", name, name], ["stg-enabled", name, name],
-                            ["nodeapps", name], ["policy", name, "s"], ["domain", name], ["enabled", name],
-                            ["supported", name, "s", "i"], ["set", path + ".DOMAIN", "--as", "text", text],
-                            ["lock", "run", "LKRT." + path, "--", TOOL, "lock", "list"], ["rm", path + ".SPFILE", "--yes"],
-                            ["apply", EXAMPLE, "--prune", "--dry-run"], ["copy", "--to", "lmdb:" + self.path("copy" + name)],
-                            ["backup", self.path("b" + text)], ["restore", self.path("b" + text), "--force", "--dry-run"]):
+            marks = {"<name>": name, "<text>": text, "<path>": path, "<folder>": self.folder, "<example>": EXAMPLE, "<tool>": TOOL}
+            for line in table("hostile.txt"):
+                command = [re.sub("<[a-z]+>", lambda mark: marks[mark[0]], word) for word in line.split(" ")]
                 seen = self.on_terminal(*command)
                 self.assertIsNone(raw.search(seen.replace(b"\r\n", b"\n")), (command, seen))
 
@@ -484,44 +478,6 @@ class Keeping(Administrator):
             seen.add(len(names))
         self.assertEqual(len(seen), 2, "the first is interrupted, the last is not")
 
-    # What each finding is planted as: the keys with their values, None for a removal; words that the decision lists, or
-    # None where there is one remedy.
-    FINDINGS = {
-        "damaged": [({}, "keyviewctl set KEY VALUE")],
-        "name-missing": [({SALES: b""}, None), ({SALES + ".SERVICE.checkout*shop*example*com": b""}, "each * of checkout*shop")],
-        "name-other": [({SALES: b"Soles\0"}, "Soles"), ({"DATABASE.DATABASES.Sales.SPFILE": b"x\0",
-                        "DATABASE.DATABASES.Sales": b"Sales\0"}, "Sales in some case")],
-        "name-long": [({SALES + ".INSTANCE.sales2": b"Sales2\0\0"}, None)],
-        "name-unended": [({SALES: b"Sales"}, None)],
-        "name-form": [({SALES + ".INSTANCE." + "i" * 1024: b"i" * 1024 + b"\0"}, "under which name")],
-        "path-long": [({"DATABASE.DATABASES." + "d" * 2015: b"d" * 2015 + b"\0"}, "under which shorter name")],
-        "type-case": [({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"available\0"}, None),
-                      ({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"PREFERRED"}, None),
-                      ({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": b"both\0"}, "PREFERRED or AVAILABLE")],
-        "type-missing": [({SALES + ".SERVICE.reporting.INSTANCES.sales3.TYPE": None}, "PREFERRED or AVAILABLE")],
-        "instance-missing": [({SALES + ".SERVICE.reporting.INSTANCES.sales9": b"Sales9\0",
-                               SALES + ".SERVICE.reporting.INSTANCES.sales9.TYPE": b"AVAILABLE\0"}, "leaves it out")],
-        "flag-two-ways": [({SALES + ".ENABLED": word}, "true or false") for word in (b"yes\0", b"", b"tru\0")],
-        "flag-case": [({SALES + ".ENABLED": b"TRUE\0"}, None)],
-        "word-unknown": [({SALES + ".ROLE": b"MASTER\0"}, "SNAPSHOT_STANDBY"), ({SALES + ".ROLE": b""}, "PRIMARY, PHYSICAL_STANDBY"),
-                         ({SALES + ".ROLE": b"PHYSICAL_STAN"}, "PRIMARY"), ({SALES + ".ROLE": b"\xc3\x28\0"}, "PRIMARY"),
-                         ({SALES + ".SERVICE.reporting.RCNPOLICY": b"SOME\0"}, "BASIC, PRECONNECT")],
-        "list-single": [({SALES + ".ENVIRONMENT": b"A=1\0"}, None)],
-        "list-form": [({SALES + ".ENVIRONMENT": b"A\0B\0"}, None), ({SALES + ".ENVIRONMENT": b""}, None),
-                      ({SALES + ".ENVIRONMENT": b"A\0B"}, "cut short"), ({SALES + ".ENVIRONMENT": b"A\0\0B\0\0"}, "which strings")],
-        "value-long": [({SALES + ".SPFILE": b"x" * 1025}, "1,024 bytes"), ({SALES + ".ENABLED": b"true" + b"\0" * 1021}, "1,024 bytes")],
-        "value-unended": [({SALES + ".SPFILE": b"x"}, "cut short"), ({SALES + ".SPFILE": b""}, "cut short"),
-                          ({SALES + ".ROLE": b"PRIMARY"}, None), ({SALES + ".ENABLED": b"True"}, None)],
-        "value-zero": [({SALES + ".SPFILE": b"x\0y\0"}, "belongs to it"), ({SALES + ".ROLE": b"primary\0\0"}, None)],
-        "value-form": [({"DATABASE.NODEAPPS.node1.VIP": b"\0"}, "VIP.IP")],
-        "node-twice": [({SALES + ".INSTANCE.sales2.NODE": b"node1\0"}, "sales2")],
-        "node-case": [({SALES + ".INSTANCE.sales2.NODE": b"Node2\0"}, None)],
-        "scope-name": [({"DATABASE.STG.Node1.a": b"a\0"}, "in lower case")],
-        "parent-empty": [({"DATABASE.STG.node99": b""}, None), ({"DATABASE.DATABASES.sandbox.DB_CLU_ALIAS": b""}, None)],
-        "parent-value": [({SALES + ".DB_CLU_ALIAS": b"x\0"}, ""), ({"DATABASE.STG.node1": b"x"}, "")],
-        "key-unknown": [({SALES + ".FUTURE": b"x\0"}, ""), ({SALES + ".SPFILE.MORE.x": b"x\0"}, "")],
-    }
-
     # The registry of the example anew, without the values of changes: a test that damages a value then damages one key.
     def begin_without_history(self):
         self.env["KEYVIEW_HISTORY"] = "0"
@@ -532,11 +488,11 @@ class Keeping(Administrator):
     def test_check_lint_and_export_agree_on_each_finding(self):
         self.begin_without_history()
         self.assertEqual(self.json("lint")["findings"], [])
-        table = {row["rule"]: row for row in self.json("explain", "--findings")["findings"]}
-        self.assertEqual(list(table), list(self.FINDINGS))
+        told = {row["rule"]: row for row in self.json("explain", "--findings")["findings"]}
+        every = list(findings())
+        self.assertEqual(list(told), list(dict.fromkeys(rule for rule, _, _ in every)))
         data = self.path("registry/data.mdb")
         sound = content(data)
-        every = [(rule, *one) for rule, planted in self.FINDINGS.items() for one in planted]
         for rule, values, decision in every[::EVERY]:
             for path, value in values.items():
                 if value is not None:
@@ -547,7 +503,7 @@ class Keeping(Administrator):
                 with open(data, "r+b") as file:
                     file.write(sound.replace(b"/opt/talven/4.2\0", b"/opt/talven/4.3\0"))
             with self.subTest(rule, values=list(values)):
-                row = table[rule]
+                row = told[rule]
                 def reported(command, places):
                     ended = self.run_tool(command, "-o", "json")
                     document = json.loads((ended.stderr if command == "export" and ended.returncode else ended.stdout))
@@ -1135,20 +1091,13 @@ class Comfort(Administrator):
         for shell, script in asked.items():
             start = "compdef() { }\n" if shell == "zsh" else ""
             script = start + self.good("completion", shell) + script
-            for line, found in (("keyviewctl --registry %s show sal" % self.url, ["Sales", "SalesStandby"]),
-                                ("keyviewctl stat", ["status"]), ("keyviewctl roster sales rep", ["reporting"]),
-                                ("keyviewctl lock ", ["list", "run"]), ("keyviewctl manual keyview-k", ["keyview-keys"]),
-                                ("keyviewctl errors not", ["not_found"]), ("keyviewctl -o y", ["yaml"]),
-                                ("keyviewctl lock run LKRT.DATABASE.NODEAPPS.node3", ["LKRT.DATABASE.NODEAPPS.node3"]),
-                                ("keyviewctl lock run LKRT.STG.DATABASE.STG.node8", ["LKRT.STG.DATABASE.STG.node8.stg8"]),
-                                ("keyviewctl lock run X -- mktem", ["mktemp"]), ("keyviewctl help wat", ["watch"]),
-                                ("keyviewctl status --verb", ["--verbose"]), ("keyviewctl --qui", ["--quiet"]),
-                                ("keyviewctl -o js", ["json", "jsonl"])):
+            for row in table("completions.txt"):
+                line, found = row.replace("<url>", self.url).split(" | ")
                 set_line = "set line '%s'\n" if shell == "fish" else "line='%s'\n"
                 got = subprocess.run([shell, "-c", set_line % line + script], capture_output=True, timeout=60,
                                      env={**self.env, "PATH": self.folder + ":" + self.env["PATH"],
                                           "KEYVIEW_REGISTRY": "" if self.url in line else self.url})
-                self.assertEqual(sorted(got.stdout.decode().split()), found, (shell, line, got.stderr))
+                self.assertEqual(sorted(got.stdout.decode().split()), found.split(), (shell, line, got.stderr))
 
     def test_the_manual_tells_all_commands_and_codes(self):
         page = self.good("manual", "keyviewctl")

@@ -14,35 +14,7 @@ HOSTTEST, TOOL, KIT, EXAMPLES, INCLUDE, COMPILER = map(os.path.abspath, sys.argv
 SOURCE = open(f"{EXAMPLES}/host.c").read()
 BUILD = ["-std=c99", "-shared", "-fPIC", "-pthread", f"-I{INCLUDE}"]
 
-# The rule that is named, a piece of the example that occurs once, and what the fault makes of it. "*" runs
-# all rules; else only those that are named run, since the fault makes others wait for long.
-FAULTS = [
-    ("lock-shares", "lock-shares", "(exclusive && lock->readers > 0)", "lock->readers > 0"),
-    ("lock-release", "lock-release", "if (held) *(", "if (lock->writers > 0) *("),
-    ("operations", "*", "int32_t txtclo(", "int32_t txtclo_old("),
-    ("block-zeroed", "*", "return calloc(1, size == 0 ? 1 : size);", "return memset(malloc(size + 1), 'x', size + 1);"),
-    ("block-empty", "*", "return calloc(1, size == 0 ? 1 : size);", "return size == 0 ? NULL : calloc(1, size);"),
-    ("tag", "*", "memcpy(address, tag, 8);", "memset(address, 0, 16), memcpy(address, tag, 8);"),
-    ("trace-null", "*", 'component == NULL ? "-" : component', '*component == 0 ? "-" : component'),
-    ("trace-null", "*", "if (level > TRCD_FAILURE) return;", "if (((const char *)component)[0] == 0) return;"),
-    ("fold-lower", "*", "c >= 'A' && c <= 'Z' ? (char)(c + 32) : c", "(char)(c | 32)"),
-    ("replace-capacity", "*", "if (length - from_length + to_length >= capacity) return FAILED;", ""),
-    ("open-missing", "*", 'fail(owner, KVTC_ERR_KEY_NOT_FOUND, "there', 'fail(owner, FAILED, "there'),
-    ("open-missing", "*", "node *at = node_of(path, 0);", "node *at = node_of(path, 1);"),
-    ("value-size", "*", "*size = at->size;", "if (at->size < capacity) *size = at->size;"),
-    ("value-size", "*", "int fits = at->size <= capacity;", "int fits = at->size <= capacity + 1;"),
-    ("value-kept", "*", "set_value(((open_key *)key)->at, value, size)",
-     "set_value(((open_key *)key)->at, value, (uint32_t)strlen(value) + 1)"),
-    ("value-shared", "*", "set_value(((open_key *)key)->at, value, size)", "1"),
-    ("subkey-last", "*", "        ++*last;", "        *last = 1;"),
-    ("subkey-none", "*", "if (walked->at->first == NULL) *last = -1;", ""),
-    ("subkey-cursor", "*", "*type = KVTC_TYPE_STRING;",
-     "*type = KVTC_TYPE_STRING, ((open_key *)key)->cursor = at->first;"),
-    ("subkey-short", "*", "if (length >= *size)", "if (length > 2000)"),
-    ("last-error", "*", "*code = owner->code;", "*code = 0;"),
-    ("lock-excludes", "*", "(exclusive && lock->readers > 0)", "0"),
-    ("threads", "*", "static node root;", "static __thread node root;"),
-]
+FAULTS = [line.rstrip("\n").split(" ==> ") for line in open(f"{os.path.dirname(__file__)}/faults.txt") if line[0] != "#"]
 
 
 def build(folder, name, source):
@@ -88,10 +60,11 @@ class Hosttest(unittest.TestCase):
                     self.assertEqual(result.returncode, 1, result.stdout)
                     self.assertRegex(result.stdout, rf"(?m)^BROKEN +{rule} ")
 
-    # Each state that is no answer ends with 2: no host, none that can be loaded, an empty registry, no such rule.
+    # Each state that is no answer ends with 2: no host, none that can be loaded, no registry, an empty one, no such rule.
     def test_what_cannot_be_tested(self):
+        os.environ["KEYVIEW_REGISTRY"] = f"lmdb:{self.folder}/none"
         empty = build(self.folder, "empty", SOURCE.replace("DATABASE.DATABASES.sales", "OTHER.sales"))
-        for words in ([], [f"{self.folder}/none.so"], [empty], [KIT, "no-such-rule"]):
+        for words in ([], [f"{self.folder}/none.so"], [empty], [KIT], [KIT, "no-such-rule"]):
             result = subprocess.run([HOSTTEST, *words], capture_output=True, text=True)
             self.assertEqual(result.returncode, 2, (words, result.stdout))
 
