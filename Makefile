@@ -17,7 +17,8 @@
 #   make test-packages   installs, uses and removes them in a Debian of its own; the container of the tool
 #   make soak      SECONDS=3600, all operations on both engines; nothing may be held on to (docs/soak.md)
 #   make fuzz      SECONDS=60, each target of the guided fuzzer for so long; PLANTED=--planted: each finds a fault
-#   make histories   MINUTES=30 SEED=1: clients of a cluster under faults, their histories checked; needs root
+#   make histories   MINUTES=30 ACQUISITIONS=200000 SEED=1: clients of a cluster under faults, their histories
+#                  checked; needs root
 #   make coverage  what the tests reach of src/, in lines and conditions, against the goals of its rooms
 #   make mutation  MUTANTS="--sample 200 --seed 1", else all: the library, the locks and the fencing, changed
 #                  in one place at a time; a test must notice
@@ -28,6 +29,7 @@
 PREFIX ?= /usr/local
 DESTDIR ?=
 MINUTES ?= 30
+ACQUISITIONS ?= 200000
 SEED ?= 1
 MUTANTS ?=
 BUILD := build
@@ -138,7 +140,7 @@ histories:
 	@cmake --preset release -DKEYVIEW_TESTS=ON -DKEYVIEW_CLUSTER=ON >/dev/null
 	@cmake --build $(BUILD)/release --target histories_client histories_changes fencing rivals
 	@/usr/bin/python3 fuzz/histories/report.py $(BUILD)/release fuzz/histories/report.md --seed=$(SEED) \
-		--seconds=$$(($(MINUTES) * 60))
+		--seconds=$$(($(MINUTES) * 60)) --acquisitions=$(ACQUISITIONS)
 
 coverage:
 	@packaging/install-packages build cluster members test coverage

@@ -163,8 +163,8 @@ class mixed_client {
     void step() {
         epoch_now_ = numbered("e", *epoch_) + "-";
         // Without a lock, whose request would be the one that is lost.
-        const bool plain =
-            has("failed-is-undone") || has("failed-is-done") || has("reads-own-member");
+        const bool plain = has("failed-is-undone") || has("failed-is-done") ||
+                           has("reads-own-member") || has("small-changes");
         const int row = plain ? 3 : has("gives-up") ? 5 : any_of(10);
         if (row < static_cast<int>(std::size(KINDS))) return use(KINDS[row]);
         section(epoch_now_ + numbered("c", any_of(COUNTERS)));
@@ -324,7 +324,7 @@ class mixed_client {
         const auto begun = std::chrono::system_clock::now();
         if (rc == 0) rc = apply_all(registry_, all, lock);
         if (has("gives-up") &&
-            std::chrono::system_clock::now() - begun > std::chrono::milliseconds(750))
+            std::chrono::system_clock::now() - begun > std::chrono::milliseconds(1500))
             rc = GIVEN_UP;
         keyview_lock_release(lock);
         return rc;
