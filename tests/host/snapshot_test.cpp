@@ -229,6 +229,17 @@ TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
         for (const std::string &one : below)
             some.push_back(top + one);
         auto any = [&] { return some[random() % some.size()]; };
+        auto present = [this](const std::string &path) {
+            const std::string value = stored(path);
+            return value == "(none)" ? "(4)" : value;
+        };
+        const std::string alone = any();
+        for (size_t visit = random() % 4; visit > 0; --visit) {  // as for a set of one flag
+            apply({random() % 4 == 0 ? removal(alone) : put(alone, std::to_string(visit))});
+            ASSERT_EQ(locks.exclusive(lock.c_str()), 0);
+            ASSERT_EQ(keys.read(alone), present(alone));
+            ASSERT_EQ(locks.unlock(lock.c_str()), 0);
+        }
         std::vector<change> changes;
         for (size_t i = random() % 3; i > 0; --i) {
             std::string value(random() % (round % 8 == 0 ? 40 : 3),
@@ -243,8 +254,7 @@ TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {
         bool there = keys.open(opened, &open) == 0;
         client fresh;
         for (size_t i = random() % 2 == 0 ? 0 : random() % some.size(); i < some.size(); ++i) {
-            std::string value = stored(some[i]);
-            ASSERT_EQ(keys.read(some[i]), value == "(none)" ? "(4)" : value) << some[i];
+            ASSERT_EQ(keys.read(some[i]), present(some[i])) << some[i];
             if (random() % 8 == 0) {
                 ASSERT_EQ(keys.list(some[i]), fresh.list(some[i]));
             }
