@@ -260,6 +260,8 @@ class Clients(Served):
                 (b"GET / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100000000\r\n\r\n", b"413"),
                 (b"GET / HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n", b"413"),
                 (b"GET / HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n\r\n", b"421"),
+                (b"GET http://evil.example/healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n", b"421"),
+                (b"GET http://localhost:80/healthz HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n\r\n", b"200"),
                 (b"GET / HTTP/1.1\r\nHost: 127.0.0.1.evil.example:80\r\nConnection: close\r\n\r\n", b"421"),
                 (b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", b"400"),
                 (b"GET /" + b"a" * 20000 + b" HTTP/1.1\r\nHost: localhost\r\n\r\n", b"414"),

@@ -173,9 +173,8 @@ static const char *header_of(MHD_Connection *connection, const char *name) {
 }
 
 // A page of another site may have its name resolve to this machine: the browser then sends that name.
-bool server::may_use_host(const char *host) const {
+bool server::may_use_host(std::string name) const {
     if (!checks_host_) return true;
-    std::string name = host == nullptr ? "" : host;
     const size_t colon = name.rfind(':');
     if (colon != name.npos && name.find(']', colon) == name.npos) name.resize(colon);
     return name == "localhost" || name == "127.0.0.1" || name == "[::1]";
@@ -222,20 +221,29 @@ static bool has_body(MHD_Connection *connection) {
            (length != nullptr && strcmp(length, "0") != 0);
 }
 
-answer server::choose(MHD_Connection *connection, const std::string &path, bool reads) {
+// A target may name scheme and host before its path; that host counts then, not the one in Host.
+static request_target target_of(const std::string &given, const char *host) {
+    constexpr size_t LONGEST_SCHEME = 5;
+    const size_t scheme = given.find("://");
+    if (given[0] == '/' || scheme > LONGEST_SCHEME) return {host == nullptr ? "" : host, given};
+    const size_t begin = scheme + 3, end = std::min(given.find('/', begin), given.size());
+    return {given.substr(begin, end - begin), end < given.size() ? given.substr(end) : "/"};
+}
+
+answer server::choose(MHD_Connection *connection, const request_target &target, bool reads) {
     if (!reads)
         return error_answer(405, EXIT_USAGE,
                             "only GET and HEAD are answered: the server changes nothing");
     if (has_body(connection)) return error_answer(413, EXIT_USAGE, "a request has no body here");
-    if (!may_use_host(header_of(connection, "Host")))
+    if (!may_use_host(target.host))
         return error_answer(421, EXIT_DENIED, "the name in Host is not one of this machine");
-    if (path == "/healthz") {
+    if (target.path == "/healthz") {
         const auto last = steady::time_point(steady::duration(alive_.load()));
         const bool alive = steady::now() - last < DEAD_AFTER;
         return answer_of("text/plain", alive ? "ok\n" : "the reader of the registry hangs\n",
                          alive ? 200 : 503);
     }
-    if (path == "/readyz") {
+    if (target.path == "/readyz") {
         const std::lock_guard guard(mutex_);
         return answer_of("text/plain", answers_ != nullptr ? "ok\n" : "not ready\n",
                          answers_ != nullptr ? 200 : 503);
@@ -245,7 +253,7 @@ answer server::choose(MHD_Connection *connection, const std::string &path, bool 
             return error_answer(429, EXIT_DENIED, "too many logins are refused");
         return error_answer(401, EXIT_DENIED, "it needs a login");
     }
-    return read_answer(path);
+    return read_answer(target.path);
 }
 
 static MHD_Response *response_of(const answer &what) {
@@ -305,8 +313,9 @@ int server::send(MHD_Connection *connection, const answer &what) {
 int server::handle(MHD_Connection *connection, const char *path, const char *method, bool begun) {
     const bool reads = strcmp(method, "GET") == 0 || strcmp(method, "HEAD") == 0;
     if (!begun && reads && !has_body(connection)) return MHD_YES;
-    answer chosen = choose(connection, path, reads);
-    const bool events = strcmp(path, EVENTS) == 0 && chosen.status == 404;
+    const request_target target = target_of(path, header_of(connection, "Host"));
+    answer chosen = choose(connection, target, reads);
+    const bool events = target.path == EVENTS && chosen.status == 404;
     const bool follows = events && strcmp(method, "GET") == 0;
     if (events) chosen = answer_of(EVENT_STREAM, "", 200);
     if (follows) chosen.body = nullptr;

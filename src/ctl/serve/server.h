@@ -24,6 +24,12 @@ struct server_options {
     std::string login;             // as clients send it, in base64; "" for none
 };
 
+// What a request asks for, and the host that it names; "" if it names none.
+struct request_target {
+    std::string host;
+    std::string path;
+};
+
 class server {
   public:
     server(endpoint *place, server_options options, metrics *counts);
@@ -55,8 +61,8 @@ class server {
 
     int handle(MHD_Connection *connection, const char *path, const char *method, bool begun);
     int send(MHD_Connection *connection, const answer &what);
-    answer choose(MHD_Connection *connection, const std::string &path, bool reads);
-    bool may_use_host(const char *host) const;
+    answer choose(MHD_Connection *connection, const request_target &target, bool reads);
+    bool may_use_host(std::string name) const;
     bool has_login(const char *given) const;
     bool too_many_refused();
     answer read_answer(const std::string &path);
