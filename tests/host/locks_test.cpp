@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -55,6 +56,21 @@ TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
     EXPECT_NE(try_it(lock_mode::exclusive), 0);
     EXPECT_NE(std::string(keyview_host_last_error()).find(NAME), std::string::npos);
     EXPECT_EQ(try_it(lock_mode::shared), 0) << "a writer that gave up leaves no gate closed";
+}
+
+TEST_F(Locks, EachGivesItsDescriptorsBack) {
+    wait_for(1);
+    auto open_after = [](int waits) {
+        for (; waits > 0; --waits) {
+            locker holder;
+            EXPECT_EQ(holder.take(lock_mode::exclusive, NAME), 0);
+            EXPECT_NE(try_it(lock_mode::shared), 0);
+            EXPECT_EQ(holder.unlock(NAME), 0);
+        }
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto few = open_after(3);
+    EXPECT_EQ(open_after(40), few);
 }
 
 // The name of this program, which is another one under a tool that runs it.
