@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <filesystem>
@@ -203,6 +204,10 @@ TEST_F(Locks, DifferentNamesNeverTouch) {
     locker mine;
     for (int i = 0; i < 300; ++i)
         EXPECT_EQ(mine.exclusive((NAME + std::to_string(i)).c_str()), 0) << i;
+    EXPECT_EQ(mine.exclusive(NAME), 0);
+    EXPECT_EQ(mine.unlock((NAME + std::to_string(7)).c_str()), 0);
+    EXPECT_FALSE(is_free());
+    EXPECT_EQ(mine.exclusive((NAME + std::to_string(7)).c_str()), 0);
 }
 
 TEST_F(Locks, OddCallsAreRefused) {
@@ -219,6 +224,13 @@ TEST_F(Locks, OddCallsAreRefused) {
     EXPECT_EQ(mine.exclusive(NAME), 0);
     EXPECT_EQ(lksvsterm(nullptr, mine.lk), 0);
     EXPECT_TRUE(is_free()) << "released with the handle";
+    {
+        const setting odd{"KEYVIEW_LOCK_WAIT", "odd"};
+        wait_for(-1);
+        const uint16_t version[] = {2, 1};
+        void *none = nullptr;
+        EXPECT_NE(lksvsinit(nullptr, &none, version, nullptr, 272), 0) << "told at the beginning";
+    }
     client keys;
     for (void *bad : {mine.lk, keys.reg, static_cast<void *>(nullptr)}) {
         EXPECT_NE(lksvlsshrlock(nullptr, bad, NAME), 0);
@@ -324,6 +336,10 @@ TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
     } catch (const host_error &) {
         EXPECT_EQ(mine.shared(NAME), 0);
     }
+    const std::vector<lock_use> users = registry.locks->users({NAME});
+    EXPECT_TRUE(std::any_of(users.begin(), users.end(), [](const lock_use &one) {
+        return one.waits && one.mode == lock_mode::exclusive;
+    }));
     EXPECT_EQ(mine.unlock(NAME), 0);
     EXPECT_FALSE(is_free());
     EXPECT_EQ(mine.unlock(NAME), 0);
