@@ -60,13 +60,10 @@ TEST_F(Locks, AWaitIsBoundedAndTellsWhy) {
 }
 
 TEST_F(Locks, EachGivesItsDescriptorsBack) {
-    wait_for(1);
-    auto open_after = [](int waits) {
+    auto open_after = [&](int waits) {
         for (; waits > 0; --waits) {
-            locker holder;
-            EXPECT_EQ(holder.take(lock_mode::exclusive, NAME), 0);
-            EXPECT_NE(try_it(lock_mode::shared), 0);
-            EXPECT_EQ(holder.unlock(NAME), 0);
+            auto held = registry.locks->acquire(NAME, lock_mode::exclusive, 0);
+            EXPECT_THROW(registry.locks->acquire(NAME, lock_mode::shared, 1), host_error);
         }
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
