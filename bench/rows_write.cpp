@@ -124,10 +124,10 @@ static void measure_sets(const bench_setup &setup) {
         const history_off off;
         set_other(&unrecorded);
     };
-    const auto figures = interleave({401, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
-                                               [&] { set_flag(&writer, SMALL.database, 1); },
-                                               [&] { engine.commit(row); }, set_unrecorded,
-                                               [&] { engine.commit(row_and_entry); }});
+    const auto figures = interleave(
+        {401, 4}, {[&] { set_other(&writer); }, [&] { block.write(); },
+                   [&] { set_flag(&writer, SMALL.database, 1); }, [&] { engine.commit(row); },
+                   set_unrecorded, [&] { engine.commit(row_and_entry); }});
     setup.to->ratio(DURABLE, figures[0], figures[1], NO_GOAL);
     setup.to->ratio(ENGINE, figures[0], figures[3], 1.1);
     setup.to->ratio(ENGINE_HISTORY, figures[0], figures[5], NO_GOAL);

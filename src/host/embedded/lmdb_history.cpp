@@ -45,7 +45,7 @@ class history_rows {
 
     bool last() {
         static const auto &behind = *new std::string(std::string(HISTORY_HEAD) + "g");  // any digit
-        if (step(MDB_LAST) && view_of(key_) < behind) return within();  // usually
+        if (step(MDB_LAST) && view_of(key_) < behind) return within();                  // usually
         key_ = bytes_of(behind);
         (void)step(step(MDB_SET_RANGE) ? MDB_PREV : MDB_LAST);
         return within();
