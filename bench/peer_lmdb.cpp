@@ -74,7 +74,7 @@ peer_row lmdb_peer::row(const std::string &name) {
     MDB_val key = value_of(name);
     MDB_val value = {};
     check(mdb_get(txn_, dbi_, &key, &value), "mdb_get");
-    peer_row found = {name, std::string(static_cast<const char *>(value.mv_data), value.mv_size)};
+    peer_row found = {name, {static_cast<const char *>(value.mv_data), value.mv_size}};
     mdb_txn_reset(txn_);
     return found;
 }

@@ -236,7 +236,8 @@ answer server::choose(MHD_Connection *connection, const request_target &target, 
                             "only GET and HEAD are answered: the server changes nothing");
     if (has_body(connection)) return error_answer(413, EXIT_USAGE, "a request has no body here");
     if (!may_use_host(target.host))
-        return error_answer(421, EXIT_DENIED, "the name in Host is not one of this machine");
+        return error_answer(421, EXIT_DENIED,
+                            "the host that the request names is not this machine");
     if (target.path == "/healthz") {
         const auto last = steady::time_point(steady::duration(alive_.load()));
         const bool alive = steady::now() - last < DEAD_AFTER;

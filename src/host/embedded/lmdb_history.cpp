@@ -99,11 +99,6 @@ class history_rows {
 
     // The number behind its last entry.
     bool end(uint64_t *out) const {
-        const std::string_view bytes = value();
-        if (entry_place(bytes, out)) {
-            *out += room_of(bytes);
-            return true;
-        }
         const std::vector<numbered_entry> all = entries();
         if (!all.empty()) *out = place_of(all.back()) + room_of(all.back().bytes);
         return !all.empty();

@@ -263,8 +263,8 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     if (path_fault(path) != nullptr) return false;
     check_value(path, value);
     check_fence(path, fence);
-    std::string stored;
     if (replaced == nullptr || *replaced == value) {  // it may change nothing
+        std::string stored;
         std::unique_ptr<moment> present = now(path);
         if (!present->read(path, &stored)) return false;
         // Not valid while a change is under way: its writer would not know of ours.
