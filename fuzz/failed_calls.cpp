@@ -8,6 +8,7 @@
 //        failed_calls --unnoticed       as if a failed write had succeeded: this must be found
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
@@ -127,10 +128,12 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     return opened("openat", directory, path, flags, mode);
 }
 
+// Bytes that nobody wrote are no sound pointers.
 void *operator new(size_t size) {
+    constexpr int UNWRITTEN = 0xA5;
     void *block = fails_now("new", true) ? nullptr : malloc(size);
     if (block == nullptr) throw std::bad_alloc();
-    return block;
+    return memset(block, UNWRITTEN, malloc_usable_size(block));
 }
 
 void operator delete(void *block) noexcept {
@@ -256,12 +259,33 @@ static int run_with(long nth, int error) {
     return WRONG;
 }
 
+// A reader of a registry that is there, without memory at one point: its next reads are as ever.
+static int read_with(const std::string &directory, long nth, int error) {
+    require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+    fault.error = error;
+    fault.left = nth;
+    life reader;
+    context by;  // of both fetches, as it keeps what it read
+    const auto fetch = [&] {
+        prsr_cfg *cfg = nullptr;
+        context::expect(prsr_fetch_db_config(by.status, by.ctx, "Db1", &cfg), "fetch");
+        (void)prsr_release_db_config(by.status, by.ctx, cfg);
+    };
+    reader.step(fetch);
+    reader.step([&] { read_all(directory); });
+    if (fault.failed == nullptr) return NOT_MET;
+    fetch();
+    read_all(directory);
+    return reader.problem.empty() && difference_from(1).empty() ? SOUND : WRONG;
+}
+
 // Fails one call of every, until there is none; returns how many left something wrong.
-static int sweep(int error, long every, long first) {
+template <typename work>
+static int sweep(int error, long every, long first, work &&run) {
     long runs = 0;
     int wrong = 0;
     for (long nth = first;; nth += every) {
-        child_process one([&](const meeting &) { return run_with(nth, error); });
+        child_process one([&](const meeting &) { return run(nth, error); });
         const int status = one.status();
         if (status == NOT_MET) break;
         ++runs;
@@ -285,8 +309,19 @@ int main(int argc, char **argv) {
     if (argc == 4 && argv[1] == std::string("--one"))
         return run_with(strtol(argv[2], nullptr, 10),
                         static_cast<int>(strtol(argv[3], nullptr, 10)));
-    if (writes_only) return sweep(EIO, 1, 1) == 0 ? 0 : 1;
-    int wrong = sweep(EIO, every, first) + sweep(EACCES, every, first) + sweep(EINTR, every, first);
-    wrong += sweep(MEMORY, every * 3, first);
+    if (writes_only) return sweep(EIO, 1, 1, run_with) == 0 ? 0 : 1;
+    int wrong = 0;
+    for (const int error : {EIO, EACCES, EINTR, MEMORY})
+        wrong += sweep(error, error == MEMORY ? every * 3 : every, first, run_with);
+    scratch_directory scratch;
+    const std::string directory = scratch.path + "/registry";
+    child_process writer([&](const meeting &) {
+        require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+        apply(1, true);
+        return 0;
+    });
+    require(writer.status() == 0, "a registry to read");
+    wrong +=
+        sweep(MEMORY, 1, 1, [&](long nth, int error) { return read_with(directory, nth, error); });
     return wrong == 0 ? 0 : 1;
 }

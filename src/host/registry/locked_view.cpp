@@ -158,8 +158,8 @@ copied_key locked_view::copy(std::string_view path, reach which) {
 }
 
 snapshot *locked_view::add_part(std::unique_ptr<snapshot> part) {
-    latest_ = static_cast<uint32_t>(copies_->parts.size());
     copies_->add_part(std::move(part));
+    latest_ = static_cast<uint32_t>(copies_->parts.size() - 1);
     return copies_->parts.back().get();
 }
 
@@ -179,6 +179,8 @@ bool locked_view::fill(snapshot *part) {
     try {
         there = part->depth() == reach::key_alone ? read_alone(part)
                                                   : moment_->copy(part->top(), part->depth(), part);
+        for (const auto &[changed, value] : changes_)
+            update(part, changed, value);
     } catch (...) {
         part->clear();
         forget_order();
@@ -187,8 +189,6 @@ bool locked_view::fill(snapshot *part) {
     if (!there) part->clear();
     if (part->stale && part->shape() != shape) forget_order();
     part->stale = false;
-    for (const auto &[changed, value] : changes_)
-        update(part, changed, value);
     return there;
 }
 
