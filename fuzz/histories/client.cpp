@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,6 +42,7 @@ namespace keyview::test {
 static constexpr int64_t LOCK_WAIT_MS = 4000;
 static constexpr int32_t GIVEN_UP =
     -1;  // what took too long, for a client that then calls it undone
+static constexpr int64_t LONG_READ_MS = 600;  // for a client that then shows what it read first
 static constexpr int COUNTERS = 4;
 static constexpr int NARROW = 3,
                      WIDE = 150;  // instances of a record; more than a transaction holds
@@ -153,11 +155,14 @@ class mixed_client {
           faults_(std::move(faults)),
           registry_(open_patiently()),
           context_(start_patiently()) {
-        int fd = open(epochs, O_RDONLY | O_CLOEXEC);
-        void *mapped = mmap(nullptr, sizeof(int), PROT_READ, MAP_SHARED, fd, 0);
-        require(mapped != MAP_FAILED, "no epoch");
-        epoch_ = static_cast<const volatile int *>(mapped);
-        close(fd);
+        epoch_ = static_cast<const volatile int *>(
+            map_shared(open(epochs, O_RDONLY | O_CLOEXEC), sizeof(int), PROT_READ));
+        if (!has("breaks-locks")) return;
+        const std::string file = std::string(epochs) + ".taken";
+        const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        require(ftruncate(fd, sizeof(int64_t) * COUNTERS) == 0, "a file of times");
+        taken_ = static_cast<std::atomic<int64_t> *>(
+            map_shared(fd, sizeof(int64_t) * COUNTERS, PROT_READ | PROT_WRITE));
     }
 
     void step() {
@@ -165,12 +170,19 @@ class mixed_client {
         // Without a lock, whose request would be the one that is lost.
         const bool plain = has("failed-is-undone") || has("failed-is-done") ||
                            has("reads-own-member") || has("small-changes");
-        const int row = plain ? 3 : has("gives-up") ? 5 : any_of(10);
+        const int row = plain ? 3 : has("gives-up") || has("shows-old") ? 5 : any_of(10);
         if (row < static_cast<int>(std::size(KINDS))) return use(KINDS[row]);
-        section(epoch_now_ + numbered("c", any_of(COUNTERS)));
+        section(any_of(COUNTERS));
     }
 
   private:
+    static void *map_shared(int fd, size_t size, int rights) {
+        void *mapped = mmap(nullptr, size, rights, MAP_SHARED, fd, 0);
+        require(mapped != MAP_FAILED, "no file to share");
+        close(fd);
+        return mapped;
+    }
+
     // A register: what reads and what writes it, each in one operation.
     struct kind {
         const char *name;
@@ -203,10 +215,12 @@ class mixed_client {
         if (any_of(100) < 55) {
             std::string value = std::exchange(believed_[what], "");
             begin(what, 'r', "");
+            const stopwatch watch;
             bool done = !value.empty() || (this->*one.get)(database, &value) == 0;
             if (!done) recover();
-            if (done && has("stale-read") && now_and_then() && !seen_[what].empty())
-                value = seen_[what];
+            const bool old =
+                has("stale-read") ? now_and_then() : has("shows-old") && watch.ms() > LONG_READ_MS;
+            if (done && old && !seen_[what].empty()) value = seen_[what];
             end(done ? "ok" : "open", value);
             if (done && one.reader_locks) report_.line("L");
             if (seen_[what].empty()) seen_[what] = value;
@@ -354,15 +368,30 @@ class mixed_client {
 
     // ---- Locks ----------------------------------------------------------------------------------
 
+    // Whether a client with the same fault holds the lock of a counter for longer than any does, by the
+    // clock of the day.
+    bool looks_abandoned(int counter) const {
+        const int64_t since = taken_ == nullptr ? 0 : taken_[counter].load();
+        return since != 0 && day_s() - since > 60;
+    }
+
+    void note_taken(int counter, int64_t time) {
+        if (taken_ != nullptr) taken_[counter] = time;
+    }
+
+    static int64_t day_s() { return static_cast<int64_t>(time(nullptr)); }
+
     // Reads a counter and counts on under its lock.
-    void section(const std::string &database) {
+    void section(int counter) {
+        const std::string database = epoch_now_ + numbered("c", counter);
         const std::string name = lock_name_of(database);
         const bool shared = any_of(10) < 3;
-        const bool takes_it = !has("no-lock");
+        const bool takes_it = !has("no-lock") && !looks_abandoned(counter);
         keyview_lock *lock = nullptr;
         if (takes_it &&
             keyview_lock_acquire(registry_, bytes_of(name), shared, LOCK_WAIT_MS, &lock) != 0)
             return;
+        note_taken(counter, day_s());
         report_.line("G\t" + name + (shared ? "\ts\t" : "\tx\t") + now());
         std::optional<int64_t> count = counted(database);
         for (int left = any_of(4); count && left >= 0; --left) {
@@ -375,13 +404,15 @@ class mixed_client {
             }
         }
         confirm(name, lock);
+        note_taken(counter, 0);
         keyview_lock_release(lock);
     }
 
     // Mostly short. A holder that trusts the clock of the day lingers by it.
     void linger() {
         int pause_ms = any_of(300) == 0 ? any_of(900) : any_of(3) == 0 ? any_of(4) : 0;
-        if (has("forgets-loss") || has("clock-of-day") || has("unfenced")) pause_ms += 200;
+        if (has("forgets-loss") || has("clock-of-day") || has("unfenced") || has("breaks-locks"))
+            pause_ms += 200;
         if (!has("clock-of-day")) {
             usleep(static_cast<useconds_t>(pause_ms) * 1000);
             return;
@@ -393,7 +424,8 @@ class mixed_client {
 
     void confirm(const std::string &name, const keyview_lock *lock) {
         const std::string time = now();  // before: what holds at the call held then
-        const bool trusts = has("no-lock") || has("forgets-loss") || has("clock-of-day");
+        const bool trusts =
+            has("no-lock") || has("forgets-loss") || has("clock-of-day") || has("breaks-locks");
         if (trusts || keyview_lock_held(lock) != 0) report_.line("H\t" + name + '\t' + time);
     }
 
@@ -431,6 +463,7 @@ class mixed_client {
     keyview_registry *registry_;
     std::unique_ptr<context> context_;
     const volatile int *epoch_ = nullptr;
+    std::atomic<int64_t> *taken_ = nullptr;  // when each counter's lock was taken; 0 if it is not
     std::string epoch_now_;
     std::map<std::string, std::string> seen_;      // of a client that reads what was
     std::map<std::string, std::string> believed_;  // of one that reads what it failed to write

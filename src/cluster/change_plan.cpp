@@ -8,9 +8,9 @@
 
 namespace keyview::host {
 
-change_plan::change_plan(session *cluster, const change_source &changes)
+change_plan::change_plan(session *cluster, const change_source &changes, int64_t revision)
     : cluster_(cluster), state_(cluster->keys(), "", reach::key_alone) {
-    read_part(cluster_, &state_, 0);
+    read_part(cluster_, &state_, revision);
     std::set<std::string> single;
     for (size_t n = 0; n < changes.size; ++n) {
         const change_view one = changes.at(n);

@@ -17,8 +17,9 @@ namespace keyview::host {
 
 class change_plan {
   public:
-    // Reads the keys that the changes concern.
-    change_plan(session *cluster, const change_source &changes);
+    // Reads the keys that the changes concern, as of a revision or, with 0, the present one once no
+    // change set is half applied.
+    change_plan(session *cluster, const change_source &changes, int64_t revision = 0);
 
     struct key_change {
         std::string key;  // of the cluster

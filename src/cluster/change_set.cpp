@@ -88,16 +88,27 @@ class marked_run {
 
     // Moves the marker to next and writes the keys of a piece.
     void step(uint32_t next, const Piece &piece) {
-        faults.step();
         Marker moved = marker_;
         moved.set_next(next);
+        move(std::move(moved), piece.operations());
+    }
+
+    // Before there are pieces: writes a part of the journal. Others see that the marker moves.
+    void prepare(const wire_ops &part) {
+        Marker moved = marker_;
+        moved.set_prepared(marker_.prepared() + 1);
+        move(std::move(moved), part);
+    }
+
+    void move(Marker to, const wire_ops &operations) {
+        faults.step();
         wire::TxnRequest request = of_marker();
-        request.mutable_success()->MergeFrom(piece.operations());
-        add_put(request.mutable_success(), cluster_->keys().marker(), moved.SerializeAsString());
+        request.mutable_success()->MergeFrom(operations);
+        add_put(request.mutable_success(), cluster_->keys().marker(), to.SerializeAsString());
         wire::TxnResponse response = cluster_->txn(request);
-        bool moved_before = value_in(response, 0) == moved.SerializeAsString();
+        bool moved_before = value_in(response, 0) == to.SerializeAsString();
         if (!response.succeeded() && !moved_before) throw taken_over();
-        marker_ = std::move(moved);
+        marker_ = std::move(to);
     }
 
     // With the entry in the history; "" for none.
@@ -113,6 +124,15 @@ class marked_run {
         // While the marker exists, the key of the tree still has its value of before.
         bool ended_before = value_in(response, 0).empty() && value_in(response, 1) == tree;
         if (!response.succeeded() && !ended_before) throw taken_over();
+    }
+
+    // Lets others go on, if the cluster takes it; else they find a change set that stopped half-way.
+    void give_up(const std::string &tree) noexcept {
+        try {
+            end(tree, "");
+        } catch (const std::exception &) {
+            return;
+        }
     }
 
     // Reads a piece of the journal, which goes with the marker.
@@ -161,17 +181,34 @@ enum class outcome { done, tree_moved };
 
 class change_set {
   public:
-    change_set(session *cluster, const change_plan &plan, const apply_terms &terms)
+    change_set(session *cluster, std::string id, const change_plan &plan, const apply_terms &terms)
         : cluster_(cluster),
           plan_(plan),
           entries_(entries_of(terms)),
-          id_(cluster_->unique_name()),
+          id_(std::move(id)),
           pieces_(pieces_of(plan.key_changes())),
           entry_(entry_of(plan)) {}
 
-    outcome run() {
-        bool at_once = pieces_.size() <= 1 && entries_.size() <= MOST_FENCES;
-        return at_once ? run_at_once() : run_in_pieces();
+    outcome run() { return is_large() ? run_in_pieces() : run_at_once(); }
+    bool is_large() const { return pieces_.size() > 1 || entries_.size() > MOST_FENCES; }
+
+    // Of a change set without changes: holds all others off, until the run ends or goes on with that of
+    // another one. Nothing if the tree moved.
+    std::optional<marked_run> hold() {
+        Marker marker = first_marker();
+        marker.set_tree(plan_.tree_before());
+        return begin_run(marker);
+    }
+
+    // Under a marker of hold().
+    void prepare(marked_run *run) const {
+        write_journal([&](const wire_ops &part) { run->prepare(part); });
+        run->move(first_marker(), {});
+    }
+    void carry_out(marked_run *run) const {
+        for (uint32_t n = 0; n < pieces_.size(); ++n)
+            run->step(n + 1, pieces_[n].to_do);
+        run->end(plan_.tree_after(id_), entry_);
     }
 
   private:
@@ -235,36 +272,40 @@ class change_set {
     }
 
     outcome run_in_pieces() {
-        for (uint32_t n = 0; n < pieces_.size(); ++n)
-            write_journal(n);
-        if (!entry_.empty()) write_entry();
-        Marker marker = first_marker();
-        if (!begin(marker)) return outcome::tree_moved;
-        marked_run run(cluster_, marker);
-        if (!all_fences_hold()) {
-            run.end(plan_.tree_before(), "");
-            throw lock_lost({});
-        }
-        for (uint32_t n = 0; n < pieces_.size(); ++n)
-            run.step(n + 1, pieces_[n].to_do);
-        run.end(marker.tree(), entry_);
+        write_journal([&](const wire_ops &part) {
+            wire::TxnRequest request;
+            *request.mutable_success() = part;
+            (void)cluster_->txn(request);  // without a condition
+        });
+        std::optional<marked_run> run = begin_run(first_marker());
+        if (!run) return outcome::tree_moved;
+        carry_out(&*run);
         return outcome::done;
     }
 
-    void write_journal(uint32_t n) {
-        for (bool undo : {false, true}) {
-            wire::TxnRequest request;
-            const Piece &piece = undo ? pieces_[n].to_undo : pieces_[n].to_do;
-            add_put(request.mutable_success(), cluster_->keys().journal(id_, n, undo),
-                    piece.SerializeAsString());
-            (void)cluster_->txn(request);  // without a condition
-        }
+    std::optional<marked_run> begin_run(const Marker &marker) {
+        if (!begin(marker)) return std::nullopt;
+        marked_run run(cluster_, marker);
+        if (all_fences_hold()) return run;
+        run.end(plan_.tree_before(), "");
+        throw lock_lost({});
     }
 
-    void write_entry() {
-        wire::TxnRequest request;
-        add_put(request.mutable_success(), cluster_->keys().journal_entry(id_), entry_);
-        (void)cluster_->txn(request);  // without a condition
+    // Hands each key of the journal to a sender.
+    template <typename sender>
+    void write_journal(const sender &send) const {
+        auto put = [&](const std::string &key, const std::string &value) {
+            wire_ops part;
+            add_put(&part, key, value);
+            send(part);
+        };
+        for (uint32_t n = 0; n < pieces_.size(); ++n) {
+            for (bool undo : {false, true}) {
+                const Piece &piece = undo ? pieces_[n].to_undo : pieces_[n].to_do;
+                put(cluster_->keys().journal(id_, n, undo), piece.SerializeAsString());
+            }
+        }
+        if (!entry_.empty()) put(cluster_->keys().journal_entry(id_), entry_);
     }
 
     Marker first_marker() const {
@@ -324,16 +365,46 @@ class change_set {
 
 }  // namespace
 
+// Nothing if the tree moved before others could be held off.
+static std::optional<change_counts> apply_held(session *cluster, const change_source &changes,
+                                               const apply_terms &terms) {
+    const std::string id = cluster->unique_name();
+    const change_plan unchanged(cluster, {});
+    std::optional<marked_run> run = change_set(cluster, id, unchanged, terms).hold();
+    if (!run) return std::nullopt;
+    std::optional<change_plan> plan;
+    std::optional<change_set> set;
+    try {
+        const tree_part held = tree_state(&cluster->calls(), cluster->keys());
+        plan.emplace(cluster, changes, held.revision());
+        set.emplace(cluster, id, *plan, terms);
+        set->prepare(&*run);
+    } catch (...) {
+        run->give_up(unchanged.tree_before());
+        throw;
+    }
+    set->carry_out(&*run);
+    return plan->counts();
+}
+
 change_counts apply_changes(session *cluster, const change_source &changes,
                             const apply_terms &terms) {
     steady::time_point end = steady::now() + LONGEST_RETRY;
+    bool overtaken = false;  // and large
     do {
+        if (overtaken) {
+            const std::optional<change_counts> counts = apply_held(cluster, changes, terms);
+            if (counts) return *counts;
+            continue;
+        }
         change_plan plan(cluster, changes);
         auto revision = static_cast<uint64_t>(plan.tree_revision());
         if (terms.revision != 0 && terms.revision != revision) {
             throw tree_changed(revision, terms.revision);
         }
-        if (change_set(cluster, plan, terms).run() == outcome::done) return plan.counts();
+        change_set set(cluster, cluster->unique_name(), plan, terms);
+        if (set.run() == outcome::done) return plan.counts();
+        overtaken = set.is_large() && terms.revision == 0;
     } while (steady::now() < end);
     throw host_error(failure::changed,
                      "other programs change the tree too often; nothing was written");

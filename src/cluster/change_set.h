@@ -5,6 +5,10 @@
 // readers and writers wait. Each piece is applied in a transaction of its own, which advances the
 // marker, so that it is applied once. The last transaction deletes marker and journal. If the writer
 // dies in between, any program can resume or undo the rest from the position of the marker.
+//
+// Other writers may change the tree meanwhile, and small changes would overtake a large one again and
+// again. So once it was overtaken it creates the marker first, without pieces, which holds them off while
+// it is planned and the journal is written.
 #pragma once
 
 #include <vector>

@@ -16,8 +16,11 @@ static constexpr std::chrono::milliseconds POLL_PAUSE{10};
 std::string half_applied_text(const std::string &marker) {
     journal::Marker state;
     if (!state.ParseFromString(marker)) return "the marker of a change set is damaged";
-    return "a change set stopped half-way, after " + std::to_string(state.next()) + " of " +
-           std::to_string(state.pieces()) + " pieces, when carried out by " + state.by() +
+    const std::string place = state.pieces() == 0
+                                  ? "before its first piece"
+                                  : "half-way, after " + std::to_string(state.next()) + " of " +
+                                        std::to_string(state.pieces()) + " pieces";
+    return "a change set stopped " + place + ", when carried out by " + state.by() +
            ": finish it with 'keyviewctl recover --resume' or undo it with "
            "'keyviewctl recover --undo'";
 }

@@ -57,6 +57,31 @@ class Cluster : public testing::Test {
         return found;
     }
 
+    // Two other programs make small changes without a pause meanwhile, until the tree cannot be changed.
+    template <typename work>
+    void beside_small_changes(const work &body) const {
+        std::atomic<int> changes{0};
+        std::atomic<bool> done{false};
+        std::vector<std::thread> programs;
+        for (const std::string &its : {url, other_url()}) {
+            programs.emplace_back([&, its, path = "beside" + std::to_string(programs.size())] {
+                const backend one = open_cluster(its);
+                try {
+                    while (!done)
+                        one.keys->apply({put(path, std::to_string(changes++))});
+                } catch (const host_error &) {
+                    return;  // a change set stopped half-way
+                }
+            });
+        }
+        while (changes < 4)
+            usleep(1000);
+        EXPECT_NO_THROW(body());
+        done = true;
+        for (std::thread &one : programs)
+            one.join();
+    }
+
     std::string prefix = fresh_prefix();
     std::string url = shared_members().url(prefix);
     backend mine = open_cluster(url);
@@ -521,6 +546,54 @@ TEST_F(Cluster, AHalfAppliedChangeSetIsResumedOrUndone) {
     EXPECT_EQ(counts.removed, 1U);
     EXPECT_EQ(counts.replaced, KEYS - 1U);
     EXPECT_EQ(all_are("new"), KEYS + 1U);
+}
+
+// Small changes overtake a large one once, not again and again. If its program dies while it holds them
+// off, there is nothing to resume and nothing to undo.
+TEST_F(Cluster, ALargeChangeHoldsOffSmallOnes) {
+    constexpr int KEYS = 150;
+    auto all_with = [&](const std::string &value) {
+        std::vector<change> all = {put("t")};
+        for (int n = 0; n < KEYS; ++n)
+            all.push_back(put("t.k" + std::to_string(n), value));
+        return all;
+    };
+    mine.keys->apply(all_with("0"));
+    for (const char *value : {"1", "2", "3"}) {
+        beside_small_changes(
+            [&] { EXPECT_EQ(mine.keys->apply(all_with(value)).replaced, KEYS + 0U); });
+        EXPECT_EQ(value_at(theirs, "t.k149"), value);
+    }
+    setting wait("KEYVIEW_ANSWER_WAIT", "1");
+    const backend told = open_cluster(url);
+    int held_off = 0;
+    for (int steps : {0, 5}) {  // the journal has four pieces and the entry of the history
+        for (finish how : {finish::undo, finish::resume}) {
+            mine.keys->apply(all_with("old"));
+            beside_small_changes([&] {
+                EXPECT_FALSE(stop_after(steps, [&] { mine.keys->apply(all_with("new")); }));
+            });
+            std::string text;
+            EXPECT_EQ(failure_of([&] { value_at(told, "t"); }, &text), failure::content);
+            const bool before_all = text.find("before its first piece") != text.npos;
+            if (before_all) ++held_off;
+            EXPECT_TRUE(mine.keys->finish_apply(how));
+            const char *value = how == finish::undo || before_all ? "old" : "new";
+            for (const char *key : {"t.k0", "t.k149"})
+                EXPECT_EQ(value_at(theirs, key), value) << steps;
+        }
+    }
+    EXPECT_GT(held_off, 0);
+    // One that fails meanwhile lets them go on.
+    mine.keys->apply(all_with("old"));
+    faults.before_step = [left = 3]() mutable {
+        if (left-- == 0) throw std::bad_alloc();
+    };
+    beside_small_changes([&] {
+        EXPECT_THROW(mine.keys->apply(all_with("new")), std::bad_alloc);
+        EXPECT_EQ(value_at(told, "t.k0"), "old");
+    });
+    faults.before_step = nullptr;
 }
 
 TEST_F(Cluster, DamageIsReportedAndNeverServed) {

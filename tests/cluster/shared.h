@@ -63,7 +63,7 @@ inline std::string value_at(const backend &registry, const std::string &path) {
 template <typename work>
 bool stop_after(int steps, work &&body) {
     auto outer = std::exchange(faults.before_step, [&] {
-        if (steps-- == 0) throw std::bad_alloc();
+        if (steps-- <= 0) throw std::bad_alloc();
     });
     bool ended = true;
     try {
