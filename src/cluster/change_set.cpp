@@ -425,7 +425,7 @@ bool finish_half_applied(session *cluster, finish how) {
     if (how == finish::resume) {
         for (uint32_t n = marker.next(); n < marker.pieces(); ++n)
             run.step(n + 1, run.piece(n, false));
-        run.end(marker.tree(), run.entry());
+        run.end(marker.tree(), marker.pieces() == 0 ? "" : run.entry());
     } else {
         for (uint32_t n = marker.next(); n-- > 0;)
             run.step(n, run.piece(n, true));

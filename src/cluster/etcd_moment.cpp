@@ -78,11 +78,10 @@ class etcd_moment final : public moment {
 
   private:
     const tree_part &part_with(std::string_view path, reach which) {
-        if (part_.revision() == 0 || !part_.covers(path, which)) {
-            int64_t at = part_.revision();
-            part_ = tree_part(cluster_->keys(), std::string(path), which);
-            read_part(cluster_.get(), &part_, at);
-        }
+        const int64_t at = part_.revision();
+        const bool covered = part_.covers(path, which);
+        if (!covered) part_ = tree_part(cluster_->keys(), std::string(path), which);
+        if (!covered || at == 0) read_part(cluster_.get(), &part_, at);
         return part_;
     }
 

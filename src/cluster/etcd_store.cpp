@@ -13,9 +13,9 @@
 
 namespace keyview::host {
 
-std::unique_ptr<moment> etcd_store::now(std::string_view part) {
-    (void)part;  // the revision of the whole tree is as cheap
-    return moment_of(cluster_, tree_part(cluster_->keys(), "", reach::key_alone));
+std::unique_ptr<moment> etcd_store::now(std::string_view part, reach depth) {
+    const std::string_view read = can_be_key(part) ? part : std::string_view();
+    return moment_of(cluster_, tree_part(cluster_->keys(), std::string(read), depth));
 }
 
 // ---- Following ----------------------------------------------------------------------------------

@@ -17,7 +17,7 @@ class etcd_store final : public store {
     // Requires that the registry exists, or creates it.
     void open(bool create);
 
-    std::unique_ptr<moment> now(std::string_view part) override;
+    std::unique_ptr<moment> now(std::string_view part, reach depth) override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence,
              std::string *replaced) override;
     void history(uint64_t since, const history_sink &sink) override;

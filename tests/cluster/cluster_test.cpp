@@ -117,6 +117,20 @@ TEST_F(Cluster, PublicCallsOfOneProgramTakeTwoRoundTrips) {
             ASSERT_EQ(locks.unlock("LKRT.DATABASE.DATABASES.sales"), 0);
             EXPECT_EQ(trips(), 2U);
         }
+        // A lock that is granted within a change set in pieces brings nothing. Then the first read brings all.
+        for (const char *marker : {"", "not empty"}) {
+            if (*marker != '\0') store_raw("/apply", marker);
+            ASSERT_EQ(locks.shared("LKRT.DATABASE.DATABASES.sales"), 0);
+            store_raw("/apply", std::nullopt);
+            (void)trips();
+            EXPECT_EQ(keys.read(key), "old");
+            EXPECT_EQ(trips(), *marker == '\0' ? 0U : 1U);
+            EXPECT_EQ(keys.list("DATABASE.DATABASES.sales.L"), "0:x (16)0");
+            EXPECT_EQ(keys.read("DATABASE.DATABASES.sales.L.x.y"), "deep");
+            EXPECT_EQ(trips(), 0U);
+            ASSERT_EQ(locks.unlock("LKRT.DATABASE.DATABASES.sales"), 0);
+            (void)trips();
+        }
         ASSERT_EQ(locks.exclusive("LKRT.DATABASE.DATABASES.sales"), 0);
         EXPECT_EQ(keys.set(key, "new"), 0);
         EXPECT_EQ(keys.read(key), "new");
@@ -581,6 +595,10 @@ TEST_F(Cluster, ALargeChangeHoldsOffSmallOnes) {
             const char *value = how == finish::undo || before_all ? "old" : "new";
             for (const char *key : {"t.k0", "t.k149"})
                 EXPECT_EQ(value_at(theirs, key), value) << steps;
+            mine.keys->history(0, [&](const history_entry &last) {
+                EXPECT_FALSE(before_all && last.changes.front().path == "t.k0") << "not made";
+                return false;
+            });
         }
     }
     EXPECT_GT(held_off, 0);

@@ -208,7 +208,7 @@ void lmdb_store::finish_killed_change(std::string_view part) {
     env()->write([](MDB_txn *) { return false; });
 }
 
-std::unique_ptr<moment> lmdb_store::now(std::string_view part) {
+std::unique_ptr<moment> lmdb_store::now(std::string_view part, reach) {
     if (!part.empty()) finish_killed_change(part);
     return std::make_unique<lmdb_moment>(shared_from_this(), env(), part);
 }
@@ -265,7 +265,7 @@ bool lmdb_store::set(std::string_view path, std::string_view value, const held_l
     check_fence(path, fence);
     if (replaced == nullptr || *replaced == value) {  // it may change nothing
         std::string stored;
-        std::unique_ptr<moment> present = now(path);
+        std::unique_ptr<moment> present = now(path, reach::key_alone);
         if (!present->read(path, &stored)) return false;
         // Not valid while a change is under way: its writer would not know of ours.
         bool quiet = present->current().part != 0;

@@ -23,7 +23,7 @@ class lmdb_store : public store, public std::enable_shared_from_this<lmdb_store>
     lmdb_store(std::shared_ptr<const registry_directory> directory,
                std::shared_ptr<file_locks> locks);
 
-    std::unique_ptr<moment> now(std::string_view part) override;
+    std::unique_ptr<moment> now(std::string_view part, reach depth) override;
     bool set(std::string_view path, std::string_view value, const held_lock *fence,
              std::string *replaced) override;
     void history(uint64_t since, const history_sink &sink) override;

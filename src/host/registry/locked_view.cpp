@@ -133,7 +133,7 @@ bool locked_view::covers_children(const lock_cover &cover, std::string_view path
 
 void locked_view::begin(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
-    if (moment_ == nullptr) moment_ = reader.keys->now(cover.path);
+    if (moment_ == nullptr) moment_ = reader.keys->now(cover.path, cover.depth);
     copies_ = reader.kept->take(cover.path, moment_->current());
     latest_ = 0;
     if (!copies_->parts.empty()) return;

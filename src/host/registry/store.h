@@ -132,8 +132,11 @@ using history_sink = std::function<bool(const history_entry &entry)>;
 
 class store : public abstract_base {
   public:
-    // The present moment. part is a key whose revision is of interest, with all that is below it.
-    virtual std::unique_ptr<moment> now(std::string_view part = {}) = 0;
+    // The present moment. part is a key whose revision is of interest, with all that is below it, and that
+    // is about to be read as far as depth tells: a store that reads it in a call does so at once, as a
+    // reader might take what is there before a later call fails for the whole.
+    virtual std::unique_ptr<moment> now(std::string_view part = {},
+                                        reach depth = reach::all_below) = 0;
 
     // Replaces the value of an existing key; false if there is no such key. Where fence is given,
     // nothing is written unless that lock is still held. replaced, which may be null, has the value
