@@ -45,6 +45,8 @@ class Client:
         self.start()
 
     def start(self) -> None:
+        if self.starts and self.process.poll() is None:
+            raise RuntimeError(f"{self.id} runs: what it does from now on would not be read")
         self.starts += 1
         self.id = f"{self.name}-{self.starts}"
         self.report = Report(f"{self.run.directory}/{self.id}")

@@ -125,7 +125,7 @@ class Run:
     def go(self, seconds: float, kinds: list[str], epoch_s: float) -> None:
         self.start = time.monotonic()
         due: list[tuple[float, int, Callable[[], None]]] = []
-        undo: dict[float, tuple[str, Callable[[], None]]] = {}  # of faults by their planned time
+        undo: dict[float, tuple[faults.Fault, Callable[[], None]]] = {}  # of faults by their planned time
         begin_members = 0.0
         numbers = itertools.count()
 
@@ -134,12 +134,13 @@ class Run:
 
         def begin(fault: faults.Fault) -> None:
             of_member = fault.kind in faults.OF_MEMBERS
-            active = any(kind in faults.OF_MEMBERS for kind, _ in undo.values())
-            if of_member and (active or self.seconds() < begin_members):
+            same = [one for one, _ in undo.values() if (one.kind in faults.OF_MEMBERS) == of_member]
+            active = same if of_member else [one for one in same if one.client == fault.client]
+            if active or (of_member and self.seconds() < begin_members):
                 later(self.seconds() + 0.5, lambda: begin(fault))  # the one before took longer than planned
                 return
             self.injected[fault.kind] += 1
-            undo[fault.at] = fault.kind, faults.KINDS[fault.kind].begin(self, fault)
+            undo[fault.at] = fault, faults.KINDS[fault.kind].begin(self, fault)
             later(self.seconds() + fault.length, lambda: end(fault))
 
         def end(fault: faults.Fault) -> None:
@@ -223,6 +224,11 @@ class Run:
         return {check for _, check, _ in self.violations}
 
     def check(self, prefix: str) -> None:
+        self.check_registers(prefix)
+        if self.changes and (differ := self.members.disagreement(self.changes[-1].revision)):
+            self.note("members", iter([f"the members hold other keys than each other, {differ}"]))
+
+    def check_registers(self, prefix: str) -> None:
         """What there is of the registers and locks whose names begin so, which is then forgotten."""
         for register in [name for name in self.registers if name.startswith(prefix)]:
             operations = self.registers.pop(register)
@@ -265,6 +271,7 @@ def run_once(options: argparse.Namespace) -> int:
     print(json.dumps({"engine": options.engine, "seed": options.seed, "seconds": round(run.seconds(), 1),
                       "planted": planted, "faults": injected_by(run), "counts": dict(sorted(run.counts.items())),
                       "changes of the cluster": len(run.changes), "violations": len(run.violations),
+                      "violations of each check": collections.Counter(check for _, check, _ in run.violations),
                       "first of each check": firsts}, indent=1))
     if planted:
         return 0 if {PLANTS[name].check for name in planted} <= run.found() else 1

@@ -21,6 +21,7 @@ class Members:
         self.network, self.directory = network, directory
         self.count = count = 3 if network else 0  # none for a registry on this machine
         self.processes: list[subprocess.Popen[bytes] | None] = [None] * count
+        self.joined: set[int] = set()  # later than at the beginning
         for n in range(count):
             network.add(self.name(n))
             os.makedirs(self.disk(n))
@@ -46,14 +47,15 @@ class Members:
     def _peer(self, n: int) -> str:
         return f"http://{self.network.address[self.name(n)]}:{PEER_PORT}"
 
-    def start(self, n: int, joins: bool = False, alone: bool = False) -> None:
+    def start(self, n: int, alone: bool = False) -> None:
         everyone = [n] if alone else range(self.count)
         cluster = ",".join(f"{self.name(k)}={self._peer(k)}" for k in everyone)
         words = ["etcd", f"--name={self.name(n)}", f"--data-dir={self.disk(n)}/data",
                  f"--listen-client-urls=http://0.0.0.0:{CLIENT_PORT}",
                  f"--advertise-client-urls=http://{self.endpoint(n)}", f"--listen-peer-urls=http://0.0.0.0:{PEER_PORT}",
                  f"--initial-advertise-peer-urls={self._peer(n)}", f"--initial-cluster={cluster}",
-                 f"--initial-cluster-state={'existing' if joins else 'new'}",
+                 # Also later on: it may be killed before it has joined.
+                 f"--initial-cluster-state={'existing' if n in self.joined else 'new'}",
                  # Snapshots come often, so that a full disk is met soon.
                  "--snapshot-count=500", "--log-level=error", "--logger=zap"]
         with open(f"{self.directory}/member{n}.log", "ab") as log:
@@ -95,6 +97,18 @@ class Members:
     def await_ready(self, n: int) -> None:
         self.patiently(lambda: self.control([n], "get", "--limit=1", "x"))
 
+    def disagreement(self, revision: int) -> str:
+        """The hashes of the members' keys of a revision, if they differ; "" also where a member does not tell."""
+        everyone = list(range(self.count))
+        try:
+            told = json.loads(self.control(everyone, "endpoint", "hashkv", f"--rev={revision}", "-w", "json"))
+        except RuntimeError:
+            return ""
+        hashes = {one["Endpoint"]: one["HashKV"] for one in told}
+        kept = {one.get("compact_revision", 0) for one in hashes.values()}
+        differ = len(kept) == 1 and len({one["hash"] for one in hashes.values()}) > 1
+        return f"revision {revision}: {hashes}" if differ else ""
+
     def compact(self, revision: int) -> None:
         self.control(list(range(self.count)), "compaction", str(revision))
 
@@ -109,7 +123,8 @@ class Members:
         self.patiently(lambda: self._unless_done(others, "member", "remove", f"{number:x}"))
         shutil.rmtree(f"{self.disk(n)}/data", ignore_errors=True)
         self.patiently(lambda: self._unless_done(others, "member", "add", self.name(n), f"--peer-urls={self._peer(n)}"))
-        self.start(n, joins=True)
+        self.joined.add(n)
+        self.start(n)
 
     def _unless_done(self, numbers: list[int], *words: str) -> str:
         """A try without an answer may have been carried out."""
