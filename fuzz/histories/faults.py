@@ -182,7 +182,7 @@ def plan(seed: int, seconds: float, kinds: list[str], clients: list[int], member
     at = 0.5
     while at < seconds and (some := [kind for kind in OF_CLIENTS if kind in kinds]):
         kind, client, member = chance.choice(some), chance.choice(clients), chance.randrange(max(1, members))
-        member = chance.choice(harmed) if harmed else member
+        member = harmed[clients.index(client)] if harmed else member  # its own
         length = chance.uniform(KINDS[kind].shortest, KINDS[kind].longest)
         if busy[client] <= at:
             busy[client] = at + length + 0.5

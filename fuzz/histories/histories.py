@@ -93,15 +93,19 @@ class Run:
             self.all_changes = Report(directory + "/changes")
             subprocess.Popen([self.program("changes"), self.url, self.all_changes.path], env=self.environment)
         self.clients: list[Client] = []
-        self.harmed: list[int] = []  # members: those of clients with a fault on purpose, else any
+        self.victims: list[int] = []  # clients with a fault on purpose: those to be harmed, else any
+        self.harmed: list[int] = []  # the member of each
         for role, seats in (("mixed", MIXED), ("watch", WATCHES if network else ())):
             for number, known in enumerate(seats):
-                url = self.members.url(known) if network else self.url
                 mine = [name for name in planted if PLANTS[name].role == role and number % 3 == 0]
+                # Where it knows one member alone, each fault of that member harms it.
+                url = self.members.url(known[:1] if mine else known) if network else self.url
                 # A large change of another client delays a call as much as a slow link does.
                 beside = ["small-changes"] if {"gives-up", "shows-old"} & set(planted) and not mine else []
+                if mine:
+                    self.victims.append(len(self.clients))
+                    self.harmed += known[:1]
                 self.clients.append(Client(self, role, number, url, mine + beside))
-                self.harmed += known[:1] if mine else []
 
     def program(self, name: str) -> str:
         return f"{self.build}/bin/histories_{name}"
@@ -168,8 +172,7 @@ class Run:
             else:
                 self.check(f"e{epoch}-")
 
-        # A client with a fault on purpose is the one to be harmed, and its first member.
-        victims = [n for n, one in enumerate(self.clients) if one.planted] or list(range(len(self.clients)))
+        victims = self.victims or list(range(len(self.clients)))
         for one in faults.plan(self.seed, seconds, kinds, victims, self.members.count, self.harmed):
             later(one.at, lambda one=one: begin(one))  # type: ignore[misc]
         later(epoch_s, end_epoch)
