@@ -1,6 +1,7 @@
-// Fails each call of the system that the kit and LMDB make, once, and some allocations: what is under way
-// ends with a failure that has a text, or succeeds; the registry then has the tree of the last change that
-// was acknowledged or of one that was tried since, the check finds nothing, and the next change succeeds.
+// Fails each call of the system that the kit and LMDB make, once, some allocations, and each of a reader:
+// what is under way ends with a failure that has a text, or succeeds; the registry then has the tree of
+// the last change that was acknowledged or of one that was tried since, the check finds nothing, and the
+// next change succeeds.
 //
 // Usage: failed_calls [EVERY [FIRST]]   one call of EVERY (1), from the number FIRST (1)
 //        failed_calls --one NUMBER ERROR   that call alone, in this process; -1: an allocation
@@ -178,6 +179,16 @@ struct life {
     }
 };
 
+static void choose(const std::string &directory) {
+    require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+}
+
+static void fetch(context *by) {
+    prsr_cfg *cfg = nullptr;
+    context::expect(prsr_fetch_db_config(by->status, by->ctx, "Db1", &cfg), "fetch");
+    (void)prsr_release_db_config(by->status, by->ctx, cfg);
+}
+
 static void read_all(const std::string &directory) {
     admin::registry keys = admin::registry::open("lmdb:" + directory);
     admin::key_list rows;
@@ -185,9 +196,7 @@ static void read_all(const std::string &directory) {
     admin::held_lock shared = keys.lock("LKRT.DATABASE.DATABASES.db1", true, 0);
     (void)keys.lock_users({"LKRT.DATABASE.DATABASES.db1"});
     context by;
-    prsr_cfg *cfg = nullptr;
-    context::expect(prsr_fetch_db_config(by.status, by.ctx, "Db1", &cfg), "fetch");
-    (void)prsr_release_db_config(by.status, by.ctx, cfg);
+    fetch(&by);
     keys.history(0, [](admin::past_change &&) { return true; });
 }
 
@@ -242,7 +251,7 @@ enum { SOUND, WRONG, NOT_MET };
 static int run_with(long nth, int error) {
     scratch_directory scratch;
     const std::string directory = scratch.path + "/registry";
-    require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+    choose(directory);
     (void)keyview_host_set_trace("none");
     fault.error = error;
     fault.left = nth;
@@ -261,20 +270,15 @@ static int run_with(long nth, int error) {
 
 // A reader of a registry that is there, without memory at one point: its next reads are as ever.
 static int read_with(const std::string &directory, long nth, int error) {
-    require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+    choose(directory);
     fault.error = error;
     fault.left = nth;
     life reader;
     context by;  // of both fetches, as it keeps what it read
-    const auto fetch = [&] {
-        prsr_cfg *cfg = nullptr;
-        context::expect(prsr_fetch_db_config(by.status, by.ctx, "Db1", &cfg), "fetch");
-        (void)prsr_release_db_config(by.status, by.ctx, cfg);
-    };
-    reader.step(fetch);
+    reader.step([&] { fetch(&by); });
     reader.step([&] { read_all(directory); });
     if (fault.failed == nullptr) return NOT_MET;
-    fetch();
+    fetch(&by);
     read_all(directory);
     return reader.problem.empty() && difference_from(1).empty() ? SOUND : WRONG;
 }
@@ -316,7 +320,7 @@ int main(int argc, char **argv) {
     scratch_directory scratch;
     const std::string directory = scratch.path + "/registry";
     child_process writer([&](const meeting &) {
-        require(keyview_host_set_registry(("lmdb:" + directory).c_str()) == 0, "URL");
+        choose(directory);
         apply(1, true);
         return 0;
     });

@@ -100,6 +100,7 @@ class marked_run {
         move(std::move(moved), part);
     }
 
+    // Replaces the marker and carries out the operations, in one transaction.
     void move(Marker to, const wire_ops &operations) {
         faults.step();
         wire::TxnRequest request = of_marker();
