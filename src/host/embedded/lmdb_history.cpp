@@ -25,9 +25,9 @@
 
 namespace keyview::host {
 
-static constexpr uint64_t SEALED_BYTES = 1 << 13;
-static constexpr uint64_t GATHER_EVERY = 8;
-static constexpr size_t GATHERED_RUN = 7 << 12;  // with its head 8 pages
+static constexpr uint64_t SEALED_BYTES = 1 << 15;
+static constexpr uint64_t GATHER_EVERY = 16;
+static constexpr size_t GATHERED_RUN = 11 << 12;  // with its head 12 pages
 
 static std::string key_of_entry(uint64_t revision) {
     return history_digits(revision).insert(0, HISTORY_HEAD);
