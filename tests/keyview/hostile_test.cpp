@@ -72,18 +72,69 @@ TEST(Hostile, LiesOfTheRegistryAreSurvived) {
     }
 }
 
-// Allowed to a registry: to report more than the length of a name.
-TEST(Hostile, ReportedLengthOfANameMayExceedIt) {
+using bend = void (*)(const fake_event &, fake_answer *);
+
+static void nothing(const fake_event & /*event*/, fake_answer * /*given*/) {}
+
+// Each operation gives the same with one bend as with the other.
+static void expect_the_same(bend one, bend other = nothing) {
     for (const operation &op : OPERATIONS) {
         test_host exact(CLUSTER), host(CLUSTER);
         fake_current = &exact;
+        exact.bend = other;
         fields expected = op.run(exact).out;
         fake_current = &host;
-        host.bend = [](const fake_event &event, fake_answer *given) {
-            if (event.call == "enum" && given->result == 0) given->size += 7;
-        };
+        host.bend = one;
         EXPECT_EQ(op.run(host).out, expected) << op.name;
         EXPECT_EQ(host.values, exact.values) << op.name;
+    }
+}
+
+// Allowed to a registry: to report more than the length of a name.
+TEST(Hostile, ReportedLengthOfANameMayExceedIt) {
+    expect_the_same([](const fake_event &event, fake_answer *given) {
+        if (event.call == "enum" && given->result == 0) given->size += 7;
+    });
+}
+
+TEST(Hostile, ANameNeedsNoZeroByteBehindIt) {
+    expect_the_same([](const fake_event &event, fake_answer *given) {
+        if (event.call != "enum" || given->result != 0) return;
+        given->bytes.resize(given->size);
+        given->bytes.resize(given->capacity, 'x');
+    });
+}
+
+TEST(Hostile, ANameThatIsNotWrittenIsEmpty) {
+    expect_the_same(
+        [](const fake_event &event, fake_answer *given) {
+            if (event.call == "enum" && event.nth > 1) given->bytes.clear();
+        },
+        [](const fake_event &event, fake_answer *given) {
+            if (event.call == "enum" && event.nth > 1) given->bytes.assign(1, '\0');
+        });
+}
+
+// Whatever a failed read writes, nothing of it is handed out.
+TEST(Hostile, AFailedReadLeavesNothing) {
+    for (const operation &op : OPERATIONS) {
+        fields expected;
+        bool read = true;
+        for (int nth = 1; read; ++nth) {
+            for (const bool garbage : {false, true}) {
+                test_host host(CLUSTER);
+                int count = 0;
+                host.bend = [&](const fake_event &event, fake_answer *given) {
+                    if (event.call != "get" || ++count != nth) return;
+                    given->result = 1;
+                    given->bytes.assign(garbage ? given->capacity : 0, 'x');
+                };
+                fields out = op.run(host).out;
+                if (garbage) EXPECT_EQ(out, expected) << op.name << " " << nth;
+                expected = out;
+                read = count >= nth;
+            }
+        }
     }
 }
 
@@ -115,6 +166,21 @@ TEST(Hostile, MemoryEndsBesideValuesWithoutTheirZeroByte) {
                 op.run(host);
                 fired = host.fired();
             }
+        }
+    }
+}
+
+// A list of one has no second element to release.
+TEST(Hostile, MemoryEndsBesideAListOfOne) {
+    for (const operation &op : OPERATIONS) {
+        bool fired = true;
+        for (int nth = 1; fired; ++nth) {
+            test_host host(CLUSTER);
+            for (const char *key : {"$I2", "$T2", "$T3"})
+                host.remove(expanded(key));
+            host.fail("alloc", "", nth, 1);
+            op.run(host);
+            fired = host.fired();
         }
     }
 }
