@@ -229,9 +229,12 @@ static outcome get_number(const caller &by) {
 
 template <auto OPERATION, auto... NAMES>
 static outcome get_name(const caller &by) {
-    std::vector<char> buf(by.bufsize, '~');  // from the heap, where an overrun shows
+    const std::string behind(8, '~');
+    std::string buf = std::string(by.bufsize, '~') + behind;
     int32_t rc = OPERATION(by.host.status, by.ctx, by.*NAMES..., by.bufsize, buf.data());
-    std::string text(buf.begin(), std::find(buf.begin(), buf.end(), '\0'));
+    EXPECT_EQ(buf.substr(by.bufsize), behind) << "the operation wrote behind its buffer";
+    buf.resize(by.bufsize);
+    std::string text = buf.substr(0, buf.find('\0'));
     return {rc, {{"buf", text == std::string(by.bufsize, '~') ? "untouched" : text}}};
 }
 
