@@ -143,6 +143,7 @@ TEST(Hostile, FailureWithoutTextIsReported) {
     test_host host(ONE_DATABASE);
     host.fail("last_error", "", 0, 1);
     EXPECT_EQ(run("prsr_get_domain", host).rc, PRSR_ERR_REGISTRY);
+    EXPECT_EQ(host.lines("log", "0 KVT error code : ").back(), "0 KVT error code : 0");
     EXPECT_EQ(host.lines("log", "0 KVT error msg : ").back(), "0 KVT error msg : ");
 }
 
