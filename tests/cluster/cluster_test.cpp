@@ -231,6 +231,22 @@ TEST_F(Cluster, AllLocksAtOnceExcludeEachName) {
     EXPECT_NO_THROW(mine.locks->acquire_all(1000));
 }
 
+TEST_F(Cluster, LocksWaitBehindThoseOfTheirNameOnly) {
+    auto held = mine.locks->acquire("a", lock_mode::exclusive, 1000);
+    auto other = mine.locks->acquire("b", lock_mode::exclusive, 1000);
+    std::thread waiter(
+        [&] { EXPECT_NO_THROW(theirs.locks->acquire("a", lock_mode::shared, DEADLINE_MS)); });
+    std::vector<lock_use> users;
+    while (users.size() < 3)
+        users = mine.locks->users({});
+    std::string waiting;
+    for (const lock_use &use : users)
+        if (use.waits) waiting += use.name;
+    EXPECT_EQ(waiting, "a");
+    held.reset();
+    waiter.join();
+}
+
 TEST_F(Cluster, AGrantReadsTheTreeOfItsMoment) {
     mine.keys->apply({put("a.b", "old")});
     auto held = take(mine, lock_mode::exclusive, 1000);
