@@ -3,6 +3,9 @@
 
 #include <atomic>
 #include <memory>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "host/registry/snapshot.h"
 #include "model/path.h"
@@ -103,6 +106,47 @@ TEST_P(Store, ASubtreeIsReadAsOfOneMomentBesideWriters) {
             usleep(100);
         }
     });
+}
+
+// What a moment holds of an earlier read must not answer for what that did not cover.
+TEST_P(Store, AMomentGivesEachKeyWhateverItReadBefore) {
+    keys->apply(
+        {put("a", "1"), put("a.b", "2"), put("a.b.c", "3"), put("d", "4"), put("d.e", "5")});
+    struct question {
+        std::string path;
+        reach which;
+    };
+    std::vector<question> all;
+    for (const char *path : {"a", "a.b", "a.b.c", "d", "d.e", "f"}) {
+        for (reach which : {reach::key_alone, reach::children, reach::all_below})
+            all.push_back({path, which});
+    }
+    const auto answer = [](moment *at, const question &asked) {
+        std::string found = "(none)";
+        if (asked.which == reach::key_alone) {
+            (void)at->read(asked.path, &found);
+            return found;
+        }
+        snapshot copy(asked.path, asked.which);
+        if (!at->copy(asked.path, asked.which, &copy)) return found;
+        found.clear();
+        for (uint32_t key = 0; key < copy.size(); ++key)
+            found += std::string(copy.path(key)) + "=" + std::string(copy.value(key)) + " ";
+        return found;
+    };
+    std::set<std::string> answers;
+    for (const question &asked : all) {
+        const std::string expected = answer(keys->now().get(), asked);
+        answers.insert(expected);
+        for (const question &first : all) {
+            auto at = keys->now();
+            (void)answer(at.get(), first);
+            EXPECT_EQ(answer(at.get(), asked), expected) << asked.path << " after " << first.path;
+        }
+    }
+    EXPECT_EQ(answers.count("a=1 a.b=2 a.b.c=3 "), 1U);
+    EXPECT_EQ(answers.count("a=1 a.b=2 "), 1U);
+    EXPECT_EQ(answers.size(), 12U);
 }
 
 }  // namespace keyview::test
