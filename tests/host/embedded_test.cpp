@@ -508,6 +508,26 @@ TEST_F(Embedded, AFullDiskLeavesTheOldState) {
     EXPECT_EQ(stored("a.b"), "fits");
 }
 
+// Small changes need no room that is not there, also those that would gather free pages.
+TEST_F(Embedded, SmallChangesGoOnWhereTheFileCannotGrow) {
+    apply({put("a.b", "old")});
+    child_process writer([&](const meeting &) {
+        signal(SIGXFSZ, SIG_IGN);
+        struct stat found = {};
+        if (stat((directory + "/data.mdb").c_str(), &found) != 0) return 1;
+        rlimit limit = {rlim_t(found.st_size), rlim_t(found.st_size)};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        auto grow = [&] { apply({put("a.c", std::string(30000, 'v'))}); };
+        if (failure_of(grow) != failure::registry) return 2;
+        for (int i = 0; i < 40; ++i) {
+            if (apply({put("a.b", std::to_string(i))}).replaced != 1) return 3;
+        }
+        return 0;
+    });
+    EXPECT_EQ(writer.status(), 0);
+    EXPECT_EQ(stored("a.b"), "39");
+}
+
 // ---- Death --------------------------------------------------------------------------------------
 
 // A program that is killed with every slot for readers taken does not lock out one that needs more

@@ -196,6 +196,14 @@ void environment::require_files_now_and_then() {
     next_inspection_ms_.store(now_ms + INSPECT_EVERY_MS, std::memory_order_relaxed);
 }
 
+bool environment::has_room(size_t bytes) const {
+    MDB_envinfo info = {};
+    MDB_stat pages = {};
+    check(mdb_env_info(env_, &info), "mdb_env_info");
+    check(mdb_env_stat(env_, &pages), "mdb_env_stat");
+    return (info.me_last_pgno + 1) * pages.ms_psize + bytes <= info.me_mapsize;
+}
+
 void environment::close() noexcept {
     for (const lmdb_reader &reader : idle_)
         close_reader(reader);

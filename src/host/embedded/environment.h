@@ -77,6 +77,9 @@ class environment {
     // commit are sound. A large file is not walked when it is opened.
     void require_all_pages() const;
 
+    // Whether the map has so many bytes behind the pages of the latest commit.
+    bool has_room(size_t bytes) const;
+
     // Throws unless rc is 0.
     void check(int rc, const char *what) const;
 

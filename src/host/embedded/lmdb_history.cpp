@@ -9,7 +9,7 @@
 // LMDB reuses pages in the order in which commits freed them, a few at a time. The pages of a commit are
 // then scattered over the file, and each that has no neighbour is a further request to the disk. When it
 // looks for a run of pages it gathers all free ones, and takes them in the order of the file from then on.
-// So it gets to look for one now and then.
+// So it gets to look for one now and then: with a small change, and where the file need not grow for it.
 #include "host/embedded/lmdb_history.h"
 
 #include <algorithm>
@@ -28,6 +28,8 @@ namespace keyview::host {
 static constexpr uint64_t SEALED_BYTES = 1 << 15;
 static constexpr uint64_t GATHER_EVERY = 16;
 static constexpr size_t GATHERED_RUN = 11 << 12;  // with its head 12 pages
+static constexpr size_t SMALL_ENTRY = 1 << 10;
+static constexpr size_t ROOM = 64 << 12;  // more than a small change and the run take
 
 static std::string key_of_entry(uint64_t revision) {
     return history_digits(revision).insert(0, HISTORY_HEAD);
@@ -201,7 +203,8 @@ void add_history(const environment &env, MDB_txn *txn, const change_recorder &ch
         if (end - place > limit) return;
         seal(&rows, part);
     }
-    if (revision % GATHER_EVERY == 0) rows.gather_free_pages(revision);
+    if (revision % GATHER_EVERY == 0 && entry.size() <= SMALL_ENTRY && env.has_room(ROOM))
+        rows.gather_free_pages(revision);
     rows.put(revision, entry);
 }
 
