@@ -154,36 +154,37 @@ static const char *const STRINGS[] = {
     "$I1.ENABLED",    "$T1.TYPE",  "$T2.ENABLED", "$S.ENABLED",         "$S.RCNPOLICY",
     "$S.ENVIRONMENT", "$D.ROLE",   "$E.SPFILE",   "$E.ENABLED",         "$N.TALVEN_HOME"};
 
-// A text that fills its buffer may cost a block of its own, which may be one too many.
-TEST(Hostile, MemoryEndsBesideValuesWithoutTheirZeroByte) {
-    for (const operation &op : OPERATIONS) {
-        for (size_t size : {64u, 1024u}) {
-            bool fired = true;
-            for (int nth = 1; fired; ++nth) {
-                test_host host(CLUSTER);
-                for (const char *key : STRINGS)
-                    host.store(key, std::string(size, 'v'));
-                host.fail("alloc", "", nth, 1);
-                op.run(host);
-                fired = host.fired();
-            }
-        }
-    }
-}
-
-// A list of one has no second element to release.
-TEST(Hostile, MemoryEndsBesideAListOfOne) {
+// Each operation on the cluster as it is prepared, without memory for one block after the other.
+template <typename preparation>
+static void fail_each_allocation(const preparation &prepare) {
     for (const operation &op : OPERATIONS) {
         bool fired = true;
         for (int nth = 1; fired; ++nth) {
             test_host host(CLUSTER);
-            for (const char *key : {"$I2", "$T2", "$T3"})
-                host.remove(expanded(key));
+            prepare(&host);
             host.fail("alloc", "", nth, 1);
             op.run(host);
             fired = host.fired();
         }
     }
+}
+
+// A text that fills its buffer may cost a block of its own, which may be one too many.
+TEST(Hostile, MemoryEndsBesideValuesWithoutTheirZeroByte) {
+    for (size_t size : {64u, 1024u}) {
+        fail_each_allocation([&](test_host *host) {
+            for (const char *key : STRINGS)
+                host->store(key, std::string(size, 'v'));
+        });
+    }
+}
+
+// A list of one has no second element to release.
+TEST(Hostile, MemoryEndsBesideAListOfOne) {
+    fail_each_allocation([](test_host *host) {
+        for (const char *key : {"$I2", "$T2", "$T3"})
+            host->remove(expanded(key));
+    });
 }
 
 // Only its length distinguishes a value that fills its buffer from a longer string.
