@@ -9,9 +9,6 @@
 
 namespace keyview::host {
 
-// Smaller files are read with one call.
-static constexpr size_t PAGES_AT_ONCE = 1024;
-
 namespace {
 
 // One of the two trees, and what was found of it.
@@ -66,9 +63,6 @@ class page_walk {
     page_walk(int fd, const meta &state, const damage_sink &damage)
         : fd_(fd), state_(state), damage_(damage), claimed_(state.last_page + 1) {
         claimed_[0] = claimed_[1] = true;  // the metas
-        if (claimed_.size() > PAGES_AT_ONCE) return;
-        all_.resize(claimed_.size() * state_.page_size());
-        if (!read_bytes(fd_, all_.data(), all_.size(), 0)) all_.clear();
     }
 
     void run(const node_visitor &visit) {
@@ -118,17 +112,12 @@ class page_walk {
         return true;
     }
 
+    // Page by page into the same memory: to touch new memory takes longer than to read a page.
     bool load(page_number number, size_t count, buffer *own, std::string_view *out) {
-        size_t at = number * state_.page_size();
-        size_t size = count * state_.page_size();
-        if (all_.empty()) {
-            own->resize(size);
-            if (!read_bytes(fd_, own->data(), size, at))
-                return give_up(name_of_page(number), "cannot be read");
-            *out = {own->data(), size};
-        } else {
-            *out = std::string_view(all_.data(), all_.size()).substr(at, size);
-        }
+        own->resize(count * state_.page_size());
+        if (!read_bytes(fd_, own->data(), own->size(), number * state_.page_size()))
+            return give_up(name_of_page(number), "cannot be read");
+        *out = {own->data(), own->size()};
         if (head_of(*out).number == number) return true;
         return give_up(name_of_page(number), "has another number in its head");
     }
@@ -295,7 +284,6 @@ class page_walk {
     const meta &state_;
     const damage_sink &damage_;
     std::vector<bool> claimed_;
-    buffer all_;         // of a small file; else empty
     bool whole_ = true;  // every page was read
 };
 
