@@ -100,9 +100,8 @@ const host_failure &host_failure_of(int32_t kind) {
 }
 
 exit_code exit_of_host_failure(int32_t kind, exit_code otherwise) {
-    bool is_more_precise = kind == KEYVIEW_FAILURE_USAGE || kind == KEYVIEW_FAILURE_LOCK ||
-                           kind == KEYVIEW_FAILURE_CHANGED || kind == KEYVIEW_FAILURE_DENIED ||
-                           kind == KEYVIEW_FAILURE_CONTENT;
+    bool is_more_precise =
+        kind != 0 && kind != KEYVIEW_FAILURE_NOT_FOUND && kind != KEYVIEW_FAILURE_INTERNAL;
     return is_more_precise ? host_failure_of(kind).code : otherwise;
 }
 

@@ -927,6 +927,16 @@ class ExitCodes(Administrator):
         self.env["KEYVIEW_REGISTRY"] = "lmdb:" + self.path("saved") + "/registry"
         self.each(self.code, lambda holds: 4)
 
+    @unittest.skipIf(EVERY > 1, "a sanitizer needs descriptors, too")
+    def test_too_few_descriptors_are_no_lock_of_another_one(self):
+        script, codes = 'ulimit -n $1; exec "$0" disable sales', []
+        for most in range(4, 12):
+            ended = subprocess.run(["sh", "-c", script, TOOL, str(most)], env=self.env, capture_output=True)
+            codes.append(ended.returncode)
+            self.assertEqual("Too many open files" in ended.stderr.decode(), codes[-1] == 4, ended.stderr)
+        self.assertEqual(sorted(codes, reverse=True), codes)
+        self.assertEqual(set(codes), {4, 0})
+
     def test_locks_refused(self):
         command = ["sh", "-c", "echo held; read end"]
         for place in ("DATABASES", "DATABASES.sales", "DATABASES.ledger", "STG.node1.stg1", "NODEAPPS.node1"):

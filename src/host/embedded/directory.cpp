@@ -296,9 +296,10 @@ unique_fd registry_directory::open_data() const {
 }
 
 host_error registry_directory::lock_file_failed(const char *action) const {
-    failure kind = errno == EACCES ? failure::denied : failure::lock;
+    failure kind = errno == EACCES ? failure::denied : failure::registry;
+    const char *advice = errno == EMFILE ? "; allow the program more files (ulimit -n)" : "";
     return host_error(kind, "the lock file of the registry in '" + path_ + "' cannot be " + action +
-                                ": " + strerror(errno));
+                                ": " + strerror(errno) + advice);
 }
 
 }  // namespace keyview::host

@@ -57,7 +57,8 @@ static bool try_range(int fd, off_t at, off_t length, int type) {
     while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
         if (errno == EAGAIN || errno == EACCES) return false;
         if (errno == EINTR) continue;
-        throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
+        throw host_error(failure::registry,
+                         std::string("the lock file failed: ") + strerror(errno));
     }
     return true;
 }
@@ -70,7 +71,8 @@ static bool try_byte(int fd, off_t at, int type) {
 static bool is_open(int fd, off_t at) {
     struct flock range = range_at(at, 1, F_RDLCK);
     if (fcntl(fd, F_OFD_GETLK, &range) != 0) {
-        throw host_error(failure::lock, std::string("the lock file failed: ") + strerror(errno));
+        throw host_error(failure::registry,
+                         std::string("the lock file failed: ") + strerror(errno));
     }
     return range.l_type == F_UNLCK;
 }
