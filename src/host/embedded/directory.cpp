@@ -55,14 +55,14 @@ bool read_status(int fd, const char *name, file_status *out) noexcept {
 }
 
 int lengthen(int fd, size_t size) {
-    static constexpr char ZEROS[64 << 10] = {};
+    static char zeros[64 << 10];  // as a constant they would lie in the library's file
     struct stat found = {};
     if (fstat(fd, &found) != 0) return errno;
     auto at = static_cast<size_t>(found.st_size);
     if (at >= size) return 0;
     while (at < size) {
         ssize_t wrote =
-            pwrite(fd, ZEROS, std::min(sizeof(ZEROS), size - at), static_cast<off_t>(at));
+            pwrite(fd, zeros, std::min(sizeof(zeros), size - at), static_cast<off_t>(at));
         if (wrote < 0 && errno == EINTR) continue;
         if (wrote < 0) return errno;
         at += static_cast<size_t>(wrote);

@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,14 +31,14 @@ struct held_range {
 // "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
 static std::vector<held_range> ranges_of(const std::string &descriptor) {
     std::vector<held_range> out;
-    std::ifstream text(descriptor);
-    for (std::string line; std::getline(text, line);) {
-        if (line.rfind("lock:", 0) != 0) continue;
-        std::istringstream words(line.substr(5));
-        std::string number, kind, advice, mode, pid, file;
-        off_t first = 0, last = 0;
-        if (words >> number >> kind >> advice >> mode >> pid >> file >> first >> last)
-            out.push_back({first, last, mode == "READ"});
+    const std::string text = proc_text(descriptor);
+    for (size_t at = 0; (at = text.find("lock:", at)) != text.npos; ++at) {
+        char mode[8];
+        held_range range = {};
+        int words = sscanf(text.c_str() + at, "lock: %*s %*s %*s %7s %*s %*s %ld %ld", mode,
+                           &range.first, &range.last);
+        range.shared = words == 3 && strcmp(mode, "READ") == 0;
+        if (words == 3) out.push_back(range);
     }
     return out;
 }

@@ -15,7 +15,7 @@ using namespace keyview::host;
 
 static constexpr int32_t MODE = 3;
 
-static handle_table<registry_client> clients(1);
+static handle_table<registry_client, 1> clients;
 
 static void copy_text(std::string_view text, char *buffer, uint64_t capacity) {
     if (buffer == nullptr || capacity == 0) return;

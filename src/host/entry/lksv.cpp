@@ -28,7 +28,7 @@ struct lock_client {
 
 }  // namespace
 
-static handle_table<lock_client> lock_clients(2);
+static handle_table<lock_client, 2> lock_clients;
 
 static int32_t make_client(void **lk, const uint16_t *version, uint64_t size) {
     if (lk == nullptr || version == nullptr) {

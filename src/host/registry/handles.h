@@ -17,20 +17,17 @@ inline void *handle_of(uint64_t token) noexcept {
 }
 
 // The live handles of one kind in the process. T has a member token. The kind keeps the handles of
-// two tables distinct.
-template <typename T>
+// two tables distinct. A table is all zero at first, so the library's file has no copy of it.
+template <typename T, uint8_t KIND>
 class handle_table {
   public:
-    constexpr explicit handle_table(uint8_t kind) noexcept
-        : uses_(uint64_t{kind} << (56 - SLOT_BITS)) {}
-
     // Null if there are too many.
     void *add(std::unique_ptr<T> object) {
         std::lock_guard guard(fork_mutex());
         for (uint32_t tried = 0; tried < SLOTS; ++tried) {
             uint32_t slot = ++latest_ % SLOTS;
             if (slots_[slot].load(std::memory_order_relaxed) != nullptr) continue;
-            object->token = ++uses_ << SLOT_BITS | slot;
+            object->token = uint64_t{KIND} << 56 | ++uses_ << SLOT_BITS | slot;
             void *handle = handle_of(object->token);
             slots_[slot].store(object.release(), std::memory_order_release);
             return handle;
@@ -56,7 +53,7 @@ class handle_table {
     static constexpr uint32_t SLOT_BITS = 14;
     static constexpr uint32_t SLOTS = 1U << SLOT_BITS;
 
-    uint64_t uses_;
+    uint64_t uses_ = 0;
     uint32_t latest_ = 0;
     std::array<std::atomic<T *>, SLOTS> slots_ = {};
 };

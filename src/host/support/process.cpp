@@ -1,14 +1,15 @@
 // Names of processes for people.
 #include "host/support/process.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <sstream>
 
+#include "host/support/fd.h"
 #include "model/locks.h"
 
 namespace keyview::host {
@@ -27,19 +28,25 @@ std::string this_process() {
     return process_text(program_invocation_short_name, getpid());
 }
 
+// By read alone: the streams of C++ would double the library.
+std::string proc_text(const std::string &path) {
+    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    char part[4096];
+    for (ssize_t got = 0; (got = read(file.get(), part, sizeof part)) > 0;)
+        text.append(part, static_cast<size_t>(got));
+    return text;
+}
+
 // When a process started; -1 if there is none. Its name, in brackets, may hold any byte.
 static int64_t start_of(const std::string &folder) {
     constexpr int WORDS_BEFORE = 19;  // behind the name
-    std::ifstream file(folder + "stat");
-    std::stringstream all;
-    all << file.rdbuf();
-    const std::string text = all.str();
-    std::istringstream words(text.substr(std::min(text.rfind(')') + 1, text.size())));
-    std::string skipped;
-    int64_t ticks = -1;
-    for (int n = 0; n < WORDS_BEFORE; ++n)
-        words >> skipped;
-    if (!(words >> ticks)) return -1;
+    const std::string text = proc_text(folder + "stat");
+    size_t at = text.rfind(')');
+    for (int n = 0; n <= WORDS_BEFORE && at != text.npos; ++n)
+        at = text.find(' ', at + 1);
+    if (at == text.npos) return -1;
+    const int64_t ticks = strtoll(text.c_str() + at, nullptr, 10);
     timespec now = {}, running = {};
     (void)clock_gettime(CLOCK_REALTIME, &now);
     (void)clock_gettime(CLOCK_BOOTTIME, &running);
@@ -51,8 +58,8 @@ std::string process_since(pid_t pid, int64_t since_s) {
     const std::string folder = "/proc/" + std::to_string(pid) + "/";
     int64_t start = start_of(folder);
     if (start < 0 || start - ROUNDED_S > since_s) return "";
-    std::string program;
-    std::getline(std::ifstream(folder + "comm"), program);
+    std::string program = proc_text(folder + "comm");
+    program.resize(std::min(program.find('\n'), program.size()));
     return process_text(program, pid) + (since_s == NO_TIME ? "" : since_text(since_s));
 }
 

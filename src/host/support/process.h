@@ -19,6 +19,9 @@ std::string this_process();
 constexpr int64_t NO_TIME = INT64_MAX;
 std::string process_since(pid_t pid, int64_t since_s);
 
+// The content of a file in /proc; "" if it cannot be read.
+std::string proc_text(const std::string &path);
+
 // ", since 2026-11-26T12:00:03Z": seconds since 1970, in UTC.
 std::string since_text(int64_t since_s);
 
