@@ -11,6 +11,9 @@ if(KEYVIEW_SANITIZE)
         -fsanitize=${KEYVIEW_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${KEYVIEW_SANITIZE})
     add_compile_definitions(KEYVIEW_SANITIZED)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        add_compile_options(-fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/not_ours.txt)
+    endif()
 endif()
 
 # Counters in files that are mapped, so that a process which is killed has counted, too, whatever its
