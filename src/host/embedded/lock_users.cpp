@@ -4,12 +4,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,17 +27,28 @@ struct held_range {
 };
 }  // namespace
 
+static std::vector<std::string_view> words_of(std::string_view line) {
+    static constexpr char BETWEEN[] = " \t";
+    std::vector<std::string_view> words;
+    for (size_t at = 0; (at = line.find_first_not_of(BETWEEN, at)) != line.npos;) {
+        size_t end = std::min(line.find_first_of(BETWEEN, at), line.size());
+        words.push_back(line.substr(at, end - at));
+        at = end;
+    }
+    return words;
+}
+
 // "lock:	1: OFDLCK ADVISORY WRITE -1 08:01:123 45 45", in the text about a descriptor.
 static std::vector<held_range> ranges_of(const std::string &descriptor) {
+    constexpr size_t MODE = 4, FIRST = 7, LAST = 8;
     std::vector<held_range> out;
     const std::string text = proc_text(descriptor);
-    for (size_t at = 0; (at = text.find("lock:", at)) != text.npos; ++at) {
-        char mode[8];
-        held_range range = {};
-        int words = sscanf(text.c_str() + at, "lock: %*s %*s %*s %7s %*s %*s %ld %ld", mode,
-                           &range.first, &range.last);
-        range.shared = words == 3 && strcmp(mode, "READ") == 0;
-        if (words == 3) out.push_back(range);
+    for (size_t at = 0, end = 0; end < text.size(); at = end + 1) {
+        end = std::min(text.find('\n', at), text.size());
+        auto words = words_of(std::string_view(text).substr(at, end - at));
+        if (words.size() <= LAST || words[0] != "lock:") continue;
+        auto number = [&](size_t n) { return strtol(words[n].data(), nullptr, 10); };
+        out.push_back({number(FIRST), number(LAST), words[MODE] == "READ"});
     }
     return out;
 }

@@ -30,7 +30,7 @@ std::string this_process() {
 
 // By read alone: the streams of C++ would double the library.
 std::string proc_text(const std::string &path) {
-    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
     char part[4096];
     for (ssize_t got = 0; (got = read(file.get(), part, sizeof part)) > 0;)
