@@ -90,7 +90,7 @@ crash_state crash_states::state(const std::vector<share> &shares, size_t names,
     for (size_t n = 0; n < names; ++n)
         apply_name(&known, *pending_names_[n]);
     for (const auto &[name, file] : known)
-        out.files[name] = contents[file];
+        out.files[name] = std::move(contents[file]);
     return out;
 }
 

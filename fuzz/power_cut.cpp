@@ -138,10 +138,11 @@ static size_t open_states(const std::string &what, const std::vector<file_event>
     std::map<std::string, size_t> kinds;
     size_t verdicts[VERDICTS] = {};
     crash_states(events, most, seed).each([&](const crash_state &left) {
-        std::string all = left.directory ? "d" : "";
+        const std::hash<std::string> hash;
+        size_t all = left.directory ? 1 : 0;
         for (const auto &[name, content] : left.files)
-            all.append(name).append(1, '\0').append(content);
-        if (!seen.insert({std::hash<std::string>()(all), left.notes}).second) return;
+            all = (all * 31 + hash(name)) * 31 + hash(content);
+        if (!seen.insert({all, left.notes}).second) return;
         put_on_disk(directory, left);
         child_process reader([&](const meeting &) { return look_at(directory, left, trees); });
         int status = reader.status();
