@@ -82,6 +82,19 @@ TEST(Memory, AThreadKeepsABoundedAmount) {
             tmem_freem(mem, block);
         EXPECT_LT(mallinfo2().uordblks - before, size_t{17} << 20);
         EXPECT_GT(mallinfo2().uordblks - before, size_t{1} << 20);
+        // Then it needs another size: this is what it keeps.
+        blocks.resize(1000);
+        for (void *&block : blocks)
+            block = tmem_allocm(mem, 32);
+        for (void *block : blocks)
+            tmem_freem(mem, block);
+        size_t kept = mallinfo2().uordblks;
+        EXPECT_LT(kept - before, size_t{17} << 20);
+        for (void *&block : blocks)
+            block = tmem_allocm(mem, 32);
+        EXPECT_EQ(mallinfo2().uordblks, kept);
+        for (void *block : blocks)
+            tmem_freem(mem, block);
     }).join();
     EXPECT_LT(mallinfo2().uordblks, before + (size_t{1} << 20));
 }

@@ -118,9 +118,25 @@ static void keep(head *given, size_t bytes) {
     mine.room -= bytes;
 }
 
-[[gnu::noinline]] static void keep_first_or_free(head *given, size_t bytes) {
-    if (!mine.registered && register_thread() && bytes <= mine.room) return keep(given, bytes);
-    free(given);
+// Where the cache is full, blocks of other sizes leave it: they are of what was done before, and the
+// thread gives back what it does now.
+static void make_room(const head *given, size_t bytes) {
+    for (uint32_t other = CLASSES; other-- > 0 && bytes > mine.room;) {
+        while (other != given->size_class && bytes > mine.room && mine.first[other] != nullptr) {
+            head *left = mine.first[other];
+            mine.first[other] = left->next;
+            mine.room += COUNTED_BYTES[other];
+            free(left);
+        }
+    }
+}
+
+[[gnu::noinline]] static void keep_or_free(head *given, size_t bytes) {
+    if (given->size_class == CLASSES) return free(given);
+    if (!mine.registered) (void)register_thread();
+    make_room(given, bytes);
+    if (bytes > mine.room) return free(given);
+    keep(given, bytes);
 }
 
 void *allocate_block(uint64_t size) noexcept {
@@ -141,7 +157,7 @@ void free_block(void *block) noexcept {
     given->state = GIVEN_BACK;
     memset(block, 0, block_size(0));  // a record that is used after its end has no tag
     size_t bytes = COUNTED_BYTES[given->size_class];
-    if (bytes > mine.room) return keep_first_or_free(given, bytes);
+    if (bytes > mine.room) return keep_or_free(given, bytes);
     keep(given, bytes);
 }
 
