@@ -51,14 +51,17 @@ void lock_descriptors::give_back(int fd) noexcept {
 
 // ---- Byte ranges --------------------------------------------------------------------------------
 
+static host_error call_failed() {
+    return host_error(failure::registry, std::string("the lock file failed: ") + strerror(errno));
+}
+
 // A call that does not wait. False if another holds the range in a conflicting mode.
 static bool try_range(int fd, off_t at, off_t length, int type) {
     struct flock range = range_at(at, length, type);
     while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
         if (errno == EAGAIN || errno == EACCES) return false;
         if (errno == EINTR) continue;
-        throw host_error(failure::registry,
-                         std::string("the lock file failed: ") + strerror(errno));
+        throw call_failed();
     }
     return true;
 }
@@ -70,10 +73,7 @@ static bool try_byte(int fd, off_t at, int type) {
 // Whether nobody else holds the byte exclusively.
 static bool is_open(int fd, off_t at) {
     struct flock range = range_at(at, 1, F_RDLCK);
-    if (fcntl(fd, F_OFD_GETLK, &range) != 0) {
-        throw host_error(failure::registry,
-                         std::string("the lock file failed: ") + strerror(errno));
-    }
+    if (fcntl(fd, F_OFD_GETLK, &range) != 0) throw call_failed();
     return range.l_type == F_UNLCK;
 }
 
