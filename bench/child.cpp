@@ -44,6 +44,51 @@ void child::kill_and_wait() {
     pid_ = -1;
 }
 
+static bool ended_well(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void child::wait() {
+    const bool good = ended_well(pid_);
+    pid_ = -1;
+    require(good, "a forked process failed");
+}
+
+static void make_pipe(int (&ends)[2]) {
+    require_call(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+}
+
+static std::string read_all(int in) {
+    std::string text;
+    char part[4096];
+    for (ssize_t n; (n = read(in, part, sizeof part)) > 0;)
+        text.append(part, static_cast<size_t>(n));
+    close(in);
+    return text;
+}
+
+void write_all(int out, const std::string &text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t n = write(out, text.data() + done, text.size() - done);
+        require_call(n > 0, "write");
+        done += static_cast<size_t>(n);
+    }
+}
+
+std::string output_of(const std::function<void(int)> &body) {
+    int ends[2];
+    make_pipe(ends);
+    child writer([&] {
+        close(ends[0]);
+        body(ends[1]);
+    });
+    close(ends[1]);
+    std::string text = read_all(ends[0]);
+    writer.wait();
+    return text;
+}
+
 void *shared_memory(size_t size) {
     void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     require_call(memory != MAP_FAILED, "mmap");
@@ -84,10 +129,7 @@ static void run_into(const std::vector<std::string> &words, int out,
     const int rc = posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     meanwhile();
-    int status = 0;
-    const bool ended = rc == 0 && waitpid(pid, &status, 0) == pid;
-    require(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0,
-            ("the program " + words[0] + " failed").c_str());
+    require(rc == 0 && ended_well(pid), ("the program " + words[0] + " failed").c_str());
 }
 
 void run_program(const std::vector<std::string> &words) {
@@ -96,14 +138,11 @@ void run_program(const std::vector<std::string> &words) {
 
 std::vector<double> figures_of(const std::vector<std::string> &words) {
     int ends[2];
-    require_call(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+    make_pipe(ends);
     std::string text;
     run_into(words, ends[1], [&] {
         close(ends[1]);
-        char part[256];
-        for (ssize_t n; (n = read(ends[0], part, sizeof part)) > 0;)
-            text.append(part, static_cast<size_t>(n));
-        close(ends[0]);
+        text = read_all(ends[0]);
     });
     std::istringstream printed(text);
     std::vector<double> figures;

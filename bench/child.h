@@ -20,9 +20,17 @@ class child {
     void signal(int number) const;
     void kill_and_wait();
 
+    // Waits for its end, which has to be a good one.
+    void wait();
+
   private:
     pid_t pid_;
 };
+
+// What a forked process writes to the descriptor that its body gets; its end has to be a good one.
+std::string output_of(const std::function<void(int)> &body);
+
+void write_all(int out, const std::string &text);
 
 // Memory that forked processes share, zero at first.
 void *shared_memory(size_t size);

@@ -1,11 +1,10 @@
 // keyview_bench: measures and prints the table. Arguments select the rows whose name holds one of
 // them; without any, all are measured. Exit code 1 if a goal is missed by more than a tenth, 2 if
 // something could not be measured. With --points it prints the points of the picture instead.
-#include <malloc.h>
-
 #include <cstdio>
 #include <exception>
 
+#include "bench/child.h"
 #include "bench/registry.h"
 #include "bench/rows.h"
 #include "bench/scratch.h"
@@ -13,20 +12,23 @@
 
 using namespace keyview::bench;
 
-// A group that fails costs its own rows only, but the whole run its good end.
+// Each group has a process of its own: the memory that it uses is not scattered by what ran before, and
+// its forked processes carry nothing of the others. A group that fails costs its own rows only, but the
+// whole run its good end.
 static bool measure_all(const bench_setup &setup) {
     bool good = true;
     for (const auto measure :
          {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows, layer_rows, write_rows,
           lock_rows, shortcut_rows, handover_rows, process_rows, scale_rows}) {
         try {
-            measure(setup);
+            setup.to->read(output_of([&](int out) {
+                measure(setup);
+                setup.to->write(out);
+            }));
         } catch (const std::exception &error) {
             (void)std::fprintf(stderr, "keyview_bench: %s\n", error.what());
             good = false;
         }
-        // Forked processes of a later group should not carry, and take down, what this one needed.
-        (void)malloc_trim(0);
     }
     return good;
 }

@@ -3,6 +3,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iomanip>
+#include <sstream>
+
+#include "bench/child.h"
 
 namespace keyview::bench {
 
@@ -61,6 +65,25 @@ void report::print() const {
         (void)std::printf("| %s | %s | %s | %s | %s | %s |\n", one.name.c_str(), one.ours.c_str(),
                           one.theirs.c_str(), shown_value(one.value).c_str(), goal.c_str(),
                           verdict(one));
+    }
+}
+
+void report::write(int out) const {
+    std::ostringstream text;
+    text << std::setprecision(17);
+    for (const row &one : rows_)
+        text << one.name << '\t' << one.ours << '\t' << one.theirs << '\t' << one.value << '\t'
+             << one.goal << '\n';
+    write_all(out, text.str());
+}
+
+void report::read(const std::string &written) {
+    rows_.clear();
+    std::istringstream text(written);
+    for (row one; std::getline(text, one.name, '\t') && std::getline(text, one.ours, '\t') &&
+                  std::getline(text, one.theirs, '\t') && text >> one.value >> one.goal;) {
+        rows_.push_back(one);
+        text.ignore();
     }
 }
 

@@ -28,6 +28,11 @@ class report {
 
     void print() const;
 
+    // Writes all rows to a descriptor; takes rows so written in place of its own, as they were in a forked
+    // process.
+    void write(int out) const;
+    void read(const std::string &written);
+
     // How many goals are missed by more than a tenth.
     int missed() const;
 
