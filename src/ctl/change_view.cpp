@@ -327,17 +327,20 @@ class undo_writer {
     undo_writer(const undo_writer &) = delete;
     undo_writer &operator=(const undo_writer &) = delete;
     ~undo_writer() {
-        if (!kept_ && !file_.empty()) unlink(file_.c_str());
+        if (!kept_) remove();
     }
 
+    // Called again for a plan that is made anew: what the one before wrote is gone then.
     void write(const admin::change_result &made) {
+        remove();
+        if (records_in(made.changes, &admin::change_row::before) == 0) return;  // only new keys
         admin::change_result planned = {made.changes.without([](const admin::change_row &one) {
                                             return one.before == admin::DAMAGED_VALUE;
                                         }),
                                         made.locks, made.revision};
         bool removes = counts_of(planned).removed > 0;
         if (!removes && records_in(planned.changes, &admin::change_row::before) < 2) return;
-        if (file_.empty()) file_ = new_undo_file();
+        file_ = new_undo_file();
         replace_file(file_, document_of("changes", fields_of(planned, false, "")).dump(1) + "\n",
                      PRIVATE_FILE);
         asks_ = records_in(planned.changes, &admin::change_row::after) > 1;
@@ -352,6 +355,11 @@ class undo_writer {
     }
 
   private:
+    void remove() {
+        if (!file_.empty()) unlink(file_.c_str());
+        file_.clear();
+    }
+
     std::string file_;
     bool asks_ = false, kept_ = false;
 };
@@ -382,8 +390,9 @@ exit_code carry_out(const tool &shared, const change_command &command, const cha
         bool in_file = failed.kind == KEYVIEW_FAILURE_CONTENT && !command.file.empty();
         fail(failed, command.what, in_file ? file_label(command.file) : where_of(shared, command));
     }
-    const std::string way_back =
-        options.dry_run ? "" : undo.command(command.url.empty() ? shared.registry : command.url);
+    std::string way_back;
+    if (!options.dry_run && !changed.changes.empty())
+        way_back = undo.command(command.url.empty() ? shared.registry : command.url);
     try {
         (void)show_changes(shared, changed, command.compares, way_back);  // always EXIT_DONE
     } catch (tool_error &unseen) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "admin/care/backup.h"
 #include "ctl/output.h"
@@ -128,6 +129,9 @@ std::string read_file(const std::string &name) {
     file.fd = name == "-" ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (file.fd < 0) fail(CANNOT_READ, name, errno);
     std::string content;
+    struct stat found = {};
+    if (fstat(file.fd, &found) == 0 && S_ISREG(found.st_mode))
+        content.reserve(static_cast<size_t>(found.st_size));
     std::string block(size_t{64} << 10, '\0');
     const model::cleared_at_end clears(&block);  // it may have held a secret
     for (;;) {
@@ -142,7 +146,8 @@ std::string read_file(const std::string &name) {
 std::string read_document(const std::string &name, const std::string &what) {
     std::string content = read_file(name);
     return attempt(what, file_label(name), [&] {
-        return admin::is_backup(content) ? content : json_text_of(name, content);
+        return admin::is_backup(content) ? std::move(content)
+                                         : json_text_of(name, std::move(content));
     });
 }
 

@@ -157,7 +157,7 @@ static size_t first_foreign_byte(const std::string &content) {
     return content.npos;
 }
 
-std::string json_text_of(const std::string &file, const std::string &content) {
+std::string json_text_of(const std::string &file, std::string content) {
     if (!is_yaml(file, content)) return content;
     admin::problem_list problems;
     json_writer writer(content, &problems);

@@ -15,7 +15,7 @@ bool has_yaml_name(const std::string &file);
 //
 // Throws an admin::error with the faults: what is no YAML, anchors and aliases, tags, further
 // documents, and what JSON does not have.
-std::string json_text_of(const std::string &file, const std::string &content);
+std::string json_text_of(const std::string &file, std::string content);
 
 // A value in YAML; ascii: with all other characters escaped.
 std::string yaml_of(const nlohmann::ordered_json &value, bool ascii);

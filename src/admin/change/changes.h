@@ -39,6 +39,7 @@ class key_changes {
     // Appends a change by the numbers of the key in both lists, or NONE. The path may be shorter than
     // that of the key after it: then it is a parent that the key has created, without a value.
     void add(size_t before, size_t after, size_t path_size);
+    void reserve(size_t changes) { rows_.reserve(changes); }
     void sort();
 
     bool operator==(const key_changes &other) const;

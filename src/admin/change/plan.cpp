@@ -16,6 +16,8 @@ namespace keyview::admin {
 static constexpr size_t FEW_CHANGES = 16;
 // Above this many locks they are taken as one.
 static constexpr size_t FEW_LOCKS = 32;
+// Room for the parents that a plan creates; most trees have them.
+static constexpr size_t FEW_PARENTS = 16;
 // How often a plan is made anew because the tree changed under it. The last one is carried out
 // without regard to changes elsewhere, so that a busy registry cannot keep it off.
 static constexpr int TRIES = 8;
@@ -73,6 +75,8 @@ class planning {
           options_(options),
           keys_(request, &request->changes) {
         made_.reported.changes = key_changes(before, keys_);
+        made_.reported.changes.reserve(asked_.size() + FEW_PARENTS);
+        made_.asked.reserve(asked_.size());
         made_.before = std::move(before);
     }
 
