@@ -308,7 +308,9 @@ TEST_F(Locks, AllAtOnceExcludeEachName) {
         EXPECT_TRUE(one.mode == lock_mode::exclusive && !one.waits) << one.name;
     all.reset();
     EXPECT_TRUE(is_free());
+}
 
+TEST_F(Locks, AllAreGrantedBesideThreadsThatTakeTwo) {
     std::atomic<bool> stop{false};
     in_threads(7, [&](int thread) {
         for (int i = 0; thread == 0 && i < 3; ++i)

@@ -214,6 +214,11 @@ class lock_watch : unique {
 
 // ---- Acquiring ----------------------------------------------------------------------------------
 
+// One who waits for all locks tries it in short windows, as none is long enough where a holder of a lock
+// waits for a further one, and now and then in a long one, for holders that take their time. Between them
+// the gates are open for a moment, in which others wake up and go on.
+static constexpr uint32_t WINDOW_MS = 5, LONG_WINDOW_MS = 100, LONG_EACH = 8, MOMENT_MS = 5;
+
 static host_error not_granted(const std::string &what, uint32_t wait_ms, const std::string &which,
                               const std::string &holder) {
     return host_error(
@@ -253,23 +258,27 @@ std::shared_ptr<held_lock> file_locks::acquire(std::string_view name, lock_mode 
 }
 
 std::shared_ptr<held_lock> file_locks::acquire_all(wait_limit limit) {
-    static constexpr uint32_t WINDOW_MS = 100;
     release_moments();
     const lock_offsets whole = offsets_at(WHOLE_BYTE, &words_);
     const uint32_t wait_ms = limit.ms();
     deadline wait(wait_ms);
     reported_wait report(limit, ALL_LOCKS);
-    do {
+    for (unsigned n = 1;; ++n) {
         auto lock = std::make_shared<file_lock>(shared_from_this(), nullptr);
-        deadline window(std::min(WINDOW_MS, wait_ms));
+        deadline window(std::min(n % LONG_EACH == 0 ? LONG_WINDOW_MS : WINDOW_MS, wait_ms));
         do {
             if (!lock->try_all(whole)) continue;
             lock->note_holder(whole);
             return lock;
         } while (window.pause());
+        lock.reset();
         if (report.due()) report.note(any_holder());
-    } while (wait.pause());
-    throw not_granted("all locks of the registry were", wait_ms, "one", any_holder());
+        deadline moment(MOMENT_MS);
+        do {
+            if (!wait.pause())
+                throw not_granted("all locks of the registry were", wait_ms, "one", any_holder());
+        } while (moment.pause());
+    }
 }
 
 }  // namespace keyview::host

@@ -13,8 +13,8 @@
 // All locks at once are all gates and then all bytes, two ranges in the place of any number of
 // locks. The whole has a lock of its own, which one who wants all of them holds first; a writer that
 // finds its gate closed asks for no other before. Who wants all of them and does not get them within
-// WINDOW_MS opens the gates for a moment, so that holders of a lock that wait for a further one go
-// on, and readers wait no longer than that for a holder that does not end.
+// a window opens the gates for a moment, so that holders of a lock that wait for a further one go
+// on, and readers wait no longer than a window for a holder that does not end.
 //
 // A waiter watches the lock file with inotify: it is woken when a descriptor of the file is closed,
 // as that of a holder that dies, and as that of a released lock if the hint says that somebody waits
