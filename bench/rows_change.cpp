@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "bench/byte_lock.h"
 #include "bench/child.h"
 #include "bench/failure.h"
 #include "bench/peer_lmdb.h"
@@ -24,11 +25,13 @@ constexpr char FIRST[] = "first fetch typical in a process / quiet";
 constexpr char FIRST_PASS[] = "floor: first LMDB pass in a process / quiet pass";
 constexpr char FIRST_TO_PASS[] = "first fetch typical in a process / first LMDB pass in a process";
 constexpr char CALLS[] = "fetch + release typical / the library's calls alone";
-constexpr char CALLS_ENGINE[] = "floor: the library's calls alone / LMDB pass";
+constexpr char CALLS_ENGINE[] = "floor: the library's calls alone and a bare OFD pair / LMDB pass";
 constexpr char LARGE_CALLS[] = "fetch + release large / the library's calls alone";
-constexpr char LARGE_CALLS_ENGINE[] = "floor: the library's calls alone, large / LMDB pass";
+constexpr char LARGE_CALLS_ENGINE[] =
+    "floor: the library's calls alone and a bare OFD pair, large / LMDB pass";
 constexpr char SMALL_CALLS[] = "fetch + release small / the library's calls alone";
-constexpr char SMALL_CALLS_ENGINE[] = "floor: the library's calls alone, small / LMDB pass";
+constexpr char SMALL_CALLS_ENGINE[] =
+    "floor: the library's calls alone and a bare OFD pair, small / LMDB pass";
 
 constexpr int DATABASES = 1000;
 
@@ -155,26 +158,29 @@ static void measure_first(const bench_setup &setup) {
 // ---- The calls alone ----------------------------------------------------------------------------
 
 static void measure_calls(const bench_setup &setup, const record_size &size, const char *to_calls,
-                          const char *calls_to_pass) {
-    if (!setup.to->wants({to_calls, calls_to_pass})) return;
+                          const char *floor_to_pass) {
+    if (!setup.to->wants({to_calls, floor_to_pass})) return;
     constexpr int ROUNDS = 21;
     session reader(setup.url);
     lmdb_peer engine(setup.directory + "/calls-" + size.database, peer_rows(record_keys(size)));
+    const byte_lock bare(setup.directory + "/byte-" + size.database);
     const std::string prefix = row_prefix(size.database);
-    series fetches, calls, passes;
+    series fetches, calls, floors, passes;
     const std::string fetches_each = std::to_string(2 + 32000 / size.services / size.instances);
     for (int round = 0; round < ROUNDS; ++round) {
         const auto mean =
             figures_of({program_directory() + "/library_cost", fetches_each, size.database});
         require(mean.size() == 1 && mean[0] > 0, "library_cost prints no time");
-        const auto beside = interleave({3, 3}, {[&] { reader.fetch(size.database); },
-                                                [&] { free_record(engine.fetch(prefix)); }});
+        const auto beside = interleave(
+            {3, 3}, {[&] { reader.fetch(size.database); }, [&] { bare.take_and_release(); },
+                     [&] { free_record(engine.fetch(prefix)); }});
         calls.push_back(mean[0]);
         fetches.push_back(median(beside[0]));
-        passes.push_back(median(beside[1]));
+        floors.push_back(mean[0] + median(beside[1]));
+        passes.push_back(median(beside[2]));
     }
     setup.to->ratio(to_calls, fetches, calls, NO_GOAL);
-    setup.to->ratio(calls_to_pass, calls, passes, NO_GOAL);
+    setup.to->ratio(floor_to_pass, floors, passes, NO_GOAL);
 }
 
 void change_rows(const bench_setup &setup) {

@@ -1,12 +1,10 @@
 // Locks: what a shared one costs beside the bare system calls, and how long a writer waits while
 // readers come and go without a free moment.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <memory>
 #include <random>
 
+#include "bench/byte_lock.h"
 #include "bench/child.h"
 #include "bench/failure.h"
 #include "bench/lock_handle.h"
@@ -20,45 +18,19 @@ constexpr char WRITER_WAIT[] = "writer's mean wait under 3 readers / their mean 
 
 // ---- A lock and its release ---------------------------------------------------------------------
 
-static void set_byte(int fd, short type) {
-    struct flock range = {};
-    range.l_type = type;
-    range.l_whence = SEEK_SET;
-    range.l_start = 4711;
-    range.l_len = 1;
-    require_call(fcntl(fd, F_OFD_SETLK, &range) == 0, "fcntl");
-}
-
-// Without the hint, each shared lock would query the gate.
-static void query_byte(int fd) {
-    struct flock range = {};
-    range.l_type = F_RDLCK;
-    range.l_whence = SEEK_SET;
-    range.l_start = 4712;
-    range.l_len = 1;
-    require_call(fcntl(fd, F_OFD_GETLK, &range) == 0, "fcntl");
-}
-
 static void measure_shared(const bench_setup &setup) {
     if (!setup.to->wants({SHARED, HINT})) return;
     lock_handle locks(setup.url);
-    const std::string file = setup.registry_directory + "/byte";
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    require_call(fd >= 0, "open");
+    const byte_lock bare(setup.registry_directory + "/byte");
     const auto figures = interleave({201, 1}, {[&] {
                                                    locks.take_shared();
                                                    locks.give_back();
                                                },
+                                               [&] { bare.take_and_release(); },
                                                [&] {
-                                                   set_byte(fd, F_RDLCK);
-                                                   set_byte(fd, F_UNLCK);
-                                               },
-                                               [&] {
-                                                   query_byte(fd);
-                                                   set_byte(fd, F_RDLCK);
-                                                   set_byte(fd, F_UNLCK);
+                                                   bare.query();  // without the hint, of the gate
+                                                   bare.take_and_release();
                                                }});
-    close(fd);
     setup.to->ratio(SHARED, figures[0], figures[1], 1.2);
     setup.to->ratio(HINT, figures[0], figures[2], NO_GOAL);
 }
