@@ -68,7 +68,7 @@ static std::string read_all(int in) {
     return text;
 }
 
-void write_all(int out, const std::string &text) {
+static void write_all(int out, const std::string &text) {
     for (size_t done = 0; done < text.size();) {
         const ssize_t n = write(out, text.data() + done, text.size() - done);
         require_call(n > 0, "write");
@@ -76,12 +76,12 @@ void write_all(int out, const std::string &text) {
     }
 }
 
-std::string output_of(const std::function<void(int)> &body) {
+std::string text_from_child(const std::function<std::string()> &body) {
     int ends[2];
     make_pipe(ends);
     child writer([&] {
         close(ends[0]);
-        body(ends[1]);
+        write_all(ends[1], body());
     });
     close(ends[1]);
     std::string text = read_all(ends[0]);

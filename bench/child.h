@@ -27,10 +27,8 @@ class child {
     pid_t pid_;
 };
 
-// What a forked process writes to the descriptor that its body gets; its end has to be a good one.
-std::string output_of(const std::function<void(int)> &body);
-
-void write_all(int out, const std::string &text);
+// The text that a body returns in a forked process, whose end has to be a good one.
+std::string text_from_child(const std::function<std::string()> &body);
 
 // Memory that forked processes share, zero at first.
 void *shared_memory(size_t size);

@@ -21,9 +21,9 @@ static bool measure_all(const bench_setup &setup) {
          {fetch_rows, change_rows, instruction_rows, list_rows, trace_rows, layer_rows, write_rows,
           lock_rows, shortcut_rows, handover_rows, process_rows, scale_rows}) {
         try {
-            setup.to->read(output_of([&](int out) {
+            setup.to->read(text_from_child([&] {
                 measure(setup);
-                setup.to->write(out);
+                return setup.to->written();
             }));
         } catch (const std::exception &error) {
             (void)std::fprintf(stderr, "keyview_bench: %s\n", error.what());

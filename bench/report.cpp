@@ -6,7 +6,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "bench/child.h"
+#include "bench/failure.h"
 
 namespace keyview::bench {
 
@@ -68,23 +68,30 @@ void report::print() const {
     }
 }
 
-void report::write(int out) const {
+std::string report::written() const {
     std::ostringstream text;
     text << std::setprecision(17);
     for (const row &one : rows_)
         text << one.name << '\t' << one.ours << '\t' << one.theirs << '\t' << one.value << '\t'
              << one.goal << '\n';
-    write_all(out, text.str());
+    return text.str();
 }
 
-void report::read(const std::string &written) {
-    rows_.clear();
-    std::istringstream text(written);
-    for (row one; std::getline(text, one.name, '\t') && std::getline(text, one.ours, '\t') &&
-                  std::getline(text, one.theirs, '\t') && text >> one.value >> one.goal;) {
-        rows_.push_back(one);
-        text.ignore();
+void report::read(const std::string &text) {
+    std::vector<row> rows;
+    std::istringstream lines(text);
+    while (lines.peek() != EOF) {
+        row one;
+        std::string value, goal;
+        for (std::string *field : {&one.name, &one.ours, &one.theirs, &value})
+            std::getline(lines, *field, '\t');
+        std::getline(lines, goal);
+        require(!lines.eof() && !lines.fail(), "the rows of a group are incomplete");
+        one.value = std::stod(value);  // a quotient may be infinite
+        one.goal = std::stod(goal);
+        rows.push_back(one);
     }
+    rows_ = rows;
 }
 
 int report::missed() const {

@@ -28,10 +28,10 @@ class report {
 
     void print() const;
 
-    // Writes all rows to a descriptor; takes rows so written in place of its own, as they were in a forked
-    // process.
-    void write(int out) const;
-    void read(const std::string &written);
+    // All rows as a text, and the rows of such a text in place of its own: they may come from a forked
+    // process. A text that is cut short is refused.
+    std::string written() const;
+    void read(const std::string &text);
 
     // How many goals are missed by more than a tenth.
     int missed() const;
