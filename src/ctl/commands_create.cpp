@@ -25,28 +25,49 @@ namespace {
 struct record_kind {
     const char *word;
     const char *arguments;
-    const char *list;      // of the database that has it; null for a database itself
-    const char *key;       // of that list
-    const char *record;    // as document_fields() has it
-    const char *defaults;  // JSON: what the commands need to work on it
-    const char *needed;    // a field without which readers fail, or null
-    bool dotted;
+    const list_row *list;  // of the document, or of the database that has it
+    bool below;            // a database
+    const char *needed;    // the key of a field without which readers fail, or null
 };
 }  // namespace
 
+static constexpr const list_row &DATABASES = SECTIONS.first[0];
+static constexpr const list_row &INSTANCES = DATABASE_LISTS[0], &SERVICES = DATABASE_LISTS[1];
+static_assert(DATABASES.record == &DATABASE && INSTANCES.record == &INSTANCE &&
+              SERVICES.record == &SERVICE);
+
 static constexpr record_kind KINDS[] = {
-    {"database", "DB", nullptr, nullptr, "databases[]",
-     R"({"enabled": true, "instances": [], "services": []})", nullptr, false},
-    {"service", "DB SERVICE", "services", KEY_SERVICE, "databases[].services[]",
-     R"({"enabled": true, "preferred": [], "available": []})", nullptr, true},
-    {"instance", "DB INSTANCE", "instances", KEY_INSTANCE, "databases[].instances[]",
-     R"({"enabled": true})", "node", false},
+    {"database", "DB", &DATABASES, false, nullptr},
+    {"service", "DB SERVICE", &SERVICES, true, nullptr},
+    {"instance", "DB INSTANCE", &INSTANCES, true, KEY_NODE},
 };
 
 static std::string record_key(const record_kind &kind, const std::string &database,
                               const std::string &name) {
-    if (kind.list == nullptr) return database_key(name);
-    return database_key(database) + "." + kind.key + "." + element_of(name, kind.dotted);
+    if (!kind.below) return database_key(name);
+    return database_key(database) + "." + kind.list->key + "." +
+           element_of(name, kind.list->record->dotted_name);
+}
+
+// As document_fields() has it, such as "databases[].services[]".
+static std::string record_path(const record_kind &kind) {
+    const std::string top = std::string(DATABASES.field) + "[]";
+    return kind.below ? top + "." + kind.list->field + "[]" : top;
+}
+
+// The field of a document whose value is that of a key, which the record has.
+static const char *field_of(const record_table &table, std::string_view key) {
+    return std::find_if(table.fields.begin(), table.fields.end(),
+                        [&](const field_row &row) { return row.key == key; })
+        ->field;
+}
+
+// With what the commands need to work on it.
+static ordered_json new_record(const record_table &table, const std::string &name) {
+    ordered_json out = {{"name", name}, {field_of(table, KEY_ENABLED), true}};
+    for (const list_row &list : table.lists)
+        out[list.field] = ordered_json::array();
+    return out;
 }
 
 // ---- create -------------------------------------------------------------------------------------
@@ -65,7 +86,7 @@ static ordered_json flag_of(const std::string &field, const std::string &value) 
 static ordered_json instances_in(const std::string &names) {
     ordered_json out = ordered_json::array();
     for (const std::string &name : CLI::detail::split(names, ','))
-        out.push_back({{"name", name}, {"enabled", true}});
+        out.push_back(new_record(SERVICE_INSTANCE, name));
     return out;
 }
 
@@ -76,8 +97,8 @@ static void set_field(const record_kind &kind, const std::string &assignment, or
     const std::string field = assignment.substr(0, equals);
     std::vector<std::string> known;
     for (const admin::document_field &row : admin::document_fields()) {
-        bool nested = row.type == "records" && kind.list == nullptr;
-        if (row.record != kind.record || row.type == "name" || nested) continue;
+        bool nested = row.type == "records" && !kind.below;
+        if (row.record != record_path(kind) || row.type == "name" || nested) continue;
         known.push_back(row.field);
         if (row.field != field || equals == assignment.npos) continue;
         const std::string value = assignment.substr(equals + 1);
@@ -113,27 +134,26 @@ static std::string registered_name(const tool &shared, const std::string &databa
 
 static exit_code run_create(const tool &shared, const record_kind &kind, const given_names &names,
                             const std::vector<std::string> &fields) {
-    const bool below = kind.list != nullptr;
-    const std::string &name = names[below ? 1 : 0];
-    ordered_json record = ordered_json::parse(kind.defaults);
-    record["name"] = name;
-    if (!below) record["role"] = ROLES[0];
+    const record_table &table = *kind.list->record;
+    const std::string &name = names[kind.below ? 1 : 0];
+    ordered_json record = new_record(table, name);
+    if (!kind.below) record[field_of(table, KEY_ROLE)] = ROLES[0];
     std::set<std::string> given;
     for (const std::string &assignment : fields)
         set_field(kind, assignment, &record, &given);
-    if (kind.needed != nullptr && record.value(kind.needed, "").empty())
-        refuse(std::string("readers need its ") + kind.needed,
-               std::string("give ") + kind.needed + "=VALUE");
-    if (below) {
+    const std::string needed = kind.needed == nullptr ? "" : field_of(table, kind.needed);
+    if (!needed.empty() && record.value(needed, "").empty())
+        refuse("readers need its " + needed, "give " + needed + "=VALUE");
+    if (kind.below) {
         record = {{"name", registered_name(shared, names[0])},
-                  {kind.list, ordered_json::array({record})}};
+                  {kind.list->field, ordered_json::array({record})}};
     }
     ordered_json document = {{"format", FORMAT}, {"version", VERSION}};
-    document["databases"] = ordered_json::array({record});
+    document[DATABASES.field] = ordered_json::array({record});
     const std::string text = document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
     return carry_out(shared, {std::string(kind.word) + " " + name + " is not created"},
                      [&](admin::change_options options) {
-                         if (below) options.present = {database_key(names[0])};
+                         if (kind.below) options.present = {database_key(names[0])};
                          options.absent = {record_key(kind, names[0], name)};
                          return admin::apply_document(text, options);
                      });
@@ -153,14 +173,14 @@ static void add_service_entries(const std::string &database, const std::string &
 
 static exit_code run_rm(const tool &shared, const record_kind &kind, const given_names &names,
                         const std::vector<std::string> &more) {
-    std::vector<std::string> all = {names[kind.list != nullptr ? 1 : 0]};
+    std::vector<std::string> all = {names[kind.below ? 1 : 0]};
     all.insert(all.end(), more.begin(), more.end());
     std::set<std::string> paths;
     std::string what = kind.word;
     for (const std::string &name : all) {
         what += " " + name;
         paths.insert(record_key(kind, names[0], name));
-        if (kind.key == KEY_INSTANCE) add_service_entries(names[0], name, &paths);
+        if (kind.list == &INSTANCES) add_service_entries(names[0], name, &paths);
     }
     return carry_out(shared, {what + " is not removed", "", true},
                      [&](const admin::change_options &options) {
