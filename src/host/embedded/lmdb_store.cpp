@@ -11,6 +11,7 @@
 #include "host/embedded/lmdb_rows.h"
 #include "host/embedded/lmdb_writer.h"
 #include "host/embedded/pages/file_head.h"
+#include "host/embedded/row_order.h"
 #include "host/registry/lock_wait.h"
 #include "host/registry/snapshot.h"
 #include "host/support/error.h"
@@ -298,32 +299,6 @@ static void check_terms(MDB_txn *writer, const apply_terms &terms) {
     }
 }
 
-// The numbers of the changes in the order of their rows, parents first, so that pages are filled one
-// by one. Empty if the changes must keep their own order.
-static std::vector<uint32_t> row_order(const change_source &changes) {
-    std::vector<std::vector<uint32_t>> by_depth;  // often each in order already
-    for (uint32_t n = 0; n < changes.size; ++n) {
-        const change_view one = changes.at(n);
-        if (one.what == change::kind::remove) return {};
-        auto depth = static_cast<size_t>(std::count(one.path.begin(), one.path.end(), '.'));
-        if (by_depth.size() <= depth) by_depth.resize(depth + 1);
-        by_depth[depth].push_back(n);
-    }
-    auto before = [&](uint32_t a, uint32_t b) {
-        return row_before(changes.at(a).path, changes.at(b).path);
-    };
-    std::vector<uint32_t> order, merged;
-    for (std::vector<uint32_t> &level : by_depth) {
-        if (!std::is_sorted(level.begin(), level.end(), before))
-            std::stable_sort(level.begin(), level.end(), before);
-        merged.clear();
-        std::merge(order.begin(), order.end(), level.begin(), level.end(),
-                   std::back_inserter(merged), before);
-        order.swap(merged);
-    }
-    return order;
-}
-
 change_counts lmdb_store::apply(const change_source &changes, const apply_terms &terms) {
     check_changes(changes);
     change_counts counts;
@@ -331,23 +306,29 @@ change_counts lmdb_store::apply(const change_source &changes, const apply_terms 
     const uint64_t limit = history_limit();
     std::shared_ptr<held_lock> writing = write_lock();
     change_notice notice(locks_->words());
-    size_t room = 0;
+    row_order order(changes.size);
     for (size_t n = 0; n < changes.size; ++n) {
         const change_view one = changes.at(n);
         notice.add(one.path);
-        room += row_room(one.path, one.value);
+        order.add(one);
     }
-    const std::vector<uint32_t> order = row_order(changes);
+    order.sort(changes);
     auto carry_out = [&](MDB_txn *txn) {
         check_terms(txn, terms);
         recorded_writer writer(*keys, txn, limit);
-        for (size_t n = 0; n < changes.size; ++n)
-            writer.carry_out(changes.at(order.empty() ? n : order[n]));
+        std::vector<bool> created(changes.size);
+        for (size_t n = 0; n < changes.size; ++n) {
+            const size_t change = order[n];
+            const uint32_t parent = order.parent(change);
+            const bool counted = parent != row_order::NONE && created[parent];
+            created[change] =
+                writer.carry_out(changes.at(change), {order.children(change), counted});
+        }
         bool changed = writer.finish();
         counts = writer.counts();
         return changed;
     };
-    keys->write(carry_out, room);
+    keys->write(carry_out, order.room());
     return counts;
 }
 

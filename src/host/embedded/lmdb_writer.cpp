@@ -5,11 +5,15 @@
 
 namespace keyview::host {
 
-void lmdb_writer::carry_out(const change_view &one) {
+bool lmdb_writer::carry_out(const change_view &one, const in_batch &known) {
     leave(one.what == change::kind::remove ? std::string_view() : one.path);
-    if (one.what == change::kind::remove) return remove(one.path);
-    put(one.path, one.value);
+    if (one.what == change::kind::remove) {
+        remove(one.path);
+        return false;
+    }
+    const bool created = put(one.path, one.value, damage_seen_ ? in_batch() : known);
     if (damage_seen_) finish();  // numbers of children are then those of the stored rows
+    return created && !damage_seen_;
 }
 
 MDB_cursor *lmdb_writer::opened(cursor_guard *cursor) {
@@ -45,7 +49,7 @@ bool lmdb_writer::open(std::string_view path) {
     row_state state = state_of(path, &found);
     if (state == row_state::damaged) return false;
     if (state == row_state::absent) {
-        put(path, {});
+        (void)put(path, {}, {});
         found = {};
     }
     open_.push_back({std::string(path), std::string(found.value), found.children});
@@ -60,16 +64,20 @@ bool lmdb_writer::replace(std::string_view path, std::string_view value, std::st
     return true;
 }
 
-void lmdb_writer::put(std::string_view path, std::string_view value) {
+bool lmdb_writer::put(std::string_view path, std::string_view value, const in_batch &known) {
     row found;
     bool alone = false;  // usually no damaged row is nearby
     row_state state = seek(path, &found, &alone);
-    if (state == row_state::sound) return replace_row(path, found, value);
+    if (state == row_state::sound) {
+        replace_row(path, found, value);
+        return false;
+    }
     ++(state == row_state::damaged ? counts_.replaced : counts_.created);
-    bool known = state == row_state::absent && (alone || !remove_strays(path));
-    if (known) note(path, nullptr, &value);
-    if (!known && changes_ != nullptr) changes_->note_unknown(path);
-    create(path, value);
+    const bool fresh = state == row_state::absent && (alone || !remove_strays(path));
+    if (fresh) note(path, nullptr, &value);
+    if (!fresh && changes_ != nullptr) changes_->note_unknown(path);
+    create(path, value, known);
+    return true;
 }
 
 void lmdb_writer::replace_row(std::string_view path, const row &found, std::string_view value) {
@@ -81,10 +89,10 @@ void lmdb_writer::replace_row(std::string_view path, const row &found, std::stri
 
 // Writes the row of a key without a sound one, its missing parents first. Only damage leaves keys
 // below a key that is missing.
-void lmdb_writer::create(std::string_view path, std::string_view value) {
+void lmdb_writer::create(std::string_view path, std::string_view value, const in_batch &known) {
     std::string_view parent = parent_path(path);
-    if (!parent.empty() && open(parent)) ++open_.back().children;
-    put_row(path, damage_seen_ ? count_children(path) : 0, value, opened(&cursor_));
+    if (!known.counted && !parent.empty() && open(parent)) ++open_.back().children;
+    put_row(path, damage_seen_ ? count_children(path) : known.children, value, opened(&cursor_));
 }
 
 // The path may be that of no key, as damage leaves it.

@@ -14,6 +14,13 @@
 
 namespace keyview::host {
 
+// What is known of a key that is put: how many of its children are put as well, and whether its
+// parent's row counts it already. Both are of use if there was no such key.
+struct in_batch {
+    uint32_t children = 0;
+    bool counted = false;
+};
+
 class lmdb_writer {
   public:
     // Notes what it changes, unless changes is null.
@@ -21,8 +28,9 @@ class lmdb_writer {
         : env_(env), txn_(txn), changes_(changes) {}
 
     // Damaged rows are replaced and removed like sound ones. The number of a key's children is written
-    // when a key elsewhere is put, and by finish().
-    void carry_out(const change_view &one);
+    // when a key elsewhere is put, and by finish(). True if a key was created, with the children of its
+    // batch counted.
+    bool carry_out(const change_view &one, const in_batch &known = {});
     void finish() { leave({}); }
 
     // Replaces the value of a key; false if there is none. A value that is there already is not
@@ -44,9 +52,9 @@ class lmdb_writer {
     void leave(std::string_view path);
     bool open(std::string_view path);
     row_state seek(std::string_view path, row *found, bool *alone);
-    void put(std::string_view path, std::string_view value);
+    bool put(std::string_view path, std::string_view value, const in_batch &known);
     void replace_row(std::string_view path, const row &found, std::string_view value);
-    void create(std::string_view path, std::string_view value);
+    void create(std::string_view path, std::string_view value, const in_batch &known);
     void remove(std::string_view path);
     void note_removal(std::string_view key, std::string_view bytes);
     void see_damage();
