@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "admin/care/backup.h"
+#include "ctl/large_heap.h"
 #include "ctl/output.h"
 #include "ctl/yaml_text.h"
 #include "model/secret.h"
@@ -130,8 +131,10 @@ std::string read_file(const std::string &name) {
     if (file.fd < 0) fail(CANNOT_READ, name, errno);
     std::string content;
     struct stat found = {};
-    if (fstat(file.fd, &found) == 0 && S_ISREG(found.st_mode))
+    if (fstat(file.fd, &found) == 0 && S_ISREG(found.st_mode)) {
+        prepare_heap(static_cast<size_t>(found.st_size));
         content.reserve(static_cast<size_t>(found.st_size));
+    }
     std::string block(size_t{64} << 10, '\0');
     const model::cleared_at_end clears(&block);  // it may have held a secret
     for (;;) {

@@ -17,10 +17,9 @@
 
 namespace keyview::ctl {
 
-using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-static constexpr seconds FIRST_REPORT{1}, LONGEST_PAUSE{60};
+static constexpr std::chrono::seconds FIRST_REPORT{1}, LONGEST_PAUSE{60};
 
 void progress::start() noexcept {
     if (!to_people_ || thread_.joinable()) return;
@@ -109,7 +108,8 @@ void progress::report_loop() {
             pause = FRAME;
         } else {
             print_remark(current_line(since.count()));
-            pause = std::min(std::chrono::duration_cast<seconds>(since), LONGEST_PAUSE);
+            pause =
+                std::min(std::chrono::duration_cast<std::chrono::seconds>(since), LONGEST_PAUSE);
         }
     }
     if (moves) show_moving_line("");
