@@ -1,7 +1,6 @@
 // backups: prints the backup of each registry whose URL is a line of the standard input: the size of its
 // text, or "failed", a line, and the text. A test that looks at a registry after each command need not
 // start the tool for it.
-#include <cstdio>
 #include <iostream>
 #include <string>
 

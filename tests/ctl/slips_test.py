@@ -2,7 +2,7 @@
 """What a slip of the hand does: it is refused with words that help, and leaves every key as it was. What
 removes or replaces more than one record asks first, and the command that its answer names brings all of
 it back. Both on LMDB and in a cluster of one member."""
-import json, os, pty, re, shutil, socket, subprocess, sys, tempfile, time, unittest
+import functools, json, os, pty, re, shutil, socket, subprocess, sys, tempfile, time, unittest
 
 from admin_test import EVERY, EXAMPLE, SALES, TOOL, Administrator, content
 
@@ -28,16 +28,20 @@ class Engine(Administrator):
         return "lmdb:" + self.path("other")
 
     # One process makes all backups of the run, without what a start of the tool takes.
-    backups = subprocess.Popen([os.path.join(os.path.dirname(TOOL), "backups")], stdin=subprocess.PIPE,
-                               stdout=subprocess.PIPE)
+    @staticmethod
+    @functools.cache
+    def backups():
+        return subprocess.Popen([os.path.join(os.path.dirname(TOOL), "backups")], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE)
 
     def dump(self, url=None):
-        Engine.backups.stdin.write((url or self.url).encode() + b"\n")
-        Engine.backups.stdin.flush()
-        size = Engine.backups.stdout.readline().strip()
+        made = self.backups()
+        made.stdin.write((url or self.url).encode() + b"\n")
+        made.stdin.flush()
+        size = made.stdout.readline().strip()
         if size == b"failed":
-            self.fail(Engine.backups.stdout.readline())
-        lines = Engine.backups.stdout.read(int(size)).decode(errors="surrogateescape").splitlines()
+            self.fail(made.stdout.readline())
+        lines = made.stdout.read(int(size)).decode(errors="surrogateescape").splitlines()
         return [line for line in lines if not line.startswith(("revision ", "checksum "))]
 
     # Runs the tool at a terminal at which somebody answers; returns its code and what is seen.

@@ -30,7 +30,7 @@ class lmdb_writer {
     // Damaged rows are replaced and removed like sound ones. The number of a key's children is written
     // when a key elsewhere is put, and by finish(). True if a key was created, with the children of its
     // batch counted.
-    bool carry_out(const change_view &one, const in_batch &known = {});
+    bool carry_out(const change_view &one, const in_batch &known);
     void finish() { leave({}); }
 
     // Replaces the value of a key; false if there is none. A value that is there already is not
@@ -52,6 +52,7 @@ class lmdb_writer {
     void leave(std::string_view path);
     bool open(std::string_view path);
     row_state seek(std::string_view path, row *found, bool *alone);
+    // False if there was a sound row.
     bool put(std::string_view path, std::string_view value, const in_batch &known);
     void replace_row(std::string_view path, const row &found, std::string_view value);
     void create(std::string_view path, std::string_view value, const in_batch &known);
