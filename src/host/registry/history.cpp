@@ -138,17 +138,19 @@ void change_recorder::note(std::string_view path, std::optional<std::string_view
     // A key that is not there is known only if the change removed it before.
     auto known = before || removes_ ? keys_.find(path) : keys_.end();
     removes_ = removes_ || !after;
+    const size_t value = after.value_or("").size();
     if (known == keys_.end()) {
         constexpr size_t NUMBERS = 12;
-        used_ += path.size() + before.value_or("").size() + NUMBERS;
-        if (left_out_ > 0 || used_ + after.value_or("").size() > most_) {
+        const size_t key = path.size() + before.value_or("").size() + NUMBERS;
+        if (left_out_ > 0 || used_ + key + value > most_) {
             ++left_out_;
             return;
         }
         known = keys_.emplace(path, key_values{}).first;
         if (before) known->second.before = *before;
+        used_ += key;
     }
-    used_ += after.value_or("").size();
+    used_ += value;
     known->second.after.reset();
     if (after) known->second.after = *after;
     if (used_ <= most_) return;
