@@ -43,6 +43,7 @@ void key_list::sort() {
         return path_order()({a.bytes, a.path_size}, {b.bytes, b.path_size});
     };
     sort_runs(rows_.begin(), rows_.end(), before);
+    rows_.shrink_to_fit();
 }
 
 void key_list::sort_unique() {

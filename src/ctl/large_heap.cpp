@@ -11,9 +11,9 @@
 
 namespace keyview::ctl {
 
-// What is made of a document takes more, but larger blocks have mappings of their own, which go back to
-// the system.
-static constexpr size_t FOR_EACH_BYTE = 5;
+// What is made of a document of many small records takes about as much; pages that are never used cost
+// nothing.
+static constexpr size_t FOR_EACH_BYTE = 10;
 static constexpr size_t SMALLEST_FILE = size_t{1} << 20;
 static constexpr size_t LARGEST_HEAP = size_t{1} << 30;
 static constexpr size_t HUGE_PAGE = size_t{2} << 20;

@@ -49,6 +49,14 @@ constexpr bool is_locked_entry(std::string_view locked_key) noexcept {
     return path_within(locked_key, STG_ROOT) && locked_key != first_elements(locked_key, 3);
 }
 
+// Whether it is a database, an entry or a node: a record with a lock of its own.
+constexpr bool is_locked_record(std::string_view locked_key) noexcept {
+    auto below = [&](std::string_view root) {
+        return path_within(locked_key, root) && locked_key != root;
+    };
+    return is_locked_entry(locked_key) || below(DB_ROOT) || below(NODEAPPS_ROOT);
+}
+
 // The lock under which a key is changed.
 inline std::string lock_of(std::string_view path) {
     const std::string_view key = locked_key_of(path);

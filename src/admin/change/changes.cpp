@@ -70,28 +70,15 @@ void lock_list::add(std::string_view path) {
     if (keys_.empty() || keys_.back() != key) keys_.push_back(key);
 }
 
-void lock_list::add_all(const lock_list &more) {
-    static constexpr size_t FEW_MORE = 16;
-    keys_.reserve(keys_.size() + more.keys_.size() + FEW_MORE);
-    keys_.insert(keys_.end(), more.keys_.begin(), more.keys_.end());
-    owners_.insert(owners_.end(), more.owners_.begin(), more.owners_.end());
-}
-
 void lock_list::sort() {
     sort_runs(keys_.begin(), keys_.end(), lock_before);
     keys_.erase(std::unique(keys_.begin(), keys_.end()), keys_.end());
+    keys_.shrink_to_fit();
 }
 
 bool lock_list::includes(const lock_list &other) const {
     return std::includes(keys_.begin(), keys_.end(), other.keys_.begin(), other.keys_.end(),
                          lock_before);
-}
-
-bool lock_list::meets(std::string_view path, size_t *from) const {
-    const std::string_view key = locked_key_of(path);
-    while (*from < size() && keys_[*from] != key && lock_before(keys_[*from], key))
-        ++*from;
-    return *from < size() && keys_[*from] == key;
 }
 
 std::string lock_list::operator[](size_t number) const {

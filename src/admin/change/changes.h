@@ -77,16 +77,12 @@ class lock_list {
 
     // Adds the lock under which a key is changed.
     void add(std::string_view path);
-    void add_all(const lock_list &more);
     void keep(std::shared_ptr<const void> owner) { owners_.push_back(std::move(owner)); }
 
     // Sorts by the names, each once.
     void sort();
     // Of sorted lists.
     bool includes(const lock_list &other) const;
-    // Of a sorted list: whether the lock of a key is found from a number on, which moves up to it; it
-    // may be missed where keys come in another order.
-    bool meets(std::string_view path, size_t *from) const;
 
     size_t size() const { return keys_.size(); }
     std::string operator[](size_t number) const;  // the name

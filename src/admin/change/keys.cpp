@@ -18,14 +18,16 @@ change_result set_key(const std::string &path, const std::string &value,
     if (fault != nullptr)
         throw error(KEYVIEW_FAILURE_USAGE, "no key can be '" + path + "': " + fault);
     change_request request;
-    request.locks.add(request.changes.add(path, value));
+    request.locks = further_locks::of_all;
+    request.changes.add(path, value);
     return change_registry("", ready(std::move(request)), options);
 }
 
 change_result remove_keys(const std::vector<std::string> &paths, change_options options) {
     change_request removal;
+    removal.locks = further_locks::of_all;
     for (const std::string &path : paths) {
-        removal.locks.add(removal.changes.add(path, std::nullopt));
+        removal.changes.add(path, std::nullopt);
         options.present.push_back(path);
     }
     return change_registry("", ready(std::move(removal)), options);

@@ -8,6 +8,7 @@
 
 #include "admin/key_list.h"
 #include "admin/key_map.h"
+#include "model/locks.h"
 #include "model/roots.h"
 
 namespace keyview::admin {
@@ -178,13 +179,21 @@ class planning {
 
     void add_locks() {
         lock_list &locks = made_.reported.locks;
-        locks.add_all(request_.locks);
         locks.keep(keys_);
         locks.keep(made_.before);
-        size_t next = 0;  // of the request's locks
-        for (const change_row &one : made_.reported.changes)
-            if (below_a_root(one.path) && !request_.locks.meets(one.path, &next))
-                locks.add(one.path);
+        size_t asked = request_.locks == further_locks::none ? asked_.size() : 0;
+        const bool all = request_.locks == further_locks::of_all;
+        auto add_asked = [&] {
+            const std::string_view path = asked_.path(asked++);
+            if (all || is_locked_record(locked_key_of(path))) locks.add(path);
+        };
+        for (const change_row &one : made_.reported.changes) {
+            while (asked < asked_.size() && first_(asked_.path(asked), one.path))
+                add_asked();
+            if (below_a_root(one.path)) locks.add(one.path);
+        }
+        while (asked < asked_.size())
+            add_asked();
         locks.sort();
     }
 
@@ -314,7 +323,6 @@ static bool try_to_carry_out(const registry &keys, plan made, const ready_reques
 
 ready_request ready(change_request wanted) {
     wanted.changes.sort();
-    wanted.locks.sort();
     return std::make_shared<const change_request>(std::move(wanted));
 }
 

@@ -40,9 +40,13 @@ struct change_options {
     std::function<void(const std::string &)> step = {};
 };
 
+// The locks of keys in the sections that change are always taken. Of the requested keys also those of
+// records, changed or not, or of all, wherever they are.
+enum class further_locks { none, of_records, of_all };
+
 struct change_request {
-    key_list changes;                        // carried out in the order of their paths
-    lock_list locks = {};                    // at least these
+    key_list changes;  // carried out in the order of their paths
+    further_locks locks = further_locks::none;
     std::vector<std::string> examines = {};  // keys that check reads
     bool prunes_all = false;                 // pruning covers keys outside the sections, too
     // Throws if the request does not fit the tree. present holds at least the keys that change or

@@ -38,7 +38,9 @@ ready_request read_request(std::string_view document) {
     problem_list faults;
     document_plan plan = read_document(document, &faults);
     faults.throw_if_any(INVALID);
-    change_request request = {std::move(plan.changes), std::move(plan.locks)};
+    change_request request;
+    request.changes = std::move(plan.changes);
+    request.locks = further_locks::of_records;
     for (const auto *questions : {&plan.instances, &plan.services})
         for (const question &asked : *questions)
             request.examines.push_back(asked.path);

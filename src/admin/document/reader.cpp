@@ -176,14 +176,8 @@ class document_walk {
         const auto &name = record.at("name").get_ref<const std::string &>();
         const std::string_view key = put(path, own_value(name));
         if (!claim(list, key, place)) return;
-        if (place.has_two_steps()) start_section_record(key);
+        if (place.has_two_steps()) section_record_ = key;
         write_record(list, record, given, path, place);
-    }
-
-    // A database, a storage manager entry or a node: only these have a lock of their own.
-    void start_section_record(std::string_view path) {
-        section_record_ = path;
-        plan_->locks.add(path);
     }
 
     bool append_name(const record_table &table, const json &record, const char *field,

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "admin/change/changes.h"
+#include "admin/key_list.h"
 #include "admin/registry.h"
 
 namespace keyview::admin {
@@ -19,8 +19,7 @@ struct question {
 };
 
 struct document_plan {
-    key_list changes;  // each a put
-    lock_list locks;
+    key_list changes;                 // each a put
     std::vector<question> instances;  // named by a service only: the key must exist
     std::vector<question> services;   // the key may hold another service's name
 };

@@ -57,6 +57,7 @@ void row_order::sort(const change_source &changes) {
         if (!std::is_sorted(level.begin(), level.end(), before))
             std::stable_sort(level.begin(), level.end(), before);
         merged.clear();
+        merged.reserve(order_.size() + level.size());
         std::merge(order_.begin(), order_.end(), level.begin(), level.end(),
                    std::back_inserter(merged), before);
         order_.swap(merged);
