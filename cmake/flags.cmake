@@ -14,6 +14,12 @@ if(KEYVIEW_SANITIZE)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
         add_compile_options(-fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/not_ours.txt)
     endif()
+    if(KEYVIEW_SANITIZE MATCHES "address")
+        add_library(early-pages OBJECT ${CMAKE_CURRENT_LIST_DIR}/early_pages.c)
+        target_compile_options(early-pages PRIVATE -fno-sanitize=all -fno-stack-protector)
+        link_libraries(
+            $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:early-pages>>)
+    endif()
 endif()
 
 # Counters in files that are mapped, so that a process which is killed has counted, too, whatever its
