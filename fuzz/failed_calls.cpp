@@ -18,6 +18,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -129,12 +130,13 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     return opened("openat", directory, path, flags, mode);
 }
 
-// Bytes that nobody wrote are no sound pointers.
+// Bytes that nobody wrote are no sound pointers. Of a large block, which holds text, only the first ones.
 void *operator new(size_t size) {
     constexpr int UNWRITTEN = 0xA5;
+    constexpr size_t MOST = 4096;
     void *block = fails_now("new", true) ? nullptr : malloc(size);
     if (block == nullptr) throw std::bad_alloc();
-    return memset(block, UNWRITTEN, malloc_usable_size(block));
+    return memset(block, UNWRITTEN, std::min(malloc_usable_size(block), MOST));
 }
 
 void operator delete(void *block) noexcept {

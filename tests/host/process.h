@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <mutex>
@@ -52,10 +53,15 @@ class child_process {
         (void)status();
     }
 
-    // The exit status; -1 if a signal ended it or it does not end.
+    // The exit status; -1 if a signal ended it or it does not end. With it ends its side of the meeting,
+    // unless a process that it made has that, too.
     int status() {
+        using namespace std::chrono;
+        const auto deadline = steady_clock::now() + milliseconds(DEADLINE_MS);
         int result = 0;
-        for (int waited = 0; pid > 0 && waited < DEADLINE_MS; ++waited, usleep(1000)) {
+        while (pid > 0 && steady_clock::now() < deadline) {
+            pollfd side = {here.fd, 0, 0};
+            if (poll(&side, 1, 20) == 1) usleep(100);
             if (waitpid(pid, &result, WNOHANG) != pid) continue;
             pid = -1;
             return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
