@@ -30,12 +30,16 @@ static int64_t bytes_in_use(const places & /*where*/) {
     return static_cast<int64_t>(now.uordblks + now.hblkhd);
 }
 
+// Of its own memory: pages of files leave and come back as the system likes.
 static int64_t resident_bytes(const places & /*where*/) {
+    constexpr int64_t KIB = 1024;
     (void)malloc_trim(0);
-    int64_t size = 0;
-    int64_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * sysconf(_SC_PAGESIZE);
+    std::ifstream status("/proc/self/status");
+    int64_t resident = -1;
+    for (std::string word; status >> word;)
+        if (word == "RssAnon:") status >> resident;
+    require(resident >= 0, "the system does not tell the resident memory");
+    return resident * KIB;
 }
 
 // ---- Registries ---------------------------------------------------------------------------------
