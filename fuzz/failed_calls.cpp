@@ -18,7 +18,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -130,13 +129,12 @@ extern "C" int openat(int directory, const char *path, int flags, ...) {
     return opened("openat", directory, path, flags, mode);
 }
 
-// Bytes that nobody wrote are no sound pointers. Of a large block, which holds text, only the first ones.
+// Bytes that nobody wrote are no sound pointers.
 void *operator new(size_t size) {
     constexpr int UNWRITTEN = 0xA5;
-    constexpr size_t MOST = 4096;
     void *block = fails_now("new", true) ? nullptr : malloc(size);
     if (block == nullptr) throw std::bad_alloc();
-    return memset(block, UNWRITTEN, std::min(malloc_usable_size(block), MOST));
+    return memset(block, UNWRITTEN, malloc_usable_size(block));
 }
 
 void operator delete(void *block) noexcept {

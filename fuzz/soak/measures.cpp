@@ -2,7 +2,6 @@
 #include "measures.h"
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>

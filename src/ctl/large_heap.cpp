@@ -18,7 +18,7 @@ static constexpr size_t SMALLEST_FILE = size_t{1} << 20;
 static constexpr size_t LARGEST_HEAP = size_t{1} << 30;
 static constexpr size_t HUGE_PAGE = size_t{2} << 20;
 
-// For the heap to grow, a block of less than has a mapping of its own, but more than is usually free.
+// A block for which the heap grows: too small for a mapping of its own, and larger than what is usually free.
 static constexpr size_t BLOCK = size_t{127} << 10;
 static constexpr int USUAL_PAD = 128 << 10;
 
