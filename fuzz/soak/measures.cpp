@@ -41,6 +41,14 @@ static int64_t resident_bytes(const places & /*where*/) {
     return resident * KIB;
 }
 
+static int64_t mapped_files(const places & /*where*/) {
+    std::ifstream maps("/proc/self/maps");
+    int64_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find(" /") != line.npos ? 1 : 0;
+    return count;
+}
+
 // ---- Registries ---------------------------------------------------------------------------------
 
 static int64_t pages_of_the_file(const places &where) {
@@ -112,6 +120,7 @@ const measure MEASURES[] = {
     {"threads", 0, [](const places &) { return entries_in("/proc/self/task"); }},
     {"bytes in use", 65536, bytes_in_use},
     {"resident bytes", 16 << 20, resident_bytes},
+    {"mapped files", 0, mapped_files},
     {"files", 0, [](const places &where) { return entries_in(where.directory); }},
     {"bytes of files", 2 << 20, bytes_of_files},
     {"pages of the file", 256, pages_of_the_file},

@@ -6,6 +6,7 @@
 // Usage: soak [--plant KIND|all] [SECONDS [SEED]]; --plant leaks one thing of a kind in each round.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -123,11 +124,18 @@ static void leak_key(const places &where, int round) {
             1, [&](size_t) { return row; }, {}, 0);
 }
 
+static void leak_mapping() {
+    const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    (void)mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, file, 0);
+    (void)close(file);
+}
+
 static constexpr leak LEAKS[] = {
     {"descriptor", "descriptors",
      [](const places &, int) { (void)open("/dev/null", O_RDONLY | O_CLOEXEC); }},
     {"thread", "threads", [](const places &, int) { leak_thread(); }},
     {"block", "bytes in use", [](const places &, int) { leak_block(); }},
+    {"mapping", "mapped files", [](const places &, int) { leak_mapping(); }},
     {"file", "files",
      [](const places &where, int round) {
          std::ofstream(where.directory + numbered("/leak", round)) << "x";
