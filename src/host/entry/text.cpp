@@ -1,14 +1,26 @@
 // String folding. Only letters of ASCII have a case, whatever the locale.
+#include <array>
 #include <cstring>
 
 #include "platform/txt.h"
 
-static char lower(char c) {
+static constexpr char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
 }
 
 static char upper(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
+}
+
+// A table, as each flag of a record is compared.
+static unsigned char folded(char c) {
+    static constexpr auto LOWER = [] {
+        std::array<unsigned char, 256> all = {};
+        for (size_t i = 0; i < all.size(); ++i)
+            all[i] = static_cast<unsigned char>(lower(static_cast<char>(i)));
+        return all;
+    }();
+    return LOWER[static_cast<unsigned char>(c)];
 }
 
 // How often from occurs, counted from the left without overlaps.
@@ -40,12 +52,10 @@ void txtlo(char *target, const char *source) {
 }
 
 int32_t txtclo(const char *a, const char *b) {
-    if (strcmp(a, b) == 0) return 0;  // most words of a registry are in one case
-    while (*a != '\0' && lower(*a) == lower(*b)) {
-        ++a;
-        ++b;
+    for (size_t i = 0;; ++i) {
+        const int x = folded(a[i]), y = folded(b[i]);
+        if (x != y || x == 0) return x - y;
     }
-    return static_cast<unsigned char>(lower(*a)) - static_cast<unsigned char>(lower(*b));
 }
 
 // Non-zero, with the text as it was, if the result would not fit. The text is first moved to where

@@ -23,20 +23,16 @@ namespace keyview::host {
                 {"the key is not open: it was closed, or never opened by this handle"});
 }
 
-[[gnu::noinline]] static int32_t no_more_keys(std::string_view path) {
-    return fail(KVTC_ERR_NO_MORE_KEYS, {"'", path, "' has no further subkey"});
-}
-
-[[gnu::noinline]] static int32_t too_small(int32_t code, std::string_view what,
-                                           std::string_view path, uint32_t size,
-                                           std::string_view unit, uint32_t capacity) {
+static int32_t too_small(int32_t code, std::string_view what, std::string_view path, size_t size,
+                         std::string_view unit, uint32_t capacity) {
     return fail(code, {"the ", what, path, "' has ", std::to_string(size), unit, ", the buffer ",
                        std::to_string(capacity)});
 }
 
 // ---- Handles of keys ----------------------------------------------------------------------------
 
-static constexpr uint32_t LOW_24 = 0xFFFFFF;
+// A token: 24 bits for the use of the slot, 16 of the client, 24 for the slot from 1; so never 0.
+static constexpr uint64_t LOW_24 = 0xFFFFFF, ONE_USE = uint64_t{1} << 40;
 
 registry_client::open_key *registry_client::find(const void *handle) {
     auto wanted = reinterpret_cast<uint64_t>(handle);
@@ -50,17 +46,17 @@ registry_client::open_key *registry_client::free_slot() {
     if (first_free_ == nullptr) {
         if (open_.size() == LOW_24) throw host_error(failure::usage, "too many keys are open");
         open_.push_back(std::make_unique<open_key>());
-        open_.back()->slot = static_cast<uint32_t>(open_.size());
+        const uint64_t of_client = (token * 0x9E3779B97F4A7C15U) >> 48;
+        open_.back()->latest_token = of_client << 24 | open_.size();
         first_free_ = open_.back().get();
     }
     return first_free_;
 }
 
-// 16 bits of the client, 24 for the use of the slot, 24 for the slot; never 0.
 void *registry_client::begin_use(open_key *key) {
     first_free_ = key->next_free;
-    key->uses = (key->uses + 1) & LOW_24;
-    key->token = (token * 0x9E3779B97F4A7C15U) >> 48 << 48 | uint64_t{key->uses} << 24 | key->slot;
+    key->latest_token += ONE_USE;
+    key->token = key->latest_token;
     key->listed = false;
     return handle_of(key->token);
 }
@@ -127,16 +123,18 @@ std::string_view registry_client::value_of(const open_key &key) {
     return key.copied.part != nullptr ? key.copied.part->value(key.copied.key) : key.value;
 }
 
+[[gnu::noinline]] int32_t registry_client::value_too_long(const open_key &key, uint32_t capacity) {
+    return too_small(KVTC_ERR_MORE_DATA, "value of '", path_of(key), value_of(key).size(), " bytes",
+                     capacity);
+}
+
 int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
     std::string_view stored = value_of(*key);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(stored.size());
-    if (stored.size() > capacity) {
-        return too_small(KVTC_ERR_MORE_DATA, "value of '", path_of(*key), *size, " bytes",
-                         capacity);
-    }
+    if (stored.size() > capacity) return value_too_long(*key, capacity);
     if (capacity > 0 && !stored.empty()) memcpy(value, stored.data(), stored.size());
     return KVTC_SUCCESS;
 }
@@ -180,7 +178,7 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 
 // ---- Enumeration --------------------------------------------------------------------------------
 
-int32_t registry_client::list_children(open_key *key) {
+[[gnu::noinline]] int32_t registry_client::list_children(open_key *key) {
     const referred_key &known = key->copied;
     copied_key list{known.of == nullptr ? nullptr : known.of->of.get(), known.part, known.key};
     if (list.part == nullptr || !list.part->covers_children(list.key)) {
@@ -204,6 +202,16 @@ int32_t registry_client::list_children(open_key *key) {
     return KVTC_SUCCESS;
 }
 
+[[gnu::noinline]] int32_t registry_client::name_too_long(const open_key &key, uint32_t name_size,
+                                                         uint32_t capacity) {
+    return too_small(NAME_TOO_LONG, "name of a subkey of '", path_of(key), name_size,
+                     " bytes and a zero byte", capacity);
+}
+
+[[gnu::noinline]] int32_t registry_client::no_more_keys(const open_key &key) {
+    return fail(KVTC_ERR_NO_MORE_KEYS, {"'", path_of(key), "' has no further subkey"});
+}
+
 int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, int32_t *last) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
@@ -211,15 +219,12 @@ int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, i
     if (rc != KVTC_SUCCESS) return rc;
     if (key->passed == key->children.count) {
         *last = key->children.count == 0 ? -1 : 0;
-        return no_more_keys(path_of(*key));
+        return no_more_keys(*key);
     }
     std::string_view next = key->list.part->name(key->children.first + key->passed);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(next.size());
-    if (next.size() >= capacity) {
-        return too_small(NAME_TOO_LONG, "name of a subkey of '", path_of(*key), *size,
-                         " bytes and a zero byte", capacity);
-    }
+    if (next.size() >= capacity) return name_too_long(*key, *size, capacity);
     memcpy(name, next.data(), next.size());
     name[next.size()] = '\0';
     ++key->passed;

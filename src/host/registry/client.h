@@ -42,8 +42,7 @@ class registry_client {
 
     struct open_key {
         uint64_t token = 0;  // its handle; 0 while it is free
-        uint32_t slot = 0;   // from 1
-        uint32_t uses = 0;
+        uint64_t latest_token = 0;
         open_key *next_free = nullptr;
 
         // Either a key of a copy, or a path and the value read at the open.
@@ -74,6 +73,9 @@ class registry_client {
         if (from->of != nullptr) kept_copies::release(from->of);
         *from = {};
     }
+    static int32_t value_too_long(const open_key &key, uint32_t capacity);
+    static int32_t name_too_long(const open_key &key, uint32_t name_size, uint32_t capacity);
+    static int32_t no_more_keys(const open_key &key);
     static std::string_view path_of(const open_key &key);
     static std::string_view value_of(const open_key &key);
 
