@@ -279,9 +279,19 @@ class change_set {
             (void)cluster_->txn(request);  // without a condition
         });
         std::optional<marked_run> run = begin_run(first_marker());
-        if (!run) return outcome::tree_moved;
+        if (!run) {
+            drop_journal();
+            return outcome::tree_moved;
+        }
         carry_out(&*run);
         return outcome::done;
+    }
+
+    // Of a change set that cannot begin any more, as the tree has moved.
+    void drop_journal() {
+        wire::TxnRequest request;
+        add_delete(request.mutable_success(), journal());
+        (void)cluster_->txn(request);
     }
 
     std::optional<marked_run> begin_run(const Marker &marker) {
@@ -309,6 +319,10 @@ class change_set {
         if (!entry_.empty()) put(cluster_->keys().journal_entry(id_), entry_);
     }
 
+    key_range journal() const {
+        return beginning_with(cluster_->keys().journals().begin + id_ + "/");
+    }
+
     Marker first_marker() const {
         Marker marker;
         marker.set_id(id_);
@@ -324,8 +338,7 @@ class change_set {
         wire::TxnRequest request = of_plan();
         add_put(request.mutable_success(), cluster_->keys().marker(), marker.SerializeAsString());
         add_touch(request.mutable_success(), cluster_->keys().tree());
-        key_range all = cluster_->keys().journals();
-        key_range mine = beginning_with(all.begin + id_ + "/");
+        const key_range all = cluster_->keys().journals(), mine = journal();
         add_delete(request.mutable_success(), {all.begin, mine.begin});
         add_delete(request.mutable_success(), {mine.end, all.end});
         bool repeated = false;

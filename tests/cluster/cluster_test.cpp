@@ -49,6 +49,13 @@ class Cluster : public testing::Test {
         (void)calls.txn(request, calls.answer_end());
     }
 
+    int keys_below(const std::string &head) const {
+        connection calls(settings_of(url));
+        wire::TxnRequest request;
+        add_range(request.mutable_success(), beginning_with(prefix + head));
+        return range_in(calls.txn(request, calls.answer_end()), 0).kvs_size();
+    }
+
     std::string found_by_check() const {
         std::string found;
         KEYVIEW_BACKEND_KIND.check(
@@ -628,6 +635,22 @@ TEST_F(Cluster, ALargeChangeHoldsOffSmallOnes) {
         EXPECT_EQ(value_at(told, "t.k0"), "old");
     });
     faults.before_step = nullptr;
+    // One for a revision is refused when the tree moves while it is read or planned, and leaves no journal.
+    const std::vector<change> changes = all_with("refused");
+    for (int moves_in : {1, 2, 3, 4}) {
+        int pass = 0;
+        auto read = [&](size_t number) -> change_view {
+            pass += number == KEYS;
+            const std::string value = std::to_string(moves_in);
+            if (number == KEYS && pass == moves_in) theirs.keys->apply({put("t.k0", value)});
+            return {changes[number].what, changes[number].path, changes[number].value};
+        };
+        const change_source source = {changes.size(), read};
+        const uint64_t wanted = mine.keys->now()->current().tree;
+        EXPECT_EQ(failure_of([&] { mine.keys->apply(source, {{}, wanted}); }), failure::changed);
+        EXPECT_EQ(value_at(mine, "t.k0"), std::to_string(moves_in));
+        EXPECT_EQ(keys_below("/journal/"), 0) << moves_in;
+    }
 }
 
 TEST_F(Cluster, DamageIsReportedAndNeverServed) {
