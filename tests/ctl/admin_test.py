@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """keyviewctl as an administrator uses it: formats against their schema, hostile names on a terminal,
 plans and what is written, backups under fire, findings and what mends them."""
-import base64, fcntl, json, os, pty, random, re, shutil, signal, struct, subprocess, sys, tempfile, termios, time
+import base64, contextlib, fcntl, json, os, pty, random, re, shutil, signal, struct, subprocess, sys, tempfile, termios, time
 import unicodedata, unittest
 import jsonschema
 
@@ -13,6 +13,10 @@ EVERY = int(os.environ.get("KEYVIEW_TEST_EVERY", "1"))
 def content(name):
     with open(name, "rb") as file:
         return file.read()
+
+
+def document_of(databases):
+    return {"format": "keyview-cluster", "version": 1, "databases": databases}
 
 
 # The rows of a table beside the tests.
@@ -55,13 +59,13 @@ class Administrator(unittest.TestCase):
 
     # The search for leaks takes as long as the run before it: under sanitizers the first run of each
     # command has it, and one in EVERY.
-    def run_tool(self, *words, stdin=b"", **env):
+    def run_tool(self, *words, stdin=b"", stdout=subprocess.PIPE, **env):
         Administrator.runs += 1
         again = words[:3] in Administrator.searched
         Administrator.searched.add(words[:3])
         options = self.env.get("ASAN_OPTIONS", "")
         leaks = {"ASAN_OPTIONS": options + ":detect_leaks=0"} if again and Administrator.runs % EVERY else {}
-        return subprocess.run([TOOL, *words], input=stdin, capture_output=True, timeout=120,
+        return subprocess.run([TOOL, *words], input=stdin, stdout=stdout, stderr=subprocess.PIPE, timeout=120,
                               env={**self.env, **leaks, **env})
 
     def good(self, *words, code=0, **more):
@@ -80,11 +84,34 @@ class Administrator(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
+    # Writes bytes, a text or a document to a file of the test, in a folder that is made if there is none.
+    def written(self, name, what):
+        what = json.dumps(what) if isinstance(what, (dict, list)) else what
+        os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
+        with open(self.path(name), "wb") as file:
+            file.write(what.encode() if isinstance(what, str) else what)
+        return self.path(name)
+
     # Writes the user's settings file.
     def settings(self, text):
-        os.makedirs(self.path(".config/keyview"), exist_ok=True)
-        with open(self.path(".config/keyview/config"), "wb") as file:
-            file.write(text.encode())
+        self.written(".config/keyview/config", text)
+
+    def apply(self, *databases, codes=(0,), output="table", **how):
+        ended = self.run_tool("apply", "-", "-o", output, stdin=json.dumps(document_of(databases)).encode(), **how)
+        self.assertIn(ended.returncode, codes, ended.stderr)
+        return ended
+
+    # Holds locks in programs of their own until the block ends, or as long as a script takes.
+    @contextlib.contextmanager
+    def holding(self, *locks, script="read end", **env):
+        under = [word for lock in locks for word in (TOOL, "lock", "run", lock, "--")]
+        holder = subprocess.Popen([*under, "sh", "-c", "echo held; " + script], env={**self.env, **env},
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.assertEqual(holder.stdout.readline(), b"held\n")
+        try:
+            yield holder
+        finally:
+            holder.communicate(b"end\n")
 
     # All commands, those below another one as "lock run".
     def commands(self):
@@ -92,22 +119,29 @@ class Administrator(unittest.TestCase):
         below = {word: self.good("__complete", "--", word, "").split() for word in ("lock", "config")}
         return words + [word + " " + one for word in below for one in below[word]]
 
-    # What a person sees on a terminal.
-    def on_terminal(self, *words, columns=80):
+    # Runs the tool at a terminal at which somebody may answer; its code, what is seen, and whether it asked.
+    def at_terminal(self, *words, columns=80, answer=None):
         leader, follower = pty.openpty()
         fcntl.ioctl(follower, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        child = subprocess.Popen([TOOL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
-                                 env={**self.env, "TERM": "xterm", "NO_COLOR": "1"})
+        child = subprocess.Popen([TOOL, *words], stdin=follower if answer else subprocess.DEVNULL, stdout=follower, stderr=follower,
+                                 env={**self.env, "TERM": "xterm", "NO_COLOR": "1"}, start_new_session=True)
         os.close(follower)
-        seen = b""
+        seen, asked = b"", False
         try:
             while block := os.read(leader, 65536):
                 seen += block
+                if answer and not asked and b"[y/N] " in seen:
+                    asked = True
+                    os.write(leader, answer.encode() + b"\n")
         except OSError:  # the end of a terminal
             pass
-        child.wait()
+        code = child.wait(timeout=60)
         os.close(leader)
-        return seen
+        return code, seen, asked
+
+    # What a person sees on a terminal.
+    def on_terminal(self, *words, columns=80):
+        return self.at_terminal(*words, columns=columns)[1]
 
 
 READS = """list|show sales|show ledger|status|status sales|roster sales reporting|policy ledger booking|role sales
@@ -181,8 +215,7 @@ class Output(Administrator):
         wild["services"] += [{"name": long}, {"name": "数据库服务" * 20}, {"name": "e\u0301" * 99}]
         wild["instances"].append({"name": long, "node": long})
         wild["services"][0]["preferred"].append({"name": long})
-        self.good("apply", "-", stdin=json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
-            database("tame"), wild, {"name": "L" * 900, "role": "SNAPSHOT_STANDBY"}]}).encode())
+        self.apply(database("tame"), wild, {"name": "L" * 900, "role": "SNAPSHOT_STANDBY"})
         self.store("DATABASE.DATABASES.wild.ROLE", b"NONE\0")
         locks = ["lock", "run", "LKRT." + long, "--any-name", "--", TOOL, "lock", "list"]
         for command in (["status"], ["status", "wild"], ["status", "tame"], ["roster", "wild", "s00." + "example." * 3],
@@ -205,9 +238,7 @@ class Output(Administrator):
             self.assertEqual(shown(60, "-o", "wide"), whole)
 
     def test_a_reader_that_leaves_ends_the_tool_quietly(self):
-        many = {"format": "keyview-cluster", "version": 1, "databases": [
-            {"name": "d%04d" % n, "spfile": "x" * 200} for n in range(400)]}
-        self.good("apply", "-", stdin=json.dumps(many).encode())
+        self.apply(*({"name": "d%04d" % n, "spfile": "x" * 200} for n in range(400)))
         for command in ("list", "status", "tree", "export", "lint", "ls DATABASE.DATABASES", "backup -", "explain", "errors",
                         "manual keyview-keys", "apply --prune --dry-run " + EXAMPLE, "check", "watch --from 1"):
             for form in ("table", "json"):
@@ -289,32 +320,23 @@ class Changes(Administrator):
         ignored = subprocess.run([TOOL, "lock", "run", name, "--", "sh", "-c", "exit 78"], env=self.env,
                                  preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         self.assertEqual(ignored.returncode, 78)
-        holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; exec sleep 30"],
-                                  env=self.env, stdout=subprocess.PIPE)
-        holder.stdout.readline()
-        holder.terminate()
-        self.assertEqual(holder.wait(timeout=20), 143, "the command was told")
-        holder.stdout.close()
+        with self.holding(name, script="exec sleep 30") as holder:
+            holder.terminate()
+        self.assertEqual(holder.returncode, 143, "the command was told")
 
     def test_what_takes_long_is_told(self):
         name = "LKRT." + SALES
         for words, told in (([], r"(keyviewctl: set goes on for \d s: it waits for keyviewctl, "
                              r"process \d+ on \S+, which holds the lock %s since [\d-]+T[\d:]+Z\n)+" % name),
                             (["-o", "json"], "")):
-            holder = subprocess.Popen([TOOL, "lock", "run", name, "--", "sh", "-c", "echo held; sleep 2.5"],
-                                      env=self.env, stdout=subprocess.PIPE)
-            holder.stdout.readline()
-            ended = self.run_tool("set", SALES + ".DOMAIN", "late", *words)
+            with self.holding(name, script="sleep 2.5"):
+                ended = self.run_tool("set", SALES + ".DOMAIN", "late", *words)
             self.assertEqual(ended.returncode, 0)
             self.assertTrue(re.fullmatch(told, ended.stderr.decode()), ended.stderr)
-            holder.communicate()
 
     def test_what_takes_long_moves_in_one_line_of_a_terminal(self):
-        holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sh", "-c", "echo held; sleep 2"], env=self.env,
-                                  stdout=subprocess.PIPE)
-        holder.stdout.readline()
-        seen = self.on_terminal("status").decode()
-        holder.communicate()
+        with self.holding("LKRT." + SALES, script="sleep 2"):
+            seen = self.on_terminal("status").decode()
         lines = seen[:seen.rindex("\r\x1b[K")].split("\r")[1:]
         shares = []
         for line in lines:
@@ -411,13 +433,10 @@ class Keeping(Administrator):
         a, b = SALES + ".SERVICE.reporting.ENABLED", SALES + ".SERVICE.reporting.INSTANCES.sales4.ENABLED"
         self.good("disable", "sales", "--service", "reporting")
         document = json.loads(content(EXAMPLE))
-        files = []
+        files, service = [], document["databases"][1]["services"][2]
         for flag in (True, False):
-            service = document["databases"][1]["services"][2]
             service["enabled"] = service["preferred"][0]["enabled"] = service["available"][0]["enabled"] = flag
-            files.append(self.path("d%d" % flag))
-            with open(files[-1], "w") as file:
-                json.dump(document, file)
+            files.append(self.written("d%d" % flag, document))
         writer = subprocess.Popen(["sh", "-c", 'while "$0" apply "$1" && "$0" apply "$2"; do :; done', TOOL, *files],
                                   env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                   start_new_session=True)
@@ -453,9 +472,7 @@ class Keeping(Administrator):
         self.assertEqual(sorted(os.listdir(self.folder)), [".local", "full", "registry", "saved"])
 
     def test_an_interrupt_leaves_all_of_a_large_document_or_nothing(self):
-        with open(self.path("large"), "w") as file:
-            json.dump({"format": "keyview-cluster", "version": 1,
-                       "databases": [{"name": "d%04d" % n, "enabled": True} for n in range(3000)]}, file)
+        self.written("large", document_of([{"name": "d%04d" % n, "enabled": True} for n in range(3000)]))
         before = self.good("list").splitlines()
         shutil.copytree(self.path("registry"), self.path("whole"))
         begun = time.monotonic()
@@ -465,21 +482,15 @@ class Keeping(Administrator):
         for part in (0, 2, 4, 6, 7, 8, 9, 10, None):
             registry = self.path("r%s" % part)
             shutil.copytree(self.path("registry"), registry)
-            holder = None
-            if part == 0:
-                holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--registry", "lmdb:" + registry, "--", "sh", "-c",
-                                           "echo; exec sleep 60"], env=self.env, stdout=subprocess.PIPE)
-                holder.stdout.readline()
-            child = subprocess.Popen([TOOL, "apply", self.path("large"), "--registry", "lmdb:" + registry],
-                                     env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            try:
-                child.wait(None if part is None else needed * part / 10)
-            except subprocess.TimeoutExpired:
-                child.send_signal(signal.SIGINT)
-            self.assertIn(child.wait(), (0, -signal.SIGINT))
-            if holder:
-                holder.terminate()
-                holder.communicate()
+            held = ["LKRT." + SALES] if part == 0 else []
+            with self.holding(*held, KEYVIEW_REGISTRY="lmdb:" + registry):
+                child = subprocess.Popen([TOOL, "apply", self.path("large"), "--registry", "lmdb:" + registry],
+                                         env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                try:
+                    child.wait(None if part is None else needed * part / 10)
+                except subprocess.TimeoutExpired:
+                    child.send_signal(signal.SIGINT)
+                self.assertIn(child.wait(), (0, -signal.SIGINT))
             names = self.good("list", "--registry", "lmdb:" + registry).splitlines()
             self.assertIn(len(names), (len(before), len(before) + 3000), part)
             self.assertLessEqual(set(before), set(names))
@@ -509,8 +520,7 @@ class Keeping(Administrator):
                 elif self.run_tool("get", path).returncode == 0:
                     self.good("rm", path)
             if not values:
-                with open(data, "r+b") as file:
-                    file.write(sound.replace(b"/opt/talven/4.2\0", b"/opt/talven/4.3\0"))
+                self.written(data, sound.replace(b"/opt/talven/4.2\0", b"/opt/talven/4.3\0"))
             with self.subTest(rule, values=list(values)):
                 row = told[rule]
                 def reported(command, places):
@@ -544,11 +554,9 @@ class Keeping(Administrator):
         # All wait for the lock when it is released: each flips, or finds nothing to flip.
         for words, possible in ((["disable Sales"] * 2, ([0, 1],)), (["disable Sales", "enable Sales"], ([0, 1], [1, 1])),
                                 (["role Sales LOGICAL_STANDBY"] * 2, ([0, 1],))):
-            holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sleep", "1"], env=self.env)
-            time.sleep(0.3)
-            waiting = [start(*line.split()) for line in words]
+            with self.holding("LKRT." + SALES, script="sleep 0.7"):
+                waiting = [start(*line.split()) for line in words]
             reports = [json.loads(one.communicate()[0])["changes"] for one in waiting]
-            holder.wait()
             self.assertIn(sorted(map(len, reports)), possible, words)
             self.good("apply", EXAMPLE)
 
@@ -560,12 +568,8 @@ class Keeping(Administrator):
         for repair in (["set", key, "again"], ["rm", key, "--yes"], ["apply", EXAMPLE], ["restore", saved, "--force", "--yes"],
                        ["rm", SALES, "--yes"]):
             self.good("set", key, "recognisable")
-            name = os.path.join(self.url.split(":")[1], "data.mdb")
-            with open(name, "r+b") as data:
-                content = data.read()
-                for at in (m.start() for m in re.finditer(b"recognisable", content)):
-                    data.seek(at)
-                    data.write(b"R")
+            name = self.path("registry/data.mdb")
+            self.written(name, content(name).replace(b"recognisable", b"Recognisable"))
             self.assertIn(key, self.good("doctor", code=4))
             self.good("show", "Sales", code=8)
             self.good(*repair)
@@ -574,16 +578,13 @@ class Keeping(Administrator):
             self.good("restore", saved, "--force", "--yes")
 
     def test_a_document_replaces_the_damaged_name_of_a_service(self):
-        document = json.dumps({"format": "keyview-cluster", "version": 1, "databases": [
-            {"name": "Sales", "services": [{"name": "RECOGNISABLE"}]}]}).encode()
+        sales = {"name": "Sales", "services": [{"name": "RECOGNISABLE"}]}
         self.begin_without_history()
-        self.good("apply", "-", stdin=document)
-        name = os.path.join(self.url.split(":")[1], "data.mdb")
-        damaged = content(name).replace(b"RECOGNISABLE", b"rECOGNISABLE")
-        with open(name, "r+b") as data:
-            data.write(damaged)
+        self.apply(sales)
+        name = self.path("registry/data.mdb")
+        self.written(name, content(name).replace(b"RECOGNISABLE", b"rECOGNISABLE"))
         self.good("check", code=8)
-        self.good("apply", "-", stdin=document)
+        self.apply(sales)
         self.good("check")
 
     def test_yaml_is_what_its_json_is(self):
@@ -627,9 +628,9 @@ class Keeping(Administrator):
         def raw(longest):
             bytes_ = bytes(random.randrange(1, 256) for _ in range(random.randrange(longest)))
             return base64.b64encode(bytes_ + b"\xff").decode()
-        document = {"format": "keyview-cluster", "version": 1, "databases": [
+        document = document_of([
             {"name": "d%04d" % n, "home": None, "home_base64": raw(1020), "spfile": text(90),
-             "env": [text(9), None, text(9)], "env_base64": [None, raw(99), None]} for n in range(1000 // EVERY)]}
+             "env": [text(9), None, text(9)], "env_base64": [None, raw(99), None]} for n in range(1000 // EVERY)])
         self.good("rm", "DATABASE", "--yes")
         self.good("apply", "-", stdin=json.dumps(document).encode())
         exported = self.good("export")
@@ -668,11 +669,6 @@ class Damage(Administrator):
         keys = self.json("tree", "--registry", url)["keys"]
         return {key["path"]: key.get("value_base64") or key["value"] for key in keys}
 
-    def write(self, data):
-        with open(self.data, "r+b") as file:
-            file.write(data)
-            file.truncate()
-
     # Flips a bit of the stored row of a key: of its checksum, or of the key itself.
     def damage(self, path, of_key=False):
         row, value = row_of(path), self.before[path].encode("utf-8")
@@ -680,7 +676,7 @@ class Damage(Administrator):
         for at in (match.start() for match in re.finditer(re.escape(row), self.sound)):
             data[at + (len(row) - 5 if of_key else len(row) + 4 + len(value))] ^= 1
         self.assertNotEqual(data, self.sound)
-        self.write(data)
+        self.written(self.data, data)
 
     # A key of each kind: its path with <> for names, and the first key that is one, of database sales if there is one.
     def kinds(self):
@@ -713,8 +709,7 @@ class Damage(Administrator):
             self.assertIn(key, [one["place"] for one in error["problems"]])
             if first:
                 self.assertEqual(self.run_tool(*words, "-o", "json").returncode, 2, "nothing is replaced")
-        with open(self.path("part.json")) as file:
-            DOCUMENT.validate(json.load(file))
+        DOCUMENT.validate(json.loads(content(self.path("part.json"))))
         self.good("restore", self.path("part"), "--registry", "lmdb:" + self.path("fresh"))
         for url in ("fresh", "copy"):
             self.assertEqual(self.tree("lmdb:" + self.path(url)), expected)
@@ -757,7 +752,7 @@ class Damage(Administrator):
                 self.good("set", key, "--as", "base64", base64.b64encode(self.before[key].encode()).decode())
                 self.good("check")
                 self.assertEqual(self.tree(self.url), self.before)
-                self.write(self.sound)
+                self.written(self.data, self.sound)
         self.assertGreater(kinds * EVERY, 35)
 
     def test_one_misfit_of_each_kind_takes_nothing_else_with_it(self):
@@ -785,7 +780,7 @@ class Damage(Administrator):
                         for record in whole[section]:
                             if not {record["name"].lower(), record.get("scope")} & set(names):
                                 self.assertIn(record, salvaged[section])
-                self.write(self.sound)
+                self.written(self.data, self.sound)
 
     def test_status_shows_the_others_and_says_why(self):
         self.damage(SALES + ".SPFILE")
@@ -810,7 +805,7 @@ class Damage(Administrator):
                 self.assertEqual([row["database"] for row in shown][1:], ["sales", "SalesStandby", "sandbox"])
                 self.assertEqual([row["error"] for row in shown if row["error"]], codes)
                 self.assertTrue(all((row["why"] is None) == (row["error"] is None) for row in shown))
-        self.write(self.sound)
+        self.written(self.data, self.sound)
         begun = time.monotonic()
         locks = sum((["lock", "run", "LKRT.DATABASE.DATABASES." + name, "--", TOOL] for name in ("ledger", "sales", "sandbox")), [])
         self.good(*locks[:-1], TOOL, "status", code=5, KEYVIEW_LOCK_WAIT="1")
@@ -823,9 +818,9 @@ class Damage(Administrator):
         def key_damage():
             self.damage(SALES + ".START_OPTIONS", of_key=True)
         def cut():
-            self.write(self.sound[:4096 * 6])
+            self.written(self.data, self.sound[:4096 * 6])
         def page():
-            self.write(self.sound[:4096 * 3] + b"\xff" * 64 + self.sound[4096 * 3 + 64:])
+            self.written(self.data, self.sound[:4096 * 3] + b"\xff" * 64 + self.sound[4096 * 3 + 64:])
         commands = ["show Sales", "status", "status sales", "list", "export", "backup -", "copy --to lmdb:" + self.path("no"), "tree",
                     "lint", "check", "doctor", "get %s.START_OPTIONS" % SALES, "role sales PRIMARY", "roster sales reporting",
                     "backup --salvage " + self.path("s"), "export --salvage -", "copy --to lmdb:%s --salvage" % self.path("c"),
@@ -843,7 +838,7 @@ class Damage(Administrator):
                     found += 1
                     self.assertTrue(named or command == "check", (make.__name__, command, text))
                 advice |= named
-                self.write(damaged)
+                self.written(self.data, damaged)
             self.assertGreater(found, 8, make.__name__)
             for line in sorted(advice):
                 with self.subTest(make.__name__, line=line):
@@ -855,7 +850,7 @@ class Damage(Administrator):
                     self.good(*line.split(), code=8 if inspects else 0)
                     if restores and "--registry" in line:
                         self.assertEqual(self.tree("lmdb:" + self.path("other")), self.before)
-                    self.write(damaged)
+                    self.written(self.data, damaged)
                     for name in ("new", "other", "s", "c"):
                         subprocess.run(["rm", "-rf", self.path(name)], check=True)
 
@@ -868,13 +863,11 @@ class ExitCodes(Administrator):
         os.chmod(self.path("saved"), 0o644)
         self.good("apply", EXAMPLE)
         self.good("disable", "sandbox")
-        with open(self.path("changes"), "w") as file:
-            json.dump(self.json("disable", "sales", "--service", "nightly_batch"), file)
+        self.written("changes", self.json("disable", "sales", "--service", "nightly_batch"))
         self.good("set", "DATABASE.MORE", "--as", "text", "x")
         self.words = {"<example>": EXAMPLE, "<saved>": self.path("saved"), "<changes>": self.path("changes"), "<folder>": self.folder,
                       "<other>": "lmdb:" + self.path("other")}
-        rows = [[cell.strip() for cell in line.split("|")] for line in table("matrix.txt")]
-        self.rows = rows[::(EVERY + 1) // 2]
+        self.rows = [[cell.strip() for cell in line.split("|")] for line in table("matrix.txt")[::(EVERY + 1) // 2]]
         self.env["KEYVIEW_LOCK_WAIT"] = "0"
 
     def code(self, command, *more, **how):
@@ -947,15 +940,10 @@ class ExitCodes(Administrator):
         self.assertEqual(set(codes), {4, 0})
 
     def test_locks_refused(self):
-        command = ["sh", "-c", "echo held; read end"]
-        for place in ("DATABASES", "DATABASES.sales", "DATABASES.ledger", "STG.node1.stg1", "NODEAPPS.node1"):
-            scope = "LKRT.STG." if place[:3] == "STG" else "LKRT."
-            command = [TOOL, "lock", "run", scope + "DATABASE." + place, "--"] + command
-        holder = subprocess.Popen(command, env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.assertEqual(holder.stdout.readline(), b"held\n")
         self.rows = [row for row in self.rows if row[0].split()[0] not in ("recover", "diff", "doctor")]
-        self.each(self.code, lambda holds: 5 if "locks" in holds else 0)
-        holder.communicate(b"end\n")
+        with self.holding("LKRT.DATABASE.NODEAPPS.node1", "LKRT.STG.DATABASE.STG.node1.stg1", "LKRT.DATABASE.DATABASES.ledger",
+                          "LKRT.DATABASE.DATABASES.sales", "LKRT.DATABASE.DATABASES"):
+            self.each(self.code, lambda holds: 5 if "locks" in holds else 0)
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
     def test_denied(self):
@@ -972,8 +960,7 @@ class Comfort(Administrator):
     def test_each_command_has_help_with_an_example_that_runs(self):
         shutil.copy(EXAMPLE, self.path("cluster.json"))
         self.good("backup", self.path("saved"))
-        with open(self.path("changes.json"), "w") as file:
-            json.dump(self.json("disable", "sandbox"), file)
+        self.written("changes.json", self.json("disable", "sandbox"))
         self.settings("[context.test]\ncolor = never\n")
         whole = self.good("help")
         self.assertEqual(whole, self.good("--help"))
@@ -997,9 +984,7 @@ class Comfort(Administrator):
         self.assertIn(b"did you mean Sales?", self.run_tool("show", "slaes").stderr)
 
     def test_settings_come_in_their_order(self):
-        os.makedirs(self.path(".config/keyview"))
-        with open(self.path(".config/keyview/config"), "w") as file:
-            file.write("output = json\nregistry = lmdb:/user\n[context.test]\nregistry = lmdb:/context\n")
+        self.settings("output = json\nregistry = lmdb:/user\n[context.test]\nregistry = lmdb:/context\n")
         def registry(*words, **env):
             rows = json.loads(self.good("config", *words, **env))["config"]
             return [row["value"] for row in rows if row["setting"] == "registry"][0]
@@ -1011,14 +996,13 @@ class Comfort(Administrator):
         self.good("config", "--context", "absent", code=2)
 
     def test_each_line_of_a_settings_file_counts(self):
-        name = self.path(".config/keyview/config")
-        os.makedirs(os.path.dirname(name))
+        name = ".config/keyview/config"
         escapes = {"\\n": b"\n", "\\r": b"\r", "\\t": b"\t"}
         for line in content(os.path.join(os.path.dirname(__file__), "settings.txt")).decode().splitlines()[2:]:
             text, chosen, *told = line.split(" | ")
-            with open(name, "wb") as file:
-                file.write(b"".join(escapes.get(part) or (bytes([int(part[2:], 16)]) if part[:2] == "\\x" else part.encode())
-                                    for part in re.split(r"(\\(?:[nrt]|x..))", text)))
+            name = self.written(name, b"".join(
+                escapes.get(part) or (bytes([int(part[2:], 16)]) if part[:2] == "\\x" else part.encode())
+                for part in re.split(r"(\\(?:[nrt]|x..))", text)))
             with self.subTest(line):
                 if chosen != "-":
                     rows = json.loads(self.good("config", "-o", "json", KEYVIEW_REGISTRY=""))["config"]
@@ -1043,10 +1027,7 @@ class Comfort(Administrator):
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
     def test_settings_that_may_not_be_read(self):
-        name = self.path(".config/keyview/config")
-        os.makedirs(os.path.dirname(name))
-        with open(name, "w") as file:
-            file.write("output = json\n")
+        name = self.written(".config/keyview/config", "output = json\n")
         for mode, home, code in ((0o600, 0o755, 7), (0o644, 0o755, 0), (0o600, 0o700, 0)):
             os.chmod(name, mode)
             os.chmod(self.folder, home)
@@ -1093,8 +1074,7 @@ class Comfort(Administrator):
         self.assertEqual(complete("enabled", "sales", "--instance", "sales4")[0], ["Sales4"])
         self.assertIn(SALES, complete("get", "DATABASE.DATABASES.")[0])
         self.assertEqual(complete("show", "s", KEYVIEW_REGISTRY="lmdb:/absent")[0], [])
-        many = {"format": "keyview-cluster", "version": 1, "databases": [{"name": "db%d" % n} for n in range(1000)]}
-        self.good("apply", "-", stdin=json.dumps(many).encode())
+        self.apply(*({"name": "db%d" % n} for n in range(1000)))
         names, took = min((complete("show", "db") for _ in range(3)), key=lambda one: one[1])
         self.assertEqual(len(names), 1000)
         print("completion of 1,000 databases: %.0f ms" % (took * 1000))

@@ -75,12 +75,9 @@ class Shows(Board):
 
     def test_a_thousand_databases(self):
         def apply(role):
-            with open(self.path("many.json"), "w") as file:
-                json.dump({"format": "keyview-cluster", "version": 1, "databases": [
-                    {"name": "d%03d" % number, "role": role, "enabled": True,
-                     "instances": [{"name": "i", "node": "n%d" % (number % 10), "enabled": True}]}
-                    for number in range(1000)]}, file)
-            self.good("apply", self.path("many.json"), "--yes")
+            self.apply(*({"name": "d%03d" % number, "role": role, "enabled": True,
+                          "instances": [{"name": "i", "node": "n%d" % (number % 10), "enabled": True}]}
+                         for number in range(1000)))
 
         apply("PRIMARY")
         shown = self.follow()
@@ -202,18 +199,12 @@ class Ends(Board):
     def test_trouble_is_shown_beside_what_was_read_before(self):
         shown = self.follow("SALES")
         shown.wait("database Sales", "Sales1 +node1")
-        locks = subprocess.Popen(
-            [TOOL, "lock", "run", "LKRT.DATABASE.DATABASES.sales", "--", "sh", "-c", "echo held; read line"],
-            env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.addCleanup(locks.communicate)
-        self.assertEqual(locks.stdout.readline(), b"held\n")
-        data = self.path("registry/data.mdb")
-        os.rename(data, data + ".away")
-        shown.wait(r"stale for \d s", "Sales1 +node1", "^the registry in .* was deleted")
-        os.rename(data + ".away", data)
-        shown.wait("1 cannot be read", "locked: the shared lock LKRT", r"read \d+ s\s+ago:", "Sales1 +node1")
-        locks.stdin.write(b"\n")
-        locks.stdin.flush()
+        with self.holding("LKRT.DATABASE.DATABASES.sales"):
+            data = self.path("registry/data.mdb")
+            os.rename(data, data + ".away")
+            shown.wait(r"stale for \d s", "Sales1 +node1", "^the registry in .* was deleted")
+            os.rename(data + ".away", data)
+            shown.wait("1 cannot be read", "locked: the shared lock LKRT", r"read \d+ s\s+ago:", "Sales1 +node1")
         shown.wait("^good", "^  enabled, role PRIMARY")
         shown.press("\x1b", "^>.Sales ")
         self.assertNotIn("*", shown.text(), "a wait is no change")

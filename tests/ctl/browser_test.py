@@ -234,8 +234,7 @@ class ReportInABrowser(Browser):
             server.stderr.close()
 
     def test_a_picture_follows_light_and_dark(self):
-        with open(self.path("sales.svg"), "w") as file:
-            file.write(self.good("graph", "sales"))
+        self.written("sales.svg", self.good("graph", "sales"))
         self.driver.get("file://" + self.path("sales.svg"))
         back = "return getComputedStyle(document.querySelector('rect')).fill"
         seen = [self.driver.execute_script(back)]

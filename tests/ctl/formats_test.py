@@ -76,8 +76,7 @@ class OnOneMachine(Stored, Administrator):
     # Each row: what becomes a newer version, by the bytes to replace; the command that reads it, its exit code
     # and words of the text. Nothing is written.
     def test_a_newer_version_is_refused(self):
-        with open(self.path("registry/format"), "w") as file:
-            file.write("keyview 1\n")
+        self.written("registry/format", "keyview 1\n")
         before = self.keys(self.url)
         rows = [
             ("backup.txt", b"keyview-backup 1", b"keyview-backup 2", "restore --force --yes", 8, b"it has format 2"),
@@ -93,18 +92,13 @@ class OnOneMachine(Stored, Administrator):
         ]
         for name, old, new, command, code, text in rows:
             in_registry = name.startswith("registry/")
-            stored = self.path(name) if in_registry else self.file(name)
-            bytes_of_it = content(stored)
+            bytes_of_it = content(self.path(name) if in_registry else self.file(name))
             self.assertIn(old, bytes_of_it)
-            newer = stored if in_registry else self.path(name)
-            with open(newer, "wb") as file:
-                file.write(bytes_of_it.replace(old, new))
+            newer = self.written(name, bytes_of_it.replace(old, new))
             ended = self.run_tool(*command.split(), *([] if in_registry else [newer]))
             self.assertEqual(ended.returncode, code, (name, command, ended.stderr))
             self.assertIn(text, ended.stderr, (name, command))
-            if in_registry:
-                with open(newer, "wb") as file:
-                    file.write(bytes_of_it)
+            self.written(name, bytes_of_it)
             self.assertEqual(self.keys(self.url), before, (name, command))
 
 

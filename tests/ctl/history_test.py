@@ -3,7 +3,7 @@
 however the writer ends; undo takes each one back. On one machine and in a cluster."""
 import json, os, random, signal, subprocess, sys, threading, time, unittest
 
-from admin_test import EVERY, TOOL, Administrator
+from admin_test import EVERY, TOOL, Administrator, document_of
 from slips_test import Cluster
 
 SALES = "DATABASE.DATABASES.sales"
@@ -44,16 +44,15 @@ class History:
     def command(self, dice):
         name = "d%d" % dice.randrange(4)
         value = "".join(dice.choice("ab\u00e9 =\\") for _ in range(dice.randrange(1, 60)))
-        document = {"format": "keyview-cluster", "version": 1, "databases": [
-            {"name": name, "domain": value, "instances": [{"name": "i%d" % n} for n in range(dice.randrange(40))]}]}
+        database = {"name": name, "domain": value, "instances": [{"name": "i%d" % n} for n in range(dice.randrange(40))]}
         return dice.choice([
             (["set", SALES + ".DOMAIN", value], b""),
             (["set", SALES + ".X%d.Y" % dice.randrange(3), "--create", "--as", "base64", "AP8A/w=="], b""),
             (["rm", SALES + ".X%d" % dice.randrange(3), "--yes"], b""),
             ([dice.choice(("enable", "disable")), "sales", "--service", "reporting"], b""),
             (["role", "ledger", dice.choice(("PRIMARY", "LOGICAL_STANDBY"))], b""),
-            (["apply", "-"], json.dumps(document).encode()),
-            (["apply", "-", "--prune", "--yes"], json.dumps({**document, "databases": []}).encode())
+            (["apply", "-"], json.dumps(document_of([database])).encode()),
+            (["apply", "-", "--prune", "--yes"], json.dumps(document_of([])).encode())
             if dice.randrange(8) == 0 else (["rm", "database", name, "--yes"], b""),
         ])
 
@@ -153,9 +152,8 @@ class History:
 
     # The values that one change may take are bounded: the rest of its keys is counted.
     def test_a_large_change_is_kept_in_part(self):
-        many = {"format": "keyview-cluster", "version": 1, "databases": [
-            {"name": "many", "instances": [{"name": "i%04d" % n, "node": "n" * 99} for n in range(300)]}]}
-        created = self.json("apply", "-", stdin=json.dumps(many).encode(), KEYVIEW_HISTORY="32768")["created"]
+        many = {"name": "many", "instances": [{"name": "i%04d" % n, "node": "n" * 99} for n in range(300)]}
+        created = self.json("apply", self.written("many", document_of([many])), KEYVIEW_HISTORY="32768")["created"]
         entry = self.history()[-1]
         self.assertEqual(len(entry["changes"]) + entry["left_out"], created)
         self.assertTrue(entry["changes"])

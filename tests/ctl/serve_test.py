@@ -13,7 +13,7 @@ import urllib.parse
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 
 import hostile
-from admin_test import EVERY, EXAMPLE, TOOL, VALIDATOR, Administrator
+from admin_test import EVERY, EXAMPLE, TOOL, VALIDATOR, Administrator, content
 from slips_test import Cluster
 
 LONG = "--long" in sys.argv
@@ -157,19 +157,16 @@ class Answers(Served):
         self.env["KEYVIEW_LOCK_WAIT"] = "0"
         held = {"/v1/databases/ledger": "LKRT.DATABASE.DATABASES.ledger", "/v1/nodeapps/node1": "LKRT.DATABASE.NODEAPPS.node1",
                 "/v1/stg/node1/stg1": "LKRT.STG.DATABASE.STG.node1.stg1"}
-        under = [word for lock in held.values() for word in (TOOL, "lock", "run", lock, "--")]
-        holder = subprocess.Popen(under + ["sh", "-c", "echo held; read end"], env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        holder.stdout.readline()
-        self.serve()
-        for path in held:
-            error = json.loads(self.body(path, 503))
-            VALIDATOR.validate(error)
-            self.assertEqual(error["error"], "lock", path)
-        self.assertEqual(self.ask("/v1/stg/node2/stg2")[0], 200)
-        rows = json.loads(self.body("/v1/status"))["databases"]
-        self.assertEqual([row["error"] for row in rows if row["database"] == "ledger"], ["lock"])
-        self.assertEqual(self.body("/readyz"), b"ok\n")
-        holder.communicate(b"end\n")
+        with self.holding(*held.values()):
+            self.serve()
+            for path in held:
+                error = json.loads(self.body(path, 503))
+                VALIDATOR.validate(error)
+                self.assertEqual(error["error"], "lock", path)
+            self.assertEqual(self.ask("/v1/stg/node2/stg2")[0], 200)
+            rows = json.loads(self.body("/v1/status"))["databases"]
+            self.assertEqual([row["error"] for row in rows if row["database"] == "ledger"], ["lock"])
+            self.assertEqual(self.body("/readyz"), b"ok\n")
         for path in held:
             self.wait_for(path, 200)
 
@@ -189,8 +186,7 @@ class Answers(Served):
         self.assertEqual({name: values.get(name) for name in expected}, expected)
         samples = {name[0] for name in values}
         for example in ("alerts.yaml", "dashboard.json"):
-            with open(os.path.join(os.path.dirname(EXAMPLE), example)) as file:
-                used = set(re.findall(r"keyview_\w+", file.read()))
+            used = set(re.findall(r"keyview_\w+", content(os.path.join(os.path.dirname(EXAMPLE), example)).decode()))
             self.assertGreater(len(used), 3)
             self.assertLessEqual(used, samples, example)
 
@@ -320,9 +316,7 @@ class Rights(Served):
         return ["--tls-cert", self.path("cert"), "--tls-key", self.path("key")]
 
     def login(self, text="carol:secret\n", mode=0o600):
-        name = self.path("login%o%d" % (mode, len(text)))
-        with open(name, "w") as file:
-            file.write(text)
+        name = self.written("login%o%d" % (mode, len(text)), text)
         os.chmod(name, mode)
         return ["--login", name]
 
@@ -331,7 +325,7 @@ class Rights(Served):
         for source, name, mode in (("cert", "wrong", 0o600), ("key", "shown", 0o644)):
             shutil.copyfile(self.path(source), self.path(name))
             os.chmod(self.path(name), mode)
-        open(self.path("empty"), "w").close()
+        self.written("empty", "")
         for words, why in (([], "no TLS or no login"), (tls, "no TLS or no login"), (self.login(), "no TLS or no login"),
                            (tls + self.login(mode=0o644), "others than its owner"), (tls + self.login("carol"), "no login"),
                            (["--tls-cert", self.path("empty")] + tls[2:] + self.login(), "no certificate"),
@@ -368,8 +362,7 @@ class Rights(Served):
     def test_secrets_are_cleared_once_they_were_read(self):
         words = self.certificate() + self.login("carol:a-password-in-a-core\n")
         self.serve("--listen", "127.0.0.1:0", *words)
-        with open(self.path("key"), "rb") as file:
-            secrets = file.read().split(b"\n")[1:3] + [b"a-password-in-a-core"]
+        secrets = content(self.path("key")).split(b"\n")[1:3] + [b"a-password-in-a-core"]
         if EVERY > 1:  # a sanitizer keeps what the library of TLS freed, its copies of the key
             del secrets[:2]
         with open("/proc/%d/maps" % self.server.pid) as maps, open("/proc/%d/mem" % self.server.pid, "rb", 0) as memory:
@@ -395,8 +388,7 @@ class Rights(Served):
         self.server.terminate()
         self.assertEqual(self.server.wait(20), 0)
         self.assertFalse(os.path.exists(path))
-        with open(path, "w"):
-            pass
+        self.written("socket", "")
         self.assertEqual(self.run_tool("serve", "--listen", "unix:" + path, "--for", "0.1").returncode, 2)
         self.assertTrue(os.path.exists(path), "what is no socket stays")
 
@@ -413,8 +405,7 @@ class Rights(Served):
 
 class End(Served):
     def test_sigterm_lets_answers_end(self):
-        document = {"format": "keyview-cluster", "version": 1, "databases": [{"name": "db%d" % n, "spfile": "x" * 900} for n in range(3000)]}
-        self.good("apply", "-", "--yes", stdin=json.dumps(document).encode())
+        self.apply(*({"name": "db%d" % n, "spfile": "x" * 900} for n in range(3000)))
         self.serve()
         busy = socket.socket()
         busy.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)

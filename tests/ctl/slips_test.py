@@ -2,9 +2,9 @@
 """What a slip of the hand does: it is refused with words that help, and leaves every key as it was. What
 removes or replaces more than one record asks first, and the command that its answer names brings all of
 it back. Both on LMDB and in a cluster of one member."""
-import functools, json, os, pty, re, shutil, socket, subprocess, sys, tempfile, time, unittest
+import functools, json, os, re, shutil, socket, subprocess, sys, tempfile, time, unittest
 
-from admin_test import EVERY, EXAMPLE, SALES, TOOL, Administrator, content
+from admin_test import EVERY, EXAMPLE, SALES, TOOL, Administrator, content, document_of
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -44,23 +44,9 @@ class Engine(Administrator):
         lines = made.stdout.read(int(size)).decode(errors="surrogateescape").splitlines()
         return [line for line in lines if not line.startswith(("revision ", "checksum "))]
 
-    # Runs the tool at a terminal at which somebody answers; returns its code and what is seen.
     def answered(self, answer, *words):
-        leader, follower = pty.openpty()
-        child = subprocess.Popen([TOOL, *words], stdin=follower, stdout=follower, stderr=follower,
-                                 env={**self.env, "TERM": "xterm", "NO_COLOR": "1"}, start_new_session=True)
-        os.close(follower)
-        seen, asked = b"", False
-        try:
-            while block := os.read(leader, 65536):
-                seen += block
-                if not asked and b"[y/N] " in seen:
-                    asked = True
-                    os.write(leader, answer.encode() + b"\n")
-        except OSError:  # the end of a terminal
-            pass
-        os.close(leader)
-        return child.wait(timeout=60), seen.decode(errors="replace"), asked
+        code, seen, asked = self.at_terminal(*words, answer=answer)
+        return code, seen.decode(errors="replace"), asked
 
 
 class Cluster(Engine):
@@ -102,20 +88,14 @@ class Removals:
 
     def setUp(self):
         super().setUp()
-        part = {"format": "keyview-cluster", "version": 1, "databases": [{"name": "Sales"}]}
-        with open(self.path("part"), "w") as file:
-            json.dump(part, file)
-        self.good("apply", self.path("part"), "--registry", self.other)
+        self.good("apply", self.written("part", document_of([{"name": "Sales"}])), "--registry", self.other)
         self.good("backup", self.path("less"), "--registry", self.other)
         for name in ("sales", "ledger"):
             self.good("set", "DATABASE.DATABASES.%s.ROLE" % name, "LOGICAL_STANDBY")
         self.good("backup", self.path("others"))
         self.good("copy", "--to", self.other, "--force", "--yes")
         self.good("apply", EXAMPLE)
-        part["databases"] = [{"name": "first"}, {"name": "second"}]
-        created = self.good("apply", "-", "-o", "json", stdin=json.dumps(part).encode())
-        with open(self.path("created"), "w") as file:
-            file.write(created)
+        self.written("created", self.apply({"name": "first"}, {"name": "second"}, output="json").stdout)
         self.store("DATABASE.DATABASES.sales.SPFILE", b"\xff\x00\x01 no text")
         self.store("DATABASE.DATABASES.sales.LATER", b"")
 
@@ -195,23 +175,17 @@ class Removals:
 class Slips:
     def setUp(self):
         super().setUp()
-        def write(name, text):
-            os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
-            with open(self.path(name), "w") as file:
-                file.write(text)
-            return self.path(name)
-        document = {"format": "keyview-cluster", "version": 1}
-        self.good("apply", "-", "--registry", self.other, stdin=json.dumps({**document, "databases": [{"name": "a"}, {"name": "b"}]}).encode())
+        self.apply({"name": "a"}, {"name": "b"}, KEYVIEW_REGISTRY=self.other)
         self.good("backup", self.path("less"), "--registry", self.other)
         self.good("backup", self.path("saved"))
-        write("typo/.config/keyview/config", "registri = lmdb:/x\n")
+        self.written("typo/.config/keyview/config", "registri = lmdb:/x\n")
         own = self.url.split(":", 1)[1] + "/data.mdb"
         self.marks = {"<example>": EXAMPLE, "<backup>": self.path("saved"), "<less>": self.path("less"),
                       "<other>": self.other, "<folder>": self.folder, "<tool>": TOOL, "<typo>": self.path("typo"),
                       "<own>": own if os.path.exists(own) else TOOL,
-                      "<empty>": write("empty", json.dumps({**document, "databases": []})),
-                      "<rol>": write("rol", json.dumps({**document, "databases": [{"name": "Sales", "rol": "PRIMARY"}]})),
-                      "<service>": write("service", json.dumps({**document, "databases": [{"name": "Sales", "service": []}]}))}
+                      "<empty>": self.written("empty", document_of([])),
+                      "<rol>": self.written("rol", document_of([{"name": "Sales", "rol": "PRIMARY"}])),
+                      "<service>": self.written("service", document_of([{"name": "Sales", "service": []}]))}
 
         for name, script in (("breaks", "echo x >> $1"), ("empties", ": > $1"), ("renames", "sed -i s/Sales\\\",/Other\\\",/ $1"),
                              ("misspells", "sed -i s/role/rol/ $1"), ("fails", "echo x >> $1; exit 3"),
@@ -219,7 +193,7 @@ class Slips:
                              ("late", "%s role ledger LOGICAL_STANDBY; sed -i s/PRIMARY/LOGICAL_STANDBY/ $1" % TOOL),
                              ("fewer", "python3 -c \"import json; d = json.load(open('$1')); d['databases'][0]['services'] = []; "
                                        "json.dump(d, open('$1', 'w'))\"")):
-            os.chmod(write(name, "#!/bin/sh\n" + script + "\n"), 0o755)
+            os.chmod(self.written(name, "#!/bin/sh\n" + script + "\n"), 0o755)
             self.marks["<%s>" % name] = self.path(name)
 
     def meant(self, text):
@@ -278,10 +252,7 @@ class Slips:
 
     # More locks than are taken one by one, while the command's parent holds one of another name.
     def test_a_wide_plan_waits_for_no_lock_above_it(self):
-        document = {"format": "keyview-cluster", "version": 1,
-                    "databases": [{"name": "wide%d" % n} for n in range(40)]}
-        with open(self.path("wide"), "w") as file:
-            json.dump(document, file)
+        self.written("wide", document_of([{"name": "wide%d" % n} for n in range(40)]))
         for name, code in (("LKRT.DATABASE.DATABASES.wide7", 5), ("weekly", 0)):
             ended = self.run_tool("lock", "run", name, "--any-name", "--", TOOL, "apply", self.path("wide"))
             self.assertEqual(ended.returncode, code, ended.stderr)
@@ -289,14 +260,11 @@ class Slips:
     def test_a_writer_that_waits_behind_a_removal_finds_nothing(self):
         for words in (["disable", "sales"], ["role", "sales", "LOGICAL_STANDBY"], ["set", SALES + ".DOMAIN", "late"],
                       ["rm", SALES, "--yes"], ["enable", "sales", "--service", "nightly_batch"]):
-            holder = subprocess.Popen([TOOL, "lock", "run", "LKRT." + SALES, "--", "sh", "-c", "echo held; read end"],
-                                      env=self.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-            holder.stdout.readline()
-            removal = subprocess.Popen([TOOL, "rm", SALES, "--yes"], env=self.env, stdout=subprocess.DEVNULL)
-            time.sleep(0.3)
-            waiting = subprocess.Popen([TOOL, *words], env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            time.sleep(0.3)
-            holder.communicate(b"end\n")
+            with self.holding("LKRT." + SALES):
+                removal = subprocess.Popen([TOOL, "rm", SALES, "--yes"], env=self.env, stdout=subprocess.DEVNULL)
+                time.sleep(0.3)
+                waiting = subprocess.Popen([TOOL, *words], env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                time.sleep(0.3)
             removal.wait()
             out, err = waiting.communicate(timeout=60)
             first = waiting.returncode == 0  # it came before the removal
