@@ -157,8 +157,8 @@ static void measure_first(const bench_setup &setup) {
 
 // ---- The calls alone ----------------------------------------------------------------------------
 
-// A process can be faster or slower by half in all that it does, from its start to its end. So each
-// figure of a round is that of a new process.
+// At about the same time one process was seen to be slower than another one by half in all that it did.
+// So each figure of a round is that of a new process.
 static void measure_calls(const bench_setup &setup, const record_size &size, const char *to_calls,
                           const char *floor_to_pass) {
     if (!setup.to->wants({to_calls, floor_to_pass})) return;
