@@ -1,10 +1,11 @@
 // Applies a change set: in one transaction if it fits, else in pieces.
 //
 // First the journal is written: for each piece its keys after and before the change. Then a
-// transaction that requires the planned revision of the tree creates the marker. While it exists,
-// readers and writers wait. Each piece is applied in a transaction of its own, which advances the
-// marker, so that it is applied once. The last transaction deletes marker and journal. If the writer
-// dies in between, any program can resume or undo the rest from the position of the marker.
+// transaction that requires the planned revision of the tree creates the marker; if the tree has moved,
+// the journal is deleted. While the marker exists, readers and writers wait. Each piece is applied in a
+// transaction of its own, which advances the marker, so that it is applied once. The last transaction
+// deletes marker and journal. If the writer dies in between, any program can resume or undo the rest from
+// the position of the marker.
 //
 // Other writers may change the tree meanwhile, and small changes would overtake a large one again and
 // again. So once it was overtaken it creates the marker first, without pieces, which holds them off while

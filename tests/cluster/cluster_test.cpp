@@ -640,9 +640,8 @@ TEST_F(Cluster, ALargeChangeHoldsOffSmallOnes) {
     for (int moves_in : {1, 2, 3, 4}) {
         int pass = 0;
         auto read = [&](size_t number) -> change_view {
-            pass += number == KEYS;
-            const std::string value = std::to_string(moves_in);
-            if (number == KEYS && pass == moves_in) theirs.keys->apply({put("t.k0", value)});
+            if (number == KEYS && ++pass == moves_in)
+                theirs.keys->apply({put("t.k0", std::to_string(moves_in))});
             return {changes[number].what, changes[number].path, changes[number].value};
         };
         const change_source source = {changes.size(), read};

@@ -76,8 +76,7 @@ class Shows(Board):
     def test_a_thousand_databases(self):
         def apply(role):
             self.apply(*({"name": "d%03d" % number, "role": role, "enabled": True,
-                          "instances": [{"name": "i", "node": "n%d" % (number % 10), "enabled": True}]}
-                         for number in range(1000)))
+                          "instances": [{"name": "i", "node": "n%d" % (number % 10), "enabled": True}]} for number in range(1000)))
 
         apply("PRIMARY")
         shown = self.follow()

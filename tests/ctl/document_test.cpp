@@ -15,23 +15,20 @@
 using namespace keyview::admin;
 using namespace std::string_literals;
 
-static std::vector<std::string> split(const std::string &text, const std::string &by) {
-    std::vector<std::string> parts;
-    for (size_t at = 0, end = 0; end != text.npos; at = end + by.size()) {
-        end = text.find(by, at);
-        parts.push_back(text.substr(at, end == text.npos ? end : end - at));
-    }
-    return parts;
-}
-
 // All rows of a table beside the tests, a row a line; the test fails unless there are some, each of so many
 // cells.
 static std::vector<std::vector<std::string>> rows_of(const std::string &name, size_t cells) {
+    static const std::string BETWEEN = " | ";
     std::vector<std::vector<std::string>> rows;
     std::ifstream table(TEST_FILES "/" + name);
     for (std::string line; std::getline(table, line);) {
-        if (line[0] != '#') rows.push_back(split(line, " | "));
-        EXPECT_TRUE(line[0] == '#' || rows.back().size() == cells) << name << ": " << line;
+        if (line[0] == '#') continue;
+        rows.emplace_back();
+        for (size_t at = 0, end = 0; end != line.npos; at = end + BETWEEN.size()) {
+            end = line.find(BETWEEN, at);
+            rows.back().push_back(line.substr(at, end - at));
+        }
+        EXPECT_EQ(rows.back().size(), cells) << name << ": " << line;
     }
     EXPECT_FALSE(rows.empty()) << name;
     return rows;

@@ -41,8 +41,8 @@ class registry_client {
     };
 
     struct open_key {
-        uint64_t token = 0;  // its handle; 0 while it is free
-        uint64_t latest_token = 0;
+        uint64_t token = 0;         // its handle; 0 while it is free
+        uint64_t latest_token = 0;  // of this use, or of the one before
         open_key *next_free = nullptr;
 
         // Either a key of a copy, or a path and the value read at the open.
