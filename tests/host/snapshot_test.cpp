@@ -6,7 +6,7 @@
 #include <random>
 #include <thread>
 
-#include "host/registry/snapshot.h"
+#include "host/registry/locked_view.h"
 #include "model/path.h"
 #include "process.h"
 #include "registry.h"
@@ -200,7 +200,7 @@ TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
     }
     auto left = registry.keys->take_copies();
     ASSERT_EQ(left.size(), 1U);
-    const std::weak_ptr<copies> same = left[0];
+    const std::weak_ptr<copies> same = left[0]->of;
     registry.keys->keep_copies(std::move(left));
     {
         client second;

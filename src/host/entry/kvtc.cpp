@@ -29,12 +29,15 @@ static void copy_text(std::string_view text, char *buffer, uint64_t capacity) {
     return fail(BAD_ARGUMENT, {text});
 }
 
+[[gnu::noinline]] static int32_t null_pointer() {
+    return refused("a pointer of the call is null");
+}
+
 template <typename work>
-static int32_t with_client(void *reg, bool arguments_given, work &&body) {
+static int32_t with_client(void *reg, work &&body) {
     return at_border([&] {
         registry_client *client = clients.find(reg);
         if (client == nullptr) return refused("this is no live registry handle");
-        if (!arguments_given) return refused("a pointer of the call is null");
         return body(client);
     });
 }
@@ -76,32 +79,35 @@ int32_t kvtc_terminate(void *reg) {
 }
 
 int32_t kvtc_open_key(void *reg, void **key, const char *path) {
-    return with_client(reg, key != nullptr && path != nullptr,
-                       [&](registry_client *client) { return client->open(path, key); });
+    return with_client(reg, [&](registry_client *client) {
+        if (key == nullptr || path == nullptr) return null_pointer();
+        return client->open(path, key);
+    });
 }
 
 int32_t kvtc_close_key(void *reg, void *key) {
-    return with_client(reg, true, [&](registry_client *client) { return client->close(key); });
+    return with_client(reg, [&](registry_client *client) { return client->close(key); });
 }
 
 int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, void *value, uint32_t *size) {
-    bool given = size != nullptr && (value != nullptr || *size == 0);
-    return with_client(reg, given, [&](registry_client *client) {
+    return with_client(reg, [&](registry_client *client) {
+        if (size == nullptr || (value == nullptr && *size != 0)) return null_pointer();
         if (type != nullptr) *type = KVTC_TYPE_STRING;
         return client->get_value(key, value, size);
     });
 }
 
 int32_t kvtc_set_value(void *reg, void *key, uint32_t type, const void *value, uint32_t size) {
-    return with_client(reg, value != nullptr || size == 0, [&](registry_client *client) {
+    return with_client(reg, [&](registry_client *client) {
+        if (value == nullptr && size != 0) return null_pointer();
         if (type != KVTC_TYPE_STRING) return refused("the type of a value must be 3");
         return client->set_value(key, {static_cast<const char *>(value), size});
     });
 }
 
 int32_t kvtc_enum_subkey(void *reg, void *key, char *name, uint32_t *size, int32_t *last) {
-    bool given = name != nullptr && size != nullptr && last != nullptr;
-    return with_client(reg, given, [&](registry_client *client) {
+    return with_client(reg, [&](registry_client *client) {
+        if (name == nullptr || size == nullptr || last == nullptr) return null_pointer();
         return client->next_subkey(key, name, size, last);
     });
 }

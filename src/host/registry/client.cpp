@@ -31,23 +31,20 @@ static int32_t too_small(int32_t code, std::string_view what, std::string_view p
 
 // ---- Handles of keys ----------------------------------------------------------------------------
 
-// A token: 24 bits for the use of the slot, 16 of the client, 24 for the slot from 1; so never 0.
-static constexpr uint64_t LOW_24 = 0xFFFFFF, ONE_USE = uint64_t{1} << 40;
-
 registry_client::open_key *registry_client::find(const void *handle) {
     auto wanted = reinterpret_cast<uint64_t>(handle);
-    uint64_t slot = (wanted & LOW_24) - 1;
-    if (slot >= open_.size()) return nullptr;
+    uint64_t slot = wanted & FREE;
+    if (slot >= slots_) return nullptr;
     open_key *key = open_[slot].get();
     return key->token == wanted ? key : nullptr;
 }
 
 registry_client::open_key *registry_client::free_slot() {
     if (first_free_ == nullptr) {
-        if (open_.size() == LOW_24) throw host_error(failure::usage, "too many keys are open");
+        if (slots_ == FREE) throw host_error(failure::usage, "too many keys are open");
         open_.push_back(std::make_unique<open_key>());
-        const uint64_t of_client = (token * 0x9E3779B97F4A7C15U) >> 48;
-        open_.back()->latest_token = of_client << 24 | open_.size();
+        const uint64_t of_client = (token * 0x9E3779B97F4A7C15U) >> 48 | 1;
+        open_.back()->latest_token = of_client << 24 | slots_++;
         first_free_ = open_.back().get();
     }
     return first_free_;
@@ -57,19 +54,23 @@ void *registry_client::begin_use(open_key *key) {
     first_free_ = key->next_free;
     key->latest_token += ONE_USE;
     key->token = key->latest_token;
-    key->listed = false;
     return handle_of(key->token);
+}
+
+void registry_client::end_use(open_key *key) {
+    key->token = FREE;
+    key->next_free = std::exchange(first_free_, key);
+    if (key->of != nullptr) --key->of->keys;
 }
 
 int32_t registry_client::close(void *handle) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
-    key->token = 0;
-    key->next_free = std::exchange(first_free_, key);
-    forget(&key->copied);
+    end_use(key);
     if (key->listed) {
-        forget(&key->list);
+        if (key->list_of != nullptr) --key->list_of->keys;
         key->own_list.reset();
+        key->listed = false;
     }
     return KVTC_SUCCESS;
 }
@@ -79,29 +80,48 @@ int32_t registry_client::close(void *handle) {
 // From the view of a held lock, else from the store.
 bool registry_client::read(const char *path, open_key *key) {
     held_locks &mine = held_locks::of_thread();
-    locked_view *view = mine.only_view(keys_.get());
-    copied_key found;
-    if ((view != nullptr && view->find_predicted(path, &found)) ||
-        mine.find({keys_.get(), &kept_}, path, &found)) {
+    held_entry *only = held_locks::only_one();
+    found_key found;
+    if ((only != nullptr && only->keys == keys_ && only->view.find_predicted(path, &found)) ||
+        mine.find(reader(), path, &found)) {
         if (found.part == nullptr) return false;
-        refer(&key->copied, found);
+        key->of = kept_.known(found.of);
+        key->copied = found;
+        ++key->of->keys;
         return true;
     }
     if (!keys_->now()->read(path, &key->value)) return false;
     key->path = path;
+    key->of = nullptr;
+    key->copied = {};
     return true;
 }
 
+// Opens the key that is expected next, and only then looks whether it is the one that is wanted.
 int32_t registry_client::open(const char *path, void **handle) {
     open_key *key = first_free_;
-    locked_view *view = held_locks::of_thread().only_view(keys_.get());
-    copied_key found;
-    if (key == nullptr || view == nullptr || !view->find_in_order(path, &found)) {
+    held_entry *only = held_locks::only_one();
+    if (key == nullptr || only == nullptr || !only->view.is_of(token)) {
         return search_and_open(path, handle);
     }
-    refer(&key->copied, found);
-    *handle = begin_use(key);
+    const copied_key *expected = only->view.pass_expected();
+    if (expected == nullptr) return search_and_open(path, handle);
+    key->of = only->view.known();
+    ++key->of->keys;
+    key->copied = *expected;
+    void *opened = begin_use(key);
+    if (strcmp(expected->part->path_text(expected->key), path) != 0) {
+        return open_instead(key, path, handle);
+    }
+    *handle = opened;
     return KVTC_SUCCESS;
+}
+
+[[gnu::noinline]] int32_t registry_client::open_instead(open_key *of, const char *path,
+                                                        void **handle) {
+    end_use(of);
+    held_locks::only_one()->view.step_back();
+    return search_and_open(path, handle);
 }
 
 // Apart from the usual case, which saves no registers for it.
@@ -132,10 +152,10 @@ int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     open_key *key = find(handle);
     if (key == nullptr) return not_open();
     std::string_view stored = value_of(*key);
-    uint32_t capacity = *size;
-    *size = static_cast<uint32_t>(stored.size());
-    if (stored.size() > capacity) return value_too_long(*key, capacity);
-    if (capacity > 0 && !stored.empty()) memcpy(value, stored.data(), stored.size());
+    const uint32_t capacity = *size, length = static_cast<uint32_t>(stored.size());
+    *size = length;
+    if (length > capacity) return value_too_long(*key, capacity);
+    if (length > 0) memcpy(value, stored.data(), length);
     return KVTC_SUCCESS;
 }
 
@@ -168,10 +188,11 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
     }
     if (observer.callback != nullptr) observer.report(path, replaced, value);
     mine.update_value(keys_.get(), path, value);
-    if (key->copied.part == nullptr) {
+    snapshot *part = key->copied.part;
+    if (part == nullptr) {
         key->value = value;
-    } else if (key->copied.part->value(key->copied.key) != value) {
-        key->copied.part->set_value(key->copied.key, value);  // the copy belongs to a released lock
+    } else if (value_of(*key) != value) {  // the copy belongs to a released lock
+        part->set_value(part->number(key->copied.key), value);
     }
     return KVTC_SUCCESS;
 }
@@ -179,25 +200,28 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
 // ---- Enumeration --------------------------------------------------------------------------------
 
 [[gnu::noinline]] int32_t registry_client::list_children(open_key *key) {
-    const referred_key &known = key->copied;
-    copied_key list{known.of == nullptr ? nullptr : known.of->of.get(), known.part, known.key};
-    if (list.part == nullptr || !list.part->covers_children(list.key)) {
+    found_key list = {key->copied, key->of == nullptr ? nullptr : key->of->of.get()};
+    if (list.part == nullptr || !list.part->covers_children(list.part->number(list.key))) {
         std::string_view path = path_of(*key);
         list = {};
-        if (!held_locks::of_thread().find_list({keys_.get(), &kept_}, path, &list)) {
+        if (!held_locks::of_thread().find_list(reader(), path, &list)) {
             auto own = std::make_unique<snapshot>(path, reach::children);
             if (keys_->now()->copy(path, reach::children, own.get())) {
-                list = {nullptr, own.get(), snapshot::TOP};
+                list.part = own.get();
+                list.key = own->at(snapshot::TOP);
                 key->own_list = std::move(own);
             }
         }
-        if (list.key == snapshot::NONE) {
+        if (list.key == nullptr) {
             return no_such_key("enumerate", path, "there is no such key any more");
         }
     }
-    refer(&key->list, list);
-    key->passed = 0;
-    key->children = list.part->children(list.key);
+    key->list_of = list.of == nullptr ? nullptr : kept_.known(list.of);
+    if (key->list_of != nullptr) ++key->list_of->keys;
+    key->list = list.part;
+    key->left = list.key->count;
+    key->childless = key->left == 0;
+    key->next_child = key->childless ? nullptr : list.part->at(list.key->first);
     key->listed = true;
     return KVTC_SUCCESS;
 }
@@ -217,18 +241,18 @@ int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, i
     if (key == nullptr) return not_open();
     int32_t rc = key->listed ? KVTC_SUCCESS : list_children(key);
     if (rc != KVTC_SUCCESS) return rc;
-    if (key->passed == key->children.count) {
-        *last = key->children.count == 0 ? -1 : 0;
+    if (key->left == 0) {
+        *last = key->childless ? -1 : 0;
         return no_more_keys(*key);
     }
-    std::string_view next = key->list.part->name(key->children.first + key->passed);
+    std::string_view next = key->list->name(key->next_child);
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(next.size());
     if (next.size() >= capacity) return name_too_long(*key, *size, capacity);
     memcpy(name, next.data(), next.size());
     name[next.size()] = '\0';
-    ++key->passed;
-    *last = static_cast<int32_t>(key->children.count - key->passed);
+    ++key->next_child;
+    *last = static_cast<int32_t>(--key->left);
     return KVTC_SUCCESS;
 }
 

@@ -33,46 +33,44 @@ class registry_client {
     uint64_t token = 0;  // of this handle itself
 
   private:
-    // A key of a copy, as copied_key, which the open key keeps alive.
-    struct referred_key {
-        referred_copies *of = nullptr;
-        snapshot *part = nullptr;
-        uint32_t key = snapshot::NONE;
-    };
+    // A token of a key: 24 bits for the use of the slot, 16 of the client, which are not 0, and 24 for
+    // the slot. FREE has a slot that no key has.
+    static constexpr uint64_t ONE_USE = uint64_t{1} << 40;
+    static constexpr uint64_t FREE = 0xFFFFFF;
 
     struct open_key {
-        uint64_t token = 0;         // its handle; 0 while it is free
+        uint64_t token = FREE;      // its handle
         uint64_t latest_token = 0;  // of this use, or of the one before
         open_key *next_free = nullptr;
 
-        // Either a key of a copy, or a path and the value read at the open.
-        referred_key copied;
+        // Either a key of copies, or a path and the value read at the open.
+        known_copies *of = nullptr;
+        copied_key copied;
         std::string path;
         std::string value;
 
-        // The enumeration, once it began: children of a copy's key.
-        bool listed;
-        uint32_t passed;
-        snapshot::range children;
-        referred_key list;
-        std::unique_ptr<snapshot> own_list;  // of a key that no lock covers
+        // The enumeration, once it began: children of a key of copies, or of an own one if no lock
+        // covers the key.
+        bool listed = false;
+        bool childless;
+        uint32_t left;
+        const snapshot::row *next_child;
+        const snapshot *list;
+        known_copies *list_of;
+        std::unique_ptr<snapshot> own_list;
     };
 
     open_key *free_slot();
     void *begin_use(open_key *key);
+    void end_use(open_key *key);
     open_key *find(const void *handle);
 
+    int32_t open_instead(open_key *of, const char *path, void **handle);
     int32_t search_and_open(const char *path, void **handle);
     bool read(const char *path, open_key *key);
+    tree_reader reader() { return {keys_.get(), &kept_, token}; }
     int32_t list_children(open_key *key);
 
-    void refer(referred_key *from, const copied_key &to) {
-        *from = {to.of == nullptr ? nullptr : kept_.refer(to.of), to.part, to.key};
-    }
-    static void forget(referred_key *from) {
-        if (from->of != nullptr) kept_copies::release(from->of);
-        *from = {};
-    }
     static int32_t value_too_long(const open_key &key, uint32_t capacity);
     static int32_t name_too_long(const open_key &key, uint32_t name_size, uint32_t capacity);
     static int32_t no_more_keys(const open_key &key);
@@ -81,8 +79,9 @@ class registry_client {
 
     std::shared_ptr<store> keys_;
     kept_copies kept_;
-    std::vector<std::unique_ptr<open_key>> open_;
     open_key *first_free_ = nullptr;
+    size_t slots_ = 0;  // the size of open_
+    std::vector<std::unique_ptr<open_key>> open_;
 };
 
 }  // namespace keyview::host

@@ -53,9 +53,9 @@ class handle_table {
     static constexpr uint32_t SLOT_BITS = 14;
     static constexpr uint32_t SLOTS = 1U << SLOT_BITS;
 
+    std::array<std::atomic<T *>, SLOTS> slots_ = {};
     uint64_t uses_ = 0;
     uint32_t latest_ = 0;
-    std::array<std::atomic<T *>, SLOTS> slots_ = {};
 };
 
 }  // namespace keyview::host

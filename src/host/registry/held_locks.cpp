@@ -23,6 +23,25 @@ static void abandon_inherited(std::vector<held_entry> *entries) {
 // Accessed without a call: each open of a key needs it.
 static thread_local held_locks *of_this_thread __attribute__((tls_model("initial-exec"))) = nullptr;
 
+// Likewise. A forked child inherits the variable, but not the lock.
+static thread_local held_entry *only_lock __attribute__((tls_model("initial-exec"))) = nullptr;
+static const bool forgotten_in_child =
+    (call_in_child([]() noexcept { only_lock = nullptr; }), true);
+
+held_entry *held_locks::only_one() noexcept {
+    return only_lock;
+}
+
+// Entries come, go or move until its end.
+class held_locks::change : unique {
+  public:
+    explicit change(std::vector<held_entry> *entries) : entries_(entries) { only_lock = nullptr; }
+    ~change() { only_lock = entries_->size() == 1 ? entries_->data() : nullptr; }
+
+  private:
+    std::vector<held_entry> *entries_;
+};
+
 held_locks &held_locks::of_thread() {
     held_locks *mine = of_this_thread;
     if (mine != nullptr && mine->generation_ == fork_generation()) return *mine;
@@ -41,6 +60,7 @@ held_locks &held_locks::begin_thread() {
 }
 
 held_locks::~held_locks() {
+    only_lock = nullptr;
     if (generation_ != fork_generation() && !entries_.empty()) abandon_inherited(&entries_);
 }
 
@@ -55,6 +75,7 @@ void held_locks::take(const void *service, const backend &registry, std::string_
         }
         lock = mine.lock;  // a second request could wait for a writer that waits for this thread
     }
+    const change around(&entries_);
     entries_.reserve(entries_.size() + 1);
     const lock_cover cover = spare_.cover_as(name);
     if (lock == nullptr)
@@ -63,6 +84,7 @@ void held_locks::take(const void *service, const backend &registry, std::string_
 }
 
 bool held_locks::release(const void *service, std::string_view name) {
+    const change around(&entries_);
     for (auto at = entries_.end(); at != entries_.begin();) {
         --at;
         if (at->service != service || at->name.text != name) continue;
@@ -75,6 +97,7 @@ bool held_locks::release(const void *service, std::string_view name) {
 }
 
 void held_locks::release_all(const void *service) {
+    const change around(&entries_);
     auto of_service = [&](const held_entry &e) { return e.service == service; };
     entries_.erase(std::remove_if(entries_.begin(), entries_.end(), of_service), entries_.end());
 }
@@ -97,7 +120,7 @@ const held_lock *held_locks::fence(const store *keys, std::string_view path) {
     return found == nullptr ? nullptr : found->lock.get();
 }
 
-bool held_locks::find(const tree_reader &reader, const char *path, copied_key *found) {
+bool held_locks::find(const tree_reader &reader, const char *path, found_key *found) {
     held_entry *lock = covering(reader.keys, path);
     if (lock == nullptr) return false;
     lock_cover cover = lock->cover();
@@ -106,7 +129,7 @@ bool held_locks::find(const tree_reader &reader, const char *path, copied_key *f
     return true;
 }
 
-bool held_locks::find_list(const tree_reader &reader, std::string_view path, copied_key *found) {
+bool held_locks::find_list(const tree_reader &reader, std::string_view path, found_key *found) {
     held_entry *lock = covering(reader.keys, path);
     if (lock == nullptr || !locked_view::covers_children(lock->cover(), path)) return false;
     *found = lock->view.find_list(reader, lock->cover(), path);

@@ -79,14 +79,11 @@ class held_locks : unique {
 
     // Finds a key, or its list, in the view of the closest lock that covers it; false if no view
     // covers it.
-    bool find(const tree_reader &reader, const char *path, copied_key *found);
-    bool find_list(const tree_reader &reader, std::string_view path, copied_key *found);
+    bool find(const tree_reader &reader, const char *path, found_key *found);
+    bool find_list(const tree_reader &reader, std::string_view path, found_key *found);
 
-    // The view of the one lock that this thread holds; null if it holds more or is of another store.
-    locked_view *only_view(const store *keys) {
-        bool only = entries_.size() == 1 && entries_.front().keys.get() == keys;
-        return only ? &entries_.front().view : nullptr;
-    }
+    // The one lock that this thread holds; null if it holds none or several.
+    static held_entry *only_one() noexcept;
 
     // Updates a value in the views after a set.
     void update_value(const store *keys, std::string_view path, std::string_view value);
@@ -95,6 +92,8 @@ class held_locks : unique {
     void detach();
 
   private:
+    class change;
+
     [[gnu::cold]] static held_locks &begin_thread();
     held_entry *covering(const store *keys, std::string_view path);
 

@@ -2,6 +2,7 @@
 #include "host/registry/locked_view.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace keyview::host {
 
@@ -19,7 +20,8 @@ static constexpr size_t MAX_GUESSED = 4096;
 // ---- Copies that outlive a lock -----------------------------------------------------------------
 
 size_t copies::bytes() const {
-    size_t sum = order.capacity() * sizeof(order.front());
+    size_t sum =
+        order.capacity() * sizeof(order.front()) + expected.capacity() * sizeof(expected.front());
     for (const auto &part : parts)
         sum += part->bytes();
     return sum;
@@ -39,86 +41,100 @@ void copies::guess_order(const copies &other) {
 
 void copies::add_part(std::unique_ptr<snapshot> part) {
     parts.push_back(std::move(part));
-    auto is_there = [this](const read_key &read) {
-        return read.part < parts.size() && read.key < parts[read.part]->size();
-    };
-    while (usable < order.size() && is_there(order[usable]))
-        ++usable;
+    expect_more();
+}
+
+void copies::expect_more() {
+    expected.reserve(order.size());
+    for (; usable < order.size(); ++usable) {
+        const read_key &next = order[usable];
+        if (next.part >= parts.size() || next.key >= parts[next.part]->size()) return;
+        expected.push_back({parts[next.part].get(), parts[next.part]->at(next.key)});
+    }
 }
 
 void copies::end_order(size_t count) {
     order.resize(count);
-    usable = count;
+    usable = std::min(usable, count);
+    expected.resize(usable);
     order_is_guess = false;
 }
 
-void copies::append_order(const read_key &read) {
-    order.push_back(read);
-    usable = order.size();
+void copies::replace_order(order_of_reads *by) {
+    order.swap(*by);
+    expected.clear();
+    usable = 0;
 }
 
 kept_copies::kept_copies(std::shared_ptr<store> keys)
-    : keys_(std::move(keys)), all_(keys_->take_copies()) {}
+    : keys_(std::move(keys)), cached_(keys_->take_copies()) {}
 
 kept_copies::~kept_copies() {
-    referred_.clear();
-    auto in_use = [](const std::shared_ptr<copies> &one) { return one.use_count() > 1; };
-    all_.erase(std::remove_if(all_.begin(), all_.end(), in_use), all_.end());
-    if (!all_.empty()) keys_->keep_copies(std::move(all_));
+    others_.clear();
+    for (const auto &one : cached_)
+        one->keys = 0;
+    auto is_in_use = [](const auto &one) { return one->in_use(); };
+    cached_.erase(std::remove_if(cached_.begin(), cached_.end(), is_in_use), cached_.end());
+    if (!cached_.empty()) keys_->keep_copies(std::move(cached_));
 }
 
 // Whether the copies serve for a revision; they are stale then if they are of another one.
-static bool bring_to(const revision &as_of, const std::shared_ptr<copies> &kept) {
-    if (kept->as_of.same_as(as_of)) return true;
-    bool in_use = kept.use_count() > 1;
-    if (in_use || kept->single_keys > MAX_KEPT_SINGLE_KEYS) return false;
-    kept->become_stale(as_of);
+static bool bring_to(const revision &as_of, const known_copies &known) {
+    if (known.of->as_of.same_as(as_of)) return true;
+    if (known.in_use() || known.of->single_keys > MAX_KEPT_SINGLE_KEYS) return false;
+    known.of->become_stale(as_of);
     return true;
 }
 
-std::shared_ptr<copies> kept_copies::take(std::string_view top, const revision &as_of) {
-    drop_unreferred();
-    auto known = std::find_if(all_.begin(), all_.end(),
-                              [&](const std::shared_ptr<copies> &one) { return one->top == top; });
-    std::shared_ptr<copies> taken;
-    if (known != all_.end()) {
-        taken = std::move(*known);
-        all_.erase(known);
-    }
-    if (taken == nullptr || !bring_to(as_of, taken)) {
-        if (taken == nullptr && !all_.empty()) taken = all_.back();
+known_copies *kept_copies::take(std::string_view top, const revision &as_of,
+                                std::shared_ptr<copies> *taken) {
+    drop_unused();
+    cached_.reserve(cached_.size() + 1);  // so that nothing that is in use is lost on the way
+    others_.reserve(others_.size() + cached_.size() + 1);
+    auto same = std::find_if(cached_.begin(), cached_.end(),
+                             [&](const auto &one) { return one->of->top == top; });
+    const bool found = same != cached_.end();
+    if (found) std::rotate(same, same + 1, cached_.end());
+    if (!found || !bring_to(as_of, *cached_.back())) {
         auto fresh = std::make_shared<copies>(top, as_of);
-        if (taken != nullptr) fresh->guess_order(*taken);
-        taken = std::move(fresh);
+        if (!cached_.empty()) fresh->guess_order(*cached_.back()->of);
+        auto entry = std::make_shared<known_copies>(known_copies{std::move(fresh)});
+        if (found) {
+            others_.push_back(std::move(cached_.back()));
+            cached_.pop_back();
+        }
+        cached_.push_back(std::move(entry));
     }
-    all_.push_back(taken);
+    known_copies *latest = cached_.back().get();
+    *taken = latest->of;
     drop_oldest();
-    return taken;
+    return latest;
 }
 
 // Keeps the latest ones within the bounds.
 void kept_copies::drop_oldest() {
-    size_t kept = 0;
-    for (size_t bytes = 0; kept < std::min(all_.size(), MAX_KEPT); ++kept) {
-        bytes += all_[all_.size() - 1 - kept]->bytes();
-        if (bytes > MAX_COPIED_BYTES) break;
+    auto first = cached_.end();
+    for (size_t bytes = 0; first != cached_.begin(); --first) {
+        bytes += (*std::prev(first))->of->bytes();
+        if (bytes > MAX_COPIED_BYTES || cached_.end() - first == MAX_KEPT) break;
     }
-    all_.erase(all_.begin(), all_.end() - static_cast<ptrdiff_t>(kept));
+    std::move(cached_.begin(), first, std::back_inserter(others_));
+    cached_.erase(cached_.begin(), first);
+    drop_unused();
 }
 
-void kept_copies::drop_unreferred() {
-    auto is_unreferred = [](const auto &one) { return one->keys == 0; };
-    referred_.erase(std::remove_if(referred_.begin(), referred_.end(), is_unreferred),
-                    referred_.end());
-    latest_ = nullptr;
+void kept_copies::drop_unused() {
+    auto is_unused = [](const auto &one) { return !one->in_use(); };
+    others_.erase(std::remove_if(others_.begin(), others_.end(), is_unused), others_.end());
 }
 
-referred_copies *kept_copies::find_referred(copies *to) {
-    drop_unreferred();
-    for (const auto &one : referred_)
-        if (one->of.get() == to) return one.get();
-    referred_.push_back(std::make_unique<referred_copies>(referred_copies{to->shared_from_this()}));
-    return referred_.back().get();
+known_copies *kept_copies::known(copies *wanted) {
+    for (const auto *list : {&cached_, &others_})
+        for (const auto &one : *list)
+            if (one->of.get() == wanted) return one.get();
+    drop_unused();
+    others_.push_back(std::make_shared<known_copies>(known_copies{wanted->shared_from_this()}));
+    return others_.back().get();
 }
 
 // ---- The view -----------------------------------------------------------------------------------
@@ -134,15 +150,16 @@ bool locked_view::covers_children(const lock_cover &cover, std::string_view path
 void locked_view::begin(const tree_reader &reader, const lock_cover &cover) {
     if (copies_ != nullptr) return;
     if (moment_ == nullptr) moment_ = reader.keys->now(cover.path, cover.depth);
-    copies_ = reader.kept->take(cover.path, moment_->current());
+    known_ = reader.kept->take(cover.path, moment_->current(), &copies_);
     latest_ = 0;
-    if (!copies_->parts.empty()) return;
     try {
-        (void)copy(cover.path, reach::children);
+        if (copies_->parts.empty()) (void)copy(cover.path, reach::children);
+        copies_->expect_more();
     } catch (...) {
         copies_.reset();
         throw;
     }
+    handle_ = reader.handle;
 }
 
 void locked_view::update(snapshot *part, std::string_view path, std::string_view value) {
@@ -151,10 +168,11 @@ void locked_view::update(snapshot *part, std::string_view path, std::string_view
 }
 
 // Makes a part, empty if the key is not there.
-copied_key locked_view::copy(std::string_view path, reach which) {
+found_key locked_view::copy(std::string_view path, reach which) {
     auto part = std::make_unique<snapshot>(path, which);
     bool there = fill(part.get());
-    return {copies_.get(), add_part(std::move(part)), there ? snapshot::TOP : snapshot::NONE};
+    snapshot *added = add_part(std::move(part));
+    return {{added, there ? added->at(snapshot::TOP) : nullptr}, copies_.get()};
 }
 
 snapshot *locked_view::add_part(std::unique_ptr<snapshot> part) {
@@ -197,7 +215,7 @@ void locked_view::forget_order() {
     next_ = 0;
 }
 
-bool locked_view::find_predicted(const char *path, copied_key *found) {
+bool locked_view::find_predicted(const char *path, found_key *found) {
     if (copies_ == nullptr) return false;
     snapshot *part = copies_->parts[latest_].get();
     uint32_t key = part->stale ? snapshot::NONE : part->find_predicted(path);
@@ -232,17 +250,18 @@ bool locked_view::find_copy(std::string_view path, uint32_t *key) {
 // Makes a key of the latest part the next one in the order of reads. A reader with another order
 // than the one before replaces that one when it has read more keys: a short visit in between, as a
 // set of a flag, leaves it as it is.
-void locked_view::record_order(uint32_t key, copied_key *found) {
+void locked_view::record_order(uint32_t key, found_key *found) {
     order_of_reads &order = copies_->order;
     const read_key read = {latest_, key};
-    *found = {copies_.get(), copies_->parts[latest_].get(), key};
+    snapshot *part = copies_->parts[latest_].get();
+    *found = {{part, part->at(key)}, copies_.get()};
     if (next_ < order.size() && order[next_] == read) {
         ++next_;
         return;
     }
     if (next_ < order.size() && copies_->order_is_guess) copies_->end_order(next_);
     if (next_ == order.size()) {
-        copies_->append_order(read);
+        order.push_back(read);
         ++next_;
         return;
     }
@@ -252,8 +271,8 @@ void locked_view::record_order(uint32_t key, copied_key *found) {
     }
     own_order_.push_back(read);
     if (own_order_.size() <= order.size()) return;
-    order.swap(own_order_);
-    next_ = copies_->usable = order.size();
+    copies_->replace_order(&own_order_);
+    next_ = order.size();
 }
 
 // Adds a part with this key alone.
@@ -272,9 +291,13 @@ uint32_t locked_view::look_up(const lock_cover &cover, std::string_view path) {
 }
 
 void locked_view::find(const tree_reader &reader, const lock_cover &cover, const char *path,
-                       copied_key *found) {
+                       found_key *found) {
     begin(reader, cover);
-    if (find_in_order(path, found)) return;
+    if (const copied_key *expected = pass_expected(); expected != nullptr) {
+        *found = {*expected, copies_.get()};
+        if (strcmp(expected->part->path_text(expected->key), path) == 0) return;
+        step_back();
+    }
     uint32_t key = snapshot::NONE;
     if (!find_copy(path, &key)) key = look_up(cover, path);
     if (key == snapshot::NONE) {
@@ -284,8 +307,8 @@ void locked_view::find(const tree_reader &reader, const lock_cover &cover, const
     }
 }
 
-copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,
-                                  std::string_view path) {
+found_key locked_view::find_list(const tree_reader &reader, const lock_cover &cover,
+                                 std::string_view path) {
     begin(reader, cover);
     const auto &parts = copies_->parts;
     for (auto i = static_cast<uint32_t>(parts.size()); i-- > 0;) {
@@ -294,9 +317,9 @@ copied_key locked_view::find_list(const tree_reader &reader, const lock_cover &c
         uint32_t key = parts[i]->find(path);
         if (key == snapshot::NONE || !parts[i]->covers_children(key)) continue;
         latest_ = i;
-        return {copies_.get(), parts[i].get(), key};
+        return {{parts[i].get(), parts[i]->at(key)}, copies_.get()};
     }
-    return moment_ == nullptr ? copied_key() : copy(path, reach::all_below);
+    return moment_ == nullptr ? found_key() : copy(path, reach::all_below);
 }
 
 void locked_view::update_value(std::string_view path, std::string_view value) {

@@ -28,11 +28,14 @@ namespace keyview::host {
 
 struct copies;
 
-// A key of a copy; without a part, or with NONE, if the key does not exist.
+// A key of a copy; null both, or the key alone, if the key does not exist.
 struct copied_key {
-    copies *of = nullptr;  // owns the part
     snapshot *part = nullptr;
-    uint32_t key = snapshot::NONE;
+    const snapshot::row *key = nullptr;
+};
+
+struct found_key : copied_key {
+    copies *of = nullptr;  // owns the part
 };
 
 // A part by its number, and a key of it.
@@ -53,9 +56,10 @@ struct copies : std::enable_shared_from_this<copies> {
     size_t single_keys = 0;                        // number of parts with one key only
 
     // Of the reader that read most. At first a guess, that of another part of the tree: records of
-    // the same shape have their keys at the same places. usable is how many of its first keys are
-    // there; all, unless it is a guess.
+    // the same shape have their keys at the same places. expected has its first keys, as many as
+    // usable: all that are there when a view begins or a part is added.
     order_of_reads order;
+    std::vector<copied_key> expected;
     size_t usable = 0;
     bool order_is_guess = false;
 
@@ -65,51 +69,49 @@ struct copies : std::enable_shared_from_this<copies> {
     void guess_order(const copies &other);
     void add_part(std::unique_ptr<snapshot> part);
     void end_order(size_t count);
-    void append_order(const read_key &read);
+    void replace_order(order_of_reads *by);
+    void expect_more();
     size_t bytes() const;
 };
 
-// Copies, and how many open keys of one registry handle refer to them. The keys are counted here and
-// not by shared_ptr, because each open and close of a key does it.
-struct referred_copies {
+// Copies that a registry handle knows, and how many of its open keys refer to them. The keys are
+// counted here and not by shared_ptr, because each open and close of a key does it. The copies are in
+// use while a key or a view refers to them.
+struct known_copies {
     std::shared_ptr<copies> of;
     size_t keys = 0;
+
+    bool in_use() const { return keys > 0 || of.use_count() > 1; }
 };
 
-// The copies that a registry handle caches, up to a bound, and those that its open keys refer to.
+// The copies that a registry handle caches, up to a bound, and others that are in use.
 class kept_copies : unique {
   public:
     // Begins with those of a handle that was closed, and leaves its own to the next one.
     explicit kept_copies(std::shared_ptr<store> keys);
     ~kept_copies();
 
-    // The cached copies, stale unless they are of that revision, or new ones without a part.
-    std::shared_ptr<copies> take(std::string_view top, const revision &as_of);
+    // The cached copies, stale unless they are of that revision, or new ones without a part. They
+    // remain known to the handle as long as they are in use.
+    known_copies *take(std::string_view top, const revision &as_of, std::shared_ptr<copies> *taken);
 
-    // Counts one more open key that refers to the copies; release() counts it off. Copies without a
-    // key are dropped when others are taken or referred to.
-    referred_copies *refer(copies *to) {
-        if (latest_ == nullptr || latest_->of.get() != to) latest_ = find_referred(to);
-        ++latest_->keys;
-        return latest_;
-    }
-    static void release(referred_copies *from) { --from->keys; }
+    // The same for copies that may be another handle's.
+    known_copies *known(copies *wanted);
 
   private:
     void drop_oldest();
-    void drop_unreferred();
-    [[gnu::noinline]] referred_copies *find_referred(copies *to);
+    void drop_unused();
 
     std::shared_ptr<store> keys_;
-    std::vector<std::shared_ptr<copies>> all_;  // the latest last
-    std::vector<std::unique_ptr<referred_copies>> referred_;
-    referred_copies *latest_ = nullptr;  // of referred_
+    std::vector<std::shared_ptr<known_copies>> cached_;  // the latest last
+    std::vector<std::shared_ptr<known_copies>> others_;
 };
 
-// The source of a read: the store, and the copies made before.
+// The source of a read: the store, and the copies that a registry handle made before.
 struct tree_reader {
     store *keys;
     kept_copies *kept;
+    uint64_t handle;
 };
 
 class locked_view {
@@ -123,22 +125,26 @@ class locked_view {
 
     // Find a key, or its list, that the view covers.
     void find(const tree_reader &reader, const lock_cover &cover, const char *path,
-              copied_key *found);
-    copied_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
+              found_key *found);
+    found_key find_list(const tree_reader &reader, const lock_cover &cover, std::string_view path);
 
-    // Finds a key without a search if the reader before read the same key at this point.
-    bool find_in_order(const char *path, copied_key *found) {
-        if (copies_ == nullptr || next_ >= copies_->usable) return false;
-        const auto [number, key] = copies_->order[next_];
-        snapshot *part = copies_->parts[number].get();
-        if (part->stale || strcmp(part->path_text(key), path) != 0) return false;
-        *found = {copies_.get(), part, key};
+    // Whether the copies are those of a registry handle; known() is the handle's then.
+    bool is_of(uint64_t handle) const { return handle == handle_; }
+    known_copies *known() const { return known_; }
+
+    // The key that the reader before read at this point, of a view with copies; null if none is known.
+    // The next one is expected then.
+    const copied_key *pass_expected() {
+        if (next_ >= copies_->usable) return nullptr;
+        const copied_key *expected = &copies_->expected[next_];
+        if (expected->part->stale) return nullptr;
         ++next_;
-        return true;
+        return expected;
     }
+    void step_back() { --next_; }
 
-    // The same if the keys that were found last predict it.
-    bool find_predicted(const char *path, copied_key *found);
+    // Finds a key without a search if the keys that were found last predict it.
+    bool find_predicted(const char *path, found_key *found);
 
     // Updates a value that the holder set.
     void update_value(std::string_view path, std::string_view value);
@@ -150,9 +156,9 @@ class locked_view {
     void begin(const tree_reader &reader, const lock_cover &cover);
     bool is_read_alone(std::string_view path) const;
     bool find_copy(std::string_view path, uint32_t *key);
-    void record_order(uint32_t key, copied_key *found);
+    void record_order(uint32_t key, found_key *found);
     uint32_t look_up(const lock_cover &cover, std::string_view path);
-    copied_key copy(std::string_view path, reach which);
+    found_key copy(std::string_view path, reach which);
     bool fill(snapshot *part);
     bool read_alone(snapshot *part);
     snapshot *add_part(std::unique_ptr<snapshot> part);
@@ -161,6 +167,8 @@ class locked_view {
 
     std::unique_ptr<moment> moment_;  // null before the first read of the store, and after detach
     std::shared_ptr<copies> copies_;  // null before the first read
+    known_copies *known_ = nullptr;   // the same; dangling once the handle is closed
+    uint64_t handle_ = 0;             // that made the first read
     uint32_t latest_ = 0;             // the part that contains the key found last
     size_t next_ = 0;                 // in copies_->order; beyond it, the order is another one
     order_of_reads own_order_;        // from then on

@@ -47,6 +47,18 @@ class snapshot {
     static constexpr uint32_t NONE = UINT32_MAX;
     static constexpr uint32_t TOP = 0;
 
+    // A key: offsets in the bytes of the copy, and numbers of keys.
+    struct row {
+        uint32_t path_at;
+        uint16_t path_size;
+        uint16_t name_at;  // within the path
+        uint32_t value_at;
+        uint32_t value_size;
+        uint32_t parent;  // NONE for the top
+        uint32_t first;   // of its children
+        uint32_t count;
+    };
+
     snapshot(std::string_view top, reach depth);
 
     // ---- Filling ----
@@ -98,24 +110,29 @@ class snapshot {
     uint32_t find_predicted(const char *path) {
         for (uint32_t step : {step_, step_before_}) {
             uint32_t next = latest_ + step;
-            if (next < size() && strcmp(path_text(next), path) == 0) return found(next);
+            if (next < size() && strcmp(path_text(at(next)), path) == 0) return found(next);
         }
         return NONE;
     }
 
     uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
-    std::string_view path(uint32_t key) const {
-        return {bytes_.at(keys_[key].path_at), keys_[key].path_size};
-    }
+
+    // Where a key is, until the copy is filled again with another shape().
+    const row *at(uint32_t key) const { return &keys_[key]; }
+    uint32_t number(const row *key) const { return static_cast<uint32_t>(key - keys_.data()); }
+
+    std::string_view path(const row *key) const { return {path_text(key), key->path_size}; }
     // With a zero byte behind it.
-    const char *path_text(uint32_t key) const { return bytes_.at(keys_[key].path_at); }
-    std::string_view name(uint32_t key) const {
-        const row &of = keys_[key];
-        return {bytes_.at(of.path_at) + of.name_at, size_t{of.path_size} - of.name_at};
+    const char *path_text(const row *key) const { return bytes_.at(key->path_at); }
+    std::string_view name(const row *key) const {
+        return {path_text(key) + key->name_at, size_t{key->path_size} - key->name_at};
     }
-    std::string_view value(uint32_t key) const {
-        return {bytes_.at(keys_[key].value_at), keys_[key].value_size};
+    std::string_view value(const row *key) const {
+        return {bytes_.at(key->value_at), key->value_size};
     }
+    std::string_view path(uint32_t key) const { return path(at(key)); }
+    std::string_view name(uint32_t key) const { return name(at(key)); }
+    std::string_view value(uint32_t key) const { return value(at(key)); }
     void set_value(uint32_t key, std::string_view value);
 
     // The children of a key are first .. first + count - 1.
@@ -126,16 +143,6 @@ class snapshot {
     range children(uint32_t key) const { return {keys_[key].first, keys_[key].count}; }
 
   private:
-    struct row {
-        uint32_t path_at;
-        uint16_t path_size;
-        uint16_t name_at;  // within the path
-        uint32_t value_at;
-        uint32_t value_size;
-        uint32_t parent;  // NONE for the top
-        uint32_t first;
-        uint32_t count;
-    };
     // Keys of one list whose own lists are not filled yet.
     struct open_range {
         uint32_t next;

@@ -77,12 +77,12 @@ bool store::finish_apply(finish how) {
     return false;
 }
 
-std::vector<std::shared_ptr<copies>> store::take_copies() {
+std::vector<std::shared_ptr<known_copies>> store::take_copies() {
     std::lock_guard guard(fork_mutex());
     return std::exchange(of_closed_, {});
 }
 
-void store::keep_copies(std::vector<std::shared_ptr<copies>> of_closed) {
+void store::keep_copies(std::vector<std::shared_ptr<known_copies>> of_closed) {
     std::lock_guard guard(fork_mutex());
     of_closed_.swap(of_closed);
 }

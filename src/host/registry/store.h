@@ -125,7 +125,7 @@ enum class finish { resume, undo };
 // A store calls it before it waits for the end of all moments, or for another waiter that does.
 void release_moments();
 
-struct copies;
+struct known_copies;
 struct history_entry;
 // Receives an entry of the history; false ends the delivery.
 using history_sink = std::function<bool(const history_entry &entry)>;
@@ -166,11 +166,11 @@ class store : public abstract_base {
 
     // The copies of the registry handle that was closed last, for the next one (locked_view.h): a
     // program that makes a handle for each task reads as one that keeps its own.
-    std::vector<std::shared_ptr<copies>> take_copies();
-    void keep_copies(std::vector<std::shared_ptr<copies>> of_closed);
+    std::vector<std::shared_ptr<known_copies>> take_copies();
+    void keep_copies(std::vector<std::shared_ptr<known_copies>> of_closed);
 
   private:
-    std::vector<std::shared_ptr<copies>> of_closed_;  // guarded by fork_mutex()
+    std::vector<std::shared_ptr<known_copies>> of_closed_;  // guarded by fork_mutex()
 };
 
 }  // namespace keyview::host

@@ -48,7 +48,8 @@ static void *alloc_array(child_load *load, size_t count, size_t slot_size) {
 
 // ---- One instance's type ------------------------------------------------------------------------
 
-static instance_kind kind_of(const prsr_value &value) {
+// By value: so the end that is written behind the text changes none of its fields.
+static instance_kind kind_of(prsr_value value) {
     if (value.is(model::TYPE_PREFERRED)) return instance_kind::PREFERRED;
     if (value.is(model::TYPE_AVAILABLE)) return instance_kind::AVAILABLE;
     return instance_kind::NEITHER;
