@@ -69,13 +69,6 @@ static void format_line(const void *trc, int32_t level, const char *format, va_l
 
 using namespace keyview::host;
 
-// trcdprintf has no buffer that could overflow.
-#if __has_attribute(no_stack_protector)
-#define NO_STACK_PROTECTOR __attribute__((no_stack_protector))
-#else
-#define NO_STACK_PROTECTOR
-#endif
-
 extern "C" {
 
 // The four zeros and the limit select nothing: a line is as long as it needs to be, up to 64 KiB.
@@ -91,7 +84,9 @@ void *trcdcompreg(const char * /*description*/, const char *name, int32_t /*limi
     return const_cast<std::string *>(component);
 }
 
-NO_STACK_PROTECTOR void trcdprintf(void *trc, int32_t level, const char *format, ...) {
+// Both trcdprintf and trcdprintft.
+__attribute__((visibility("hidden"), used)) void keyview_trace(void *trc, int32_t level,
+                                                               const char *format, ...) {
     if (below_threshold(level)) return;
     va_list values;
     va_start(values, format);
@@ -99,7 +94,28 @@ NO_STACK_PROTECTOR void trcdprintf(void *trc, int32_t level, const char *format,
     va_end(values);
 }
 
-// Does the same.
-void trcdprintft(void *, int32_t, const char *, ...) __attribute__((alias("trcdprintf")));
+#ifdef __x86_64__
+// A function with variable arguments first saves the registers that they may be in. For the usual line,
+// which is dropped, that would be most of what it costs: so its level is tested before.
+asm(R"(
+    .text
+    .balign 16
+    .globl trcdprintf
+    .globl trcdprintft
+    .type trcdprintf, @function
+    .type trcdprintft, @function
+trcdprintf:
+trcdprintft:
+    movslq %esi, %r11
+    cmpq %r11, keyview_trace_threshold(%rip)
+    jge keyview_trace
+    ret
+    .size trcdprintf, . - trcdprintf
+    .size trcdprintft, . - trcdprintft
+)");
+#else
+void trcdprintf(void *, int32_t, const char *, ...) __attribute__((alias("keyview_trace")));
+void trcdprintft(void *, int32_t, const char *, ...) __attribute__((alias("keyview_trace")));
+#endif
 
 }  // extern "C"

@@ -8,8 +8,8 @@
 
 namespace keyview::host {
 
-// Lines above this level are dropped. Before any setting, all lines pass.
-extern std::atomic<int64_t> trace_threshold;
+// Lines above this level are dropped. Before any setting, all lines pass. Assembly knows it by its name.
+extern std::atomic<int64_t> trace_threshold asm("keyview_trace_threshold");
 
 // Applies the settings of the environment, once. Throws failure::usage if they cannot be used:
 // nothing is traced then.
