@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -71,6 +72,25 @@ TEST_F(Snapshot, CoversWhatTheNameOfItsLockSays) {
         ASSERT_EQ(locks.unlock(row.lock), 0);
         for (const std::string &path : paths)
             EXPECT_EQ(keys.read(path), "new") << path;
+    }
+}
+
+// Also where the order of the reads is known from the time before: ROOT and then SALES under the outer lock.
+TEST_F(Snapshot, TheClosestLockShowsItsOwnMoment) {
+    for (bool both : {false, true}) {
+        write_all("old");
+        ASSERT_EQ(locks.shared(ALL_LOCK), 0);
+        EXPECT_EQ(keys.read(ROOT), "old");
+        write_all("new");
+        if (both) {
+            ASSERT_EQ(locks.shared(SALES_LOCK), 0);
+        }
+        EXPECT_EQ(keys.read(SALES), both ? "new" : "old");
+        if (both) {
+            ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+        }
+        EXPECT_EQ(keys.read(SALES), "old");
+        ASSERT_EQ(locks.unlock(ALL_LOCK), 0);
     }
 }
 
@@ -185,6 +205,22 @@ TEST_F(Snapshot, KeepsItsCopiesOnlyWhileThePartIsTheSame) {
         by_another({removal("DATABASE"), put(paths[4], "x"), put(KEY, "again")});
         EXPECT_EQ(under_lock(KEY), "again0:x (16)0");
     }
+}
+
+// Also a key that the first handle would have read next.
+TEST_F(Snapshot, AnOpenKeyOutlivesTheOtherHandleUnderItsLock) {
+    auto first = std::make_unique<client>();
+    void *open = nullptr;
+    EXPECT_EQ(keys.read(KEY), "old");  // it has a handle of a key to give again
+    for (bool again : {false, true}) {
+        ASSERT_EQ(locks.shared(SALES_LOCK), 0);
+        EXPECT_EQ(first->read(SALES), "old");
+        EXPECT_EQ((again ? keys : *first).open(KEY, &open), 0);
+        if (again) first.reset();
+        ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+    }
+    EXPECT_EQ(keys.value_of(open), "old");
+    EXPECT_EQ(kvtc_close_key(keys.reg, open), 0);
 }
 
 // What a handle leaves is not what a lock of another handle still shows.
