@@ -69,7 +69,7 @@ static void expect_same(store *keys, kept_copies *kept, const tree &model,
             EXPECT_TRUE(seen.emplace(here, copy.value(key)).second) << "twice";
             EXPECT_EQ(copy.find(here), key);
             if (!copy.covers_children(key)) continue;
-            snapshot::range list = copy.children(key);
+            snapshot::range list = snapshot::children(copy.at(key));
             for (uint32_t i = 0; i < list.count; ++i) {
                 EXPECT_EQ(parent_of(std::string(copy.path(list.first + i))), here);
                 EXPECT_TRUE(i == 0 || copy.name(list.first + i - 1) < copy.name(list.first + i));

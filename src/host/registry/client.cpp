@@ -219,9 +219,10 @@ int32_t registry_client::set_value(void *handle, std::string_view value) {
     key->list_of = list.of == nullptr ? nullptr : kept_.known(list.of);
     if (key->list_of != nullptr) ++key->list_of->keys;
     key->list = list.part;
-    key->left = list.key->count;
-    key->childless = key->left == 0;
-    key->next_child = key->childless ? nullptr : list.part->at(list.key->first);
+    const snapshot::range children = snapshot::children(list.key);
+    key->left = children.count;
+    key->childless = children.count == 0;
+    key->next_child = key->childless ? nullptr : list.part->at(children.first);
     key->listed = true;
     return KVTC_SUCCESS;
 }

@@ -24,19 +24,22 @@ static void abandon_inherited(std::vector<held_entry> *entries) {
 static thread_local held_locks *of_this_thread __attribute__((tls_model("initial-exec"))) = nullptr;
 
 // Likewise. A forked child inherits the variable, but not the lock.
-static thread_local held_entry *only_lock __attribute__((tls_model("initial-exec"))) = nullptr;
-static const bool forgotten_in_child =
-    (call_in_child([]() noexcept { only_lock = nullptr; }), true);
+static thread_local struct {
+    held_entry *one;
+    uint64_t generation;
+} only_lock __attribute__((tls_model("initial-exec"))) = {};
 
 held_entry *held_locks::only_one() noexcept {
-    return only_lock;
+    return only_lock.generation == fork_generation() ? only_lock.one : nullptr;
 }
 
 // Entries come, go or move until its end.
 class held_locks::change : unique {
   public:
-    explicit change(std::vector<held_entry> *entries) : entries_(entries) { only_lock = nullptr; }
-    ~change() { only_lock = entries_->size() == 1 ? entries_->data() : nullptr; }
+    explicit change(std::vector<held_entry> *entries) : entries_(entries) { only_lock = {}; }
+    ~change() {
+        only_lock = {entries_->size() == 1 ? entries_->data() : nullptr, fork_generation()};
+    }
 
   private:
     std::vector<held_entry> *entries_;
@@ -60,7 +63,7 @@ held_locks &held_locks::begin_thread() {
 }
 
 held_locks::~held_locks() {
-    only_lock = nullptr;
+    only_lock = {};
     if (generation_ != fork_generation() && !entries_.empty()) abandon_inherited(&entries_);
 }
 

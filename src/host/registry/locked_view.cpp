@@ -46,8 +46,8 @@ void copies::add_part(std::unique_ptr<snapshot> part) {
 
 void copies::expect_more() {
     expected.reserve(order.size());
-    for (; usable < order.size(); ++usable) {
-        const read_key &next = order[usable];
+    while (expected.size() < order.size()) {
+        const read_key &next = order[expected.size()];
         if (next.part >= parts.size() || next.key >= parts[next.part]->size()) return;
         expected.push_back({parts[next.part].get(), parts[next.part]->at(next.key)});
     }
@@ -55,15 +55,13 @@ void copies::expect_more() {
 
 void copies::end_order(size_t count) {
     order.resize(count);
-    usable = std::min(usable, count);
-    expected.resize(usable);
+    expected.resize(std::min(expected.size(), count));
     order_is_guess = false;
 }
 
 void copies::replace_order(order_of_reads *by) {
     order.swap(*by);
     expected.clear();
-    usable = 0;
 }
 
 kept_copies::kept_copies(std::shared_ptr<store> keys)

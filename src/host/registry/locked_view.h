@@ -56,11 +56,10 @@ struct copies : std::enable_shared_from_this<copies> {
     size_t single_keys = 0;                        // number of parts with one key only
 
     // Of the reader that read most. At first a guess, that of another part of the tree: records of
-    // the same shape have their keys at the same places. expected has its first keys, as many as
-    // usable: all that are there when a view begins or a part is added.
+    // the same shape have their keys at the same places. expected has its first keys: all that are there
+    // when a view begins or a part is added.
     order_of_reads order;
     std::vector<copied_key> expected;
-    size_t usable = 0;
     bool order_is_guess = false;
 
     copies(std::string_view key, const revision &state) : top(key), as_of(state) {}
@@ -135,7 +134,7 @@ class locked_view {
     // The key that the reader before read at this point, of a view with copies; null if none is known.
     // The next one is expected then.
     const copied_key *pass_expected() {
-        if (next_ >= copies_->usable) return nullptr;
+        if (next_ >= copies_->expected.size()) return nullptr;
         const copied_key *expected = &copies_->expected[next_];
         if (expected->part->stale) return nullptr;
         ++next_;

@@ -140,7 +140,7 @@ class snapshot {
         uint32_t first;
         uint32_t count;
     };
-    range children(uint32_t key) const { return {keys_[key].first, keys_[key].count}; }
+    static range children(const row *key) { return {key->first, key->count}; }
 
   private:
     // Keys of one list whose own lists are not filled yet.

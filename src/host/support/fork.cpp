@@ -14,7 +14,6 @@ namespace keyview::host {
 
 static std::atomic<uint64_t> generation{1};
 static std::atomic<pid_t> number{getpid()};
-static std::atomic<void (*)() noexcept> called_in_child{nullptr};
 
 std::mutex &fork_mutex() noexcept {
     static std::mutex mutex;
@@ -35,10 +34,6 @@ pid_t process_number() noexcept {
     return number.load(std::memory_order_relaxed);
 }
 
-void call_in_child(void (*function)() noexcept) noexcept {
-    called_in_child.store(function);
-}
-
 static void before_fork() {
     fork_mutex().lock();
 }
@@ -53,7 +48,6 @@ static void after_fork_in_child() {
     for (int fd : parent_only())
         close(fd);
     parent_only().clear();
-    if (auto *function = called_in_child.load(); function != nullptr) function();
     fork_mutex().unlock();
 }
 

@@ -21,9 +21,6 @@ uint64_t fork_generation() noexcept;
 // The number of this process, without a system call.
 pid_t process_number() noexcept;
 
-// Sets the one function that is called in the child of each fork, in its only thread.
-void call_in_child(void (*function)() noexcept) noexcept;
-
 // Held across every fork, so that the data that it guards is consistent in the child. For short
 // work only; no other mutex is locked inside.
 std::mutex &fork_mutex() noexcept;
