@@ -73,11 +73,9 @@ TEST_F(Client, ReplacesValuesOfExistingKeysOnly) {
 }
 
 TEST_F(Client, HandlesThatAreNotLiveAreRefused) {
-    client keys;
-    client other;
+    client keys, other;
     locker locks;
-    void *key = nullptr;
-    void *reused = nullptr;
+    void *key = nullptr, *reused = nullptr;
     ASSERT_EQ(keys.open(CRM, &key), 0);
     EXPECT_NE(kvtc_close_key(other.reg, key), 0) << "another handle's key";
     EXPECT_EQ(kvtc_close_key(keys.reg, key), 0);

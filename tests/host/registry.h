@@ -2,7 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -66,13 +68,24 @@ class RegistryTest : public testing::Test {
     backend registry;
 };
 
+// A copy at the very end of memory, until the thread's next one: to read behind it ends the test.
+inline const char *at_end_of_memory(const std::string &text) {
+    constexpr size_t ROOM = 1 << 20;
+    static thread_local char *const END = [] {
+        void *memory = mmap(nullptr, 2 * ROOM, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        EXPECT_EQ(mprotect(memory, ROOM, PROT_READ | PROT_WRITE), 0);
+        return static_cast<char *>(memory) + ROOM;
+    }();
+    return static_cast<char *>(memcpy(END - text.size() - 1, text.c_str(), text.size() + 1));
+}
+
 // A registry handle of the client, used as a caller does. A code comes back as "(code)".
 struct client {
     client() { EXPECT_EQ(kvtc_init_ext(&reg, 3, nullptr, nullptr, 0), 0); }
     ~client() { kvtc_terminate(reg); }
 
     int32_t open(const std::string &path, void **key) const {
-        return kvtc_open_key(reg, key, path.c_str());
+        return kvtc_open_key(reg, key, at_end_of_memory(path));
     }
     static std::string in_words(int32_t rc) { return "(" + std::to_string(rc) + ")"; }
 

@@ -110,7 +110,7 @@ int32_t registry_client::open(const char *path, void **handle) {
     ++key->of->keys;
     key->copied = *expected;
     void *opened = begin_use(key);
-    if (strcmp(expected->part->path_text(expected->key), path) != 0) {
+    if (!expected->part->has_path(expected->key, path)) {
         return open_instead(key, path, handle);
     }
     *handle = opened;

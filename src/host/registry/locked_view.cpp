@@ -293,7 +293,7 @@ void locked_view::find(const tree_reader &reader, const lock_cover &cover, const
     begin(reader, cover);
     if (const copied_key *expected = pass_expected(); expected != nullptr) {
         *found = {*expected, copies_.get()};
-        if (strcmp(expected->part->path_text(expected->key), path) == 0) return;
+        if (expected->part->has_path(expected->key, path)) return;
         step_back();
     }
     uint32_t key = snapshot::NONE;

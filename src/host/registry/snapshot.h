@@ -42,6 +42,19 @@ class byte_block {
     size_t capacity_ = 0;
 };
 
+// Whether a string is the one with this text of size bytes and a zero byte behind it. All of its bytes
+// are compared at once: strcmp, which looks for both ends, takes twice as long. Where the string is
+// shorter, bytes behind its end are read; they are on a page that it is on, or else strcmp decides.
+inline bool same_string(const char *string, const char *text, [[maybe_unused]] size_t size) {
+#ifndef KEYVIEW_SANITIZED
+    constexpr uintptr_t PAGE = 4096;  // or a multiple of it
+    if (reinterpret_cast<uintptr_t>(string) % PAGE + size < PAGE) {
+        return memcmp(string, text, size + 1) == 0;
+    }
+#endif
+    return strcmp(string, text) == 0;
+}
+
 class snapshot {
   public:
     static constexpr uint32_t NONE = UINT32_MAX;
@@ -110,7 +123,7 @@ class snapshot {
     uint32_t find_predicted(const char *path) {
         for (uint32_t step : {step_, step_before_}) {
             uint32_t next = latest_ + step;
-            if (next < size() && strcmp(path_text(at(next)), path) == 0) return found(next);
+            if (next < size() && has_path(at(next), path)) return found(next);
         }
         return NONE;
     }
@@ -124,6 +137,9 @@ class snapshot {
     std::string_view path(const row *key) const { return {path_text(key), key->path_size}; }
     // With a zero byte behind it.
     const char *path_text(const row *key) const { return bytes_.at(key->path_at); }
+    bool has_path(const row *key, const char *path) const {
+        return same_string(path, path_text(key), key->path_size);
+    }
     std::string_view name(const row *key) const {
         return {path_text(key) + key->name_at, size_t{key->path_size} - key->name_at};
     }
