@@ -1,6 +1,7 @@
 // The registry client over a store.
 #include "host/registry/client.h"
 
+#include <array>
 #include <cstring>
 #include <utility>
 
@@ -73,6 +74,29 @@ int32_t registry_client::close(void *handle) {
         key->listed = false;
     }
     return KVTC_SUCCESS;
+}
+
+// ---- Texts to the caller ------------------------------------------------------------------------
+
+// Most values and names are no longer.
+static constexpr uint32_t SHORT = byte_block::READABLE;
+
+// Delivers the first size bytes of a text in a byte_block, and zeros up to SHORT bytes, in one piece: the
+// caller reads it at once, and would wait if what it reads lay across two pieces, as those of memcpy.
+static void deliver_short(void *to, const char *text, uint32_t size) {
+    using piece = unsigned char __attribute__((vector_size(SHORT)));
+    static constexpr auto KEPT = [] {
+        std::array<unsigned char, SHORT + SHORT> bytes = {};
+        for (size_t i = 0; i < SHORT; ++i)
+            bytes[i] = 0xFF;
+        return bytes;
+    }();
+    piece all;
+    piece kept;
+    memcpy(&all, text, SHORT);
+    memcpy(&kept, &KEPT[SHORT - size], SHORT);
+    all &= kept;
+    memcpy(to, &all, SHORT);
 }
 
 // ---- Opening and values -------------------------------------------------------------------------
@@ -155,7 +179,12 @@ int32_t registry_client::get_value(void *handle, void *value, uint32_t *size) {
     const uint32_t capacity = *size, length = static_cast<uint32_t>(stored.size());
     *size = length;
     if (length > capacity) return value_too_long(*key, capacity);
-    if (length > 0) memcpy(value, stored.data(), length);
+    if (length == 0) return KVTC_SUCCESS;
+    if (length <= SHORT && capacity >= SHORT && key->copied.part != nullptr) {
+        deliver_short(value, stored.data(), length);
+    } else {
+        memcpy(value, stored.data(), length);
+    }
     return KVTC_SUCCESS;
 }
 
@@ -250,8 +279,12 @@ int32_t registry_client::next_subkey(void *handle, char *name, uint32_t *size, i
     uint32_t capacity = *size;
     *size = static_cast<uint32_t>(next.size());
     if (next.size() >= capacity) return name_too_long(*key, *size, capacity);
-    memcpy(name, next.data(), next.size());
-    name[next.size()] = '\0';
+    if (next.size() < SHORT && capacity >= SHORT) {
+        deliver_short(name, next.data(), *size);
+    } else {
+        memcpy(name, next.data(), next.size());
+        name[next.size()] = '\0';
+    }
     ++key->next_child;
     *last = static_cast<int32_t>(--key->left);
     return KVTC_SUCCESS;

@@ -20,7 +20,7 @@ void byte_block::grow(size_t more) {
 }
 
 void byte_block::reserve(size_t capacity) {
-    std::unique_ptr<char[]> larger(new char[capacity]);
+    std::unique_ptr<char[]> larger(new char[capacity + READABLE]);
     if (size_ > 0) memcpy(larger.get(), bytes_.get(), size_);
     bytes_ = std::move(larger);
     capacity_ = capacity;

@@ -16,9 +16,12 @@
 
 namespace keyview::host {
 
-// A block of bytes that only grows.
+// A block of bytes that only grows. A short text may be read in one piece: READABLE bytes are there from
+// any place within.
 class byte_block {
   public:
+    static constexpr size_t READABLE = 16;
+
     size_t size() const { return size_; }
     size_t capacity() const { return capacity_; }
     const char *at(size_t offset) const { return bytes_.get() + offset; }

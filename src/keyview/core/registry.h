@@ -52,7 +52,9 @@ struct prsr_value {
     // Whether that string is this word.
     template <size_t WORD_SIZE>
     [[nodiscard]] bool is(const char (&word)[WORD_SIZE]) const {
-        return length() + 1 >= WORD_SIZE && memcmp(text(), word, WORD_SIZE) == 0;
+        constexpr uint32_t WORD_LENGTH = WORD_SIZE - 1;
+        if (length() < WORD_LENGTH || memcmp(buffer, word, WORD_LENGTH) != 0) return false;
+        return length() == WORD_LENGTH || text()[WORD_LENGTH] == '\0';
     }
 
     char *buffer = nullptr;
