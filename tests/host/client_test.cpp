@@ -1,4 +1,4 @@
-// The registry client as its callers see it, without locks.
+// The registry client as its callers see it, mostly without locks.
 #include <gtest/gtest.h>
 
 #include "registry.h"
@@ -35,24 +35,34 @@ TEST_F(Client, EnumeratesWithACountdown) {
     EXPECT_EQ(keys.list(CRM), "(16)-1");
 }
 
+// Texts of every length in buffers of every size: that of a value, and that of a name.
 TEST_F(Client, ABufferThatIsTooSmallLosesNothing) {
     client keys;
-    void *key = nullptr;
-    ASSERT_EQ(keys.open(SALES_KEY, &key), 0);
-    char buffer[8] = "";
-    uint32_t size = 5;
-    EXPECT_EQ(kvtc_get_value(keys.reg, key, nullptr, buffer, &size), KVTC_ERR_MORE_DATA);
-    EXPECT_EQ(size, 6U);
-    EXPECT_EQ(kvtc_get_value(keys.reg, key, nullptr, buffer, &size), 0) << "exactly what is needed";
-    EXPECT_STREQ(buffer, "Sales");
-
-    int32_t last = 5;
-    size = 7;
-    int32_t rc = kvtc_enum_subkey(keys.reg, key, buffer, &size, &last);
-    EXPECT_TRUE(rc != 0 && rc != KVTC_ERR_MORE_DATA && rc != KVTC_ERR_NO_MORE_KEYS) << rc;
-    size = 8;
-    EXPECT_EQ(kvtc_enum_subkey(keys.reg, key, buffer, &size, &last), 0);
-    EXPECT_STREQ(buffer, "ENABLED");
+    char buffer[21];
+    for (uint32_t length = 1; length < sizeof(buffer); ++length) {
+        const std::string text(length, 'x');
+        locker locks;
+        apply({removal(SALES_KEY), put(SALES_KEY, text), put(SALES_KEY + "." + text)});
+        ASSERT_EQ(locks.shared("LKRT.DATABASE.DATABASES.sales"), 0);
+        void *key = nullptr;
+        ASSERT_EQ(keys.open(SALES_KEY, &key), 0);
+        bool named = false;
+        for (uint32_t room = 0; room < sizeof(buffer); ++room) {
+            memset(buffer, '#', sizeof(buffer));
+            uint32_t size = room;
+            int32_t last = 5, rc = kvtc_get_value(keys.reg, key, nullptr, buffer, &size);
+            EXPECT_EQ(rc, length <= room ? 0 : KVTC_ERR_MORE_DATA);
+            EXPECT_EQ(size, length);
+            EXPECT_EQ(std::string(buffer, length) == text, rc == 0);
+            EXPECT_EQ(buffer[room], '#');
+            if (named) continue;
+            rc = kvtc_enum_subkey(keys.reg, key, buffer, &(size = room), &last);
+            named = rc == 0;
+            EXPECT_EQ(named, length < room);
+            EXPECT_TRUE(named ? buffer == text : rc != KVTC_ERR_MORE_DATA && last == 5) << rc;
+            EXPECT_EQ(buffer[room], '#');
+        }
+    }
 }
 
 TEST_F(Client, ReplacesValuesOfExistingKeysOnly) {
