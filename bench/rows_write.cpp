@@ -1,5 +1,5 @@
-// Writes: a durable set beside what the disk asks for, a set that changes nothing, and a reader
-// beside a process that commits without pause.
+// Writes: a durable set beside what the disk asks for, a set that changes nothing, an apply next to the
+// history, and a reader beside a process that commits without pause.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -22,6 +22,7 @@ constexpr char ENGINE[] = "durable set of a flag / LMDB commit of a row";
 constexpr char ENGINE_HISTORY[] = "durable set of a flag / LMDB commit of a row and an entry";
 constexpr char HISTORY[] = "durable set of a flag / the same without history";
 constexpr char UNCHANGED[] = "set to the stored value / durable set";
+constexpr char BEHIND_HISTORY[] = "apply next to a large entry of the history / to a small one";
 constexpr char BESIDE_WRITER[] = "fetch typical beside endless commits / quiet";
 
 namespace {
@@ -135,6 +136,26 @@ static void measure_sets(const bench_setup &setup) {
     setup.to->ratio(UNCHANGED, figures[2], figures[0], 0.05);
 }
 
+// ---- Beside the history -------------------------------------------------------------------------
+
+// The history lies behind all keys, the entry of the first change next to the last key. Each apply has
+// a database that comes last.
+static void measure_behind_history(const bench_setup &setup) {
+    if (!setup.to->wants({BEHIND_HISTORY})) return;
+    const std::string beside_large = setup.directory + "/behind-large";
+    const std::string beside_small = setup.directory + "/behind-small";
+    (void)make_record_registry(beside_large, {LARGE});
+    (void)make_record_registry(beside_small, {SMALL});
+    int last = 100;
+    const auto apply_last = [&](const std::string &directory) {
+        const std::string name = "Typical" + std::to_string(last++);
+        (void)make_record_registry(directory, {{name.c_str(), 8, 20}});
+    };
+    const auto figures =
+        interleave({11, 1}, {[&] { apply_last(beside_large); }, [&] { apply_last(beside_small); }});
+    setup.to->ratio(BEHIND_HISTORY, figures[0], figures[1], 1.5);
+}
+
 // ---- Beside a writer ----------------------------------------------------------------------------
 
 // Fetches for a while, long enough for several commits beside it.
@@ -184,6 +205,7 @@ static void measure_beside_writer(const bench_setup &setup) {
 
 void write_rows(const bench_setup &setup) {
     measure_sets(setup);
+    measure_behind_history(setup);
     measure_beside_writer(setup);
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "model/path.h"
+#include "model/roots.h"
 
 namespace keyview::host {
 
@@ -49,11 +50,15 @@ row_state look_up(const environment &env, MDB_cursor *cursor, std::string_view p
     return state_of(env, rc, data, key, path, out);
 }
 
+bool may_be_stray(std::string_view key, std::string_view bytes) noexcept {
+    row found;
+    return !is_history(key) && !read_row(key, bytes, &found);
+}
+
 void visit_damaged_neighbours(const environment &env, MDB_cursor *cursor, std::string_view path,
                               const row_visitor &visit) {
     auto visit_damaged = [&](std::string_view key, std::string_view bytes) {
-        row found;
-        if (!read_row(key, bytes, &found)) visit(key, bytes);
+        if (may_be_stray(key, bytes)) visit(key, bytes);
     };
     row_key absent(path);
     key_range near;

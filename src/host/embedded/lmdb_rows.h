@@ -23,6 +23,10 @@ inline std::string_view view_of(const MDB_val &bytes) {
     return {static_cast<const char *>(bytes.mv_data), bytes.mv_size};
 }
 
+// Whether a row next to the place of an absent key may be its row, with a damaged row key: it is no sound
+// row, and no entry of the history. Those are large, and next to the last keys.
+bool may_be_stray(std::string_view key, std::string_view bytes) noexcept;
+
 // A cursor that is closed at the end of the scope.
 using cursor_guard = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
 cursor_guard open_cursor(const environment &env, MDB_txn *txn);

@@ -137,14 +137,13 @@ row_state lmdb_writer::state_of(std::string_view path, row *found) {
     return state;
 }
 
-// The same with a cursor, which is then where the row is or would be. alone: the rows next to that of
-// an absent key are sound, so none of them is its own.
+// The same with a cursor, which is then where the row is or would be. alone: none of the
+// rows next to that of an absent key may be its own.
 row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
     row_key key(path);
     if (key_is_hashed(key.view())) return state_of(path, found);
     MDB_val at = bytes_of(key.view());
     MDB_val data = {};
-    row next;
     auto step = [&](MDB_cursor_op op) {
         int rc = mdb_cursor_get(opened(&cursor_), &at, &data, op);
         if (rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
@@ -156,9 +155,9 @@ row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
         if (!sound) see_damage();
         return sound ? row_state::sound : row_state::damaged;
     }
-    *alone = !behind || read_row(view_of(at), view_of(data), &next);
+    *alone = !behind || !may_be_stray(view_of(at), view_of(data));
     if (step(behind ? MDB_PREV : MDB_LAST))
-        *alone = *alone && read_row(view_of(at), view_of(data), &next);
+        *alone = *alone && !may_be_stray(view_of(at), view_of(data));
     return row_state::absent;
 }
 
