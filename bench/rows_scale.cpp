@@ -82,14 +82,16 @@ struct growth {
 }  // namespace
 
 // The start of a program and what a command costs whatever the size are what it costs with one database.
+// The large one runs amid the others: the machine is not always equally fast.
 static process_cost add_round(scales *all, const scale_command &command, growth *to) {
-    constexpr int RUNS = 15;
+    constexpr int RUNS = 21;
     series one, small;
+    process_cost large = {};
     for (int i = 0; i < RUNS; ++i) {
         one.push_back(all->one.run(command).cpu_us);
         small.push_back(all->small.run(command).cpu_us);
+        if (i == RUNS / 2) large = all->large.run(command);
     }
-    const process_cost large = all->large.run(command);
     const double fixed = median(one);
     to->small.push_back((median(small) - fixed) / (SMALL_SCALE - ONE));
     to->large.push_back((large.cpu_us - fixed) / (LARGE_SCALE - ONE));

@@ -51,6 +51,16 @@ class row_scan {
         int rc = mdb_cursor_get(cursor_, &key_, &data_, op);
         if (rc != MDB_SUCCESS && rc != MDB_NOTFOUND) env_.check(rc, "mdb_cursor_get");
         more_ = rc == MDB_SUCCESS;
+        if (more_) fetch_ahead();
+    }
+
+    // Rows that were written together are on pages in a row, each filled from its end. While one is
+    // read, the processor fetches what is at the same place of the next one; where nothing is, nothing.
+    void fetch_ahead() const {
+        constexpr size_t PAGE = 4096, LINE = 64, LINES_OF_A_ROW = 3;
+        const char *next = static_cast<const char *>(key_.mv_data) + PAGE;
+        for (size_t line = 0; line < LINES_OF_A_ROW; ++line)
+            __builtin_prefetch(next - line * LINE);
     }
 
     const environment &env_;
