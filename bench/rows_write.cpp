@@ -149,7 +149,8 @@ static void measure_behind_history(const bench_setup &setup) {
     int last = 100;
     const auto apply_last = [&](const std::string &directory) {
         const std::string name = "Typical" + std::to_string(last++);
-        (void)make_record_registry(directory, {{name.c_str(), 8, 20}});
+        (void)make_record_registry(directory,
+                                   {{name.c_str(), TYPICAL.instances, TYPICAL.services}});
     };
     const auto figures =
         interleave({11, 1}, {[&] { apply_last(beside_large); }, [&] { apply_last(beside_small); }});

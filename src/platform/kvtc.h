@@ -38,8 +38,8 @@ int32_t kvtc_open_key(void *reg, void **key, const char *path);
 int32_t kvtc_close_key(void *reg, void *key);
 
 // Copies a key's own value. *size: in, the capacity of value in bytes; out, the value's length, 0
-// for an empty one. KVTC_ERR_MORE_DATA if it does not fit: *size is then the length needed, and the
-// key stays open.
+// for an empty one; what lies behind it, up to the capacity, stays or becomes zero. KVTC_ERR_MORE_DATA
+// if it does not fit: *size is then the length needed, and the key stays open.
 int32_t kvtc_get_value(void *reg, void *key, uint32_t *type, void *value, uint32_t *size);
 
 // Replaces the value of an existing key. size counts a terminating zero byte.

@@ -137,8 +137,8 @@ row_state lmdb_writer::state_of(std::string_view path, row *found) {
     return state;
 }
 
-// The same with a cursor, which is then where the row is or would be. alone: none of the
-// rows next to that of an absent key may be its own.
+// The same with a cursor, which is then where the row is or would be. alone: none of the rows next to
+// that of an absent key may be its own.
 row_state lmdb_writer::seek(std::string_view path, row *found, bool *alone) {
     row_key key(path);
     if (key_is_hashed(key.view())) return state_of(path, found);
