@@ -244,6 +244,45 @@ TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
     EXPECT_TRUE(same.expired());
 }
 
+// Those of parts that are read again, up to a number, while a long list of others is read once.
+TEST_F(Snapshot, KeepsTheCopiesOfWhatIsReadAgain) {
+    auto name = [](int number) { return ROOT + ".db" + std::to_string(100 + number); };
+    std::vector<change> changes;
+    for (int number = 0; number < 300; ++number)
+        changes.push_back(put(name(number), "x"));
+    apply(changes);
+    auto reader = std::make_unique<client>();
+    auto read = [&](int first, int end) {
+        for (int number = first; number < end; ++number) {
+            const std::string lock = "LKRT." + name(number);
+            ASSERT_EQ(locks.shared(lock.c_str()), 0);
+            EXPECT_EQ(reader->read(name(number)), "x");
+            ASSERT_EQ(locks.unlock(lock.c_str()), 0);
+        }
+    };
+    auto kept = [&] {
+        reader = nullptr;
+        auto left = registry.keys->take_copies();
+        std::string tops;
+        for (const auto &one : left)
+            tops += one->of->top.substr(one->of->top.size() - 3) + " ";
+        registry.keys->keep_copies(std::move(left));
+        reader = std::make_unique<client>();
+        return tops;
+    };
+    read(0, 6);
+    EXPECT_EQ(kept(), "104 105 ") << "the last two";
+    for (int round = 0; round < 2; ++round)
+        read(0, 6);
+    read(6, 300);
+    EXPECT_EQ(kept(), "100 101 102 103 104 105 398 399 ");
+    for (int round = 0; round < 3; ++round)
+        read(100, 164);
+    EXPECT_EQ(kept().size(), 64 * 4U);
+    read(200, 300);
+    EXPECT_EQ(kept().substr(62 * 4), "398 399 ");
+}
+
 // Copies are filled again after changes of every kind, between and below keys that are open, by
 // readers of some keys, of all keys in the same order, and of lists.
 TEST_F(Snapshot, ReadersOfAChangingPartReadWhatIsThere) {

@@ -10,7 +10,7 @@ namespace keyview::host {
 static constexpr size_t MAX_SINGLE_KEYS = 32;
 
 // The bounds of the cache of a registry handle.
-static constexpr size_t MAX_KEPT = 8;
+static constexpr size_t MAX_KEPT_USED_ONCE = 2;
 static constexpr size_t MAX_KEPT_SINGLE_KEYS = MAX_SINGLE_KEYS / 2;  // at another revision
 static constexpr size_t MAX_COPIED_BYTES = size_t{16} << 20;
 
@@ -89,10 +89,11 @@ known_copies *kept_copies::take(std::string_view top, const revision &as_of,
     drop_unused();
     cached_.reserve(cached_.size() + 1);  // so that nothing that is in use is lost on the way
     others_.reserve(others_.size() + cached_.size() + 1);
-    auto same = std::find_if(cached_.begin(), cached_.end(),
+    if (!cached_.empty()) cached_.back()->bytes = cached_.back()->of->bytes();
+    auto same = std::find_if(cached_.rbegin(), cached_.rend(),
                              [&](const auto &one) { return one->of->top == top; });
-    const bool found = same != cached_.end();
-    if (found) std::rotate(same, same + 1, cached_.end());
+    const bool found = same != cached_.rend();
+    if (found) std::rotate(same.base() - 1, same.base(), cached_.end());
     if (!found || !bring_to(as_of, *cached_.back())) {
         auto fresh = std::make_shared<copies>(top, as_of);
         if (!cached_.empty()) fresh->guess_order(*cached_.back()->of);
@@ -104,6 +105,7 @@ known_copies *kept_copies::take(std::string_view top, const revision &as_of,
         cached_.push_back(std::move(entry));
     }
     known_copies *latest = cached_.back().get();
+    if (found || left_of_late(top)) latest->used_again = true;
     *taken = latest->of;
     drop_oldest();
     return latest;
@@ -111,14 +113,26 @@ known_copies *kept_copies::take(std::string_view top, const revision &as_of,
 
 // Keeps the latest ones within the bounds.
 void kept_copies::drop_oldest() {
-    auto first = cached_.end();
-    for (size_t bytes = 0; first != cached_.begin(); --first) {
-        bytes += (*std::prev(first))->of->bytes();
-        if (bytes > MAX_COPIED_BYTES || cached_.end() - first == MAX_KEPT) break;
+    size_t kept = 0, bytes = 0, used_once = 0;
+    for (size_t number = cached_.size(); number-- > 0;) {
+        std::shared_ptr<known_copies> &one = cached_[number];
+        bytes += one->bytes;
+        if (!one->used_again) ++used_once;
+        const bool is_kept = one->used_again || used_once <= MAX_KEPT_USED_ONCE;
+        if (is_kept && bytes <= MAX_COPIED_BYTES && kept < MAX_KEPT) {
+            ++kept;
+            continue;
+        }
+        left_[next_left_++ % MAX_KEPT] = std::hash<std::string_view>()(one->of->top);
+        others_.push_back(std::move(one));
+        cached_.erase(cached_.begin() + static_cast<ptrdiff_t>(number));
     }
-    std::move(cached_.begin(), first, std::back_inserter(others_));
-    cached_.erase(cached_.begin(), first);
     drop_unused();
+}
+
+bool kept_copies::left_of_late(std::string_view top) const {
+    const size_t wanted = std::hash<std::string_view>()(top);
+    return std::find(left_.begin(), left_.end(), wanted) != left_.end();
 }
 
 void kept_copies::drop_unused() {

@@ -11,6 +11,7 @@
 // not notice.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -78,11 +79,15 @@ struct copies : std::enable_shared_from_this<copies> {
 struct known_copies {
     std::shared_ptr<copies> of;
     size_t keys = 0;
+    size_t bytes = 0;         // as of the next take behind its own
+    bool used_again = false;  // taken more than once
 
     bool in_use() const { return keys > 0 || of.use_count() > 1; }
 };
 
-// The copies that a registry handle caches, up to a bound, and others that are in use.
+// The copies that a registry handle caches, up to a bound, and others that are in use. Most of those
+// that were used once leave first: a reader of a long list of parts, one after the other, does not drive
+// out those that are used again, and writes each copy to memory that the processor has in its cache.
 class kept_copies : unique {
   public:
     // Begins with those of a handle that was closed, and leaves its own to the next one.
@@ -97,12 +102,19 @@ class kept_copies : unique {
     known_copies *known(copies *wanted);
 
   private:
+    static constexpr size_t MAX_KEPT = 64;
+
     void drop_oldest();
     void drop_unused();
+    bool left_of_late(std::string_view top) const;
 
     std::shared_ptr<store> keys_;
     std::vector<std::shared_ptr<known_copies>> cached_;  // the latest last
     std::vector<std::shared_ptr<known_copies>> others_;
+
+    // Hashes of the tops of those that left, as many as are kept: a ring.
+    std::array<size_t, MAX_KEPT> left_ = {};
+    size_t next_left_ = 0;
 };
 
 // The source of a read: the store, and the copies that a registry handle made before.
