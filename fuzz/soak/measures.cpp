@@ -119,7 +119,7 @@ const measure MEASURES[] = {
     {"descriptors", 0, [](const places &) { return entries_in("/proc/self/fd"); }},
     {"threads", 0, [](const places &) { return entries_in("/proc/self/task"); }},
     {"bytes in use", 65536, bytes_in_use},
-    {"resident bytes", 16 << 20, resident_bytes},
+    {"resident bytes", 4 << 20, resident_bytes},
     {"mapped files", 0, mapped_files},
     {"files", 0, [](const places &where) { return entries_in(where.directory); }},
     {"bytes of files", 2 << 20, bytes_of_files},
