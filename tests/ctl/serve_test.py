@@ -281,6 +281,22 @@ class Clients(Served):
         for one in (*silent, slow, greedy):
             one.close()
 
+    # Their connections do not count as silent ones: they would keep others out until their time is over.
+    def test_who_leaves_within_a_request_takes_no_place(self):
+        self.serve()
+        files = "/proc/%d/fd" % self.server.pid
+        before = len(os.listdir(files))
+        self.server.send_signal(signal.SIGSTOP)  # the words and the end are there when it looks
+        for words in (b"", b"GET / HTTP/1.1\r\nHost: loc", b"GET / HTTP/1.1\r\nHost: localhost\r\n\r\nGE") * 100:
+            with socket.create_connection(self.where(), timeout=5) as one:
+                one.sendall(words)
+        self.server.send_signal(signal.SIGCONT)
+        self.assertIn(b"Sales", self.body("/v1/databases"))
+        end = time.monotonic() + 4
+        while len(os.listdir(files)) > before:
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.05)
+
     # Requests with bytes changed, left out, repeated: none ends the server, and none is answered with a change.
     def test_mutated_requests(self):
         self.serve()

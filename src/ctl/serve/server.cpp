@@ -71,7 +71,9 @@ server::server(endpoint *place, server_options options, metrics *counts_of_all)
     : counts(counts_of_all),
       options_(std::move(options)),
       checks_host_(place->is_local() && !place->is_unix()) {
-    unsigned flags = MHD_USE_EPOLL | MHD_USE_INTERNAL_POLLING_THREAD | MHD_ALLOW_SUSPEND_RESUME |
+    // Not epoll: of a client whose words and end arrive together the library then sees the words alone,
+    // and waits for more. A suspended connection is polled in neither way.
+    unsigned flags = MHD_USE_POLL | MHD_USE_INTERNAL_POLLING_THREAD | MHD_ALLOW_SUSPEND_RESUME |
                      MHD_USE_ITC | MHD_USE_ERROR_LOG;
     std::vector<MHD_OptionItem> settings;
     auto set = [&](MHD_OPTION option, intptr_t value, const void *pointer = nullptr) {
