@@ -1,6 +1,7 @@
 """The checks over histories. Each reports what is wrong as sentences; none knows how the registry works."""
 from __future__ import annotations
 
+import time
 from dataclasses import dataclass
 from typing import Iterable, Iterator, NamedTuple
 
@@ -17,6 +18,9 @@ class Operation:
     value: str
     end: int = NEVER
     client: str = ""
+
+    def age_s(self) -> float:
+        return (time.monotonic_ns() - self.begin) / 1e9
 
 
 class Hold(NamedTuple):

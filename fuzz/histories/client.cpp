@@ -229,6 +229,8 @@ class mixed_client {
         std::string value = one.values > 0 ? std::to_string(any_of(one.values)) : own_value();
         begin(what, 'w', value);
         if (has("lost-write") && now_and_then()) return end("ok", value);
+        while (has("never-ends"))
+            pause();
         const int32_t rc = (this->*one.set)(database, value);
         const bool done = rc == 0;
         if (!done) recover();

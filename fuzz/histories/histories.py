@@ -53,6 +53,7 @@ PLANTS = {
     "reads-own-member": Plant("mixed", PARTITIONS, "linearizability"),
     "gives-up": Plant("mixed", ["slow link of a client"], "linearizability"),
     "shows-old": Plant("mixed", ["slow link of a member"], "linearizability"),
+    "never-ends": Plant("mixed", [], "end"),
     "forgetful-member": Plant("member", ["member replaced"], "exclusion"),
     "no-lock": Plant("mixed", [], "exclusion"),
     "forgets-loss": Plant("mixed", ["client stopped"], "exclusion"),
@@ -187,7 +188,7 @@ class Run:
         self.finish()
 
     def finish(self) -> None:
-        """Each operation gets the time to end; then all clients are ended between two of them."""
+        """Each operation gets the time to end; then all clients are ended, between two of them if one is met there."""
         end = self.seconds() + LONGEST_CALL_S
         running = [one for one in self.clients if one.role == "mixed"]
         while running and self.seconds() < end:
@@ -195,9 +196,10 @@ class Run:
             for one in [one for one in running if one.open is None]:
                 one.kill()
                 running.remove(one)
+        self.note("end", (f"{one.id} has been at {one.open[0]} for {one.open[1].age_s():.1f} s without a fault"
+                          for one in running if one.open and one.open[1].age_s() > LONGEST_CALL_S))
         for one in self.clients:
             one.kill()
-        self.counts["operations without an end after the run"] += len(running)
         time.sleep(1 if self.all_changes else 0)  # what the cluster still delivers
         self.read()
         self.check("e")
