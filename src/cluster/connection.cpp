@@ -70,10 +70,15 @@ std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings 
     return grpc::SslCredentials(options);
 }
 
+// By the same clock: a step of the clock of the day does not move it.
+gpr_timespec deadline_at(steady::time_point end) {
+    const auto since_start = std::chrono::nanoseconds(end.time_since_epoch()).count();
+    return gpr_time_from_nanos(since_start, GPR_CLOCK_MONOTONIC);
+}
+
 std::unique_ptr<grpc::ClientContext> context_of(steady::time_point end, const std::string &token) {
     auto context = std::make_unique<grpc::ClientContext>();
-    context->set_deadline(std::chrono::system_clock::now() +
-                          std::max(end - steady::now(), steady::duration::zero()));
+    context->set_deadline(deadline_at(end));
     if (!token.empty()) context->AddMetadata("token", token);
     return context;
 }
@@ -174,13 +179,11 @@ enum class after_failure { give_up, wait };
 
 // Returns whether the member answered.
 static bool connect(grpc::Channel *channel, steady::time_point end, after_failure then) {
-    auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - steady::now());
-    auto until = std::chrono::system_clock::now() + left;
     for (bool waits = true; waits;) {
         grpc_connectivity_state state = channel->GetState(true);
         if (state == GRPC_CHANNEL_READY) return true;
         if (state == GRPC_CHANNEL_TRANSIENT_FAILURE && then == after_failure::give_up) break;
-        waits = channel->WaitForStateChange(state, until);
+        waits = channel->WaitForStateChange(state, deadline_at(end));
     }
     return false;
 }
