@@ -315,7 +315,7 @@ static bool run_for(int seconds, unsigned seed, const std::string &planted) {
 // What a thread freed and keeps for its next calls counts as in use, and how much that is depends on
 // which threads met. So does the free end of each heap, which would be kept up to megabytes once large
 // blocks were freed.
-static void start_without_what_the_allocator_keeps(char **argv) {
+static void start_without_kept_memory(char **argv) {
     constexpr char TUNABLES[] = "GLIBC_TUNABLES";
     if (getenv(TUNABLES) != nullptr) return;
     (void)setenv(TUNABLES, "glibc.malloc.tcache_count=0:glibc.malloc.trim_threshold=131072", 1);
@@ -325,7 +325,7 @@ static void start_without_what_the_allocator_keeps(char **argv) {
 }  // namespace keyview::test
 
 int main(int argc, char **argv) {
-    keyview::test::start_without_what_the_allocator_keeps(argv);
+    keyview::test::start_without_kept_memory(argv);
     std::string planted;
     if (argc > 2 && strcmp(argv[1], "--plant") == 0) {
         planted = argv[2];

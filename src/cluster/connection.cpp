@@ -70,7 +70,7 @@ std::shared_ptr<grpc::ChannelCredentials> credentials_of(const cluster_settings 
     return grpc::SslCredentials(options);
 }
 
-// By the same clock: a step of the clock of the day does not move it.
+// The same time for gRPC, by the same clock: a step of the clock of the day does not move it.
 gpr_timespec deadline_at(steady::time_point end) {
     const auto since_start = std::chrono::nanoseconds(end.time_since_epoch()).count();
     return gpr_time_from_nanos(since_start, GPR_CLOCK_MONOTONIC);
