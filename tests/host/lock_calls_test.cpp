@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -128,7 +130,14 @@ TEST_F(LockCalls, SixteenDescriptorsAreKeptForLater) {
         EXPECT_EQ(descriptors(), 40);
     }
     EXPECT_EQ(descriptors(), 16);
+    auto is_mapped = [&] {
+        std::ifstream maps("/proc/self/maps");
+        const std::string all(std::istreambuf_iterator<char>(maps), {});
+        return all.find(directory + "/locks") != all.npos;
+    };
+    EXPECT_TRUE(is_mapped());
     close();
+    EXPECT_FALSE(is_mapped());
     EXPECT_EQ(descriptors(), 0) << "a registry that is closed leaves none";
 }
 

@@ -125,6 +125,19 @@ TEST_F(Locks, AWaitNamesTheHolder) {
     keyview_lock_observe_waits(nullptr, nullptr);
 }
 
+// Whatever the hash of the lock's name is.
+TEST_F(Locks, AWaitForAllNamesOneHolder) {
+    shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
+    for (int i = 0; i < 64; ++i) {
+        const std::string name = "a" + std::to_string(i);
+        EXPECT_EQ(process_in(new_note(offsets_of(name, &words))), getpid());
+        auto held = registry.locks->acquire(name, lock_mode::exclusive, 0);
+        std::string text;
+        failure_of([&] { registry.locks->acquire_all(0); }, &text);
+        EXPECT_NE(text.find("one is held by " + own_name() + ", process"), text.npos) << text;
+    }
+}
+
 // A note is for people: one that a killed process or an earlier release left names nobody.
 TEST_F(Locks, AWrongNoteNamesNobodyAndDecidesNothing) {
     shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
@@ -195,6 +208,14 @@ TEST_F(Locks, AHolderThatNoProcessShowsIsListed) {
         EXPECT_EQ(users[0].mode, mode);
         EXPECT_FALSE(users[0].waits);
         EXPECT_EQ(users[0].holder, "");
+        for (const lock_offsets &noted :
+             {offsets_at(WHOLE_BYTE, &words), offsets_of(NAME, &words)}) {
+            noted.holder->store(new_note(noted));
+            users = registry.locks->users({NAME});
+            ASSERT_EQ(users.size(), 1U);
+            EXPECT_EQ(users[0].holder.find(own_name()), 0U) << users[0].holder;
+            noted.holder->store(0);
+        }
         ::close(ends[0]);
         ::close(ends[1]);
     }
@@ -202,6 +223,11 @@ TEST_F(Locks, AHolderThatNoProcessShowsIsListed) {
 }
 
 TEST_F(Locks, DifferentNamesNeverTouch) {
+    scratch_directory elsewhere;
+    backend other = open_backend("lmdb:" + elsewhere.path, open_mode::create);
+    auto same_name = other.locks->acquire(NAME, lock_mode::exclusive, 0);
+    EXPECT_TRUE(is_free()) << "of another registry";
+    EXPECT_TRUE(registry.locks->users({NAME}).empty());
     locker mine;
     for (int i = 0; i < 300; ++i)
         EXPECT_EQ(mine.exclusive((NAME + std::to_string(i)).c_str()), 0) << i;
@@ -341,7 +367,8 @@ TEST_F(Locks, AReaderMayAskAgainBehindAWaitingWriter) {
     }
     const std::vector<lock_use> users = registry.locks->users({NAME});
     EXPECT_TRUE(std::any_of(users.begin(), users.end(), [](const lock_use &one) {
-        return one.waits && one.mode == lock_mode::exclusive;
+        return one.waits && one.mode == lock_mode::exclusive &&
+               one.holder.find(own_name() + ", process") == 0;
     }));
     EXPECT_EQ(mine.unlock(NAME), 0);
     EXPECT_FALSE(is_free());
