@@ -6,6 +6,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <filesystem>
@@ -99,6 +100,56 @@ class LockCalls : public RegistryTest {
         return found;
     }
 };
+
+// The words that all processes share, whatever their release is.
+TEST_F(LockCalls, TheWordsHaveTheirPlaces) {
+    shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
+    auto *const first = reinterpret_cast<const char *>(words.hint_of(0));
+    auto place = [&](const auto *word) { return reinterpret_cast<const char *>(word) - first; };
+    EXPECT_EQ(place(words.hint_of(1024 + 7)), 7 * 4);
+    EXPECT_EQ(place(words.begin()), 4096);
+    EXPECT_EQ(place(words.end()), 8192);
+    EXPECT_EQ(place(words.waits_of(1024 + 7)), 8192 + 7 * 4);
+    EXPECT_EQ(place(words.holder_of(1024 + 7)), 12288 + 7 * 8);
+    EXPECT_EQ(std::filesystem::file_size(directory + "/locks"), 20480U);
+}
+
+// A reader uses its copies again if it finds the same even count of the part before and after.
+TEST_F(LockCalls, AChangeIsCountedFromItsBeginToItsEnd) {
+    static constexpr const char *ROOT = "DATABASE.DATABASES";
+    shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
+    const std::string part = ROOT + std::string(".sales"), key = part + ".A.B";
+    shared_words::change_count *const count = words.count_of(part);
+    shared_words::change_count *const other = words.count_of(part + "2");
+    EXPECT_EQ(words.count_of(key), count);
+    EXPECT_NE(other, count);
+    for (const char *above : {"", "DATABASE", ROOT})
+        EXPECT_EQ(words.count_of(above), nullptr) << above;
+    for (uint64_t left : {0, 1, 6, 7}) {  // odd by a writer that was killed
+        count->store(left);
+        other->store(4);
+        {
+            change_notice notice(&words);
+            for (const std::string &changed : {key, part, key}) {
+                notice.add(changed);
+                EXPECT_EQ(count->load(), left | 1);
+            }
+            EXPECT_EQ(other->load(), 4U);
+        }
+        EXPECT_EQ(count->load(), (left | 1) + 1);
+        EXPECT_EQ(other->load(), 4U);
+    }
+    auto odd = [&] {
+        return std::count_if(words.begin(), words.end(),
+                             [](const auto &one) { return one % 2 == 1; });
+    };
+    {
+        change_notice of_all(&words);
+        of_all.add(ROOT);
+        EXPECT_EQ(odd(), 512);
+    }
+    EXPECT_EQ(odd(), 0);
+}
 
 // A free lock needs no more calls than these; the promise of a fast lock rests on them.
 TEST_F(LockCalls, AFreeLockTakesFew) {
