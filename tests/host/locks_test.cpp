@@ -240,9 +240,12 @@ TEST_F(Locks, DifferentNamesNeverTouch) {
 TEST_F(Locks, OddCallsAreRefused) {
     locker mine;
     EXPECT_NE(mine.unlock(NAME), 0) << "never taken";
-    std::string too_long(3000, 'x');
+    EXPECT_NE(std::string(keyview_host_last_error()).find(NAME), std::string::npos);
+    EXPECT_NE(mine.unlock(nullptr), 0);
+    const std::string longest(2047 + 16, 'x'), too_long = longest + "x";
     for (const char *name : {static_cast<const char *>(nullptr), "", too_long.c_str()})
         EXPECT_NE(mine.shared(name), 0);
+    EXPECT_EQ(mine.shared(longest.c_str()), 0) << "a head and the longest path";
     EXPECT_EQ(mine.exclusive(NAME), 0);
     std::thread([&] { EXPECT_NE(mine.unlock(NAME), 0) << "another thread's"; }).join();
     EXPECT_EQ(mine.unlock(NAME), 0);
@@ -258,6 +261,15 @@ TEST_F(Locks, OddCallsAreRefused) {
         void *none = nullptr;
         EXPECT_NE(lksvsinit(nullptr, &none, version, nullptr, 272), 0) << "told at the beginning";
     }
+    const uint16_t versions[][2] = {{2, 1}, {2, 2}, {3, 1}};
+    void *made = nullptr;
+    for (uint64_t size : {0U, 271U, 273U})
+        EXPECT_NE(lksvsinit(nullptr, &made, versions[0], nullptr, size), 0);
+    for (const uint16_t *version :
+         {&versions[1][0], &versions[2][0], static_cast<const uint16_t *>(nullptr)})
+        EXPECT_NE(lksvsinit(nullptr, &made, version, nullptr, 272), 0);
+    EXPECT_NE(lksvsinit(nullptr, nullptr, versions[0], nullptr, 272), 0);
+    EXPECT_EQ(made, nullptr);
     client keys;
     for (void *bad : {mine.lk, keys.reg, static_cast<void *>(nullptr)}) {
         EXPECT_NE(lksvlsshrlock(nullptr, bad, NAME), 0);

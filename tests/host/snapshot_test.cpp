@@ -77,6 +77,17 @@ TEST_F(Snapshot, CoversWhatTheNameOfItsLockSays) {
 
 // Also where the order of the reads is known from the time before: ROOT and then SALES under the outer lock.
 TEST_F(Snapshot, TheClosestLockShowsItsOwnMoment) {
+    for (const char *first : {SALES_LOCK, ALL_LOCK}) {
+        write_all("old");
+        for (const char *lock : {first, first == ALL_LOCK ? SALES_LOCK : ALL_LOCK})
+            ASSERT_EQ(locks.shared(lock), 0);
+        EXPECT_EQ(keys.read(KEY), "old");
+        write_all("new");
+        EXPECT_EQ(keys.read(SALES), "old") << first;
+        EXPECT_EQ(keys.read(ROOT), "new") << "the other one has read nothing yet";
+        for (const char *lock : {SALES_LOCK, ALL_LOCK})
+            ASSERT_EQ(locks.unlock(lock), 0);
+    }
     for (bool both : {false, true}) {
         write_all("old");
         ASSERT_EQ(locks.shared(ALL_LOCK), 0);
@@ -99,7 +110,12 @@ TEST_F(Snapshot, ListsStayAsTheyWere) {
     EXPECT_EQ(keys.list(KEY), "(16)-1");
     EXPECT_EQ(keys.read(SALES + ".N"), "(4)");
     ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+    ASSERT_EQ(locks.shared(SALES_LOCK), 0);
     EXPECT_EQ(keys.list(SALES), "1:A 0:N (16)0");
+    apply({put(SALES + ".N.later")});
+    EXPECT_EQ(keys.list(SALES + ".N"), "(16)-1");
+    ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+    EXPECT_EQ(keys.list(SALES + ".N"), "0:later (16)0");
 }
 
 // The lock of all databases brings their list; what is inside a database is read as it is.
@@ -148,21 +164,38 @@ TEST_F(Snapshot, BelongsToOneThreadAndOneRegistry) {
     std::thread([&] { EXPECT_EQ(client().read(KEY), "new"); }).join();
     EXPECT_EQ(client().read(KEY), "old") << "another handle of this thread";
     ASSERT_EQ(keyview_host_set_registry(other.c_str()), 0);
-    EXPECT_EQ(client().read(KEY), "other");
+    const client others;
+    EXPECT_EQ(others.read(KEY), "other");
+
+    ASSERT_EQ(locks.unlock(SALES_LOCK), 0);
+    const locker others_locks;
+    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+    ASSERT_EQ(others_locks.exclusive(SALES_LOCK), 0) << "one name, two registries";
+    EXPECT_EQ(keys.read(KEY) + others.read(KEY), "newother");
+    EXPECT_EQ(others.set(KEY, "mine"), 0);
+    EXPECT_EQ(keys.read(KEY) + others.read(KEY), "newmine");
 }
 
+// Nor does the child end the parent's moment: writers would use its pages again.
 TEST_F(Snapshot, IsNotThatOfAForkedChild) {
-    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
-    EXPECT_EQ(keys.read(KEY), "old");
-    apply({put(KEY, "new")});
-    child_process child([&](const meeting &) {
-        (void)keyview_host_set_lock_wait(0);
-        if (keys.read(KEY) != "new") return 1;
-        return locks.shared(SALES_LOCK) == 0 ? 2 : 0;  // the parent's
-    });
-    EXPECT_EQ(child.status(), 0);
-    EXPECT_EQ(keys.read(KEY), "old");
-    EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+    for (bool child_reads : {true, false}) {
+        write_all("old");
+        ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+        EXPECT_EQ(keys.read(KEY), "old");
+        apply({put(KEY, "new")});
+        child_process child([&](const meeting &) {
+            if (!child_reads) exit(0);
+            (void)keyview_host_set_lock_wait(0);
+            if (keys.read(KEY) != "new") return 1;
+            return locks.shared(SALES_LOCK) == 0 ? 2 : 0;  // the parent's
+        });
+        EXPECT_EQ(child.status(), 0);
+        EXPECT_EQ(keys.read(KEY), "old");
+        for (int round = 0; round < 20; ++round)
+            write_all(std::to_string(round));
+        EXPECT_EQ(keys.read(paths[4]), "old") << "looked up now";
+        EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+    }
 }
 
 // A handle keeps what it copied under a lock, and so does the one that is opened after it. Each
