@@ -378,6 +378,14 @@ TEST(Settings, TheEnvironmentCountsUntilTheProgramChooses) {
     unsetenv("KEYVIEW_LOCK_WAIT");
     unsetenv("KEYVIEW_REGISTRY");
     EXPECT_EQ(lock_wait_ms(), 60000U);
+    EXPECT_FALSE(any_held_above());
+    {
+        const setting above("KEYVIEW_LOCKS_ABOVE", "here\tLKRT.a\nthere\tLKRT.b");
+        EXPECT_TRUE(any_held_above());
+        for (const char *held : {"LKRT.a", "LKRT.b"})
+            EXPECT_EQ(lock_wait_for(held), 0U) << "in vain";
+        EXPECT_EQ(lock_wait_for("LKRT.c"), 60000U);
+    }
     EXPECT_EQ(failure_of([] { registry_url(); }), failure::usage);
 }
 

@@ -60,7 +60,7 @@ class counted_store final : public store {
 class View : public RegistryTest {
   protected:
     View() {
-        for (const char *database : {"sales", "crm"}) {
+        for (const char *database : {"sales", "crm", "hr"}) {
             std::vector<change> changes;
             for (const char *below : {".A", ".B", ".C", ".L.x", ".L.y", ".I.i1.E", ".I.i2.E"})
                 changes.push_back(put(ROOT + database + below, "old"));
@@ -180,6 +180,37 @@ TEST_F(View, ExpectsTheOrderOfTheReaderBefore) {
     apply({removal("DATABASE.DATABASES.sales.B"), put("DATABASE.DATABASES.sales.A", "new")});
     EXPECT_EQ(visit({"", "C", "A"}), "1 0 1 0 ") << "another shape: nothing is known of its order";
     EXPECT_EQ(visit({"", "C", "A"}), "1 0 0 2 ");
+
+    const std::vector<std::string> lists = {"", "L/", "L.x", "L.y", "A"};
+    for (int round = 0; round < 2; ++round)
+        (void)visit(lists);
+    EXPECT_EQ(visit(lists, "hr"), "1 0 2 3 ") << "behind each copy";
+    EXPECT_EQ(visit({"", "C", "A"}, "hr"), "1 0 0 0 ") << "another reader";
+    EXPECT_EQ(visit({"", "A"}, "hr"), "1 0 0 0 ") << "a short visit";
+    EXPECT_EQ(visit({"", "C", "A"}, "hr"), "1 0 0 2 ") << "which changes no order that was read";
+}
+
+// A handle keeps copies of many bytes, but not without a bound.
+TEST_F(View, KeepsABoundedNumberOfBytes) {
+    constexpr size_t BOUND = size_t{16} << 20;
+    std::vector<change> changes;
+    for (int i = 0; i < 48; ++i) {
+        const std::string name = "big" + std::to_string(i / 4) + ".V" + std::to_string(i % 4);
+        changes.push_back(put(ROOT + name, std::string(MAX_VALUE_SIZE, 'v')));
+    }
+    apply(changes);
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 12; ++i)
+            (void)visit({"", "V1"}, ("big" + std::to_string(i)).c_str());
+    }
+    view.reset();
+    kept.reset();
+    size_t bytes = 0, latest = 0;
+    for (const auto &one : counted->take_copies())
+        bytes += latest = one->of->bytes();
+    EXPECT_GT(latest, size_t{4} << 20);
+    EXPECT_LE(bytes - latest, BOUND) << "the latest is measured when it is not the latest any more";
+    EXPECT_GT(bytes, BOUND / 2);
 }
 
 }  // namespace keyview::test
