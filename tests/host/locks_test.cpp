@@ -113,8 +113,13 @@ TEST_F(Locks, AWaitNamesTheHolder) {
             EXPECT_NE(reports[0].holder.find(known), text.npos) << reports[0].holder;
             EXPECT_EQ(reports[0].name + reports[1].name + reports[1].holder,
                       std::string(NAME) + NAME);
-            failure_of([&] { registry.locks->acquire_all(0); }, &text);
+            reports.clear();
+            failure_of([&] { registry.locks->acquire(NAME, lock_mode::exclusive, 0); }, &text);
+            EXPECT_TRUE(reports.empty()) << "not of a short wait";
+            failure_of([&] { registry.locks->acquire_all(of_all ? 400 : 0); }, &text);
             EXPECT_NE(text.find("one is held by " + own_name() + ", " + known), text.npos) << text;
+            ASSERT_EQ(reports.size(), of_all ? 2U : 0U);
+            EXPECT_EQ(reports.empty() ? "*" : reports[0].name, "*");
             std::vector<lock_use> users = registry.locks->users({NAME});
             ASSERT_EQ(users.size(), 1U);
             EXPECT_EQ(users[0].mode, mode);
@@ -323,6 +328,8 @@ TEST_F(Locks, AWriterIsNotStarved) {
             for (int i = 0; thread == 0 && i < 5; ++i) {
                 usleep(5000);
                 EXPECT_NO_THROW(registry.locks->acquire(NAME, lock_mode::exclusive, 5000));
+                if (others == lock_mode::exclusive) continue;
+                EXPECT_NO_THROW(registry.locks->acquire_all(5000)) << "nor who wants all";
             }
             if (thread == 0) stop = true;
             while (!stop) {

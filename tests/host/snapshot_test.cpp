@@ -259,7 +259,9 @@ TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
     };
     {
         client first;
+        void *left_open = nullptr;
         use(first);
+        EXPECT_EQ(first.open(KEY, &left_open), 0);
         EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
     }
     auto left = registry.keys->take_copies();
@@ -404,6 +406,25 @@ TEST_F(Snapshot, LetsItsHolderMakeTheRegistryGrow) {
     apply({put(SALES + ".B", large), put(SALES + ".C", large), put(paths[4], "new")});
     EXPECT_EQ(keys.read(paths[4]), "old");
     EXPECT_EQ(stored(paths[4]), "new");
+}
+
+// Nor in the way of the holder of a lock that the thread waits for.
+TEST_F(Snapshot, LetsTheHolderOfAnotherLockMakeTheRegistryGrow) {
+    ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
+    EXPECT_EQ(keys.read(KEY), "old");
+    auto other = registry.locks->acquire("LKRT.other", lock_mode::exclusive, 0);
+    std::thread holder([&] {
+        usleep(50000);  // so that the first thread waits
+        std::vector<change> changes;
+        for (int i = 0; i < 8; ++i)
+            changes.push_back(
+                put(ROOT + ".big.V" + std::to_string(i), std::string(MAX_VALUE_SIZE, 'v')));
+        EXPECT_EQ(apply(changes).created, 9U);
+        other.reset();
+    });
+    EXPECT_NO_THROW(registry.locks->acquire("LKRT.other", lock_mode::exclusive, 5000));
+    holder.join();
+    EXPECT_EQ(keys.read(paths[4]), "old");
 }
 
 // Every key of a large part, in the order of its lists and in others.

@@ -68,7 +68,6 @@ kept_copies::kept_copies(std::shared_ptr<store> keys)
     : keys_(std::move(keys)), cached_(keys_->take_copies()) {}
 
 kept_copies::~kept_copies() {
-    others_.clear();
     for (const auto &one : cached_)
         one->keys = 0;
     auto is_in_use = [](const auto &one) { return one->in_use(); };
