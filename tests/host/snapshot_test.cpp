@@ -251,6 +251,26 @@ TEST_F(Snapshot, AnOpenKeyOutlivesTheOtherHandleUnderItsLock) {
     EXPECT_EQ(kvtc_close_key(keys.reg, open), 0);
 }
 
+TEST_F(Snapshot, AnOpenKeyOutlivesItsCopiesInTheCache) {
+    std::vector<change> changes;
+    std::vector<std::string> names;
+    for (int i = 0; i < 9; ++i)
+        changes.push_back(
+            put(names.emplace_back(ROOT + ".once" + std::to_string(i)), std::to_string(i)));
+    apply(changes);
+    std::vector<void *> open(names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+        const std::string lock = "LKRT." + names[i];
+        ASSERT_EQ(locks.shared(lock.c_str()), 0);
+        EXPECT_EQ(keys.open(names[i], &open[i]), 0);
+        ASSERT_EQ(locks.unlock(lock.c_str()), 0);
+    }
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(keys.value_of(open[i]), std::to_string(i));
+        EXPECT_EQ(kvtc_close_key(keys.reg, open[i]), 0);
+    }
+}
+
 // What a handle leaves is not what a lock of another handle still shows.
 TEST_F(Snapshot, AClosedHandleLeavesItsCopiesToTheNext) {
     auto use = [&](const client &handle) {

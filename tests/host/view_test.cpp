@@ -1,6 +1,7 @@
 // What the views of held locks request from the store: how often, and in which order they expect their keys.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -110,7 +111,9 @@ class View : public RegistryTest {
             }
             view->find(reader, cover, path.c_str(), &found);
         }
-        return found.part == nullptr ? "" : std::string(found.part->value(found.key));
+        if (found.part == nullptr) return "";
+        copied = found.of->weak_from_this();
+        return std::string(found.part->value(found.key));
     }
 
     std::string path_of(const std::string &name) const {
@@ -130,6 +133,7 @@ class View : public RegistryTest {
     std::unique_ptr<locked_view> view;
     std::string top;
     int expected = 0;
+    std::weak_ptr<copies> copied;  // of the key that was read last
 };
 
 // Moments, keys read alone, copies, and keys behind the first that were expected.
@@ -188,6 +192,21 @@ TEST_F(View, ExpectsTheOrderOfTheReaderBefore) {
     EXPECT_EQ(visit({"", "C", "A"}, "hr"), "1 0 0 0 ") << "another reader";
     EXPECT_EQ(visit({"", "A"}, "hr"), "1 0 0 0 ") << "a short visit";
     EXPECT_EQ(visit({"", "C", "A"}, "hr"), "1 0 0 2 ") << "which changes no order that was read";
+}
+
+TEST_F(View, ForgetsWhatIsReadOnce) {
+    std::vector<change> changes;
+    std::vector<std::string> names;
+    for (int i = 0; i < 9; ++i)
+        changes.push_back(put(ROOT + names.emplace_back("once" + std::to_string(i)) + ".A", "old"));
+    apply(changes);
+    std::vector<std::weak_ptr<copies>> all;
+    for (const std::string &name : names) {
+        (void)visit({"A"}, name.c_str());
+        all.push_back(copied);
+    }
+    auto gone = [](const auto &one) { return one.expired(); };
+    EXPECT_EQ(std::count_if(all.begin(), all.end(), gone), 7) << "all but the latest two";
 }
 
 // A handle keeps copies of many bytes, but not without a bound.
