@@ -150,6 +150,16 @@ TEST_F(View, RequestsAsLittleAsItCan) {
     EXPECT_EQ(visit({"none", "also.none"}, "nobody"), "1 1 1 0 ");
 }
 
+// Also the first request under a lock, and one behind a change.
+TEST_F(View, AListNeedsNoReadOfItsKey) {
+    EXPECT_EQ(visit({"/", "/"}), "1 0 1 0 ");
+    EXPECT_EQ(visit({"L/", "L/"}), "1 0 1 0 ");
+    apply({put("DATABASE.DATABASES.sales.L", "new")});
+    begin("sales");
+    EXPECT_EQ(read("L/"), "new");
+    EXPECT_EQ(counts(), "1 0 1 0 ");
+}
+
 // As for a set of a flag: one key is read, and the rest of its part is not.
 TEST_F(View, AKeyThatIsReadAloneStaysAlone) {
     EXPECT_EQ(visit({"B"}), "1 0 1 0 ");
