@@ -170,6 +170,33 @@ TEST_F(View, AKeyThatIsReadAloneStaysAlone) {
     EXPECT_EQ(visit({"B", "A"}), "1 0 1 0 ");
 }
 
+// A moment that ends early, as for a wait, leaves what is not read yet, of copies of another revision, too.
+TEST_F(View, ShowsItsMomentWhenThatHasEnded) {
+    const std::vector<std::string> all = {"A", "L.x", "L/", "M.m100.N", "M.m149.N"};
+    (void)visit(all);
+    auto write = [&](const std::string &value) {
+        std::vector<change> changes;
+        for (const char *name : {"A", "L", "L.x", "M.m100.N", "M.m149.N"})
+            changes.push_back(put(ROOT + "sales." + name, value));
+        apply(changes);
+    };
+    for (const char *value : {"then", "later"}) {
+        write(value);
+        begin("sales");
+        EXPECT_EQ(read("A"), value);
+        view->detach({top, reach::all_below});
+        write("now");
+        for (const std::string &name : all)
+            EXPECT_EQ(read(name), value) << name;
+    }
+    for (const char *requests : {"1 3 3 0 ", "1 0 0 0 "}) {
+        begin("sales");
+        (void)read("A");
+        view->detach({top, reach::all_below});
+        EXPECT_EQ(counts(), requests) << "everything is there at the second time";
+    }
+}
+
 // A reader of many single keys gets all that is there with the next one.
 TEST_F(View, ManySingleKeysBringEverything) {
     EXPECT_EQ(visit(first_of_many(32)), "1 32 1 0 ");
