@@ -110,14 +110,14 @@ TEST_P(Store, ASubtreeIsReadAsOfOneMomentBesideWriters) {
 
 // What a moment holds of an earlier read must not answer for what that did not cover.
 TEST_P(Store, AMomentGivesEachKeyWhateverItReadBefore) {
-    keys->apply(
-        {put("a", "1"), put("a.b", "2"), put("a.b.c", "3"), put("d", "4"), put("d.e", "5")});
+    keys->apply({put("a", "1"), put("a.b", "2"), put("a.b.c", "3"), put("a.g", "6"),
+                 put("a.g.h.i", "7"), put("a.g.k.l", "8"), put("d", "4"), put("d.e", "5")});
     struct question {
         std::string path;
         reach which;
     };
     std::vector<question> all;
-    for (const char *path : {"a", "a.b", "a.b.c", "d", "d.e", "f"}) {
+    for (const char *path : {"a", "a.b", "a.b.c", "a.g", "d", "d.e", "f"}) {
         for (reach which : {reach::key_alone, reach::children, reach::all_below})
             all.push_back({path, which});
     }
@@ -144,9 +144,30 @@ TEST_P(Store, AMomentGivesEachKeyWhateverItReadBefore) {
             EXPECT_EQ(answer(at.get(), asked), expected) << asked.path << " after " << first.path;
         }
     }
-    EXPECT_EQ(answers.count("a=1 a.b=2 a.b.c=3 "), 1U);
-    EXPECT_EQ(answers.count("a=1 a.b=2 "), 1U);
-    EXPECT_EQ(answers.size(), 12U);
+    const std::string below_g = "a.g.h= a.g.k= a.g.h.i=7 a.g.k.l=8 ";
+    EXPECT_EQ(answers.count("a=1 a.b=2 a.g=6 a.b.c=3 " + below_g), 1U);
+    EXPECT_EQ(answers.count("a=1 a.b=2 a.g=6 "), 1U);
+    EXPECT_EQ(answers.count("a.g=6 " + below_g), 1U);
+    EXPECT_EQ(answers.size(), 15U);
+}
+
+TEST_P(Store, AMomentStaysAsItWasBesideChanges) {
+    const std::vector<std::string> PARTS = {"a", "d"};
+    auto change_all = [&](int to) {
+        for (const std::string &part : PARTS)
+            keys->apply({put(part + ".b", std::to_string(to))});
+    };
+    change_all(0);
+    auto old = keys->now();
+    for (int n = 1; n < 3; ++n) {
+        for (const std::string &part : PARTS) {
+            std::string value;
+            snapshot all(part, reach::all_below);
+            EXPECT_TRUE(old->read(part + ".b", &value) && old->copy(part, reach::all_below, &all));
+            EXPECT_EQ(value + std::string(all.value(1)), "00") << part;
+            change_all(n);
+        }
+    }
 }
 
 }  // namespace keyview::test
