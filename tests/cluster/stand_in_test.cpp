@@ -7,10 +7,12 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
 #include "cluster/etcd.grpc.pb.h"
+#include "cluster/etcd_locks.h"
 #include "cluster/request.h"
 #include "host/registry/history.h"
 #include "host/registry/snapshot.h"
@@ -28,6 +30,9 @@ struct bad_answer {
     grpc::Status status;  // in place of the answer; OK: it is changed
     void (*change)(wire::TxnResponse *) = nullptr;
 };
+
+static const grpc::Status REFUSED_AS_FULL(StatusCode::RESOURCE_EXHAUSTED,
+                                          "database space exceeded");
 
 // Forwards calls, on two ports as two members do.
 class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
@@ -50,7 +55,9 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
     bad_answer bad;
     std::string lost;              // what a request contains from whose answer on there is none
     std::function<void()> behind;  // the first such request
-    std::atomic<int> left{0};      // calls until the bad answer
+    std::atomic<bool> silent{false};
+    std::atomic<bool> full{false};  // it refuses leases and puts
+    std::atomic<int> left{0};       // calls until the bad answer
     std::function<void()> at_watch;
 
   private:
@@ -71,16 +78,19 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
 
     grpc::Status Txn(grpc::ServerContext *, const wire::TxnRequest *asked,
                      wire::TxnResponse *out) override {
+        for (const wire::RequestOp &one : asked->success())
+            if (full && one.has_request_put()) return REFUSED_AS_FULL;
         const grpc::Status status = forward(&keys_, &wire::KV::Stub::Txn, asked, out);
         if (!lost.empty() && asked->SerializeAsString().find(lost) != std::string::npos) {
             lost.clear();
-            silent_ = true;
+            silent = true;
             behind();
         }
-        return silent_ ? grpc::Status(StatusCode::UNAVAILABLE, "lost") : status;
+        return silent ? grpc::Status(StatusCode::UNAVAILABLE, "lost") : status;
     }
     grpc::Status LeaseGrant(grpc::ServerContext *, const wire::LeaseGrantRequest *asked,
                             wire::LeaseGrantResponse *out) override {
+        if (full) return REFUSED_AS_FULL;
         return forward(&leases_, &wire::Lease::Stub::LeaseGrant, asked, out);
     }
     grpc::Status LeaseRevoke(grpc::ServerContext *, const wire::LeaseRevokeRequest *asked,
@@ -103,7 +113,6 @@ class stand_in : wire::KV::Service, wire::Lease::Service, wire::Watch::Service {
         return there->Finish();
     }
 
-    bool silent_ = false;
     std::shared_ptr<grpc::Channel> channel_;
     wire::KV::Stub keys_{channel_};
     wire::Lease::Stub leases_{channel_};
@@ -158,6 +167,137 @@ TEST(Answers, AChangeIsCarriedOutOnce) {
         }
         EXPECT_EQ(value_at(other, "a.b"), "after") << row.label;
     }
+}
+
+// ---- Locks --------------------------------------------------------------------------------------
+
+class LockAnswers : public testing::Test {
+  protected:
+    static constexpr model::lock_cover PART{"a", reach::all_below};
+
+    std::shared_ptr<held_lock> take(lock_mode mode, uint32_t wait_ms) const {
+        return mine.locks->acquire("LKRT.a", mode, wait_ms, PART);
+    }
+    static queue_entry &entry_of(held_lock *lock) {
+        return *dynamic_cast<etcd_lock &>(*lock).entry();
+    }
+    // Otherwise the first request of a lock is that for its lease.
+    void bring_lease() const { (void)mine.locks->acquire("LKRT.x", lock_mode::shared, 0); }
+
+    void answer_next(const grpc::Status &with, bool carried_out) {
+        member.bad = {"", carried_out, false, with};
+        member.left = 1;
+    }
+
+    const std::string prefix = fresh_prefix();
+    stand_in member{shared_members().address(0)};
+    backend sound = open_cluster(shared_members().url(prefix));
+    const setting wait{"KEYVIEW_ANSWER_WAIT", "1"};
+    backend mine = open_cluster(member.url + prefix);
+};
+
+// The entry is made once, as a set under the lock takes a later change of it for its own, and under a lease
+// that ends with it, as the first request may be carried out once the lock is released.
+TEST_F(LockAnswers, ALockIsAskedForTwiceAndEnteredOnce) {
+    mine.keys->apply({put("a.b", "v")});
+    for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
+        for (bool waits : {false, true}) {
+            bring_lease();
+            auto theirs = waits ? sound.locks->acquire("LKRT.a", lock_mode::exclusive, 0) : nullptr;
+            if (waits) member.at_watch = [&] { theirs.reset(); };
+            answer_next({StatusCode::UNAVAILABLE, "lost"}, true);
+            auto held = take(mode, 10000);
+            EXPECT_EQ(entry_of(held.get()).changed(), entry_of(held.get()).created());
+            EXPECT_TRUE(entry_of(held.get()).lease()->closed);
+        }
+    }
+}
+
+// What got no answer is not waited for again; what it may have made goes with its lease.
+TEST_F(LockAnswers, ALockWithoutAnAnswerIsGivenUpAtOnce) {
+    mine.keys->apply({put("a.b", "v")});
+    bring_lease();
+    auto attempt = [&] { take(lock_mode::exclusive, 10000); };
+    member.silent = true;
+    expect_failure(attempt, failure::registry, "does not answer", 1);
+    member.silent = false;
+    (void)take(lock_mode::exclusive, 0);
+    auto theirs = sound.locks->acquire("LKRT.a", lock_mode::exclusive, 0);
+    member.at_watch = [&] {
+        member.silent = true;
+        theirs.reset();
+    };
+    expect_failure(attempt, failure::registry, "does not answer", 1);
+}
+
+// It may be carried out late, over the next one.
+TEST_F(LockAnswers, NoSetFollowsOneWithoutAnAnswer) {
+    mine.keys->apply({put("a.b", "v")});
+    auto held = take(lock_mode::exclusive, 0);
+    std::string before = "v";  // so that no read comes before the set
+    auto set = [&] { mine.keys->set("a.b", "new", held.get(), &before); };
+    member.silent = true;
+    expect_failure(set, failure::registry, "does not answer", 1);
+    member.silent = false;
+    expect_failure(set, failure::lock, "take the lock anew", 0);
+    held.reset();
+    held = take(lock_mode::exclusive, 0);
+    EXPECT_NO_THROW(set());
+}
+
+// A reader of a cluster that takes no further key is granted its part as of a moment without a writer.
+TEST_F(LockAnswers, AFullClusterIsReadBesideItsWriters) {
+    sound.keys->apply({put("a.b", "v"), put("a.2.3.4.5.6.7.8.9.10", "deep")});
+    auto read = [&](uint32_t wait_ms) {
+        auto held = take(lock_mode::shared, wait_ms);
+        std::string all;
+        for (const char *path : {"a.b", "a.2.3.4.5.6.7.8.9.10"}) {
+            std::string value;
+            EXPECT_TRUE(held->as_of_grant()->read(path, &value)) << "as often as it is asked for";
+            all += value;
+        }
+        EXPECT_FALSE(held->still_held());
+        EXPECT_EQ(failure_of([&] { mine.keys->set("a.b", "new", held.get()); }), failure::lock);
+        return all;
+    };
+    bring_lease();
+    member.full = true;
+    for (const char *name : {"LKRT.a", "LKRT.b"}) {
+        auto theirs = sound.locks->acquire(
+            name, name[5] == 'a' ? lock_mode::shared : lock_mode::exclusive, 0);
+        EXPECT_EQ(read(0), "vdeep") << name;
+    }
+    for (bool all : {false, true}) {
+        auto theirs = all ? sound.locks->acquire_all(0)
+                          : sound.locks->acquire("LKRT.a", lock_mode::exclusive, 0);
+        expect_failure([&] { read(0); }, failure::lock, "held by", 0);
+        member.at_watch = [&] { theirs.reset(); };
+        EXPECT_EQ(read(10000), "vdeep");
+        EXPECT_EQ(theirs, nullptr);
+    }
+    for (const auto &attempt : std::vector<std::function<void()>>{
+             [&] { take(lock_mode::exclusive, 0); },
+             [&] { mine.locks->acquire("LKRT.a", lock_mode::shared, 0); }}) {
+        expect_failure(attempt, failure::registry, "database space exceeded", 0);
+    }
+    member.full = false;
+    bring_lease();
+    answer_next({StatusCode::PERMISSION_DENIED, "permission denied"}, false);
+    expect_failure([&] { take(lock_mode::shared, 0); }, failure::denied, "", 0);
+    member.full = true;
+
+    // Within a change set in pieces it waits as other readers do.
+    std::vector<change> many = {put("a.b", "new")};
+    for (int n = 0; n < 150; ++n)
+        many.push_back(put("a.c" + std::to_string(n)));
+    stop_after(1, [&] { sound.keys->apply(many); });
+    expect_failure([&] { read(0); }, failure::content, "half-way", 1);
+    std::thread writer([&] {
+        usleep(200000);
+        sound.keys->finish_apply(finish::resume);
+    });
+    EXPECT_EQ(read(0), "newdeep");
+    writer.join();
 }
 
 // ---- Works
@@ -337,7 +477,7 @@ TEST_F(StandIn, OneBadAnswerChangesNothing) {
         {"no lease", false, false, {StatusCode::NOT_FOUND, "requested lease not found"}},
         {"a lease", false, false, {StatusCode::FAILED_PRECONDITION, "lease already exists"}},
         {"compacted", false, false, {StatusCode::OUT_OF_RANGE, "revision has been compacted"}},
-        {"full", false, false, {StatusCode::RESOURCE_EXHAUSTED, "database space exceeded"}},
+        {"full", false, false, REFUSED_AS_FULL},
         {"denied", false, false, {StatusCode::PERMISSION_DENIED, "permission denied"}},
         {"no login", false, false, {StatusCode::UNAUTHENTICATED, "x"}},
         {"old login",
