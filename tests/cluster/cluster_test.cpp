@@ -14,6 +14,7 @@
 #include "cluster/etcd_locks.h"
 #include "cluster/journal.pb.h"
 #include "host/registry/history.h"
+#include "host/registry/reported_wait.h"
 #include "host/registry/snapshot.h"
 #include "shared.h"
 
@@ -47,6 +48,18 @@ class Cluster : public testing::Test {
         const key_range range = all ? beginning_with(prefix + key) : key_range{prefix + key, ""};
         if (!value) add_delete(request.mutable_success(), range);
         (void)calls.txn(request, calls.answer_end());
+    }
+
+    // An entry in the queue of a lock whose value is its name: "w/a", or "r/a" of a reader.
+    void enter(const std::string &lock, const std::string &entry) {
+        store_raw("/lk/" + lock + '\0' + entry, entry);
+    }
+    void leave(const std::string &lock, const std::string &entries) {
+        store_raw("/lk/" + lock + '\0' + entries, std::nullopt, true);
+    }
+    void await_users(size_t count) const {
+        for (int n = 0; n < 1000 && mine.locks->users({}).size() != count; ++n)
+            usleep(10000);
     }
 
     int keys_below(const std::string &head) const {
@@ -152,6 +165,32 @@ TEST_F(Cluster, PublicCallsOfOneProgramTakeTwoRoundTrips) {
     EXPECT_EQ(value_at(theirs, key), "new");
 }
 
+// Those of a lock with its part of the tree: one takes it, one releases it.
+TEST_F(Cluster, LocksTakeTwoRoundTrips) {
+    mine.keys->apply({put("a.b", "v"), put("a.c.d", "w")});
+    take(mine, lock_mode::shared, 0);  // brings the lease
+    for (lock_mode mode : {lock_mode::shared, lock_mode::exclusive}) {
+        for (reach part : {reach::children, reach::all_below}) {
+            const uint64_t before = mine.keys->round_trips();
+            {
+                auto held = mine.locks->acquire("LKRT.a", mode, 0, {"a", part});
+                auto seen = held->as_of_grant();
+                ASSERT_NE(seen, nullptr);
+                std::string value;
+                EXPECT_TRUE(seen->read("a.b", &value));
+                EXPECT_FALSE(seen->read("a.x", &value));
+                snapshot list("a", reach::children), all("a.c", reach::all_below);
+                EXPECT_TRUE(seen->copy("a", reach::children, &list));
+                if (part == reach::all_below) {
+                    EXPECT_TRUE(seen->copy("a.c", reach::all_below, &all));
+                    EXPECT_TRUE(seen->read("a.c.d", &value));
+                }
+            }
+            EXPECT_EQ(mine.keys->round_trips() - before, 2U);
+        }
+    }
+}
+
 TEST_F(Cluster, LocksExcludeEachOtherByMode) {
     for (lock_mode first : {lock_mode::shared, lock_mode::exclusive}) {
         for (lock_mode second : {lock_mode::shared, lock_mode::exclusive}) {
@@ -191,8 +230,118 @@ TEST_F(Cluster, WaitersAreServedInOrder) {
     EXPECT_EQ(order, "wrrw");
 }
 
-// All locks as one follow each lock that is held and precede each later one, whatever its name; a
-// holder that goes on to a further lock is let through.
+TEST_F(Cluster, WaitingReadersAreServedTogether) {
+    auto held = take(mine, lock_mode::exclusive, 1000);
+    std::atomic<int> reading{0};
+    std::vector<std::thread> readers;
+    for (const backend &from : {mine, theirs}) {
+        readers.emplace_back([&, from] {
+            auto lock = take(from, lock_mode::shared, DEADLINE_MS);
+            ++reading;
+            for (int n = 0; n < 300 && reading < 2; ++n)
+                usleep(10000);
+            EXPECT_EQ(reading, 2);
+        });
+    }
+    await_users(3);
+    held.reset();
+    for (std::thread &one : readers)
+        one.join();
+}
+
+// It asks again only when the nearest entry before its own is gone, although that is not the one that
+// holds the lock, and other locks of its program have nothing to do with that.
+TEST_F(Cluster, WaitersWaitForEachEarlierEntry) {
+    auto other = theirs.locks->acquire("LKRT.other", lock_mode::exclusive, 0);
+    enter("LKRT.a", "w/b");
+    enter("LKRT.a", "w/a");
+    uint64_t before = theirs.keys->round_trips();
+    std::atomic<bool> granted{false};
+    std::thread waiter([&] {
+        auto lock = take(theirs, lock_mode::exclusive, DEADLINE_MS);
+        granted = true;
+        EXPECT_LE(theirs.keys->round_trips() - before, 5U) << "to enter, to wait and to look twice";
+        EXPECT_TRUE(lock->still_held() && other->still_held());
+    });
+    await_users(4);
+    usleep(200000);
+    leave("LKRT.a", "w/a");
+    usleep(300000);
+    EXPECT_FALSE(granted);
+    leave("LKRT.a", "w/b");
+    EXPECT_LT(seconds_of([&] { waiter.join(); }), 2);
+}
+
+// A transaction compares a part of them.
+TEST_F(Cluster, WaitersWaitForManyReaders) {
+    auto other = theirs.locks->acquire("LKRT.other", lock_mode::exclusive, 0);
+    auto enter_all = [&](const std::string &head) {
+        connection calls(settings_of(url));
+        wire::TxnRequest request;
+        for (int n = 0; n < 110; ++n)
+            add_put(request.mutable_success(),
+                    prefix + "/lk/LKRT.a" + '\0' + head + std::to_string(n), "a reader");
+        (void)calls.txn(request, calls.answer_end());
+    };
+    enter_all("r/early");
+    enter_all("r/late");
+    std::atomic<bool> granted{false};
+    std::thread waiter([&] {
+        auto lock = take(theirs, lock_mode::exclusive, DEADLINE_MS);
+        granted = true;
+        EXPECT_TRUE(lock->still_held() && other->still_held());
+    });
+    await_users(222);
+    for (const char *gone : {"r/late", "r/early"}) {
+        EXPECT_FALSE(granted) << gone;
+        leave("LKRT.a", gone);
+        usleep(300000);
+    }
+    waiter.join();
+}
+
+// The first that entered holds the lock, whatever the order of the keys; all locks wait for the last one.
+TEST_F(Cluster, WaitsReportWhatTheyWaitFor) {
+    take(theirs, lock_mode::shared, 0);  // brings the lease
+    enter("LKRT.a", "w/b");
+    enter("LKRT.a", "w/a");
+    std::string told, text;
+    const auto add = [](void *to, keyview_bytes name, keyview_bytes holder) {
+        *static_cast<std::string *>(to) +=
+            std::string(name.data, name.size) + ":" + std::string(holder.data, holder.size) + " ";
+    };
+    observe_waits(add, &told);
+    const uint64_t before = theirs.keys->round_trips();
+    EXPECT_EQ(failure_of([&] { take(theirs, lock_mode::shared, 300); }, &text), failure::lock);
+    EXPECT_NE(text.find("held by w/b"), text.npos) << text;
+    EXPECT_EQ(failure_of([&] { theirs.locks->acquire_all(300); }, &text), failure::lock);
+    EXPECT_NE(text.find("held by w/a"), text.npos) << text;
+    observe_waits(nullptr, nullptr);
+    EXPECT_EQ(told, "LKRT.a:w/b LKRT.a: *:w/a *: ");
+    EXPECT_LT(theirs.keys->round_trips() - before, 20U) << "without a pause";
+}
+
+TEST_F(Cluster, WaitersAreThoseThatCannotShare) {
+    const struct {
+        const char *first, *first_entry, *second, *second_entry;
+        bool waits;
+    } ROWS[] = {{"a", "r/b", "a", "r/a", false}, {"a", "r/b", "a", "w/a", true},
+                {"a", "w/b", "a", "r/a", true},  {"a", "w/b", "a", "w/a", true},
+                {"b", "w/b", "a", "w/a", false}, {"b", "w/b", "*", "w/a", true},
+                {"b", "r/b", "*", "w/a", true},  {"*", "w/b", "a", "r/a", true}};
+    for (const auto &row : ROWS) {
+        enter(row.first, row.first_entry);
+        enter(row.second, row.second_entry);
+        const std::vector<lock_use> users = mine.locks->users({});
+        ASSERT_EQ(users.size(), 2U);
+        const std::string found = users[0].name + users[0].holder + users[1].name + users[1].holder;
+        EXPECT_EQ(found, std::string(row.first) + row.first_entry + row.second + row.second_entry);
+        EXPECT_FALSE(users[0].waits) << found;
+        EXPECT_EQ(users[1].waits, row.waits) << found;
+        store_raw("/lk/", std::nullopt, true);
+    }
+}
+
 // The one that holds it, not one that waits before.
 TEST_F(Cluster, AWaitNamesTheHolder) {
     mine.keys->apply({put("a", "")});
@@ -217,6 +366,8 @@ TEST_F(Cluster, AWaitNamesTheHolder) {
     waiter.join();
 }
 
+// All locks as one follow each lock that is held and precede each later one, whatever its name; a
+// holder that goes on to a further lock is let through.
 TEST_F(Cluster, AllLocksAtOnceExcludeEachName) {
     auto held = mine.locks->acquire("a", lock_mode::shared, 1000);
     EXPECT_THROW(theirs.locks->acquire_all(100), host_error);
@@ -238,6 +389,18 @@ TEST_F(Cluster, AllLocksAtOnceExcludeEachName) {
     EXPECT_NO_THROW(mine.locks->acquire_all(1000));
 }
 
+// Their entry goes at the moment at which the last other lock goes: they are asked for anew.
+TEST_F(Cluster, AllLocksAreNotGrantedWithoutTheirEntry) {
+    enter("a", "w/a");
+    std::thread waiter([&] {
+        auto all = theirs.locks->acquire_all(DEADLINE_MS);
+        EXPECT_NO_THROW(theirs.keys->apply({put("b")}, {{all.get()}, 0}));
+    });
+    await_users(2);
+    store_raw("/lk/", std::nullopt, true);
+    waiter.join();
+}
+
 TEST_F(Cluster, LocksWaitBehindThoseOfTheirNameOnly) {
     auto held = mine.locks->acquire("a", lock_mode::exclusive, 1000);
     auto other = mine.locks->acquire("b", lock_mode::exclusive, 1000);
@@ -257,8 +420,11 @@ TEST_F(Cluster, LocksWaitBehindThoseOfTheirNameOnly) {
 TEST_F(Cluster, AGrantReadsTheTreeOfItsMoment) {
     mine.keys->apply({put("a.b", "old")});
     auto held = take(mine, lock_mode::exclusive, 1000);
+    const int64_t first = dynamic_cast<etcd_lock &>(*held).entry()->granted;
+    EXPECT_GT(first, 0);
     std::thread waiter([&] {
         auto lock = take(theirs, lock_mode::shared, DEADLINE_MS);
+        EXPECT_GT(dynamic_cast<etcd_lock &>(*lock).entry()->granted, first) << "for later checks";
         uint64_t before = theirs.keys->round_trips();
         std::unique_ptr<moment> seen = lock->as_of_grant();
         std::string value;
@@ -270,6 +436,50 @@ TEST_F(Cluster, AGrantReadsTheTreeOfItsMoment) {
     EXPECT_TRUE(mine.keys->set("a.b", "new", held.get()));
     held.reset();
     waiter.join();
+}
+
+// Nothing if it does not know how deep the tree is, or within a change set in pieces.
+TEST_F(Cluster, AGrantBringsTheWholePartOrNothing) {
+    const std::string deep = "a.2.3.4.5.6.7.8.9";  // by one more than a new session assumes
+    auto brought = [&](bool waits) {
+        std::string value = "nothing";
+        auto held = waits ? take(theirs, lock_mode::exclusive, 1000) : nullptr;
+        std::thread reader([&] {
+            auto lock = take(mine, lock_mode::shared, DEADLINE_MS);
+            auto seen = lock->as_of_grant();
+            if (seen == nullptr) return;
+            EXPECT_FALSE(seen->read(deep + ".x", &value));
+            EXPECT_TRUE(seen->read(deep, &value));
+        });
+        if (waits) await_users(2);
+        held.reset();
+        reader.join();
+        return value;
+    };
+    theirs.keys->apply({put(deep, "v")});
+    for (bool waits : {false, true})
+        EXPECT_EQ(brought(waits), "nothing");
+    snapshot all("a", reach::all_below);
+    EXPECT_TRUE(mine.keys->now()->copy("a", reach::all_below, &all));
+    EXPECT_EQ(all.size(), 9U);
+    for (bool waits : {false, true}) {
+        EXPECT_EQ(brought(waits), "v");
+        store_raw("/apply", "a marker");
+        EXPECT_EQ(brought(waits), "nothing");
+        store_raw("/apply", std::nullopt);
+    }
+}
+
+// By a program that never reads without a lock.
+TEST_F(Cluster, TheHistoryKeepsItsLimit) {
+    const setting limit{"KEYVIEW_HISTORY", "2560"};  // ten entries
+    mine.keys->apply({put("a.b")});
+    std::string replaced;
+    for (int n = 0; n < 20; ++n) {
+        auto held = take(mine, lock_mode::exclusive, 1000);
+        EXPECT_TRUE(mine.keys->set("a.b", std::to_string(n), held.get(), &replaced));
+    }
+    EXPECT_LE(keys_below("/kv/\1" + std::string(HISTORY_HEAD)), 12);
 }
 
 // Even if the revision that it waits from is compacted meanwhile.
@@ -410,8 +620,9 @@ TEST_F(Cluster, OneMisfitTakesNothingElseWithIt) {
 
 // The lease of the session is revoked, as after a stop beyond its time.
 TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksWork) {
-    mine.keys->apply({put("a.b", "old")});
+    mine.keys->apply({put("a.b")});
     auto held = take(mine, lock_mode::exclusive, 1000);
+    EXPECT_TRUE(mine.keys->set("a.b", "old", held.get())) << "its entry stays under the lease";
     std::string leases = "ETCDCTL_API=3 etcdctl --endpoints=" + shared_members().address(0) +
                          " get --prefix " + prefix + "/lk/ -w fields | sed -n 's/\"Lease\" : //p'";
     run("lease=$(" + leases + "); ETCDCTL_API=3 etcdctl --endpoints=" +
@@ -425,6 +636,7 @@ TEST_F(Cluster, AfterALostLeaseNothingIsWrittenAndNewLocksWork) {
         failure::lock, "nothing was written", 0);
     EXPECT_EQ(value_at(mine, "a.b"), "old");
     auto again = take(mine, lock_mode::exclusive, 1000);
+    EXPECT_FALSE(held->still_held()) << "as the new one needed another lease";
     EXPECT_TRUE(mine.keys->set("a.b", "new", again.get()));
 }
 
@@ -656,18 +868,22 @@ TEST_F(Cluster, DamageIsReportedAndNeverServed) {
     mine.keys->apply({put("a.b.c", "v")});
     const struct {
         std::string key;
-        const char *told;
-    } ROWS[] = {{"\3a\1x\1y\1", "has no parent"},
-                {"\3a\1b\1y", "not the key of any path"},
-                {"\3a\1b\1\5\1", "not the key of any path"},
-                {"\3a\1b\1y.z\1", "not the key of any path"},
-                {"\2a\1b\1y\1", "not the key of any path"}};
+        const char *told, *place;
+    } ROWS[] = {{"\3a\1x\1y\1", "has no parent", "a.x.y"},
+                {"\3a\1b\1y", "not the key of any path", "a.b.y"},
+                {"\3a\1b\1yy", "not the key of any path", "a.b.yy"},
+                {"\3a\1b\1", "not the key of any path", "a.b"},
+                {"\3a\1b\1\5\1", "not the key of any path", "a.b.\5"},
+                {"\3a\1b\1y.z\1", "not the key of any path", "a.b.y.z"},
+                {"\2a\1b\1y\1", "not the key of any path", "a.b.y"}};
     for (const auto &row : ROWS) {
         store_raw("/kv/" + row.key, "v");
         snapshot all("a", reach::all_below);
-        EXPECT_EQ(failure_of([&] { mine.keys->now()->copy("a", reach::all_below, &all); }),
+        std::string text;
+        EXPECT_EQ(failure_of([&] { mine.keys->now()->copy("a", reach::all_below, &all); }, &text),
                   failure::content)
             << row.key;
+        EXPECT_NE(text.find("at '" + std::string(row.place) + "':"), text.npos) << text;
         EXPECT_NE(found_by_check().find(row.told), std::string::npos) << row.key;
         store_raw("/kv/" + row.key, std::nullopt);
     }
