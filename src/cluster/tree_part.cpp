@@ -11,7 +11,6 @@ void tree_part::ask(uint32_t deepest, int64_t revision, wire_ops *ops) {
     asked_revision_ = revision;
     add_range(ops, {keys_->tree(), ""}, revision);
     add_range(ops, {keys_->marker(), ""}, revision);
-    asked_depths_ = 0;
     if (path_.empty()) return;
     add_range(ops, {keys_->key(path_), ""}, revision);
     asked_depths_ = 1;
