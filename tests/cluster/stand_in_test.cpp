@@ -300,8 +300,7 @@ TEST_F(LockAnswers, AFullClusterIsReadBesideItsWriters) {
     writer.join();
 }
 
-// ---- Works
-// --------------------------------------------------------------------------------------
+// ---- Works --------------------------------------------------------------------------------------
 
 class StandIn : public testing::Test {
   protected:
