@@ -125,7 +125,7 @@ TEST_F(LockCalls, AChangeIsCountedFromItsBeginToItsEnd) {
     EXPECT_NE(other, count);
     for (const char *above : {"", "DATABASE", ROOT})
         EXPECT_EQ(words.count_of(above), nullptr) << above;
-    for (uint64_t left : {0, 1, 6, 7}) {  // odd by a writer that was killed
+    for (uint64_t left : {0U, 1U, 6U, 7U}) {  // odd by a writer that was killed
         count->store(left);
         other->store(4);
         {
