@@ -101,6 +101,23 @@ class LockCalls : public RegistryTest {
     }
 };
 
+// Nor does it look without a pause once the file was closed somewhere.
+TEST_F(LockCalls, AWaiterSleeps) {
+    const lock held = take(lock_mode::exclusive);
+    std::thread other([&] {
+        for (int i = 0; i < 3; ++i) {
+            usleep(20000);
+            ::close(::open((directory + "/locks").c_str(), O_RDWR | O_CLOEXEC));
+        }
+    });
+    const int made = calls_of([&] {
+        EXPECT_THROW(registry.locks->acquire(DATABASE_LOCK, lock_mode::shared, 200), host_error);
+    });
+    EXPECT_LT(made, 2000);
+    EXPECT_GT(made, 20);
+    other.join();
+}
+
 // The words that all processes share, whatever their release is.
 TEST_F(LockCalls, TheWordsHaveTheirPlaces) {
     shared_words words(std::make_shared<registry_directory>(directory, open_mode::existing));
