@@ -255,6 +255,8 @@ TEST_F(Locks, OddCallsAreRefused) {
     std::thread([&] { EXPECT_NE(mine.unlock(NAME), 0) << "another thread's"; }).join();
     EXPECT_EQ(mine.unlock(NAME), 0);
     EXPECT_NE(mine.unlock(NAME), 0) << "twice";
+    std::thread([&] { EXPECT_EQ(mine.exclusive(NAME), 0); }).join();
+    EXPECT_TRUE(is_free()) << "its thread has ended";
 
     EXPECT_EQ(mine.exclusive(NAME), 0);
     EXPECT_EQ(lksvsterm(nullptr, mine.lk), 0);

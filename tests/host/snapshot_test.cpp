@@ -179,22 +179,24 @@ TEST_F(Snapshot, BelongsToOneThreadAndOneRegistry) {
 // Nor does the child end the parent's moment: writers would use its pages again.
 TEST_F(Snapshot, IsNotThatOfAForkedChild) {
     for (bool child_reads : {true, false}) {
-        write_all("old");
-        ASSERT_EQ(locks.exclusive(SALES_LOCK), 0);
-        EXPECT_EQ(keys.read(KEY), "old");
-        apply({put(KEY, "new")});
+        const std::string top = ROOT + (child_reads ? ".reads" : ".exits"), lock = "LKRT." + top;
+        const std::string first = top + ".A", later = top + ".L.x";
+        apply({put(first, "old"), put(later, "old")});
+        ASSERT_EQ(locks.exclusive(lock.c_str()), 0);
+        EXPECT_EQ(keys.read(first), "old");
+        apply({put(first, "new")});
         child_process child([&](const meeting &) {
             if (!child_reads) exit(0);
             (void)keyview_host_set_lock_wait(0);
-            if (keys.read(KEY) != "new") return 1;
-            return locks.shared(SALES_LOCK) == 0 ? 2 : 0;  // the parent's
+            if (keys.read(first) != "new") return 1;
+            return locks.shared(lock.c_str()) == 0 ? 2 : 0;  // the parent's
         });
         EXPECT_EQ(child.status(), 0);
-        EXPECT_EQ(keys.read(KEY), "old");
+        EXPECT_EQ(keys.read(first), "old");
         for (int round = 0; round < 20; ++round)
-            write_all(std::to_string(round));
-        EXPECT_EQ(keys.read(paths[4]), "old") << "looked up now";
-        EXPECT_EQ(locks.unlock(SALES_LOCK), 0);
+            apply({put(first, std::to_string(round)), put(later, std::to_string(round))});
+        EXPECT_EQ(keys.read(later), "old") << "looked up now";
+        EXPECT_EQ(locks.unlock(lock.c_str()), 0);
     }
 }
 
