@@ -193,7 +193,7 @@ TEST(Session, CallsRenewTheLeasesInUseAsTheyBecomeDue) {
             other.keep_alive();
         }
     };
-    call_until(900);
+    call_until(800);
     EXPECT_EQ(member.renewed(), ids());
     call_until(1800);
     EXPECT_EQ(member.renewed(), ids{held->id});
