@@ -1,5 +1,5 @@
 // What the locks of one machine ask of the system: its calls counted, failing on purpose, and seen by those
-// who wait.
+// who wait; and the words at the head of their file.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -75,7 +75,8 @@ TEST_F(Snapshot, CoversWhatTheNameOfItsLockSays) {
     }
 }
 
-// Also where the order of the reads is known from the time before: ROOT and then SALES under the outer lock.
+// Whichever lock came first; also where the order of the reads is known from the time before: ROOT and then
+// SALES under the outer lock.
 TEST_F(Snapshot, TheClosestLockShowsItsOwnMoment) {
     for (const char *first : {SALES_LOCK, ALL_LOCK}) {
         write_all("old");
